@@ -1,0 +1,15 @@
+# One interface target carries the flags that every target of the project is compiled with.
+add_library(vexo_flags INTERFACE)
+target_compile_options(vexo_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(VEXO_WARNINGS_AS_ERRORS)
+    target_compile_options(vexo_flags INTERFACE -Werror)
+endif()
+if(VEXO_SANITIZE)
+    target_compile_options(vexo_flags INTERFACE -fsanitize=${VEXO_SANITIZE} -fno-omit-frame-pointer
+                                                -fno-sanitize-recover=all)
+    target_link_options(vexo_flags INTERFACE -fsanitize=${VEXO_SANITIZE})
+endif()
+if(VEXO_COVERAGE)
+    target_compile_options(vexo_flags INTERFACE --coverage -O0)
+    target_link_options(vexo_flags INTERFACE --coverage)
+endif()

@@ -1,0 +1,29 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS vexo_zce_md EXPORT VexoZceMdTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT dev)
+install(FILES include/VexoZceMdApi.h include/VexoZceUtil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+
+# The simulated card: where no loader looks by itself, so that it is never mistaken for the card's own library.
+install(TARGETS vexo_sim_hw LIBRARY DESTINATION ${VEXO_SIM_INSTALL_DIR} COMPONENT sim)
+install(DIRECTORY sim/include/enyx-sim DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT sim)
+
+# Linking an application resolves what the library itself needs; any libenyx-hw-c does for that.
+if(ENYX_HW_ROOT)
+    set(VEXO_HW_RPATH_LINK ${VEXO_HW_LINK_DIR})
+    set(VEXO_HW_RPATH_LINK_CMAKE ${VEXO_HW_LINK_DIR})
+else()
+    set(VEXO_HW_RPATH_LINK "\${prefix}/${VEXO_SIM_INSTALL_DIR}")
+    set(VEXO_HW_RPATH_LINK_CMAKE "\${PACKAGE_PREFIX_DIR}/${VEXO_SIM_INSTALL_DIR}")
+endif()
+
+configure_file(cmake/vexo-zce-md.pc.in ${PROJECT_BINARY_DIR}/vexo-zce-md.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vexo-zce-md.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+set(VEXO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VexoZceMd)
+install(EXPORT VexoZceMdTargets NAMESPACE VexoZceMd:: DESTINATION ${VEXO_CMAKE_DIR} COMPONENT dev)
+configure_package_config_file(cmake/VexoZceMdConfig.cmake.in ${PROJECT_BINARY_DIR}/VexoZceMdConfig.cmake
+                              INSTALL_DESTINATION ${VEXO_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VexoZceMdConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/VexoZceMdConfig.cmake ${PROJECT_BINARY_DIR}/VexoZceMdConfigVersion.cmake
+        DESTINATION ${VEXO_CMAKE_DIR} COMPONENT dev)

@@ -1,0 +1,153 @@
+#include "card/Card.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "card/ContractMap.h"
+#include "card/Feed.h"
+#include "card/InstrumentList.h"
+#include "card/Registers.h"
+#include "card/StaticData.h"
+#include "card/Tables.h"
+
+namespace vexo_sim {
+namespace {
+
+// A step back of the host's clock (a test's fake clock, mostly) must not stop the card for as long.
+void moveClock(CardState& s, const CardTime& now) {
+    if (now.monotonicNs > s.now.monotonicNs) s.clockNs += now.monotonicNs - s.now.monotonicNs;
+    s.now = now;
+}
+
+void forgetEverything(CardState& s) {
+    s.registers = RegisterState{};
+    s.registers.pinnedTime[0] = s.registers.pinnedTime[1] = kClockRuns;
+    for (TableState& table : s.tables) std::memset(&table, 0, sizeof table);
+    s.map = MapState{};
+    for (DownStreamState& stream : s.down) stream = DownStreamState{};
+    for (UpStreamState& stream : s.up) {
+        stream.open = false;
+        stream.packets = stream.backPressure = stream.fifoErrors = stream.errors = stream.headSequence = 0;
+        stream.quoteSequence = 0;
+        ring::init(stream.ring, s.config.ringBytes);
+    }
+}
+
+}  // namespace
+
+bool isValid(const CardConfig& c) {
+    const bool ring = c.ringBytes >= kMinRingBytes && c.ringBytes <= kMaxRingBytes;
+    const bool mtu = c.mtu >= kMinMtu && c.mtu <= kMaxMtu;
+    return ring && mtu && c.mtu <= ring::largestPacket(ring::capacityFor(c.ringBytes)) &&
+           c.quotesPerSecond <= kMaxQuotesPerSecond && c.learningMs <= kMaxMilliseconds &&
+           c.staticRoundMs >= 1 && c.staticRoundMs <= kMaxMilliseconds && c.mapMessagesPerPacket >= 1 &&
+           c.mapRoundMs >= 1 && c.mapRoundMs <= kMaxMilliseconds && c.instruments <= InstrumentChoice::kNone;
+}
+
+void Card::powerOn(const CardConfig& config, const CardTime& now) {
+    CardState& s = m_state;
+    s.config = config;
+    s.now = now;
+    s.clockNs = 0;
+    forgetEverything(s);
+    s.parser.count = makeInstrumentList(config.instruments, config.listDate != 0 ? config.listDate : now.date,
+                                        s.parser.instruments);
+    feed::powerOn(s);
+    static_data::restart(s);
+}
+
+bool Card::replaceInstruments(const Instrument* instruments, std::size_t count) {
+    if (!isValidList(instruments, count)) return false;
+    std::copy(instruments, instruments + count, m_state.parser.instruments);
+    m_state.parser.count = static_cast<std::uint32_t>(count);
+    reset();
+    return true;
+}
+
+void Card::reset() {
+    m_state.registers.heldInReset = false;
+    m_state.registers.stored[card_reg::kReset] = 0;
+    registers::forgetSwitches(m_state);
+    static_data::restart(m_state);
+}
+
+bool Card::write(std::uint64_t byteAddress, std::uint32_t bitOffset, std::uint32_t bitWidth, std::uint64_t value) {
+    return registers::writeField(m_state, byteAddress, bitOffset, bitWidth, value);
+}
+
+bool Card::read(std::uint64_t byteAddress, std::uint32_t bitOffset, std::uint32_t bitWidth, std::uint64_t& value) {
+    return registers::readField(m_state, byteAddress, bitOffset, bitWidth, value);
+}
+
+void Card::advance(const CardTime& now) {
+    moveClock(m_state, now);
+    if (m_state.clockNs >= m_state.nextDueNs) runDue();
+}
+
+void Card::runDue() {
+    CardState& s = m_state;
+    if (s.registers.heldInReset) {
+        s.nextDueNs = kNever;
+        return;
+    }
+    s.nextDueNs = kNever;  // each step below may ask for an earlier moment
+    static_data::advance(s);
+    contract_map::advance(s);
+    feed::advance(s);
+}
+
+bool Card::openUp(std::uint32_t channel) {
+    UpStreamState& stream = m_state.up[channel];
+    if (stream.open) return false;
+    stream.open = true;
+    contract_map::refresh(m_state);
+    return true;
+}
+
+void Card::closeUp(std::uint32_t channel) {
+    UpStreamState& stream = m_state.up[channel];
+    stream.open = false;
+    stream.packets = stream.backPressure = stream.fifoErrors = stream.errors = 0;
+    ring::drain(stream.ring);
+    contract_map::refresh(m_state);
+}
+
+bool Card::push(std::uint32_t channel, const void* data, std::uint32_t size) {
+    if (size > m_state.config.mtu) return false;
+    UpStreamState& stream = m_state.up[channel];
+    unsigned char* room = ring::reserve(stream.ring, size);
+    if (room == nullptr) {
+        ++stream.backPressure;
+        return false;
+    }
+    if (size > 0) std::memcpy(room, data, size);
+    ring::commit(stream.ring, size);
+    ++stream.packets;
+    return true;
+}
+
+bool Card::openDown(std::uint32_t channel) {
+    DownStreamState& stream = m_state.down[channel];
+    if (stream.open) return false;
+    stream.open = true;
+    return true;
+}
+
+bool Card::send(std::uint32_t channel, std::uint32_t size) {
+    DownStreamState& stream = m_state.down[channel];
+    if (stream.busySends > 0) {
+        if (stream.busySends != kSendsForGood) --stream.busySends;
+        return false;
+    }
+    ++stream.packets;
+    stream.bytes += size;
+    return true;
+}
+
+void Card::pauseFeed(bool paused) {
+    m_state.feed.paused = paused;
+    feed::refresh(m_state);
+    contract_map::refresh(m_state);
+}
+
+}  // namespace vexo_sim

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "card/CardState.h"
+
+namespace vexo_sim {
+
+/// The card: behaviour over a plain state that somebody else owns. It makes no system call, allocates nothing, and
+/// does the same for the same seed and sequence of calls.
+///
+/// One caller at a time, with one exception: the reader of a stream may peek() and release() its packets while
+/// another thread or process calls anything else.
+class Card {
+public:
+    explicit Card(CardState& state) : m_state(state) {}
+
+    /// Switches the card on: everything is forgotten, the built-in instrument list is made, learning starts.
+    /// @p config must be valid (isValid()).
+    void powerOn(const CardConfig& config, const CardTime& now);
+    /// Other instruments than the built-in ones, which the card then learns as after a reset.
+    /// @return false, with nothing changed, when a row is beyond the table, an id is empty or does not fit, two
+    ///         instruments share a row, or there are more than the tables hold.
+    bool replaceInstruments(const Instrument* instruments, std::size_t count);
+    /// What a reset of the root core does: instruments, masks and switches are forgotten; learning starts again.
+    void reset();
+
+    /// One access of a field of @p bitWidth bits (8, 16 ... 64) at @p byteAddress, @p bitOffset bits further.
+    /// @return false when there is no such field.
+    bool write(std::uint64_t byteAddress, std::uint32_t bitOffset, std::uint32_t bitWidth, std::uint64_t value);
+    bool read(std::uint64_t byteAddress, std::uint32_t bitOffset, std::uint32_t bitWidth, std::uint64_t& value);
+
+    /// Lets the card do all that is due up to @p now, within limits: after a long pause it does not send what
+    /// nobody was there to see.
+    void advance(const CardTime& now);
+
+    /// A stream that is not open receives nothing and counts nothing.
+    /// @return false when the stream is open already.
+    bool openUp(std::uint32_t channel);
+    /// Forgets what was not read, and the counters.
+    void closeUp(std::uint32_t channel);
+    PacketView peek(std::uint32_t channel) { return ring::peek(m_state.up[channel].ring); }
+    void release(std::uint32_t channel) { ring::release(m_state.up[channel].ring); }
+    /// Puts bytes into a stream as they are, open or not.
+    /// @return false when they are longer than the MTU or the ring is full; the latter counts as back-pressure.
+    bool push(std::uint32_t channel, const void* data, std::uint32_t size);
+
+    bool openDown(std::uint32_t channel);
+    void closeDown(std::uint32_t channel) { m_state.down[channel].open = false; }
+    /// @return false while the stream is busy.
+    bool send(std::uint32_t channel, std::uint32_t size);
+
+    /// Stops and starts all that the card sends by itself: quotes and contract-map packets.
+    void pauseFeed(bool paused);
+
+    CardState& state() { return m_state; }
+    const CardState& state() const { return m_state; }
+
+private:
+    void runDue();
+
+    CardState& m_state;
+};
+
+}  // namespace vexo_sim

@@ -1,0 +1,125 @@
+#pragma once
+
+#include <cstdint>
+#include <type_traits>
+
+#include "DrvEnyx/CardRegisters.h"
+#include "card/CardConfig.h"
+#include "card/CardTime.h"
+#include "card/StreamRing.h"
+
+namespace vexo_sim {
+
+inline constexpr std::uint32_t kTables = 2;
+inline constexpr std::uint32_t kMaxInstruments = kTables * card_reg::kRows;
+inline constexpr std::uint32_t kIdCapacity = 32;          // characters, terminating zero included
+inline constexpr std::uint16_t kNoInstrument = 0xFFFF;
+inline constexpr std::uint64_t kNever = ~std::uint64_t{0};
+inline constexpr std::uint32_t kSendsForGood = ~std::uint32_t{0};
+
+/// One line of the static data: which row of which table the exchange's instrument has on this card.
+struct Instrument {
+    char id[kIdCapacity] = {};  // zero-filled; a row holds its first 16 characters
+    std::uint16_t row = 0;
+    std::uint8_t table = 0;     // card_reg::kSingleLegTable or kCombinationTable
+};
+
+/// Running prices of one instrument; every amount of money in 1/10000 yuan.
+struct PriceWalk {
+    std::int64_t last;
+    std::int64_t tick;
+    std::int64_t lowerLimit;
+    std::int64_t upperLimit;
+    std::int64_t turnover;
+    std::uint64_t totalVolume;
+    std::uint64_t openInterest;
+    std::uint32_t lotSize;
+};
+
+/// Registers that keep a value. Read-only ones answer from the configuration, the clock or the counters.
+struct RegisterState {
+    static constexpr std::uint32_t kStored = 0x400;  // word addresses below this: control, versions, network
+    std::uint32_t stored[kStored];
+    bool heldInReset;
+    bool verdictPending;        // software version written, verdict not yet read
+    std::uint32_t pinnedTime[2];  // kClockRuns, or what 0x104 / 0x105 show instead of the clock
+};
+inline constexpr std::uint32_t kClockRuns = ~std::uint32_t{0};
+
+struct TableState {
+    std::uint32_t words[card_reg::kRows][card_reg::kWordsPerRow];
+    std::uint32_t command;
+    std::uint32_t data;
+    std::uint32_t select;
+    std::uint16_t instrumentOfRow[card_reg::kRows];   // position in the static data, or kNoInstrument
+    std::uint64_t overwrittenIds[card_reg::kRows / 64];  // bitmap: learned rows whose id words the host changed
+    std::uint64_t maskRefused[card_reg::kRows / 64];     // bitmap: broken rows that do not take a mask
+};
+
+struct ParserState {
+    Instrument instruments[kMaxInstruments];  // the static data, in the order it is learned
+    std::uint32_t count;
+    std::uint32_t learned;                    // the first `learned` instruments are known
+    std::uint64_t startNs;                    // end of the last reset, or power-on
+    std::uint64_t nextRoundNs;                // kNever while no id needs repair
+    std::uint32_t counters[8];                // messages, instruments, bytes, words; single-leg then combination
+};
+
+struct MapState {
+    bool active;
+    std::uint32_t cursor;  // next instrument to announce
+    std::uint64_t dueNs;
+};
+
+struct FeedState {
+    bool active;
+    bool paused;            // by the card's owner: neither quotes nor contract-map packets
+    std::uint64_t random;
+    std::uint64_t lastNs;
+    std::uint64_t credit;   // packets owed, in 1/10^9
+    std::uint32_t cursor;
+    std::uint32_t pass;
+    std::uint32_t subscribedCount;
+    std::uint16_t subscribed[kMaxInstruments];  // instruments with a mask, in no order
+    std::uint16_t position[kMaxInstruments];    // of an instrument in `subscribed`, or kNoInstrument
+    PriceWalk prices[kMaxInstruments];
+};
+
+/// Card to host. Everything but the ring is touched only by whoever advances the card.
+struct UpStreamState {
+    bool open;
+    std::uint32_t packets;       // put into the ring
+    std::uint32_t backPressure;  // lost because the ring was full
+    std::uint32_t fifoErrors;
+    std::uint32_t errors;
+    std::uint32_t headSequence;
+    std::uint64_t quoteSequence;
+    RingState ring;
+};
+
+/// Host to card.
+struct DownStreamState {
+    bool open;
+    std::uint64_t packets;
+    std::uint64_t bytes;
+    std::uint32_t busySends;  // that many sends still find the stream busy; kSendsForGood = all
+};
+
+/// All of a card. No pointer and no resource inside: zero bytes are a valid card that is switched off, so the
+/// state may live on the heap or in memory shared between processes.
+struct CardState {
+    CardConfig config;
+    CardTime now;             // last moment the card was advanced to
+    std::uint64_t clockNs;    // time since power-on, the card's own clock
+    std::uint64_t nextDueNs;  // nothing happens on the card before that
+    RegisterState registers;
+    TableState tables[kTables];
+    ParserState parser;
+    MapState map;
+    FeedState feed;
+    DownStreamState down[kStreams];
+    UpStreamState up[kStreams];
+};
+static_assert(std::is_standard_layout_v<CardState> && std::is_trivially_destructible_v<CardState>);
+
+}  // namespace vexo_sim

@@ -1,0 +1,101 @@
+#include "card/ContractMap.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "card/Schedule.h"
+#include "enyx-sim/md_payload.h"
+
+namespace vexo_sim::contract_map {
+namespace {
+
+// Packet: head (12), length of the message area (2, big-endian), messages.
+// Message: its length (2, big-endian), [number of learned instruments (4, big-endian), first message only],
+// table (1), row (2, big-endian), id without terminator.
+constexpr std::uint32_t kPacketType = 2;
+constexpr std::uint32_t kAreaOffset = 14;
+constexpr std::uint32_t kFirstHeader = 9;
+constexpr std::uint32_t kHeader = 5;
+constexpr std::uint32_t kMaxArea = 0xFFFF;
+
+bool mayTransmit(const CardState& s) {
+    return s.registers.stored[card_reg::kMapTransmit] == 1 && !s.feed.paused && s.up[0].open &&
+           s.parser.learned > 0 && !s.registers.heldInReset;
+}
+
+unsigned char* put16(unsigned char* at, std::uint32_t value) {
+    at[0] = static_cast<unsigned char>(value >> 8);
+    at[1] = static_cast<unsigned char>(value);
+    return at + 2;
+}
+
+unsigned char* put32(unsigned char* at, std::uint32_t value) { return put16(put16(at, value >> 16), value & 0xFFFF); }
+
+unsigned char* putMessage(unsigned char* at, const CardState& s, const Instrument& instrument, bool first) {
+    const std::uint32_t idLength = static_cast<std::uint32_t>(std::strlen(instrument.id));
+    at = put16(at, (first ? kFirstHeader : kHeader) + idLength);
+    if (first) at = put32(at, s.parser.learned);
+    *at++ = instrument.table;
+    at = put16(at, instrument.row);
+    std::memcpy(at, instrument.id, idLength);
+    return at + idLength;
+}
+
+std::uint32_t packetsPerRound(const CardState& s) {
+    return (s.parser.learned + s.config.mapMessagesPerPacket - 1) / s.config.mapMessagesPerPacket;
+}
+
+// Messages from the cursor on, until the packet is full or the round ends. Returns the packet's length.
+std::uint32_t fillPacket(CardState& s, unsigned char* packet) {
+    const std::uint32_t limit = std::min(s.config.mtu, kAreaOffset + kMaxArea);
+    unsigned char* at = packet + kAreaOffset;
+    for (std::uint32_t n = 0; n < s.config.mapMessagesPerPacket && s.map.cursor < s.parser.learned; ++n) {
+        const Instrument& instrument = s.parser.instruments[s.map.cursor];
+        const std::size_t used = static_cast<std::size_t>(at - packet);
+        if (used + kFirstHeader + std::strlen(instrument.id) > limit) break;
+        at = putMessage(at, s, instrument, n == 0);
+        ++s.map.cursor;
+    }
+    if (s.map.cursor >= s.parser.learned) s.map.cursor = 0;
+    const std::uint32_t length = static_cast<std::uint32_t>(at - packet);
+    put16(packet + 12, length - kAreaOffset);
+    return length;
+}
+
+bool sendPacket(CardState& s) {
+    UpStreamState& stream = s.up[0];
+    unsigned char* packet = ring::reserve(stream.ring, s.config.mtu);
+    if (packet == nullptr) return false;
+    const std::uint32_t length = fillPacket(s, packet);
+    const enyx_sim::PacketHead head{kPacketType, length, ++stream.headSequence};
+    std::memcpy(packet, &head, sizeof head);
+    ring::commit(stream.ring, length);
+    ++stream.packets;
+    return true;
+}
+
+}  // namespace
+
+void refresh(CardState& s) {
+    const bool active = mayTransmit(s);
+    if (active && !s.map.active) {
+        s.map.cursor = 0;
+        s.map.dueNs = s.clockNs;
+        wakeAt(s, s.map.dueNs);
+    }
+    s.map.active = active;
+}
+
+void advance(CardState& s) {
+    MapState& map = s.map;
+    if (!map.active) return;
+    const std::uint32_t most = packetsPerRound(s);
+    const std::uint64_t interval = nsFromMs(s.config.mapRoundMs) / most;
+    std::uint32_t sent = 0;
+    // A full ring only delays: the same messages are tried again at the next look.
+    for (; sent < most && s.clockNs >= map.dueNs && sendPacket(s); ++sent) map.dueNs += interval;
+    if (sent == most) map.dueNs = std::max(map.dueNs, s.clockNs + interval);
+    wakeAt(s, map.dueNs);
+}
+
+}  // namespace vexo_sim::contract_map

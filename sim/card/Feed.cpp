@@ -1,0 +1,210 @@
+#include "card/Feed.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+#include "card/PriceModel.h"
+#include "card/Registers.h"
+#include "card/Schedule.h"
+#include "enyx-sim/md_payload.h"
+
+namespace vexo_sim::feed {
+namespace {
+
+constexpr std::uint32_t kChannelBits = 0xFFFF;
+constexpr std::uint32_t kMostPerAdvance = 4096;
+constexpr std::uint64_t kCreditPerPacket = 1'000'000'000;
+constexpr std::uint64_t kLongestGapNs = 1'000'000'000;
+
+struct QuotePacket {
+    enyx_sim::PacketHead head;
+    union {
+        enyx_sim::QuoteCommon common;
+        enyx_sim::Level1Quote level1;
+        enyx_sim::Level5Quote level5;
+    };
+};
+
+bool mayQuote(const CardState& s) {
+    return s.registers.stored[card_reg::kDecodeSwitch] != 0 && s.config.quotesPerSecond != 0 && !s.feed.paused &&
+           s.feed.subscribedCount > 0 && !s.registers.heldInReset;
+}
+
+void subscribe(FeedState& feed, std::uint16_t number) {
+    if (feed.position[number] != kNoInstrument) return;
+    feed.position[number] = static_cast<std::uint16_t>(feed.subscribedCount);
+    feed.subscribed[feed.subscribedCount++] = number;
+}
+
+void unsubscribe(FeedState& feed, std::uint16_t number) {
+    const std::uint16_t hole = feed.position[number];
+    if (hole == kNoInstrument) return;
+    const std::uint16_t last = feed.subscribed[--feed.subscribedCount];
+    feed.subscribed[hole] = last;
+    feed.position[last] = hole;
+    feed.position[number] = kNoInstrument;
+}
+
+// Rows take turns. With both levels on, a row's level changes from one pass to the next, so that two passes show all.
+std::uint32_t nextLevel(const CardState& s) {
+    const std::uint32_t on = s.registers.stored[card_reg::kDecodeSwitch];
+    const bool level1 = (on & card_reg::kSwitchLevel1) != 0;
+    const bool level5 = (on & card_reg::kSwitchLevel5) != 0;
+    if (level1 && level5) return (s.feed.cursor + s.feed.pass) % 2 == 0 ? 1 : 5;
+    return level1 ? 1 : level5 ? 5 : 0;
+}
+
+std::uint16_t nextInstrument(FeedState& feed) {
+    if (feed.cursor >= feed.subscribedCount) {
+        feed.cursor = 0;
+        ++feed.pass;
+    }
+    return feed.subscribed[feed.cursor];
+}
+
+void fillCommon(const CardState& s, std::uint16_t number, std::uint32_t level, enyx_sim::QuoteCommon& quote) {
+    const Instrument& instrument = s.parser.instruments[number];
+    const PriceWalk& prices = s.feed.prices[number];
+    static_assert(sizeof quote.id == sizeof instrument.id, "an id is copied whole");
+    std::memcpy(quote.id, instrument.id, sizeof quote.id);
+    quote.instrumentIndex = instrument.row;
+    quote.table = instrument.table;
+    quote.level = static_cast<std::uint8_t>(level);
+    quote.exchangeDate = s.now.date;
+    quote.exchangeTime = registers::exchangeTime(s);
+    quote.exchangeMillis = s.now.millis;
+    quote.lastPrice = prices.last;
+    quote.upperLimit = prices.upperLimit;
+    quote.lowerLimit = prices.lowerLimit;
+    quote.turnover = prices.turnover;
+    quote.totalVolume = prices.totalVolume;
+    quote.openInterest = prices.openInterest;
+}
+
+std::uint32_t packetType(std::uint32_t table, std::uint32_t level) {
+    constexpr std::uint32_t kLevel1SingleLeg = 17;
+    return kLevel1SingleLeg + table * 2 + (level == 5 ? 1 : 0);
+}
+
+std::uint32_t makePacket(CardState& s, std::uint16_t number, std::uint32_t level, QuotePacket& packet) {
+    PriceWalk& prices = s.feed.prices[number];
+    const BookEdge edge = walk(prices, s.feed.random);
+    fillCommon(s, number, level, packet.common);
+    std::uint32_t length = sizeof(enyx_sim::PacketHead);
+    if (level == 1) {
+        packet.level1.bidPrice = edge.bid;
+        packet.level1.askPrice = edge.ask;
+        packet.level1.bidVolume = edge.bidVolume[0];
+        packet.level1.askVolume = edge.askVolume[0];
+        length += static_cast<std::uint32_t>(sizeof packet.level1);
+    } else {
+        for (int depth = 0; depth < enyx_sim::kDepth; ++depth) {
+            packet.level5.bidPrice[depth] = edge.bid - depth * prices.tick;
+            packet.level5.askPrice[depth] = edge.ask + depth * prices.tick;
+            packet.level5.bidVolume[depth] = edge.bidVolume[depth];
+            packet.level5.askVolume[depth] = edge.askVolume[depth];
+        }
+        length += static_cast<std::uint32_t>(sizeof packet.level5);
+    }
+    packet.head.type = packetType(s.parser.instruments[number].table, level);
+    packet.head.length = length;
+    return length;
+}
+
+void deliver(UpStreamState& stream, QuotePacket& packet, std::uint32_t length) {
+    packet.head.sequence = ++stream.headSequence;
+    packet.common.sequence = ++stream.quoteSequence;
+    unsigned char* room = ring::reserve(stream.ring, length);
+    if (room == nullptr) {
+        ++stream.backPressure;
+        return;
+    }
+    std::memcpy(room, &packet, length);
+    ring::commit(stream.ring, length);
+    ++stream.packets;
+}
+
+std::uint32_t openStreams(const CardState& s) {
+    std::uint32_t open = 0;
+    for (std::uint32_t channel = 0; channel < kStreams; ++channel)
+        if (s.up[channel].open) open |= std::uint32_t{1} << channel;
+    return open;
+}
+
+void quoteNext(CardState& s, std::uint32_t open) {
+    const std::uint16_t number = nextInstrument(s.feed);
+    const std::uint32_t level = nextLevel(s);
+    ++s.feed.cursor;
+    const Instrument& instrument = s.parser.instruments[number];
+    std::uint32_t targets = s.tables[instrument.table].words[instrument.row][card_reg::kMaskWord] & open;
+    if (targets == 0 || level == 0) return;
+    QuotePacket packet;
+    const std::uint32_t length = makePacket(s, number, level, packet);
+    for (std::uint32_t channel = 0; targets != 0; ++channel, targets >>= 1)
+        if ((targets & 1) != 0) deliver(s.up[channel], packet, length);
+}
+
+// Quotes owed since the last look. A pause of more than a second is not made up for.
+std::uint64_t takeDue(CardState& s) {
+    FeedState& feed = s.feed;
+    const std::uint64_t elapsed = std::min(s.clockNs - feed.lastNs, kLongestGapNs);
+    feed.lastNs = s.clockNs;
+    feed.credit += elapsed * s.config.quotesPerSecond;
+    const std::uint64_t due = feed.credit / kCreditPerPacket;
+    feed.credit %= kCreditPerPacket;
+    return std::min<std::uint64_t>(due, kMostPerAdvance);
+}
+
+std::uint64_t nextQuoteNs(const CardState& s) {
+    const std::uint64_t rate = s.config.quotesPerSecond;
+    return s.clockNs + (kCreditPerPacket - s.feed.credit + rate - 1) / rate;
+}
+
+}  // namespace
+
+void powerOn(CardState& s) {
+    s.feed.active = s.feed.paused = false;
+    s.feed.random = s.config.seed * 0x9E3779B97F4A7C15U + 0x2545F4914F6CDD1DU;
+    s.feed.cursor = s.feed.pass = 0;
+    forgetInstruments(s);
+}
+
+void refresh(CardState& s) {
+    const bool active = mayQuote(s);
+    if (active && !s.feed.active) {
+        s.feed.lastNs = s.clockNs;
+        s.feed.credit = 0;
+        wakeAt(s, nextQuoteNs(s));
+    }
+    s.feed.active = active;
+}
+
+void forgetInstruments(CardState& s) {
+    s.feed.subscribedCount = 0;
+    std::fill(std::begin(s.feed.position), std::end(s.feed.position), kNoInstrument);
+    refresh(s);
+}
+
+void instrumentLearned(CardState& s, std::uint32_t number) {
+    const Instrument& instrument = s.parser.instruments[number];
+    s.feed.prices[number] = openingPrices(instrument.id, s.config.seed);
+    maskChanged(s, instrument.table, instrument.row);
+}
+
+void maskChanged(CardState& s, std::uint32_t table, std::uint32_t row) {
+    const std::uint16_t number = s.tables[table].instrumentOfRow[row];
+    if (number == kNoInstrument) return;
+    const bool wanted = (s.tables[table].words[row][card_reg::kMaskWord] & kChannelBits) != 0;
+    wanted ? subscribe(s.feed, number) : unsubscribe(s.feed, number);
+    refresh(s);
+}
+
+void advance(CardState& s) {
+    if (!s.feed.active) return;
+    const std::uint32_t open = openStreams(s);
+    for (std::uint64_t due = takeDue(s); due > 0; --due) quoteNext(s, open);
+    wakeAt(s, nextQuoteNs(s));
+}
+
+}  // namespace vexo_sim::feed

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+
+#include "card/CardState.h"
+
+namespace vexo_sim {
+
+/// The two sides of the book after a step of the walk. The prices behind the best ones lie one tick apart.
+struct BookEdge {
+    std::int64_t bid;
+    std::int64_t ask;
+    std::uint32_t bidVolume[5];
+    std::uint32_t askVolume[5];
+};
+
+/// Prices, limits and volumes that an instrument opens the day with; a function of its id and the card's seed only.
+PriceWalk openingPrices(const char* id, std::uint64_t seed);
+
+/// One trade: the price moves by a few ticks, volume and turnover grow. All five prices of both sides stay inside
+/// the daily limits.
+BookEdge walk(PriceWalk& prices, std::uint64_t& random);
+
+/// Next number of the generator whose state is @p random.
+std::uint64_t nextRandom(std::uint64_t& random);
+
+}  // namespace vexo_sim

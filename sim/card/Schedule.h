@@ -1,0 +1,15 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+
+#include "card/CardState.h"
+
+namespace vexo_sim {
+
+/// Makes sure that the card looks at its work again at @p ns of its own clock, or earlier.
+inline void wakeAt(CardState& s, std::uint64_t ns) { s.nextDueNs = std::min(s.nextDueNs, ns); }
+
+inline std::uint64_t nsFromMs(std::uint32_t ms) { return std::uint64_t{ms} * 1'000'000; }
+
+}  // namespace vexo_sim

@@ -1,0 +1,90 @@
+#include "card/StreamRing.h"
+
+#include <cstring>
+
+namespace vexo_sim::ring {
+namespace {
+
+// Each packet is preceded by its size; both start on 8 bytes. The marker sends the reader back to the start.
+constexpr std::uint64_t kPrefix = 8;
+constexpr std::uint32_t kWrapMarker = 0xFFFFFFFF;
+
+std::uint64_t footprint(std::uint32_t size) { return kPrefix + ((std::uint64_t{size} + 7) & ~std::uint64_t{7}); }
+
+std::uint64_t offsetOf(const RingState& ring, std::uint64_t position) { return position & (ring.capacity - 1); }
+
+void storeSize(RingState& ring, std::uint64_t position, std::uint32_t size) {
+    std::memcpy(ring.bytes + offsetOf(ring, position), &size, sizeof size);
+}
+
+std::uint32_t loadSize(const RingState& ring, std::uint64_t position) {
+    std::uint32_t size;
+    std::memcpy(&size, ring.bytes + offsetOf(ring, position), sizeof size);
+    return size;
+}
+
+bool hasRoom(RingState& ring, std::uint64_t end) {
+    if (end - ring.tailSeen <= ring.capacity) return true;
+    ring.tailSeen = ring.tail.load(std::memory_order_acquire);
+    return end - ring.tailSeen <= ring.capacity;
+}
+
+}  // namespace
+
+void init(RingState& ring, std::uint32_t capacityBytes) {
+    ring.capacity = capacityFor(capacityBytes);
+    ring.tailSeen = ring.headSeen = ring.reserved = 0;
+    ring.tail.store(0, std::memory_order_relaxed);
+    ring.head.store(0, std::memory_order_release);
+}
+
+unsigned char* reserve(RingState& ring, std::uint32_t size) {
+    const std::uint64_t head = ring.head.load(std::memory_order_relaxed);
+    const std::uint64_t offset = offsetOf(ring, head);
+    const bool wraps = offset + footprint(size) > ring.capacity;
+    const std::uint64_t start = wraps ? head + (ring.capacity - offset) : head;
+    if (!hasRoom(ring, start + footprint(size))) return nullptr;
+    if (wraps) storeSize(ring, head, kWrapMarker);
+    ring.reserved = start;
+    return ring.bytes + offsetOf(ring, start) + kPrefix;
+}
+
+void commit(RingState& ring, std::uint32_t size) {
+    storeSize(ring, ring.reserved, size);
+    ring.head.store(ring.reserved + footprint(size), std::memory_order_release);
+}
+
+PacketView peek(RingState& ring) {
+    std::uint64_t tail = ring.tail.load(std::memory_order_relaxed);
+    if (tail == ring.headSeen) {
+        ring.headSeen = ring.head.load(std::memory_order_acquire);
+        if (tail == ring.headSeen) return {};
+    }
+    std::uint32_t size = loadSize(ring, tail);
+    if (size == kWrapMarker) {
+        tail += ring.capacity - offsetOf(ring, tail);
+        ring.tail.store(tail, std::memory_order_release);
+        size = loadSize(ring, tail);
+    }
+    return {ring.bytes + offsetOf(ring, tail) + kPrefix, size};
+}
+
+void release(RingState& ring) {
+    const std::uint64_t tail = ring.tail.load(std::memory_order_relaxed);
+    ring.tail.store(tail + footprint(loadSize(ring, tail)), std::memory_order_release);
+}
+
+void drain(RingState& ring) {
+    ring.headSeen = ring.head.load(std::memory_order_acquire);
+    ring.tail.store(ring.headSeen, std::memory_order_release);
+}
+
+std::uint32_t capacityFor(std::uint32_t bytes) {
+    std::uint32_t capacity = kMinRingBytes;
+    while (capacity < bytes && capacity < kMaxRingBytes) capacity *= 2;
+    return capacity;
+}
+
+std::uint32_t largestPacket(std::uint32_t capacity) { return capacity / 2 - std::uint32_t{kPrefix}; }
+
+}  // namespace vexo_sim::ring

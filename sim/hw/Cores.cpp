@@ -1,0 +1,117 @@
+#include "hw/Cards.h"
+#include "hw/Hooks.h"
+
+namespace vexo_sim {
+namespace {
+
+int report(int error) {
+    if (error == 0) return 0;
+    errno = error;
+    return -1;
+}
+
+enyx_hw_core_tree* readTree(enyx_hw_mmio* mmio) { return usable(mmio) ? &mmio->tree : nullptr; }
+
+enyx_hw_core* rootOf(enyx_hw_core_tree* tree) { return usable(tree) ? &tree->mmio->root : nullptr; }
+
+// The card's logic is one piece: a reset of either core resets it all.
+int resetCore(enyx_hw_core* core) {
+    if (!usable(core)) return -1;
+    CardAccess(*core->mmio->card)->reset();
+    return 0;
+}
+
+ssize_t findCores(enyx_hw_core* root, std::uint16_t hardwareId, enyx_hw_core** cores, std::size_t room) {
+    if (!usable(root)) return -1;
+    if (cores == nullptr && room > 0) return report(EINVAL);
+    if (root->hardwareId != kRootCoreId || hardwareId != kRegisterCoreId) {
+        errno = ENOENT;
+        return 0;
+    }
+    if (room > 0) cores[0] = &root->mmio->registers;
+    return 1;
+}
+
+CoreLock& lockOf(enyx_hw_core* core) {
+    EmbeddedCard& card = *core->mmio->card;
+    return core->hardwareId == kRootCoreId ? card.rootLock : card.registerLock;
+}
+
+int lockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).lock()) : -1; }
+
+int unlockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).unlock()) : -1; }
+
+// Whether a field lies in the exchange-time registers, whose readers want this very moment.
+bool showsTime(const enyx_hw_register_description& field) {
+    return field.address / 4 >= card_reg::kExchangeTimeA && field.address / 4 <= card_reg::kExchangeTimeB;
+}
+
+// The root core has no registers of its own.
+bool isAccess(enyx_hw_core* core, const enyx_hw_register_description* field) {
+    if (!usable(core)) return false;
+    if (field == nullptr || core->hardwareId == kRootCoreId) {
+        errno = field == nullptr ? EINVAL : ENXIO;
+        return false;
+    }
+    return true;
+}
+
+int readField(enyx_hw_core* core, const enyx_hw_register_description* field, std::uint64_t* value) {
+    if (!isAccess(core, field)) return -1;
+    if (value == nullptr) return report(EINVAL);
+    EmbeddedCard& card = *core->mmio->card;
+    if (showsTime(*field)) {
+        const std::lock_guard<std::mutex> lock(card.mutex);
+        card.clock.forget();
+    }
+    CardAccess access(card);
+    return access->read(field->address, field->bit_offset, field->bit_width, *value) ? 0 : report(EINVAL);
+}
+
+int writeField(enyx_hw_core* core, const enyx_hw_register_description* field, std::uint64_t value) {
+    if (!isAccess(core, field)) return -1;
+    CardAccess access(*core->mmio->card);
+    return access->write(field->address, field->bit_offset, field->bit_width, value) ? 0 : report(EINVAL);
+}
+
+}  // namespace
+}  // namespace vexo_sim
+
+using namespace vexo_sim;
+
+enyx_hw_core_tree* enyx_hw_enumerate_cores(enyx_hw_mmio* mmio) {
+    return perform(Call::kEnumerateCores, [=] { return readTree(mmio); }, [=](TraceLine& line) { line.mmio(mmio); });
+}
+
+enyx_hw_core* enyx_hw_core_tree_get_root(enyx_hw_core_tree* tree) {
+    return perform(Call::kCoreTreeGetRoot, [=] { return rootOf(tree); }, [=](TraceLine& line) { line.tree(tree); });
+}
+
+int enyx_hw_core_reset(enyx_hw_core* core) {
+    return perform(Call::kCoreReset, [=] { return resetCore(core); }, [=](TraceLine& line) { line.core(core); });
+}
+
+ssize_t enyx_hw_core_enumerate(enyx_hw_core* root, uint16_t hardware_id, enyx_hw_core** cores, size_t count) {
+    return performCount(Call::kCoreEnumerate, count,
+                        [=](std::size_t room) { return findCores(root, hardware_id, cores, room); },
+                        [=](TraceLine& line) { line.core(root).hex("hardware_id", hardware_id); });
+}
+
+int enyx_hw_core_lock(enyx_hw_core* core) {
+    return perform(Call::kCoreLock, [=] { return lockCore(core); }, [=](TraceLine& line) { line.core(core); });
+}
+
+int enyx_hw_core_unlock(enyx_hw_core* core) {
+    return perform(Call::kCoreUnlock, [=] { return unlockCore(core); }, [=](TraceLine& line) { line.core(core); });
+}
+
+int enyx_hw_read(enyx_hw_core* core, const enyx_hw_register_description* reg, uint64_t* value) {
+    return perform(Call::kRead, [=] { return readField(core, reg, value); }, [=](TraceLine& line) {
+        line.core(core).field(reg).hex("value", value != nullptr ? *value : 0);
+    });
+}
+
+int enyx_hw_write(enyx_hw_core* core, const enyx_hw_register_description* reg, uint64_t value) {
+    return perform(Call::kWrite, [=] { return writeField(core, reg, value); },
+                   [=](TraceLine& line) { line.core(core).field(reg).hex("value", value); });
+}

@@ -1,0 +1,157 @@
+#include "hw/Hooks.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+namespace vexo_sim {
+namespace {
+
+enum class Kind { kPointer, kStatus, kVoid };
+
+struct CallEntry {
+    const char* name;
+    Kind kind;
+};
+
+constexpr CallEntry kCalls[] = {
+    {"enyx_hw_filter_create", Kind::kPointer},
+    {"enyx_hw_filter_set_index", Kind::kStatus},
+    {"enyx_hw_filter_set_name", Kind::kStatus},
+    {"enyx_hw_filter_destroy", Kind::kVoid},
+    {"enyx_hw_enumerate_accelerators", Kind::kStatus},
+    {"enyx_hw_accelerator_get", Kind::kPointer},
+    {"enyx_hw_free_accelerator_descriptors", Kind::kVoid},
+    {"enyx_hw_accelerator_enumerate_mmios", Kind::kStatus},
+    {"enyx_hw_mmio_create", Kind::kPointer},
+    {"enyx_hw_mmio_destroy", Kind::kVoid},
+    {"enyx_hw_free_mmio_descriptors", Kind::kVoid},
+    {"enyx_hw_enumerate_cores", Kind::kPointer},
+    {"enyx_hw_core_tree_get_root", Kind::kPointer},
+    {"enyx_hw_core_reset", Kind::kStatus},
+    {"enyx_hw_core_enumerate", Kind::kStatus},
+    {"enyx_hw_core_lock", Kind::kStatus},
+    {"enyx_hw_core_unlock", Kind::kStatus},
+    {"enyx_hw_read", Kind::kStatus},
+    {"enyx_hw_write", Kind::kStatus},
+    {"enyx_hw_accelerator_enumerate_a2c_streams", Kind::kStatus},
+    {"enyx_hw_a2c_stream_create", Kind::kPointer},
+    {"enyx_hw_free_a2c_stream_descriptors", Kind::kVoid},
+    {"enyx_hw_a2c_stream_get_mtu", Kind::kStatus},
+    {"enyx_hw_a2c_stream_poll_once", Kind::kStatus},
+    {"enyx_hw_a2c_stream_stats_get_backpressure", Kind::kStatus},
+    {"enyx_hw_a2c_stream_stats_get_packet_count", Kind::kStatus},
+    {"enyx_hw_a2c_stream_stats_get_fifo_errors", Kind::kStatus},
+    {"enyx_hw_a2c_stream_stats_get_errors", Kind::kStatus},
+    {"enyx_hw_a2c_stream_destroy", Kind::kVoid},
+    {"enyx_hw_accelerator_enumerate_c2a_streams", Kind::kStatus},
+    {"enyx_hw_c2a_stream_create", Kind::kPointer},
+    {"enyx_hw_free_c2a_stream_descriptors", Kind::kVoid},
+    {"enyx_hw_c2a_stream_get_mtu", Kind::kStatus},
+    {"enyx_hw_c2a_stream_send", Kind::kStatus},
+    {"enyx_hw_c2a_stream_destroy", Kind::kVoid},
+};
+static_assert(sizeof kCalls / sizeof kCalls[0] == static_cast<std::size_t>(Call::kCount));
+
+struct Script {
+    std::size_t call;
+    std::uint32_t wait;   // calls still to be let through
+    std::uint32_t times;  // calls still to fail; 0 = all
+    hooks::Outcome outcome;
+};
+
+// Plain storage that is never destroyed, because calls may come from a program's last destructors.
+struct Watch {
+    std::mutex scriptMutex;
+    std::vector<Script> scripts;
+    std::mutex traceMutex;
+    enyx_sim_trace trace = nullptr;
+    void* context = nullptr;
+};
+
+Watch& watch() {
+    static Watch& instance = *new Watch;
+    return instance;
+}
+
+void setActive(unsigned bit, bool on) {
+    if (on) hooks::g_active.fetch_or(bit);
+    else hooks::g_active.fetch_and(~bit);
+}
+
+bool isScriptable(const CallEntry& entry, const enyx_sim_failure& failure) {
+    if (failure.call == nullptr || std::strcmp(entry.name, failure.call) != 0) return false;
+    return entry.kind == Kind::kStatus || (entry.kind == Kind::kPointer && failure.has_result == 0);
+}
+
+// True when the script makes this call fail.
+bool step(Script& script) {
+    if (script.wait > 0) {
+        --script.wait;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+const char* nameOf(Call call) { return kCalls[static_cast<std::size_t>(call)].name; }
+
+namespace hooks {
+
+std::atomic<unsigned> g_active{0};
+
+int addScript(const enyx_sim_failure& failure) {
+    const auto* entry = std::find_if(std::begin(kCalls), std::end(kCalls),
+                                     [&](const CallEntry& e) { return isScriptable(e, failure); });
+    if (entry == std::end(kCalls) || failure.nth == 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    Outcome outcome{failure.error, std::nullopt};
+    if (failure.has_result != 0) outcome.result = failure.result;
+    Watch& w = watch();
+    const std::lock_guard<std::mutex> lock(w.scriptMutex);
+    w.scripts.push_back({static_cast<std::size_t>(entry - kCalls), failure.nth - 1, failure.times, outcome});
+    setActive(kScripts, true);
+    return 0;
+}
+
+void clearScripts() {
+    Watch& w = watch();
+    const std::lock_guard<std::mutex> lock(w.scriptMutex);
+    w.scripts.clear();
+    setActive(kScripts, false);
+}
+
+std::optional<Outcome> next(Call call) {
+    Watch& w = watch();
+    const std::lock_guard<std::mutex> lock(w.scriptMutex);
+    std::optional<Outcome> outcome;
+    for (auto script = w.scripts.begin(); script != w.scripts.end();) {
+        const bool fails = script->call == static_cast<std::size_t>(call) && step(*script);
+        if (fails && !outcome) outcome = script->outcome;
+        const bool spent = fails && script->times > 0 && --script->times == 0;
+        script = spent ? w.scripts.erase(script) : script + 1;
+    }
+    if (w.scripts.empty()) setActive(kScripts, false);
+    return outcome;
+}
+
+void setTrace(enyx_sim_trace trace, void* context) {
+    Watch& w = watch();
+    const std::lock_guard<std::mutex> lock(w.traceMutex);
+    w.trace = trace;
+    w.context = context;
+    setActive(kTrace, trace != nullptr);
+}
+
+void emit(const TraceLine& line) {
+    Watch& w = watch();
+    const std::lock_guard<std::mutex> lock(w.traceMutex);
+    if (w.trace != nullptr) w.trace(line.line().c_str(), w.context);
+}
+
+}  // namespace hooks
+}  // namespace vexo_sim

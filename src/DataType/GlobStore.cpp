@@ -1,0 +1,50 @@
+#include <utility>
+
+#include "DataType/ZceFpgaServ.h"
+#include "DataType/ZceSubsInfo.h"
+#include "DrvEnyx/CardRegisters.h"
+#include "log/log.h"
+
+namespace Vexo2_U50 {
+
+namespace {
+
+constexpr char kLogFile[] = "DataType";
+
+unsigned int Count(const IndexToInstId& insts) { return static_cast<unsigned int>(insts.size()); }
+unsigned int Count(const IndexToChanBit& rows) { return static_cast<unsigned int>(rows.size()); }
+
+}  // namespace
+
+void CZceFpgaServ::StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::string id, std::uint32_t chan) {
+    const std::lock_guard<std::mutex> guard(subscribe_mutex);
+    IndexToChanBit& masks = type == 0 ? oneLegChanBits : combineChanBits;
+    IndexToInstId& names  = type == 0 ? oneLegNames : combineNames;
+    const auto bit = static_cast<unsigned short>(chan < kChannelCount ? 1U << chan : 0U);
+    masks[index] = static_cast<unsigned short>(masks[index] | bit);
+    names[index] = std::move(id);
+}
+
+void CZceFpgaServ::StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan) {
+    const auto number = static_cast<int>(chan);
+    LOG_INFO("[channel:%d] Record func:Meeting conditions count is:OneLeg:%u, Combine:%u.", number, Count(oneLeg),
+             Count(combine));
+    if (oneLeg.empty() && combine.empty())
+        LOG_INFO("[channel:%d] Matched subs inst count is 0. you doesn't subscribe inst.", number);
+    for (const auto& [index, id] : oneLeg) StoreInstToGlob(card_reg::kSingleLegTable, index, id, chan);
+    for (const auto& [index, id] : combine) StoreInstToGlob(card_reg::kCombinationTable, index, id, chan);
+}
+
+void CZceFpgaServ::SubsFromGlobInsts() {
+    LOG_WARN("Subscribe:Meeting conditions count is:OneLeg:%u, Combine:%u. Now write to fpga!", Count(oneLegChanBits),
+             Count(combineChanBits));
+    if (oneLegChanBits.empty() && combineChanBits.empty()) {
+        LOG_INFO("Warning !! The number of contracts that comply with the subscription rules is 0. You subscribe no contract !!");
+    }
+    for (const auto& [index, mask] : oneLegChanBits) SubsOneInst(card_reg::kSingleLegTable, index, mask);
+    for (const auto& [index, mask] : combineChanBits) SubsOneInst(card_reg::kCombinationTable, index, mask);
+    LOG_INFO("Subscribes:Write to fpga Over!");
+    ReadBackAllInst();
+}
+
+}  // namespace Vexo2_U50

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <atomic>
+#include <csignal>
+
+/// Turns SIGINT and SIGTERM into a flag that the receive path checks, and makes a broken pipe harmless.
+class CSignalProcess {
+public:
+    /// Installs the handlers of the process. @return 0, or -1 at the first that failed; earlier ones stay installed
+    static int InitSignal();
+    static void SignalHandler(int sig, siginfo_t* info, void* ctx);
+
+    static std::atomic<bool> m_isExit;  ///< set by the handler, never cleared
+};

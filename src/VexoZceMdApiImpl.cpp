@@ -1,0 +1,140 @@
+#include "VexoZceMdApiImpl.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+
+#include "log/Logger.h"
+#include "log/log.h"
+
+std::mutex g_brixLogInit_mutex;
+
+namespace {
+
+constexpr char kLogFile[] = "VexoZceMdApiImpl";
+
+constexpr std::uint32_t kRegisterCoreId = 474;
+
+// The process-wide register driver, made on first use; null when memory is short.
+CDrvEnyxReg* SharedDriver() {
+    if (CDrvEnyxReg::instance == nullptr) CDrvEnyxReg::instance = new (std::nothrow) CDrvEnyxReg;
+    return CDrvEnyxReg::instance;
+}
+
+// A start-up that failed ends the process, with status 0, as the programs that start the application expect.
+[[noreturn]] void EndProcess() { std::exit(0); }
+
+}  // namespace
+
+IVexoZceMdApi* IVexoZceMdApi::CreateVexoZceMdApi() {
+    CDrvEnyxReg* drv = SharedDriver();
+    auto* api = drv != nullptr ? new (std::nothrow) CVexoZceMdApiImpl(drv) : nullptr;
+    if (api == nullptr) {
+        std::printf("New vexo zce impl fail.\n");
+        throw std::runtime_error("CreateVexoZceMdApi failed");
+    }
+    api->m_bSharedDrv = true;
+    return api;
+}
+
+void IVexoZceMdApi::DestroyVexoZceMdApi(IVexoZceMdApi& api) {
+    // The compiler takes a reference for never null and would drop the test: a volatile pointer makes it look.
+    IVexoZceMdApi* volatile address = &api;
+    IVexoZceMdApi* object = address;
+    if (object == nullptr) return;
+    delete dynamic_cast<CVexoZceMdApiImpl*>(object);
+}
+
+CVexoZceMdApiImpl::CVexoZceMdApiImpl(CDrvEnyxReg* drv)
+    : m_pDmaChan(nullptr), m_pDrv(drv), m_pCfgFile(nullptr), m_pSpi(nullptr) {}
+
+CVexoZceMdApiImpl::~CVexoZceMdApiImpl() {
+    delete m_pDmaChan;
+    m_pDmaChan = nullptr;
+}
+
+int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
+    if (cfgPath == nullptr) {
+        std::printf("Error! lpConfig null pointer!\n");
+        EndProcess();
+    }
+    if (LogInit(cfgPath) != 0) {
+        std::printf("Log init failed\n");
+        return -1;
+    }
+    m_pSpi = &spi;
+    if (InitCfgInfo(cfgPath) != 0) {
+        LOG_ERROR("Vexo inner init fail.");
+        EndProcess();
+    }
+    Vexo2_U50::ZceDmaInitParms_t parms{m_pCfgFile->GetBusId(), kRegisterCoreId, m_pCfgFile->m_strDmaChanName};
+    auto* channel = new CZceDmaChanImpl(m_pDrv, this, m_pCfgFile);
+    if (channel->Init(&parms) != 0) {
+        LOG_ERROR("Create Brix service failed!");
+        delete channel;
+        EndProcess();
+    }
+    if (channel->Work(&parms) != 0) {
+        LOG_ERROR("Create Brix service failed!");
+        delete channel;
+        EndProcess();
+    }
+    m_pDmaChan = channel;
+    return 0;
+}
+
+int CVexoZceMdApiImpl::VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) {
+    IVexoZceMdApi* self = this;
+    if (self->VexoStart(spi, cfgPath) != 0) {
+        LOG_ERROR("Vexo init fail.");
+        return -1;
+    }
+    while (self->VexoRecv() != -1) {
+    }
+    return 0;
+}
+
+int CVexoZceMdApiImpl::VexoRecv() {
+    if (m_isExit.load(std::memory_order_relaxed) || m_pDmaChan == nullptr) return -1;
+    return m_pDmaChan->PollOnce();
+}
+
+int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {
+    if (m_bSharedDrv && CDrvEnyxReg::instance != m_pDrv) m_pDrv = SharedDriver();
+    m_pCfgFile = new (std::nothrow) Vexo2_U50::CZceConfigFile(std::string(cfgPath), m_pDrv, this);
+    if (m_pCfgFile == nullptr) {
+        LOG_INFO("Config file init fail");
+        return -1;
+    }
+    if (m_pCfgFile->Init() != 0) {
+        LOG_ERROR("Config file init fail.");
+        return -1;
+    }
+    if (m_pCfgFile->GetDmaChannel() != 0) return 0;
+
+    EnyxRegInitParms_t record{static_cast<std::uint16_t>(m_pCfgFile->GetBusId()),
+                              static_cast<std::uint16_t>(kRegisterCoreId)};
+    if (const int r = m_pDrv->Init(&record)) {
+        LOG_ERROR("Init New drive failed! ret:%d", r);
+        return -1;
+    }
+    return 0;
+}
+
+int CVexoZceMdApiImpl::LogInit(const char* /*cfgPath*/) {
+    const std::lock_guard<std::mutex> guard(g_brixLogInit_mutex);
+    static ILogger* lpLog = nullptr;
+    if (lpLog != nullptr) return 0;
+    lpLog = new (std::nothrow) CKwLogger;
+    if (lpLog == nullptr) {
+        std::printf("log inited fail, maybe lack memory.\n");
+        return -1;
+    }
+    if (const int r = lpLog->Init(0, "./", "fpga")) {
+        std::printf("###Init log service failed! ret: %d###\n", r);
+        return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,258 @@
+#include "log/elog.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <unistd.h>
+
+#include "log/elog_mutex.h"
+#include "log/line_builder.h"
+#include "util/LocalTime.h"
+
+elog_assert_hook_t elog_assert_hook = nullptr;
+
+namespace {
+
+constexpr char kLogFile[] = "elog";
+
+// Atomic because a signal handler reads them at any instruction of a thread that sets them.
+struct ElogRecord {
+    std::atomic<std::uint8_t> filter_level{0};
+    std::atomic<std::uint64_t> format_masks[ELOG_LVL_TOTAL]{};
+    std::atomic<bool> output_enabled{false};
+};
+
+ElogRecord elog;
+char log_buf[ELOG_LINE_SIZE];
+char log_buf_huge[ELOG_HUGE_SIZE];
+
+// Seconds east of UTC at the last line: a handler may not call the time-zone functions of the C library.
+std::atomic<long> utc_offset{0};
+
+constexpr const char* level_output_info[ELOG_LVL_TOTAL] = {
+    "[ASSERT ]", "[ERROR  ]", "[WARN   ]", "[EVENT  ]", "[INFO   ]", "[DEBUG  ]", "[VERBOSE]",
+};
+
+constexpr std::uint64_t kBriefFormat = ELOG_FMT_LVL | ELOG_FMT_TAG | ELOG_FMT_TIME;
+constexpr std::uint64_t kDebugFormat = 255 & ~ELOG_FMT_FUNC;
+constexpr std::uint64_t kDefaultMasks[ELOG_LVL_TOTAL] = {
+    255, kBriefFormat, kBriefFormat, kBriefFormat, kBriefFormat, kDebugFormat, kDebugFormat,
+};
+
+struct LogLock {
+    LogLock() { elog_mutex_lock(); }
+    ~LogLock() { elog_mutex_unlock(); }
+    LogLock(const LogLock&) = delete;
+    LogLock& operator=(const LogLock&) = delete;
+};
+
+struct ErrnoKeeper {
+    const int saved = errno;
+    ErrnoKeeper() = default;
+    ~ErrnoKeeper() { errno = saved; }
+    ErrnoKeeper(const ErrnoKeeper&) = delete;
+    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+};
+
+bool IsWritten(std::uint8_t level) {
+    return elog.output_enabled.load(std::memory_order_relaxed) && level < ELOG_LVL_TOTAL &&
+           level <= elog.filter_level.load(std::memory_order_relaxed);
+}
+
+void AppendTimeGroup(LineBuilder& line, std::uint64_t mask, const std::tm* local) {
+    line.Append('[');
+    if (mask & ELOG_FMT_TIME) {
+        if (local != nullptr) line.AppendTime(*local);
+        if (mask & (ELOG_FMT_PID | ELOG_FMT_TID)) line.Append(' ');
+    }
+    if (mask & ELOG_FMT_PID) {
+        line.Append("pid:");
+        line.AppendNumber(getpid(), 4);
+        if (mask & ELOG_FMT_TID) line.Append(' ');
+    }
+    if (mask & ELOG_FMT_TID) {
+        line.Append("tid:");
+        line.AppendNumber(gettid(), 4);
+    }
+    line.Append(']');
+}
+
+void AppendSourceGroup(LineBuilder& line, std::uint64_t mask, const char* file, const char* func, long number) {
+    line.Append('(');
+    if (mask & ELOG_FMT_FILE) {
+        line.Append(trunc_filename(file));
+        if (mask & ELOG_FMT_FUNC) {
+            line.Append(' ');
+        } else if (mask & ELOG_FMT_LINE) {
+            line.Append(':');
+        }
+    }
+    if (mask & ELOG_FMT_FUNC) {
+        line.Append(func);
+        if (mask & ELOG_FMT_LINE) line.Append(':');
+    }
+    if (mask & ELOG_FMT_LINE) line.AppendLineNumber(number);
+    line.Append(')');
+}
+
+// Everything before the message. Safe in a signal handler. @p local is null when the time cannot be had.
+void AppendPrefix(LineBuilder& line, std::uint8_t level, const char* tag, const char* file, const char* func,
+                  long number, const std::tm* local) {
+    const std::uint64_t mask = elog.format_masks[level].load(std::memory_order_relaxed);
+    if (mask & ELOG_FMT_LVL) line.Append(level_output_info[level]);
+    if (mask & (ELOG_FMT_TIME | ELOG_FMT_PID | ELOG_FMT_TID)) AppendTimeGroup(line, mask, local);
+    if (mask & ELOG_FMT_TAG) {
+        line.Append('[');
+        line.Append(tag);
+        line.Append(']');
+    }
+    if (mask & (ELOG_FMT_FILE | ELOG_FMT_FUNC | ELOG_FMT_LINE)) AppendSourceGroup(line, mask, file, func, number);
+}
+
+// The local time for a line of this level, kept in time_cache; null when it is not wanted or cannot be had.
+const std::tm* StampTime(std::uint8_t level, std::tm& local) {
+    if (!(elog.format_masks[level].load(std::memory_order_relaxed) & ELOG_FMT_TIME)) return nullptr;
+    const std::time_t now = ::time(nullptr);
+    if (!local_time::BreakDown(now, local)) return nullptr;
+    time_cache.store(now, std::memory_order_relaxed);
+    utc_offset.store(local.tm_gmtoff, std::memory_order_relaxed);
+    return &local;
+}
+
+// What both raw outputs do; the length handed on is the one that the text would have, up to the buffer's size.
+void RawOutput(char* buf, std::size_t size, const char* format, std::va_list args) {
+    const int length = std::vsnprintf(buf, size, format, args);
+    if (length <= 0) return;
+    const auto wanted = static_cast<std::size_t>(length);
+    elog_port_output(buf, wanted < size ? wanted : size);
+}
+
+void HexdumpLine(const char* name, unsigned int width, const unsigned char* data, unsigned int offset,
+                 unsigned int size) {
+    char head[ELOG_LINE_SIZE];
+    std::snprintf(head, sizeof head, "[DEBUG  ]HEX %s: %04X-%04X: ", name, offset, offset + width);
+    LineBuilder line(log_buf, sizeof log_buf);
+    line.Append(head);
+    for (unsigned int i = 0; i < width; ++i) {
+        if (offset + i < size) {
+            line.AppendHexByte(data[offset + i]);
+        } else {
+            line.Append("   ");
+        }
+        if ((i + 1) % 8 == 0) line.Append(' ');
+    }
+    line.Append("  ");
+    for (unsigned int i = 0; i < width && offset + i < size; ++i) {
+        const unsigned char byte = data[offset + i];
+        line.Append(byte >= 32 && byte <= 126 ? static_cast<char>(byte) : '.');
+    }
+    elog_port_output(log_buf, line.FinishLine());
+}
+
+}  // namespace
+
+int elog_init(const char* dir, const char* name) {
+    const int result = elog_file_init(dir, name);
+    if (result != 0) return result;
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    for (std::size_t level = 0; level < ELOG_LVL_TOTAL; ++level) elog.format_masks[level] = kDefaultMasks[level];
+    elog.filter_level = ELOG_LVL_VERBOSE;
+    return 0;
+}
+
+void elog_start() {
+    elog_set_output_enabled(true);
+    elog_output(ELOG_LVL_INFO, "log", kLogFile, "elog_start", 213, "log is initialized successfully.");
+}
+
+void elog_fini() { elog_port_fini(); }
+
+void elog_output(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
+                 const char* format, ...) {
+    if (!IsWritten(level)) return;
+    const ErrnoKeeper keep;
+    const LogLock lock;
+
+    std::tm local;
+    const std::tm* stamp = StampTime(level, local);
+    LineBuilder text(log_buf, sizeof log_buf);
+    AppendPrefix(text, level, tag, file, func, line, stamp);
+
+    std::va_list args;
+    va_start(args, format);
+    text.AppendFormatted(format, args);
+    va_end(args);
+    elog_port_output(log_buf, text.FinishLine());
+}
+
+void elog_output_from_handler(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
+                              const char* format, int value) {
+    if (!IsWritten(level)) return;
+    const ErrnoKeeper keep;
+
+    std::tm local;
+    BreakDownWithOffset(::time(nullptr), utc_offset.load(std::memory_order_relaxed), local);
+    char buf[ELOG_LINE_SIZE];  // log_buf may be half-written under us
+    LineBuilder text(buf, sizeof buf);
+    AppendPrefix(text, level, tag, file, func, line, &local);
+    for (const char* p = format; *p != '\0'; ++p) {
+        if (p[0] == '%' && p[1] == 'd') {
+            text.AppendNumber(value, 1);
+            ++p;
+        } else {
+            text.Append(*p);
+        }
+    }
+    elog_port_output_from_handler(buf, text.FinishLine());
+}
+
+void elog_raw(const char* format, ...) {
+    if (!elog_get_output_enabled()) return;
+    const ErrnoKeeper keep;
+    const LogLock lock;
+    std::va_list args;
+    va_start(args, format);
+    RawOutput(log_buf, sizeof log_buf, format, args);
+    va_end(args);
+}
+
+void elog_raw_huge(const char* format, ...) {
+    if (!elog_get_output_enabled()) return;
+    const ErrnoKeeper keep;
+    const LogLock lock;
+    std::va_list args;
+    va_start(args, format);
+    RawOutput(log_buf_huge, sizeof log_buf_huge, format, args);
+    va_end(args);
+}
+
+void elog_hexdump(const char* name, std::uint8_t width, const void* buf, std::uint16_t size) {
+    if (!IsWritten(ELOG_LVL_DEBUG) || width == 0) return;
+    const ErrnoKeeper keep;
+    const LogLock lock;
+    for (unsigned int offset = 0; offset < size; offset += width)
+        HexdumpLine(name, width, static_cast<const unsigned char*>(buf), offset, size);
+}
+
+void elog_set_output_enabled(bool enabled) { elog.output_enabled = enabled; }
+
+bool elog_get_output_enabled() { return elog.output_enabled; }
+
+void elog_set_filter_lvl(std::uint8_t level) { elog.filter_level = level; }
+
+void elog_set_fmt(std::uint8_t level, std::uint64_t mask) {
+    if (level < ELOG_LVL_TOTAL) elog.format_masks[level] = mask;
+}
+
+void elog_assert_set_hook(elog_assert_hook_t hook) { elog_assert_hook = hook; }
+
+const char* trunc_filename(const char* path) {
+    const char* slash = std::strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+int get_time_zone() {
+    std::tm epoch{};
+    local_time::BreakDown(0, epoch);
+    return epoch.tm_hour >= 13 ? epoch.tm_hour - 24 : epoch.tm_hour;
+}

@@ -1,0 +1,153 @@
+#include "log/elog.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "log/elog_mutex.h"
+#include "util/LocalTime.h"
+
+std::atomic<std::time_t> time_cache{0};
+int time_zone = 0;
+std::FILE* elog_file_fp = nullptr;
+std::atomic<int> elog_file_fd{-1};
+bool elog_file_init_ok = false;
+ElogFileCfg local_cfg{};
+long last_rotate_day = 0;
+bool is_rotating = false;
+
+namespace {
+
+constexpr std::uint64_t kUnusedMaxSize = 4294967294;
+constexpr std::size_t kMaxDirPath = 512;  // longer paths are cut
+
+void CloseFile() {
+    elog_file_fd = -1;
+    if (elog_file_fp != nullptr) std::fclose(elog_file_fp);
+    elog_file_fp = nullptr;
+}
+
+// The configured path with the date in the place of its "%s". Done by hand: a directory name may hold a '%' as well.
+std::string DatedPath(const ElogFileCfg& cfg, const std::tm& local) {
+    std::string path = cfg.name;
+    const std::size_t mark = path.rfind("%s");
+    if (mark != std::string::npos) path.replace(mark, 2, std::to_string(local_time::Date(local)));
+    if (path.size() >= ELOG_PATH_SIZE) path.resize(ELOG_PATH_SIZE - 1);
+    return path;
+}
+
+// Puts the newly opened file behind the descriptor that the log has had so far, in one step: a signal handler that
+// writes meanwhile reaches the old file or the new one, never a stranger's descriptor.
+bool TakeOver(int fd) {
+    if (elog_file_fp == nullptr) {
+        elog_file_fp = ::fdopen(fd, "ab");
+        if (elog_file_fp == nullptr) return false;
+        elog_file_fd = fd;
+        return true;
+    }
+    const bool replaced = ::dup3(fd, ::fileno(elog_file_fp), O_CLOEXEC) >= 0;
+    const int why = errno;
+    ::close(fd);
+    errno = why;
+    return replaced;
+}
+
+bool OpenFile(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (fd >= 0 && TakeOver(fd)) return true;
+    const int why = errno;
+    CloseFile();
+    std::fprintf(stderr, "Error! Create file %s fail, errmsg:%s. \n", path.c_str(), std::strerror(why));
+    return false;
+}
+
+}  // namespace
+
+int elog_mkdirs(const char* path, mode_t mode) {
+    char buf[kMaxDirPath + 1];
+    std::snprintf(buf, sizeof buf, "%s", path);
+    for (char* p = buf; *p != '\0'; ++p) {
+        if (*p != '/') continue;
+        *p = '\0';
+        if (::access(buf, F_OK) != 0) ::mkdir(buf, mode);
+        *p = '/';
+    }
+    if (::access(buf, F_OK) != 0) ::mkdir(buf, mode);
+    struct stat status;
+    return ::stat(buf, &status) == 0 && S_ISDIR(status.st_mode) ? 0 : -1;
+}
+
+int elog_file_init(const char* dir, const char* name) {
+    if (elog_file_init_ok) return 0;
+    if (::access(dir, F_OK) == 0 && ::access(dir, W_OK) != 0) {
+        std::fprintf(stderr,
+                     "Error! file or dir: [%s] already exist and havn't write authority. use root try again ?\n", dir);
+        return -1;
+    }
+    if (::access(dir, W_OK) != 0 && elog_mkdirs(dir, 0755) != 0) {
+        std::fprintf(stderr,
+                     "Error! make file or log dir:[%s] failed! Maybe no access authority.use root try again ?\n", dir);
+        return -1;
+    }
+    time_cache = ::time(nullptr);
+    time_zone = get_time_zone();
+
+    ElogFileCfg cfg{};
+    std::snprintf(cfg.name, sizeof cfg.name, "%s/%s_%%s.log", dir, name);
+    cfg.max_size = kUnusedMaxSize;
+    if (elog_file_config(&cfg) == -1) {
+        std::fprintf(stderr, "Error! log init fail.\n");
+        return -1;
+    }
+    elog_file_init_ok = true;
+    return 0;
+}
+
+int elog_file_config(const ElogFileCfg* cfg) {
+    if (cfg != &local_cfg) local_cfg = *cfg;
+    std::tm local{};
+    if (!local_time::BreakDown(time_cache, local)) {
+        CloseFile();
+        return -1;
+    }
+    return OpenFile(DatedPath(local_cfg, local)) ? elog_file_fd.load() : -1;
+}
+
+void elog_file_write(const char* buf, std::size_t size) {
+    elog_mutex_lock();
+    if (is_rotating) {
+        std::puts("======================log file is rotating, exit log file!===================");
+        elog_mutex_unlock();
+        return;
+    }
+    elog_file_rotate_day();
+    elog_write_fully(elog_file_fd, buf, size);
+    elog_mutex_unlock();
+}
+
+void elog_file_rotate() { elog_file_rotate_day(); }
+
+void elog_file_rotate_day() {
+    std::tm local{};
+    if (!elog_file_init_ok || !local_time::BreakDown(time_cache, local)) return;
+    const long day = local_time::Date(local);
+    if (last_rotate_day == 0) {
+        last_rotate_day = day;
+        return;
+    }
+    if (day <= last_rotate_day) return;
+    is_rotating = true;
+    // A day whose file cannot be opened is not taken as begun, so that the next line tries again.
+    if (elog_file_config(&local_cfg) != -1) last_rotate_day = day;
+    is_rotating = false;
+}
+
+void elog_file_fini() {
+    elog_mutex_lock();
+    CloseFile();
+    elog_file_init_ok = false;
+    elog_mutex_unlock();
+}

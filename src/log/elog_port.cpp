@@ -1,0 +1,29 @@
+#include "log/elog.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+int elog_port_init(const char* dir, const char* name) { return elog_file_init(dir, name); }
+
+void elog_port_fini() { elog_file_fini(); }
+
+void elog_port_output(const char* buf, std::size_t size) {
+    // Standard output is unbuffered and stdio locks it for the call: the line leaves whole, in one write.
+    std::fwrite(buf, 1, size, stdout);
+    elog_file_write(buf, size);
+}
+
+void elog_port_output_from_handler(const char* buf, std::size_t size) {
+    elog_write_fully(STDOUT_FILENO, buf, size);
+    elog_write_fully(elog_file_fd.load(std::memory_order_relaxed), buf, size);
+}
+
+void elog_write_fully(int fd, const char* buf, std::size_t size) {
+    while (fd >= 0 && size > 0) {
+        const ssize_t written = ::write(fd, buf, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;
+        buf += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}

@@ -1,0 +1,131 @@
+#include <errno.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "VexoZceUtil.h"
+
+namespace {
+
+constexpr unsigned int kNoBoard         = 0;
+constexpr unsigned int kOneEBoard       = 1;
+constexpr unsigned int kOneXiBoard      = 2;
+constexpr unsigned int kSeveralEBoards  = 3;
+constexpr unsigned int kSeveralXiBoards = 4;
+constexpr unsigned int kBothKinds       = 5;
+constexpr unsigned int kNotDetected     = 6;
+
+constexpr int kBoardLineSize   = 256;   // lspci and lsmod
+constexpr int kProcessLineSize = 2048;  // ps, whose lines carry whole command lines
+constexpr int kLongestLineSize = kProcessLineSize;
+
+constexpr char kSiblingName[]  = "RwDeliverDmaServer";
+constexpr char kListSiblings[] = "ps -ef | grep -w RwDeliverDmaServer | grep -v grep";
+
+/// A shell command whose output can be read; waits for its end when it goes out of scope.
+class ShellCommand {
+public:
+    explicit ShellCommand(const char* command) : m_output(::popen(command, "re")) {}
+    ~ShellCommand() {
+        if (m_output != nullptr) ::pclose(m_output);
+    }
+    ShellCommand(const ShellCommand&) = delete;
+    ShellCommand& operator=(const ShellCommand&) = delete;
+
+    bool Started() const { return m_output != nullptr; }
+
+    /// 0 when the command could not be started.
+    /// @param lineSize at most kLongestLineSize; a line that does not fit with its terminator counts as several.
+    unsigned int CountLines(int lineSize) {
+        char line[kLongestLineSize];
+        unsigned int lines = 0;
+        while (m_output != nullptr && std::fgets(line, lineSize, m_output) != nullptr) ++lines;
+        return lines;
+    }
+
+private:
+    std::FILE* m_output;
+};
+
+unsigned int CountLines(const char* command, int lineSize) { return ShellCommand(command).CountLines(lineSize); }
+
+unsigned int BoardType(unsigned int eBoards, unsigned int xiBoards) {
+    if (eBoards > 0 && xiBoards > 0) return kBothKinds;
+    if (eBoards > 0) return eBoards == 1 ? kOneEBoard : kSeveralEBoards;
+    if (xiBoards > 0) return xiBoards == 1 ? kOneXiBoard : kSeveralXiBoards;
+    return kNoBoard;
+}
+
+int RequireEDriver() {
+    if (IsEDriverInstalled()) return 0;
+    std::printf("There exist E board, but the E driver not installed, please install first.\n");
+    return -1;
+}
+
+int RequireXiDriver() {
+    if (IsXiDriverInstalled()) return 0;
+    std::printf("There exist Xi board, but the Xi driver not installed, please install first.\n");
+    return -1;
+}
+
+/// A host with both kinds of board may run on either of them, so a missing driver is only pointed out.
+int NoticeMissingDrivers() {
+    const char* const eNotice = IsEDriverInstalled() ? "" : "Attention! the E driver not installed!";
+    const char* const xiNotice = IsXiDriverInstalled() ? "" : "Attention! the Xi driver not installed!";
+    std::printf("%s%s \n", eNotice, xiNotice);
+    return 0;
+}
+
+}  // namespace
+
+unsigned int g_curEnvBrdType = kNotDetected;
+const char* g_szBrdChkCmd[2] = {"lspci | grep Enyx", "lspci | grep Xilinx"};
+
+int CheckEnvBoard() {
+    if (g_curEnvBrdType == kNotDetected) {
+        const unsigned int eBoards = CountLines(g_szBrdChkCmd[0], kBoardLineSize);
+        const unsigned int xiBoards = CountLines(g_szBrdChkCmd[1], kBoardLineSize);
+        g_curEnvBrdType = BoardType(eBoards, xiBoards);
+    }
+    return static_cast<int>(g_curEnvBrdType);
+}
+
+// The output is left unread on purpose: the E driver counts as loaded wherever a shell runs, and applications that
+// start on hosts without a module of that name depend on it.
+bool IsEDriverInstalled() { return ShellCommand("lsmod | grep hfp").Started(); }
+
+bool IsXiDriverInstalled() { return CountLines("lsmod | grep xdma", kBoardLineSize) > 0; }
+
+int CheckBeforeRun() {
+    switch (CheckEnvBoard()) {
+        case kNoBoard:
+            std::printf("Unable to recongnize fpga board! if there indeed exist fpga board, firmware maybe error.\n");
+            return -1;
+        case kOneEBoard:
+        case kSeveralEBoards:
+            return RequireEDriver();
+        case kOneXiBoard:
+        case kSeveralXiBoards:
+            return RequireXiDriver();
+        case kBothKinds:
+            return NoticeMissingDrivers();
+        default:
+            std::printf("Unsupport board type.%d\n", static_cast<int>(g_curEnvBrdType));
+            return 0;
+    }
+}
+
+bool IsProdProgRunning() {
+    const bool callerIsSibling =
+        std::strncmp(program_invocation_short_name, kSiblingName, std::strlen(kSiblingName)) == 0;
+    return CountLines(kListSiblings, kProcessLineSize) == (callerIsSibling ? 2U : 1U);
+}
+
+const char* GetCurUserName() {
+    const passwd* const user = ::getpwuid(::getuid());
+    return user != nullptr ? user->pw_name : "";
+}
+
+bool IsCurUserRoot() { return std::strcmp(GetCurUserName(), "root") == 0; }

@@ -1,0 +1,67 @@
+#include <ctime>
+#include <mutex>
+
+#include "VexoZceUtil.h"
+#include "util/LocalTime.h"
+
+namespace {
+
+struct Session {
+    unsigned int first, last;  // HHMMSS, both inside
+};
+
+// Odd on purpose: the opening second itself (09:00:00, 21:00:00) is outside, and callers depend on it.
+constexpr Session kSessions[] = {{90001, 149999}, {210001, 232999}};
+
+unsigned long ReadNs(clockid_t clock) {
+    timespec now{};
+    ::clock_gettime(clock, &now);
+    return static_cast<unsigned long>(now.tv_sec) * 1000000000UL + static_cast<unsigned long>(now.tv_nsec);
+}
+
+/// The plain localtime, as an application that replaces or fakes it expects. Its result is static, hence the lock.
+bool LocalNow(std::tm& out) {
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
+    const std::time_t now = ::time(nullptr);
+    const std::tm* const local = ::localtime(&now);
+    if (local != nullptr) out = *local;
+    return local != nullptr;
+}
+
+}  // namespace
+
+unsigned long get_time() { return ReadNs(CLOCK_REALTIME); }
+
+unsigned long BrixGetTimeTamp() { return get_time(); }
+
+unsigned long BrixDiffTimeTamp(long start) { return get_time() - static_cast<unsigned long>(start); }
+
+unsigned long get_time_since_powerof() { return ReadNs(CLOCK_MONOTONIC); }
+
+unsigned long NS_Sleep(long start, long ns) {
+    // Signed, so that an end before 1970 has passed already instead of lying in the far future.
+    const long end = static_cast<long>(static_cast<unsigned long>(start) + static_cast<unsigned long>(ns));
+    unsigned long now = get_time();
+    while (static_cast<long>(now) < end) now = get_time();
+    return now;
+}
+
+unsigned long CheckIsRotateDay(unsigned long& lastDay) {
+    std::tm now{};
+    if (!LocalNow(now)) return 0;
+    const unsigned long today = local_time::Date(now);
+    const bool rotates = lastDay != 0 && today > lastDay;
+    if (lastDay == 0 || rotates) lastDay = today;
+    return rotates ? 1 : 0;
+}
+
+bool ZceIsInTradeTime() {
+    std::tm now{};
+    if (!LocalNow(now)) return false;
+    const unsigned int timeOfDay = local_time::TimeOfDay(now);
+    for (const Session& session : kSessions) {
+        if (session.first <= timeOfDay && timeOfDay <= session.last) return true;
+    }
+    return false;
+}
