@@ -61,7 +61,8 @@ public:
     VEXO_ZCE_API static IVexoZceMdApi* CreateVexoZceMdApi();
 
     /// Ends an API object: closes its stream and logs the stream's counters. Does nothing for a null reference or for
-    /// an object that CreateVexoZceMdApi did not make.
+    /// an object that CreateVexoZceMdApi did not make. Not from inside a callback, nor while another thread is inside
+    /// a call of the object.
     VEXO_ZCE_API static void DestroyVexoZceMdApi(IVexoZceMdApi& api);
 
 protected:

@@ -1,10 +1,10 @@
 #include "VexoZceBinFile.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "log/log.h"
+#include "util/Decimal.h"
 #include "util/LocalTime.h"
 
 namespace {
@@ -35,10 +35,8 @@ CBrixBinFile::~CBrixBinFile() {
 
 int CBrixBinFile::InstBinFileInit() {
     m_strDayPath = DayFilePath();
-    const std::string why = m_dayFile.Open(m_strDayPath);
-    if (!why.empty()) {
+    if (!m_dayFile.Open(m_strDayPath)) {
         LOG_WARN("open contract index file failed %s.", m_strDayPath.c_str());
-        LOG_WARN("contract index file %s is not used, %s.", m_strDayPath.c_str(), why.c_str());
         return -1;
     }
     WriteToDayFile(std::string(kHeader) + '\n');
@@ -46,6 +44,7 @@ int CBrixBinFile::InstBinFileInit() {
 }
 
 void CBrixBinFile::WriteBinFileInst(std::string id, unsigned short index) {
+    if (id.find('\n') != std::string::npos) return;  // no id of the exchange: it would forge lines, the end tag among them
     WriteToDayFile(std::to_string(index) + ',' + id + '\n');
 }
 
@@ -60,9 +59,9 @@ void CBrixBinFile::WriteToDayFile(const std::string& text) {
 int CBrixBinFile::CheckOrLoadBinFile() {
     const std::string path = DayFilePath();
     std::string content;
-    const std::string why = safe_file::ReadWhole(path, content);
-    if (!why.empty()) {
-        if (why != safe_file::kMissing) LOG_WARN("contract index file %s is not used, %s.", path.c_str(), why.c_str());
+    std::string refusal;
+    if (!safe_file::ReadWhole(path, content, refusal)) {
+        if (!refusal.empty()) LOG_WARN("contract index file %s is not used, %s.", path.c_str(), refusal.c_str());
         LOG_INFO("bin file is not exists , [%s].", path.c_str());
         return -1;
     }
@@ -92,7 +91,7 @@ bool CBrixBinFile::LoadDayLines(const std::string& content) {
             LOG_INFO("Get file end flag is success.");
             tagSeen = true;
         } else if (line != kHeader && comma != std::string::npos) {
-            const auto index = static_cast<unsigned short>(std::strtol(line.c_str(), nullptr, 10));
+            const auto index = LeadingDecimal<unsigned short>(line.c_str());
             m_Intrade_AllInstMap.emplace(line.substr(comma + 1), index);
         }
     }

@@ -102,7 +102,6 @@ int CVexoZceMdApiImpl::VexoRecv() {
 }
 
 int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {
-    if (m_bSharedDrv && CDrvEnyxReg::instance != m_pDrv) m_pDrv = SharedDriver();
     m_pCfgFile = new (std::nothrow) Vexo2_U50::CZceConfigFile(std::string(cfgPath), m_pDrv, this);
     if (m_pCfgFile == nullptr) {
         LOG_INFO("Config file init fail");
@@ -114,6 +113,7 @@ int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {
     }
     if (m_pCfgFile->GetDmaChannel() != 0) return 0;
 
+    if (m_bSharedDrv) m_pCfgFile->m_pDrv = m_pDrv = SharedDriver();
     EnyxRegInitParms_t record{static_cast<std::uint16_t>(m_pCfgFile->GetBusId()),
                               static_cast<std::uint16_t>(kRegisterCoreId)};
     if (const int r = m_pDrv->Init(&record)) {

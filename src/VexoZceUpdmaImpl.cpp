@@ -34,7 +34,7 @@ constexpr std::uint32_t kBeforeMorning = 80000;  // up to here the card still ho
 constexpr TimeWindow kTradingWindows[] = {{90000, 101450}, {103000, 113000}, {133000, 160000}, {210000, 233000}};
 constexpr TimeWindow kClosedWindows[]  = {{160000, 201500}, {233000, 235959}};
 
-constexpr int kLastAfternoonHour     = 14;
+constexpr int kLastAfternoonHour    = 14;
 constexpr TimeWindow kEveningAuction = {205510, 213000};
 constexpr TimeWindow kMorningAuction = {85510, 93000};
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <exception>
-#include <list>
+#include <vector>
 #include <map>
 #include <string>
 
@@ -74,7 +74,7 @@ public:
     void* m_pHandlerCtx           = nullptr;
     IDrvDMA* m_pDma               = nullptr;  ///< owned
     Vexo2_U50::InstIdToIndex m_mapInstIdx;    ///< shared by reference with the services below
-    std::list<std::string> m_vecRecvClass;    ///< first two characters of every announced id
+    std::vector<std::string> m_vecRecvClass;    ///< first two characters of every announced id
     Vexo2_U50::CZceFpgaServ* m_pFpgaServ      = nullptr;
     Vexo2_U50::CContractServ* m_pContractServ = nullptr;
     CBrixBinFile* m_pBinFile                  = nullptr;

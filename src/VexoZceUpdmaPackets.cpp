@@ -114,8 +114,13 @@ __attribute__((noinline, cold)) int CZceDmaChanImpl::RejectShortPacket(unsigned 
 
 __attribute__((noinline, cold)) int CZceDmaChanImpl::RejectUnknownPacket(const unsigned char* pkt, unsigned int len) {
     LOG_ERROR("Unsupported dma type, type:%u.", PacketType(pkt));
-    for (unsigned int i = 0; i < len; ++i) std::printf("%02X", pkt[i]);
-    std::printf("\n");
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string dump;  // written at once: other threads' lines stay out of it
+    for (unsigned int i = 0; i < len; ++i) {
+        dump += kDigits[pkt[i] >> 4];
+        dump += kDigits[pkt[i] & 15];
+    }
+    std::printf("%s\n", dump.c_str());
     return 0;
 }
 

@@ -33,14 +33,9 @@ void announceOnce(const EmbeddedCard& card) {
 }
 
 enyx_hw_accelerator* getAccelerator(const enyx_hw_accelerator_descriptor* descriptor) {
-    if (!usable(descriptor)) return nullptr;
-    enyx_hw_accelerator& accelerator = descriptor->card->accelerator;
-    if (!isAlive(&accelerator)) {
-        errno = ENODEV;
-        return nullptr;
-    }
+    if (!usable(descriptor) || !isPresent(*descriptor->card)) return nullptr;
     announceOnce(*descriptor->card);
-    return &accelerator;
+    return &descriptor->card->accelerator;
 }
 
 ssize_t enumerateMmios(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
@@ -53,7 +48,7 @@ ssize_t enumerateMmios(const enyx_hw_accelerator* accelerator, const enyx_hw_fil
 }
 
 enyx_hw_mmio* createMmio(const enyx_hw_mmio_descriptor* descriptor) {
-    if (!usable(descriptor)) return nullptr;
+    if (!usable(descriptor) || !isPresent(*descriptor->card)) return nullptr;
     enyx_hw_mmio* mmio = pool<enyx_hw_mmio>().make();
     if (mmio == nullptr) return nullptr;
     mmio->card = descriptor->card;

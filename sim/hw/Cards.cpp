@@ -1,6 +1,15 @@
 #include "hw/Cards.h"
 
 namespace vexo_sim {
+namespace {
+
+bool hasMemory(EmbeddedCard& card) {
+    if (card.memory == nullptr) card.memory.reset(new (std::nothrow) CardMemory);
+    if (card.memory != nullptr && card.memory->state() == nullptr) card.memory.reset();
+    return card.memory != nullptr;
+}
+
+}  // namespace
 
 CoreLock::CoreLock() {
     pthread_mutexattr_t attributes;
@@ -12,9 +21,17 @@ CoreLock::CoreLock() {
 }
 
 int CoreLock::lock() {
-    const int result = pthread_mutex_lock(&m_mutex);
+    int result = pthread_mutex_lock(&m_mutex);
     // The holder's thread is gone. A register access is never half done, so nothing needs repair.
-    return result == EOWNERDEAD ? pthread_mutex_consistent(&m_mutex) : result;
+    if (result == EOWNERDEAD) result = pthread_mutex_consistent(&m_mutex);
+    if (result == 0) m_holder = std::this_thread::get_id();
+    return result;
+}
+
+int CoreLock::unlock() {
+    if (m_holder != std::this_thread::get_id()) return EPERM;
+    m_holder = std::thread::id{};
+    return pthread_mutex_unlock(&m_mutex);
 }
 
 Cards& Cards::instance() {
@@ -55,7 +72,7 @@ int Cards::powerOn(const CardConfig& config, std::uint32_t count) {
             pool<enyx_hw_mmio>().killIf([&card](const enyx_hw_mmio& mmio) { return mmio.card == &card; });
             continue;
         }
-        if (card.memory.state() == nullptr) {
+        if (!hasMemory(card)) {
             errno = ENOMEM;
             return -1;
         }

@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+#include <thread>
 
 #include "card/Card.h"
 #include "card/CardMemory.h"
@@ -24,24 +26,32 @@ public:
     CoreLock();
     /// 0 or an errno value.
     int lock();
-    int unlock() { return pthread_mutex_unlock(&m_mutex); }
+    int unlock();
 
 private:
     pthread_mutex_t m_mutex;
+    std::atomic<std::thread::id> m_holder{};  // kept here too: sanitizers call a refused unlock a defect of the caller
 };
 
 /// One card inside the process, with all that its callers share.
 struct EmbeddedCard {
     std::uint32_t index = 0;
     std::mutex mutex;  // over the card's state, but for the reader's side of the rings
-    CardMemory memory;
+    std::unique_ptr<CardMemory> memory;  // from the first power-on on
     HostClock clock;
     CoreLock rootLock;
     CoreLock registerLock;
     enyx_hw_accelerator accelerator;
 
-    Card card() { return Card(*memory.state()); }
+    Card card() { return Card(*memory->state()); }
 };
+
+/// Whether a power cycle has left the card in place; errno is ENODEV if not.
+inline bool isPresent(const EmbeddedCard& card) {
+    if (isAlive(&card.accelerator)) return true;
+    errno = ENODEV;
+    return false;
+}
 
 /// Exclusive use of a card.
 class CardAccess {

@@ -192,7 +192,10 @@ ssize_t enumerate(const enyx_hw_filter* filter, Descriptor** descriptors, std::s
         char name[kNameSize];
         nameOf(index, name);
         if (!matches(*filter, index, name)) continue;
-        if (found < room && (descriptors[found] = describe(index)) == nullptr) return -1;
+        if (found < room && (descriptors[found] = describe(index)) == nullptr) {
+            freeDescriptors(descriptors, found);
+            return -1;
+        }
         ++found;
     }
     if (found == 0) errno = none;

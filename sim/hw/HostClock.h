@@ -33,7 +33,8 @@ private:
         if (localtime_r(&second, &local) == nullptr) return;
         m_second = second;
         m_sinceEpoch = nanoseconds(CLOCK_REALTIME) - elapsed;
-        m_now.date = static_cast<std::uint32_t>((local.tm_year + 1900) * 10000 + (local.tm_mon + 1) * 100 + local.tm_mday);
+        const int date = (local.tm_year + 1900) * 10000 + (local.tm_mon + 1) * 100 + local.tm_mday;
+        m_now.date = static_cast<std::uint32_t>(date);
         m_now.time = static_cast<std::uint32_t>(local.tm_hour * 10000 + local.tm_min * 100 + local.tm_sec);
     }
 

@@ -13,7 +13,7 @@ struct Up {
     static bool open(Card& card, std::uint32_t channel) { return card.openUp(channel); }
     static void close(Card& card, std::uint32_t channel) { card.closeUp(channel); }
     static void attach(Stream& stream) {
-        stream.ring = &stream.card->memory.state()->up[stream.channel].ring;
+        stream.ring = &stream.card->card().state().up[stream.channel].ring;
         stream.delivering = false;
     }
 };
@@ -49,11 +49,7 @@ ssize_t enumerateStreams(const enyx_hw_accelerator* accelerator, const enyx_hw_f
 template <typename Direction>
 typename Direction::Stream* openStream(const typename Direction::Descriptor* descriptor) {
     using Stream = typename Direction::Stream;
-    if (!usable(descriptor)) return nullptr;
-    if (!isAlive(&descriptor->card->accelerator)) {
-        errno = ENODEV;
-        return nullptr;
-    }
+    if (!usable(descriptor) || !isPresent(*descriptor->card)) return nullptr;
     Stream* stream = pool<Stream>().make();
     if (stream == nullptr) return nullptr;
     stream->card = descriptor->card;
@@ -166,7 +162,7 @@ using namespace vexo_sim;
 ssize_t enyx_hw_accelerator_enumerate_a2c_streams(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
                                                   enyx_hw_a2c_stream_descriptor** descriptors, size_t count) {
     return performCount(Call::kEnumerateA2cStreams, count,
-                        [=](std::size_t room) { return enumerateStreams<Up>(accelerator, filter, descriptors, room); },
+                        [=](std::size_t n) { return enumerateStreams<Up>(accelerator, filter, descriptors, n); },
                         [=](TraceLine& line) { line.accelerator(accelerator).filter(filter); });
 }
 
@@ -213,7 +209,7 @@ void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) {
 ssize_t enyx_hw_accelerator_enumerate_c2a_streams(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
                                                   enyx_hw_c2a_stream_descriptor** descriptors, size_t count) {
     return performCount(Call::kEnumerateC2aStreams, count,
-                        [=](std::size_t room) { return enumerateStreams<Down>(accelerator, filter, descriptors, room); },
+                        [=](std::size_t n) { return enumerateStreams<Down>(accelerator, filter, descriptors, n); },
                         [=](TraceLine& line) { line.accelerator(accelerator).filter(filter); });
 }
 

@@ -31,7 +31,8 @@ TraceLine& TraceLine::card(const char* key, const Handle* handle, const Embedded
 
 TraceLine& TraceLine::channel(const char* key, const Handle* handle, const EmbeddedCard* card, std::uint32_t channel) {
     if (handle == nullptr || !isAlive(handle)) return text(key, stateOf(handle));
-    return text(key, ("card" + std::to_string(card->index) + "/CUSTOM_CHAN" + std::to_string(channel) + "_DATA").c_str());
+    const std::string stream = "/CUSTOM_CHAN" + std::to_string(channel) + "_DATA";
+    return text(key, ("card" + std::to_string(card->index) + stream).c_str());
 }
 
 TraceLine& TraceLine::filter(const enyx_hw_filter* filter) {
@@ -41,13 +42,17 @@ TraceLine& TraceLine::filter(const enyx_hw_filter* filter) {
     return filter->hasIndex || filter->hasName ? *this : text("filter", "all");
 }
 
-TraceLine& TraceLine::accelerator(const enyx_hw_accelerator* a) { return card("accelerator", a, a ? a->card : nullptr); }
+TraceLine& TraceLine::accelerator(const enyx_hw_accelerator* a) {
+    return card("accelerator", a, a ? a->card : nullptr);
+}
 
 TraceLine& TraceLine::descriptor(const enyx_hw_accelerator_descriptor* d) {
     return card("descriptor", d, d ? d->card : nullptr);
 }
 
-TraceLine& TraceLine::descriptor(const enyx_hw_mmio_descriptor* d) { return card("descriptor", d, d ? d->card : nullptr); }
+TraceLine& TraceLine::descriptor(const enyx_hw_mmio_descriptor* d) {
+    return card("descriptor", d, d ? d->card : nullptr);
+}
 
 TraceLine& TraceLine::descriptor(const enyx_hw_a2c_stream_descriptor* d) {
     return channel("descriptor", d, d ? d->card : nullptr, d ? d->channel : 0);

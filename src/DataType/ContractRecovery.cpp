@@ -1,10 +1,10 @@
-#include <unistd.h>
 
 #include "DataType/ContractServ.h"
 #include "DataType/InstId.h"
 #include "VexoZceBinFile.h"
 #include "log/log.h"
 #include "util/LocalTime.h"
+#include "util/Sleep.h"
 
 namespace Vexo2_U50 {
 
@@ -52,13 +52,13 @@ std::uint32_t CContractServ::RecoverAllInst() {
     if (RecoverInstsFromBin() != 0) {
         for (std::uint32_t left = GetExpireTime() * 60; left > 0; left -= kStep) {
             LOG_INFO("Left %u seconds", left);
-            ::sleep(kStep);
+            SleepSeconds(kStep);
         }
         RecoverInstsFromFpga();
     } else {
         if (fpgaServ->bIsReseted()) {
             LOG_INFO("We wait for fpga gather enough inst, please wait 120 second...");
-            ::sleep(kWaitAfterReset);
+            SleepSeconds(kWaitAfterReset);
         }
         LOG_INFO("Bin inst count:%u", static_cast<unsigned int>(instIdToIndex.size()));
     }

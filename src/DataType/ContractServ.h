@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <list>
+#include <vector>
 #include <mutex>
 #include <string>
 
@@ -53,7 +53,7 @@ public:
     CZceFpgaServ* fpgaServ;
     CBrixBinFile* binFile;
     CZceConfigFile* config;
-    std::list<std::string> lackIds;
+    std::vector<std::string> lackIds;
     ZceSubsInfo_t (&subsInfo)[kChannelCount];
 
     static std::mutex order_mutex;  ///< taken before CZceFpgaServ::subscribe_mutex

@@ -26,13 +26,16 @@ void CZceFpgaServ::StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::
 }
 
 void CZceFpgaServ::StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan) {
+    // Copies, because a caller may hand in this object's own maps, which grow below.
+    const IndexToInstId oneLegInsts  = oneLeg;
+    const IndexToInstId combineInsts = combine;
     const auto number = static_cast<int>(chan);
-    LOG_INFO("[channel:%d] Record func:Meeting conditions count is:OneLeg:%u, Combine:%u.", number, Count(oneLeg),
-             Count(combine));
-    if (oneLeg.empty() && combine.empty())
+    LOG_INFO("[channel:%d] Record func:Meeting conditions count is:OneLeg:%u, Combine:%u.", number,
+             Count(oneLegInsts), Count(combineInsts));
+    if (oneLegInsts.empty() && combineInsts.empty())
         LOG_INFO("[channel:%d] Matched subs inst count is 0. you doesn't subscribe inst.", number);
-    for (const auto& [index, id] : oneLeg) StoreInstToGlob(card_reg::kSingleLegTable, index, id, chan);
-    for (const auto& [index, id] : combine) StoreInstToGlob(card_reg::kCombinationTable, index, id, chan);
+    for (const auto& [index, id] : oneLegInsts) StoreInstToGlob(card_reg::kSingleLegTable, index, id, chan);
+    for (const auto& [index, id] : combineInsts) StoreInstToGlob(card_reg::kCombinationTable, index, id, chan);
 }
 
 void CZceFpgaServ::SubsFromGlobInsts() {

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <unistd.h>
 
 #include "DataType/InstId.h"
 #include "DataType/ZceFpgaServ.h"
@@ -9,6 +8,7 @@
 #include "VexoZceUtil.h"
 #include "log/log.h"
 #include "util/LocalTime.h"
+#include "util/Sleep.h"
 
 namespace Vexo2_U50 {
 
@@ -83,7 +83,7 @@ bool CZceFpgaServ::FpgaCounterEqual() {
     const ParserCounters reference = ParserCounters::Read(*driver);
     bool equal = true;
     for (int pass = 0; pass < 2; ++pass) {
-        ::sleep(1);
+        SleepSeconds(1);
         if (!(ParserCounters::Read(*driver) == reference)) equal = false;
     }
     if (equal) LOG_INFO("Fpga parse static count doesn't change!");

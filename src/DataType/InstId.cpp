@@ -18,7 +18,8 @@ std::size_t OptionMark(const std::string& id) {
     const auto firstDigit = std::find_if(id.begin(), id.end(), IsDigit);
     auto pos = static_cast<std::size_t>(firstDigit - id.begin());
     while ((pos = id.find_first_of("CP", pos)) != std::string::npos) {
-        if (pos > 0 && IsDigit(id[pos - 1]) && pos + 1 < id.size() && IsDigit(id[pos + 1])) return pos;
+        // Never at position 0: the search began at a digit.
+        if (IsDigit(id[pos - 1]) && pos + 1 < id.size() && IsDigit(id[pos + 1])) return pos;
         ++pos;
     }
     return std::string::npos;
@@ -80,11 +81,11 @@ void conToAscii(const char* id, std::uint32_t* words) {
     }
 }
 
-bool Contains(const std::list<std::string>& list, const std::string& entry) {
+bool Contains(const std::vector<std::string>& list, const std::string& entry) {
     return std::find(list.begin(), list.end(), entry) != list.end();
 }
 
-std::string JoinWithComma(const std::list<std::string>& entries) {
+std::string JoinWithComma(const std::vector<std::string>& entries) {
     std::string joined;
     for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
         if (entry != entries.begin()) joined += ',';

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <list>
+#include <vector>
 #include <string>
 
 /// Helpers that read instrument identifiers (exchange contract codes) and the lists of them in the ini file.
@@ -34,6 +34,6 @@ constexpr unsigned int kIdBytes = 16;  ///< room for an id in a row of the card'
 /// @param words  room for four words; an id is cut after 16 characters
 void conToAscii(const char* id, std::uint32_t* words);
 
-bool Contains(const std::list<std::string>& list, const std::string& entry);
+bool Contains(const std::vector<std::string>& list, const std::string& entry);
 /// Joins a list with "," between its entries.
-std::string JoinWithComma(const std::list<std::string>& entries);
+std::string JoinWithComma(const std::vector<std::string>& entries);

@@ -111,7 +111,7 @@ void CZceConfigFile::CfgNetReg() {
             m_pDrv->WriteInt32(end.ipRegister, ip.NetworkOrder());
             ++items[end.feed];
         }
-        if (const int port = iniparser_getint(m_pDict, end.portKey, 0)) {
+        if (const int port = GetInt(end.portKey, 0)) {
             LOG_INFO("%s=%u", end.portKey, static_cast<unsigned int>(port));
             m_pDrv->WriteInt32(end.portRegister, static_cast<unsigned int>(port));
             ++items[end.feed];
@@ -145,7 +145,7 @@ void CZceConfigFile::CfgNetIPAndPort() {
         m_pDrv->WriteInt32(address.reg, ip.NetworkOrder());
     }
     for (const KeyedRegister& entry : kMulticastPorts) {
-        const auto port = static_cast<unsigned int>(iniparser_getint(m_pDict, entry.key, 0));
+        const auto port = static_cast<unsigned int>(GetInt(entry.key, 0));
         if (port == 0) {
             LOG_ERROR("multi channel port is 0.");
             continue;

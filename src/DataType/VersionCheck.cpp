@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -69,7 +70,7 @@ std::uint32_t CZceConfigFile::Chk_SysVersion() {
             LOG_ERROR("you get version from ini config, version is error, %s ", key.c_str());
             return kFailure;
         }
-        required.emplace(key.substr(std::strlen(kVersionSection)), RequiredVersion(value));
+        required.emplace(key.c_str() + std::min(key.size(), std::strlen(kVersionSection)), RequiredVersion(value));
     }
 
     AnnounceSoftVersion(*m_pDrv);

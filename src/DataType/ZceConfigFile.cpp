@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <sched.h>
+#include <sys/stat.h>
 #include <utility>
 
 #include "log/log.h"
@@ -20,6 +22,17 @@ constexpr std::uint32_t kChannelNotParsed = 255;
 constexpr std::uint32_t kMaxBus           = 4;
 constexpr int kDefaultBinDelay            = 15;  // minutes
 constexpr int kNoCpu                      = -1;
+
+// A number of the device value in 32 bits. One that does not fit must not come out as a valid bus or channel.
+std::uint32_t Narrow(long number) {
+    return number >= INT_MIN && number <= INT_MAX ? static_cast<std::uint32_t>(number) : kFailure;
+}
+
+// iniparser reads whatever it is given to its end: a device or a FIFO may have none.
+bool IsReadableToItsEnd(const char* path) {
+    struct stat status;
+    return ::stat(path, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+}
 
 }  // namespace
 
@@ -44,7 +57,7 @@ std::uint32_t CZceConfigFile::Init() {
         return kFailure;
     }
     iniparser_freedict(m_pDict);
-    m_pDict = iniparser_load(m_strIniPath.c_str());
+    m_pDict = IsReadableToItsEnd(m_strIniPath.c_str()) ? iniparser_load(m_strIniPath.c_str()) : nullptr;
     if (m_pDict == nullptr) {
         LOG_ERROR("Failed to load file %s", m_strIniPath.c_str());
         return kFailure;
@@ -53,10 +66,20 @@ std::uint32_t CZceConfigFile::Init() {
         LOG_ERROR("Get dma chan fail!");
         return kFailure;
     }
-    m_binDelayTime = static_cast<std::uint32_t>(iniparser_getint(m_pDict, "config:BIN_DELAY_TIME", kDefaultBinDelay));
+    m_binDelayTime = static_cast<std::uint32_t>(GetInt("config:BIN_DELAY_TIME", kDefaultBinDelay));
     LOG_INFO("config ini, m_binDelayTime is %d", static_cast<int>(m_binDelayTime));
     LOG_INFO("Successful load confie file %s", m_strIniPath.c_str());
     return 0;
+}
+
+// Scans "xilinx<bus>:<channel>" and keeps the bus. Returns how many of the two numbers there were.
+int CZceConfigFile::ScanDevice(const std::string& device, std::uint32_t& channel) {
+    long busNumber = 0;
+    long channelNumber = 0;
+    const int scanned = std::sscanf(device.c_str(), "xilinx%ld:%ld", &busNumber, &channelNumber);
+    if (scanned >= 1) m_uiBusId = Narrow(busNumber);
+    if (scanned >= 2) channel = Narrow(channelNumber);
+    return scanned;
 }
 
 std::uint32_t CZceConfigFile::GetDmaChannel() {
@@ -69,11 +92,7 @@ std::uint32_t CZceConfigFile::GetDmaChannel() {
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
 
     // What the scan stored stays, also when it is refused below: a later call then returns it unparsed.
-    int bus = 0;
-    int channel = 0;
-    const int scanned = std::sscanf(folded.c_str(), "xilinx%d:%d", &bus, &channel);
-    if (scanned >= 1) m_uiBusId = static_cast<std::uint32_t>(bus);
-    if (scanned >= 2) m_uiChannelId = static_cast<std::uint32_t>(channel);
+    const int scanned = ScanDevice(folded, m_uiChannelId);
     if (scanned != 2 || m_uiChannelId >= kChannelCount || m_uiBusId > kMaxBus) {
         std::printf("Error! Invalid parameter! Input: %s \n", device.c_str());
         return kFailure;
@@ -85,12 +104,10 @@ std::uint32_t CZceConfigFile::GetDmaChannel() {
 std::uint32_t CZceConfigFile::GetBusId() {
     const char* value = GetString("config:device");
     const std::string device = value != nullptr ? value : "";
-    int bus = 0;
-    int channel = 0;
-    const int scanned = std::sscanf(device.c_str(), "xilinx%d:%d", &bus, &channel);
-    if (scanned >= 1) m_uiBusId = static_cast<std::uint32_t>(bus);
-    if (scanned == 2) {
-        LOG_INFO("[channel:%d] Busid:%d, ChannelId:%d.", static_cast<int>(m_uiChannelId), bus, channel);
+    std::uint32_t channel = 0;
+    if (ScanDevice(device, channel) == 2) {
+        LOG_INFO("[channel:%d] Busid:%d, ChannelId:%d.", static_cast<int>(m_uiChannelId), static_cast<int>(m_uiBusId),
+                 static_cast<int>(channel));
     } else {
         LOG_ERROR("[channel:%d] Failed to parse the input string:%s", static_cast<int>(m_uiChannelId), device.c_str());
     }
@@ -99,7 +116,7 @@ std::uint32_t CZceConfigFile::GetBusId() {
 
 void CZceConfigFile::BindCpu() {
     const auto channel = static_cast<int>(m_uiChannelId);
-    const int cpu = iniparser_getint(m_pDict, "config:cpucore", kNoCpu);
+    const int cpu = GetInt("config:cpucore", kNoCpu);
     if (cpu == kNoCpu) {
         LOG_INFO("[channel:%d] Doesn't need to bind cpu.", channel);
         return;

@@ -1,11 +1,11 @@
 #include "DataType/ZceFpgaServ.h"
 
-#include <unistd.h>
 
 #include "DataType/InstId.h"
 #include "DataType/ZceConfigFile.h"
 #include "DrvEnyx/CardRegisters.h"
 #include "log/log.h"
+#include "util/Sleep.h"
 
 namespace Vexo2_U50 {
 
@@ -113,7 +113,7 @@ void CZceFpgaServ::UnSubsAllInsts() {
 void CZceFpgaServ::ResetFpga() {
     if (channel != 0) return;
     driver->WriteInt32_Log(card_reg::kReset, 1);
-    ::sleep(1);
+    SleepSeconds(1);
     driver->WriteInt32_Log(card_reg::kReset, 0);
     ClearAllInstTable();
     m_bReseted = true;

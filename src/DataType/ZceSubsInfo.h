@@ -1,6 +1,6 @@
 #pragma once
 
-#include <list>
+#include <vector>
 #include <string>
 
 namespace Vexo2_U50 {
@@ -9,8 +9,8 @@ constexpr unsigned int kChannelCount = 16;  ///< DMA channels of a card, and so 
 
 /// What one DMA channel subscribes: its section of the ini file.
 struct ZceSubsInfo_t {
-    std::list<std::string> m_SubsContractId;     ///< exact instrument ids
-    std::list<std::string> m_SubsContractClass;  ///< product codes
+    std::vector<std::string> m_SubsContractId;     ///< exact instrument ids
+    std::vector<std::string> m_SubsContractClass;  ///< product codes
     bool bSubAll                = false;         ///< every single-leg future; options still follow bOptionsRecv
     bool bOptionsRecv           = false;
     bool bIpsRecv               = false;  ///< inter-product spreads, ids beginning "IPS-"

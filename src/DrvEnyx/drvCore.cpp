@@ -2,11 +2,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 #include "DrvEnyx/HwHandles.h"
 #include "log/ThreadMutex.h"
 #include "log/log.h"
+#include "util/Sleep.h"
 
 namespace {
 
@@ -107,7 +107,7 @@ enyx_hw_core* DrvEnyxGetRoot(unsigned short busId) {
         return nullptr;
     }
     enyx_hw_core_reset(s_lpEnyxCoreRoot[busId]);
-    ::sleep(1);
+    SleepSeconds(1);
     return s_lpEnyxCoreRoot[busId];
 }
 
@@ -115,7 +115,8 @@ enyx_hw_core* DrvEnyxGetRoot(unsigned short busId) {
 
 enyx_hw_accelerator* DrvEnyxCoreGetAcc(unsigned short busId) {
     if (busId >= kBusCount) {
-        LOG_ERROR("Could not find accelerator. ernno:%d, msg:%s, get acc num:%d.", ENODEV, std::strerror(ENODEV), 0);
+        errno = ENODEV;  // what the callers' own lines tell
+        LOG_ERROR("Could not find accelerator. ernno:%d, msg:%s, get acc num:%d.", errno, std::strerror(errno), 0);
         return nullptr;
     }
     const MOSK2::CThreadGuard guard(s_coreMutex);

@@ -1,13 +1,13 @@
 #include "DrvEnyx/drvDMAEnyx.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
 #include "DrvEnyx/HwHandles.h"
 #include "DrvEnyx/drvCore.h"
 #include "log/log.h"
+#include "util/Decimal.h"
 
 std::atomic<enyx_hw_accelerator*> CDrvDMAEnyx::m_lpAcc{nullptr};
 
@@ -43,7 +43,7 @@ int CDrvDMAEnyx::Init(void* record) {
         return -1;
     }
     const char* number = m_strCfgName.c_str() + mark + std::strlen(kChannelMark);
-    m_iChannel = static_cast<int>(std::strtol(number, nullptr, 10));
+    m_iChannel = static_cast<int>(LeadingDecimal<unsigned int>(number));
     if (InitDma(m_strCfgName) != 0) {
         LOG_ERROR("Init DMA error!");
         return -1;
@@ -53,6 +53,7 @@ int CDrvDMAEnyx::Init(void* record) {
 
 int CDrvDMAEnyx::InitDma(std::string& name) {
     m_strDmaName = name;
+    m_bInited    = false;  // until the streams of this name are open
     enyx_hw_accelerator* acc = DrvEnyxCoreGetAcc(static_cast<unsigned short>(m_uiBusId));
     m_lpAcc = acc;
     if (acc == nullptr) {
@@ -133,7 +134,7 @@ int CDrvDMAEnyx::Send(void* data, unsigned int size) {
 }
 
 int CDrvDMAEnyx::RecvOnce(void* handler, void* ctx) {
-    if (m_lpA2c == nullptr) return 0;
+    if (m_lpA2c == nullptr || handler == nullptr) return 0;
     return enyx_hw_a2c_stream_poll_once(m_lpA2c, reinterpret_cast<DmaPacketHandler>(handler), ctx);
 }
 

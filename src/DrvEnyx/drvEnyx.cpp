@@ -74,6 +74,7 @@ int CDrvEnyxReg::Init(void* param) {
     if (m_lpCore == nullptr || found != 1) {
         LOG_ERROR("enumerate core error!, get core num %d, msg:%s, busid:%d, coreId:%d.", found, std::strerror(errno),
                   parms->uiBusId, parms->uiCoreId);
+        m_lpCore = nullptr;
         return -1;
     }
     m_bInited = true;

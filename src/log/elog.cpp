@@ -39,13 +39,6 @@ constexpr std::uint64_t kDefaultMasks[ELOG_LVL_TOTAL] = {
     255, kBriefFormat, kBriefFormat, kBriefFormat, kBriefFormat, kDebugFormat, kDebugFormat,
 };
 
-struct LogLock {
-    LogLock() { elog_mutex_lock(); }
-    ~LogLock() { elog_mutex_unlock(); }
-    LogLock(const LogLock&) = delete;
-    LogLock& operator=(const LogLock&) = delete;
-};
-
 struct ErrnoKeeper {
     const int saved = errno;
     ErrnoKeeper() = default;

@@ -82,7 +82,8 @@ struct ElogFileCfg {
 extern std::atomic<std::time_t> time_cache;  ///< time of the last line that carried one; dates the log file
 extern int time_zone;
 extern std::FILE* elog_file_fp;
-extern std::atomic<int> elog_file_fd;  ///< -1 while no file is open
+extern std::atomic<int> elog_file_fd;           ///< -1 while no file is open
+extern std::atomic<int> elog_handlers_writing;  ///< signal handlers that use elog_file_fd at this moment
 extern bool elog_file_init_ok;
 extern ElogFileCfg local_cfg;
 extern long last_rotate_day;  ///< YYYYMMDD of the open file, 0 before the first write

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sched.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@ std::atomic<std::time_t> time_cache{0};
 int time_zone = 0;
 std::FILE* elog_file_fp = nullptr;
 std::atomic<int> elog_file_fd{-1};
+std::atomic<int> elog_handlers_writing{0};
 bool elog_file_init_ok = false;
 ElogFileCfg local_cfg{};
 long last_rotate_day = 0;
@@ -24,45 +26,58 @@ namespace {
 constexpr std::uint64_t kUnusedMaxSize = 4294967294;
 constexpr std::size_t kMaxDirPath = 512;  // longer paths are cut
 
+// Stop signals may find a thread anywhere: their handler writes to elog_file_fd without a lock. Closing waits until no
+// handler is at it, so that its line never reaches a descriptor that has become somebody else's. A handler on this very
+// thread has run to its end before the thread comes here again.
 void CloseFile() {
     elog_file_fd = -1;
+    while (elog_handlers_writing != 0) ::sched_yield();
     if (elog_file_fp != nullptr) std::fclose(elog_file_fp);
     elog_file_fp = nullptr;
 }
 
 // The configured path with the date in the place of its "%s". Done by hand: a directory name may hold a '%' as well.
 std::string DatedPath(const ElogFileCfg& cfg, const std::tm& local) {
+    char date[16];
+    std::snprintf(date, sizeof date, "%08u", local_time::Date(local));
     std::string path = cfg.name;
     const std::size_t mark = path.rfind("%s");
-    if (mark != std::string::npos) path.replace(mark, 2, std::to_string(local_time::Date(local)));
+    if (mark != std::string::npos) path.replace(mark, 2, date);
     if (path.size() >= ELOG_PATH_SIZE) path.resize(ELOG_PATH_SIZE - 1);
     return path;
 }
 
-// Puts the newly opened file behind the descriptor that the log has had so far, in one step: a signal handler that
-// writes meanwhile reaches the old file or the new one, never a stranger's descriptor.
-bool TakeOver(int fd) {
-    if (elog_file_fp == nullptr) {
-        elog_file_fp = ::fdopen(fd, "ab");
-        if (elog_file_fp == nullptr) return false;
-        elog_file_fd = fd;
-        return true;
-    }
-    const bool replaced = ::dup3(fd, ::fileno(elog_file_fp), O_CLOEXEC) >= 0;
-    const int why = errno;
+// Opens for appending. Not one of the three standard descriptors, which a daemon may have closed: a log file there would
+// get what others write to them.
+int OpenAbove(const char* path) {
+    // O_NONBLOCK for the open alone: a FIFO that nobody reads must fail here, not hold the process up.
+    const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (fd < 0) return -1;
+    ::fcntl(fd, F_SETFL, O_APPEND);
+    if (fd > STDERR_FILENO) return fd;
+    const int above = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     ::close(fd);
-    errno = why;
-    return replaced;
+    return above;
 }
 
 bool OpenFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-    if (fd >= 0 && TakeOver(fd)) return true;
-    const int why = errno;
-    CloseFile();
-    std::fprintf(stderr, "Error! Create file %s fail, errmsg:%s. \n", path.c_str(), std::strerror(why));
-    return false;
+    const int fd = OpenAbove(path.c_str());
+    if (fd >= 0) elog_file_fp = ::fdopen(fd, "ab");
+    if (elog_file_fp == nullptr) {
+        std::fprintf(stderr, "Error! Create file %s fail, errmsg:%s. \n", path.c_str(), std::strerror(errno));
+        if (fd >= 0) ::close(fd);
+        return false;
+    }
+    elog_file_fd = fd;
+    return true;
 }
+
+struct Rotating {
+    Rotating() { is_rotating = true; }
+    ~Rotating() { is_rotating = false; }
+    Rotating(const Rotating&) = delete;
+    Rotating& operator=(const Rotating&) = delete;
+};
 
 }  // namespace
 
@@ -107,25 +122,21 @@ int elog_file_init(const char* dir, const char* name) {
 }
 
 int elog_file_config(const ElogFileCfg* cfg) {
+    CloseFile();
     if (cfg != &local_cfg) local_cfg = *cfg;
     std::tm local{};
-    if (!local_time::BreakDown(time_cache, local)) {
-        CloseFile();
-        return -1;
-    }
+    if (!local_time::BreakDown(time_cache, local)) return -1;
     return OpenFile(DatedPath(local_cfg, local)) ? elog_file_fd.load() : -1;
 }
 
 void elog_file_write(const char* buf, std::size_t size) {
-    elog_mutex_lock();
+    const LogLock lock;
     if (is_rotating) {
         std::puts("======================log file is rotating, exit log file!===================");
-        elog_mutex_unlock();
         return;
     }
     elog_file_rotate_day();
     elog_write_fully(elog_file_fd, buf, size);
-    elog_mutex_unlock();
 }
 
 void elog_file_rotate() { elog_file_rotate_day(); }
@@ -139,15 +150,13 @@ void elog_file_rotate_day() {
         return;
     }
     if (day <= last_rotate_day) return;
-    is_rotating = true;
+    const Rotating rotating;
     // A day whose file cannot be opened is not taken as begun, so that the next line tries again.
     if (elog_file_config(&local_cfg) != -1) last_rotate_day = day;
-    is_rotating = false;
 }
 
 void elog_file_fini() {
-    elog_mutex_lock();
+    const LogLock lock;
     CloseFile();
     elog_file_init_ok = false;
-    elog_mutex_unlock();
 }

@@ -6,3 +6,11 @@ extern MOSK2::CThreadMutex g_log_mutex;  ///< held while a line is formatted and
 
 int elog_mutex_lock();
 int elog_mutex_unlock();
+
+/// Holds the log mutex for a scope; a thread that is cancelled inside releases it too.
+struct LogLock {
+    LogLock() { elog_mutex_lock(); }
+    ~LogLock() { elog_mutex_unlock(); }
+    LogLock(const LogLock&) = delete;
+    LogLock& operator=(const LogLock&) = delete;
+};

@@ -1,6 +1,7 @@
 #include "log/elog.h"
 
 #include <cerrno>
+#include <poll.h>
 #include <unistd.h>
 
 int elog_port_init(const char* dir, const char* name) { return elog_file_init(dir, name); }
@@ -8,14 +9,20 @@ int elog_port_init(const char* dir, const char* name) { return elog_file_init(di
 void elog_port_fini() { elog_file_fini(); }
 
 void elog_port_output(const char* buf, std::size_t size) {
-    // Standard output is unbuffered and stdio locks it for the call: the line leaves whole, in one write.
+    // Standard output is unbuffered and stdio locks it for the call: the line leaves whole, in one write. A write that a
+    // stop signal interrupts is not tried again: its reader may have stopped, and the process is to end.
     std::fwrite(buf, 1, size, stdout);
     elog_file_write(buf, size);
 }
 
 void elog_port_output_from_handler(const char* buf, std::size_t size) {
-    elog_write_fully(STDOUT_FILENO, buf, size);
-    elog_write_fully(elog_file_fd.load(std::memory_order_relaxed), buf, size);
+    // A reader of standard output that has stopped must not keep the stop signal from taking effect. A pipe that is
+    // ready takes a line whole.
+    pollfd out{STDOUT_FILENO, POLLOUT, 0};
+    if (::poll(&out, 1, 0) == 1) elog_write_fully(STDOUT_FILENO, buf, size);
+    ++elog_handlers_writing;
+    elog_write_fully(elog_file_fd, buf, size);
+    --elog_handlers_writing;
 }
 
 void elog_write_fully(int fd, const char* buf, std::size_t size) {

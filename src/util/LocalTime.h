@@ -3,7 +3,7 @@
 #include <ctime>
 
 /// Local calendar time in the decimal forms that the card, the trading windows and the file names use.
-/// The one place that breaks a time down; safe to call from any thread.
+/// Safe to call from any thread, unlike the exported trading-hours test, which is bound to localtime().
 namespace local_time {
 
 /// Breaks @p when down. @return false when the C library cannot (the year does not fit).

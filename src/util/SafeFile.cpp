@@ -1,7 +1,6 @@
 #include "util/SafeFile.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@ namespace {
 // A FIFO or a device must not block or act on the open that finds out what it is.
 constexpr int kCautious      = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr std::size_t kChunk = 65536;
+constexpr std::size_t kMaxSize = 64U << 20;  // both tables full take half a megabyte
 
 class Descriptor {
 public:
@@ -33,35 +33,40 @@ private:
     int m_fd;
 };
 
-std::string OpenError() {
-    switch (errno) {
-        case ENOENT: return kMissing;
-        case ELOOP: return "it is a symbolic link, remove it";
-        case ENXIO: return "it is not a regular file, remove it";  // a FIFO that nobody reads
-        default: return std::strerror(errno);
-    }
-}
+bool IsTrusted(uid_t owner) { return owner == 0 || owner == ::geteuid(); }
 
 // Why the open file is not to be used; empty when it is.
-std::string Distrust(int fd, bool ownerMatters) {
+std::string Distrust(int fd) {
     struct stat status;
-    if (::fstat(fd, &status) != 0) return std::strerror(errno);
-    if (!S_ISREG(status.st_mode)) return "it is not a regular file, remove it";
-    if (ownerMatters && status.st_uid != 0 && status.st_uid != ::geteuid()) return "another user owns it, remove it";
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return "it is not a regular file, remove it";
+    if (!IsTrusted(status.st_uid)) return "another user owns it, remove it";
+    if (status.st_nlink != 1) return "it has another name too, remove it";
     return {};
+}
+
+// A lock of the process, not of the descriptor: a later user of the library in the same process gets it again.
+bool LockForWriting(int fd) {
+    struct flock whole {};
+    whole.l_type   = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    return ::fcntl(fd, F_SETLK, &whole) == 0;
+}
+
+void RemoveForeignFile(const char* path) {
+    struct stat status;
+    if (::lstat(path, &status) == 0 && S_ISREG(status.st_mode) && !IsTrusted(status.st_uid)) ::unlink(path);
 }
 
 }  // namespace
 
-std::string OutputFile::Open(const std::string& path) {
+bool OutputFile::Open(const std::string& path) {
     Close();
-    Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | kCautious, 0666));
-    if (file.Get() < 0) return OpenError();
-    const std::string why = Distrust(file.Get(), false);
-    if (!why.empty()) return why;
-    if (::ftruncate(file.Get(), 0) != 0) return std::strerror(errno);
+    RemoveForeignFile(path.c_str());
+    Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | kCautious, 0644));
+    if (file.Get() < 0 || !Distrust(file.Get()).empty()) return false;
+    if (!LockForWriting(file.Get()) || ::ftruncate(file.Get(), 0) != 0) return false;
     m_fd = file.Release();
-    return {};
+    return true;
 }
 
 bool OutputFile::Write(const char* data, std::size_t size) {
@@ -85,24 +90,26 @@ void OutputFile::Close() {
     m_fd = -1;
 }
 
-std::string ReadWhole(const std::string& path, std::string& content) {
+bool ReadWhole(const std::string& path, std::string& content, std::string& refusal) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | kCautious));
-    if (file.Get() < 0) return OpenError();
-    std::string why = Distrust(file.Get(), true);
-    if (!why.empty()) return why;
-
+    if (file.Get() < 0) {
+        if (errno == ELOOP) refusal = "it is a symbolic link, remove it";
+        return false;
+    }
+    refusal = Distrust(file.Get());
     content.clear();
     std::size_t used = 0;
-    for (;;) {
+    while (refusal.empty()) {
         content.resize(used + kChunk);
         const ssize_t got = ::read(file.Get(), &content[used], kChunk);
         if (got < 0 && errno == EINTR) continue;
-        if (got < 0) why = std::strerror(errno);
-        if (got <= 0) break;
+        if (got < 0) return false;
         used += static_cast<std::size_t>(got);
+        content.resize(used);
+        if (got == 0) return true;
+        if (used > kMaxSize) refusal = "it is far too large, remove it";
     }
-    content.resize(used);
-    return why;
+    return false;
 }
 
 }  // namespace safe_file

@@ -15,8 +15,10 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    /// Creates or truncates the file. @return an empty text, or why it was not opened
-    std::string Open(const std::string& path);
+    /// Creates the file or empties it; one that another ordinary user left is replaced. Until it is closed no other
+    /// process can open it so.
+    /// @return false when that cannot be done
+    bool Open(const std::string& path);
     /// @return false, with errno set, for the write that failed; later writes do nothing and return true
     bool Write(const char* data, std::size_t size);
     void Close();
@@ -25,10 +27,9 @@ private:
     int m_fd = -1;
 };
 
-inline constexpr char kMissing[] = "it does not exist";
-
-/// Reads a whole file that this user or root owns. @return an empty text, or why it was not read (kMissing when there
-/// is none)
-std::string ReadWhole(const std::string& path, std::string& content);
+/// Reads a whole file that this user or root owns.
+/// @param refusal  why a file that is there is not believed; empty when the system could not open or read it
+/// @return whether it was read
+bool ReadWhole(const std::string& path, std::string& content, std::string& refusal);
 
 }  // namespace safe_file

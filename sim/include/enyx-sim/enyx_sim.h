@@ -143,10 +143,11 @@ void enyx_sim_clear_failures(void);
 
 /* ---- watching ---- */
 
-/* Called after each enyx_hw_ call with one line: the call's name, its arguments and its result, such as
+/* Called once for each enyx_hw_ call with one line: the call's name, its arguments and its result, such as
  *     enyx_hw_write core=0x1da address=0x408 offset=0 width=32 value=0x1010213 result=0
- * Lines come one at a time; those of calls made inside a packet handler come before the line of the poll. The callback
- * must not call enyx_hw_ or enyx_sim_ functions. A null callback ends the trace, and no line comes after that. */
+ * Lines come one at a time; those of calls made inside a packet handler come before the line of the poll. A failed
+ * call's line ends in errno=<number>. The callback must not call enyx_hw_ or enyx_sim_ functions. A null callback ends
+ * the trace, and no line comes after that. */
 typedef void (*enyx_sim_trace)(const char *line, void *context);
 void enyx_sim_set_trace(enyx_sim_trace trace, void *context);
 
@@ -159,7 +160,7 @@ typedef struct enyx_sim_handles {
     uint32_t a2c_streams;
     uint32_t c2a_descriptors;
     uint32_t c2a_streams;
-    uint64_t misuses; /* calls that were given a handle that is null or destroyed already */
+    uint64_t misuses; /* calls since the process began that were given a null or a destroyed handle */
 } enyx_sim_handles;
 
 /* What the process holds at this moment, to find what is not released or released twice. */

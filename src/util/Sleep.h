@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cerrno>
+#include <ctime>
+#include <unistd.h>
+
+/// Sleeps whole seconds. A signal of the application does not shorten them: the card's reset pulse and the seconds over
+/// which its counters must stand still have to be full ones. Leaves errno as it found it.
+inline void SleepSeconds(unsigned int seconds) {
+    const int saved = errno;
+    std::timespec end{};
+    ::clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += seconds;
+    errno = 0;
+    ::sleep(seconds);
+    // The result tells whole seconds only, 0 also when most of the last one was left.
+    if (errno == EINTR) {
+        while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+        }
+    }
+    errno = saved;
+}

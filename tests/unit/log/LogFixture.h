@@ -1,0 +1,52 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "log/elog.h"
+#include "support/CaptureOutput.h"
+#include "support/FakeTime.h"
+#include "support/TempDir.h"
+
+/// What @p act prints on descriptor @p fd. Only the act runs inside, so that a failed assertion is seen.
+template <typename Act>
+std::string Printed(Act act, int fd = 1) {
+    test_support::CaptureOutput output(fd);
+    act();
+    return output.Stop();
+}
+
+/// The lines of a text without their newlines; what follows the last newline is a line of its own.
+std::vector<std::string> Lines(const std::string& text);
+
+/// How many descriptors the process has open.
+std::size_t OpenDescriptors();
+
+constexpr std::uint8_t kInfo = ELOG_LVL_INFO;
+
+/// A log core that was never set up, 10:00:00 on 3 March 2025, in an empty working directory.
+class LogCore : public testing::Test {
+protected:
+    LogCore();
+    ~LogCore() override;
+
+    test_support::FakeTime clock;
+    test_support::TempDir dir;
+
+private:
+    static void Forget();
+};
+
+/// The core set up as the library does it, in the working directory, output enabled, nothing written yet.
+class StartedLog : public LogCore {
+protected:
+    StartedLog();
+
+    static constexpr char kToday[]    = "fpga_20250303.log";
+    static constexpr char kTomorrow[] = "fpga_20250304.log";
+};

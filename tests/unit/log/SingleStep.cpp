@@ -1,0 +1,61 @@
+#include "SingleStep.h"
+
+#include <signal.h>
+
+#if defined(__SANITIZE_THREAD__)
+#define VEXO_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VEXO_THREAD_SANITIZER 1
+#endif
+#endif
+
+namespace {
+
+// Only the one thread that steps touches them, its own handler included.
+volatile unsigned long g_steps = 0;
+void (*volatile g_handler)()   = nullptr;
+
+void OnTrap(int) {
+    g_steps = g_steps + 1;
+    g_handler();
+}
+
+// Below the red zone, which the compiler may be using.
+void TrapFlagOn() {
+    asm volatile("lea -128(%%rsp), %%rsp\n pushfq\n orq $0x100, (%%rsp)\n popfq\n lea 128(%%rsp), %%rsp" ::
+                     : "cc", "memory");
+}
+
+void TrapFlagOff() {
+    asm volatile("lea -128(%%rsp), %%rsp\n pushfq\n andq $~0x100, (%%rsp)\n popfq\n lea 128(%%rsp), %%rsp" ::
+                     : "cc", "memory");
+}
+
+}  // namespace
+
+namespace SingleStep {
+
+bool Works() {
+#ifdef VEXO_THREAD_SANITIZER
+    return false;
+#else
+    return true;
+#endif
+}
+
+unsigned long Run(void (*code)(), void (*handler)()) {
+    g_steps = 0;
+    g_handler = handler;
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = OnTrap;
+    ::sigaction(SIGTRAP, &action, &before);
+    TrapFlagOn();
+    code();
+    TrapFlagOff();
+    ::sigaction(SIGTRAP, &before, nullptr);
+    return g_steps;
+}
+
+}  // namespace SingleStep
