@@ -18,7 +18,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 package() { pkg-config --define-prefix "$@" vexo-zce-md; }
 
-cmake -S "$consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake -G Ninja -S "$consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 # shellcheck disable=SC2046  # the flags are words
 g++ "$consumer/main.cpp" -o "$work/consumer-pkgconfig" $(package --cflags --libs)
