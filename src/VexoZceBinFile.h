@@ -23,8 +23,8 @@ public:
     int InstBinFileInit();                                      ///< starts the file afresh
     void WriteBinFileInst(std::string id, unsigned short index);  ///< on disk before it returns
     void WriteBinFileEnd();
-    /// Loads today's file of this half-day. The map is empty after a file that cannot be used, and untouched when
-    /// there is none.
+    /// Loads today's file of this half-day. The map is empty after a file that was read and is not whole, and untouched
+    /// when there is none that could be read.
     int CheckOrLoadBinFile();
 
     // ---- file "bin"; results are 0 or -1 ----

@@ -20,7 +20,7 @@ constexpr std::uint32_t kMaxArea = 0xFFFF;
 
 bool mayTransmit(const CardState& s) {
     return s.registers.stored[card_reg::kMapTransmit] == 1 && !s.feed.paused && s.up[0].open &&
-           s.parser.learned > 0 && !s.registers.heldInReset;
+           s.parser.learned > 0;
 }
 
 unsigned char* put16(unsigned char* at, std::uint32_t value) {
@@ -51,8 +51,8 @@ std::uint32_t fillPacket(CardState& s, unsigned char* packet) {
     unsigned char* at = packet + kAreaOffset;
     for (std::uint32_t n = 0; n < s.config.mapMessagesPerPacket && s.map.cursor < s.parser.learned; ++n) {
         const Instrument& instrument = s.parser.instruments[s.map.cursor];
-        const std::size_t used = static_cast<std::size_t>(at - packet);
-        if (used + kFirstHeader + std::strlen(instrument.id) > limit) break;
+        const std::size_t length = (n == 0 ? kFirstHeader : kHeader) + std::strlen(instrument.id);
+        if (static_cast<std::size_t>(at - packet) + length > limit) break;
         at = putMessage(at, s, instrument, n == 0);
         ++s.map.cursor;
     }

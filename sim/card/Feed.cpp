@@ -17,18 +17,16 @@ constexpr std::uint32_t kMostPerAdvance = 4096;
 constexpr std::uint64_t kCreditPerPacket = 1'000'000'000;
 constexpr std::uint64_t kLongestGapNs = 1'000'000'000;
 
-struct QuotePacket {
+template <typename Quote>
+struct Packet {
     enyx_sim::PacketHead head;
-    union {
-        enyx_sim::QuoteCommon common;
-        enyx_sim::Level1Quote level1;
-        enyx_sim::Level5Quote level5;
-    };
+    Quote quote;
 };
+static_assert(sizeof(Packet<enyx_sim::Level1Quote>) == 12 + 128 && sizeof(Packet<enyx_sim::Level5Quote>) == 12 + 224);
 
 bool mayQuote(const CardState& s) {
     return s.registers.stored[card_reg::kDecodeSwitch] != 0 && s.config.quotesPerSecond != 0 && !s.feed.paused &&
-           s.feed.subscribedCount > 0 && !s.registers.heldInReset;
+           s.feed.subscribedCount > 0;
 }
 
 void subscribe(FeedState& feed, std::uint16_t number) {
@@ -87,42 +85,48 @@ std::uint32_t packetType(std::uint32_t table, std::uint32_t level) {
     return kLevel1SingleLeg + table * 2 + (level == 5 ? 1 : 0);
 }
 
-std::uint32_t makePacket(CardState& s, std::uint16_t number, std::uint32_t level, QuotePacket& packet) {
-    PriceWalk& prices = s.feed.prices[number];
-    const BookEdge edge = walk(prices, s.feed.random);
-    fillCommon(s, number, level, packet.common);
-    std::uint32_t length = sizeof(enyx_sim::PacketHead);
-    if (level == 1) {
-        packet.level1.bidPrice = edge.bid;
-        packet.level1.askPrice = edge.ask;
-        packet.level1.bidVolume = edge.bidVolume[0];
-        packet.level1.askVolume = edge.askVolume[0];
-        length += static_cast<std::uint32_t>(sizeof packet.level1);
-    } else {
-        for (int depth = 0; depth < enyx_sim::kDepth; ++depth) {
-            packet.level5.bidPrice[depth] = edge.bid - depth * prices.tick;
-            packet.level5.askPrice[depth] = edge.ask + depth * prices.tick;
-            packet.level5.bidVolume[depth] = edge.bidVolume[depth];
-            packet.level5.askVolume[depth] = edge.askVolume[depth];
-        }
-        length += static_cast<std::uint32_t>(sizeof packet.level5);
-    }
-    packet.head.type = packetType(s.parser.instruments[number].table, level);
-    packet.head.length = length;
-    return length;
+void fillBook(const BookEdge& edge, std::int64_t, enyx_sim::Level1Quote& quote) {
+    quote.bidPrice = edge.bid;
+    quote.askPrice = edge.ask;
+    quote.bidVolume = edge.bidVolume[0];
+    quote.askVolume = edge.askVolume[0];
 }
 
-void deliver(UpStreamState& stream, QuotePacket& packet, std::uint32_t length) {
+void fillBook(const BookEdge& edge, std::int64_t tick, enyx_sim::Level5Quote& quote) {
+    for (int depth = 0; depth < enyx_sim::kDepth; ++depth) {
+        quote.bidPrice[depth] = edge.bid - depth * tick;
+        quote.askPrice[depth] = edge.ask + depth * tick;
+        quote.bidVolume[depth] = edge.bidVolume[depth];
+        quote.askVolume[depth] = edge.askVolume[depth];
+    }
+}
+
+// The numbers of a quote that is lost are used up: its reader sees the gap.
+template <typename Quote>
+void deliver(UpStreamState& stream, Packet<Quote>& packet) {
     packet.head.sequence = ++stream.headSequence;
-    packet.common.sequence = ++stream.quoteSequence;
-    unsigned char* room = ring::reserve(stream.ring, length);
+    packet.quote.common.sequence = ++stream.quoteSequence;
+    unsigned char* room = ring::reserve(stream.ring, sizeof packet);
     if (room == nullptr) {
         ++stream.backPressure;
         return;
     }
-    std::memcpy(room, &packet, length);
-    ring::commit(stream.ring, length);
+    std::memcpy(room, &packet, sizeof packet);
+    ring::commit(stream.ring, sizeof packet);
     ++stream.packets;
+}
+
+template <typename Quote>
+void quote(CardState& s, std::uint16_t number, std::uint32_t level, std::uint32_t targets) {
+    PriceWalk& prices = s.feed.prices[number];
+    const BookEdge edge = walk(prices, s.feed.random);
+    Packet<Quote> packet;
+    packet.head.type = packetType(s.parser.instruments[number].table, level);
+    packet.head.length = sizeof packet;
+    fillCommon(s, number, level, packet.quote.common);
+    fillBook(edge, prices.tick, packet.quote);
+    for (std::uint32_t channel = 0; targets != 0; ++channel, targets >>= 1)
+        if ((targets & 1) != 0) deliver(s.up[channel], packet);
 }
 
 std::uint32_t openStreams(const CardState& s) {
@@ -137,12 +141,10 @@ void quoteNext(CardState& s, std::uint32_t open) {
     const std::uint32_t level = nextLevel(s);
     ++s.feed.cursor;
     const Instrument& instrument = s.parser.instruments[number];
-    std::uint32_t targets = s.tables[instrument.table].words[instrument.row][card_reg::kMaskWord] & open;
-    if (targets == 0 || level == 0) return;
-    QuotePacket packet;
-    const std::uint32_t length = makePacket(s, number, level, packet);
-    for (std::uint32_t channel = 0; targets != 0; ++channel, targets >>= 1)
-        if ((targets & 1) != 0) deliver(s.up[channel], packet, length);
+    const std::uint32_t targets = s.tables[instrument.table].words[instrument.row][card_reg::kMaskWord] & open;
+    if (targets == 0) return;
+    if (level == 1) quote<enyx_sim::Level1Quote>(s, number, level, targets);
+    if (level == 5) quote<enyx_sim::Level5Quote>(s, number, level, targets);
 }
 
 // Quotes owed since the last look. A pause of more than a second is not made up for.

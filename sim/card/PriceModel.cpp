@@ -12,6 +12,7 @@ namespace vexo_sim {
 namespace {
 
 constexpr std::int64_t kLimitPercent = 7;  // of the underlying price, either way
+constexpr std::int64_t kMostTurnover = INT64_MAX / 2;  // no day reaches it, but a benchmark may: it stays there
 constexpr std::int64_t kEdgeTicks = 6;     // the last price keeps that far from the limits: five prices fit behind it
 
 std::uint64_t hashOf(const char* text, std::size_t length, std::uint64_t seed) {
@@ -114,7 +115,7 @@ BookEdge walk(PriceWalk& prices, std::uint64_t& random) {
                              prices.upperLimit - kEdgeTicks * prices.tick);
     const std::uint32_t lots = 1 + take(20);
     prices.totalVolume += lots;
-    prices.turnover += prices.last * lots * prices.lotSize;
+    if (prices.turnover < kMostTurnover) prices.turnover += std::abs(prices.last) * lots * prices.lotSize;
     prices.openInterest += take(3);
 
     BookEdge edge;

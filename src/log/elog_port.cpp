@@ -4,6 +4,18 @@
 #include <poll.h>
 #include <unistd.h>
 
+namespace {
+
+// A thread that is cancelled in its write counts no longer either: closing the log file waits for the count.
+struct HandlerWriting {
+    HandlerWriting() { ++elog_handlers_writing; }
+    ~HandlerWriting() { --elog_handlers_writing; }
+    HandlerWriting(const HandlerWriting&) = delete;
+    HandlerWriting& operator=(const HandlerWriting&) = delete;
+};
+
+}  // namespace
+
 int elog_port_init(const char* dir, const char* name) { return elog_file_init(dir, name); }
 
 void elog_port_fini() { elog_file_fini(); }
@@ -20,9 +32,8 @@ void elog_port_output_from_handler(const char* buf, std::size_t size) {
     // ready takes a line whole.
     pollfd out{STDOUT_FILENO, POLLOUT, 0};
     if (::poll(&out, 1, 0) == 1) elog_write_fully(STDOUT_FILENO, buf, size);
-    ++elog_handlers_writing;
+    const HandlerWriting writing;
     elog_write_fully(elog_file_fd, buf, size);
-    --elog_handlers_writing;
 }
 
 void elog_write_fully(int fd, const char* buf, std::size_t size) {

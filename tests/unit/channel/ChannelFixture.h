@@ -46,6 +46,7 @@ protected:
     /// Channel 0 of card 0, with everything that a start-up needs.
     static constexpr char kMasterIni[] =
         "[config]\ndevice = xilinx0:0\n"
+        "L5_DSTPORT = 28501\n"
         "L5_IPA = 239.3.50.1\nL5_IPB = 239.3.51.1\nL5_PORT = 18501\n"
         "L1_IPA = 239.3.10.1\nL1_IPB = 239.3.11.1\nL1_PORT = 18101\n"
         "[version]\n1.1.2.12 = 11\n1.1.2.13 = 12\n";

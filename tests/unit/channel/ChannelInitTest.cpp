@@ -57,6 +57,9 @@ const std::vector<std::string> kVersionAccepted = {
 const std::vector<std::string> kNetworkAndFeeds = {
     "R 0x103",
     "INFO Fiber linkstatus 0x103:0xf.",
+    "INFO config:L5_DSTPORT=28501",
+    "W 0x304 0x6f55",
+    "INFO Netfunction: L5 config item count is 1. Maybe lack item! please check! ",
     "INFO config:L5_IPA=239.3.50.1",
     "INFO multi channel 0x200 = 0x013203ef",
     "W 0x200 0xef033201",

@@ -16,7 +16,8 @@ protected:
                                      channel.get());
     }
     /// The line that each channel's check begins with, for channels 0 to @p last; sizes as in "0,0".
-    static std::vector<std::string> Checked(unsigned int last, unsigned int special = 99, const std::string& sizes = "") {
+    static std::vector<std::string> Checked(unsigned int last, unsigned int special = 99,
+                                            const std::string& sizes = "") {
         std::vector<std::string> lines;
         for (unsigned int chan = 0; chan <= last; ++chan) {
             const std::string both = chan == special ? sizes : "0,0";
@@ -202,7 +203,8 @@ protected:
         Timeline();
     }
     std::vector<std::string> Closed(int elapsed) const {
-        return With(closing, {"INFO write bin file is success, snapInitIntervelSeconds is " + std::to_string(elapsed) + "."});
+        return With(closing,
+                    {"INFO write bin file is success, snapInitIntervelSeconds is " + std::to_string(elapsed) + "."});
     }
     const MapPacket repeat = MapPacket().Add("SR505", 1);
 };

@@ -152,7 +152,8 @@ TEST_F(ContractMapWalk, LinesOfTheDayFileAreOnDiskBeforeTheNextPacket) {
 }
 
 TEST_F(ContractMapWalk, ClassesAreTheFirstTwoCharactersOnceEach) {
-    Deliver(MapPacket().Add("SR505", 1).Add("TA501", 2).Add("SR506", 3).Add("SPD-SR505/SR509", 4).Add("X", 5).Add("", 6));
+    Deliver(MapPacket().Add("SR505", 1).Add("TA501", 2).Add("SR506", 3));
+    Deliver(MapPacket().Add("SPD-SR505/SR509", 4).Add("X", 5).Add("", 6));
 
     EXPECT_THAT(channel->m_vecRecvClass, ElementsAre("SR", "TA", "SP", "X", ""));
 }

@@ -67,7 +67,8 @@ INSTANTIATE_TEST_SUITE_P(
         DecisionRow{"SpreadInSmallLettersIsAFuture", "spd-SR505", {{}, {"spd"}, false, false, false, false}, 0},
         // inter-product spreads
         DecisionRow{"InterProductWanted", "IPS-SF505/SM505", {{}, {}, false, false, true, false}, 1},
-        DecisionRow{"InterProductUnwanted", "IPS-SF505/SM505", {{"IPS-SF505/SM505"}, {"IPS"}, true, true, false, true}, -1},
+        DecisionRow{"InterProductUnwanted", "IPS-SF505/SM505",
+                    {{"IPS-SF505/SM505"}, {"IPS"}, true, true, false, true}, -1},
         // futures
         DecisionRow{"FutureByAll", "SR505", {{}, {}, true, false, false, false}, 0},
         DecisionRow{"FutureByClass", "SR505", {{}, {"TA", "SR"}, false, false, false, false}, 0},
@@ -82,7 +83,8 @@ INSTANTIATE_TEST_SUITE_P(
         DecisionRow{"OptionByAll", "SR505C6000", {{}, {}, true, true, false, false}, 0},
         DecisionRow{"OptionByItsOwnId", "SR505C6000", {{"SR505C6000"}, {}, false, true, false, false}, -1},
         DecisionRow{"OptionOfAnUnwantedClass", "SR505C6000", {{"SR506"}, {"TA"}, false, true, true, true}, -1},
-        DecisionRow{"OptionWithoutOptions", "SR505C6000", {{"SR505", "SR505C6000"}, {"SR"}, true, false, true, true}, -1},
+        DecisionRow{"OptionWithoutOptions", "SR505C6000",
+                    {{"SR505", "SR505C6000"}, {"SR"}, true, false, true, true}, -1},
         DecisionRow{"CallWithoutAStrikeIsAFuture", "SR505C", {{"SR505C"}, {}, false, false, false, false}, 0}),
     [](const auto& test) { return test.param.name; });
 
@@ -94,7 +96,8 @@ TEST_F(IncrementalSubscription, RowIsWrittenAndReadBack) {
     Deliver(MapPacket().Add("SR505", 7));
 
     ExpectTimeline({"WR 0x11001 0x1", "WR 0x11000 0x1c0",
-                    "INFO Subscribes:Write to fpga:chanbit:0x1, index:7, instId:SR505", "WR 0x11002 0x1c0", "R 0x11003"});
+                    "INFO Subscribes:Write to fpga:chanbit:0x1, index:7, instId:SR505",
+                    "WR 0x11002 0x1c0", "R 0x11003"});
 }
 
 TEST_F(IncrementalSubscription, CombinationGoesToTheCombinationTable) {
@@ -155,7 +158,8 @@ TEST_F(IncrementalSubscription, RowThatDoesNotTakeItsMaskIsOnlyLogged) {
                     "INFO Subscribes:Write to fpga:chanbit:0x1, index:7, instId:SR505", "WR 0x11002 0x1c0", "R 0x11003",
                     "WARN Attention! Maybe subscribed fail! Type 0, index:7, shouldbe:0x1, fpgavalue:0x0,",
                     "WR 0x11001 0x1", "WR 0x11000 0x200",
-                    "INFO Subscribes:Write to fpga:chanbit:0x1, index:8, instId:SR506", "WR 0x11002 0x200", "R 0x11003"});
+                    "INFO Subscribes:Write to fpga:chanbit:0x1, index:8, instId:SR506",
+                    "WR 0x11002 0x200", "R 0x11003"});
 }
 
 TEST_F(IncrementalSubscription, UnwantedInstrumentTouchesNoRegister) {

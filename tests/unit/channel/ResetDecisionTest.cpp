@@ -19,7 +19,9 @@ protected:
     void SetSecondOfDay(int second) {
         time.SetLocal(day.year, day.month, day.day, second / 3600, second / 60 % 60, second % 60);
     }
-    void SetClock(int hour, int minute, int second) { time.SetLocal(day.year, day.month, day.day, hour, minute, second); }
+    void SetClock(int hour, int minute, int second) {
+        time.SetLocal(day.year, day.month, day.day, hour, minute, second);
+    }
 
     void SetCounters(Counters counters) {
         drv->registers[0x11] = counters == Counters::kDecodeOff ? 0 : 3;

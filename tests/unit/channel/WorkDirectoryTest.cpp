@@ -19,7 +19,9 @@ protected:
         MakeChannel();
         SetClock(8, 30, 0);
     }
-    void SetClock(int hour, int minute, int second) { time.SetLocal(day.year, day.month, day.day, hour, minute, second); }
+    void SetClock(int hour, int minute, int second) {
+        time.SetLocal(day.year, day.month, day.day, hour, minute, second);
+    }
 };
 
 TEST_F(WorkDirectory, WritableOneServesAtAnyHour) {

@@ -74,7 +74,7 @@ TEST_F(DaySwitch, AClockSetBackKeepsTheFile) {
     Printed([] { Log("again"); });
 
     EXPECT_EQ(dir.Read(kToday), kEveningLine);
-    EXPECT_EQ(Lines(dir.Read(kTomorrow)).back(), "[INFO   ][20250303-23:59:59][fpga]again");
+    EXPECT_EQ(LastLine(dir.Read(kTomorrow)), "[INFO   ][20250303-23:59:59][fpga]again");
 }
 
 TEST_F(DaySwitch, ALineWhoseTimeCannotBeHadKeepsTheFile) {
@@ -123,7 +123,7 @@ TEST_F(DaySwitch, TheNoticeLeavesTheLogUsable) {
 
     Printed([] { Log("kept"); });
 
-    EXPECT_EQ(Lines(dir.Read(kToday)).back(), "[INFO   ][20250303-23:59:59][fpga]kept");
+    EXPECT_EQ(LastLine(dir.Read(kToday)), "[INFO   ][20250303-23:59:59][fpga]kept");
 }
 
 TEST_F(DaySwitch, NoDescriptorIsLost) {

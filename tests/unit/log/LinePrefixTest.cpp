@@ -220,7 +220,7 @@ TEST_F(LinePrefix, NothingIsWrittenWhileOutputIsDisabled) {
     EXPECT_FALSE(elog_get_output_enabled());
 }
 
-// ---- helpers ----
+// ---- parts of a path, hook ----
 
 TEST(TruncFilename, IsThePartBehindTheLastSlash) {
     EXPECT_STREQ(trunc_filename("/a/b/elog.cpp"), "elog.cpp");

@@ -12,6 +12,11 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
+std::string LastLine(const std::string& text) {
+    const std::vector<std::string> lines = Lines(text);
+    return lines.empty() ? std::string() : lines.back();
+}
+
 std::size_t OpenDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));

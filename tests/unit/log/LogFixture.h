@@ -24,6 +24,9 @@ std::string Printed(Act act, int fd = 1) {
 /// The lines of a text without their newlines; what follows the last newline is a line of its own.
 std::vector<std::string> Lines(const std::string& text);
 
+/// The last of them; empty when there is none.
+std::string LastLine(const std::string& text);
+
 /// How many descriptors the process has open.
 std::size_t OpenDescriptors();
 

@@ -7,6 +7,7 @@
 
 #include "Interposed.h"
 #include "LogFixture.h"
+#include "Sanitizers.h"
 
 namespace {
 
@@ -119,6 +120,7 @@ TEST_F(LogThreads, ADaySwitchUnderSeveralThreadsLosesNoLine) {
 }
 
 TEST_F(LogThreads, AThreadThatIsCancelledInsideALineLeavesTheLogUsable) {
+    if (kWithAddressSanitizer) GTEST_SKIP() << "the address sanitizer loses track of the stack of a cancelled thread";
     {
         const WriteHook cancelling([](int, const void*, std::size_t) -> ssize_t {
             ::pthread_cancel(::pthread_self());

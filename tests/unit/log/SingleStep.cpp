@@ -2,13 +2,7 @@
 
 #include <signal.h>
 
-#if defined(__SANITIZE_THREAD__)
-#define VEXO_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define VEXO_THREAD_SANITIZER 1
-#endif
-#endif
+#include "Sanitizers.h"
 
 namespace {
 
@@ -36,13 +30,7 @@ void TrapFlagOff() {
 
 namespace SingleStep {
 
-bool Works() {
-#ifdef VEXO_THREAD_SANITIZER
-    return false;
-#else
-    return true;
-#endif
-}
+bool Works() { return !kWithThreadSanitizer; }
 
 unsigned long Run(void (*code)(), void (*handler)()) {
     g_steps = 0;

@@ -133,6 +133,20 @@ TEST_F(ContractMap, WaitsForAReaderAndStartsWithTheFirstInstrument) {
     EXPECT_EQ(messages[0].id, "SR100");
 }
 
+TEST_F(ContractMap, SwitchedOnAgainStartsWithTheFirstInstrument) {
+    CardConfig config;
+    config.mapMessagesPerPacket = 4;
+    powerOnWith(rows(10), config);
+    card.openUp(0);
+    write(card_reg::kMapTransmit, 1);
+    advanceMs(1);
+    ASSERT_THAT(takeMessages(), SizeIs(4));
+    write(card_reg::kMapTransmit, 0);
+    write(card_reg::kMapTransmit, 1);
+    advanceMs(1);
+    EXPECT_EQ(takeMessages().at(0).id, "SR100");
+}
+
 TEST_F(ContractMap, WhileLearningOnlyWhatIsLearnedIsAnnounced) {
     CardConfig config;
     config.learningMs = 1000;
@@ -164,6 +178,20 @@ TEST_F(ContractMap, TheMtuBoundsAPacket) {
         }
     }
     EXPECT_THAT(ids, SizeIs(100));
+}
+
+TEST_F(ContractMap, APacketIsFilledToTheLastByteOfTheMtu) {
+    // 14 bytes before the messages, 17 for the first, 13 for each other
+    for (const auto& [mtu, messages] : {std::pair<std::uint32_t, std::size_t>{524, 38}, {525, 39}, {526, 39}}) {
+        CardConfig config;
+        config.mtu = mtu;
+        config.mapMessagesPerPacket = 1000;
+        powerOnWith(rows(100, "ABCDE"), config);
+        card.openUp(0);
+        write(card_reg::kMapTransmit, 1);
+        advanceMs(1);
+        EXPECT_THAT(takeMessages(), SizeIs(messages)) << mtu;
+    }
 }
 
 TEST_F(ContractMap, TheSixteenBitAreaLengthBoundsAPacketOfTheLargestMtu) {

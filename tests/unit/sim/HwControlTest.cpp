@@ -95,9 +95,34 @@ TEST_F(Control, EveryFieldOfTheConfigurationReachesTheCard) {
     EXPECT_THAT(takeAll(stream), SizeIs(8192 / 152));  // the ring holds no more of 140-byte packets
     writeRegister(core, card_reg::kDecodeSwitch, 0);
     writeRegister(core, card_reg::kMapTransmit, 1);
-    const auto map = takeAll(stream);
-    ASSERT_THAT(map, SizeIs(Gt(0U)));
-    EXPECT_LT(map[0].size(), 50U);
+    auto map = takeAll(stream);
+    ASSERT_THAT(map, SizeIs(1));
+    EXPECT_LT(map[0].size(), 50U);  // two messages
+    advanceMs(1);
+    map = takeAll(stream);
+    EXPECT_GT(map.size(), 100U);  // 8,192 packets a round of 10 ms: what the ring holds
+}
+
+TEST_F(Control, TheSeedDecidesThePrices) {
+    const auto firstPackets = [this](std::uint64_t seed) {
+        powerCycleWith([seed](enyx_sim_config& c) { c.seed = seed; });
+        advanceMs(500);
+        const UpStream stream = openUp(accelerator, 0);
+        setMask(core, 0, 0, 1);
+        writeRegister(core, card_reg::kDecodeSwitch, 2);
+        advanceMs(10);
+        std::vector<std::int64_t> prices;
+        for (const std::string& packet : takeAll(stream)) {
+            enyx_sim::Level1Quote quote;
+            std::memcpy(&quote, packet.data() + 12, sizeof quote);
+            prices.push_back(quote.bidPrice);
+        }
+        return prices;
+    };
+    const auto prices = firstPackets(7);
+    EXPECT_THAT(prices, SizeIs(50));
+    EXPECT_EQ(firstPackets(7), prices);
+    EXPECT_NE(firstPackets(8), prices);
 }
 
 TEST_F(Control, ABadConfigurationChangesNothing) {
@@ -132,6 +157,21 @@ TEST_F(Control, CardsDifferBySeedOnly) {
     ASSERT_EQ(enyx_sim_instrument_at(0, 100, &a), 0);
     ASSERT_EQ(enyx_sim_instrument_at(1, 100, &b), 0);
     EXPECT_STREQ(a.id, b.id);
+
+    advanceMs(500);
+    const Mmio second = openMmio(openAccelerator(1));
+    const UpStream streams[] = {openUp(accelerator, 0), openUp(openAccelerator(1), 0)};
+    enyx_hw_core* const cores[] = {core, registersOf(second)};
+    std::vector<std::string> packets[2];
+    for (enyx_hw_core* one : cores) {
+        setMask(one, 0, 0, 1);
+        writeRegister(one, card_reg::kDecodeSwitch, 2);
+    }
+    advanceMs(10);
+    for (const int n : {0, 1}) packets[n] = takeAll(streams[n]);
+    EXPECT_THAT(packets[0], SizeIs(50));
+    EXPECT_THAT(packets[1], SizeIs(50));
+    EXPECT_NE(packets[0], packets[1]);
 }
 
 TEST_F(Control, PeekingAndPokingRegistersHasNoSideEffect) {

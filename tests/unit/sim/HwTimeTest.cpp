@@ -1,3 +1,5 @@
+#include <cstdlib>
+
 #include "HwFixture.h"
 
 using ::testing::IsEmpty;
@@ -81,6 +83,41 @@ TEST_F(TimeOfTheCard, QuotesCarryDateTimeAndMilliseconds) {
     EXPECT_EQ(quoteOf(packets[0]).exchangeDate, 20250115U);
     EXPECT_EQ(quoteOf(packets[0]).exchangeTime, 100001U);
     EXPECT_EQ(quoteOf(packets[0]).exchangeMillis, 734U);
+}
+
+TEST_F(TimeOfTheCard, AChangeOfTheTimeZoneShowsInTheNextReadAndAfterAPowerCycle) {
+    const char* before = std::getenv("TZ");
+    const std::string zone = before != nullptr ? before : "";
+    const auto setZone = [](const char* name) {
+        name != nullptr ? setenv("TZ", name, 1) : unsetenv("TZ");
+        tzset();
+    };
+    setZone("UTC");
+    time.SetEpoch(1736935200);  // 10:00 in UTC
+    EXPECT_EQ(readRegister(core, 0x104), 100000U);
+    setZone("CST-8");
+    EXPECT_EQ(readRegister(core, 0x104), 180000U);
+    setZone("UTC");
+    enyx_sim_power_cycle(nullptr);
+    std::uint32_t value = 0;
+    EXPECT_EQ(enyx_sim_peek_register(0, 0x104, &value), 0);
+    EXPECT_EQ(value, 100000U);
+    setZone(before != nullptr ? zone.c_str() : nullptr);
+}
+
+TEST_F(TimeOfTheCard, MillisecondsStopAtTheEndOfASecondUntilTheNextOneBegins) {
+    quote();
+    const UpStream stream = openUp(accelerator, 0);
+    // The clock moves between the library's looks at it: its idea of the milliseconds is now up to 10 ms ahead.
+    time.SetStepPerRead(10'000'000);
+    time.Advance(1);
+    ASSERT_EQ(enyx_sim_advance(0), 0);
+    time.SetStepPerRead(0);
+    takeAll(stream);
+    time.SetEpoch(time.NowNs() / 1'000'000'000, 995'000'000);
+    const auto packets = takeAll(stream);
+    ASSERT_THAT(packets, SizeIs(::testing::Gt(0U)));
+    EXPECT_EQ(quoteOf(packets.back()).exchangeMillis, 999U);
 }
 
 TEST_F(TimeOfTheCard, ExchangeTimesOfQuotesNeverStepBack) {

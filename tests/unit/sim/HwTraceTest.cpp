@@ -161,6 +161,11 @@ TEST_F(Trace, ShowsScriptedResults) {
                                     "result=-1 errno=5"));
 }
 
+TEST_F(Trace, LeavesErrnoAsTheCallLeftIt) {
+    enyx_sim_set_trace([](const char*, void*) { errno = ERANGE; }, nullptr);
+    EXPECT_FAILS(enyx_hw_filter_set_index(nullptr, 0), EINVAL);
+}
+
 TEST_F(Trace, CallsInsideAHandlerComeBeforeTheirPoll) {
     const Mmio mmio = openMmio(openAccelerator());
     enyx_hw_core* core = registersOf(mmio);

@@ -166,6 +166,8 @@ TEST(DefaultList, KnowsTheContractsOfADate) {
 TEST(DefaultList, ListsTheNextTenDeliveryMonthsOfAProduct) {
     EXPECT_THAT(futuresOf("SR", 20250115), ElementsAre("SR501", "SR503", "SR505", "SR507", "SR509",
                                                        "SR511", "SR601", "SR603", "SR605", "SR607"));
+    EXPECT_THAT(futuresOf("AP", 20250115), ElementsAre("AP501", "AP503", "AP504", "AP505", "AP510",
+                                                       "AP511", "AP512", "AP601", "AP603", "AP604"));
     EXPECT_THAT(futuresOf("TA", 20241231), ElementsAre("TA412", "TA501", "TA502", "TA503", "TA504",
                                                        "TA505", "TA506", "TA507", "TA508", "TA509"));
     EXPECT_THAT(futuresOf("RS", 20291201), ElementsAre("RS007", "RS008", "RS009", "RS011", "RS107",

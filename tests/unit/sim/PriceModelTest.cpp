@@ -102,6 +102,26 @@ TEST(Prices, OfADayStartWithoutVolume) {
     EXPECT_GE(opening("SR505").openInterest, 1000U);
 }
 
+TEST(Prices, TurnoverOfASpreadBelowZeroGrowsToo) {
+    for (const char* id : {"SPD-SR505/TA505", "SPD-TA505/SR505"}) {
+        PriceWalk prices = opening(id);
+        std::uint64_t random = 1;
+        walk(prices, random);
+        EXPECT_GT(prices.turnover, 0) << id;
+    }
+}
+
+TEST(Prices, TurnoverStopsFarBelowAnOverflow) {
+    PriceWalk prices = opening("SR505");
+    prices.turnover = INT64_MAX / 2 - 1;
+    std::uint64_t random = 1;
+    walk(prices, random);
+    const std::int64_t most = prices.turnover;
+    EXPECT_GT(most, INT64_MAX / 2 - 1);
+    walk(prices, random);
+    EXPECT_EQ(prices.turnover, most);
+}
+
 TEST(Prices, TurnoverIsPriceTimesLotsTimesLotSize) {
     PriceWalk prices = opening("SR505");
     std::uint64_t random = 1;

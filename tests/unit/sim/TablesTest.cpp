@@ -47,10 +47,13 @@ TEST_P(Tables, IdWordsAreReadBackInReverseOrder) {
 
 TEST_P(Tables, RowsBeyondTheTableAreIgnoredAndReadZero) {
     write(card_reg::kTables[GetParam()].data, 0x55);
-    for (const std::uint32_t row : {8192U, 8193U, 16384U, 0x3FFFFFFU}) {
-        write(card_reg::kTables[GetParam()].command, row << 6);
-        EXPECT_EQ(readBack(GetParam(), row, 0), 0U) << row;
-    }
+    for (const std::uint32_t row : {8192U, 8193U, 16384U, 0x3FFFFFFU})
+        for (std::uint32_t word = 0; word < 64; ++word) {
+            write(card_reg::kTables[GetParam()].command, row << 6 | word);
+            EXPECT_EQ(readBack(GetParam(), row, word), 0U) << row;
+        }
+    for (const std::uint16_t instrument : card.state().tables[GetParam()].instrumentOfRow)
+        ASSERT_EQ(instrument, kNoInstrument);  // what lies behind the rows in memory
     for (std::uint32_t row = 0; row < card_reg::kRows; ++row) ASSERT_EQ(stored(row, 0), 0U) << row;
     for (std::uint32_t row = 0; row < card_reg::kRows; ++row)
         ASSERT_EQ(card.state().tables[1 - GetParam()].words[row][0], 0U) << row;
