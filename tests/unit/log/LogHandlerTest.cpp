@@ -11,7 +11,7 @@
 
 #include "Interposed.h"
 #include "LogFixture.h"
-#include "Sanitizers.h"
+#include "support/Sanitizers.h"
 #include "SingleStep.h"
 #include "log/elog_mutex.h"
 

@@ -7,7 +7,7 @@
 
 #include "Interposed.h"
 #include "LogFixture.h"
-#include "Sanitizers.h"
+#include "support/Sanitizers.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <signal.h>
 
-#include "Sanitizers.h"
+#include "support/Sanitizers.h"
 
 namespace {
 
