@@ -116,7 +116,7 @@ int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {
     if (m_bSharedDrv) m_pCfgFile->m_pDrv = m_pDrv = SharedDriver();
     EnyxRegInitParms_t record{static_cast<std::uint16_t>(m_pCfgFile->GetBusId()),
                               static_cast<std::uint16_t>(kRegisterCoreId)};
-    if (const int r = m_pDrv->Init(&record)) {
+    if (const int r = m_pDrv != nullptr ? m_pDrv->Init(&record) : -1) {
         LOG_ERROR("Init New drive failed! ret:%d", r);
         return -1;
     }

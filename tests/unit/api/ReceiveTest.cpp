@@ -1,5 +1,6 @@
 #include "ApiFixture.h"
 #include "doubles/LogLines.h"
+#include "log/elog.h"
 
 #include <sys/stat.h>
 
@@ -116,6 +117,15 @@ TEST_F(Receive, BlockingModeReportsAStartThatFailed) {
         EXPECT_EQ(api.VexoRecvStart(spi, "zce.ini"), -1);
         EXPECT_THAT(log.Take(), ElementsAre("ERROR Vexo init fail."));
     }
+}
+
+TEST_F(Receive, LinesNameTheirSourceAndFunction) {
+    test_support::LogLines log;
+    elog_set_fmt(ELOG_LVL_ERROR, ELOG_FMT_LVL | ELOG_FMT_TAG | ELOG_FMT_FILE | ELOG_FMT_FUNC);
+
+    ScriptedApi(-1, {}).VexoRecvStart(spi, "zce.ini");
+
+    EXPECT_THAT(log.Take(), ElementsAre("ERROR (VexoZceMdApiImpl VexoRecvStart)Vexo init fail."));
 }
 
 TEST_F(Receive, ExceptionOfACallbackLeavesTheBlockingMode) {

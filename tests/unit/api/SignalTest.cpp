@@ -53,6 +53,15 @@ TEST_F(Installation, ActionsAreClearedButForTheirHandlerAndFlag) {
     }
 }
 
+TEST_F(Installation, LinesNameTheirSourceAndFunction) {
+    elog_set_fmt(ELOG_LVL_ERROR, ELOG_FMT_LVL | ELOG_FMT_TAG | ELOG_FMT_FILE | ELOG_FMT_FUNC);
+    host.refusedSignal = SIGINT;
+
+    CSignalProcess::InitSignal();
+    EXPECT_THAT(log.Take(), ElementsAre("ERROR (SignalProcess InitSignal)Failed to install SIGINT handle! msg:Invalid "
+                                        "argument."));
+}
+
 struct RefusedRow {
     const char* name;
     int signal;

@@ -1,6 +1,6 @@
-#include "support/Sanitizers.h"
 #include "ChannelFixture.h"
 #include "Child.h"
+#include "log/elog.h"
 
 #include <pthread.h>
 
@@ -117,7 +117,6 @@ TEST_F(RunLoop, ExceptionThatWasThrownOnIsNotThrownAgain) {
 
 // The end of a thread unwinds it as an exception does; one that was swallowed would end the process.
 TEST_F(RunLoop, CallbackMayEndItsThread) {
-    if (kWithAddressSanitizer) GTEST_SKIP() << "the address sanitizer loses track of an ended thread's stack";
     int last   = 0;
     spi.onCall = [&](const unsigned char*) { ::pthread_exit(&last); };
     dma.packets.push_back(Packet(17, 64));
@@ -194,6 +193,20 @@ TEST_F(RunLoop, ExceptionOfACallbackLeavesTheBlockingLoop) {
 
     EXPECT_THROW(channel->KeepRecv(NeverCalled, &run, nullptr), std::runtime_error);
     EXPECT_FALSE(dma.unwound);
+}
+
+// ---- where a line comes from ----
+
+TEST_F(RunLoop, LinesNameTheirSourceAndFunction) {
+    for (const std::uint8_t level : {ELOG_LVL_ERROR, ELOG_LVL_WARN})
+        elog_set_fmt(level, ELOG_FMT_LVL | ELOG_FMT_TAG | ELOG_FMT_FILE | ELOG_FMT_FUNC);
+    channel->InitDma(nullptr);
+    Deliver(Packet(21, 64));
+    Deliver(Packet(17, 11));
+
+    ExpectTimeline({"ERROR (VexoZceUpdmaImpl InitDma)Init dma null fail",
+                    "ERROR (VexoZceUpdmaImpl DmaEntrance)Unsupported dma type 0x15",
+                    "WARN (VexoZceUpdmaImpl RejectShortPacket)Unexpect dma size, size 11"});
 }
 
 // ---- subscription rules ----
