@@ -15,7 +15,8 @@ namespace {
 
 // A step back of the host's clock (a test's fake clock, mostly) must not stop the card for as long.
 void moveClock(CardState& s, const CardTime& now) {
-    if (now.monotonicNs > s.now.monotonicNs) s.clockNs += now.monotonicNs - s.now.monotonicNs;
+    const std::uint64_t pace = s.config.pace == kAsFastAsTaken ? 1 : s.config.pace;
+    if (now.monotonicNs > s.now.monotonicNs) s.clockNs += (now.monotonicNs - s.now.monotonicNs) * pace;
     s.now = now;
 }
 
@@ -41,7 +42,7 @@ bool isValid(const CardConfig& c) {
     return ring && mtu && c.mtu <= ring::largestPacket(ring::capacityFor(c.ringBytes)) &&
            c.quotesPerSecond <= kMaxQuotesPerSecond && c.learningMs <= kMaxMilliseconds &&
            c.staticRoundMs >= 1 && c.staticRoundMs <= kMaxMilliseconds && c.mapMessagesPerPacket >= 1 &&
-           c.mapRoundMs >= 1 && c.mapRoundMs <= kMaxMilliseconds && c.instruments <= InstrumentChoice::kNone;
+           c.mapRoundMs >= 1 && c.mapRoundMs <= kMaxMilliseconds && c.pace <= kMaxPace && c.instruments <= InstrumentChoice::kNone;
 }
 
 void Card::powerOn(const CardConfig& config, const CardTime& now) {
@@ -79,21 +80,23 @@ bool Card::read(std::uint64_t byteAddress, std::uint32_t bitOffset, std::uint32_
     return registers::readField(m_state, byteAddress, bitOffset, bitWidth, value);
 }
 
-void Card::advance(const CardTime& now) {
+bool Card::advance(const CardTime& now) {
     moveClock(m_state, now);
-    if (m_state.clockNs >= m_state.nextDueNs) runDue();
+    return m_state.clockNs >= m_state.nextDueNs && runDue();
 }
 
-void Card::runDue() {
+bool Card::runDue() {
     CardState& s = m_state;
-    if (s.registers.heldInReset) {
-        s.nextDueNs = kNever;
-        return;
-    }
     s.nextDueNs = kNever;  // each step below may ask for an earlier moment
+    if (s.registers.heldInReset) return false;
     static_data::advance(s);
     contract_map::advance(s);
-    feed::advance(s);
+    return feed::advance(s);
+}
+
+void Card::repair() {
+    static_data::repair(m_state);
+    m_state.nextDueNs = m_state.clockNs;
 }
 
 bool Card::openUp(std::uint32_t channel) {

@@ -33,7 +33,11 @@ public:
 
     /// Lets the card do all that is due up to @p now, within limits: after a long pause it does not send what
     /// nobody was there to see.
-    void advance(const CardTime& now);
+    /// @return true when there may be more to do at once: quotes went out as fast as they are taken.
+    bool advance(const CardTime& now);
+
+    /// Puts in order what a user left half done who died in the middle of any of these calls.
+    void repair();
 
     /// A stream that is not open receives nothing and counts nothing.
     /// @return false when the stream is open already.
@@ -58,7 +62,7 @@ public:
     const CardState& state() const { return m_state; }
 
 private:
-    void runDue();
+    bool runDue();
 
     CardState& m_state;
 };

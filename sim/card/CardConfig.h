@@ -11,6 +11,8 @@ inline constexpr std::uint32_t kMinMtu = 512;  // the largest quote, or a contra
 inline constexpr std::uint32_t kMaxMtu = 65536;
 inline constexpr std::uint32_t kMaxQuotesPerSecond = 100'000'000;
 inline constexpr std::uint32_t kMaxMilliseconds = 3'600'000;
+inline constexpr std::uint32_t kMaxPace = 1000;
+inline constexpr std::uint32_t kAsFastAsTaken = 0;  // pace: a quote for every room in the rings
 
 /// Which instruments the card finds in its static data.
 enum class InstrumentChoice : std::uint32_t {
@@ -34,6 +36,7 @@ struct CardConfig {
     std::uint32_t fibreStatus = 15;
     std::int32_t clockOffsetSeconds = 0;        // exchange time minus the host's local time
     InstrumentChoice instruments = InstrumentChoice::kDefault;
+    std::uint32_t pace = 1;                     // times real time, or kAsFastAsTaken; exchange time is always the host's
     std::uint32_t listDate = 0;                 // YYYYMMDD the built-in lists are made for; 0 = the day of power-on
 };
 

@@ -158,6 +158,15 @@ std::uint64_t takeDue(CardState& s) {
     return std::min<std::uint64_t>(due, kMostPerAdvance);
 }
 
+// How many quotes the fullest of the open streams still takes.
+std::uint64_t roomInAll(CardState& s, std::uint32_t open) {
+    std::uint64_t quotes = open != 0 ? kMostPerAdvance : 0;
+    for (std::uint32_t channel = 0; channel < kStreams; ++channel)
+        if ((open >> channel & 1) != 0)
+            quotes = std::min(quotes, ring::roomFor(s.up[channel].ring, sizeof(Packet<enyx_sim::Level5Quote>)));
+    return quotes;
+}
+
 std::uint64_t nextQuoteNs(const CardState& s) {
     const std::uint64_t rate = s.config.quotesPerSecond;
     return s.clockNs + (kCreditPerPacket - s.feed.credit + rate - 1) / rate;
@@ -202,11 +211,14 @@ void maskChanged(CardState& s, std::uint32_t table, std::uint32_t row) {
     refresh(s);
 }
 
-void advance(CardState& s) {
-    if (!s.feed.active) return;
+bool advance(CardState& s) {
+    if (!s.feed.active) return false;
     const std::uint32_t open = openStreams(s);
-    for (std::uint64_t due = takeDue(s); due > 0; --due) quoteNext(s, open);
-    wakeAt(s, nextQuoteNs(s));
+    const bool unpaced = s.config.pace == kAsFastAsTaken;
+    const std::uint64_t due = unpaced ? roomInAll(s, open) : takeDue(s);
+    for (std::uint64_t n = 0; n < due; ++n) quoteNext(s, open);
+    wakeAt(s, unpaced ? s.clockNs : nextQuoteNs(s));
+    return unpaced && due > 0;
 }
 
 }  // namespace vexo_sim::feed

@@ -97,6 +97,19 @@ void advance(CardState& s) {
     wakeAt(s, s.parser.nextRoundNs);
 }
 
+void repair(CardState& s) {
+    feed::forgetInstruments(s);
+    for (TableState& table : s.tables)
+        std::fill(std::begin(table.instrumentOfRow), std::end(table.instrumentOfRow), kNoInstrument);
+    s.parser.learned = std::min(s.parser.learned, s.parser.count);
+    for (std::uint32_t number = 0; number < s.parser.learned; ++number) {
+        const Instrument& instrument = s.parser.instruments[number];
+        s.tables[instrument.table].instrumentOfRow[instrument.row] = static_cast<std::uint16_t>(number);
+        feed::maskChanged(s, instrument.table, instrument.row);
+    }
+    contract_map::refresh(s);
+}
+
 void idOverwritten(CardState& s, std::uint32_t table, std::uint32_t row) {
     TableState& t = s.tables[table];
     if (t.instrumentOfRow[row] == kNoInstrument) return;

@@ -16,6 +16,9 @@ void restart(CardState& s);
 /// Learns what is due, and repairs the ids that the host overwrote when the static data comes round again.
 void advance(CardState& s);
 
+/// Derives anew what follows from the learned instruments and the masks of their rows.
+void repair(CardState& s);
+
 /// The host changed an id word of the row.
 void idOverwritten(CardState& s, std::uint32_t table, std::uint32_t row);
 

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <string>
 
 #include "hw/Cards.h"
 #include "hw/Hooks.h"
@@ -7,7 +8,7 @@ namespace vexo_sim {
 namespace {
 
 template <typename Descriptor>
-Descriptor* describe(EmbeddedCard& card) {
+Descriptor* describe(HwCard& card) {
     Descriptor* descriptor = pool<Descriptor>().make();
     if (descriptor == nullptr) return nullptr;
     descriptor->card = &card;
@@ -16,19 +17,28 @@ Descriptor* describe(EmbeddedCard& card) {
 
 ssize_t enumerateCards(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors, std::size_t room) {
     Cards& cards = Cards::instance();
+    cards.refresh();
     return enumerate(
-        filter, descriptors, room, cards.count(), ENODEV,
-        [](std::uint32_t index, char (&name)[kNameSize]) { std::snprintf(name, sizeof name, "SIM%u", index); },
+        filter, descriptors, room, kMaxCards, ENODEV,
+        [&](std::uint32_t index, char (&name)[kNameSize]) {
+            std::snprintf(name, sizeof name, "SIM%u", index);
+            return cards.find(index) != nullptr;
+        },
         [&](std::uint32_t index) { return describe<enyx_hw_accelerator_descriptor>(*cards.find(index)); });
 }
 
-void announceOnce(const EmbeddedCard& card) {
+std::string hostOf(const HwCard& card) {
+    if (card.hosted == nullptr) return {};
+    return ", hosted by " + toText(describeProcess(card.block->host.pid));
+}
+
+void announceOnce(const HwCard& card) {
     static std::once_flag announced;
     std::call_once(announced, [&card] {
         std::fprintf(stderr,
-                     "libenyx-hw-c: SIMULATED CARD at bus %u, not the real thing: "
+                     "libenyx-hw-c: SIMULATED CARD at bus %u%s, not the real thing: "
                      "every quote is made up, none comes from an exchange.\n",
-                     card.index);
+                     card.index, hostOf(card).c_str());
     });
 }
 
@@ -43,7 +53,7 @@ ssize_t enumerateMmios(const enyx_hw_accelerator* accelerator, const enyx_hw_fil
     if (!usable(accelerator)) return -1;
     return enumerate(
         filter, descriptors, room, 1, ENOENT,
-        [](std::uint32_t, char (&name)[kNameSize]) { std::snprintf(name, sizeof name, "MMIO0"); },
+        [](std::uint32_t, char (&name)[kNameSize]) { return std::snprintf(name, sizeof name, "MMIO0") > 0; },
         [&](std::uint32_t) { return describe<enyx_hw_mmio_descriptor>(*accelerator->card); });
 }
 

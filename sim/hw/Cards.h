@@ -1,17 +1,17 @@
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "card/Card.h"
-#include "card/CardMemory.h"
+#include "card/ZeroedMemory.h"
 #include "hw/Handles.h"
 #include "hw/HostClock.h"
+#include "shm/CardBlock.h"
+#include "shm/HostedCard.h"
 
 namespace vexo_sim {
 
@@ -19,75 +19,72 @@ inline constexpr std::uint32_t kMaxCards = 5;
 inline constexpr std::uint16_t kRootCoreId = 0;
 inline constexpr std::uint16_t kRegisterCoreId = 474;
 
-/// The lock that a core itself offers its users. Survives a thread that ends while it holds it, and refuses a second
-/// lock by the same thread instead of waiting for ever.
-class CoreLock {
-public:
-    CoreLock();
-    /// 0 or an errno value.
-    int lock();
-    int unlock();
-
-private:
-    pthread_mutex_t m_mutex;
-    std::atomic<std::thread::id> m_holder{};  // kept here too: sanitizers call a refused unlock a defect of the caller
-};
-
-/// One card inside the process, with all that its callers share.
-struct EmbeddedCard {
+/// One card as this process reaches it: its own, or one that another process hosts. Handles point at it, so it is
+/// never destroyed.
+struct HwCard {
     std::uint32_t index = 0;
-    std::mutex mutex;  // over the card's state, but for the reader's side of the rings
-    std::unique_ptr<CardMemory> memory;  // from the first power-on on
+    CardBlock* block = nullptr;
+    std::unique_ptr<ZeroedMemory<CardBlock>> memory;  // of a card of one's own, from the first power-on on
+    std::unique_ptr<HostedCard> hosted;
     HostClock clock;
-    CoreLock rootLock;
-    CoreLock registerLock;
     enyx_hw_accelerator accelerator;
 
-    Card card() { return Card(*memory->state()); }
+    Card card() { return Card(block->state); }
+    /// False when the card's host has died: registers no longer answer, streams stay idle.
+    bool responds() const { return hosted == nullptr || hosted->isHostAlive(); }
 };
 
-/// Whether a power cycle has left the card in place; errno is ENODEV if not.
-inline bool isPresent(const EmbeddedCard& card) {
-    if (isAlive(&card.accelerator)) return true;
+/// Whether a card is there to be opened; errno is ENODEV if not: gone by a power cycle, or with its host.
+inline bool isPresent(const HwCard& card) {
+    if (isAlive(&card.accelerator) && card.responds()) return true;
     errno = ENODEV;
     return false;
 }
 
-/// Exclusive use of a card.
+/// Exclusive use of a card. A hosted card is kept up to date by its host.
 class CardAccess {
 public:
     enum When {
         kPresent,  // brought up to the present moment first
         kAsItIs,   // for what does not depend on the time, and must not cost a look at the clock
     };
-    explicit CardAccess(EmbeddedCard& card, When when = kPresent) : m_lock(card.mutex), m_card(card.card()) {
-        if (when == kPresent) m_card.advance(card.clock.now());
+    explicit CardAccess(HwCard& card, When when = kPresent) : m_lock(*card.block), m_card(card.card()) {
+        if (when == kPresent && card.hosted == nullptr) m_card.advance(card.clock.now());
     }
     Card* operator->() { return &m_card; }
     Card& operator*() { return m_card; }
 
 private:
-    std::lock_guard<std::mutex> m_lock;
+    BlockLock m_lock;
     Card m_card;
 };
 
-/// The cards of the process, made on first use.
+/// The cards that the process sees. What they are is decided on first use: those that hosts offer, or else a card of
+/// the process's own. VEXO_SIM_CARD decides too: `hosted` and `embedded` insist on the one or the other.
 class Cards {
 public:
     static Cards& instance();
 
-    std::uint32_t count();
-    /// Null, with errno ENODEV, when there is none of that number.
-    EmbeddedCard* find(std::uint32_t index);
-    /// 0, or -1 with errno set: EINVAL for a bad configuration or count, with nothing changed; ENOMEM.
+    /// Looks for hosts that came, or took the place of a dead one, since the last look.
+    void refresh();
+    /// Null, with errno ENODEV, when there is none at that bus.
+    HwCard* find(std::uint32_t index);
+    /// Cards of the process's own, like new. 0, or -1 with errno set: EINVAL for a bad configuration or count, EPERM
+    /// when the cards are hosted, both with nothing changed; ENOMEM.
     int powerCycle(const CardConfig& config, std::uint32_t count);
 
 private:
+    enum class Kind { kNone, kEmbedded, kHosted };
+
+    void decide();
+    void attachHosted();
     int powerOn(const CardConfig& config, std::uint32_t count);
 
     std::once_flag m_firstUse;
-    std::atomic<std::uint32_t> m_count{0};
-    EmbeddedCard m_cards[kMaxCards];
+    std::mutex m_mutex;  // over a change of the cards
+    Kind m_kind = Kind::kNone;
+    std::atomic<HwCard*> m_cards[kMaxCards] = {};
+    HwCard m_own[kMaxCards];
 };
 
 }  // namespace vexo_sim

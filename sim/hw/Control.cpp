@@ -19,7 +19,7 @@ int fail(int error) {
 // Runs work(Card&) on a card that is up to the present moment. @p valid is what the caller knows of its arguments.
 template <typename Work>
 int onCard(std::uint32_t index, bool valid, Work work) {
-    EmbeddedCard* card = Cards::instance().find(index);
+    HwCard* card = Cards::instance().find(index);
     if (card == nullptr) return -1;
     if (!valid) return fail(EINVAL);
     CardAccess access(*card);

@@ -14,9 +14,17 @@ enyx_hw_core_tree* readTree(enyx_hw_mmio* mmio) { return usable(mmio) ? &mmio->t
 
 enyx_hw_core* rootOf(enyx_hw_core_tree* tree) { return usable(tree) ? &tree->mmio->root : nullptr; }
 
+// Whether a core may be accessed: not once the card's host has died, as if the card had fallen off the bus.
+bool answers(enyx_hw_core* core) {
+    if (!usable(core)) return false;
+    if (core->mmio->card->responds()) return true;
+    errno = EIO;
+    return false;
+}
+
 // The card's logic is one piece: a reset of either core resets it all.
 int resetCore(enyx_hw_core* core) {
-    if (!usable(core)) return -1;
+    if (!answers(core)) return -1;
     CardAccess(*core->mmio->card)->reset();
     return 0;
 }
@@ -33,8 +41,8 @@ ssize_t findCores(enyx_hw_core* root, std::uint16_t hardwareId, enyx_hw_core** c
 }
 
 CoreLock& lockOf(enyx_hw_core* core) {
-    EmbeddedCard& card = *core->mmio->card;
-    return core->hardwareId == kRootCoreId ? card.rootLock : card.registerLock;
+    CardBlock& block = *core->mmio->card->block;
+    return core->hardwareId == kRootCoreId ? block.rootLock : block.registerLock;
 }
 
 int lockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).lock()) : -1; }
@@ -48,7 +56,7 @@ bool showsTime(const enyx_hw_register_description& field) {
 
 // The root core has no registers of its own.
 bool isAccess(enyx_hw_core* core, const enyx_hw_register_description* field) {
-    if (!usable(core)) return false;
+    if (!answers(core)) return false;
     if (field == nullptr || core->hardwareId == kRootCoreId) {
         errno = field == nullptr ? EINVAL : ENXIO;
         return false;
@@ -59,9 +67,9 @@ bool isAccess(enyx_hw_core* core, const enyx_hw_register_description* field) {
 int readField(enyx_hw_core* core, const enyx_hw_register_description* field, std::uint64_t* value) {
     if (!isAccess(core, field)) return -1;
     if (value == nullptr) return report(EINVAL);
-    EmbeddedCard& card = *core->mmio->card;
+    HwCard& card = *core->mmio->card;
     if (showsTime(*field)) {
-        const std::lock_guard<std::mutex> lock(card.mutex);
+        const BlockLock lock(*card.block);
         card.clock.forget();
     }
     CardAccess access(card);

@@ -13,7 +13,7 @@
 
 namespace vexo_sim {
 
-struct EmbeddedCard;
+struct HwCard;
 
 inline constexpr std::size_t kNameSize = 64;
 
@@ -35,15 +35,15 @@ struct enyx_hw_filter : vexo_sim::Handle {
 };
 
 struct enyx_hw_accelerator : vexo_sim::Handle {
-    vexo_sim::EmbeddedCard* card = nullptr;
+    vexo_sim::HwCard* card = nullptr;
 };
 
 struct enyx_hw_accelerator_descriptor : vexo_sim::Handle {
-    vexo_sim::EmbeddedCard* card = nullptr;
+    vexo_sim::HwCard* card = nullptr;
 };
 
 struct enyx_hw_mmio_descriptor : vexo_sim::Handle {
-    vexo_sim::EmbeddedCard* card = nullptr;
+    vexo_sim::HwCard* card = nullptr;
 };
 
 // Tree and cores have no destroying call; they live and die with their register space.
@@ -57,31 +57,31 @@ struct enyx_hw_core_tree {
 };
 
 struct enyx_hw_mmio : vexo_sim::Handle {
-    vexo_sim::EmbeddedCard* card = nullptr;
+    vexo_sim::HwCard* card = nullptr;
     enyx_hw_core_tree tree;
     enyx_hw_core root;
     enyx_hw_core registers;
 };
 
 struct enyx_hw_a2c_stream_descriptor : vexo_sim::Handle {
-    vexo_sim::EmbeddedCard* card = nullptr;
+    vexo_sim::HwCard* card = nullptr;
     std::uint32_t channel = 0;
 };
 
 struct enyx_hw_c2a_stream_descriptor : vexo_sim::Handle {
-    vexo_sim::EmbeddedCard* card = nullptr;
+    vexo_sim::HwCard* card = nullptr;
     std::uint32_t channel = 0;
 };
 
 struct enyx_hw_a2c_stream : vexo_sim::Handle {
-    vexo_sim::EmbeddedCard* card = nullptr;
+    vexo_sim::HwCard* card = nullptr;
     std::uint32_t channel = 0;
     vexo_sim::RingState* ring = nullptr;
     bool delivering = false;  // inside the handler: a poll from there must not deliver the same packet again
 };
 
 struct enyx_hw_c2a_stream : vexo_sim::Handle {
-    vexo_sim::EmbeddedCard* card = nullptr;
+    vexo_sim::HwCard* card = nullptr;
     std::uint32_t channel = 0;
 };
 
@@ -176,8 +176,8 @@ void freeDescriptors(T** descriptors, std::size_t count) {
 
 bool matches(const enyx_hw_filter& filter, std::uint32_t index, const char* name);
 
-/// Objects numbered from 0 to @p objects, of which those that the filter lets through are described:
-/// nameOf(index, char(&)[kNameSize]), describe(index) -> descriptor or null. @p none is the errno that explains a
+/// Objects numbered from 0 to @p objects, of which those that are there and that the filter lets through are described:
+/// nameOf(index, char(&)[kNameSize]) returns false for a gap, describe(index) -> descriptor or null. @p none is the errno that explains a
 /// count of 0, which callers print although it is no failure.
 template <typename Descriptor, typename NameOf, typename Describe>
 ssize_t enumerate(const enyx_hw_filter* filter, Descriptor** descriptors, std::size_t room, std::uint32_t objects,
@@ -190,8 +190,7 @@ ssize_t enumerate(const enyx_hw_filter* filter, Descriptor** descriptors, std::s
     std::size_t found = 0;
     for (std::uint32_t index = 0; index < objects; ++index) {
         char name[kNameSize];
-        nameOf(index, name);
-        if (!matches(*filter, index, name)) continue;
+        if (!nameOf(index, name) || !matches(*filter, index, name)) continue;
         if (found < room && (descriptors[found] = describe(index)) == nullptr) {
             freeDescriptors(descriptors, found);
             return -1;

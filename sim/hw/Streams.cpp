@@ -1,4 +1,7 @@
+#include <unistd.h>
+
 #include <cstdio>
+#include <optional>
 
 #include "hw/Cards.h"
 #include "hw/Hooks.h"
@@ -10,10 +13,11 @@ namespace {
 struct Up {
     using Descriptor = enyx_hw_a2c_stream_descriptor;
     using Stream = enyx_hw_a2c_stream;
+    static constexpr CardPart::Kind kPart = CardPart::kUp;
     static bool open(Card& card, std::uint32_t channel) { return card.openUp(channel); }
     static void close(Card& card, std::uint32_t channel) { card.closeUp(channel); }
     static void attach(Stream& stream) {
-        stream.ring = &stream.card->card().state().up[stream.channel].ring;
+        stream.ring = &stream.card->block->state.up[stream.channel].ring;
         stream.delivering = false;
     }
 };
@@ -21,6 +25,7 @@ struct Up {
 struct Down {
     using Descriptor = enyx_hw_c2a_stream_descriptor;
     using Stream = enyx_hw_c2a_stream;
+    static constexpr CardPart::Kind kPart = CardPart::kDown;
     static bool open(Card& card, std::uint32_t channel) { return card.openDown(channel); }
     static void close(Card& card, std::uint32_t channel) { card.closeDown(channel); }
     static void attach(Stream&) {}
@@ -41,9 +46,33 @@ ssize_t enumerateStreams(const enyx_hw_accelerator* accelerator, const enyx_hw_f
     return enumerate(
         filter, descriptors, room, kStreams, ENOENT,
         [](std::uint32_t index, char (&name)[kNameSize]) {
-            std::snprintf(name, sizeof name, "CUSTOM_CHAN%u_DATA", index);
+            return std::snprintf(name, sizeof name, "CUSTOM_CHAN%u_DATA", index) > 0;
         },
         describe);
+}
+
+template <typename Direction>
+bool take(HwCard& card, std::uint32_t channel) {
+    if (card.hosted != nullptr && !card.hosted->claim({Direction::kPart, channel})) return false;
+    CardAccess access(card);
+    // A hosted stream that nobody owned may still be as its last owner left it, who died.
+    if (card.hosted != nullptr) Direction::close(*access, channel);
+    return Direction::open(*access, channel);
+}
+
+// A child of the process that opened a stream may destroy its handle: the stream is the parent's.
+template <typename Direction>
+void giveBack(HwCard& card, std::uint32_t channel) {
+    if (card.hosted != nullptr && !card.hosted->isAttachedHere()) return;
+    Direction::close(*CardAccess(card), channel);
+    if (card.hosted != nullptr) card.hosted->release({Direction::kPart, channel});
+}
+
+void tellHolder(const HwCard& card, CardPart stream) {
+    const std::optional<Holder> holder =
+        card.hosted != nullptr ? card.hosted->holderOf(stream) : describeProcess(getpid());
+    std::fprintf(stderr, "libenyx-hw-c: stream CUSTOM_CHAN%u_DATA of the simulated card at bus %u is held by %s.\n",
+                 stream.channel, card.index, holder ? toText(*holder).c_str() : "a process that has just ended");
 }
 
 template <typename Direction>
@@ -56,7 +85,8 @@ typename Direction::Stream* openStream(const typename Direction::Descriptor* des
     stream->channel = descriptor->channel;
     Direction::attach(*stream);
     pool<Stream>().publish(stream);
-    if (Direction::open(*CardAccess(*stream->card), stream->channel)) return stream;
+    if (take<Direction>(*stream->card, stream->channel)) return stream;
+    tellHolder(*stream->card, {Direction::kPart, stream->channel});
     pool<Stream>().kill(stream);
     errno = EBUSY;
     return nullptr;
@@ -65,7 +95,7 @@ typename Direction::Stream* openStream(const typename Direction::Descriptor* des
 template <typename Direction>
 void closeStream(typename Direction::Stream* stream) {
     if (!usable(stream)) return;
-    Direction::close(*CardAccess(*stream->card), stream->channel);
+    giveBack<Direction>(*stream->card, stream->channel);
     pool<typename Direction::Stream>().kill(stream);
 }
 
@@ -106,12 +136,13 @@ private:
     enyx_hw_a2c_stream& m_stream;
 };
 
-// Nothing waits: let the card work up to the present, unless another thread is having it do just that.
+// Nothing waits: let the card work up to the present, unless its host does that, or another thread is just doing it.
 [[gnu::noinline]] PacketView advanceAndPeek(enyx_hw_a2c_stream& stream) {
-    EmbeddedCard& card = *stream.card;
+    HwCard& card = *stream.card;
+    if (card.hosted != nullptr) return {};
     {
-        const std::unique_lock<std::mutex> lock(card.mutex, std::try_to_lock);
-        if (!lock.owns_lock()) return {};
+        const BlockLock lock(*card.block, std::try_to_lock);
+        if (!lock.owns()) return {};
         card.card().advance(card.clock.now());
     }
     return ring::peek(*stream.ring);

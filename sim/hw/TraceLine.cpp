@@ -24,12 +24,12 @@ TraceLine& TraceLine::hex(const char* key, std::uint64_t value) {
     return text(key, digits);
 }
 
-TraceLine& TraceLine::card(const char* key, const Handle* handle, const EmbeddedCard* card) {
+TraceLine& TraceLine::card(const char* key, const Handle* handle, const HwCard* card) {
     if (handle == nullptr || !isAlive(handle)) return text(key, stateOf(handle));
     return text(key, ("card" + std::to_string(card->index)).c_str());
 }
 
-TraceLine& TraceLine::channel(const char* key, const Handle* handle, const EmbeddedCard* card, std::uint32_t channel) {
+TraceLine& TraceLine::channel(const char* key, const Handle* handle, const HwCard* card, std::uint32_t channel) {
     if (handle == nullptr || !isAlive(handle)) return text(key, stateOf(handle));
     const std::string stream = "/CUSTOM_CHAN" + std::to_string(channel) + "_DATA";
     return text(key, ("card" + std::to_string(card->index) + stream).c_str());

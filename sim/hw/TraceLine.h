@@ -7,7 +7,7 @@
 
 namespace vexo_sim {
 
-struct EmbeddedCard;
+struct HwCard;
 struct Handle;
 
 /// One line of the trace, put together only while somebody watches.
@@ -35,8 +35,8 @@ public:
     const std::string& line() const { return m_text; }
 
 private:
-    TraceLine& card(const char* key, const Handle* handle, const EmbeddedCard* card);
-    TraceLine& channel(const char* key, const Handle* handle, const EmbeddedCard* card, std::uint32_t channel);
+    TraceLine& card(const char* key, const Handle* handle, const HwCard* card);
+    TraceLine& channel(const char* key, const Handle* handle, const HwCard* card, std::uint32_t channel);
 
     std::string m_text;
 };

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "card/Card.h"
-#include "card/CardMemory.h"
+#include "card/ZeroedMemory.h"
 #include "enyx-sim/md_payload.h"
 
 namespace vexo_sim {
@@ -92,8 +92,8 @@ protected:
     }
 
     CardTime now{1'000'000'000'000, 20250115, 100000, 0};
-    CardMemory memory;
-    Card card{*memory.state()};
+    ZeroedMemory<CardState> memory;
+    Card card{*memory.get()};
     CardConfig m_config;
 };
 

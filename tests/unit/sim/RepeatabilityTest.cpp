@@ -37,7 +37,7 @@ TEST_F(Repeatability, TheSameSeedAndCallsGiveTheSameBytes) {
 
 TEST_F(Repeatability, PowerOnOwesNothingToWhatTheMemoryHeldBefore) {
     const auto first = session(42);
-    std::memset(static_cast<void*>(memory.state()), 0xA5, sizeof(CardState));
+    std::memset(static_cast<void*>(memory.get()), 0xA5, sizeof(CardState));
     EXPECT_TRUE(first == session(42));
 }
 

@@ -31,8 +31,8 @@ protected:
         return bytes;
     }
 
-    CardMemory memory;
-    RingState& ring = memory.state()->up[0].ring;
+    ZeroedMemory<CardState> memory;
+    RingState& ring = memory.get()->up[0].ring;
 };
 
 }  // namespace

@@ -1,0 +1,201 @@
+#include "shm/CardFile.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace vexo_sim {
+namespace {
+
+constexpr const char* kPrefix = "vexo-simcard-";
+constexpr const char* kUnpublished = ".new-";
+
+struct flock byteOf(CardPart part, short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = static_cast<off_t>(part.kind) * kStreams + part.channel;
+    lock.l_len = 1;
+    return lock;
+}
+
+std::vector<gid_t> ownGroups() {
+    const int count = getgroups(0, nullptr);
+    std::vector<gid_t> groups(static_cast<std::size_t>(std::max(count, 0)));
+    groups.resize(static_cast<std::size_t>(std::max(getgroups(count, groups.data()), 0)));
+    groups.push_back(getegid());
+    return groups;
+}
+
+// A card is believed when it is one's own, or offered by its owner to a group that one is in.
+bool isTrusted(const struct stat& file) {
+    if (!S_ISREG(file.st_mode) || file.st_size != static_cast<off_t>(sizeof(CardBlock))) return false;
+    if (file.st_uid == geteuid()) return true;
+    const std::vector<gid_t> groups = ownGroups();
+    return (file.st_mode & 0060) == 0060 && std::find(groups.begin(), groups.end(), file.st_gid) != groups.end();
+}
+
+// The names in a directory that begin with the prefix of the cards.
+std::vector<std::string> listCards(const std::string& directory) {
+    std::vector<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(directory.c_str()), &closedir);
+    if (stream == nullptr) return names;
+    while (const dirent* entry = readdir(stream.get())) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, std::char_traits<char>::length(kPrefix), kPrefix) == 0) names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool endsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+}  // namespace
+
+CardFile::CardFile(CardFile&& other) noexcept { *this = std::move(other); }
+
+CardFile& CardFile::operator=(CardFile&& other) noexcept {
+    close();
+    m_fd = std::exchange(other.m_fd, -1);
+    m_path = std::move(other.m_path);
+    m_device = other.m_device;
+    m_inode = other.m_inode;
+    return *this;
+}
+
+CardFile::~CardFile() { close(); }
+
+void CardFile::close() {
+    if (m_fd >= 0) ::close(std::exchange(m_fd, -1));
+}
+
+CardFile CardFile::open(const std::string& path) {
+    CardFile file;
+    file.m_fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    if (file.m_fd < 0) return file;
+    struct stat status {};
+    if (fstat(file.m_fd, &status) != 0 || !isTrusted(status)) {
+        file.close();
+        errno = EACCES;
+        return file;
+    }
+    file.m_path = path;
+    file.m_device = status.st_dev;
+    file.m_inode = status.st_ino;
+    return file;
+}
+
+CardFile CardFile::create(const std::string& directory, std::uint32_t bus, mode_t mode, gid_t group) {
+    CardFile file;
+    std::string path = cardPath(directory, geteuid(), bus) + kUnpublished + "XXXXXX";
+    file.m_fd = mkostemp(path.data(), O_CLOEXEC);
+    if (file.m_fd < 0) return file;
+    file.m_path = path;
+    struct stat status {};
+    const bool made = ftruncate(file.m_fd, sizeof(CardBlock)) == 0 && fstat(file.m_fd, &status) == 0 &&
+                      (group == status.st_gid || fchown(file.m_fd, static_cast<uid_t>(-1), group) == 0) &&
+                      fchmod(file.m_fd, mode) == 0;
+    if (!made) {
+        const int error = errno;
+        unlink(path.c_str());
+        file.close();
+        errno = error;
+    }
+    file.m_device = status.st_dev;
+    file.m_inode = status.st_ino;
+    return file;
+}
+
+CardBlock* CardFile::map() {
+    void* memory = mmap(nullptr, sizeof(CardBlock), PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, 0);
+    return memory == MAP_FAILED ? nullptr : static_cast<CardBlock*>(memory);
+}
+
+bool CardFile::reserve(std::uint32_t ringBytes) {
+    const std::size_t streams = offsetof(CardBlock, state) + offsetof(CardState, up);
+    const std::size_t used = offsetof(UpStreamState, ring) + offsetof(RingState, bytes) + ring::capacityFor(ringBytes);
+    int error = posix_fallocate(m_fd, 0, static_cast<off_t>(streams));
+    for (std::uint32_t channel = 0; channel < kStreams && error == 0; ++channel)
+        error = posix_fallocate(m_fd, static_cast<off_t>(streams + channel * sizeof(UpStreamState)),
+                                static_cast<off_t>(used));
+    errno = error;
+    return error == 0;
+}
+
+bool CardFile::publish(const std::string& path) {
+    if (link(m_path.c_str(), path.c_str()) != 0) return false;
+    unlink(m_path.c_str());
+    m_path = path;
+    return true;
+}
+
+void CardFile::remove() {
+    struct stat named {};
+    if (lstat(m_path.c_str(), &named) != 0 || named.st_dev != m_device || named.st_ino != m_inode) return;
+    unlink(m_path.c_str());
+}
+
+bool CardFile::claim(CardPart part) {
+    struct flock lock = byteOf(part, F_WRLCK);
+    return fcntl(m_fd, F_SETLK, &lock) == 0;
+}
+
+void CardFile::release(CardPart part) {
+    struct flock lock = byteOf(part, F_UNLCK);
+    fcntl(m_fd, F_SETLK, &lock);
+}
+
+std::optional<pid_t> CardFile::holderOf(CardPart part) const {
+    struct flock lock = byteOf(part, F_WRLCK);
+    if (fcntl(m_fd, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return std::nullopt;
+    return lock.l_pid;
+}
+
+std::string cardDirectory() {
+    const char* configured = std::getenv("VEXO_SIM_DIR");
+    return configured != nullptr && *configured != '\0' ? configured : "/dev/shm";
+}
+
+std::string cardPath(const std::string& directory, uid_t user, std::uint32_t bus) {
+    return directory + "/" + kPrefix + std::to_string(user) + "-" + std::to_string(bus);
+}
+
+std::vector<std::string> findCardFiles(const std::string& directory, std::uint32_t bus) {
+    const std::string own = cardPath(directory, geteuid(), bus);
+    std::vector<std::string> paths = {own};
+    for (const std::string& name : listCards(directory)) {
+        const std::string path = directory + "/" + name;
+        if (path != own && endsWith(name, "-" + std::to_string(bus)) && name.find(kUnpublished) == std::string::npos)
+            paths.push_back(path);
+    }
+    return paths;
+}
+
+unsigned removeStaleFiles(const std::string& directory) {
+    unsigned removed = 0;
+    for (const std::string& name : listCards(directory)) {
+        CardFile file = CardFile::open(directory + "/" + name);
+        struct stat status {};
+        if (!file || lstat(file.path().c_str(), &status) != 0 || status.st_uid != geteuid()) continue;
+        // Whoever removes holds the part for it, so that a new host's file of the same name is never taken for this one.
+        if (file.holderOf({CardPart::kHost}) || !file.claim({CardPart::kRemoval})) continue;
+        file.remove();
+        ++removed;
+    }
+    return removed;
+}
+
+}  // namespace vexo_sim
