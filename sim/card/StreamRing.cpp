@@ -76,6 +76,13 @@ PacketView peek(RingState& ring) {
     return {ring.bytes + offsetOf(ring, tail) + kPrefix, size};
 }
 
+PacketView next(RingState& ring, std::uint64_t& position) {
+    if (loadSize(ring, position) == kWrapMarker) position += ring.capacity - offsetOf(ring, position);
+    const PacketView packet{ring.bytes + offsetOf(ring, position) + kPrefix, loadSize(ring, position)};
+    position += footprint(packet.size);
+    return packet;
+}
+
 void release(RingState& ring) {
     const std::uint64_t tail = ring.tail.load(std::memory_order_relaxed);
     ring.tail.store(tail + footprint(loadSize(ring, tail)), std::memory_order_release);

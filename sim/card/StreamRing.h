@@ -47,10 +47,27 @@ void release(RingState& ring);
 /// Takes everything.
 void drain(RingState& ring);
 
+/// Packets put into the ring from position @p from on, the producer's own reading: visit(PacketView). Call it before
+/// the producer writes over what the reader has taken.
+/// @return where the next look begins.
+template <typename Visit>
+std::uint64_t forEachPut(RingState& ring, std::uint64_t from, Visit visit);
+/// Where the next packet will be put.
+inline std::uint64_t putPosition(const RingState& ring) { return ring.head.load(std::memory_order_relaxed); }
+
 /// Ring size for a configured number of bytes: the next power of two.
 std::uint32_t capacityFor(std::uint32_t bytes);
 /// The largest packet that a ring of this capacity holds wherever its write position stands.
 std::uint32_t largestPacket(std::uint32_t capacity);
+
+/// The packet at a position that one was put at, or at which the ring wraps; moves @p position behind it.
+PacketView next(RingState& ring, std::uint64_t& position);
+
+template <typename Visit>
+std::uint64_t forEachPut(RingState& ring, std::uint64_t from, Visit visit) {
+    while (from != putPosition(ring)) visit(next(ring, from));
+    return from;
+}
 
 }  // namespace ring
 }  // namespace vexo_sim

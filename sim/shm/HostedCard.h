@@ -16,6 +16,7 @@ public:
     static std::unique_ptr<HostedCard> attach(std::uint32_t bus);
 
     CardBlock& block() { return *m_block; }
+    const CardFile& file() const { return m_file; }
     bool isHostAlive() const { return m_file.holderOf({CardPart::kHost}).has_value(); }
     /// Whether this is the file that attach() would find by that name now.
     bool isCurrent() const;

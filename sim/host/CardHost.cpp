@@ -1,0 +1,108 @@
+#include "host/CardHost.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+namespace vexo_sim {
+namespace {
+
+constexpr std::uint64_t kLongestRestNs = 1'000'000;   // a process's register access must not wait longer for its effect
+constexpr std::uint64_t kShortestRestNs = 20'000;
+constexpr std::uint64_t kStandBackNs = 60'000;        // so long a process needs to wake up and take the lock
+constexpr std::uint64_t kOrphanCheckNs = 50'000'000;
+
+std::string systemError(const std::string& what) { return what + ": " + std::strerror(errno); }
+
+template <std::size_t size>
+void copyText(char (&to)[size], const std::string& text) {
+    std::snprintf(to, size, "%s", text.c_str());
+}
+
+// Why a card could not be given its name.
+std::string whoHasIt(const std::string& path, std::uint32_t bus) {
+    const CardFile other = CardFile::open(path);
+    if (!other) return systemError(path + " is in the way");
+    const std::optional<pid_t> host = other.holderOf({CardPart::kHost});
+    if (!host) return {};
+    return "bus " + std::to_string(bus) + " has a card already, hosted by " + toText(describeProcess(*host)) +
+           ". Stop that one, or choose another bus with --bus.";
+}
+
+}  // namespace
+
+std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) {
+    const std::string directory = cardDirectory();
+    const std::string path = cardPath(directory, geteuid(), plan.bus);
+    for (int attempt = 0; attempt < 100; ++attempt) {  // others may be starting, or clearing up, at the same time
+        removeStaleFiles(directory);
+        CardFile file = CardFile::create(directory, plan.bus, plan.group ? 0660 : 0600, plan.group.value_or(getegid()));
+        CardBlock* block = file && file.claim({CardPart::kHost}) ? file.map() : nullptr;
+        if (block == nullptr || !file.reserve(plan.config.ringBytes)) {
+            error = systemError("cannot make a card in " + directory);
+            if (file) file.remove();
+            return nullptr;
+        }
+        std::unique_ptr<CardHost> host(new CardHost(std::move(file), *block));
+        host->describe(plan);
+        host->powerOn(plan);
+        if (host->m_file.publish(path)) return host;
+        if (errno != EEXIST && errno != ENOENT) {
+            error = systemError("cannot make " + path);
+            return nullptr;
+        }
+        error = errno == EEXIST ? whoHasIt(path, plan.bus) : std::string();
+        if (!error.empty()) return nullptr;
+    }
+    error = "too many hosts are being started at once; try again";
+    return nullptr;
+}
+
+CardHost::~CardHost() { m_file.remove(); }
+
+void CardHost::describe(const Plan& plan) {
+    m_block->init();
+    HostInfo& info = m_block->host;
+    info.startedAt = static_cast<std::uint64_t>(time(nullptr));
+    info.pid = getpid();
+    info.bus = plan.bus;
+    copyText(info.scenario, plan.scenario);
+    copyText(info.description, plan.description);
+}
+
+void CardHost::powerOn(const Plan& plan) { Card(m_block->state).powerOn(plan.config, m_clock.now()); }
+
+// A reader that died leaves its stream open: the card would go on filling it, and at the readers' pace wait for it.
+void CardHost::closeOrphans() {
+    Card card(m_block->state);
+    if (card.state().now.monotonicNs < m_nextOrphanCheckNs) return;
+    m_nextOrphanCheckNs = card.state().now.monotonicNs + kOrphanCheckNs;
+    for (std::uint32_t channel = 0; channel < kStreams; ++channel) {
+        if (card.state().up[channel].open && !m_file.holderOf({CardPart::kUp, channel})) card.closeUp(channel);
+        if (card.state().down[channel].open && !m_file.holderOf({CardPart::kDown, channel})) card.closeDown(channel);
+    }
+}
+
+std::uint64_t CardHost::turn() {
+    const BlockLock lock(*m_block);
+    const bool again = Card(m_block->state).advance(m_clock.now());
+    closeOrphans();
+    return rest(again);
+}
+
+std::uint64_t CardHost::rest(bool again) {
+    const std::uint64_t knocks = m_block->knocks.load(std::memory_order_relaxed);
+    if (std::exchange(m_knocks, knocks) != knocks) return kStandBackNs;
+    if (again) return 0;
+    const CardState& s = m_block->state;
+    const std::uint64_t pace = std::max(s.config.pace, std::uint32_t{1});
+    const std::uint64_t wait = s.nextDueNs > s.clockNs ? (s.nextDueNs - s.clockNs) / pace : 0;
+    return std::clamp(wait, kShortestRestNs, kLongestRestNs);
+}
+
+}  // namespace vexo_sim

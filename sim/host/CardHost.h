@@ -1,0 +1,54 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "hw/HostClock.h"
+#include "shm/CardFile.h"
+
+namespace vexo_sim {
+
+/// A card that this process keeps in shared memory and advances. One thread drives it.
+class CardHost {
+public:
+    struct Plan {
+        std::uint32_t bus = 0;
+        CardConfig config;
+        std::optional<gid_t> group;    // whom the card is shared with, besides the host's own user
+        std::string scenario;          // shown in the status
+        std::string description;
+    };
+
+    /// Switches a card on and offers it. Null, with the reason in @p error, when the bus has a host already or the
+    /// memory cannot be had. Removes what dead hosts of this user left behind.
+    static std::unique_ptr<CardHost> start(const Plan& plan, std::string& error);
+    /// Withdraws the card: its readers see idle streams from then on.
+    ~CardHost();
+
+    /// Does what is due. @return nanoseconds that the caller may rest before the next turn.
+    std::uint64_t turn();
+
+    CardBlock& block() { return *m_block; }
+    const CardFile& file() const { return m_file; }
+
+private:
+    CardHost(CardFile file, CardBlock& block) : m_file(std::move(file)), m_block(&block) {}
+
+    void describe(const Plan& plan);
+    void powerOn(const Plan& plan);
+    void closeOrphans();
+    std::uint64_t rest(bool again);
+
+    CardFile m_file;
+    CardBlock* m_block;
+    HostClock m_clock;
+    std::uint64_t m_nextOrphanCheckNs = 0;
+    std::uint64_t m_knocks = 0;
+};
+
+}  // namespace vexo_sim

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "shm/CardFile.h"
+
+namespace vexo_sim {
+
+/// One stream as an operator looks at it.
+struct ChannelStatus {
+    std::uint32_t channel = 0;
+    bool open = false;
+    std::optional<Holder> holder;
+    std::uint32_t packets = 0;      // card to host, since the stream was opened
+    std::uint32_t drops = 0;        // lost because the reader was too slow
+    std::uint64_t queuedBytes = 0;  // waiting for the reader
+    std::uint64_t sentPackets = 0;  // host to card, since power-on
+};
+
+/// A hosted card at one moment.
+struct CardStatus {
+    std::uint32_t bus = 0;
+    Holder host;
+    std::uint64_t uptimeSeconds = 0;
+    std::string scenario;
+    std::string description;
+    std::string pace;
+    std::uint32_t instruments = 0;
+    std::uint32_t learned = 0;
+    std::uint32_t masks[2] = {};    // rows with a mask: single-leg, combination
+    std::uint32_t decodeSwitch = 0;
+    std::uint32_t mapTransmit = 0;
+    std::uint32_t tradingDate = 0;
+    std::uint32_t exchangeTime = 0;
+    bool inReset = false;
+    std::vector<ChannelStatus> channels;
+};
+
+/// Reads a card. @p file tells who holds what; of a process's own holdings it tells nothing.
+CardStatus readStatus(CardBlock& block, const CardFile& file);
+
+/// One JSON object, indented.
+std::string toJson(const CardStatus& status);
+/// A few lines for a terminal: the card, and each stream that somebody holds or held.
+std::string toText(const CardStatus& status);
+
+/// "real", "x10", "max"
+std::string paceName(std::uint32_t pace);
+/// The opposite; empty when the text is no pace.
+std::optional<std::uint32_t> parsePace(const std::string& text);
+
+}  // namespace vexo_sim

@@ -1,0 +1,129 @@
+// Keeps a simulated card in shared memory, so that several processes use it as they would use the one card of a host.
+
+#include <grp.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <cstdio>
+
+#include "host/CardHost.h"
+#include "host/Status.h"
+#include "shm/HostedCard.h"
+
+using namespace vexo_sim;
+
+namespace {
+
+struct Arguments {
+    std::string scenario;
+    std::uint32_t bus = 0;
+    std::string pace;
+    std::string group;
+    std::uint32_t seconds = 0;
+    bool json = false;
+    bool status = false;
+    bool quiet = false;
+};
+
+volatile sig_atomic_t g_stop = 0;
+
+void stop(int) { g_stop = 1; }
+
+int fail(const std::string& text) {
+    std::fprintf(stderr, "vexo-simcard: %s\n", text.c_str());
+    return 1;
+}
+
+void catchStopSignals() {
+    struct sigaction action {};
+    action.sa_handler = stop;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+}
+
+// What another process hosts, shown once.
+int showStatus(const Arguments& arguments) {
+    const std::unique_ptr<HostedCard> card = HostedCard::attach(arguments.bus);
+    if (card == nullptr)
+        return fail("no card is hosted at bus " + std::to_string(arguments.bus) + ". Start one: vexo-simcard");
+    const CardStatus status = readStatus(card->block(), card->file());
+    std::fputs((arguments.json ? toJson(status) : toText(status)).c_str(), stdout);
+    return 0;
+}
+
+void rest(std::uint64_t ns) {
+    if (ns == 0) return;
+    const timespec duration{0, static_cast<long>(ns)};
+    nanosleep(&duration, nullptr);
+}
+
+// The status on a terminal, always in the same place.
+void redraw(CardHost& host) {
+    static bool first = true;
+    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J",
+                toText(readStatus(host.block(), host.file())).c_str());
+    std::fflush(stdout);
+    first = false;
+}
+
+void run(CardHost& host, const Arguments& arguments) {
+    const bool live = !arguments.quiet && isatty(STDOUT_FILENO) == 1;
+    const time_t begin = time(nullptr);
+    time_t shown = 0;
+    while (g_stop == 0) {
+        rest(host.turn());
+        const time_t now = time(nullptr);
+        if (arguments.seconds != 0 && now - begin >= static_cast<time_t>(arguments.seconds)) break;
+        if (!live || now == shown) continue;
+        redraw(host);
+        shown = now;
+    }
+}
+
+bool findGroup(const std::string& name, gid_t& group) {
+    const struct group* entry = getgrnam(name.c_str());
+    if (entry != nullptr) group = entry->gr_gid;
+    return entry != nullptr;
+}
+
+int hostCard(const Arguments& arguments) {
+    CardHost::Plan plan;
+    plan.bus = arguments.bus;
+    if (!arguments.pace.empty()) plan.config.pace = *parsePace(arguments.pace);
+    gid_t group = 0;
+    if (!arguments.group.empty() && !findGroup(arguments.group, group))
+        return fail("there is no group " + arguments.group);
+    if (!arguments.group.empty()) plan.group = group;
+    catchStopSignals();
+    std::string error;
+    const std::unique_ptr<CardHost> host = CardHost::start(plan, error);
+    if (host == nullptr) return fail(error);
+    if (!arguments.quiet) {
+        std::printf("Simulated card at bus %u: every quote is made up. Ctrl-C ends it.\n", plan.bus);
+        std::fflush(stdout);
+    }
+    run(*host, arguments);
+    if (!arguments.quiet) std::fputs(toText(readStatus(host->block(), host->file())).c_str(), stdout);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Arguments arguments;
+    CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes."};
+    app.add_option("scenario", arguments.scenario, "Scenario file; without one the card is an ordinary day's")
+        ->type_name("SCENARIO.ini");
+    app.add_option("--bus", arguments.bus, "Bus number of the card, 0 to 4")->check(CLI::Range(0, 4));
+    app.add_option("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take")
+        ->check([](const std::string& text) { return parsePace(text) ? "" : "must be real, xN or max"; });
+    app.add_option("--group", arguments.group, "Share the card with the members of this group");
+    app.add_option("--seconds", arguments.seconds, "End after that many seconds");
+    app.add_flag("--quiet", arguments.quiet, "Show nothing while hosting");
+    app.add_flag("--status", arguments.status, "Show the status of the card that is hosted at the bus, and end");
+    app.add_flag("--json", arguments.json, "The same as JSON");
+    CLI11_PARSE(app, argc, argv);
+    return arguments.json || arguments.status ? showStatus(arguments) : hostCard(arguments);
+}
