@@ -1,0 +1,302 @@
+// A card that another process hosts, as a process sees it that uses the hardware interface.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "CardAccess.h"
+#include "DrvEnyx/CardRegisters.h"
+#include "HostProcess.h"
+#include "enyx-sim/enyx_sim.h"
+#include "support/CaptureOutput.h"
+
+namespace hosted {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+struct HostedCard : ::testing::Test {
+    CardDirectory directory;
+
+    void SetUp() override { setenv("VEXO_SIM_CARD", "hosted", 1); }
+    void TearDown() override { unsetenv("VEXO_SIM_CARD"); }
+};
+
+void CountPacket(const std::uint8_t*, std::uint32_t, void* count) { ++*static_cast<unsigned*>(count); }
+
+// Packets of a stream until some came and no more follow for a while.
+unsigned Drain(enyx_hw_a2c_stream* stream) {
+    unsigned count = 0;
+    EXPECT_TRUE(Eventually([&] { return enyx_hw_a2c_stream_poll_once(stream, CountPacket, &count) == 1; }));
+    for (int idle = 0; idle < 10; ++idle)
+        for (ShortPause(); enyx_hw_a2c_stream_poll_once(stream, CountPacket, &count) == 1;) idle = 0;
+    return count;
+}
+
+int OwnStreamElsewhere(std::uint32_t channel) {
+    Process other({VEXO_CARD_USER, "hold", std::to_string(channel)});
+    EXPECT_TRUE(Eventually([&] { return StatusJson().find("card_user") != std::string::npos; }));
+    other.Signal(SIGKILL);
+    return other.Wait();
+}
+
+TEST_F(HostedCard, IsFoundAtItsBusAndAtNoOther) {
+    const Process host = StartHost({"--bus", "3"});
+    EXPECT_NE(FindCard(3), nullptr);
+    errno = 0;
+    EXPECT_EQ(FindCard(0), nullptr);
+    EXPECT_EQ(errno, ENODEV);
+}
+
+TEST_F(HostedCard, KeepsWhatAnotherProcessWrote) {
+    const Process host = StartHost({});
+    Process writer({VEXO_CARD_USER, "write", "262", "20310305"});
+    ASSERT_EQ(writer.Wait(), 0);
+    std::uint64_t date = 0;
+    ASSERT_EQ(Read(OpenRegisters(0), card_reg::kTradingDate, date), 0);
+    EXPECT_EQ(date, 20310305U);
+}
+
+TEST_F(HostedCard, SendsTheQuotesOfItsMasks) {
+    const Process host = StartHost({});
+    enyx_hw_core* core = OpenRegisters(0);
+    enyx_hw_a2c_stream* stream = OpenStream(0, 5);
+    ASSERT_NE(stream, nullptr);
+    SetMask(core, 7, 1U << 5);
+    Write(core, card_reg::kDecodeSwitch, 3);
+    unsigned packets = 0;
+    EXPECT_TRUE(Eventually([&] { return enyx_hw_a2c_stream_poll_once(stream, CountPacket, &packets) == 1; }));
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST_F(HostedCard, CardsOfSeveralBusesLieSideBySide) {
+    const Process first = StartHost({"--bus", "0"});
+    const Process second = StartHost({"--bus", "1"});
+    Write(OpenRegisters(0), card_reg::kTradingDate, 20310101);
+    Write(OpenRegisters(1), card_reg::kTradingDate, 20310202);
+    std::uint64_t date = 0;
+    Read(OpenRegisters(0), card_reg::kTradingDate, date);
+    EXPECT_EQ(date, 20310101U);
+    enyx_hw_a2c_stream* streams[] = {OpenStream(0, 4), OpenStream(1, 4)};
+    EXPECT_NE(streams[0], nullptr);
+    EXPECT_NE(streams[1], nullptr);
+    for (enyx_hw_a2c_stream* stream : streams) enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST_F(HostedCard, AStreamThatAnotherProcessHoldsIsBusyAndItsHolderIsNamed) {
+    const Process host = StartHost({});
+    Process other({VEXO_CARD_USER, "hold", "9"});
+    ASSERT_TRUE(Eventually([&] { return StatusJson().find("card_user") != std::string::npos; }));
+    FindCard(0);  // its banner is not what this test looks at
+    test_support::CaptureOutput output(STDERR_FILENO);
+    errno = 0;
+    EXPECT_EQ(OpenStream(0, 9), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(output.Stop(), "libenyx-hw-c: stream CUSTOM_CHAN9_DATA of the simulated card at bus 0 is held by process " +
+                               std::to_string(other.Id()) + " (card_user, user " + UserName() + ").\n");
+}
+
+TEST_F(HostedCard, ASecondHandleOfTheSameProcessIsRefusedToo) {
+    const Process host = StartHost({});
+    enyx_hw_a2c_stream* stream = OpenStream(0, 2);
+    ASSERT_NE(stream, nullptr);
+    errno = 0;
+    EXPECT_EQ(OpenStream(0, 2), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+    enyx_hw_a2c_stream_destroy(stream);
+    stream = OpenStream(0, 2);
+    EXPECT_NE(stream, nullptr);
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST_F(HostedCard, AKilledHolderReleasesItsStream) {
+    const Process host = StartHost({});
+    EXPECT_EQ(OwnStreamElsewhere(6), 128 + SIGKILL);
+    enyx_hw_a2c_stream* stream = OpenStream(0, 6);
+    EXPECT_NE(stream, nullptr);
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST_F(HostedCard, AKilledHolderReleasesTheCoreLock) {
+    const Process host = StartHost({});
+    Process other({VEXO_CARD_USER, "lock"}, directory.Path() + "/locked");
+    ASSERT_TRUE(Eventually([&] {
+        struct stat file {};
+        return stat((directory.Path() + "/locked").c_str(), &file) == 0 && file.st_size > 0;
+    }));
+    other.Signal(SIGKILL);
+    other.Wait();
+    enyx_hw_core* core = OpenRegisters(0);
+    EXPECT_EQ(enyx_hw_core_lock(core), 0);
+    EXPECT_EQ(enyx_hw_core_unlock(core), 0);
+}
+
+TEST_F(HostedCard, TheStreamOfADeadHostRunsDryAndItsRegistersFail) {
+    Process host = StartHost({});
+    enyx_hw_core* core = OpenRegisters(0);
+    enyx_hw_a2c_stream* stream = OpenStream(0, 0);
+    SetMask(core, 7, 1);
+    Write(core, card_reg::kDecodeSwitch, 3);
+    std::uint32_t waiting = 0;
+    EXPECT_TRUE(Eventually([&] { return enyx_hw_a2c_stream_stats_get_packet_count(stream, &waiting) == 0 && waiting > 0; }));
+    host.Signal(SIGKILL);
+    host.Wait();
+    Drain(stream);
+    unsigned count = 0;
+    EXPECT_EQ(enyx_hw_a2c_stream_poll_once(stream, CountPacket, &count), 0);
+    std::uint64_t value = 0;
+    errno = 0;
+    EXPECT_EQ(Read(core, card_reg::kTradingDate, value), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(FindCard(0), nullptr);
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST_F(HostedCard, ANewHostIsFoundAtTheNextLook) {
+    Process host = StartHost({});
+    Write(OpenRegisters(0), card_reg::kTradingDate, 20310101);
+    host.Signal(SIGKILL);
+    host.Wait();
+    const Process next = StartHost({});
+    std::uint64_t date = 1;
+    ASSERT_EQ(Read(OpenRegisters(0), card_reg::kTradingDate, date), 0);
+    EXPECT_EQ(date, 0U) << "the new card has just been switched on";
+}
+
+TEST_F(HostedCard, ASecondHostOfABusIsRefusedWithTheFirstOnesName) {
+    const Process host = StartHost({});
+    Process second({VEXO_SIMCARD}, {}, directory.Path() + "/err");
+    EXPECT_EQ(second.Wait(), 1);
+    EXPECT_EQ(ReadFile(directory.Path() + "/err"),
+              "vexo-simcard: bus 0 has a card already, hosted by process " + std::to_string(host.Id()) +
+                  " (vexo-simcard, user " + UserName() + "). Stop that one, or choose another bus with --bus.\n");
+}
+
+TEST_F(HostedCard, AKilledHostLeavesNothingBehindOnceAnotherHasStarted) {
+    Process host = StartHost({"--bus", "2"});
+    host.Signal(SIGKILL);
+    host.Wait();
+    EXPECT_EQ(directory.Files().size(), 1U);
+    Process next = StartHost({"--bus", "1"});
+    EXPECT_THAT(directory.Files(), ElementsAre("vexo-simcard-" + std::to_string(geteuid()) + "-1"));
+    next.Signal(SIGTERM);
+    EXPECT_EQ(next.Wait(), 0);
+    EXPECT_THAT(directory.Files(), IsEmpty());
+}
+
+TEST_F(HostedCard, IsForItsOwnersEyesOnlyUnlessAGroupIsNamed) {
+    const std::string path = directory.Path() + "/vexo-simcard-" + std::to_string(geteuid()) + "-";
+    struct stat own {}, shared {};
+    const Process first = StartHost({"--bus", "0"});
+    ASSERT_EQ(stat((path + "0").c_str(), &own), 0);
+    EXPECT_EQ(own.st_mode & 0777U, 0600U);
+    const Process second = StartHost({"--bus", "1", "--group", GroupName()});
+    ASSERT_EQ(stat((path + "1").c_str(), &shared), 0);
+    EXPECT_EQ(shared.st_mode & 0777U, 0660U);
+}
+
+TEST_F(HostedCard, AFileThatIsNoCardIsLeftAlone) {
+    const std::string path = directory.Path() + "/vexo-simcard-" + std::to_string(geteuid()) + "-4";
+    WriteFile(path, "not a card");
+    const Process host = StartHost({"--bus", "0"});
+    EXPECT_EQ(FindCard(4), nullptr);
+    EXPECT_EQ(ReadFile(path), "not a card");
+}
+
+TEST_F(HostedCard, IsNotSwitchedOffByItsUsers) {
+    const Process host = StartHost({});
+    FindCard(0);
+    errno = 0;
+    EXPECT_EQ(enyx_sim_power_cycle(nullptr), -1);
+    EXPECT_EQ(errno, EPERM);
+}
+
+TEST_F(HostedCard, StatusTellsWhatTheCardLearnedAndWhoReads) {
+    const Process host = StartHost({"--pace", "x100"});
+    enyx_hw_core* core = OpenRegisters(0);
+    enyx_hw_a2c_stream* stream = OpenStream(0, 11);
+    SetMask(core, 7, 1U << 11);
+    SetMask(core, 8, 1U << 11);
+    Write(core, card_reg::kDecodeSwitch, 2);
+    EXPECT_TRUE(Eventually([] { return StatusJson().find("\"learned\": 0") == std::string::npos; }));
+    const std::string status = StatusJson();
+    EXPECT_THAT(status, HasSubstr("\"pace\": \"x100\""));
+    EXPECT_THAT(status, HasSubstr("\"masks\": {\n    \"single_leg\": 2,\n    \"combination\": 0\n  }"));
+    EXPECT_THAT(status, HasSubstr("\"decode_switch\": 2"));
+    EXPECT_THAT(status, HasSubstr("\"channel\": 11,\n      \"open\": true,\n      \"holder\": {\n        \"pid\": " +
+                                  std::to_string(getpid())));
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST_F(HostedCard, AReaderThatDoesNotReadLosesPacketsAndTheyAreCounted) {
+    const Process host = StartHost({"--pace", "x1000"});
+    enyx_hw_core* core = OpenRegisters(0);
+    enyx_hw_a2c_stream* stream = OpenStream(0, 1);
+    SetMask(core, 7, 1U << 1);
+    Write(core, card_reg::kDecodeSwitch, 3);
+    std::uint32_t lost = 0;
+    EXPECT_TRUE(Eventually([&] {
+        return enyx_hw_a2c_stream_stats_get_backpressure(stream, &lost) == 0 && lost > 0;
+    }));
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST_F(HostedCard, AsFastAsTakenNothingIsLost) {
+    const Process host = StartHost({"--pace", "max"});
+    enyx_hw_core* core = OpenRegisters(0);
+    enyx_hw_a2c_stream* stream = OpenStream(0, 1);
+    SetMask(core, 7, 1U << 1);
+    Write(core, card_reg::kDecodeSwitch, 3);
+    unsigned count = 0;
+    EXPECT_TRUE(Eventually([&] {
+        for (int n = 0; n < 1000; ++n) enyx_hw_a2c_stream_poll_once(stream, CountPacket, &count);
+        return count > 100'000;
+    }));
+    std::uint32_t lost = 1;
+    EXPECT_EQ(enyx_hw_a2c_stream_stats_get_backpressure(stream, &lost), 0);
+    EXPECT_EQ(lost, 0U);
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST(ChoiceOfCard, WithoutAHostTheProcessHasACardOfItsOwn) {
+    const CardDirectory directory;
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+    EXPECT_EQ(user.Wait(), 0);
+}
+
+TEST(ChoiceOfCard, WhoInsistsOnAHostedCardFindsNoneWithoutAHost) {
+    const CardDirectory directory;
+    setenv("VEXO_SIM_CARD", "hosted", 1);
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+    EXPECT_EQ(user.Wait(), ENODEV);
+    unsetenv("VEXO_SIM_CARD");
+}
+
+TEST(ChoiceOfCard, WhoInsistsOnACardOfItsOwnLeavesAHostedOneAlone) {
+    const CardDirectory directory;
+    const Process host = StartHost({});
+    setenv("VEXO_SIM_CARD", "embedded", 1);
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+    EXPECT_EQ(user.Wait(), 0);
+    unsetenv("VEXO_SIM_CARD");
+    EXPECT_THAT(StatusJson(), HasSubstr("\"trading_date\": 0"));
+}
+
+TEST(ChoiceOfCard, AnotherWordIsRefusedWithTheWordsThatExist) {
+    const CardDirectory directory;
+    setenv("VEXO_SIM_CARD", "remote", 1);
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"}, {}, directory.Path() + "/err");
+    EXPECT_EQ(user.Wait(), ENODEV);
+    unsetenv("VEXO_SIM_CARD");
+    EXPECT_EQ(ReadFile(directory.Path() + "/err"),
+              "libenyx-hw-c: VEXO_SIM_CARD is \"remote\", it must be auto, embedded or hosted: no simulated card.\n");
+}
+
+}  // namespace
+}  // namespace hosted

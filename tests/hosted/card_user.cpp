@@ -1,0 +1,75 @@
+// A program of its own that does one thing with the card:
+//
+//     card_user write WORD VALUE    writes a register; ends with 0, or with errno when there is no card
+//     card_user hold CHANNEL        opens a stream and keeps it
+//     card_user lock                takes the register core's lock, writes a line, and keeps it
+//     card_user abuse SEED          uses everything in turn, for ever; ends only on an error
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+
+#include "CardAccess.h"
+#include "DrvEnyx/CardRegisters.h"
+
+using namespace hosted;
+
+namespace {
+
+void Ignore(const std::uint8_t*, std::uint32_t, void*) {}
+
+std::uint32_t Below(std::mt19937& random, std::uint32_t end) { return static_cast<std::uint32_t>(random() % end); }
+
+unsigned Number(const char* text) { return static_cast<unsigned>(std::strtoul(text, nullptr, 10)); }
+
+[[noreturn]] void Keep() {
+    for (;;) pause();
+}
+
+void UseRegisters(enyx_hw_core* core, std::mt19937& random) {
+    if (enyx_hw_core_lock(core) != 0) return;
+    for (int n = 0; n < 20; ++n) SetMask(core, Below(random, 3000), Below(random, 0x10000));
+    Write(core, card_reg::kDecodeSwitch, Below(random, 4));
+    if (Below(random, 50) == 0) enyx_hw_core_reset(core);
+    enyx_hw_core_unlock(core);
+}
+
+void UseStream(std::mt19937& random) {
+    enyx_hw_a2c_stream* stream = OpenStream(0, Below(random, 16));
+    if (stream == nullptr) return;
+    for (int n = 0; n < 500; ++n) enyx_hw_a2c_stream_poll_once(stream, Ignore, nullptr);
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+// The host may come and go meanwhile: then it waits for the next one, as its register space is the dead card's.
+[[noreturn]] void Abuse(unsigned seed) {
+    std::mt19937 random(seed);
+    for (;;) {
+        enyx_hw_core* core = OpenRegisters(0);
+        std::uint64_t value = 0;
+        while (core != nullptr && Read(core, card_reg::kHardwareVersion, value) == 0) {
+            UseRegisters(core, random);
+            UseStream(random);
+        }
+        usleep(1000);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string what = argc > 1 ? argv[1] : "";
+    if (what == "abuse" && argc == 3) Abuse(Number(argv[2]));
+    if (what == "hold" && argc == 3 && OpenStream(0, Number(argv[2])) != nullptr) Keep();
+    enyx_hw_core* core = OpenRegisters(0);
+    if (core == nullptr) return errno;
+    if (what == "write" && argc == 4) return Write(core, Number(argv[2]), Number(argv[3])) == 0 ? 0 : errno;
+    if (what != "lock" || enyx_hw_core_lock(core) != 0) return 2;
+    std::puts("locked");
+    std::fflush(stdout);
+    Keep();
+}
