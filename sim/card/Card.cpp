@@ -6,16 +6,19 @@
 #include "card/ContractMap.h"
 #include "card/Feed.h"
 #include "card/InstrumentList.h"
+#include "card/PacketFaults.h"
 #include "card/Registers.h"
+#include "card/Schedule.h"
 #include "card/StaticData.h"
 #include "card/Tables.h"
+#include "card/UpStream.h"
 
 namespace vexo_sim {
 namespace {
 
 // A step back of the host's clock (a test's fake clock, mostly) must not stop the card for as long.
 void moveClock(CardState& s, const CardTime& now) {
-    const std::uint64_t pace = s.config.pace == kAsFastAsTaken ? 1 : s.config.pace;
+    const std::uint64_t pace = s.config.pace == kPaceOfReaders ? 1 : s.config.pace;
     if (now.monotonicNs > s.now.monotonicNs) s.clockNs += (now.monotonicNs - s.now.monotonicNs) * pace;
     s.now = now;
 }
@@ -23,7 +26,12 @@ void moveClock(CardState& s, const CardTime& now) {
 void forgetEverything(CardState& s) {
     s.registers = RegisterState{};
     s.registers.pinnedTime[0] = s.registers.pinnedTime[1] = kClockRuns;
+    s.registers.stored[card_reg::kTradingDate] = s.config.initialDate;
+    s.registers.stored[card_reg::kDecodeSwitch] = s.config.initialSwitch;
     for (TableState& table : s.tables) std::memset(&table, 0, sizeof table);
+    s.faults = FaultState{};
+    s.faults.packetsLeft = s.faults.stopNs = kNever;
+    s.faults.random = s.config.seed * 0xD1342543DE82EF95U + 0x9E3779B97F4A7C15U;
     s.map = MapState{};
     for (DownStreamState& stream : s.down) stream = DownStreamState{};
     for (UpStreamState& stream : s.up) {
@@ -34,6 +42,12 @@ void forgetEverything(CardState& s) {
     }
 }
 
+// A burst that takes longer than its turn would never end.
+bool areBurstsValid(const CardConfig& c) {
+    if (c.burstFactor < 1 || c.burstFactor > kMaxBurstFactor || c.burstEveryMs > kMaxMilliseconds) return false;
+    return c.burstEveryMs == 0 || (c.burstMs >= 1 && c.burstMs <= c.burstEveryMs);
+}
+
 }  // namespace
 
 bool isValid(const CardConfig& c) {
@@ -42,7 +56,8 @@ bool isValid(const CardConfig& c) {
     return ring && mtu && c.mtu <= ring::largestPacket(ring::capacityFor(c.ringBytes)) &&
            c.quotesPerSecond <= kMaxQuotesPerSecond && c.learningMs <= kMaxMilliseconds &&
            c.staticRoundMs >= 1 && c.staticRoundMs <= kMaxMilliseconds && c.mapMessagesPerPacket >= 1 &&
-           c.mapRoundMs >= 1 && c.mapRoundMs <= kMaxMilliseconds && c.pace <= kMaxPace && c.instruments <= InstrumentChoice::kNone;
+           c.mapRoundMs >= 1 && c.mapRoundMs <= kMaxMilliseconds && c.instruments <= InstrumentChoice::kNone &&
+           areBurstsValid(c) && c.pace <= kMaxPace && c.initialSwitch <= 3;
 }
 
 void Card::powerOn(const CardConfig& config, const CardTime& now) {
@@ -61,11 +76,17 @@ bool Card::replaceInstruments(const Instrument* instruments, std::size_t count) 
     if (!isValidList(instruments, count)) return false;
     std::copy(instruments, instruments + count, m_state.parser.instruments);
     m_state.parser.count = static_cast<std::uint32_t>(count);
-    reset();
+    restart();
     return true;
 }
 
 void Card::reset() {
+    std::uint32_t& ignored = m_state.faults.resetsIgnored;
+    if (ignored == 0) return restart();
+    if (ignored != kForGood) --ignored;
+}
+
+void Card::restart() {
     m_state.registers.heldInReset = false;
     m_state.registers.stored[card_reg::kReset] = 0;
     registers::forgetSwitches(m_state);
@@ -81,17 +102,29 @@ bool Card::read(std::uint64_t byteAddress, std::uint32_t bitOffset, std::uint32_
 }
 
 bool Card::advance(const CardTime& now) {
+    if (m_state.faults.stopped) return false;
     moveClock(m_state, now);
     return m_state.clockNs >= m_state.nextDueNs && runDue();
 }
 
 bool Card::runDue() {
     CardState& s = m_state;
-    s.nextDueNs = kNever;  // each step below may ask for an earlier moment
-    if (s.registers.heldInReset) return false;
-    static_data::advance(s);
-    contract_map::advance(s);
-    return feed::advance(s);
+    const bool last = s.clockNs >= s.faults.stopNs;
+    if (last) s.clockNs = s.faults.stopNs;
+    s.nextDueNs = s.faults.stopNs;  // each step below may ask for an earlier moment
+    bool more = false;
+    if (!s.registers.heldInReset) {
+        static_data::advance(s);
+        contract_map::advance(s);
+        more = feed::advance(s);
+    }
+    s.faults.stopped |= last;
+    return more;
+}
+
+void Card::stopAfterMs(std::uint32_t ms) {
+    m_state.faults.stopNs = ms != 0 ? m_state.clockNs + nsFromMs(ms) : kNever;
+    wakeAt(m_state, m_state.faults.stopNs);
 }
 
 void Card::repair() {
@@ -101,7 +134,7 @@ void Card::repair() {
 
 bool Card::openUp(std::uint32_t channel) {
     UpStreamState& stream = m_state.up[channel];
-    if (stream.open) return false;
+    if (stream.open || (m_state.faults.heldUp >> channel & 1) != 0) return false;
     stream.open = true;
     contract_map::refresh(m_state);
     return true;
@@ -117,16 +150,7 @@ void Card::closeUp(std::uint32_t channel) {
 
 bool Card::push(std::uint32_t channel, const void* data, std::uint32_t size) {
     if (size > m_state.config.mtu) return false;
-    UpStreamState& stream = m_state.up[channel];
-    unsigned char* room = ring::reserve(stream.ring, size);
-    if (room == nullptr) {
-        ++stream.backPressure;
-        return false;
-    }
-    if (size > 0) std::memcpy(room, data, size);
-    ring::commit(stream.ring, size);
-    ++stream.packets;
-    return true;
+    return put(m_state.up[channel], data, size);
 }
 
 bool Card::openDown(std::uint32_t channel) {
@@ -139,7 +163,7 @@ bool Card::openDown(std::uint32_t channel) {
 bool Card::send(std::uint32_t channel, std::uint32_t size) {
     DownStreamState& stream = m_state.down[channel];
     if (stream.busySends > 0) {
-        if (stream.busySends != kSendsForGood) --stream.busySends;
+        if (stream.busySends != kForGood) --stream.busySends;
         return false;
     }
     ++stream.packets;

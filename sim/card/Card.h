@@ -24,6 +24,7 @@ public:
     ///         instruments share a row, or there are more than the tables hold.
     bool replaceInstruments(const Instrument* instruments, std::size_t count);
     /// What a reset of the root core does: instruments, masks and switches are forgotten; learning starts again.
+    /// A card that ignores its reset (FaultState::resetsIgnored) does nothing instead.
     void reset();
 
     /// One access of a field of @p bitWidth bits (8, 16 ... 64) at @p byteAddress, @p bitOffset bits further.
@@ -40,7 +41,7 @@ public:
     void repair();
 
     /// A stream that is not open receives nothing and counts nothing.
-    /// @return false when the stream is open already.
+    /// @return false when the stream is open already, or held by somebody else (FaultState::heldUp).
     bool openUp(std::uint32_t channel);
     /// Forgets what was not read, and the counters.
     void closeUp(std::uint32_t channel);
@@ -58,10 +59,17 @@ public:
     /// Stops and starts all that the card sends by itself: quotes and contract-map packets.
     void pauseFeed(bool paused);
 
+    /// Stops the card: its clock and counters stand, its streams stay silent, until it goes on or is switched off.
+    /// Registers and tables still answer, as those of a card whose decoding hangs do.
+    void stop(bool stopped) { m_state.faults.stopped = stopped; }
+    /// Stops it @p ms milliseconds of its own time from now; 0 = never.
+    void stopAfterMs(std::uint32_t ms);
+
     CardState& state() { return m_state; }
     const CardState& state() const { return m_state; }
 
 private:
+    void restart();
     bool runDue();
 
     CardState& m_state;

@@ -11,8 +11,9 @@ inline constexpr std::uint32_t kMinMtu = 512;  // the largest quote, or a contra
 inline constexpr std::uint32_t kMaxMtu = 65536;
 inline constexpr std::uint32_t kMaxQuotesPerSecond = 100'000'000;
 inline constexpr std::uint32_t kMaxMilliseconds = 3'600'000;
+inline constexpr std::uint32_t kMaxBurstFactor = 100;
 inline constexpr std::uint32_t kMaxPace = 1000;
-inline constexpr std::uint32_t kAsFastAsTaken = 0;  // pace: a quote for every room in the rings
+inline constexpr std::uint32_t kPaceOfReaders = 0;
 
 /// Which instruments the card finds in its static data.
 enum class InstrumentChoice : std::uint32_t {
@@ -36,8 +37,15 @@ struct CardConfig {
     std::uint32_t fibreStatus = 15;
     std::int32_t clockOffsetSeconds = 0;        // exchange time minus the host's local time
     InstrumentChoice instruments = InstrumentChoice::kDefault;
-    std::uint32_t pace = 1;                     // times real time, or kAsFastAsTaken; exchange time is always the host's
     std::uint32_t listDate = 0;                 // YYYYMMDD the built-in lists are made for; 0 = the day of power-on
+    std::uint32_t quotesPerInstrument = 0;      // a second, for each that has a mask, up to quotesPerSecond; 0 = no limit
+    std::uint32_t burstEveryMs = 0;             // a burst begins with the first quote and then this often; 0 = none
+    std::uint32_t burstMs = 0;                  // how long it takes for the rate to fall back to the usual one
+    std::uint32_t burstFactor = 1;              // times the usual rate at its start
+    std::uint32_t pace = 1;                     // the card's time runs so many times as fast; kPaceOfReaders: and
+                                                // a quote is there whenever those that want it have room
+    std::uint32_t initialDate = 0;              // YYYYMMDD in the date register at power-on
+    std::uint32_t initialSwitch = 0;            // decode switch at power-on
 };
 
 /// False when a value is out of its range, or when the ring is too small to hold two packets of MTU size.

@@ -6,6 +6,7 @@
 #include "DrvEnyx/CardRegisters.h"
 #include "card/CardConfig.h"
 #include "card/CardTime.h"
+#include "card/PacketFault.h"
 #include "card/StreamRing.h"
 
 namespace vexo_sim {
@@ -15,7 +16,7 @@ inline constexpr std::uint32_t kMaxInstruments = kTables * card_reg::kRows;
 inline constexpr std::uint32_t kIdCapacity = 32;          // characters, terminating zero included
 inline constexpr std::uint16_t kNoInstrument = 0xFFFF;
 inline constexpr std::uint64_t kNever = ~std::uint64_t{0};
-inline constexpr std::uint32_t kSendsForGood = ~std::uint32_t{0};
+inline constexpr std::uint32_t kForGood = ~std::uint32_t{0};
 
 /// One line of the static data: which row of which table the exchange's instrument has on this card.
 struct Instrument {
@@ -76,7 +77,9 @@ struct FeedState {
     bool paused;            // by the card's owner: neither quotes nor contract-map packets
     std::uint64_t random;
     std::uint64_t lastNs;
+    std::uint64_t startNs;  // when it last became active: bursts are counted from here
     std::uint64_t credit;   // packets owed, in 1/10^9
+    std::uint32_t rate;     // quotes a second outside a burst, as the credit is counted
     std::uint32_t cursor;
     std::uint32_t pass;
     std::uint32_t subscribedCount;
@@ -102,7 +105,28 @@ struct DownStreamState {
     bool open;
     std::uint64_t packets;
     std::uint64_t bytes;
-    std::uint32_t busySends;  // that many sends still find the stream busy; kSendsForGood = all
+    std::uint32_t busySends;  // that many sends still find the stream busy; kForGood = all
+};
+
+/// How the static-data parser's counters behave.
+enum class CounterMode : std::uint32_t {
+    kTrue = 0,
+    kFrozen = 1,   // they stand still, whatever is learned or forgotten
+    kRunning = 2,  // they never stand still: each gains one a millisecond
+};
+
+/// What is wrong with the card beyond its configuration. Forgotten at power-on.
+struct FaultState {
+    bool armed;                 // packets need a look: there are rules, or a number of packets to stop after
+    bool stopped;               // its clock stands and nothing leaves it; registers still answer
+    CounterMode counters;
+    std::uint32_t heldUp;       // bit n = card-to-host stream n is taken by somebody else
+    std::uint32_t resetsIgnored;  // that many resets of the root core do nothing; kForGood = all
+    std::uint64_t packetsLeft;  // until the card stops, or kNever
+    std::uint64_t stopNs;       // when it stops, on its own clock, or kNever
+    std::uint64_t random;       // of its own: rules that leave a packet alone do not change the prices
+    std::uint32_t count;
+    PacketFaultState rules[kPacketFaults];
 };
 
 /// All of a card. No pointer and no resource inside: zero bytes are a valid card that is switched off, so the
@@ -115,6 +139,7 @@ struct CardState {
     RegisterState registers;
     TableState tables[kTables];
     ParserState parser;
+    FaultState faults;
     MapState map;
     FeedState feed;
     DownStreamState down[kStreams];

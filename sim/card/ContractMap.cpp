@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "card/PacketFaults.h"
 #include "card/Schedule.h"
+#include "card/UpStream.h"
 #include "enyx-sim/md_payload.h"
 
 namespace vexo_sim::contract_map {
@@ -62,6 +64,15 @@ std::uint32_t fillPacket(CardState& s, unsigned char* packet) {
     return length;
 }
 
+// The packet lies in the ring already, not yet committed.
+[[gnu::noinline, gnu::cold]] void commitSpoiled(CardState& s, unsigned char* packet, std::uint32_t length) {
+    const packet_faults::Verdict verdict = packet_faults::spoil(s, 0, kMapPackets, packet, length);
+    if (verdict.copies == 0) return;
+    ring::commit(s.up[0].ring, verdict.size);
+    ++s.up[0].packets;
+    for (std::uint32_t n = 1; n < verdict.copies; ++n) put(s.up[0], packet, verdict.size);
+}
+
 bool sendPacket(CardState& s) {
     UpStreamState& stream = s.up[0];
     unsigned char* packet = ring::reserve(stream.ring, s.config.mtu);
@@ -69,6 +80,10 @@ bool sendPacket(CardState& s) {
     const std::uint32_t length = fillPacket(s, packet);
     const enyx_sim::PacketHead head{kPacketType, length, ++stream.headSequence};
     std::memcpy(packet, &head, sizeof head);
+    if (packet_faults::armed(s)) {
+        commitSpoiled(s, packet, length);
+        return true;
+    }
     ring::commit(stream.ring, length);
     ++stream.packets;
     return true;

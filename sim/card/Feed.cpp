@@ -4,9 +4,11 @@
 #include <cstring>
 #include <iterator>
 
+#include "card/PacketFaults.h"
 #include "card/PriceModel.h"
 #include "card/Registers.h"
 #include "card/Schedule.h"
+#include "card/UpStream.h"
 #include "enyx-sim/md_payload.h"
 
 namespace vexo_sim::feed {
@@ -69,7 +71,7 @@ void fillCommon(const CardState& s, std::uint16_t number, std::uint32_t level, e
     quote.instrumentIndex = instrument.row;
     quote.table = instrument.table;
     quote.level = static_cast<std::uint8_t>(level);
-    quote.exchangeDate = s.now.date;
+    quote.exchangeDate = registers::exchangeDate(s);
     quote.exchangeTime = registers::exchangeTime(s);
     quote.exchangeMillis = s.now.millis;
     quote.lastPrice = prices.last;
@@ -101,19 +103,23 @@ void fillBook(const BookEdge& edge, std::int64_t tick, enyx_sim::Level5Quote& qu
     }
 }
 
+// A copy is spoiled: the quote goes to other streams too.
+[[gnu::noinline, gnu::cold]] void deliverSpoiled(CardState& s, std::uint32_t channel, const void* packet,
+                                                 std::uint32_t size) {
+    unsigned char copy[sizeof(Packet<enyx_sim::Level5Quote>)];
+    std::memcpy(copy, packet, size);
+    const packet_faults::Verdict verdict = packet_faults::spoil(s, channel, kQuotePackets, copy, size);
+    for (std::uint32_t n = 0; n < verdict.copies; ++n) put(s.up[channel], copy, verdict.size);
+}
+
 // The numbers of a quote that is lost are used up: its reader sees the gap.
 template <typename Quote>
-void deliver(UpStreamState& stream, Packet<Quote>& packet) {
+void deliver(CardState& s, std::uint32_t channel, Packet<Quote>& packet) {
+    UpStreamState& stream = s.up[channel];
     packet.head.sequence = ++stream.headSequence;
     packet.quote.common.sequence = ++stream.quoteSequence;
-    unsigned char* room = ring::reserve(stream.ring, sizeof packet);
-    if (room == nullptr) {
-        ++stream.backPressure;
-        return;
-    }
-    std::memcpy(room, &packet, sizeof packet);
-    ring::commit(stream.ring, sizeof packet);
-    ++stream.packets;
+    if (packet_faults::armed(s)) return deliverSpoiled(s, channel, &packet, sizeof packet);
+    put(stream, &packet, sizeof packet);
 }
 
 template <typename Quote>
@@ -126,7 +132,7 @@ void quote(CardState& s, std::uint16_t number, std::uint32_t level, std::uint32_
     fillCommon(s, number, level, packet.quote.common);
     fillBook(edge, prices.tick, packet.quote);
     for (std::uint32_t channel = 0; targets != 0; ++channel, targets >>= 1)
-        if ((targets & 1) != 0) deliver(s.up[channel], packet);
+        if ((targets & 1) != 0) deliver(s, channel, packet);
 }
 
 std::uint32_t openStreams(const CardState& s) {
@@ -136,40 +142,69 @@ std::uint32_t openStreams(const CardState& s) {
     return open;
 }
 
-void quoteNext(CardState& s, std::uint32_t open) {
+bool haveRoom(CardState& s, std::uint32_t targets) {
+    for (std::uint32_t channel = 0; targets != 0; ++channel, targets >>= 1)
+        if ((targets & 1) != 0 && ring::reserve(s.up[channel].ring, sizeof(Packet<enyx_sim::Level5Quote>)) == nullptr)
+            return false;
+    return true;
+}
+
+// False when the readers set the pace and one of those that the quote is for has no room: it waits.
+bool quoteNext(CardState& s, std::uint32_t open) {
     const std::uint16_t number = nextInstrument(s.feed);
-    const std::uint32_t level = nextLevel(s);
-    ++s.feed.cursor;
     const Instrument& instrument = s.parser.instruments[number];
     const std::uint32_t targets = s.tables[instrument.table].words[instrument.row][card_reg::kMaskWord] & open;
-    if (targets == 0) return;
+    if (s.config.pace == kPaceOfReaders && !haveRoom(s, targets)) return false;
+    const std::uint32_t level = nextLevel(s);
+    ++s.feed.cursor;
+    if (targets == 0) return true;
     if (level == 1) quote<enyx_sim::Level1Quote>(s, number, level, targets);
     if (level == 5) quote<enyx_sim::Level5Quote>(s, number, level, targets);
+    return true;
+}
+
+std::uint32_t usualRate(const CardState& s) {
+    const std::uint64_t each = s.config.quotesPerInstrument;
+    if (each == 0) return s.config.quotesPerSecond;
+    return static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(s.config.quotesPerSecond, each * s.feed.subscribedCount));
+}
+
+// How much of the bursts' height lies in the first @p ns nanoseconds of the feed, as nanoseconds at full height: each
+// falls in a straight line from its full height to nothing.
+std::uint64_t burstNs(const CardConfig& config, std::uint64_t ns) {
+    const std::uint64_t lengthUs = std::uint64_t{config.burstMs} * 1000;
+    const std::uint64_t everyUs = std::uint64_t{config.burstEveryMs} * 1000;
+    const std::uint64_t us = ns / 1000;
+    const std::uint64_t leftUs = lengthUs - std::min(us % everyUs, lengthUs);
+    return us / everyUs * (lengthUs * 500) + (lengthUs - leftUs * leftUs / lengthUs) * 500;
 }
 
 // Quotes owed since the last look. A pause of more than a second is not made up for.
-std::uint64_t takeDue(CardState& s) {
+void collectCredit(CardState& s) {
     FeedState& feed = s.feed;
-    const std::uint64_t elapsed = std::min(s.clockNs - feed.lastNs, kLongestGapNs);
+    const std::uint64_t from = std::max(feed.lastNs, s.clockNs - std::min(s.clockNs, kLongestGapNs));
+    std::uint64_t weighted = s.clockNs - from;
+    if (s.config.burstEveryMs != 0)
+        weighted += (burstNs(s.config, s.clockNs - feed.startNs) - burstNs(s.config, from - feed.startNs)) *
+                    (s.config.burstFactor - 1);
     feed.lastNs = s.clockNs;
-    feed.credit += elapsed * s.config.quotesPerSecond;
-    const std::uint64_t due = feed.credit / kCreditPerPacket;
-    feed.credit %= kCreditPerPacket;
+    feed.credit += weighted * feed.rate;
+}
+
+std::uint64_t takeDue(CardState& s) {
+    collectCredit(s);
+    const std::uint64_t due = s.feed.credit / kCreditPerPacket;
+    s.feed.credit %= kCreditPerPacket;
+    if (s.config.pace == kPaceOfReaders) return kMostPerAdvance;
     return std::min<std::uint64_t>(due, kMostPerAdvance);
 }
 
-// How many quotes the fullest of the open streams still takes.
-std::uint64_t roomInAll(CardState& s, std::uint32_t open) {
-    std::uint64_t quotes = open != 0 ? kMostPerAdvance : 0;
-    for (std::uint32_t channel = 0; channel < kStreams; ++channel)
-        if ((open >> channel & 1) != 0)
-            quotes = std::min(quotes, ring::roomFor(s.up[channel].ring, sizeof(Packet<enyx_sim::Level5Quote>)));
-    return quotes;
-}
-
+// Not later than the next quote; inside and before a burst it may be earlier.
 std::uint64_t nextQuoteNs(const CardState& s) {
-    const std::uint64_t rate = s.config.quotesPerSecond;
-    return s.clockNs + (kCreditPerPacket - s.feed.credit + rate - 1) / rate;
+    if (s.config.pace == kPaceOfReaders || s.feed.credit >= kCreditPerPacket) return s.clockNs;
+    const std::uint64_t most = std::uint64_t{s.feed.rate} * (s.config.burstEveryMs != 0 ? s.config.burstFactor : 1);
+    return s.clockNs + (kCreditPerPacket - s.feed.credit + most - 1) / most;
 }
 
 }  // namespace
@@ -177,18 +212,23 @@ std::uint64_t nextQuoteNs(const CardState& s) {
 void powerOn(CardState& s) {
     s.feed.active = s.feed.paused = false;
     s.feed.random = s.config.seed * 0x9E3779B97F4A7C15U + 0x2545F4914F6CDD1DU;
-    s.feed.cursor = s.feed.pass = 0;
+    s.feed.cursor = s.feed.pass = s.feed.rate = 0;
     forgetInstruments(s);
 }
 
 void refresh(CardState& s) {
     const bool active = mayQuote(s);
-    if (active && !s.feed.active) {
-        s.feed.lastNs = s.clockNs;
+    if (!active || !s.feed.active) {
+        s.feed.startNs = s.feed.lastNs = s.clockNs;
         s.feed.credit = 0;
-        wakeAt(s, nextQuoteNs(s));
+        s.feed.rate = 0;
     }
     s.feed.active = active;
+    if (active && s.feed.rate != usualRate(s)) {
+        collectCredit(s);
+        s.feed.rate = usualRate(s);
+        wakeAt(s, nextQuoteNs(s));
+    }
 }
 
 void forgetInstruments(CardState& s) {
@@ -214,11 +254,10 @@ void maskChanged(CardState& s, std::uint32_t table, std::uint32_t row) {
 bool advance(CardState& s) {
     if (!s.feed.active) return false;
     const std::uint32_t open = openStreams(s);
-    const bool unpaced = s.config.pace == kAsFastAsTaken;
-    const std::uint64_t due = unpaced ? roomInAll(s, open) : takeDue(s);
-    for (std::uint64_t n = 0; n < due; ++n) quoteNext(s, open);
-    wakeAt(s, unpaced ? s.clockNs : nextQuoteNs(s));
-    return unpaced && due > 0;
+    std::uint64_t sent = 0;
+    for (const std::uint64_t due = takeDue(s); sent < due && quoteNext(s, open);) ++sent;
+    wakeAt(s, nextQuoteNs(s));
+    return s.config.pace == kPaceOfReaders && sent > 0;
 }
 
 }  // namespace vexo_sim::feed

@@ -15,9 +15,8 @@ void forgetInstruments(CardState& s);
 void instrumentLearned(CardState& s, std::uint32_t number);
 void maskChanged(CardState& s, std::uint32_t table, std::uint32_t row);
 
-/// Sends the quotes that are due; those that a long pause left over are never sent. As fast as they are taken: one
-/// for every room that all open streams have.
-/// @return true when quotes went out for which room, not time, was the reason.
+/// Sends the quotes that are due; those that a long pause left over are never sent.
+/// @return true when the readers set the pace and quotes went out: there may be room for more.
 bool advance(CardState& s);
 
 }  // namespace vexo_sim::feed

@@ -74,12 +74,40 @@ bool lags(const CardState& s, std::uint32_t feed) {
     return slot == (feed == 0 ? 3 : 6);
 }
 
+constexpr std::int64_t kSecondsOfDay = 86400;
+
+// Second of the exchange's time, counted from the beginning of the local day: negative for yesterday.
+std::int64_t exchangeSeconds(const CardState& s) {
+    const std::uint32_t time = s.now.time;
+    return std::int64_t{time / 10000 * 3600 + time / 100 % 100 * 60 + time % 100} + s.config.clockOffsetSeconds;
+}
+
 // Second of the exchange's day.
 std::int32_t exchangeSecond(const CardState& s) {
-    constexpr std::int32_t kDay = 86400;
-    const std::uint32_t time = s.now.time;
-    const std::int32_t local = static_cast<std::int32_t>(time / 10000 * 3600 + time / 100 % 100 * 60 + time % 100);
-    return ((local + s.config.clockOffsetSeconds % kDay) % kDay + kDay) % kDay;
+    return static_cast<std::int32_t>((exchangeSeconds(s) % kSecondsOfDay + kSecondsOfDay) % kSecondsOfDay);
+}
+
+// Days of the Gregorian calendar from the first of March of the year 0, which puts the leap day at a year's end.
+std::int64_t dayNumber(std::int64_t date) {
+    const std::int64_t month = (date / 100 % 100 + 9) % 12;
+    const std::int64_t year = date / 10000 - month / 10;
+    return year * 365 + year / 4 - year / 100 + year / 400 + (month * 306 + 5) / 10 + date % 100 - 1;
+}
+
+std::int64_t dateOf(std::int64_t day) {
+    std::int64_t year = (day * 10000 + 14780) / 3652425;
+    const auto firstOf = [](std::int64_t y) { return y * 365 + y / 4 - y / 100 + y / 400; };
+    if (day < firstOf(year)) --year;
+    const std::int64_t rest = day - firstOf(year);
+    const std::int64_t month = (rest * 100 + 52) / 3060;
+    year += (month + 2) / 12;
+    return year * 10000 + ((month + 2) % 12 + 1) * 100 + rest - (month * 306 + 5) / 10 + 1;
+}
+
+std::uint32_t parserCounter(const CardState& s, std::uint32_t counter) {
+    constexpr std::uint64_t kMillisecond = 1'000'000;
+    const bool running = s.faults.counters == CounterMode::kRunning;
+    return s.parser.counters[counter] + (running ? static_cast<std::uint32_t>(s.clockNs / kMillisecond) : 0);
 }
 
 std::uint32_t decimalTime(std::int32_t second) {
@@ -158,7 +186,7 @@ std::uint32_t peek(const CardState& s, std::uint32_t word) {
     if (word == card_reg::kVerdictOrFibre) return s.registers.verdictPending ? s.config.verdict : s.config.fibreStatus;
     if (word == card_reg::kExchangeTimeA) return feedTime(s, 0);
     if (word == card_reg::kExchangeTimeB) return feedTime(s, 1);
-    if (const std::uint32_t counter = counterAt(word); counter != kNoRegister) return s.parser.counters[counter];
+    if (const std::uint32_t counter = counterAt(word); counter != kNoRegister) return parserCounter(s, counter);
     const std::uint32_t table = tableAt(word);
     if (table == kNoRegister) return 0;
     const TableState& t = s.tables[table];
@@ -199,6 +227,13 @@ void forgetSwitches(CardState& s) {
     s.registers.stored[card_reg::kMapTransmit] = 0;
     feed::refresh(s);
     contract_map::refresh(s);
+}
+
+std::uint32_t exchangeDate(const CardState& s) {
+    const std::int64_t seconds = exchangeSeconds(s);
+    if (seconds >= 0 && seconds < kSecondsOfDay) return s.now.date;
+    const std::int64_t days = (seconds - (kSecondsOfDay - 1) * (seconds < 0)) / kSecondsOfDay;
+    return static_cast<std::uint32_t>(dateOf(dayNumber(s.now.date) + days));
 }
 
 std::uint32_t exchangeTime(const CardState& s) { return decimalTime(exchangeSecond(s)); }

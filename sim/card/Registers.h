@@ -28,7 +28,8 @@ bool poke(CardState& s, std::uint32_t word, std::uint32_t value);
 /// The part of a reset that concerns registers: decode switch and contract-map transmission go off.
 void forgetSwitches(CardState& s);
 
-/// The exchange's time of day HHMMSS, as quotes carry it.
+/// The exchange's date YYYYMMDD and time of day HHMMSS, as quotes carry them.
+std::uint32_t exchangeDate(const CardState& s);
 std::uint32_t exchangeTime(const CardState& s);
 /// The same as feed 0 (register 0x104) or 1 (0x105) shows it.
 std::uint32_t feedTime(const CardState& s, std::uint32_t feed);

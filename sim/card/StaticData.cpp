@@ -27,7 +27,7 @@ void learnOne(CardState& s) {
     TableState& table = s.tables[instrument.table];
     table.instrumentOfRow[instrument.row] = static_cast<std::uint16_t>(number);
     tables::storeId(table, instrument.row, instrument.id);
-    count(parser, instrument);
+    if (s.faults.counters != CounterMode::kFrozen) count(parser, instrument);
     feed::instrumentLearned(s, number);
 }
 
@@ -79,7 +79,8 @@ void forget(CardState& s) {
     }
     s.parser.learned = 0;
     s.parser.nextRoundNs = kNever;
-    std::fill(std::begin(s.parser.counters), std::end(s.parser.counters), 0U);
+    if (s.faults.counters != CounterMode::kFrozen)
+        std::fill(std::begin(s.parser.counters), std::end(s.parser.counters), 0U);
     feed::forgetInstruments(s);
     contract_map::refresh(s);
 }

@@ -49,13 +49,6 @@ unsigned char* reserve(RingState& ring, std::uint32_t size) {
     return ring.bytes + offsetOf(ring, start) + kPrefix;
 }
 
-std::uint64_t roomFor(RingState& ring, std::uint32_t size) {
-    ring.tailSeen = ring.tail.load(std::memory_order_acquire);
-    const std::uint64_t used = ring.head.load(std::memory_order_relaxed) - ring.tailSeen;
-    const std::uint64_t packets = (ring.capacity - used) / footprint(size);
-    return packets > 0 ? packets - 1 : 0;  // one is lost where the ring wraps
-}
-
 void commit(RingState& ring, std::uint32_t size) {
     storeSize(ring, ring.reserved, size);
     ring.head.store(ring.reserved + footprint(size), std::memory_order_release);

@@ -35,8 +35,6 @@ void init(RingState& ring, std::uint32_t capacityBytes);
 
 /// Room for a packet of up to @p size bytes, or null when the ring is too full. Nothing is visible before commit().
 unsigned char* reserve(RingState& ring, std::uint32_t size);
-/// How many packets of that size fit for sure, wherever the write position stands. For the producer.
-std::uint64_t roomFor(RingState& ring, std::uint32_t size);
 /// Publishes the reserved packet with the @p size really used.
 void commit(RingState& ring, std::uint32_t size);
 

@@ -78,10 +78,10 @@ void CardHost::describe(const Plan& plan) {
 void CardHost::powerOn(const Plan& plan) { Card(m_block->state).powerOn(plan.config, m_clock.now()); }
 
 // A reader that died leaves its stream open: the card would go on filling it, and at the readers' pace wait for it.
-void CardHost::closeOrphans() {
+void CardHost::closeOrphans(std::uint64_t nowNs) {
+    if (nowNs < m_nextOrphanCheckNs) return;
+    m_nextOrphanCheckNs = nowNs + kOrphanCheckNs;
     Card card(m_block->state);
-    if (card.state().now.monotonicNs < m_nextOrphanCheckNs) return;
-    m_nextOrphanCheckNs = card.state().now.monotonicNs + kOrphanCheckNs;
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) {
         if (card.state().up[channel].open && !m_file.holderOf({CardPart::kUp, channel})) card.closeUp(channel);
         if (card.state().down[channel].open && !m_file.holderOf({CardPart::kDown, channel})) card.closeDown(channel);
@@ -90,8 +90,9 @@ void CardHost::closeOrphans() {
 
 std::uint64_t CardHost::turn() {
     const BlockLock lock(*m_block);
-    const bool again = Card(m_block->state).advance(m_clock.now());
-    closeOrphans();
+    const CardTime now = m_clock.now();
+    const bool again = Card(m_block->state).advance(now);
+    closeOrphans(now.monotonicNs);
     return rest(again);
 }
 
@@ -100,6 +101,7 @@ std::uint64_t CardHost::rest(bool again) {
     if (std::exchange(m_knocks, knocks) != knocks) return kStandBackNs;
     if (again) return 0;
     const CardState& s = m_block->state;
+    if (s.faults.stopped) return kLongestRestNs;
     const std::uint64_t pace = std::max(s.config.pace, std::uint32_t{1});
     const std::uint64_t wait = s.nextDueNs > s.clockNs ? (s.nextDueNs - s.clockNs) / pace : 0;
     return std::clamp(wait, kShortestRestNs, kLongestRestNs);

@@ -41,7 +41,7 @@ private:
 
     void describe(const Plan& plan);
     void powerOn(const Plan& plan);
-    void closeOrphans();
+    void closeOrphans(std::uint64_t nowNs);
     std::uint64_t rest(bool again);
 
     CardFile m_file;

@@ -119,13 +119,13 @@ std::string toText(const CardStatus& status) {
 }
 
 std::string paceName(std::uint32_t pace) {
-    if (pace == kAsFastAsTaken) return "max";
+    if (pace == kPaceOfReaders) return "max";
     return pace == 1 ? "real" : "x" + std::to_string(pace);
 }
 
 std::optional<std::uint32_t> parsePace(const std::string& text) {
     if (text == "real") return 1;
-    if (text == "max") return kAsFastAsTaken;
+    if (text == "max") return kPaceOfReaders;
     unsigned times = 0;
     char rest = 0;
     if (std::sscanf(text.c_str(), "x%4u%c", &times, &rest) != 1 || times < 1 || times > kMaxPace) return std::nullopt;

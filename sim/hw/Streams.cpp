@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <optional>
+#include <string>
 
 #include "hw/Cards.h"
 #include "hw/Hooks.h"
@@ -57,7 +58,9 @@ bool take(HwCard& card, std::uint32_t channel) {
     CardAccess access(card);
     // A hosted stream that nobody owned may still be as its last owner left it, who died.
     if (card.hosted != nullptr) Direction::close(*access, channel);
-    return Direction::open(*access, channel);
+    if (Direction::open(*access, channel)) return true;
+    if (card.hosted != nullptr) card.hosted->release({Direction::kPart, channel});
+    return false;
 }
 
 // A child of the process that opened a stream may destroy its handle: the stream is the parent's.
@@ -68,11 +71,19 @@ void giveBack(HwCard& card, std::uint32_t channel) {
     if (card.hosted != nullptr) card.hosted->release({Direction::kPart, channel});
 }
 
+std::string holderOf(const HwCard& card, CardPart stream) {
+    const bool byScenario = stream.kind == CardPart::kUp && (card.block->state.faults.heldUp >> stream.channel & 1) != 0;
+    if (byScenario)
+        return toText(describeProcess(card.hosted != nullptr ? card.block->host.pid : getpid())) +
+               ", as its scenario says";
+    if (card.hosted == nullptr) return toText(describeProcess(getpid()));
+    const std::optional<Holder> holder = card.hosted->holderOf(stream);
+    return holder ? toText(*holder) : "a process that has just ended";
+}
+
 void tellHolder(const HwCard& card, CardPart stream) {
-    const std::optional<Holder> holder =
-        card.hosted != nullptr ? card.hosted->holderOf(stream) : describeProcess(getpid());
     std::fprintf(stderr, "libenyx-hw-c: stream CUSTOM_CHAN%u_DATA of the simulated card at bus %u is held by %s.\n",
-                 stream.channel, card.index, holder ? toText(*holder).c_str() : "a process that has just ended");
+                 stream.channel, card.index, holderOf(card, stream).c_str());
 }
 
 template <typename Direction>

@@ -83,9 +83,9 @@ TEST_F(Streams, ABusyStreamTakesNothingForThatManySends) {
 }
 
 TEST_F(Streams, AStreamBusyForGoodStaysBusy) {
-    card.state().down[1].busySends = kSendsForGood;
+    card.state().down[1].busySends = kForGood;
     for (int n = 0; n < 1000; ++n) ASSERT_FALSE(card.send(1, 1));
-    EXPECT_EQ(card.state().down[1].busySends, kSendsForGood);
+    EXPECT_EQ(card.state().down[1].busySends, kForGood);
 }
 
 TEST(CardConfigs, OutOfRangeAreRefused) {
