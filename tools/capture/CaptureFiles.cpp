@@ -1,0 +1,182 @@
+#include "capture/CaptureFiles.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace capture {
+namespace {
+
+constexpr std::size_t kFlushBytes = 256 * 1024;
+constexpr unsigned kMaxNames = 1'000'000;
+constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 belong to the program, also when it has closed them
+
+int aboveStandardDescriptors(int fd) {
+    if (fd < 0 || fd >= kFirstFreeDescriptor) return fd;
+    const int other = ::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
+    ::close(fd);
+    return other;
+}
+
+}  // namespace
+
+CaptureFiles::~CaptureFiles() {
+    if (isOpen()) ::close(m_fd);
+}
+
+std::uint32_t CaptureFiles::addInterface(const InterfaceInfo& info, std::uint64_t startNs) {
+    m_interfaces.push_back({info, startNs});
+    if (isOpen()) {
+        appendInterface(m_buffer, info);
+    } else {
+        openNext();  // the first interface opens the first file; later ones try again when the disk failed
+    }
+    return static_cast<std::uint32_t>(m_interfaces.size() - 1);
+}
+
+void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size) {
+    if (isOpen() && wouldGrowTooBig(size)) {
+        close(timeNs);
+        openNext();
+    }
+    Known& known = m_interfaces[interface];
+    if (!isOpen()) {
+        ++known.lost;
+        return;
+    }
+    appendPacket(m_buffer, interface, timeNs, data, size);
+    ++known.buffered;
+    ++m_filePackets;
+    if (m_buffer.size() >= kFlushBytes) flush();
+}
+
+// A file that has no packet yet takes one of any size: otherwise none would ever be written.
+bool CaptureFiles::wouldGrowTooBig(std::uint32_t size) const {
+    if (m_settings.rotateBytes == 0) return false;
+    const std::uint64_t tail = std::uint64_t{statisticsBlockBytes()} * m_interfaces.size();
+    return m_filePackets > 0 && m_fileBytes + m_buffer.size() + packetBlockBytes(size) + tail > m_settings.rotateBytes;
+}
+
+std::string CaptureFiles::nameOf(unsigned number) const {
+    if (number == 0) return m_settings.path;
+    const std::size_t slash = m_settings.path.rfind('/');
+    const std::size_t dot = m_settings.path.rfind('.');
+    const bool hasExtension = dot != std::string::npos && (slash == std::string::npos || dot > slash + 1) && dot > 0;
+    const std::size_t end = hasExtension ? dot : m_settings.path.size();
+    return m_settings.path.substr(0, end) + "." + std::to_string(number) + m_settings.path.substr(end);
+}
+
+int CaptureFiles::createFile(std::string& name) {
+    int fd = -1;
+    errno = EEXIST;
+    while (fd < 0 && errno == EEXIST && m_nextNumber < kMaxNames) {
+        name = nameOf(m_nextNumber);
+        fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd >= 0 || errno == EEXIST) ++m_nextNumber;
+    }
+    return aboveStandardDescriptors(fd);
+}
+
+void CaptureFiles::openNext() {
+    m_fd = createFile(m_name);
+    if (!isOpen()) {
+        reportOnce(m_openFailureReported, "cannot create " + m_name + ": " + std::strerror(errno));
+        return;
+    }
+    ++m_files;
+    m_fileBytes = m_filePackets = 0;
+    m_described = 0;
+    m_settings.report("writing " + m_name);
+    startBuffer();
+}
+
+// An empty buffer but for what packets need and the file does not have yet: its head, and interfaces.
+void CaptureFiles::startBuffer() {
+    m_buffer.clear();
+    if (m_fileBytes == 0) appendSection(m_buffer, m_settings.section);
+    for (std::size_t i = m_described; i < m_interfaces.size(); ++i) appendInterface(m_buffer, m_interfaces[i].info);
+}
+
+void CaptureFiles::appendCounts(std::uint64_t nowNs) {
+    for (std::uint32_t i = 0; i < m_interfaces.size(); ++i) {
+        const Known& known = m_interfaces[i];
+        appendStatistics(m_buffer, i, {known.startNs, nowNs, known.received + known.lost, known.lost});
+    }
+}
+
+void CaptureFiles::flush() {
+    if (!isOpen()) {
+        if (!m_interfaces.empty()) openNext();
+        return;
+    }
+    if (m_buffer.empty()) return;
+    const bool written = writeAll(m_buffer.data(), m_buffer.size());
+    if (written) {
+        m_fileBytes += m_buffer.size();
+        m_described = m_interfaces.size();
+    } else {
+        reportOnce(m_writeFailureReported, "cannot write " + m_name + ": " + std::strerror(errno) +
+                                               "; packets are lost, and counted");
+        cutUnwritten();
+    }
+    countBuffered(written);
+    startBuffer();
+}
+
+void CaptureFiles::countBuffered(bool written) {
+    for (Known& known : m_interfaces) {
+        (written ? known.received : known.lost) += known.buffered;
+        if (written) m_written += known.buffered;
+        known.buffered = 0;
+    }
+}
+
+bool CaptureFiles::writeAll(const unsigned char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t done = ::write(m_fd, data, size);
+        if (done < 0 && errno == EINTR) continue;
+        if (done < 0) return false;
+        data += done;
+        size -= static_cast<std::size_t>(done);
+    }
+    return true;
+}
+
+// Half a block must not stay in the file, or nothing behind it could be read.
+void CaptureFiles::cutUnwritten() {
+    const auto end = static_cast<off_t>(m_fileBytes);
+    if (::ftruncate(m_fd, end) == 0 && ::lseek(m_fd, end, SEEK_SET) == end) return;
+    ::close(m_fd);
+    m_fd = -1;
+}
+
+void CaptureFiles::close(std::uint64_t nowNs) {
+    flush();
+    if (isOpen()) {
+        appendCounts(nowNs);
+        flush();
+    }
+    if (isOpen() && ::close(m_fd) != 0) {  // a network file system may tell only now
+        reportOnce(m_writeFailureReported, "cannot write " + m_name + ": " + std::strerror(errno));
+    }
+    m_fd = -1;
+    m_lostBefore = lost();
+    for (Known& known : m_interfaces) {
+        known.startNs = nowNs;
+        known.received = known.lost = 0;
+    }
+}
+
+std::uint64_t CaptureFiles::lost() const {
+    std::uint64_t all = m_lostBefore;
+    for (const Known& known : m_interfaces) all += known.lost;
+    return all;
+}
+
+void CaptureFiles::reportOnce(bool& reported, const std::string& what) {
+    if (!reported) m_settings.report(what);
+    reported = true;
+}
+
+}  // namespace capture

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "capture/Blocks.h"
+
+namespace capture {
+
+/// Writes packets into capture files, one after another when a size is set: FILE.pcapng, FILE.1.pcapng, ... A file that
+/// exists is never touched: the next free name is taken. Nothing is ever thrown away in silence: a packet that could not
+/// be written is counted in the statistics of its interface, and the first failure of a kind is reported.
+///
+/// Each file stands for itself: it begins with all interfaces, and ends with the counts of the time that it covers.
+/// For one thread at a time.
+class CaptureFiles {
+public:
+    struct Settings {
+        std::string path;                              // of the first file
+        std::uint64_t rotateBytes = 0;                 // no file grows beyond it; 0 = one file of any size
+        SectionInfo section;
+        std::function<void(const std::string&)> report;  // told what a user should know, a line without its line feed
+    };
+
+    explicit CaptureFiles(Settings settings) : m_settings(std::move(settings)) {}
+    ~CaptureFiles();
+    CaptureFiles(const CaptureFiles&) = delete;
+    CaptureFiles& operator=(const CaptureFiles&) = delete;
+
+    /// @param startNs  from when on its packets are counted, nanoseconds since 1970
+    /// @return the number that packets of this interface are added with
+    std::uint32_t addInterface(const InterfaceInfo& info, std::uint64_t startNs);
+    void addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size);
+    /// Packets that were received but never came here.
+    void addLost(std::uint32_t interface, std::uint64_t packets) { m_interfaces[interface].lost += packets; }
+    /// Puts everything into the file, so that whoever reads it finds whole blocks.
+    void flush();
+    /// Ends the file with its counts. Nothing may be added afterwards.
+    void close(std::uint64_t nowNs);
+
+    /// Of all files: packets that are in them, and packets that were lost on the way.
+    std::uint64_t written() const { return m_written; }
+    std::uint64_t lost() const;
+    unsigned files() const { return m_files; }
+
+private:
+    struct Known {
+        InterfaceInfo info;
+        std::uint64_t startNs;       // of this file's counts
+        std::uint64_t received = 0;  // in this file, on disk
+        std::uint64_t buffered = 0;  // in this file, in m_buffer
+        std::uint64_t lost = 0;      // in the time of this file
+    };
+
+    bool isOpen() const { return m_fd >= 0; }
+    void openNext();
+    int createFile(std::string& name);
+    std::string nameOf(unsigned number) const;
+    bool wouldGrowTooBig(std::uint32_t size) const;
+    void startBuffer();
+    void appendCounts(std::uint64_t nowNs);
+    void countBuffered(bool written);
+    bool writeAll(const unsigned char* data, std::size_t size);
+    void cutUnwritten();
+    void reportOnce(bool& reported, const std::string& what);
+
+    Settings m_settings;
+    std::vector<Known> m_interfaces;
+    BlockBuffer m_buffer;
+    int m_fd = -1;
+    std::string m_name;             // of the open file
+    std::uint64_t m_fileBytes = 0;  // whole blocks on disk
+    std::uint64_t m_filePackets = 0;
+    std::size_t m_described = 0;    // interfaces that the file on disk has
+    unsigned m_nextNumber = 0;      // of the next name to try
+    unsigned m_files = 0;
+    std::uint64_t m_written = 0;
+    std::uint64_t m_lostBefore = 0;  // in the time of files that are closed
+    bool m_openFailureReported = false;
+    bool m_writeFailureReported = false;
+};
+
+}  // namespace capture
