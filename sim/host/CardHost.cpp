@@ -75,7 +75,10 @@ void CardHost::describe(const Plan& plan) {
     copyText(info.description, plan.description);
 }
 
-void CardHost::powerOn(const Plan& plan) { Card(m_block->state).powerOn(plan.config, m_clock.now()); }
+void CardHost::powerOn(const Plan& plan) {
+    Card(m_block->state).powerOn(plan.config, m_clock.now());
+    if (!plan.record.empty()) m_recorder = std::make_unique<Recorder>(plan.record, m_block->state);
+}
 
 // A reader that died leaves its stream open: the card would go on filling it, and at the readers' pace wait for it.
 void CardHost::closeOrphans(std::uint64_t nowNs) {
@@ -89,9 +92,11 @@ void CardHost::closeOrphans(std::uint64_t nowNs) {
 }
 
 std::uint64_t CardHost::turn() {
+    if (m_recorder != nullptr) m_recorder->flush();
     const BlockLock lock(*m_block);
     const CardTime now = m_clock.now();
     const bool again = Card(m_block->state).advance(now);
+    if (m_recorder != nullptr) m_recorder->collect(m_block->state);
     closeOrphans(now.monotonicNs);
     return rest(again);
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "host/Recorder.h"
 #include "hw/HostClock.h"
 #include "shm/CardFile.h"
 
@@ -22,6 +23,7 @@ public:
         std::optional<gid_t> group;    // whom the card is shared with, besides the host's own user
         std::string scenario;          // shown in the status
         std::string description;
+        std::string record;            // capture file of all that the card sends; empty for none
     };
 
     /// Switches a card on and offers it. Null, with the reason in @p error, when the bus has a host already or the
@@ -49,6 +51,7 @@ private:
     HostClock m_clock;
     std::uint64_t m_nextOrphanCheckNs = 0;
     std::uint64_t m_knocks = 0;
+    std::unique_ptr<Recorder> m_recorder;
 };
 
 }  // namespace vexo_sim

@@ -22,6 +22,7 @@ struct Arguments {
     std::uint32_t bus = 0;
     std::string pace;
     std::string group;
+    std::string record;
     std::uint32_t seconds = 0;
     bool json = false;
     bool status = false;
@@ -91,6 +92,7 @@ bool findGroup(const std::string& name, gid_t& group) {
 int hostCard(const Arguments& arguments) {
     CardHost::Plan plan;
     plan.bus = arguments.bus;
+    plan.record = arguments.record;
     if (!arguments.pace.empty()) plan.config.pace = *parsePace(arguments.pace);
     gid_t group = 0;
     if (!arguments.group.empty() && !findGroup(arguments.group, group))
@@ -120,6 +122,7 @@ int main(int argc, char** argv) {
     app.add_option("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take")
         ->check([](const std::string& text) { return parsePace(text) ? "" : "must be real, xN or max"; });
     app.add_option("--group", arguments.group, "Share the card with the members of this group");
+    app.add_option("--record", arguments.record, "Keep all that the card sends in a capture file")->type_name("FILE");
     app.add_option("--seconds", arguments.seconds, "End after that many seconds");
     app.add_flag("--quiet", arguments.quiet, "Show nothing while hosting");
     app.add_flag("--status", arguments.status, "Show the status of the card that is hosted at the bus, and end");

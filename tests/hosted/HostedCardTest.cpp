@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "CardAccess.h"
 #include "DrvEnyx/CardRegisters.h"
 #include "HostProcess.h"
 #include "enyx-sim/enyx_sim.h"
+#include "enyx-sim/md_payload.h"
 #include "support/CaptureOutput.h"
 
 namespace hosted {
@@ -234,7 +236,20 @@ TEST_F(HostedCard, StatusTellsWhatTheCardLearnedAndWhoReads) {
     enyx_hw_a2c_stream_destroy(stream);
 }
 
-TEST_F(HostedCard, AReaderThatDoesNotReadLosesPacketsAndTheyAreCounted) {
+// Sequence numbers of the quotes of a stream.
+struct Sequences {
+    std::uint64_t first = 0;
+    std::uint64_t last = 0;
+    std::uint64_t count = 0;
+
+    static void Take(const std::uint8_t* packet, std::uint32_t, void* context) {
+        Sequences& self = *static_cast<Sequences*>(context);
+        std::memcpy(&self.last, packet + sizeof(enyx_sim::PacketHead), sizeof self.last);
+        if (self.count++ == 0) self.first = self.last;
+    }
+};
+
+TEST_F(HostedCard, WhatASlowReaderLosesIsCountedAndShowsAsAGapInTheSequence) {
     const Process host = StartHost({"--pace", "x1000"});
     enyx_hw_core* core = OpenRegisters(0);
     enyx_hw_a2c_stream* stream = OpenStream(0, 1);
@@ -244,6 +259,14 @@ TEST_F(HostedCard, AReaderThatDoesNotReadLosesPacketsAndTheyAreCounted) {
     EXPECT_TRUE(Eventually([&] {
         return enyx_hw_a2c_stream_stats_get_backpressure(stream, &lost) == 0 && lost > 0;
     }));
+    enyx_sim_pause_feed(0, 1);
+    enyx_hw_a2c_stream_stats_get_backpressure(stream, &lost);
+    Sequences seen;
+    while (enyx_hw_a2c_stream_poll_once(stream, Sequences::Take, &seen) == 1) {
+    }
+    enyx_sim_pause_feed(0, 0);
+    EXPECT_TRUE(Eventually([&] { return enyx_hw_a2c_stream_poll_once(stream, Sequences::Take, &seen) == 1; }));
+    EXPECT_EQ(seen.last - seen.first + 1, seen.count + lost);
     enyx_hw_a2c_stream_destroy(stream);
 }
 

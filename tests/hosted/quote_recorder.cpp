@@ -1,0 +1,73 @@
+// A trading program in small: receives one channel through the library and writes a line of bytes per quote.
+//
+//     quote_recorder DIRECTORY INI FILE
+//
+// Works in DIRECTORY, ends with SIGTERM. FILE is a row of QuoteRecords. So that a test need not wait, and meets no day
+// file of another program, its clock shows a morning of 2031 and its seconds of sleep pass quickly.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+#include <vector>
+
+#include <VexoZceMdApi.h>
+
+#include "QuoteRecord.h"
+
+namespace {
+
+constexpr std::time_t kMorning = 1933374600;  // 2031-04-08 08:30:00 in Shanghai
+std::time_t g_offset = 0;
+
+std::time_t RealTime() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec;
+}
+
+class Recorder : public IVexoZceMdSpi {
+public:
+    explicit Recorder(std::FILE* file) : m_file(file) {}
+    int OnUpSubsResult17(const unsigned char* data) override { return Keep(17, data, sizeof(enyx_sim::Level1Quote)); }
+    int OnUpSubsResult18(const unsigned char* data) override { return Keep(18, data, sizeof(enyx_sim::Level5Quote)); }
+    int OnUpSubsResult19(const unsigned char* data) override { return Keep(19, data, sizeof(enyx_sim::Level1Quote)); }
+    int OnUpSubsResult20(const unsigned char* data) override { return Keep(20, data, sizeof(enyx_sim::Level5Quote)); }
+
+private:
+    int Keep(std::uint32_t type, const unsigned char* payload, std::size_t size) {
+        const hosted::QuoteRecord record = hosted::MakeRecord(type, payload, size);
+        return std::fwrite(&record, sizeof record, 1, m_file) == 1 ? 0 : -1;
+    }
+
+    std::FILE* m_file;
+};
+
+}  // namespace
+
+// What the library calls in place of the C library's own.
+extern "C" std::time_t time(std::time_t* result) noexcept {
+    const std::time_t now = RealTime() + g_offset;
+    if (result != nullptr) *result = now;
+    return now;
+}
+
+extern "C" unsigned sleep(unsigned seconds) {
+    const timespec pause{0, static_cast<long>(seconds) * 20'000'000 % 1'000'000'000};
+    nanosleep(&pause, nullptr);
+    return 0;
+}
+
+int main(int argc, char** argv) {
+    if (argc != 4 || chdir(argv[1]) != 0) return 2;
+    g_offset = kMorning - RealTime();
+    std::FILE* file = std::fopen(argv[3], "wb");
+    if (file == nullptr) return 2;
+    Recorder recorder(file);
+    IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
+    if (api->VexoStart(recorder, argv[2]) != 0) return 3;
+    while (api->VexoRecv() != -1) {
+    }
+    IVexoZceMdApi::DestroyVexoZceMdApi(*api);
+    return std::fclose(file) == 0 ? 0 : 4;
+}
