@@ -60,16 +60,29 @@ bool isValid(const CardConfig& c) {
            areBurstsValid(c) && c.pace <= kMaxPace && c.initialSwitch <= 3;
 }
 
+void Card::forgetAll(const CardConfig& config, const CardTime& now) {
+    m_state.config = config;
+    m_state.now = now;
+    m_state.clockNs = 0;
+    forgetEverything(m_state);
+    feed::powerOn(m_state);
+}
+
 void Card::powerOn(const CardConfig& config, const CardTime& now) {
-    CardState& s = m_state;
-    s.config = config;
-    s.now = now;
-    s.clockNs = 0;
-    forgetEverything(s);
-    s.parser.count = makeInstrumentList(config.instruments, config.listDate != 0 ? config.listDate : now.date,
-                                        s.parser.instruments);
-    feed::powerOn(s);
-    static_data::restart(s);
+    forgetAll(config, now);
+    ParserState& parser = m_state.parser;
+    parser.count = makeInstrumentList(config.instruments, config.listDate != 0 ? config.listDate : now.date,
+                                      parser.instruments);
+    static_data::restart(m_state);
+}
+
+bool Card::powerOn(const CardConfig& config, const CardTime& now, const Instrument* instruments, std::size_t count) {
+    if (!isValidList(instruments, count)) return false;
+    forgetAll(config, now);
+    std::copy(instruments, instruments + count, m_state.parser.instruments);
+    m_state.parser.count = static_cast<std::uint32_t>(count);
+    static_data::restart(m_state);
+    return true;
 }
 
 bool Card::replaceInstruments(const Instrument* instruments, std::size_t count) {

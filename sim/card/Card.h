@@ -19,6 +19,9 @@ public:
     /// Switches the card on: everything is forgotten, the built-in instrument list is made, learning starts.
     /// @p config must be valid (isValid()).
     void powerOn(const CardConfig& config, const CardTime& now);
+    /// The same with other instruments than the built-in ones.
+    /// @return false, with the card left as it was, when they are no valid list (isValidList()).
+    bool powerOn(const CardConfig& config, const CardTime& now, const Instrument* instruments, std::size_t count);
     /// Other instruments than the built-in ones, which the card then learns as after a reset.
     /// @return false, with nothing changed, when a row is beyond the table, an id is empty or does not fit, two
     ///         instruments share a row, or there are more than the tables hold.
@@ -69,6 +72,7 @@ public:
     const CardState& state() const { return m_state; }
 
 private:
+    void forgetAll(const CardConfig& config, const CardTime& now);
     void restart();
     bool runDue();
 

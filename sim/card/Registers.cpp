@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "card/Calendar.h"
 #include "card/ContractMap.h"
 #include "card/Feed.h"
 #include "card/StaticData.h"
@@ -85,23 +86,6 @@ std::int64_t exchangeSeconds(const CardState& s) {
 // Second of the exchange's day.
 std::int32_t exchangeSecond(const CardState& s) {
     return static_cast<std::int32_t>((exchangeSeconds(s) % kSecondsOfDay + kSecondsOfDay) % kSecondsOfDay);
-}
-
-// Days of the Gregorian calendar from the first of March of the year 0, which puts the leap day at a year's end.
-std::int64_t dayNumber(std::int64_t date) {
-    const std::int64_t month = (date / 100 % 100 + 9) % 12;
-    const std::int64_t year = date / 10000 - month / 10;
-    return year * 365 + year / 4 - year / 100 + year / 400 + (month * 306 + 5) / 10 + date % 100 - 1;
-}
-
-std::int64_t dateOf(std::int64_t day) {
-    std::int64_t year = (day * 10000 + 14780) / 3652425;
-    const auto firstOf = [](std::int64_t y) { return y * 365 + y / 4 - y / 100 + y / 400; };
-    if (day < firstOf(year)) --year;
-    const std::int64_t rest = day - firstOf(year);
-    const std::int64_t month = (rest * 100 + 52) / 3060;
-    year += (month + 2) / 12;
-    return year * 10000 + ((month + 2) % 12 + 1) * 100 + rest - (month * 306 + 5) / 10 + 1;
 }
 
 std::uint32_t parserCounter(const CardState& s, std::uint32_t counter) {
@@ -233,7 +217,7 @@ std::uint32_t exchangeDate(const CardState& s) {
     const std::int64_t seconds = exchangeSeconds(s);
     if (seconds >= 0 && seconds < kSecondsOfDay) return s.now.date;
     const std::int64_t days = (seconds - (kSecondsOfDay - 1) * (seconds < 0)) / kSecondsOfDay;
-    return static_cast<std::uint32_t>(dateOf(dayNumber(s.now.date) + days));
+    return calendar::dateAfter(s.now.date, days);
 }
 
 std::uint32_t exchangeTime(const CardState& s) { return decimalTime(exchangeSecond(s)); }

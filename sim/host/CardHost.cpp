@@ -37,13 +37,17 @@ std::string whoHasIt(const std::string& path, std::uint32_t bus) {
 }  // namespace
 
 std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) {
+    if (plan.scenario.callFailures.size() > kMaxSharedFailures) {
+        error = "a hosted card's scenario has room for " + std::to_string(kMaxSharedFailures) + " failing calls";
+        return nullptr;
+    }
     const std::string directory = cardDirectory();
-    const std::string path = cardPath(directory, geteuid(), plan.bus);
+    const std::string path = cardPath(directory, geteuid(), plan.scenario.bus);
     for (int attempt = 0; attempt < 100; ++attempt) {  // others may be starting, or clearing up, at the same time
         removeStaleFiles(directory);
-        CardFile file = CardFile::create(directory, plan.bus, plan.group ? 0660 : 0600, plan.group.value_or(getegid()));
+        CardFile file = CardFile::create(directory, plan.scenario.bus, plan.group ? 0660 : 0600, plan.group.value_or(getegid()));
         CardBlock* block = file && file.claim({CardPart::kHost}) ? file.map() : nullptr;
-        if (block == nullptr || !file.reserve(plan.config.ringBytes)) {
+        if (block == nullptr || !file.reserve(plan.scenario.config.ringBytes)) {
             error = systemError("cannot make a card in " + directory);
             if (file) file.remove();
             return nullptr;
@@ -56,7 +60,7 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
             error = systemError("cannot make " + path);
             return nullptr;
         }
-        error = errno == EEXIST ? whoHasIt(path, plan.bus) : std::string();
+        error = errno == EEXIST ? whoHasIt(path, plan.scenario.bus) : std::string();
         if (!error.empty()) return nullptr;
     }
     error = "too many hosts are being started at once; try again";
@@ -70,13 +74,23 @@ void CardHost::describe(const Plan& plan) {
     HostInfo& info = m_block->host;
     info.startedAt = static_cast<std::uint64_t>(time(nullptr));
     info.pid = getpid();
-    info.bus = plan.bus;
-    copyText(info.scenario, plan.scenario);
-    copyText(info.description, plan.description);
+    info.bus = plan.scenario.bus;
+    copyText(info.scenario, plan.scenario.name);
+    copyText(info.description, plan.scenario.description);
+    for (const scenario::CallFailure& failure : plan.scenario.callFailures) {
+        SharedFailure& shared = info.failures[info.failureCount++];
+        copyText(shared.call, failure.call);
+        shared.nth = failure.nth;
+        shared.times = failure.times;
+        shared.error = failure.error;
+        shared.hasResult = failure.result ? 1 : 0;
+        shared.result = failure.result.value_or(0);
+    }
 }
 
 void CardHost::powerOn(const Plan& plan) {
-    Card(m_block->state).powerOn(plan.config, m_clock.now());
+    Card card(m_block->state);
+    scenario::powerOn(card, plan.scenario, m_clock.now());
     if (!plan.record.empty()) m_recorder = std::make_unique<Recorder>(plan.record, m_block->state);
 }
 

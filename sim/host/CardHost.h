@@ -10,6 +10,7 @@
 
 #include "host/Recorder.h"
 #include "hw/HostClock.h"
+#include "scenario/Scenario.h"
 #include "shm/CardFile.h"
 
 namespace vexo_sim {
@@ -18,12 +19,9 @@ namespace vexo_sim {
 class CardHost {
 public:
     struct Plan {
-        std::uint32_t bus = 0;
-        CardConfig config;
-        std::optional<gid_t> group;    // whom the card is shared with, besides the host's own user
-        std::string scenario;          // shown in the status
-        std::string description;
-        std::string record;            // capture file of all that the card sends; empty for none
+        scenario::Scenario scenario;
+        std::optional<gid_t> group;  // whom the card is shared with, besides the host's own user
+        std::string record;          // capture file of all that the card sends; empty for none
     };
 
     /// Switches a card on and offers it. Null, with the reason in @p error, when the bus has a host already or the

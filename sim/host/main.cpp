@@ -6,8 +6,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <atomic>
 #include <cstdio>
+#include <optional>
+#include <string>
 
 #include "host/CardHost.h"
 #include "host/Status.h"
@@ -19,7 +20,7 @@ namespace {
 
 struct Arguments {
     std::string scenario;
-    std::uint32_t bus = 0;
+    std::optional<std::uint32_t> bus;
     std::string pace;
     std::string group;
     std::string record;
@@ -46,9 +47,9 @@ void catchStopSignals() {
 
 // What another process hosts, shown once.
 int showStatus(const Arguments& arguments) {
-    const std::unique_ptr<HostedCard> card = HostedCard::attach(arguments.bus);
+    const std::unique_ptr<HostedCard> card = HostedCard::attach(arguments.bus.value_or(0));
     if (card == nullptr)
-        return fail("no card is hosted at bus " + std::to_string(arguments.bus) + ". Start one: vexo-simcard");
+        return fail("no card is hosted at bus " + std::to_string(arguments.bus.value_or(0)) + ". Start one: vexo-simcard");
     const CardStatus status = readStatus(card->block(), card->file());
     std::fputs((arguments.json ? toJson(status) : toText(status)).c_str(), stdout);
     return 0;
@@ -91,19 +92,24 @@ bool findGroup(const std::string& name, gid_t& group) {
 
 int hostCard(const Arguments& arguments) {
     CardHost::Plan plan;
-    plan.bus = arguments.bus;
+    std::string error;
+    if (!arguments.scenario.empty()) {
+        const std::optional<scenario::Scenario> scenario = scenario::load(arguments.scenario, error);
+        if (!scenario) return fail(error);
+        plan.scenario = *scenario;
+    }
     plan.record = arguments.record;
-    if (!arguments.pace.empty()) plan.config.pace = *parsePace(arguments.pace);
+    if (arguments.bus) plan.scenario.bus = *arguments.bus;
+    if (!arguments.pace.empty()) plan.scenario.config.pace = *parsePace(arguments.pace);
     gid_t group = 0;
     if (!arguments.group.empty() && !findGroup(arguments.group, group))
         return fail("there is no group " + arguments.group);
     if (!arguments.group.empty()) plan.group = group;
     catchStopSignals();
-    std::string error;
     const std::unique_ptr<CardHost> host = CardHost::start(plan, error);
     if (host == nullptr) return fail(error);
     if (!arguments.quiet) {
-        std::printf("Simulated card at bus %u: every quote is made up. Ctrl-C ends it.\n", plan.bus);
+        std::printf("Simulated card at bus %u: every quote is made up. Ctrl-C ends it.\n", plan.scenario.bus);
         std::fflush(stdout);
     }
     run(*host, arguments);
@@ -118,7 +124,7 @@ int main(int argc, char** argv) {
     CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes."};
     app.add_option("scenario", arguments.scenario, "Scenario file; without one the card is an ordinary day's")
         ->type_name("SCENARIO.ini");
-    app.add_option("--bus", arguments.bus, "Bus number of the card, 0 to 4")->check(CLI::Range(0, 4));
+    app.add_option("--bus", arguments.bus, "Bus number of the card, 0 to 4; goes before the scenario's")->check(CLI::Range(0, 4));
     app.add_option("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take")
         ->check([](const std::string& text) { return parsePace(text) ? "" : "must be real, xN or max"; });
     app.add_option("--group", arguments.group, "Share the card with the members of this group");

@@ -5,8 +5,12 @@
 #include <cstdlib>
 #include <iterator>
 #include <new>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
+
+#include "hw/Hooks.h"
 
 namespace vexo_sim {
 namespace {
@@ -25,6 +29,11 @@ HwCard* makeHosted(std::uint32_t index) {
     if (card == nullptr) return nullptr;
     card->index = index;
     card->block = &hosted->block();
+    const HostInfo& info = card->block->host;
+    for (std::uint32_t n = 0; n < std::min(info.failureCount, kMaxSharedFailures); ++n) {
+        const SharedFailure& f = info.failures[n];
+        hooks::addScript({f.call, f.nth, f.times, f.error, f.hasResult, f.result});
+    }
     card->hosted = std::move(hosted);
     card->accelerator.card = card;
     card->accelerator.alive = true;
@@ -53,7 +62,17 @@ void Cards::decide() {
     if (wish != "embedded") attachHosted();
     const bool found = std::any_of(std::begin(m_cards), std::end(m_cards), [](HwCard* card) { return card != nullptr; });
     if (wish == "hosted" || found) m_kind = Kind::kHosted;
-    else if (powerOn(CardConfig{}, 1) == 0) m_kind = Kind::kEmbedded;
+    else if (makeOwn()) m_kind = Kind::kEmbedded;
+}
+
+bool Cards::makeOwn() {
+    const char* path = std::getenv("VEXO_SIM_SCENARIO");
+    if (path == nullptr || *path == '\0')
+        return powerOn(1, [](Card& card, const CardTime& now, std::uint32_t) { card.powerOn(CardConfig{}, now); }) == 0;
+    std::string error;
+    const std::optional<scenario::Scenario> scenario = scenario::load(path, error);
+    if (!scenario) std::fprintf(stderr, "libenyx-hw-c: %s\nlibenyx-hw-c: no simulated card.\n", error.c_str());
+    return scenario && powerOn(*scenario) == 0;
 }
 
 void Cards::attachHosted() {
@@ -80,6 +99,18 @@ int Cards::powerCycle(const CardConfig& config, std::uint32_t count) {
         errno = EINVAL;
         return -1;
     }
+    if (claimOwn() != 0) return -1;
+    return powerOn((1U << count) - 1, [&](Card& card, const CardTime& now, std::uint32_t index) {
+        CardConfig own = config;
+        own.seed += index;
+        card.powerOn(own, now);
+    });
+}
+
+int Cards::powerCycle(const scenario::Scenario& scenario) { return claimOwn() == 0 ? powerOn(scenario) : -1; }
+
+// A process that switches its card on before anything else does not look for hosts, unless it was told to insist.
+int Cards::claimOwn() {
     std::call_once(m_firstUse, [this] {
         const char* wish = std::getenv("VEXO_SIM_CARD");
         m_kind = wish != nullptr && std::string_view(wish) == "hosted" ? Kind::kHosted : Kind::kEmbedded;
@@ -91,17 +122,18 @@ int Cards::powerCycle(const CardConfig& config, std::uint32_t count) {
     m_kind = Kind::kEmbedded;
     pool<enyx_hw_a2c_stream>().killIf([](const enyx_hw_a2c_stream&) { return true; });
     pool<enyx_hw_c2a_stream>().killIf([](const enyx_hw_c2a_stream&) { return true; });
-    return powerOn(config, count);
+    return 0;
 }
 
-int Cards::powerOn(const CardConfig& config, std::uint32_t count) {
+template <typename SwitchOn>
+int Cards::powerOn(std::uint32_t buses, SwitchOn switchOn) {
     for (std::uint32_t index = 0; index < kMaxCards; ++index) {
         HwCard& card = m_own[index];
         m_cards[index] = nullptr;
         card.index = index;
         card.accelerator.card = &card;
-        card.accelerator.alive = index < count;
-        if (index >= count) {
+        card.accelerator.alive = (buses >> index & 1) != 0;
+        if (!card.accelerator.alive) {
             pool<enyx_hw_mmio>().killIf([&card](const enyx_hw_mmio& mmio) { return mmio.card == &card; });
             continue;
         }
@@ -110,13 +142,21 @@ int Cards::powerOn(const CardConfig& config, std::uint32_t count) {
             return -1;
         }
         const BlockLock lock(*card.block);
-        CardConfig own = config;
-        own.seed += index;
+        Card state = card.card();
         card.clock.forget();
-        card.card().powerOn(own, card.clock.now());
+        switchOn(state, card.clock.now(), index);
         m_cards[index] = &card;
     }
     return 0;
+}
+
+int Cards::powerOn(const scenario::Scenario& scenario) {
+    for (const scenario::CallFailure& failure : scenario.callFailures)
+        hooks::addScript({failure.call.c_str(), failure.nth, failure.times, failure.error, failure.result ? 1 : 0,
+                          failure.result.value_or(0)});
+    return powerOn(1U << scenario.bus, [&](Card& card, const CardTime& now, std::uint32_t) {
+        scenario::powerOn(card, scenario, now);
+    });
 }
 
 }  // namespace vexo_sim

@@ -10,6 +10,7 @@
 #include "card/ZeroedMemory.h"
 #include "hw/Handles.h"
 #include "hw/HostClock.h"
+#include "scenario/Scenario.h"
 #include "shm/CardBlock.h"
 #include "shm/HostedCard.h"
 
@@ -60,7 +61,8 @@ private:
 };
 
 /// The cards that the process sees. What they are is decided on first use: those that hosts offer, or else a card of
-/// the process's own. VEXO_SIM_CARD decides too: `hosted` and `embedded` insist on the one or the other.
+/// the process's own, as the scenario file says that VEXO_SIM_SCENARIO may name. VEXO_SIM_CARD decides too: `hosted` and
+/// `embedded` insist on the one or the other.
 class Cards {
 public:
     static Cards& instance();
@@ -72,13 +74,20 @@ public:
     /// Cards of the process's own, like new. 0, or -1 with errno set: EINVAL for a bad configuration or count, EPERM
     /// when the cards are hosted, both with nothing changed; ENOMEM.
     int powerCycle(const CardConfig& config, std::uint32_t count);
+    /// The same with one card, at the scenario's bus.
+    int powerCycle(const scenario::Scenario& scenario);
 
 private:
     enum class Kind { kNone, kEmbedded, kHosted };
 
     void decide();
     void attachHosted();
-    int powerOn(const CardConfig& config, std::uint32_t count);
+    bool makeOwn();
+    int claimOwn();
+    /// Cards at the buses that @p buses has a bit for; @p switchOn does it: (Card&, now, bus).
+    template <typename SwitchOn>
+    int powerOn(std::uint32_t buses, SwitchOn switchOn);
+    int powerOn(const scenario::Scenario& scenario);
 
     std::once_flag m_firstUse;
     std::mutex m_mutex;  // over a change of the cards

@@ -5,53 +5,11 @@
 #include <mutex>
 #include <vector>
 
+#include "hw/CallTable.h"
+
 namespace vexo_sim {
 namespace {
 
-enum class Kind { kPointer, kStatus, kVoid };
-
-struct CallEntry {
-    const char* name;
-    Kind kind;
-};
-
-constexpr CallEntry kCalls[] = {
-    {"enyx_hw_filter_create", Kind::kPointer},
-    {"enyx_hw_filter_set_index", Kind::kStatus},
-    {"enyx_hw_filter_set_name", Kind::kStatus},
-    {"enyx_hw_filter_destroy", Kind::kVoid},
-    {"enyx_hw_enumerate_accelerators", Kind::kStatus},
-    {"enyx_hw_accelerator_get", Kind::kPointer},
-    {"enyx_hw_free_accelerator_descriptors", Kind::kVoid},
-    {"enyx_hw_accelerator_enumerate_mmios", Kind::kStatus},
-    {"enyx_hw_mmio_create", Kind::kPointer},
-    {"enyx_hw_mmio_destroy", Kind::kVoid},
-    {"enyx_hw_free_mmio_descriptors", Kind::kVoid},
-    {"enyx_hw_enumerate_cores", Kind::kPointer},
-    {"enyx_hw_core_tree_get_root", Kind::kPointer},
-    {"enyx_hw_core_reset", Kind::kStatus},
-    {"enyx_hw_core_enumerate", Kind::kStatus},
-    {"enyx_hw_core_lock", Kind::kStatus},
-    {"enyx_hw_core_unlock", Kind::kStatus},
-    {"enyx_hw_read", Kind::kStatus},
-    {"enyx_hw_write", Kind::kStatus},
-    {"enyx_hw_accelerator_enumerate_a2c_streams", Kind::kStatus},
-    {"enyx_hw_a2c_stream_create", Kind::kPointer},
-    {"enyx_hw_free_a2c_stream_descriptors", Kind::kVoid},
-    {"enyx_hw_a2c_stream_get_mtu", Kind::kStatus},
-    {"enyx_hw_a2c_stream_poll_once", Kind::kStatus},
-    {"enyx_hw_a2c_stream_stats_get_backpressure", Kind::kStatus},
-    {"enyx_hw_a2c_stream_stats_get_packet_count", Kind::kStatus},
-    {"enyx_hw_a2c_stream_stats_get_fifo_errors", Kind::kStatus},
-    {"enyx_hw_a2c_stream_stats_get_errors", Kind::kStatus},
-    {"enyx_hw_a2c_stream_destroy", Kind::kVoid},
-    {"enyx_hw_accelerator_enumerate_c2a_streams", Kind::kStatus},
-    {"enyx_hw_c2a_stream_create", Kind::kPointer},
-    {"enyx_hw_free_c2a_stream_descriptors", Kind::kVoid},
-    {"enyx_hw_c2a_stream_get_mtu", Kind::kStatus},
-    {"enyx_hw_c2a_stream_send", Kind::kStatus},
-    {"enyx_hw_c2a_stream_destroy", Kind::kVoid},
-};
 static_assert(sizeof kCalls / sizeof kCalls[0] == static_cast<std::size_t>(Call::kCount));
 
 struct Script {
@@ -82,7 +40,7 @@ void setActive(unsigned bit, bool on) {
 
 bool isScriptable(const CallEntry& entry, const enyx_sim_failure& failure) {
     if (failure.call == nullptr || std::strcmp(entry.name, failure.call) != 0) return false;
-    return entry.kind == Kind::kStatus || (entry.kind == Kind::kPointer && failure.has_result == 0);
+    return canFail(entry, failure.has_result != 0);
 }
 
 // True when the script makes this call fail.

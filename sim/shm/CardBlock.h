@@ -11,14 +11,26 @@
 
 namespace vexo_sim {
 
+/// A call of the hardware interface that fails in each process on the card, counted in each by itself.
+struct SharedFailure {
+    char call[48];
+    std::uint32_t nth;
+    std::uint32_t times;  // 0 = all from the nth on
+    std::int32_t error;
+    std::int32_t hasResult;
+    std::int64_t result;
+};
+inline constexpr std::uint32_t kMaxSharedFailures = 32;
+
 /// What the host of a card tells those who look at it. Written once, before anybody can see it.
 struct HostInfo {
     std::uint64_t startedAt;    // seconds since 1970
     std::int32_t pid;
     std::uint32_t bus;
-    std::uint32_t heldByHost;   // bit n: the host itself keeps card-to-host stream n
     char scenario[256];
     char description[256];
+    std::uint32_t failureCount;
+    SharedFailure failures[kMaxSharedFailures];
 };
 
 /// A card and all that its users share, in one piece of memory: on the heap of a process, or in memory shared by

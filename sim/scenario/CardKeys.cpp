@@ -1,0 +1,185 @@
+#include "scenario/CardKeys.h"
+
+#include <filesystem>
+
+#include "card/StreamRing.h"
+#include "scenario/InstrumentFile.h"
+#include "scenario/Parse.h"
+#include "scenario/TextFile.h"
+
+namespace vexo_sim::scenario {
+namespace {
+
+constexpr std::uint32_t kAnyNumber = ~std::uint32_t{0};
+
+// One key: what becomes of its value.
+struct Key {
+    const char* section;
+    const char* name;
+    void (*take)(const Value& value, Scenario& s);
+};
+
+// A key that is a number of the card's configuration.
+template <std::uint32_t CardConfig::*field, std::uint32_t least, std::uint32_t most>
+void takeNumber(const Value& value, Scenario& s) {
+    s.config.*field = parse::number32(value, least, most);
+}
+
+std::string besideScenario(const Value& value) {
+    return (std::filesystem::path(value.file).parent_path() / value.text).string();
+}
+
+void takeDescription(const Value& value, Scenario& s) { s.description = value.text; }
+
+void takeBus(const Value& value, Scenario& s) { s.bus = parse::number32(value, 0, kMaxBus); }
+
+void takeSeed(const Value& value, Scenario& s) { s.config.seed = parse::number(value, 0, ~std::uint64_t{0}); }
+
+void takeClockOffset(const Value& value, Scenario& s) {
+    constexpr std::int64_t kMost = 366LL * 86400;
+    s.config.clockOffsetSeconds = static_cast<std::int32_t>(parse::signedNumber(value, -kMost, kMost));
+}
+
+void takeClock(const Value& value, Scenario& s) { s.clock = parse::timeOfDay(value); }
+
+void takeDate(const Value& value, Scenario& s) {
+    s.date = value.text == "today"       ? DateChoice::kToday
+             : value.text == "yesterday" ? DateChoice::kYesterday
+                                         : DateChoice::kGiven;
+    if (s.date == DateChoice::kGiven) s.config.initialDate = value.text == "0" ? 0 : parse::date(value);
+}
+
+void takeListDate(const Value& value, Scenario& s) { s.config.listDate = parse::date(value); }
+
+void takeList(const Value& value, Scenario& s) {
+    s.config.instruments = static_cast<InstrumentChoice>(parse::word(value, {{"default", 0}, {"full", 1}, {"none", 2}}));
+}
+
+void takeInstruments(const Value& value, Scenario& s, std::vector<Instrument> (*read)(const std::string&)) {
+    const std::string path = besideScenario(value);
+    requireFile(path, value.file, value.line);
+    s.instruments = read(path);
+}
+void takeInstrumentFile(const Value& value, Scenario& s) { takeInstruments(value, s, readInstrumentList); }
+void takeDayFile(const Value& value, Scenario& s) { takeInstruments(value, s, readDayFile); }
+
+void takeBurstEvery(const Value& value, Scenario& s) {
+    s.config.burstEveryMs = parse::number32(value, 0, kMaxMilliseconds / 1000) * 1000;
+}
+
+void takePace(const Value& value, Scenario& s) {
+    if (value.text == "real") s.config.pace = 1;
+    else if (value.text == "max") s.config.pace = kPaceOfReaders;
+    else if (value.text[0] != 'x') value.reject("\"" + value.text + "\" will not do; write real, max, or xN such as x10");
+    else s.config.pace = parse::number32({value.text.substr(1), value.file, value.line, value.key}, 1, kMaxPace);
+}
+
+void takeReplayFile(const Value& value, Scenario& s) {
+    s.replayFile = besideScenario(value);
+    requireFile(s.replayFile, value.file, value.line);
+}
+
+void takeReplayMap(const Value& value, Scenario& s) {
+    s.replayMap = parse::word(value, {{"capture", 1}, {"card", 0}}) != 0;
+}
+
+constexpr Key kKeys[] = {
+    {"scenario", "description", takeDescription},
+    {"card", "bus", takeBus},
+    {"card", "seed", takeSeed},
+    {"card", "hardware_version", takeNumber<&CardConfig::hardwareVersion, 0, kAnyNumber>},
+    {"card", "verdict", takeNumber<&CardConfig::verdict, 0, kAnyNumber>},
+    {"card", "fibre_status", takeNumber<&CardConfig::fibreStatus, 0, kAnyNumber>},
+    {"card", "clock_offset", takeClockOffset},
+    {"card", "clock", takeClock},
+    {"card", "date", takeDate},
+    {"card", "switch", takeNumber<&CardConfig::initialSwitch, 0, 3>},
+    {"card", "list_date", takeListDate},
+    {"card", "learning_ms", takeNumber<&CardConfig::learningMs, 0, kMaxMilliseconds>},
+    {"card", "static_round_ms", takeNumber<&CardConfig::staticRoundMs, 1, kMaxMilliseconds>},
+    {"card", "mtu", takeNumber<&CardConfig::mtu, kMinMtu, kMaxMtu>},
+    {"card", "ring_bytes", takeNumber<&CardConfig::ringBytes, kMinRingBytes, kMaxRingBytes>},
+    {"card", "map_messages_per_packet", takeNumber<&CardConfig::mapMessagesPerPacket, 1, kAnyNumber>},
+    {"card", "map_round_ms", takeNumber<&CardConfig::mapRoundMs, 1, kMaxMilliseconds>},
+    {"instruments", "list", takeList},
+    {"instruments", "file", takeInstrumentFile},
+    {"instruments", "day_file", takeDayFile},
+    {"quotes", "per_second", takeNumber<&CardConfig::quotesPerSecond, 0, kMaxQuotesPerSecond>},
+    {"quotes", "per_instrument", takeNumber<&CardConfig::quotesPerInstrument, 0, kMaxQuotesPerSecond>},
+    {"quotes", "burst_every_s", takeBurstEvery},
+    {"quotes", "burst_ms", takeNumber<&CardConfig::burstMs, 1, kMaxMilliseconds>},
+    {"quotes", "burst_factor", takeNumber<&CardConfig::burstFactor, 1, kMaxBurstFactor>},
+    {"pace", "pace", takePace},
+    {"replay", "file", takeReplayFile},
+    {"replay", "map", takeReplayMap},
+};
+
+std::string keysOf(const std::string& section) {
+    std::string names;
+    for (const Key& key : kKeys)
+        if (section == key.section) names += (names.empty() ? "" : ", ") + std::string(key.name);
+    return names;
+}
+
+const Key* find(const std::string& section, const std::string& name) {
+    for (const Key& key : kKeys)
+        if (section == key.section && name == key.name) return &key;
+    return nullptr;
+}
+
+const Value* valueOf(const IniFile& file, const char* section, const char* key) {
+    for (const Section& s : file.sections()) {
+        if (s.name != section) continue;
+        const auto found = s.values.find(key);
+        if (found != s.values.end()) return &found->second;
+    }
+    return nullptr;
+}
+
+void requireAlone(const IniFile& file, const char* section, const char* key, const char* other) {
+    const Value* value = valueOf(file, section, key);
+    if (value != nullptr && valueOf(file, section, other) != nullptr)
+        value->reject(std::string("it excludes ") + other + "; remove one of the two");
+}
+
+}  // namespace
+
+void readCardSection(const Section& section, const std::string& path, Scenario& scenario) {
+    const std::string keys = keysOf(section.name);
+    if (keys.empty())
+        throw Rejected(path, section.line, "there is no section [" + section.name +
+                                               "]; use scenario, card, instruments, quotes, pace, replay or fault NAME");
+    for (const auto& [name, value] : section.values) {
+        const Key* key = find(section.name, name);
+        if (key == nullptr)
+            throw Rejected(path, value.line, "[" + section.name + "] has no key " + name + "; use " + keys);
+        key->take(value, scenario);
+    }
+}
+
+void checkTogether(const IniFile& file, const Scenario& scenario) {
+    requireAlone(file, "card", "clock", "clock_offset");
+    requireAlone(file, "instruments", "list", "file");
+    requireAlone(file, "instruments", "list", "day_file");
+    requireAlone(file, "instruments", "file", "day_file");
+
+    const CardConfig& c = scenario.config;
+    if (c.burstEveryMs != 0 && (c.burstMs == 0 || c.burstMs > c.burstEveryMs))
+        valueOf(file, "quotes", "burst_every_s")->reject("a burst must end before the next; give burst_ms, and less of it");
+    if (c.mtu > ring::largestPacket(ring::capacityFor(c.ringBytes))) {
+        const Value* value = valueOf(file, "card", "mtu");
+        if (value == nullptr) value = valueOf(file, "card", "ring_bytes");
+        value->reject("a ring of " + std::to_string(c.ringBytes) + " bytes does not hold two packets of " +
+                      std::to_string(c.mtu) + "; give ring_bytes more, or mtu less");
+    }
+    if (valueOf(file, "replay", "map") != nullptr && scenario.replayFile.empty())
+        valueOf(file, "replay", "map")->reject("there is no file to replay; give file, or remove the section");
+}
+
+std::vector<KeyName> cardKeys() {
+    std::vector<KeyName> names;
+    for (const Key& key : kKeys) names.push_back({key.section, key.name});
+    return names;
+}
+
+}  // namespace vexo_sim::scenario

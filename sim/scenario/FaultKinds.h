@@ -1,0 +1,13 @@
+#pragma once
+
+#include "scenario/IniFile.h"
+#include "scenario/Scenario.h"
+
+namespace vexo_sim::scenario {
+
+/// Takes over a [fault NAME] section. Throws Rejected.
+void readFault(const Section& section, const std::string& path, Scenario& scenario);
+
+std::vector<FaultKindName> faultKinds();
+
+}  // namespace vexo_sim::scenario

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "card/Card.h"
+
+/// Scenarios: ini files that say what a simulated card is, what it sends, and what is wrong with it. All that a file
+/// may contain is told in sim/scenarios/README.md.
+namespace vexo_sim::scenario {
+
+inline constexpr std::uint32_t kMaxBus = 4;
+
+/// What register 0x106 holds when the card comes up.
+enum class DateChoice { kGiven, kToday, kYesterday };
+
+struct BrokenRows {
+    std::uint32_t table;
+    std::uint32_t first;
+    std::uint32_t last;
+};
+
+struct BusySends {
+    std::uint32_t channels;
+    std::uint32_t sends;  // kForGood = all
+};
+
+struct StreamErrors {
+    std::uint32_t channels;
+    std::uint32_t fifoErrors;
+    std::uint32_t errors;
+};
+
+/// A call of the C interface that fails in every process on the card: counted per process.
+struct CallFailure {
+    std::string call;
+    std::uint32_t nth = 1;
+    std::uint32_t times = 1;  // 0 = all from the nth on
+    int error = 0;
+    std::optional<std::int64_t> result;
+};
+
+struct Scenario {
+    std::string name;  // of the file, without directory and extension
+    std::string description;
+    std::uint32_t bus = 0;
+
+    CardConfig config;
+    DateChoice date = DateChoice::kGiven;     // other than kGiven: config.initialDate follows from the day of power-on
+    std::optional<std::uint32_t> clock;       // second of the day that the exchange's clock shows at power-on
+    std::optional<std::vector<Instrument>> instruments;  // a list of its own; otherwise config.instruments
+
+    std::vector<PacketFault> packetFaults;
+    std::vector<BrokenRows> brokenRows;
+    std::vector<BusySends> busySends;
+    std::vector<StreamErrors> streamErrors;
+    std::vector<CallFailure> callFailures;
+    std::uint32_t heldStreams = 0;            // bit n = card-to-host stream n
+    CounterMode counters = CounterMode::kTrue;
+    std::uint64_t stopAfterPackets = 0;       // 0 = never
+    std::uint32_t stopAfterMs = 0;            // 0 = never
+    std::uint32_t resetsIgnored = 0;          // kForGood = all
+
+    std::string replayFile;                   // path as this process reaches it; empty = no replay
+    bool replayMap = true;                    // contract-map packets come from the capture, not from the card
+};
+
+/// Reads a scenario. A path in the file is relative to the file's own directory.
+/// @param error  when there is one: "FILE:LINE: what is wrong; what to do", in one line without its end
+/// @return nothing when the file, or a file that it names, cannot be used
+std::optional<Scenario> load(const std::string& path, std::string& error);
+
+/// The configuration of a card that is switched on at @p now.
+CardConfig configAt(const Scenario& scenario, const CardTime& now);
+
+/// Switches the card on as the scenario says, faults included.
+/// @param seedShift  added to the seed, so that several cards of one scenario differ
+void powerOn(Card& card, const Scenario& scenario, const CardTime& now, std::uint64_t seedShift = 0);
+
+/// All that a file may contain. The keys of [fault NAME] sections are told by kind.
+struct KeyName {
+    std::string section;
+    std::string key;
+};
+std::vector<KeyName> knownKeys();
+
+struct FaultKindName {
+    std::string kind;
+    std::vector<std::string> keys;  // without `kind` itself
+};
+std::vector<FaultKindName> knownFaultKinds();
+
+}  // namespace vexo_sim::scenario

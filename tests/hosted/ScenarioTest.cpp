@@ -1,0 +1,96 @@
+// Scenarios on a hosted card, and on a process's own by the environment alone.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "CardAccess.h"
+#include "DrvEnyx/CardRegisters.h"
+#include "HostProcess.h"
+#include "support/CaptureOutput.h"
+
+namespace hosted {
+namespace {
+
+using ::testing::HasSubstr;
+
+struct Scenario : ::testing::Test {
+    CardDirectory directory;
+    const std::string path = directory.Path() + "/rehearsal.ini";
+
+    void TearDown() override {
+        unsetenv("VEXO_SIM_CARD");
+        unsetenv("VEXO_SIM_SCENARIO");
+    }
+
+    Process Host(const std::string& content) {
+        WriteFile(path, content);
+        setenv("VEXO_SIM_CARD", "hosted", 1);
+        return StartHost({path, "--bus", "0"});
+    }
+};
+
+TEST_F(Scenario, SaysWhatTheHostedCardIs) {
+    const Process host = Host("[scenario]\ndescription = an old card\n[card]\nhardware_version = 3\ndate = 20310305\n");
+    enyx_hw_core* core = OpenRegisters(0);
+    std::uint64_t version = 0, date = 0;
+    ASSERT_EQ(Read(core, card_reg::kHardwareVersion, version), 0);
+    ASSERT_EQ(Read(core, card_reg::kTradingDate, date), 0);
+    EXPECT_EQ(version, 3U);
+    EXPECT_EQ(date, 20310305U);
+    EXPECT_THAT(StatusJson(), HasSubstr("\"scenario\": \"rehearsal\",\n  \"description\": \"an old card\""));
+}
+
+TEST_F(Scenario, AStreamItHoldsIsBusyInTheNameOfTheHost) {
+    const Process host = Host("[fault taken]\nkind = stream_held\nchannels = 3\n");
+    FindCard(0);
+    test_support::CaptureOutput output(2);
+    errno = 0;
+    EXPECT_EQ(OpenStream(0, 3), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(output.Stop(), "libenyx-hw-c: stream CUSTOM_CHAN3_DATA of the simulated card at bus 0 is held by process " +
+                                 std::to_string(host.Id()) + " (vexo-simcard, user " + UserName() +
+                                 "), as its scenario says.\n");
+}
+
+TEST_F(Scenario, ACallThatFailsFailsInEachProcessOnTheCard) {
+    const Process host = Host("[fault reads]\nkind = call_fails\ncall = enyx_hw_write\nerrno = EIO\nnth = 1\ntimes = 1\n");
+    for (int n = 0; n < 2; ++n) {
+        Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+        EXPECT_EQ(user.Wait(), EIO);
+    }
+}
+
+TEST_F(Scenario, TheCommandLinesBusAndPaceGoBeforeItsOwn) {
+    WriteFile(path, "[card]\nbus = 2\n[pace]\npace = x7\n");
+    setenv("VEXO_SIM_CARD", "hosted", 1);
+    const Process host = StartHost({path, "--bus", "1", "--pace", "x3"});
+    EXPECT_THAT(StatusJson(1), HasSubstr("\"pace\": \"x3\""));
+    EXPECT_EQ(StatusJson(2), "");
+}
+
+TEST_F(Scenario, OneThatCannotBeUsedEndsTheHostWithItsFileAndLine) {
+    WriteFile(path, "[card]\nseed = 1\nhardwareversion = 3\n");
+    Process host({VEXO_SIMCARD, path}, {}, directory.Path() + "/err");
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_THAT(ReadFile(directory.Path() + "/err"), HasSubstr(path + ":3: [card] has no key hardwareversion"));
+}
+
+TEST_F(Scenario, TheEnvironmentAloneGivesAProcessACardOfThatScenario) {
+    WriteFile(path, "[fault all]\nkind = call_fails\ncall = enyx_hw_write\nerrno = ENOSPC\nnth = 1\ntimes = 0\n");
+    setenv("VEXO_SIM_SCENARIO", path.c_str(), 1);
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+    EXPECT_EQ(user.Wait(), ENOSPC);
+}
+
+TEST_F(Scenario, InTheEnvironmentOneThatCannotBeUsedLeavesTheProcessWithoutACard) {
+    setenv("VEXO_SIM_SCENARIO", path.c_str(), 1);
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"}, {}, directory.Path() + "/err");
+    EXPECT_EQ(user.Wait(), ENODEV);
+    EXPECT_THAT(ReadFile(directory.Path() + "/err"), HasSubstr("libenyx-hw-c: " + path));
+    EXPECT_THAT(ReadFile(directory.Path() + "/err"), HasSubstr("libenyx-hw-c: no simulated card.\n"));
+}
+
+}  // namespace
+}  // namespace hosted
