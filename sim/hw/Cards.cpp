@@ -52,7 +52,7 @@ Cards& Cards::instance() {
 }
 
 void Cards::decide() {
-    const char* variable = std::getenv("VEXO_SIM_CARD");
+    const char* variable = ::secure_getenv("VEXO_SIM_CARD");
     const std::string_view wish = variable != nullptr ? variable : "";
     if (wish != "" && wish != "auto" && wish != "embedded" && wish != "hosted") {
         std::fprintf(stderr, "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded or hosted: "
@@ -66,7 +66,7 @@ void Cards::decide() {
 }
 
 bool Cards::makeOwn() {
-    const char* path = std::getenv("VEXO_SIM_SCENARIO");
+    const char* path = ::secure_getenv("VEXO_SIM_SCENARIO");
     if (path == nullptr || *path == '\0')
         return powerOn(1, [](Card& card, const CardTime& now, std::uint32_t) { card.powerOn(CardConfig{}, now); }) == 0;
     std::string error;
@@ -107,12 +107,16 @@ int Cards::powerCycle(const CardConfig& config, std::uint32_t count) {
     });
 }
 
-int Cards::powerCycle(const scenario::Scenario& scenario) { return claimOwn() == 0 ? powerOn(scenario) : -1; }
+int Cards::powerCycle(const scenario::Scenario& scenario) {
+    if (claimOwn() != 0) return -1;
+    hooks::clearScripts();
+    return powerOn(scenario);
+}
 
 // A process that switches its card on before anything else does not look for hosts, unless it was told to insist.
 int Cards::claimOwn() {
     std::call_once(m_firstUse, [this] {
-        const char* wish = std::getenv("VEXO_SIM_CARD");
+        const char* wish = ::secure_getenv("VEXO_SIM_CARD");
         m_kind = wish != nullptr && std::string_view(wish) == "hosted" ? Kind::kHosted : Kind::kEmbedded;
     });
     if (m_kind == Kind::kHosted) {

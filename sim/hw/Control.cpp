@@ -1,5 +1,7 @@
+#include <cstdio>
 #include <cstring>
 
+#include "card/PacketFaults.h"
 #include "card/Registers.h"
 #include "card/Tables.h"
 #include "hw/Interface.h"
@@ -9,6 +11,7 @@
 namespace vexo_sim {
 namespace {
 
+static_assert(ENYX_SIM_FAULT_MAP_INDEX + 1 == static_cast<int>(PacketFaultKind::kEnd));
 static_assert(ENYX_SIM_MAX_CARDS == kMaxCards && ENYX_SIM_STREAMS == kStreams && ENYX_SIM_ID_SIZE == kIdCapacity);
 
 int fail(int error) {
@@ -42,6 +45,13 @@ CardConfig cardConfig(const enyx_sim_config& c) {
     config.clockOffsetSeconds = c.clock_offset_seconds;
     config.instruments = static_cast<InstrumentChoice>(c.instruments);
     config.listDate = c.list_date;
+    config.quotesPerInstrument = c.quotes_per_instrument;
+    config.burstEveryMs = c.burst_every_ms;
+    config.burstMs = c.burst_ms;
+    config.burstFactor = c.burst_factor;
+    config.pace = c.pace;
+    config.initialDate = c.initial_date;
+    config.initialSwitch = c.initial_switch;
     return config;
 }
 
@@ -90,7 +100,9 @@ void enyx_sim_default_config(enyx_sim_config* config) {
     const CardConfig c;
     *config = enyx_sim_config{1, c.seed, c.quotesPerSecond, c.learningMs, c.staticRoundMs, c.mapMessagesPerPacket,
                               c.mapRoundMs, c.mtu, c.ringBytes, c.hardwareVersion, c.verdict, c.fibreStatus,
-                              c.clockOffsetSeconds, static_cast<std::uint32_t>(c.instruments), c.listDate};
+                              c.clockOffsetSeconds, static_cast<std::uint32_t>(c.instruments), c.listDate,
+                              c.quotesPerInstrument, c.burstEveryMs, c.burstMs, c.burstFactor, c.pace, c.initialDate,
+                              c.initialSwitch};
 }
 
 int enyx_sim_power_cycle(const enyx_sim_config* config) {
@@ -99,6 +111,15 @@ int enyx_sim_power_cycle(const enyx_sim_config* config) {
         return -1;
     hooks::clearScripts();
     return 0;
+}
+
+int enyx_sim_load_scenario(const char* path, char* error, size_t size) {
+    if (path == nullptr) return fail(EINVAL);
+    std::string reason;
+    const std::optional<scenario::Scenario> wanted = scenario::load(path, reason);
+    if (!wanted && error != nullptr && size > 0) std::snprintf(error, size, "%s", reason.c_str());
+    if (!wanted) return fail(EINVAL);
+    return Cards::instance().powerCycle(*wanted);
 }
 
 int enyx_sim_advance(uint32_t card) {
@@ -208,6 +229,70 @@ int enyx_sim_set_counters(uint32_t card, uint32_t channel, const enyx_sim_counte
 int enyx_sim_busy_sends(uint32_t card, uint32_t channel, uint32_t sends) {
     return onCard(card, channel < kStreams, [=](Card& c) {
         c.state().down[channel].busySends = sends;
+        return 0;
+    });
+}
+
+int enyx_sim_hold_stream(uint32_t card, uint32_t channel, int on) {
+    return onCard(card, channel < kStreams, [=](Card& c) {
+        const std::uint32_t bit = 1U << channel;
+        std::uint32_t& held = c.state().faults.heldUp;
+        held = on != 0 ? held | bit : held & ~bit;
+        return 0;
+    });
+}
+
+int enyx_sim_stop(uint32_t card, int on) {
+    return onCard(card, true, [=](Card& c) {
+        c.stop(on != 0);
+        return 0;
+    });
+}
+
+int enyx_sim_stop_after(uint32_t card, uint64_t packets, uint32_t ms) {
+    return onCard(card, packets != kNever && ms <= kMaxMilliseconds, [=](Card& c) {
+        packet_faults::stopAfter(c.state(), packets);
+        c.stopAfterMs(ms);
+        return 0;
+    });
+}
+
+int enyx_sim_parser_counters(uint32_t card, uint32_t mode) {
+    return onCard(card, mode <= static_cast<std::uint32_t>(CounterMode::kRunning), [=](Card& c) {
+        c.state().faults.counters = static_cast<CounterMode>(mode);
+        return 0;
+    });
+}
+
+int enyx_sim_ignore_resets(uint32_t card, uint32_t times) {
+    return onCard(card, true, [=](Card& c) {
+        c.state().faults.resetsIgnored = times;
+        return 0;
+    });
+}
+
+int enyx_sim_add_packet_fault(uint32_t card, const enyx_sim_packet_fault* fault) {
+    if (fault == nullptr) return onCard(card, false, [](Card&) { return 0; });
+    const PacketFault rule{static_cast<PacketFaultKind>(fault->kind), fault->channels, fault->packets, fault->first,
+                           fault->every, fault->times, fault->per_million, fault->value, fault->message};
+    return onCard(card, isValid(rule), [=](Card& c) {
+        const int number = packet_faults::add(c.state(), rule);
+        return number >= 0 ? number : fail(ENOSPC);
+    });
+}
+
+int enyx_sim_clear_packet_faults(uint32_t card) {
+    return onCard(card, true, [](Card& c) {
+        packet_faults::clear(c.state());
+        return 0;
+    });
+}
+
+int enyx_sim_packet_fault_strikes(uint32_t card, uint32_t rule, uint64_t* strikes) {
+    return onCard(card, strikes != nullptr, [=](Card& c) {
+        const FaultState& faults = c.state().faults;
+        if (rule >= faults.count) return fail(EINVAL);
+        *strikes = faults.rules[rule].strikes;
         return 0;
     });
 }

@@ -165,7 +165,7 @@ std::optional<pid_t> CardFile::holderOf(CardPart part) const {
 }
 
 std::string cardDirectory() {
-    const char* configured = std::getenv("VEXO_SIM_DIR");
+    const char* configured = ::secure_getenv("VEXO_SIM_DIR");
     return configured != nullptr && *configured != '\0' ? configured : "/dev/shm";
 }
 

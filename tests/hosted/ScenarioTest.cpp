@@ -78,7 +78,7 @@ TEST_F(Scenario, OneThatCannotBeUsedEndsTheHostWithItsFileAndLine) {
 }
 
 TEST_F(Scenario, TheEnvironmentAloneGivesAProcessACardOfThatScenario) {
-    WriteFile(path, "[fault all]\nkind = call_fails\ncall = enyx_hw_write\nerrno = ENOSPC\nnth = 1\ntimes = 0\n");
+    WriteFile(path, "[fault all]\nkind = call_fails\ncall = enyx_hw_write\nerrno = ENOSPC\nnth = 1\ntimes = all\n");
     setenv("VEXO_SIM_SCENARIO", path.c_str(), 1);
     Process user({VEXO_CARD_USER, "write", "262", "20310305"});
     EXPECT_EQ(user.Wait(), ENOSPC);

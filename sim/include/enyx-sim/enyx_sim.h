@@ -45,6 +45,14 @@ typedef struct enyx_sim_config {
     int32_t clock_offset_seconds;     /* exchange time minus local time */
     uint32_t instruments;             /* enum enyx_sim_instruments */
     uint32_t list_date;               /* YYYYMMDD that the built-in list is made for; 0 = today */
+    uint32_t quotes_per_instrument;   /* a second, for each that has a mask, up to quotes_per_second; 0 = no limit */
+    uint32_t burst_every_ms;          /* a burst begins with the first quote and then this often; 0 = none */
+    uint32_t burst_ms;                /* how long a burst takes to fall back to the usual rate; 1 to burst_every_ms */
+    uint32_t burst_factor;            /* times the usual rate at its start, 1 to 100 */
+    uint32_t pace;                    /* the card's time runs so many times as fast, up to 1000; 0 = and quotes are
+                                         there whenever every open stream has room */
+    uint32_t initial_date;            /* YYYYMMDD in register 0x106 at power-on */
+    uint32_t initial_switch;          /* register 0x11 at power-on, 0 to 3 */
 } enyx_sim_config;
 
 /* Fills in what a card has that nobody configured. Cannot fail; null is ignored. */
@@ -54,8 +62,16 @@ void enyx_sim_default_config(enyx_sim_config *config);
  * library in a process it decides how the cards are made. Everything about the cards is forgotten, and so are scripted
  * failures; the trace stays. Open streams die: their handles only fail from then on, with EINVAL. Handles of
  * accelerators, register spaces and cores stay valid as long as the number of cards covers them. No other thread may
- * be inside an enyx_hw_ or enyx_sim_ call. */
+ * be inside an enyx_hw_ or enyx_sim_ call. EPERM: the cards are another process's, vexo-simcard hosts them; all other
+ * calls work on hosted cards too, and what they change is changed for every process. */
 int enyx_sim_power_cycle(const enyx_sim_config *config);
+
+/* The same as a scenario file says, its faults and failing calls included: one card, at the scenario's bus. EINVAL,
+ * with nothing changed and up to `size` bytes of the reason in `error` (which may be null), when the file cannot be
+ * used: "FILE:LINE: what is wrong; what to do".
+ * Without this call a process finds the card that the file named by the environment variable VEXO_SIM_SCENARIO
+ * describes; when that cannot be used, the reason goes to standard error and there is no card. */
+int enyx_sim_load_scenario(const char *path, char *error, size_t size);
 
 /* Brings the card up to the present moment, as any other call does. */
 int enyx_sim_advance(uint32_t card);
@@ -120,6 +136,71 @@ int enyx_sim_set_counters(uint32_t card, uint32_t channel, const enyx_sim_counte
 
 /* The next `sends` sends to the channel find the stream busy (EAGAIN); 0xFFFFFFFF = all of them, 0 = none any more. */
 int enyx_sim_busy_sends(uint32_t card, uint32_t channel, uint32_t sends);
+
+/* on = 1: card-to-host stream `channel` is taken by somebody else, so that nobody can open it (EBUSY); who has it
+ * open keeps it. 0: it is free again. */
+int enyx_sim_hold_stream(uint32_t card, uint32_t channel, int on);
+
+/* ---- a card that fails ---- */
+
+/* on = 1: the clock, the counters and all streams stand still; registers and tables still answer. Only a power cycle
+ * revives the card, or 0. */
+int enyx_sim_stop(uint32_t card, int on);
+/* The same after the next `packets` packets that the card sends by itself, or after `ms` milliseconds of its time,
+ * whichever is first; 0 = not for that reason. */
+int enyx_sim_stop_after(uint32_t card, uint64_t packets, uint32_t ms);
+
+enum enyx_sim_counter_mode {
+    ENYX_SIM_COUNTERS_TRUE = 0,
+    ENYX_SIM_COUNTERS_FROZEN = 1, /* they stand still, whatever is learned or forgotten */
+    ENYX_SIM_COUNTERS_RUNNING = 2 /* each gains one a millisecond */
+};
+/* How the parser counters (0x200B to 0x210E) behave. */
+int enyx_sim_parser_counters(uint32_t card, uint32_t mode);
+
+/* The next `times` resets of the root core do nothing; 0xFFFFFFFF = all of them, 0 = none any more. Register 0x10
+ * resets the card all the same. */
+int enyx_sim_ignore_resets(uint32_t card, uint32_t times);
+
+/* ---- spoiled packets ---- */
+
+enum enyx_sim_packet_fault_kind {
+    ENYX_SIM_FAULT_DROP = 0,        /* not delivered; its sequence numbers are used up */
+    ENYX_SIM_FAULT_DOUBLE = 1,      /* delivered twice */
+    ENYX_SIM_FAULT_CUT = 2,         /* ends after `value` bytes */
+    ENYX_SIM_FAULT_RUNT = 3,        /* ends after 0, 1 ... 11 bytes, one more with each packet struck */
+    ENYX_SIM_FAULT_TYPE = 4,        /* the type in the head becomes `value` */
+    ENYX_SIM_FAULT_HEAD_LENGTH = 5, /* the length in the head becomes `value` */
+    ENYX_SIM_FAULT_FLIP = 6,        /* one bit behind the head is wrong */
+    ENYX_SIM_FAULT_MAP_LENGTH = 7,  /* contract map: the length of message `message` becomes `value` */
+    ENYX_SIM_FAULT_MAP_AREA = 8,    /* contract map: the length of the message area becomes `value` */
+    ENYX_SIM_FAULT_MAP_COUNT = 9,   /* contract map: the number of learned instruments becomes `value` */
+    ENYX_SIM_FAULT_MAP_INDEX = 10   /* contract map: the index in message `message` becomes `value` */
+};
+
+#define ENYX_SIM_QUOTE_PACKETS 1
+#define ENYX_SIM_MAP_PACKETS 2
+
+/* Which of the packets that the card sends by itself are spoiled. They are counted over the rule's channels and sorts;
+ * a quote that goes to three channels is three packets. */
+typedef struct enyx_sim_packet_fault {
+    uint32_t kind;        /* enum enyx_sim_packet_fault_kind */
+    uint32_t channels;    /* bit n = channel n */
+    uint32_t packets;     /* ENYX_SIM_..._PACKETS, or both; kinds of the contract map strike that alone */
+    uint32_t first;       /* the first packet that may be struck; from 1 */
+    uint32_t every;       /* from there on each n-th; from 1 */
+    uint32_t times;       /* strikes until the rule rests; 0 = for good */
+    uint32_t per_million; /* chance of each of those packets, by the card's own generator; 1000000 = certain */
+    uint32_t value;
+    uint32_t message;     /* from 0 */
+} enyx_sim_packet_fault;
+
+/* Returns the rule's number, from 0. Rules strike in the order in which they were added. ENOSPC when there are 32. */
+int enyx_sim_add_packet_fault(uint32_t card, const enyx_sim_packet_fault *fault);
+/* Ends all rules. */
+int enyx_sim_clear_packet_faults(uint32_t card);
+/* How often a rule struck. */
+int enyx_sim_packet_fault_strikes(uint32_t card, uint32_t rule, uint64_t *strikes);
 
 /* ---- scripted failures of single calls ---- */
 
