@@ -6,6 +6,9 @@ install(FILES include/VexoZceMdApi.h include/VexoZceUtil.h DESTINATION ${CMAKE_I
 
 # The simulated card: where no loader looks by itself, so that it is never mistaken for the card's own library.
 install(TARGETS vexo_sim_hw LIBRARY DESTINATION ${VEXO_SIM_INSTALL_DIR} COMPONENT sim)
+if(TARGET vexo-simcard)
+    install(TARGETS vexo-simcard RUNTIME COMPONENT sim)
+endif()
 install(DIRECTORY sim/include/enyx-sim DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT sim)
 
 # Linking an application resolves what the library itself needs; any libenyx-hw-c does for that.

@@ -2,6 +2,7 @@
 # Installs the build into a prefix and uses it from there as a stranger would: a program built through the CMake package
 # and one built through pkg-config, each on the simulated card and, unchanged, on another hardware library.
 set -euo pipefail
+export VEXO_SIM_CARD=embedded  # whatever card is hosted on this machine
 build=$1 sources=$2 libdir=$3 no_card=$4
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
