@@ -47,9 +47,11 @@ void catchStopSignals() {
 
 // What another process hosts, shown once.
 int showStatus(const Arguments& arguments) {
-    const std::unique_ptr<HostedCard> card = HostedCard::attach(arguments.bus.value_or(0));
+    const std::uint32_t bus = arguments.bus.value_or(0);
+    const std::unique_ptr<HostedCard> card = HostedCard::attach(bus);
     if (card == nullptr)
-        return fail("no card is hosted at bus " + std::to_string(arguments.bus.value_or(0)) + ". Start one: vexo-simcard");
+        return fail("no card is hosted at bus " + std::to_string(bus) + ". Start one: vexo-simcard --bus " +
+                    std::to_string(bus));
     const CardStatus status = readStatus(card->block(), card->file());
     std::fputs((arguments.json ? toJson(status) : toText(status)).c_str(), stdout);
     return 0;
