@@ -38,7 +38,7 @@ need_packages() {
     }
 }
 
-build_packages=(g++ cmake ninja-build libiniparser-dev)
+build_packages=(g++ cmake ninja-build libiniparser-dev libcli11-dev)
 
 # build_preset PRESET [CMAKE ARGUMENT...] [-- TARGET...]
 build_preset() {

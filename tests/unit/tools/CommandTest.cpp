@@ -1,0 +1,104 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "CaptureSample.h"
+#include "Program.h"
+#include "support/TempDir.h"
+
+using namespace capture;
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+ProgramResult vexo(const std::string& words) { return runProgram(VEXO_COMMAND " " + words); }
+
+class Command : public ::testing::Test {
+protected:
+    test_support::TempDir dir;  // the working directory, too
+};
+
+}  // namespace
+
+TEST_F(Command, TellsItsVersion) { EXPECT_EQ(vexo("--version").output, "vexo " VEXO_VERSION "\n"); }
+
+TEST_F(Command, ExplainsEverySubcommand) {
+    EXPECT_EQ(vexo("--help").status, 0);
+    EXPECT_THAT(vexo("--help").output, AllOf(HasSubstr("\n  sim "), HasSubstr("\n  tap ")));
+    EXPECT_THAT(vexo("sim --help").output, HasSubstr("\n  run "));
+    EXPECT_THAT(vexo("sim run --help").output, HasSubstr("vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]"));
+    EXPECT_THAT(vexo("tap --help").output, HasSubstr("vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]"));
+}
+
+TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
+    const struct {
+        const char* words;
+        const char* text;
+    } cases[] = {
+        {"", "vexo: no subcommand: see vexo --help"},
+        {"tpa", "The following argument was not expected: tpa"},
+        {"tap", "vexo: no program to run: it stands after --"},
+        {"sim", "vexo: no subcommand: see vexo sim --help"},
+        {"sim rnu", "The following argument was not expected: rnu"},
+        {"sim run", "vexo: no program to run: it stands after --"},
+        {"sim run ./app", "The following argument was not expected: ./app"},
+        {"sim run --embedded --hosted -- true", "--embedded excludes --hosted"},
+        {"sim run --scenario none.ini -- true", "vexo: --scenario none.ini: No such file or directory"},
+        {"sim run --scenario . -- true", "vexo: --scenario .: this is a directory"},
+        {"tap --rotate 0 -- true", "--rotate: Value 0 not in range"},
+        {"tap --output none/a.pcapng -- true", "vexo: --output none/a.pcapng: there is no directory "},
+        {"tap --output . -- true", "vexo: --output .: this is a directory, not a file"},
+    };
+    for (const auto& c : cases) {
+        const ProgramResult result = vexo(c.words);
+        EXPECT_EQ(result.status, 2) << c.words;
+        EXPECT_THAT(result.output, HasSubstr(c.text)) << c.words;
+    }
+}
+
+TEST_F(Command, AProgramThatIsNotThereIsNamedAndEndsAsInAShell) {
+    const ProgramResult missing = vexo("sim run -- ./nosuch --seconds 3");
+    EXPECT_EQ(missing.status, 127);
+    EXPECT_EQ(missing.output, "vexo: ./nosuch: No such file or directory\n");
+    dir.Write("text", "no program", 0644);
+    const ProgramResult forbidden = vexo("tap -- ./text");
+    EXPECT_EQ(forbidden.status, 126);
+    EXPECT_EQ(forbidden.output, "vexo: ./text: Permission denied\n");
+}
+
+TEST_F(Command, BecomesTheProgramWithItsArgumentsAndItsExitStatus) {
+    const ProgramResult result = vexo("sim run -- sh -c 'echo $# $2; exit 7' sh --one '-- two'");
+    EXPECT_EQ(result.status, 7);
+    EXPECT_EQ(result.output, "2 -- two\n");
+}
+
+TEST_F(Command, SimRunPutsTheSimulatedCardBeforeEverythingElse) {
+    const ProgramResult result =
+        runProgram("LD_LIBRARY_PATH=/opt/other " VEXO_COMMAND " sim run -- sh -c 'echo $LD_LIBRARY_PATH'");
+    EXPECT_EQ(result.output, VEXO_SIM_DIRECTORY ":/opt/other\n");
+}
+
+TEST_F(Command, SimRunHandsOnScenarioAndKindOfCard) {
+    dir.Write("a.ini", "");
+    const std::string show = " -- sh -c 'echo \"$VEXO_SIM_SCENARIO|$VEXO_SIM_CARD\"'";
+    EXPECT_EQ(vexo("sim run" + show).output, "|\n");
+    EXPECT_EQ(vexo("sim run --scenario a.ini --embedded" + show).output, dir.Path("a.ini") + "|embedded\n");
+    EXPECT_EQ(vexo("sim run --hosted" + show).output, "|hosted\n");
+}
+
+TEST_F(Command, SimRunTakesAProgramThatWasLinkedWithAnotherCard) {
+    EXPECT_EQ(runProgram("VEXO_SIM_CARD=embedded " VEXO_TAP_APP " no-handler").status, 0);
+    const ProgramResult result = vexo("sim run -- " VEXO_SIM_APP);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("SIMULATED CARD"), HasSubstr("type 20 ")));
+}
+
+TEST_F(Command, TapWritesWhereItWasStartedWhereverTheProgramGoes) {
+    const ProgramResult result =
+        runProgram(tapSettings("ignored") + "SCRIPTED_PACKETS=4 " VEXO_COMMAND
+                   " tap --output a.pcapng -- sh -c 'cd / && exec " VEXO_TAP_APP " receive'");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(readPath(dir.Path("a.pcapng")).packetsOf("channel 3"), 4U);
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <sys/wait.h>
+
+namespace capture {
+
+/// What a shell command printed on both outputs, and how it ended.
+struct ProgramResult {
+    int status = -1;  // exit status; 128 + n when it ended by signal n
+    std::string output;
+};
+
+inline ProgramResult runProgram(const std::string& command) {
+    ProgramResult result;
+    std::FILE* pipe = ::popen(("exec 2>&1; " + command).c_str(), "r");
+    if (pipe == nullptr) return result;
+    char part[4096];
+    for (std::size_t n; (n = std::fread(part, 1, sizeof part, pipe)) > 0;) result.output.append(part, n);
+    const int status = ::pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+/// Settings before a command that loads the tap: a sanitizer's library cannot come before what is preloaded.
+inline std::string tapSettings(const std::string& file) {
+    const char* sanitizer = std::getenv("ASAN_OPTIONS");
+    return "export ASAN_OPTIONS=verify_asan_link_order=0:" + std::string(sanitizer != nullptr ? sanitizer : "") +
+           " VEXO_TAP_FILE=" + file + "; ";
+}
+
+}  // namespace capture

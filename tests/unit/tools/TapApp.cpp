@@ -1,0 +1,164 @@
+// A program that knows nothing of a tap: receives from the scripted card the way that its argument names, and prints
+// what it saw. Exit status 3: something on the card's interface was not as it has to be.
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "ScriptedCard.h"
+
+namespace {
+
+std::uint32_t g_received = 0;
+
+[[noreturn]] void fail(const char* what) {
+    std::fprintf(stderr, "%s\n", what);
+    std::exit(3);
+}
+
+struct Wanted {
+    const char* name = nullptr;
+    int index = -1;
+    int card = 0;
+};
+
+enyx_hw_filter* filterFor(const char* name, int index) {
+    enyx_hw_filter* filter = enyx_hw_filter_create();
+    if (name != nullptr) enyx_hw_filter_set_name(filter, name);
+    if (index >= 0) enyx_hw_filter_set_index(filter, static_cast<std::uint32_t>(index));
+    return filter;
+}
+
+enyx_hw_accelerator* openCard(int number) {
+    enyx_hw_filter* filter = filterFor(nullptr, number);
+    enyx_hw_accelerator_descriptor* descriptor = nullptr;
+    enyx_hw_enumerate_accelerators(filter, &descriptor, 1);
+    enyx_hw_accelerator* card = enyx_hw_accelerator_get(descriptor);
+    enyx_hw_free_accelerator_descriptors(&descriptor, 1);
+    enyx_hw_filter_destroy(filter);
+    return card;
+}
+
+enyx_hw_a2c_stream* openStream(const Wanted& wanted) {
+    enyx_hw_filter* filter = filterFor(wanted.name, wanted.index);
+    enyx_hw_a2c_stream_descriptor* descriptor = nullptr;
+    enyx_hw_accelerator_enumerate_a2c_streams(openCard(wanted.card), filter, &descriptor, 1);
+    enyx_hw_a2c_stream* stream = enyx_hw_a2c_stream_create(descriptor, nullptr);
+    enyx_hw_free_a2c_stream_descriptors(&descriptor, 1);
+    enyx_hw_filter_destroy(filter);
+    if (stream == nullptr) fail("no stream");
+    return stream;
+}
+
+void count(const std::uint8_t* data, std::uint32_t, void* context) {
+    if (data != scripted_card_packet()) fail("the packet was copied on its way");
+    if (context != &g_received) fail("the context is another one");
+    ++g_received;
+    std::uint32_t number;
+    std::memcpy(&number, data, sizeof number);
+    if (number != g_received) fail("a packet is missing");
+}
+
+void throwAtThird(const std::uint8_t* data, std::uint32_t size, void* context) {
+    count(data, size, context);
+    if (g_received % 3 == 0) throw std::runtime_error("third");
+}
+
+void exitAtThird(const std::uint8_t* data, std::uint32_t size, void* context) {
+    count(data, size, context);
+    if (g_received == 3) std::exit(0);
+}
+
+void receiveAll(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler) {
+    for (;;) {
+        const int result = enyx_hw_a2c_stream_poll_once(stream, handler, &g_received);
+        if (result == 0 && errno == EAGAIN) return;
+        if (result != 1 || errno != ERANGE) fail("a poll's result or errno is another one");
+    }
+}
+
+void receiveWithExceptions(enyx_hw_a2c_stream* stream) {
+    unsigned thrown = 0;
+    for (int result = 1; result != 0;) {
+        try {
+            result = enyx_hw_a2c_stream_poll_once(stream, throwAtThird, &g_received);
+        } catch (const std::runtime_error& error) {
+            if (std::string(error.what()) == "third") ++thrown;
+        }
+    }
+    if (thrown != g_received / 3) fail("an exception was lost");
+}
+
+// The child receives too, and ends as programs do.
+void receiveAroundFork(enyx_hw_a2c_stream* stream) {
+    enyx_hw_a2c_stream_poll_once(stream, count, &g_received);
+    const pid_t child = fork();
+    if (child < 0) fail("no fork");
+    receiveAll(stream, count);
+    if (child == 0) std::exit(0);
+    int status = -1;
+    waitpid(child, &status, 0);
+    if (status != 0) fail("the child did not end well");
+}
+
+void receiveTwice(const Wanted& wanted) {
+    for (int time = 0; time < 2; ++time) {
+        enyx_hw_a2c_stream* stream = openStream(wanted);
+        g_received = 0;
+        receiveAll(stream, count);
+        enyx_hw_a2c_stream_destroy(stream);
+    }
+}
+
+void pollWithoutHandler(enyx_hw_a2c_stream* stream) {
+    errno = 0;
+    if (enyx_hw_a2c_stream_poll_once(stream, nullptr, nullptr) != -1 || errno != EINVAL) fail("no handler, no error");
+}
+
+void accessRegisters() {
+    enyx_hw_mmio_descriptor* descriptor = nullptr;
+    enyx_hw_accelerator_enumerate_mmios(openCard(2), nullptr, &descriptor, 1);
+    enyx_hw_core* root = enyx_hw_core_tree_get_root(enyx_hw_enumerate_cores(enyx_hw_mmio_create(descriptor)));
+    enyx_hw_core* core = nullptr;
+    enyx_hw_core_enumerate(root, 474, &core, 1);
+    if (enyx_hw_core_reset(root) != 0) fail("reset");
+    const enyx_hw_register_description date{0x418, 0, 32};
+    std::uint64_t value = 0;
+    if (enyx_hw_write(core, &date, 20250115) != 0) fail("write");
+    if (enyx_hw_read(core, &date, &value) != 0 || value != 0x419) fail("read");
+    const enyx_hw_register_description bad{SCRIPTED_BAD_ADDRESS, 8, 16};
+    errno = 0;
+    if (enyx_hw_read(core, &bad, &value) != -1 || errno != EIO) fail("the failure of a read was changed");
+}
+
+[[noreturn]] void receiveAndWait(enyx_hw_a2c_stream* stream) {
+    receiveAll(stream, count);
+    std::printf("process %d\n", getpid());
+    std::fflush(stdout);
+    for (;;) pause();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string way = argc > 1 ? argv[1] : "";
+    const Wanted third{"CUSTOM_CHAN3_DATA"};
+    if (way == "receive") receiveAll(openStream(third), count);
+    if (way == "without-filter") receiveAll(openStream({}), count);
+    if (way == "by-index-on-second-card") receiveAll(openStream({nullptr, 5, 1}), count);
+    if (way == "other-name") receiveAll(openStream({"TRACE", -1, 0}), count);
+    if (way == "throw") receiveWithExceptions(openStream(third));
+    if (way == "exit-in-handler") receiveAll(openStream(third), exitAtThird);
+    if (way == "fork") receiveAroundFork(openStream(third));
+    if (way == "twice") receiveTwice(third);
+    if (way == "no-handler") pollWithoutHandler(openStream(third));
+    if (way == "registers") accessRegisters();
+    if (way == "wait") receiveAndWait(openStream(third));
+    std::printf("received %u\n", g_received);
+    return 0;
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <atomic>
+#include <cerrno>
+#include <dlfcn.h>
+#include <type_traits>
+
+namespace tap {
+
+/// A function of the hardware library behind this one, looked up when it is first called: the library may be loaded
+/// later than the tap.
+template <typename Function>
+class NextCall;
+
+template <typename Result, typename... Arguments>
+class NextCall<Result(Arguments...)> {
+public:
+    constexpr explicit NextCall(const char* name) : m_name(name) {}
+
+    Result operator()(Arguments... arguments) {
+        Function* function = m_function.load(std::memory_order_relaxed);
+        if (function == nullptr && (function = find()) == nullptr) return missing();
+        return function(arguments...);
+    }
+
+    using Function = Result(Arguments...);
+    /// The function itself; null as long as nobody called it and it was not looked for.
+    Function* known() const { return m_function.load(std::memory_order_relaxed); }
+    bool isThere() { return known() != nullptr || find() != nullptr; }
+
+private:
+
+    [[gnu::cold, gnu::noinline]] Function* find() {
+        auto* function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, m_name));
+        m_function.store(function, std::memory_order_relaxed);
+        return function;
+    }
+
+    // A program that calls what its hardware library does not have would not have started without the tap.
+    static Result missing() {
+        errno = ENOSYS;
+        if constexpr (std::is_pointer_v<Result>) {
+            return nullptr;
+        } else if constexpr (!std::is_void_v<Result>) {
+            return Result{-1};
+        }
+    }
+
+    const char* m_name;
+    std::atomic<Function*> m_function{nullptr};
+};
+
+/// Puts errno back: what the tap does must not show in it.
+class KeepErrno {
+public:
+    KeepErrno() : m_error(errno) {}
+    ~KeepErrno() { errno = m_error; }
+    KeepErrno(const KeepErrno&) = delete;
+    KeepErrno& operator=(const KeepErrno&) = delete;
+    int value() const { return m_error; }
+
+private:
+    int m_error;
+};
+
+}  // namespace tap

@@ -1,0 +1,46 @@
+#include "tap/Origins.h"
+
+namespace tap {
+namespace {
+
+// Streams are called CUSTOM_CHAN<number>_DATA.
+std::int64_t channelIn(const std::string& name) {
+    constexpr char kMark[] = "CHAN";
+    const std::size_t mark = name.find(kMark);
+    if (mark == std::string::npos) return Origin::kUnknown;
+    std::int64_t channel = Origin::kUnknown;
+    for (std::size_t i = mark + sizeof kMark - 1; i < name.size() && name[i] >= '0' && name[i] <= '9'; ++i) {
+        channel = (channel == Origin::kUnknown ? 0 : channel * 10) + (name[i] - '0');
+        if (channel > 65535) return Origin::kUnknown;
+    }
+    return channel;
+}
+
+std::string label(const Origin& stream) {
+    if (stream.index != Origin::kUnknown) return "channel " + std::to_string(stream.index);
+    return stream.name.empty() ? "stream" : "stream " + stream.name;
+}
+
+}  // namespace
+
+// A filter by name or by index finds one object. Without one, objects come in the order of their numbers.
+Origin enumerated(const Origin& filter, std::int64_t card, std::size_t n) {
+    Origin found;
+    found.card = card;
+    found.name = filter.name;
+    if (!filter.name.empty()) {
+        found.index = channelIn(filter.name);
+    } else {
+        found.index = filter.index != Origin::kUnknown ? filter.index : static_cast<std::int64_t>(n);
+    }
+    return found;
+}
+
+capture::InterfaceInfo describeStream(const Origin& stream) {
+    const bool firstCard = stream.card == 0 || stream.card == Origin::kUnknown;
+    const std::string name = firstCard ? label(stream) : "card " + std::to_string(stream.card) + " " + label(stream);
+    const std::string description = stream.name.empty() ? "card-to-host stream" : "card-to-host stream " + stream.name;
+    return {capture::kStreamLink, name, description};
+}
+
+}  // namespace tap

@@ -1,0 +1,66 @@
+#include "tap/PacketRing.h"
+
+#include <algorithm>
+#include <sys/mman.h>
+
+namespace tap {
+namespace {
+
+constexpr std::size_t kMinCapacity = 4096;
+
+std::size_t powerOfTwo(std::size_t bytes) {
+    std::size_t capacity = kMinCapacity;
+    while (capacity < bytes && capacity < PacketRing::kMaxCapacity) capacity *= 2;
+    return capacity;
+}
+
+constexpr std::size_t kPage = 4096;
+constexpr std::size_t kUsualPacket = 64 * 1024;
+
+}  // namespace
+
+PacketRing::PacketRing(std::size_t capacity) : m_capacity(powerOfTwo(capacity)), m_mask(m_capacity - 1) {
+    void* memory = ::mmap(nullptr, 2 * m_capacity, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory == MAP_FAILED) return;
+    m_bytes = static_cast<unsigned char*>(memory);
+    // All that packets of usual sizes reach; writing a zero makes the page.
+    const std::size_t touched = m_capacity + std::min<std::size_t>(m_capacity, kUsualPacket);
+    for (std::size_t at = 0; at < touched; at += kPage) static_cast<volatile unsigned char*>(m_bytes)[at] = 0;
+}
+
+PacketRing::~PacketRing() {
+    if (m_bytes != nullptr) ::munmap(m_bytes, 2 * m_capacity);
+}
+
+unsigned char* PacketRing::reserveSlowly(std::uint64_t ticks, std::uint32_t size) {
+    m_limit = m_tail.load(std::memory_order_acquire) + m_capacity;
+    unsigned char* room = reserve(ticks, size);
+    if (room == nullptr) m_lost.store(m_lost.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return room;
+}
+
+void PacketRing::put(std::uint64_t ticks, const void* data, std::uint32_t size) {
+    unsigned char* room = reserve(ticks, size);
+    if (room == nullptr) room = reserveSlowly(ticks, size);
+    if (room == nullptr) return;
+    if (size > 0) std::memcpy(room, data, size);
+    commit();
+}
+
+bool PacketRing::front(std::uint64_t limit, Record& record) const {
+    const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
+    if (tail == limit) return false;
+    const unsigned char* at = m_bytes + (tail & m_mask);
+    Prefix prefix;
+    std::memcpy(&prefix, at, sizeof prefix);
+    record = {prefix.ticks, at + sizeof prefix, static_cast<std::uint32_t>(prefix.size)};
+    return true;
+}
+
+void PacketRing::pop(const Record& record) {
+    const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
+    m_tail.store(tail + footprint(record.size), std::memory_order_release);
+}
+
+}  // namespace tap

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace tap {
+
+/// Bounded ring between the thread that polls a stream and the thread that writes the file. The poller never waits: a
+/// packet that does not fit is counted as lost. One producer, one consumer.
+///
+/// A packet always lies in one piece. One that begins before the end of the ring may reach beyond it: there is as much
+/// memory again behind the end. The bytes that it would have taken at the start stay unused.
+class PacketRing {
+public:
+    static constexpr std::size_t kMaxCapacity = std::size_t{4} << 30;
+
+    struct Record {
+        std::uint64_t ticks;
+        const unsigned char* data;
+        std::uint32_t size;
+    };
+
+    /// @param capacity  bytes, rounded up to a power of two; the memory is touched here, so that the poller never has to
+    explicit PacketRing(std::size_t capacity);
+    ~PacketRing();
+    PacketRing(const PacketRing&) = delete;
+    PacketRing& operator=(const PacketRing&) = delete;
+
+    /// False when there was no memory; nothing else may be called then.
+    bool isUsable() const { return m_bytes != nullptr; }
+
+    // ---- producer: one packet is reserve(), its bytes, commit() ----
+    /// Where the packet's bytes go, or null when there may be no room: try reserveSlowly() then.
+    unsigned char* reserve(std::uint64_t ticks, std::uint32_t size) {
+        const std::uint64_t head = m_head.load(std::memory_order_relaxed);
+        m_end = head + footprint(size);
+        if (m_end > m_limit) return nullptr;
+        unsigned char* at = m_bytes + (head & m_mask);
+        const Prefix prefix{ticks, size};
+        std::memcpy(at, &prefix, sizeof prefix);
+        return at + sizeof prefix;
+    }
+    /// The same after a look at how far the consumer is. Null: there is no room, the packet is counted as lost.
+    unsigned char* reserveSlowly(std::uint64_t ticks, std::uint32_t size);
+    void commit() { m_head.store(m_end, std::memory_order_release); }
+    /// All of it at once.
+    void put(std::uint64_t ticks, const void* data, std::uint32_t size);
+
+    // ---- consumer ----
+    /// Everything that was put so far lies before this position.
+    std::uint64_t published() const { return m_head.load(std::memory_order_acquire); }
+    /// The oldest packet, when it lies before @p limit.
+    bool front(std::uint64_t limit, Record& record) const;
+    void pop(const Record& record);
+    /// Since the ring was made.
+    std::uint64_t lost() const { return m_lost.load(std::memory_order_relaxed); }
+
+private:
+    struct Prefix {
+        std::uint64_t ticks;
+        std::uint64_t size;
+    };
+    static_assert(sizeof(Prefix) == 16);
+
+    static constexpr std::uint64_t footprint(std::uint32_t size) {
+        return sizeof(Prefix) + ((std::uint64_t{size} + 15) & ~std::uint64_t{15});
+    }
+
+    unsigned char* m_bytes = nullptr;
+    std::uint64_t m_capacity = 0;
+    std::uint64_t m_mask = 0;
+    alignas(64) std::atomic<std::uint64_t> m_head{0};  // producer's line
+    std::uint64_t m_end = 0;    // of the packet that is being written
+    std::uint64_t m_limit = 0;  // up to where there is room, by what the producer knows of the consumer
+    std::atomic<std::uint64_t> m_lost{0};
+    alignas(64) std::atomic<std::uint64_t> m_tail{0};  // consumer's line
+};
+
+}  // namespace tap

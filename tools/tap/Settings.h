@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace tap {
+
+// Environment variables; the command `vexo tap` sets them.
+inline constexpr char kFileVariable[] = "VEXO_TAP_FILE";            // path of the first file
+inline constexpr char kRegistersVariable[] = "VEXO_TAP_REGISTERS";  // 1: register accesses too
+inline constexpr char kRotateVariable[] = "VEXO_TAP_ROTATE_MB";     // no file grows beyond; 0 = any size
+inline constexpr char kRingVariable[] = "VEXO_TAP_RING_MB";         // memory for packets on their way, a stream
+
+inline constexpr char kDefaultFile[] = "vexo.pcapng";
+inline constexpr std::uint64_t kDefaultRingMb = 16;
+inline constexpr std::uint64_t kMaxRingMb = 4096;
+inline constexpr std::uint64_t kMaxRotateMb = 1U << 20;
+inline constexpr std::uint64_t kMegabyte = 1U << 20;
+
+/// What is to be captured, and where to.
+struct Settings {
+    std::string file = kDefaultFile;
+    bool registers = false;
+    std::uint64_t rotateBytes = 0;
+    std::size_t ringBytes = kDefaultRingMb * kMegabyte;
+};
+
+/// A value that cannot be used is reported on standard error, and the default stands.
+Settings settingsFromEnvironment();
+
+}  // namespace tap

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace tap {
+
+struct Source;
+
+/// Which open stream is captured into which source. Looked up at every poll, by any thread, without a lock; changed by
+/// one thread at a time.
+class StreamTable {
+public:
+    static constexpr std::size_t kSlots = 256;
+
+    /// The first place to look; null when the stream is not there, but it may be elsewhere.
+    Source* findAtOnce(const void* stream) const {
+        const Slot& slot = m_slots[slotOf(stream)];
+        if (slot.stream.load(std::memory_order_acquire) != stream) return nullptr;
+        Source* source = slot.source.load(std::memory_order_relaxed);
+        if (source == nullptr) __builtin_unreachable();  // no stream is null, and every other one came with its source
+        return source;
+    }
+    Source* find(const void* stream) const {
+        std::size_t i = slotOf(stream);
+        for (std::size_t n = 0; n < kSlots; ++n, i = (i + 1) % kSlots) {
+            const void* found = m_slots[i].stream.load(std::memory_order_acquire);
+            if (found == stream) return m_slots[i].source.load(std::memory_order_relaxed);
+            if (found == empty()) return nullptr;
+        }
+        return nullptr;
+    }
+
+    /// @return false when the table is full.
+    bool insert(const void* stream, Source* source) {
+        std::size_t i = slotOf(stream);
+        for (std::size_t n = 0; n < kSlots; ++n, i = (i + 1) % kSlots) {
+            const void* found = m_slots[i].stream.load(std::memory_order_relaxed);
+            if (found != empty() && found != removed()) continue;
+            m_slots[i].source.store(source, std::memory_order_relaxed);
+            m_slots[i].stream.store(stream, std::memory_order_release);
+            return true;
+        }
+        return false;
+    }
+
+    /// @return what the stream was captured into, or null.
+    Source* remove(const void* stream) {
+        for (Slot& slot : m_slots) {
+            if (slot.stream.load(std::memory_order_relaxed) != stream) continue;
+            slot.stream.store(removed(), std::memory_order_release);
+            return slot.source.load(std::memory_order_relaxed);
+        }
+        return nullptr;
+    }
+
+    void clear() {
+        for (Slot& slot : m_slots) slot.stream.store(empty(), std::memory_order_release);
+    }
+
+private:
+    // Neither is an address of anything, nor null: a program's null stream is not found.
+    static constexpr std::uintptr_t kEmpty = 1;
+    static constexpr std::uintptr_t kRemoved = 2;  // a search must go on behind it
+    static const void* empty() { return reinterpret_cast<const void*>(kEmpty); }
+    static const void* removed() { return reinterpret_cast<const void*>(kRemoved); }
+
+    struct Slot {
+        std::atomic<const void*> stream{empty()};
+        std::atomic<Source*> source{nullptr};
+    };
+
+    static std::size_t slotOf(const void* stream) { return (reinterpret_cast<std::uintptr_t>(stream) >> 4) % kSlots; }
+
+    std::array<Slot, kSlots> m_slots;
+};
+
+}  // namespace tap

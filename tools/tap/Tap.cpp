@@ -1,0 +1,207 @@
+#include "tap/Tap.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <memory>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/utsname.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+#include "tap/Report.h"
+#include "tap/Version.h"
+
+namespace tap {
+
+StreamTable g_streams;
+
+namespace {
+
+constexpr auto kIdle = std::chrono::milliseconds(1);
+constexpr auto kFlushEvery = std::chrono::milliseconds(100);
+
+struct Capture {
+    Capture(const Settings& s, capture::CaptureFiles::Settings files) : settings(s), recorder(s, std::move(files)) {}
+
+    Settings settings;
+    Recorder recorder;
+    std::mutex registerMutex;  // register accesses come from any thread; they are rare
+    Source* registers = nullptr;
+    std::atomic<bool> ending{false};
+    std::thread writer;
+};
+
+enum class State { kNotBegun, kRunning, kOff };
+
+// Never deleted while the process lives: a poll or an access may be under way while it ends.
+std::atomic<Capture*> g_capture{nullptr};
+std::atomic<State> g_state{State::kNotBegun};
+std::mutex g_beginMutex;
+std::mutex g_streamsMutex;  // changes of g_streams
+cpu_set_t g_cpusAtStart;    // before the application pinned a thread
+bool g_cpusKnown = false;
+
+std::string hardwareName() {
+    Dl_info info{};
+    void* call = ::dlsym(RTLD_NEXT, "enyx_hw_a2c_stream_poll_once");
+    const bool simulated = ::dlsym(RTLD_DEFAULT, "enyx_sim_is_simulated") != nullptr;
+    const std::string kind = simulated ? "simulated card" : "card";
+    if (call == nullptr || ::dladdr(call, &info) == 0 || info.dli_fname == nullptr) return kind;
+    return kind + " behind " + info.dli_fname;
+}
+
+std::string osName() {
+    utsname name{};
+    if (::uname(&name) != 0) return "";
+    return std::string(name.sysname) + " " + name.release + " " + name.machine;
+}
+
+std::string applicationName() {
+    return std::string(program_invocation_short_name) + " (process " + std::to_string(::getpid()) +
+           "), captured by vexo tap " + kVersion;
+}
+
+capture::CaptureFiles::Settings fileSettings(const Settings& settings) {
+    capture::CaptureFiles::Settings files;
+    files.path = settings.file;
+    files.rotateBytes = settings.rotateBytes;
+    files.section = {hardwareName(), osName(), applicationName()};
+    files.report = report;
+    return files;
+}
+
+void runWriter(Capture& capture) {
+    ::pthread_setname_np(::pthread_self(), "vexo-tap");
+    if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
+    capture.recorder.startClock();
+    auto flushed = std::chrono::steady_clock::now();
+    while (!capture.ending.load(std::memory_order_acquire)) {
+        if (!capture.recorder.drain()) std::this_thread::sleep_for(kIdle);
+        const auto now = std::chrono::steady_clock::now();
+        if (now - flushed < kFlushEvery) continue;
+        capture.recorder.flush();
+        flushed = now;
+    }
+    capture.recorder.finish();
+}
+
+// The application's signals are the application's business: none of its handlers may run in the writer.
+bool startWriter(Capture& capture) {
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    bool started = true;
+    try {
+        capture.writer = std::thread([&capture] { runWriter(capture); });
+    } catch (const std::system_error& error) {
+        report(std::string("cannot start the writer: ") + error.what() + "; nothing is captured");
+        started = false;
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return started;
+}
+
+void tellResult(const Capture& capture) {
+    const capture::CaptureFiles& files = capture.recorder.files();
+    report(std::to_string(files.written()) + " packets in " + std::to_string(files.files()) + " file(s), " +
+           std::to_string(files.lost()) + " lost");
+}
+
+// Calls that come from now on go straight to the card.
+bool turnOff() {
+    const bool wasRunning = g_state.exchange(State::kOff) == State::kRunning;
+    g_streams.clear();
+    origins().end();
+    return wasRunning;
+}
+
+// The child of a fork has no writer, and its parent's file is none of its business.
+void stopInChild() { turnOff(); }
+
+void begin() {
+    const std::lock_guard<std::mutex> lock(g_beginMutex);
+    if (g_state.load() != State::kNotBegun) return;
+    clock_ticks::choose();
+    ::pthread_atfork(nullptr, nullptr, stopInChild);
+    const Settings settings = settingsFromEnvironment();
+    auto capture = std::make_unique<Capture>(settings, fileSettings(settings));
+    if (settings.registers) {
+        capture->registers = capture->recorder.add({capture::kRegisterLink, "registers", "register accesses"});
+        if (capture->registers == nullptr) report("no memory for register accesses: they are not captured");
+    }
+    if (startWriter(*capture)) {
+        g_capture.store(capture.release());
+        g_state.store(State::kRunning);
+    } else {
+        g_state.store(State::kOff);
+    }
+}
+
+Capture* running() {
+    if (g_state.load(std::memory_order_acquire) == State::kNotBegun) begin();
+    return g_state.load(std::memory_order_acquire) == State::kRunning ? g_capture.load() : nullptr;
+}
+
+[[gnu::constructor]] void rememberCpus() {
+    g_cpusKnown = ::sched_getaffinity(0, sizeof g_cpusAtStart, &g_cpusAtStart) == 0;
+}
+
+// At exit: what is in the rings is written, and the file ended.
+[[gnu::destructor]] void end() {
+    if (!turnOff()) return;
+    Capture& capture = *g_capture.load();
+    capture.ending.store(true, std::memory_order_release);
+    capture.writer.join();
+    tellResult(capture);
+}
+
+}  // namespace
+
+// Handles may be made while other libraries start and be forgotten while they end: never destroyed.
+Origins& origins() {
+    static auto* all = new Origins;
+    return *all;
+}
+
+void openStream(const void* stream, const Origin& origin) {
+    Capture* capture = running();
+    if (capture == nullptr) return;
+    const capture::InterfaceInfo info = describeStream(origin);
+    Source* source = capture->recorder.add(info);
+    const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    g_streams.remove(stream);
+    if (source == nullptr || !g_streams.insert(stream, source)) {
+        report("no memory or no room for " + info.name + ": it is not captured");
+    }
+}
+
+void closeStream(const void* stream) {
+    if (g_state.load(std::memory_order_acquire) != State::kRunning) return;
+    const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    Source* source = g_streams.remove(stream);
+    if (source != nullptr) Recorder::release(*source);
+}
+
+bool recordsRegisters() {
+    if (g_state.load(std::memory_order_acquire) == State::kOff) return false;
+    static const bool wanted = settingsFromEnvironment().registers;
+    if (!wanted) return false;
+    const Capture* capture = running();
+    return capture != nullptr && capture->registers != nullptr;
+}
+
+void recordAccess(std::uint64_t startTicks, const capture::RegisterAccess& access) {
+    Capture* capture = running();
+    if (capture == nullptr) return;
+    const std::lock_guard<std::mutex> lock(capture->registerMutex);
+    capture->registers->ring.put(startTicks, &access, sizeof access);
+}
+
+}  // namespace tap

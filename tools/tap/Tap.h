@@ -1,0 +1,25 @@
+#pragma once
+
+#include "capture/RegisterAccess.h"
+#include "tap/Origins.h"
+#include "tap/Recorder.h"
+#include "tap/StreamTable.h"
+
+/// The tap of this process: at most one capture, begun by the first stream or register access.
+namespace tap {
+
+Origins& origins();
+
+/// The streams that are captured at this moment.
+[[gnu::visibility("hidden")]] extern StreamTable g_streams;
+
+/// Captures what @p stream delivers from now on, unless this process does not capture (any more).
+void openStream(const void* stream, const Origin& origin);
+void closeStream(const void* stream);
+
+/// Whether register accesses are to be recorded; begins the capture if need be.
+bool recordsRegisters();
+/// Records one access: @p startTicks before the call, access.durationNs in ticks.
+void recordAccess(std::uint64_t startTicks, const capture::RegisterAccess& access);
+
+}  // namespace tap

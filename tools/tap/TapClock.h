@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <x86intrin.h>
+
+namespace tap {
+
+/// The polling thread only notes the processor's time-stamp counter, one instruction; the writer's thread finds out
+/// later which time of day that was. Where the counter does not run evenly, ticks are the time of day itself.
+namespace clock_ticks {
+
+[[gnu::visibility("hidden")]] extern bool g_counterIsEven;  // set by choose(), before the first ticks()
+
+void choose();
+std::uint64_t timeOfDay();  // nanoseconds since 1970
+
+inline std::uint64_t now() { return g_counterIsEven ? __rdtsc() : timeOfDay(); }
+
+}  // namespace clock_ticks
+
+/// Turns ticks into nanoseconds since 1970: a straight line through two moments at which both clocks were read, drawn
+/// anew every millisecond, so that it follows every correction of the system's clock. For one thread.
+class WallClock {
+public:
+    /// Reads both clocks, if it is time.
+    void sample();
+    std::uint64_t at(std::uint64_t ticks) const;
+    std::uint64_t duration(std::uint64_t ticks) const;
+
+private:
+    struct Moment {
+        std::uint64_t ticks = 0;
+        std::uint64_t ns = 0;
+    };
+    static Moment readBoth();
+    bool isPlausible(double nsPerTick) const;
+
+    Moment m_last;       // where the line begins
+    Moment m_newest;     // where it ended when it was drawn
+    double m_nsPerTick = 0;
+};
+
+}  // namespace tap

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace vexo {
+
+/// A program and its arguments: the words after "--".
+using Program = std::vector<std::string>;
+
+/// What the command line asks for.
+struct Invocation {
+    Program program;
+    std::function<int()> run;  // set by the subcommand that was chosen; its result is the exit status
+};
+
+/// Ends vexo with a message on standard error.
+struct Failure : std::runtime_error {
+    Failure(int exitStatus, const std::string& text) : std::runtime_error(text), status(exitStatus) {}
+    int status;
+};
+
+// Exit statuses of vexo itself; a program that it started ends with its own. The last two are those of a shell.
+inline constexpr int kUsage = 2;
+inline constexpr int kCannotRun = 126;
+inline constexpr int kNotFound = 127;
+
+/// Adds a subcommand to @p app, which sets invocation.run when it is chosen. One source file each.
+using AddCommand = void (*)(CLI::App& app, Invocation& invocation);
+
+void addSim(CLI::App& app, Invocation& invocation);
+void addTap(CLI::App& app, Invocation& invocation);
+
+}  // namespace vexo

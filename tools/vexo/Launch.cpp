@@ -1,0 +1,37 @@
+#include "Launch.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace vexo {
+
+void requireProgram(const Program& program) {
+    if (program.empty()) throw Failure(kUsage, "no program to run: it stands after --, as in: -- ./app app.ini");
+}
+
+void prepend(const char* variable, const std::filesystem::path& path) {
+    const std::string text = path.string();
+    if (text.find_first_of(":; \t") != std::string::npos) {
+        throw Failure(kCannotRun, text + ": a blank, a colon or a semicolon in this path would mislead the loader");
+    }
+    const char* before = std::getenv(variable);
+    set(variable, before != nullptr && *before != '\0' ? text + ":" + before : text);
+}
+
+void set(const char* variable, const std::string& value) {
+    if (::setenv(variable, value.c_str(), 1) != 0) throw Failure(kCannotRun, std::strerror(errno));
+}
+
+void become(const Program& program) {
+    std::vector<char*> words;
+    words.reserve(program.size() + 1);
+    for (const std::string& word : program) words.push_back(const_cast<char*>(word.c_str()));
+    words.push_back(nullptr);
+    ::execvp(words[0], words.data());
+    const int error = errno;
+    throw Failure(error == ENOENT ? kNotFound : kCannotRun, program[0] + ": " + std::strerror(error));
+}
+
+}  // namespace vexo

@@ -1,0 +1,41 @@
+#include "Places.h"
+
+#include <string>
+#include <system_error>
+
+#include "Command.h"
+#include "Layout.h"
+
+namespace vexo {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path ownDirectory() {
+    std::error_code error;
+    const fs::path self = fs::read_symlink("/proc/self/exe", error);
+    if (error) throw Failure(kCannotRun, "cannot tell where vexo itself is: " + error.message());
+    return self.parent_path();
+}
+
+// @param places  relative to vexo itself
+template <std::size_t n>
+fs::path find(const char* const (&places)[n], const char* what) {
+    const fs::path own = ownDirectory();
+    std::string tried;
+    for (const char* place : places) {
+        const fs::path path = (own / place).lexically_normal();
+        std::error_code error;
+        if (fs::exists(path, error)) return path;
+        tried += "\n    " + path.string();
+    }
+    throw Failure(kCannotRun, std::string(what) + " is not installed with this vexo; it would be" + tried);
+}
+
+}  // namespace
+
+fs::path simulatedCardDirectory() { return find(layout::kSimulatedCard, "the simulated card").parent_path(); }
+
+fs::path tapLibrary() { return find(layout::kTap, "the tap"); }
+
+}  // namespace vexo

@@ -1,0 +1,63 @@
+#include <filesystem>
+#include <memory>
+
+#include "Command.h"
+#include "Launch.h"
+#include "Places.h"
+#include "tap/Settings.h"
+
+namespace vexo {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Options {
+    std::string output = tap::kDefaultFile;
+    bool registers = false;
+    std::uint64_t rotateMb = 0;
+    std::uint64_t ringMb = tap::kDefaultRingMb;
+};
+
+// The program may change its directory before the first file is made.
+fs::path absoluteOutput(const std::string& output) {
+    const fs::path path = fs::absolute(output);
+    std::error_code error;
+    if (!fs::is_directory(path.parent_path(), error)) {
+        throw Failure(kUsage, "--output " + output + ": there is no directory " + path.parent_path().string());
+    }
+    if (path.filename().empty() || fs::is_directory(path, error)) {
+        throw Failure(kUsage, "--output " + output + ": this is a directory, not a file");
+    }
+    return path;
+}
+
+int run(const Options& options, const Program& program) {
+    requireProgram(program);
+    set(tap::kFileVariable, absoluteOutput(options.output).string());
+    set(tap::kRegistersVariable, options.registers ? "1" : "0");
+    set(tap::kRotateVariable, std::to_string(options.rotateMb));
+    set(tap::kRingVariable, std::to_string(options.ringMb));
+    prepend("LD_PRELOAD", tapLibrary());
+    become(program);
+}
+
+}  // namespace
+
+void addTap(CLI::App& app, Invocation& invocation) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* tap = app.add_subcommand("tap", "Run a program and record what its card delivers, as pcapng");
+    tap->footer("Run it as:  vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]");
+    tap->add_option("--output", options->output, "File; when it exists, a number is put into its name")
+        ->capture_default_str();
+    tap->add_flag("--registers", options->registers, "Record every register access, too");
+    tap->add_option("--rotate", options->rotateMb, "Begin another file before one grows beyond so many megabytes")
+        ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRotateMb));
+    tap->add_option("--ring", options->ringMb, "Megabytes of memory for packets on their way to the file, each stream")
+        ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRingMb))
+        ->capture_default_str();
+    tap->callback([options, &invocation] {
+        invocation.run = [options, &invocation] { return run(*options, invocation.program); };
+    });
+}
+
+}  // namespace vexo
