@@ -7,6 +7,7 @@ install(FILES include/VexoZceMdApi.h include/VexoZceUtil.h DESTINATION ${CMAKE_I
 # The simulated card: where no loader looks by itself, so that it is never mistaken for the card's own library.
 install(TARGETS vexo_sim_hw LIBRARY DESTINATION ${VEXO_SIM_INSTALL_DIR} COMPONENT sim)
 install(DIRECTORY sim/include/enyx-sim DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT sim)
+install(DIRECTORY sim/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/vexo-sim COMPONENT sim)
 
 # Linking an application resolves what the library itself needs; any libenyx-hw-c does for that.
 if(ENYX_HW_ROOT)
