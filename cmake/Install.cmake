@@ -10,6 +10,7 @@ if(TARGET vexo-simcard)
     install(TARGETS vexo-simcard RUNTIME COMPONENT sim)
 endif()
 install(DIRECTORY sim/include/enyx-sim DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT sim)
+install(DIRECTORY sim/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/vexo-sim COMPONENT sim)
 
 # Linking an application resolves what the library itself needs; any libenyx-hw-c does for that.
 if(ENYX_HW_ROOT)
