@@ -8,8 +8,8 @@ source "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 
 seconds=${1:-10}
 least=2000000
-need_packages "${build_packages[@]}" libcli11-dev nlohmann-json3-dev
-build_preset release -- vexo-simcard quote_printer
+need_packages "${build_packages[@]}" "${tool_packages[@]}"
+build_preset release -DVEXO_BUILD_TOOLS=ON -- vexo-simcard quote_printer
 bin=$vexo_root/build/release
 work=$(mktemp -d)
 trap 'kill "${host:-}" 2>/dev/null || true; rm -rf "$work"' EXIT

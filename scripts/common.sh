@@ -38,7 +38,9 @@ need_packages() {
     }
 }
 
-build_packages=(g++ cmake ninja-build libiniparser-dev libcli11-dev)
+build_packages=(g++ cmake ninja-build libiniparser-dev)
+tool_packages=(libcli11-dev nlohmann-json3-dev)
+test_packages=(clang pkg-config libgtest-dev libgmock-dev binutils tshark)
 
 # build_preset PRESET [CMAKE ARGUMENT...] [-- TARGET...]
 build_preset() {

@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 
 #include "ScenarioFixture.h"
-#include "card/CardMemory.h"
+#include "card/ZeroedMemory.h"
 
 using namespace vexo_sim;
 using namespace vexo_sim::scenario;
@@ -194,8 +194,8 @@ protected:
     const CardState& state() const { return m_card.state(); }
 
     CardTime m_now{1'000'000'000, 20250303, 93000, 0};
-    CardMemory m_memory;
-    Card m_card{*m_memory.state()};
+    ZeroedMemory<CardState> m_memory;
+    Card m_card{*m_memory.get()};
 };
 
 }  // namespace
