@@ -10,16 +10,16 @@ seconds=${1:-10}
 least=2000000
 need_packages "${build_packages[@]}" "${tool_packages[@]}"
 build_preset release -DVEXO_BUILD_TOOLS=ON -- vexo-simcard quote_printer
-bin=$vexo_root/build/release
+bin=$vexo_root/build/release/bin
 work=$(mktemp -d)
 trap 'kill "${host:-}" 2>/dev/null || true; rm -rf "$work"' EXIT
 
 export VEXO_SIM_DIR=$work VEXO_SIM_CARD=hosted
 cd "$work"
-"$bin/sim/host/vexo-simcard" --pace max --quiet &
+"$bin/vexo-simcard" --pace max --quiet &
 host=$!
-until "$bin/sim/host/vexo-simcard" --json >/dev/null 2>&1; do sleep 0.1; done
-"$bin/examples/quote_printer" "$vexo_root/examples/demo.ini" --quotes 0 --seconds "$((seconds + 5))" >output.log 2>&1 || {
+until "$bin/vexo-simcard" --json >/dev/null 2>&1; do sleep 0.1; done
+"$bin/quote_printer" "$vexo_root/examples/demo.ini" --quotes 0 --seconds "$((seconds + 5))" >output.log 2>&1 || {
     cat output.log >&2
     exit 1
 }

@@ -41,7 +41,7 @@ END { for (k in seen) print "    " seen[k] " " k " in all" }'
 
 export VEXO_SIM_CARD=embedded  # whatever card is hosted on this machine
 status=0
-"$bin/examples/quote_printer" "$vexo_root/examples/demo.ini" --seconds 11 --quotes 2 |
+"$bin/bin/quote_printer" "$vexo_root/examples/demo.ini" --seconds 11 --quotes 2 |
     tee output.log | awk "$shorten" || status=$?
 
 received=$(sed -n 's/^received \([0-9]*\) quotes.*/\1/p' output.log)

@@ -23,6 +23,12 @@ bool hasMemory(HwCard& card) {
     return card.block != nullptr;
 }
 
+// The card of its own that the process was given.
+const char* scenarioPath() {
+    const char* path = ::secure_getenv("VEXO_SIM_SCENARIO");
+    return path != nullptr && *path != '\0' ? path : nullptr;
+}
+
 HwCard* makeHosted(std::uint32_t index) {
     std::unique_ptr<HostedCard> hosted = HostedCard::attach(index);
     HwCard* card = hosted != nullptr ? new (std::nothrow) HwCard : nullptr;
@@ -59,15 +65,16 @@ void Cards::decide() {
                              "no simulated card.\n", variable);
         return;
     }
-    if (wish != "embedded") attachHosted();
+    const bool mayBeHosted = wish == "hosted" || (wish != "embedded" && scenarioPath() == nullptr);
+    if (mayBeHosted) attachHosted();
     const bool found = std::any_of(std::begin(m_cards), std::end(m_cards), [](HwCard* card) { return card != nullptr; });
     if (wish == "hosted" || found) m_kind = Kind::kHosted;
     else if (makeOwn()) m_kind = Kind::kEmbedded;
 }
 
 bool Cards::makeOwn() {
-    const char* path = ::secure_getenv("VEXO_SIM_SCENARIO");
-    if (path == nullptr || *path == '\0')
+    const char* path = scenarioPath();
+    if (path == nullptr)
         return powerOn(1, [](Card& card, const CardTime& now, std::uint32_t) { card.powerOn(CardConfig{}, now); }) == 0;
     std::string error;
     const std::optional<scenario::Scenario> scenario = scenario::load(path, error);

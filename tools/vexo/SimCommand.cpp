@@ -33,7 +33,7 @@ fs::path absoluteScenario(const std::string& file) {
 int run(const Options& options, const Program& program) {
     requireProgram(program);
     if (!options.scenario.empty()) set(kScenarioVariable, absoluteScenario(options.scenario).string());
-    if (options.embedded) set(kCardVariable, "embedded");
+    if (options.embedded || !options.scenario.empty()) set(kCardVariable, "embedded");
     if (options.hosted) set(kCardVariable, "hosted");
     prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
     become(program);
@@ -46,10 +46,13 @@ void addSim(CLI::App& app, Invocation& invocation) {
     CLI::App* sim = app.add_subcommand("sim", "The simulated card");
     CLI::App* runIt = sim->add_subcommand("run", "Run a program on the simulated card instead of a real one");
     runIt->footer("Run it as:  vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]");
-    runIt->add_option("--scenario", options->scenario, "Ini file that says what the card does");
+    CLI::Option* scenario = runIt->add_option("--scenario", options->scenario,
+                                              "Ini file that says what the card of the program's own does");
     CLI::Option* embedded =
         runIt->add_flag("--embedded", options->embedded, "A card of the program's own, also when one is hosted");
-    runIt->add_flag("--hosted", options->hosted, "The card that vexo-simcard hosts, and no other")->excludes(embedded);
+    runIt->add_flag("--hosted", options->hosted, "The card that vexo-simcard hosts, and no other")
+        ->excludes(embedded)
+        ->excludes(scenario);
     runIt->callback([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });
