@@ -36,6 +36,7 @@ void forgetEverything(CardState& s) {
     for (DownStreamState& stream : s.down) stream = DownStreamState{};
     for (UpStreamState& stream : s.up) {
         stream.open = false;
+        stream.opened = 0;
         stream.packets = stream.backPressure = stream.fifoErrors = stream.errors = stream.headSequence = 0;
         stream.quoteSequence = 0;
         ring::init(stream.ring, s.config.ringBytes);
@@ -149,6 +150,7 @@ bool Card::openUp(std::uint32_t channel) {
     UpStreamState& stream = m_state.up[channel];
     if (stream.open || (m_state.faults.heldUp >> channel & 1) != 0) return false;
     stream.open = true;
+    ++stream.opened;
     contract_map::refresh(m_state);
     return true;
 }
@@ -182,6 +184,11 @@ bool Card::send(std::uint32_t channel, std::uint32_t size) {
     ++stream.packets;
     stream.bytes += size;
     return true;
+}
+
+void Card::stopQuotes() {
+    m_state.config.quotesPerSecond = 0;
+    feed::refresh(m_state);
 }
 
 void Card::pauseFeed(bool paused) {

@@ -61,6 +61,8 @@ public:
 
     /// Stops and starts all that the card sends by itself: quotes and contract-map packets.
     void pauseFeed(bool paused);
+    /// No quotes until power-on; contract-map packets go on.
+    void stopQuotes();
 
     /// Stops the card: its clock and counters stand, its streams stay silent, until it goes on or is switched off.
     /// Registers and tables still answer, as those of a card whose decoding hangs do.

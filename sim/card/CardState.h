@@ -91,6 +91,7 @@ struct FeedState {
 /// Card to host. Everything but the ring is touched only by whoever advances the card.
 struct UpStreamState {
     bool open;
+    std::uint32_t opened;        // how often, since power-on
     std::uint32_t packets;       // put into the ring
     std::uint32_t backPressure;  // lost because the ring was full
     std::uint32_t fifoErrors;

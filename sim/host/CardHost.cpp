@@ -54,7 +54,7 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
         }
         std::unique_ptr<CardHost> host(new CardHost(std::move(file), *block));
         host->describe(plan);
-        host->powerOn(plan);
+        if (!host->powerOn(plan, error)) return nullptr;
         if (host->m_file.publish(path)) return host;
         if (errno != EEXIST && errno != ENOENT) {
             error = systemError("cannot make " + path);
@@ -88,10 +88,18 @@ void CardHost::describe(const Plan& plan) {
     }
 }
 
-void CardHost::powerOn(const Plan& plan) {
+bool CardHost::powerOn(const Plan& plan, std::string& error) {
     Card card(m_block->state);
     scenario::powerOn(card, plan.scenario, m_clock.now());
+    if (!plan.scenario.replayFile.empty()) {
+        std::string problem;
+        m_replay = CardReplay::start(plan.scenario, card, problem);
+        if (m_replay == nullptr) error = problem;
+        else if (!problem.empty()) std::fprintf(stderr, "vexo-simcard: %s\n", problem.c_str());
+        if (m_replay == nullptr) return false;
+    }
     if (!plan.record.empty()) m_recorder = std::make_unique<Recorder>(plan.record, m_block->state);
+    return true;
 }
 
 // A reader that died leaves its stream open: the card would go on filling it, and at the readers' pace wait for it.
@@ -109,7 +117,9 @@ std::uint64_t CardHost::turn() {
     if (m_recorder != nullptr) m_recorder->flush();
     const BlockLock lock(*m_block);
     const CardTime now = m_clock.now();
-    const bool again = Card(m_block->state).advance(now);
+    Card card(m_block->state);
+    const bool again = card.advance(now);
+    if (m_replay != nullptr) m_replay->advance(card);
     if (m_recorder != nullptr) m_recorder->collect(m_block->state);
     closeOrphans(now.monotonicNs);
     return rest(again);
@@ -122,7 +132,8 @@ std::uint64_t CardHost::rest(bool again) {
     const CardState& s = m_block->state;
     if (s.faults.stopped) return kLongestRestNs;
     const std::uint64_t pace = std::max(s.config.pace, std::uint32_t{1});
-    const std::uint64_t wait = s.nextDueNs > s.clockNs ? (s.nextDueNs - s.clockNs) / pace : 0;
+    const std::uint64_t due = m_replay != nullptr ? std::min(s.nextDueNs, m_replay->nextDue()) : s.nextDueNs;
+    const std::uint64_t wait = due > s.clockNs ? (due - s.clockNs) / pace : 0;
     return std::clamp(wait, kShortestRestNs, kLongestRestNs);
 }
 

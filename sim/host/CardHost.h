@@ -10,6 +10,7 @@
 
 #include "host/Recorder.h"
 #include "hw/HostClock.h"
+#include "replay/CardReplay.h"
 #include "scenario/Scenario.h"
 #include "shm/CardFile.h"
 
@@ -40,7 +41,7 @@ private:
     CardHost(CardFile file, CardBlock& block) : m_file(std::move(file)), m_block(&block) {}
 
     void describe(const Plan& plan);
-    void powerOn(const Plan& plan);
+    bool powerOn(const Plan& plan, std::string& error);
     void closeOrphans(std::uint64_t nowNs);
     std::uint64_t rest(bool again);
 
@@ -50,6 +51,7 @@ private:
     std::uint64_t m_nextOrphanCheckNs = 0;
     std::uint64_t m_knocks = 0;
     std::unique_ptr<Recorder> m_recorder;
+    std::unique_ptr<CardReplay> m_replay;
 };
 
 }  // namespace vexo_sim

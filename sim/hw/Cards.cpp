@@ -153,6 +153,7 @@ int Cards::powerOn(std::uint32_t buses, SwitchOn switchOn) {
             return -1;
         }
         const BlockLock lock(*card.block);
+        card.replay.reset();
         Card state = card.card();
         card.clock.forget();
         switchOn(state, card.clock.now(), index);
@@ -165,9 +166,25 @@ int Cards::powerOn(const scenario::Scenario& scenario) {
     for (const scenario::CallFailure& failure : scenario.callFailures)
         hooks::addScript({failure.call.c_str(), failure.nth, failure.times, failure.error, failure.result ? 1 : 0,
                           failure.result.value_or(0)});
-    return powerOn(1U << scenario.bus, [&](Card& card, const CardTime& now, std::uint32_t) {
+    const int result = powerOn(1U << scenario.bus, [&](Card& card, const CardTime& now, std::uint32_t) {
         scenario::powerOn(card, scenario, now);
     });
+    return result == 0 && !scenario.replayFile.empty() ? startReplay(scenario) : result;
+}
+
+// A card that has nothing to deliver is no card: its user wants that capture.
+int Cards::startReplay(const scenario::Scenario& scenario) {
+    HwCard& own = m_own[scenario.bus];
+    const BlockLock lock(*own.block);
+    Card card = own.card();
+    std::string problem;
+    own.replay = CardReplay::start(scenario, card, problem);
+    if (!problem.empty()) std::fprintf(stderr, "libenyx-hw-c: %s\n", problem.c_str());
+    if (own.replay != nullptr) return 0;
+    m_cards[scenario.bus] = nullptr;
+    own.accelerator.alive = false;
+    errno = EINVAL;
+    return -1;
 }
 
 }  // namespace vexo_sim

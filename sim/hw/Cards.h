@@ -10,6 +10,7 @@
 #include "card/ZeroedMemory.h"
 #include "hw/Handles.h"
 #include "hw/HostClock.h"
+#include "replay/CardReplay.h"
 #include "scenario/Scenario.h"
 #include "shm/CardBlock.h"
 #include "shm/HostedCard.h"
@@ -30,7 +31,16 @@ struct HwCard {
     HostClock clock;
     enyx_hw_accelerator accelerator;
 
+    std::unique_ptr<CardReplay> replay;  // of a card of one's own; a hosted card is the host's to advance
+
     Card card() { return Card(block->state); }
+    /// Lets a card of one's own do what is due. Its state must be locked.
+    void bringUpToDate() {
+        if (hosted != nullptr) return;
+        Card own = card();
+        own.advance(clock.now());
+        if (replay != nullptr) replay->advance(own);
+    }
     /// False when the card's host has died: registers no longer answer, streams stay idle.
     bool responds() const { return hosted == nullptr || hosted->isHostAlive(); }
 };
@@ -50,7 +60,7 @@ public:
         kAsItIs,   // for what does not depend on the time, and must not cost a look at the clock
     };
     explicit CardAccess(HwCard& card, When when = kPresent) : m_lock(*card.block), m_card(card.card()) {
-        if (when == kPresent && card.hosted == nullptr) m_card.advance(card.clock.now());
+        if (when == kPresent) card.bringUpToDate();
     }
     Card* operator->() { return &m_card; }
     Card& operator*() { return m_card; }
@@ -88,6 +98,7 @@ private:
     template <typename SwitchOn>
     int powerOn(std::uint32_t buses, SwitchOn switchOn);
     int powerOn(const scenario::Scenario& scenario);
+    int startReplay(const scenario::Scenario& scenario);
 
     std::once_flag m_firstUse;
     std::mutex m_mutex;  // over a change of the cards

@@ -154,7 +154,7 @@ private:
     {
         const BlockLock lock(*card.block, std::try_to_lock);
         if (!lock.owns()) return {};
-        card.card().advance(card.clock.now());
+        card.bringUpToDate();
     }
     return ring::peek(*stream.ring);
 }

@@ -1,5 +1,7 @@
 #include "tap/Origins.h"
 
+#include "capture/StreamPlace.h"
+
 namespace tap {
 namespace {
 
@@ -14,11 +16,6 @@ std::int64_t channelIn(const std::string& name) {
         if (channel > 65535) return Origin::kUnknown;
     }
     return channel;
-}
-
-std::string label(const Origin& stream) {
-    if (stream.index != Origin::kUnknown) return "channel " + std::to_string(stream.index);
-    return stream.name.empty() ? "stream" : "stream " + stream.name;
 }
 
 }  // namespace
@@ -37,8 +34,9 @@ Origin enumerated(const Origin& filter, std::int64_t card, std::size_t n) {
 }
 
 capture::InterfaceInfo describeStream(const Origin& stream) {
-    const bool firstCard = stream.card == 0 || stream.card == Origin::kUnknown;
-    const std::string name = firstCard ? label(stream) : "card " + std::to_string(stream.card) + " " + label(stream);
+    const auto card = static_cast<std::uint32_t>(stream.card == Origin::kUnknown ? 0 : stream.card);
+    std::string name = stream.name.empty() ? "stream" : "stream " + stream.name;
+    if (stream.index != Origin::kUnknown) name = capture::nameOf({card, static_cast<std::uint32_t>(stream.index)});
     const std::string description = stream.name.empty() ? "card-to-host stream" : "card-to-host stream " + stream.name;
     return {capture::kStreamLink, name, description};
 }

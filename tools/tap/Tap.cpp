@@ -77,8 +77,8 @@ capture::CaptureFiles::Settings fileSettings(const Settings& settings) {
 }
 
 void runWriter(Capture& capture) {
-    ::pthread_setname_np(::pthread_self(), "vexo-tap");
     if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
+    ::pthread_setname_np(::pthread_self(), "vexo-tap");
     capture.recorder.startClock();
     auto flushed = std::chrono::steady_clock::now();
     while (!capture.ending.load(std::memory_order_acquire)) {

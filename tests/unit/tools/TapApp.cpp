@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sched.h>
 #include <stdexcept>
 #include <string>
 #include <sys/wait.h>
@@ -136,6 +139,33 @@ void accessRegisters() {
     if (enyx_hw_read(core, &bad, &value) != -1 || errno != EIO) fail("the failure of a read was changed");
 }
 
+// A line of a thread's status, such as "SigBlk:"; empty while there is no thread of that name.
+std::string statusOf(const std::string& thread, const std::string& line) {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name != thread) continue;
+        std::ifstream status(task.path() / "status");
+        for (std::string text; std::getline(status, text);) {
+            if (text.rfind(line, 0) == 0) return text;
+        }
+    }
+    return "";
+}
+
+// Pins itself to one CPU before the stream is opened, as the market-data library does.
+void lookAtWriter(const Wanted& wanted) {
+    const std::string before = statusOf("vexo_tap_app", "Cpus_allowed_list:");
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    sched_setaffinity(0, sizeof one, &one);
+    openStream(wanted);
+    while (statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
+    if (statusOf("vexo-tap", "Cpus_allowed_list:") != before) fail("the writer is pinned");
+    std::printf("%s\n", statusOf("vexo-tap", "SigBlk:").c_str());
+}
+
 [[noreturn]] void receiveAndWait(enyx_hw_a2c_stream* stream) {
     receiveAll(stream, count);
     std::printf("process %d\n", getpid());
@@ -158,6 +188,7 @@ int main(int argc, char** argv) {
     if (way == "twice") receiveTwice(third);
     if (way == "no-handler") pollWithoutHandler(openStream(third));
     if (way == "registers") accessRegisters();
+    if (way == "look-at-writer") lookAtWriter(third);
     if (way == "wait") receiveAndWait(openStream(third));
     std::printf("received %u\n", g_received);
     return 0;

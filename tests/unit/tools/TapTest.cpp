@@ -130,6 +130,13 @@ TEST_F(Tap, AStreamThatIsOpenedAgainStaysTheSameInterface) {
 
 TEST_F(Tap, APollWithoutHandlerFailsAsItDoesWithoutTheTap) { EXPECT_EQ(run("no-handler").status, 0); }
 
+TEST_F(Tap, ItsWriterRunsOnTheCpusThatTheProgramHadFirstAndTakesNoSignal) {
+    const ProgramResult program = run("look-at-writer");
+    EXPECT_EQ(program.status, 0) << program.output;
+    // All but KILL and STOP, which nobody can block, and the two that the C library keeps for itself.
+    EXPECT_THAT(program.output, HasSubstr("SigBlk:\tfffffffe7ffbfeff\n"));
+}
+
 TEST_F(Tap, RecordsRegisterAccessesOnRequestOnly) {
     EXPECT_EQ(run("registers").status, 0);
     EXPECT_FALSE(std::filesystem::exists(dir.Path("a.pcapng")));

@@ -1,0 +1,220 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+
+#include "CaptureSample.h"
+#include "DrvEnyx/CardRegisters.h"
+#include "Program.h"
+#include "capture/RegisterAccess.h"
+#include "support/TempDir.h"
+
+using namespace capture;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+class Dissector : public ::testing::Test {
+protected:
+    void write(const BlockBuffer& blocks) { dir.Write("a.pcapng", text(blocks)); }
+
+    /// What tshark prints of the file on its standard output; what it says of being root goes elsewhere.
+    std::string tshark(const std::string& arguments) {
+        const ProgramResult result = runProgram("exec 2>err; HOME=" + dir.Path() + " " VEXO_TSHARK
+                                                " -X lua_script:" VEXO_DISSECTOR " -r a.pcapng " + arguments);
+        EXPECT_EQ(result.status, 0) << dir.Read("err");
+        EXPECT_THAT(dir.Read("err"), Not(HasSubstr("lua")));
+        return result.output;
+    }
+    unsigned count(const std::string& filter) {
+        const std::string lines = tshark("-Y '" + filter + "'");
+        return static_cast<unsigned>(std::count(lines.begin(), lines.end(), '\n'));
+    }
+
+    test_support::TempDir dir;
+};
+
+BlockBuffer fileWith(std::uint16_t linkType, const std::string& bytes) {
+    BlockBuffer blocks;
+    appendSection(blocks, {});
+    appendInterface(blocks, {linkType, "x", ""});
+    appendPacket(blocks, 0, 1'736'906'400'000'000'000, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    return blocks;
+}
+
+// Bytes as hexadecimal digits, blanks between them as one likes.
+std::string bytes(const std::string& digits) {
+    std::string result;
+    std::string pair;
+    for (const char digit : digits) {
+        if (digit == ' ') continue;
+        pair += digit;
+        if (pair.size() < 2) continue;
+        result += static_cast<char>(std::stoi(pair, nullptr, 16));
+        pair.clear();
+    }
+    return result;
+}
+
+std::string fileText(const char* path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+using Names = std::map<std::uint32_t, std::string>;
+
+Names namesInDissector() {
+    Names names;
+    const std::string text = fileText(VEXO_DISSECTOR);
+    const std::regex entry(R"re(\n    \[0x([0-9A-F]+)\] = "(\w+)",)re");
+    for (std::sregex_iterator i(text.begin(), text.end(), entry), end; i != end; ++i) {
+        names[static_cast<std::uint32_t>(std::stoul((*i)[1], nullptr, 16))] = (*i)[2];
+    }
+    return names;
+}
+
+// Registers of the map that stand for themselves: a line with address and direction, or a comment with it before.
+Names namesInRegisterMap() {
+    Names names;
+    std::istringstream lines(fileText(VEXO_REGISTER_MAP));
+    const std::regex constant(R"re(^inline constexpr std::uint32_t k(\w+)\s*= (0x[0-9A-Fa-f]+);)re");
+    const std::regex direction(R"re(// (RO|WO|RW)\b)re");
+    bool announced = false;
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch match;
+        const bool hasDirection = std::regex_search(line, direction);
+        if (std::regex_search(line, match, constant) && (hasDirection || announced)) {
+            names[static_cast<std::uint32_t>(std::stoul(match[2], nullptr, 16))] = match[1];
+        }
+        announced = line.rfind("//", 0) == 0 && (hasDirection || announced);
+    }
+    return names;
+}
+
+void addOutput(Names& names, std::uint32_t base, const std::string& feed) {
+    names[base + card_reg::kOutputSwitch] = feed + "OutputSwitch";
+    names[base + card_reg::kOutputDstMac] = feed + "OutputDstMac";
+    names[base + card_reg::kOutputDstMac + 1] = feed + "OutputDstMacLow";
+    names[base + card_reg::kOutputDstIp] = feed + "OutputDstIp";
+    names[base + card_reg::kOutputDstPort] = feed + "OutputDstPort";
+    names[base + card_reg::kOutputSrcMac] = feed + "OutputSrcMac";
+    names[base + card_reg::kOutputSrcMac + 1] = feed + "OutputSrcMacLow";
+    names[base + card_reg::kOutputSrcIp] = feed + "OutputSrcIp";
+    names[base + card_reg::kOutputSrcPort] = feed + "OutputSrcPort";
+}
+
+void addTable(Names& names, std::uint32_t table, const std::string& name) {
+    names[card_reg::kTables[table].command] = name + "Command";
+    names[card_reg::kTables[table].data] = name + "Data";
+    names[card_reg::kTables[table].select] = name + "Select";
+    names[card_reg::kTables[table].readBack] = name + "ReadBack";
+}
+
+}  // namespace
+
+TEST_F(Dissector, NamesTheRegistersOfTheRegisterMap) {
+    Names expected = namesInRegisterMap();
+    EXPECT_EQ(expected.size(), 15U);  // the rest of the map stands in blocks, by offset
+    addOutput(expected, card_reg::kL5Output, "L5");
+    addOutput(expected, card_reg::kL1Output, "L1");
+    unsigned counter = 0;
+    for (const std::uint32_t word : card_reg::kParserCounters) {
+        expected[word] = "ParserCounters" + std::to_string(counter++);
+    }
+    addTable(expected, card_reg::kSingleLegTable, "SingleLeg");
+    addTable(expected, card_reg::kCombinationTable, "Combination");
+    EXPECT_EQ(namesInDissector(), expected);
+}
+
+TEST_F(Dissector, ShowsEveryPacketThatAProgramOnTheSimulatedCardReceived) {
+    const ProgramResult program = runProgram(tapSettings("ignored") + VEXO_COMMAND " sim run --embedded -- " VEXO_COMMAND
+                                             " tap --registers --output a.pcapng -- " VEXO_SIM_APP);
+    ASSERT_EQ(program.status, 0) << program.output;
+    std::map<std::string, unsigned> received;
+    std::map<std::string, unsigned> shown;
+    const std::regex line(R"re((?:^|\n)type (\d+) (\d+))re");
+    for (std::sregex_iterator i(program.output.begin(), program.output.end(), line), end; i != end; ++i) {
+        received[(*i)[1]] = static_cast<unsigned>(std::stoul((*i)[2]));
+    }
+    std::istringstream types(tshark("-Y vexo -T fields -e vexo.type"));
+    for (std::string type; std::getline(types, type);) ++shown[type];
+    EXPECT_EQ(shown, received);
+    EXPECT_EQ(shown.size(), 5U);
+    EXPECT_EQ(count("vexo.simulated == 1"), received["17"] + received["18"] + received["19"] + received["20"]);
+    EXPECT_EQ(count("vexo.map.count && vexo.map.id"), received["2"]);
+    EXPECT_EQ(count("vexo.type == 18 && vexo.quote.level == 5 && vexo.quote.row == 7 && "
+                    "vexo.quote.last >= vexo.quote.lower_limit && vexo.quote.last <= vexo.quote.upper_limit"),
+              received["18"]);
+    EXPECT_EQ(count("vexo_reg.name == \"MapTransmit\" && vexo_reg.value == 1 && vexo_reg.kind == 1"), 1U);
+    EXPECT_EQ(count("vexo_reg"), 6U);
+    EXPECT_EQ(count("vexo.broken || vexo_reg.broken"), 0U);
+    EXPECT_EQ(count("frame.interface_name == \"channel 0\" && !vexo"), 0U);
+}
+
+TEST_F(Dissector, ShowsTheMessagesOfAContractMap) {
+    write(fileWith(kStreamLink, bytes("02000000 28000000 01000000 001a"
+                                      "000e 00000fa0 00 0102 5352353031"
+                                      "000c 01 0003 53504420414243")));
+    EXPECT_EQ(tshark("-T fields -E aggregator=, -e vexo.type -e vexo.length -e vexo.sequence -e vexo.map.count "
+                     "-e vexo.map.table -e vexo.map.row -e vexo.map.id"),
+              "2\t40\t1\t4000\t0,1\t258,3\tSR501,SPD ABC\n");
+    EXPECT_THAT(tshark(""), HasSubstr("VEXO 40 Contract map, 2 messages"));
+}
+
+TEST_F(Dissector, SaysWhereAContractMapIsBroken) {
+    write(fileWith(kStreamLink, bytes("02000000 1a000000 01000000 000c 000e 00000fa0 00 0102 535235")));
+    EXPECT_THAT(tshark("-V"), HasSubstr("A message of 14 bytes at byte 14"));
+    write(fileWith(kStreamLink, bytes("02000000 1a000000 01000000 0fff 000c 00000fa0 00 0102 535235")));
+    EXPECT_THAT(tshark("-V"), HasSubstr("The message area reaches past the packet"));
+}
+
+TEST_F(Dissector, ShowsPacketsOfAnotherCardWithoutGuessingAtTheirPayload) {
+    write(fileWith(kStreamLink, bytes("11000000 0102030405060708 aabbcc")));
+    EXPECT_EQ(tshark("-T fields -e vexo.type -e vexo.unread -e vexo.payload -e vexo.simulated -e vexo.length"),
+              "17\t0102030405060708\taabbcc\t\t\n");
+}
+
+TEST_F(Dissector, NoLengthOfAPacketMakesItStumble) {
+    BlockBuffer blocks;
+    appendSection(blocks, {});
+    appendInterface(blocks, {kStreamLink, "channel 0", ""});
+    appendInterface(blocks, {kRegisterLink, "registers", ""});
+    std::uint64_t packets = 0;
+    for (const char type : {'\x02', '\x11', '\x12', '\x13', '\x14', '\x15'}) {
+        std::string packet(260, '\1');
+        packet.replace(0, 4, std::string({type, 0, 0, 0}));
+        for (std::uint32_t size = 0; size <= packet.size(); ++size) {
+            appendPacket(blocks, 0, packets++, packet.data(), size);
+            appendPacket(blocks, 1, packets++, packet.data(), size);
+        }
+    }
+    write(blocks);
+    EXPECT_THAT(tshark("-V"), AllOf(HasSubstr("Too short for a packet's head"), Not(HasSubstr("Lua Error"))));
+    EXPECT_EQ(count("vexo || vexo_reg"), packets);
+}
+
+TEST_F(Dissector, ShowsARegisterAccessWithItsName) {
+    RegisterAccess access;
+    access.kind = AccessKind::kWrite;
+    access.card = 1;
+    access.core = 474;
+    access.byteAddress = std::uint64_t{card_reg::kTables[card_reg::kCombinationTable].command} * 4;
+    access.bitWidth = 32;
+    access.value = 8191 << 6 | 5;
+    access.result = -1;
+    access.error = 5;
+    access.durationNs = 1234;
+    write(fileWith(kRegisterLink, std::string(reinterpret_cast<const char*>(&access), sizeof access)));
+    EXPECT_EQ(tshark("-T fields -e vexo_reg.kind -e vexo_reg.card -e vexo_reg.core -e vexo_reg.name -e vexo_reg.register "
+                     "-e vexo_reg.bit_width -e vexo_reg.row -e vexo_reg.word -e vexo_reg.result -e vexo_reg.errno "
+                     "-e vexo_reg.duration"),
+              "1\t1\t474\tCombinationCommand\t0x00012000\t32\t8191\t5\t-1\t5\t1234\n");
+    EXPECT_THAT(tshark(""), HasSubstr("write CombinationCommand (0x12000) = 0x000000000007ffc5, failed, errno 5"));
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace capture {
+
+/// Which stream of which card an interface of a file stands for.
+struct StreamPlace {
+    std::uint32_t card = 0;  // bus number
+    std::uint32_t channel = 0;
+};
+
+/// "channel 3"; "card 1 channel 3" on any bus but 0.
+std::string nameOf(const StreamPlace& place);
+/// @return nothing when the name is none that nameOf() makes.
+std::optional<StreamPlace> placeOf(const std::string& name);
+
+}  // namespace capture
