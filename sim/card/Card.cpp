@@ -115,7 +115,10 @@ bool Card::read(std::uint64_t byteAddress, std::uint32_t bitOffset, std::uint32_
 }
 
 void Card::advance(const CardTime& now) {
-    if (m_state.faults.stopped) return;
+    if (m_state.faults.stopped) {
+        m_state.now.monotonicNs = now.monotonicNs;
+        return;
+    }
     moveClock(m_state, now);
     if (m_state.clockNs >= m_state.nextDueNs) runDue();
 }
@@ -131,6 +134,13 @@ void Card::runDue() {
         feed::advance(s);
     }
     s.faults.stopped |= last;
+}
+
+void Card::stop(bool stopped) {
+    m_state.faults.stopped = stopped;
+    if (stopped) return;
+    packet_faults::stopAfter(m_state, 0);
+    stopAfterMs(0);
 }
 
 void Card::stopAfterMs(std::uint32_t ms) {
