@@ -116,7 +116,10 @@ bool Card::read(std::uint64_t byteAddress, std::uint32_t bitOffset, std::uint32_
 }
 
 bool Card::advance(const CardTime& now) {
-    if (m_state.faults.stopped) return false;
+    if (m_state.faults.stopped) {
+        m_state.now.monotonicNs = now.monotonicNs;
+        return false;
+    }
     moveClock(m_state, now);
     return m_state.clockNs >= m_state.nextDueNs && runDue();
 }
@@ -134,6 +137,13 @@ bool Card::runDue() {
     }
     s.faults.stopped |= last;
     return more;
+}
+
+void Card::stop(bool stopped) {
+    m_state.faults.stopped = stopped;
+    if (stopped) return;
+    packet_faults::stopAfter(m_state, 0);
+    stopAfterMs(0);
 }
 
 void Card::stopAfterMs(std::uint32_t ms) {

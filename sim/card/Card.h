@@ -65,8 +65,9 @@ public:
     void stopQuotes();
 
     /// Stops the card: its clock and counters stand, its streams stay silent, until it goes on or is switched off.
-    /// Registers and tables still answer, as those of a card whose decoding hangs do.
-    void stop(bool stopped) { m_state.faults.stopped = stopped; }
+    /// Registers and tables still answer, as those of a card whose decoding hangs do. A card that goes on does not make
+    /// up for the time, and has no end ahead of it any more.
+    void stop(bool stopped);
     /// Stops it @p ms milliseconds of its own time from now; 0 = never.
     void stopAfterMs(std::uint32_t ms);
 

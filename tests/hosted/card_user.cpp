@@ -3,6 +3,8 @@
 //     card_user write WORD VALUE    writes a register; ends with 0, or with errno when there is no card
 //     card_user hold CHANNEL        opens a stream and keeps it
 //     card_user lock                takes the register core's lock, writes a line, and keeps it
+//     card_user receive COUNT       receives so many packets on channel 0; `quotes` sets the quotes of 50 rows going first
+//     card_user quotes COUNT
 //     card_user abuse SEED          uses everything in turn, for ever; ends only on an error
 
 #include <unistd.h>
@@ -45,6 +47,23 @@ void UseStream(std::mt19937& random) {
     enyx_hw_a2c_stream_destroy(stream);
 }
 
+void Count(const std::uint8_t*, std::uint32_t, void* count) { ++*static_cast<unsigned*>(count); }
+
+int Receive(bool startQuotes, unsigned count) {
+    enyx_hw_a2c_stream* stream = OpenStream(0, 0);
+    if (stream == nullptr) return errno;
+    if (startQuotes) {
+        enyx_hw_core* core = OpenRegisters(0);
+        for (std::uint32_t row = 0; row < 50; ++row) SetMask(core, row, 1);
+        Write(core, card_reg::kDecodeSwitch, 3);
+    }
+    unsigned received = 0;
+    while (received < count)
+        if (enyx_hw_a2c_stream_poll_once(stream, Count, &received) == 0) usleep(100);
+    enyx_hw_a2c_stream_destroy(stream);
+    return 0;
+}
+
 // The host may come and go meanwhile: then it waits for the next one, as its register space is the dead card's.
 [[noreturn]] void Abuse(unsigned seed) {
     std::mt19937 random(seed);
@@ -65,6 +84,7 @@ int main(int argc, char** argv) {
     const std::string what = argc > 1 ? argv[1] : "";
     if (what == "abuse" && argc == 3) Abuse(Number(argv[2]));
     if (what == "hold" && argc == 3 && OpenStream(0, Number(argv[2])) != nullptr) Keep();
+    if ((what == "quotes" || what == "receive") && argc == 3) return Receive(what == "quotes", Number(argv[2]));
     enyx_hw_core* core = OpenRegisters(0);
     if (core == nullptr) return errno;
     if (what == "write" && argc == 4) return Write(core, Number(argv[2]), Number(argv[3])) == 0 ? 0 : errno;

@@ -71,6 +71,7 @@ int RunHere(const SimulatedRun& run) {
     FollowingSpi spi;
     IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
     EXPECT_EQ(api->VexoStart(spi, "zce.ini"), 0);
+    clock.Advance(run.secondsBefore);
     for (int ms = 0; ms < run.milliseconds; ++ms) {
         for (int n = 0; n < run.pollsEach; ++n) EXPECT_NE(api->VexoRecv(), -1);
         clock.AdvanceNs(1'000'000);

@@ -13,7 +13,8 @@ struct SimulatedRun {
     int hour = 9, minute = 30, second = 0;
     std::string cardIni;     // path of the scenario
     std::string libraryIni;  // content
-    int milliseconds = 1500;  // from the end of start-up on
+    int secondsBefore = 0;    // between start-up and the first poll
+    int milliseconds = 1500;
     int pollsEach = 8;        // in each of them
 };
 

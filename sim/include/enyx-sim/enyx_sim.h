@@ -143,8 +143,8 @@ int enyx_sim_hold_stream(uint32_t card, uint32_t channel, int on);
 
 /* ---- a card that fails ---- */
 
-/* on = 1: the clock, the counters and all streams stand still; registers and tables still answer. Only a power cycle
- * revives the card, or 0. */
+/* on = 1: the clock, the counters and all streams stand still; registers and tables still answer. 0: it goes on from
+ * there, with no end ahead of it. */
 int enyx_sim_stop(uint32_t card, int on);
 /* The same after the next `packets` packets that the card sends by itself, or after `ms` milliseconds of its time,
  * whichever is first; 0 = not for that reason. */

@@ -56,9 +56,20 @@ TEST_F(CardFaults, ACardThatGoesOnDoesNotMakeUpForTheTime) {
     advanceMs(100);
     card.stop(false);
     advanceMs(0);
-    EXPECT_LE(take(0).size(), 101U);
+    EXPECT_THAT(take(0), IsEmpty());
     advanceMs(10);
     EXPECT_THAT(take(0), SizeIs(10));
+}
+
+TEST_F(CardFaults, ACardThatGoesOnHasNoEndAheadOfIt) {
+    packet_faults::stopAfter(card.state(), 5);
+    card.stopAfterMs(30);
+    advanceMs(10);
+    EXPECT_TRUE(faults().stopped);
+    card.stop(false);
+    take(0);
+    advanceMs(50);
+    EXPECT_THAT(take(0), SizeIs(50));
 }
 
 TEST_F(CardFaults, ACardStopsAfterItsLastPacketOfSo) {

@@ -96,10 +96,8 @@ TEST_F(FaultControl, ACardStopsAfterPacketsOrTime) {
     EXPECT_THAT(takeAll(stream), SizeIs(4));
     EXPECT_EQ(enyx_sim_stop(0, 0), 0);
     EXPECT_EQ(enyx_sim_stop_after(0, 0, 2), 0);
-    advanceMs(1);
-    EXPECT_FALSE(takeAll(stream).empty());
     advanceMs(500);
-    takeAll(stream);
+    EXPECT_THAT(takeAll(stream), SizeIs(10));
     advanceMs(500);
     EXPECT_THAT(takeAll(stream), IsEmpty());
     EXPECT_FAILS(enyx_sim_stop_after(0, 0, 3600001), EINVAL);

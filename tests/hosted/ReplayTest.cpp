@@ -1,0 +1,125 @@
+// A capture played again, end to end: a program with the tap in front of it, on a card that delivers what the tap of
+// another run wrote.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+#include <tuple>
+
+#include "CardAccess.h"
+#include "HostProcess.h"
+#include "capture/Reader.h"
+
+namespace hosted {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::SizeIs;
+
+constexpr std::size_t kPackets = 3000;
+
+// Name of the interface and bytes, of every packet.
+using Packets = std::vector<std::pair<std::string, std::string>>;
+
+Packets ReadCapture(const std::string& path) {
+    Packets packets;
+    std::ifstream in(path, std::ios::binary);
+    capture::Reader reader(in);
+    for (capture::Packet packet; reader.next(packet);)
+        packets.emplace_back(packet.interface->info.name, std::string(packet.data, packet.data + packet.size));
+    return packets;
+}
+
+struct HostedReplay : ::testing::Test {
+    CardDirectory directory;
+
+    void SetUp() override { setenv("VEXO_SIM_CARD", "hosted", 1); }
+    void TearDown() override { unsetenv("VEXO_SIM_CARD"); }
+
+    std::string Path(const std::string& name) const { return directory.Path() + "/" + name; }
+
+    // What card_user receives on channel 0, captured by the tap.
+    Packets CaptureRun(const std::string& file, const std::string& what) {
+        Process user({VEXO_TOOL, "tap", "--output", Path(file), "--", VEXO_CARD_USER, what, std::to_string(kPackets)}, {},
+                     Path("tap.err"));
+        EXPECT_EQ(user.Wait(), 0) << ReadFile(Path("tap.err"));
+        return ReadCapture(Path(file));
+    }
+
+    Process HostReplay(const std::string& capture, const std::string& pace) {
+        WriteFile(Path("replay.ini"), "[replay]\nfile = " + capture + "\n[pace]\npace = " + pace + "\n");
+        return StartHost({Path("replay.ini")});
+    }
+};
+
+struct AtPace : HostedReplay, ::testing::WithParamInterface<const char*> {};
+
+TEST_P(AtPace, TheCaptureOfAReplayEqualsTheCapture) {
+    Packets original;
+    {
+        const Process host = StartHost({"--pace", "x100"});
+        original = CaptureRun("original.pcapng", "quotes");
+    }
+    ASSERT_THAT(original, SizeIs(kPackets));
+    const Process host = HostReplay("original.pcapng", GetParam());
+    EXPECT_TRUE(CaptureRun("again.pcapng", "receive") == original);
+}
+
+INSTANTIATE_TEST_SUITE_P(HostedReplay, AtPace, ::testing::Values("real", "x10", "max"),
+                         [](const auto& instance) { return std::string(instance.param); });
+
+TEST_F(HostedReplay, RegistersAnswerFromTheCardsOwnModel) {
+    { const Process host = StartHost({"--pace", "x100"}); CaptureRun("original.pcapng", "quotes"); }
+    const Process host = HostReplay("original.pcapng", "max");
+    enyx_hw_core* core = OpenRegisters(0);
+    std::uint64_t version = 0;
+    EXPECT_EQ(Read(core, 0x101, version), 0);
+    EXPECT_EQ(version, 13U);
+}
+
+TEST_F(HostedReplay, OfATruncatedCaptureWhatPrecedesTheCutIsDeliveredAndTheByteIsTold) {
+    Packets original;
+    {
+        const Process host = StartHost({"--pace", "x100"});
+        original = CaptureRun("original.pcapng", "quotes");
+    }
+    const std::string bytes = ReadFile(Path("original.pcapng"));
+    WriteFile(Path("cut.pcapng"), bytes.substr(0, bytes.size() - bytes.size() / 3));
+    WriteFile(Path("replay.ini"), "[replay]\nfile = cut.pcapng\n[pace]\npace = max\n");
+    Process host({VEXO_SIMCARD, "--quiet", Path("replay.ini")}, {}, Path("host.err"));
+    ASSERT_TRUE(Eventually([] { return !StatusJson().empty(); }));
+    const Packets kept = ReadCapture(Path("cut.pcapng"));
+    ASSERT_GT(kept.size(), kPackets / 2);
+    Process user({VEXO_TOOL, "tap", "--output", Path("again.pcapng"), "--", VEXO_CARD_USER, "receive",
+                  std::to_string(kept.size())}, {}, Path("tap.err"));
+    EXPECT_EQ(user.Wait(), 0);
+    EXPECT_TRUE(ReadCapture(Path("again.pcapng")) == kept);
+    EXPECT_THAT(ReadFile(Path("host.err")), HasSubstr("cut.pcapng: at byte "));
+    EXPECT_THAT(ReadFile(Path("host.err")), HasSubstr("; what precedes it is replayed\n"));
+}
+
+TEST_F(HostedReplay, AFileThatIsNoCaptureEndsTheHostWithItsName) {
+    WriteFile(Path("text.pcapng"), "no capture at all");
+    WriteFile(Path("replay.ini"), "[replay]\nfile = text.pcapng\n");
+    Process host({VEXO_SIMCARD, Path("replay.ini")}, {}, Path("host.err"));
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_THAT(ReadFile(Path("host.err")), HasSubstr("text.pcapng: at byte 0: "));
+}
+
+TEST_F(HostedReplay, AProcessHasTheCaptureOnACardOfItsOwnToo) {
+    Packets original;
+    {
+        const Process host = StartHost({"--pace", "x100"});
+        original = CaptureRun("original.pcapng", "quotes");
+    }
+    WriteFile(Path("replay.ini"), "[replay]\nfile = original.pcapng\n[pace]\npace = max\n");
+    unsetenv("VEXO_SIM_CARD");
+    setenv("VEXO_SIM_SCENARIO", Path("replay.ini").c_str(), 1);
+    EXPECT_TRUE(CaptureRun("again.pcapng", "receive") == original);
+    unsetenv("VEXO_SIM_SCENARIO");
+}
+
+}  // namespace
+}  // namespace hosted
