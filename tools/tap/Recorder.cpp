@@ -17,6 +17,10 @@ constexpr std::uint64_t kClockNoiseNs = 100'000;
 
 }  // namespace
 
+Recorder::~Recorder() {
+    for (std::size_t i = 0; i < m_count.load(); ++i) delete m_sources[i].load();
+}
+
 Source* Recorder::add(const capture::InterfaceInfo& info) {
     const std::lock_guard<std::mutex> lock(m_addMutex);
     const std::size_t count = m_count.load(std::memory_order_relaxed);
