@@ -39,6 +39,16 @@ for program in "$work/cmake/consumer" "$work/consumer-pkgconfig"; do
     grep -q 'get acc num:0.' out || fail "the other hardware library was not asked: $(cat out)"
 done
 
+# The command-line tool finds what it loads into programs, from where it was installed.
+if [ -x "$prefix/bin/vexo" ]; then
+    status=0
+    LD_LIBRARY_PATH=$prefix/$libdir "$prefix/bin/vexo" sim run -- "$prefix/bin/vexo" tap --output tapped.pcapng -- \
+        "$work/cmake/consumer" zce.ini >out 2>err || status=$?
+    [ "$status" -eq 42 ] || fail "vexo sim run -- vexo tap ended with $status: $(cat out err)"
+    grep -q SIMULATED err || fail "vexo sim run did not choose the simulated card: $(cat err)"
+    [ -s tapped.pcapng ] || fail "vexo tap recorded nothing: $(cat err)"
+fi
+
 soname=$(readelf -d "$prefix/$libdir/libvexo_zce_md.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
 [ "$soname" = libvexo_zce_md.so.1 ] || fail "SONAME is $soname"
 if readelf -d "$prefix/$libdir/libvexo_zce_md.so" | grep -q -e RUNPATH -e RPATH; then

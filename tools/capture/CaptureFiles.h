@@ -9,9 +9,9 @@
 
 namespace capture {
 
-/// Writes packets into capture files, one after another when a size is set: FILE.pcapng, FILE.1.pcapng, ... A file that
-/// exists is never touched: the next free name is taken. Nothing is ever thrown away in silence: a packet that could not
-/// be written is counted in the statistics of its interface, and the first failure of a kind is reported.
+/// Writes packets into capture files, one after another when a size is set: FILE.pcapng, FILE.1.pcapng, ... A file
+/// that exists is never touched: the next free name is taken. Nothing is ever thrown away in silence: a packet that
+/// could not be written is counted in the statistics of its interface, and the first failure of a kind is reported.
 ///
 /// Each file stands for itself: it begins with all interfaces, and ends with the counts of the time that it covers.
 /// For one thread at a time.

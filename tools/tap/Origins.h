@@ -40,7 +40,7 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_known.erase(handle);
     }
-    /// Nothing is learned nor known any more, and no lock taken: in the child of a fork another thread may have held it.
+    /// Nothing is learned nor known any more, and no lock taken: after a fork it may be held by a thread that is gone.
     void end() { m_ended.store(true, std::memory_order_relaxed); }
 
 private:

@@ -22,7 +22,7 @@ public:
         std::uint32_t size;
     };
 
-    /// @param capacity  bytes, rounded up to a power of two; the memory is touched here, so that the poller never has to
+    /// @param capacity  bytes, rounded up to a power of two; the memory is touched here, so that no poll waits for it
     explicit PacketRing(std::size_t capacity);
     ~PacketRing();
     PacketRing(const PacketRing&) = delete;

@@ -17,6 +17,10 @@ constexpr std::uint64_t kClockNoiseNs = 100'000;
 
 }  // namespace
 
+Recorder::~Recorder() {
+    for (std::size_t i = 0; i < m_count.load(); ++i) delete m_sources[i].load();
+}
+
 Source* Recorder::add(const capture::InterfaceInfo& info) {
     const std::lock_guard<std::mutex> lock(m_addMutex);
     const std::size_t count = m_count.load(std::memory_order_relaxed);
@@ -64,9 +68,9 @@ bool Recorder::drain() {
     const bool any = left > 0;
     m_clock.sample();
     while (left > 0) {
-        Pending* oldest = std::min_element(pending.data(), pending.data() + left, [](const Pending& a, const Pending& b) {
-            return a.record.ticks < b.record.ticks;
-        });
+        Pending* oldest =
+            std::min_element(pending.data(), pending.data() + left,
+                             [](const Pending& a, const Pending& b) { return a.record.ticks < b.record.ticks; });
         write(*oldest->source, oldest->record);
         oldest->source->ring.pop(oldest->record);
         if (!oldest->source->ring.front(oldest->limit, oldest->record)) *oldest = pending[--left];

@@ -42,6 +42,10 @@ public:
 
     Recorder(const Settings& settings, capture::CaptureFiles::Settings files)
         : m_ringBytes(settings.ringBytes), m_files(std::move(files)) {}
+    /// Its sources end with it: nobody may be inside a poll of one.
+    ~Recorder();
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
 
     /// The source for an interface: a new one, or the one that the same stream left when it was closed.
     /// @return null when there is no memory or no room for another; the caller tells.
@@ -73,7 +77,7 @@ private:
 
     const std::size_t m_ringBytes;
     std::mutex m_addMutex;
-    std::array<std::atomic<Source*>, kMaxSources> m_sources{};  // never deleted: a poll may be under way at any time
+    std::array<std::atomic<Source*>, kMaxSources> m_sources{};  // filled up to m_count, and never removed
     std::atomic<std::size_t> m_count{0};
     WallClock m_clock;
     capture::CaptureFiles m_files;

@@ -134,8 +134,9 @@ TEST_F(Dissector, NamesTheRegistersOfTheRegisterMap) {
 }
 
 TEST_F(Dissector, ShowsEveryPacketThatAProgramOnTheSimulatedCardReceived) {
-    const ProgramResult program = runProgram(tapSettings("ignored") + VEXO_COMMAND " sim run --embedded -- " VEXO_COMMAND
-                                             " tap --registers --output a.pcapng -- " VEXO_SIM_APP);
+    const ProgramResult program =
+        runProgram(tapSettings("ignored") + VEXO_COMMAND " sim run --embedded -- " VEXO_COMMAND
+                   " tap --registers --output a.pcapng -- " VEXO_SIM_APP);
     ASSERT_EQ(program.status, 0) << program.output;
     std::map<std::string, unsigned> received;
     std::map<std::string, unsigned> shown;
@@ -212,9 +213,9 @@ TEST_F(Dissector, ShowsARegisterAccessWithItsName) {
     access.error = 5;
     access.durationNs = 1234;
     write(fileWith(kRegisterLink, std::string(reinterpret_cast<const char*>(&access), sizeof access)));
-    EXPECT_EQ(tshark("-T fields -e vexo_reg.kind -e vexo_reg.card -e vexo_reg.core -e vexo_reg.name -e vexo_reg.register "
-                     "-e vexo_reg.bit_width -e vexo_reg.row -e vexo_reg.word -e vexo_reg.result -e vexo_reg.errno "
-                     "-e vexo_reg.duration"),
+    EXPECT_EQ(tshark("-T fields -e vexo_reg.kind -e vexo_reg.card -e vexo_reg.core -e vexo_reg.name "
+                     "-e vexo_reg.register -e vexo_reg.bit_width -e vexo_reg.row -e vexo_reg.word "
+                     "-e vexo_reg.result -e vexo_reg.errno -e vexo_reg.duration"),
               "1\t1\t474\tCombinationCommand\t0x00012000\t32\t8191\t5\t-1\t5\t1234\n");
     EXPECT_THAT(tshark(""), HasSubstr("write CombinationCommand (0x12000) = 0x000000000007ffc5, failed, errno 5"));
 }

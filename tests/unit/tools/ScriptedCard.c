@@ -1,5 +1,5 @@
-/* A hardware library that no tool knows anything of: handles are what malloc() gives, a stream delivers numbered packets
- * as fast as they are asked for. SCRIPTED_PACKETS says how many, SCRIPTED_SIZE how long they are. */
+/* A hardware library that no tool knows anything of: handles are what malloc() gives, a stream delivers numbered
+ * packets as fast as they are asked for. SCRIPTED_PACKETS says how many, SCRIPTED_SIZE how long they are. */
 #include "ScriptedCard.h"
 
 #include <errno.h>

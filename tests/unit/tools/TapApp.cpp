@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sched.h>
 #include <stdexcept>
 #include <string>
@@ -47,11 +48,16 @@ enyx_hw_accelerator* openCard(int number) {
     return card;
 }
 
-enyx_hw_a2c_stream* openStream(const Wanted& wanted) {
+struct Destroy {
+    void operator()(enyx_hw_a2c_stream* stream) const { enyx_hw_a2c_stream_destroy(stream); }
+};
+using Stream = std::unique_ptr<enyx_hw_a2c_stream, Destroy>;
+
+Stream openStream(const Wanted& wanted) {
     enyx_hw_filter* filter = filterFor(wanted.name, wanted.index);
     enyx_hw_a2c_stream_descriptor* descriptor = nullptr;
     enyx_hw_accelerator_enumerate_a2c_streams(openCard(wanted.card), filter, &descriptor, 1);
-    enyx_hw_a2c_stream* stream = enyx_hw_a2c_stream_create(descriptor, nullptr);
+    Stream stream(enyx_hw_a2c_stream_create(descriptor, nullptr));
     enyx_hw_free_a2c_stream_descriptors(&descriptor, 1);
     enyx_hw_filter_destroy(filter);
     if (stream == nullptr) fail("no stream");
@@ -111,10 +117,8 @@ void receiveAroundFork(enyx_hw_a2c_stream* stream) {
 
 void receiveTwice(const Wanted& wanted) {
     for (int time = 0; time < 2; ++time) {
-        enyx_hw_a2c_stream* stream = openStream(wanted);
         g_received = 0;
-        receiveAll(stream, count);
-        enyx_hw_a2c_stream_destroy(stream);
+        receiveAll(openStream(wanted).get(), count);
     }
 }
 
@@ -160,7 +164,7 @@ void lookAtWriter(const Wanted& wanted) {
     CPU_ZERO(&one);
     CPU_SET(sched_getcpu(), &one);
     sched_setaffinity(0, sizeof one, &one);
-    openStream(wanted);
+    const Stream stream = openStream(wanted);
     while (statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
     if (statusOf("vexo-tap", "Cpus_allowed_list:") != before) fail("the writer is pinned");
     std::printf("%s\n", statusOf("vexo-tap", "SigBlk:").c_str());
@@ -178,18 +182,18 @@ void lookAtWriter(const Wanted& wanted) {
 int main(int argc, char** argv) {
     const std::string way = argc > 1 ? argv[1] : "";
     const Wanted third{"CUSTOM_CHAN3_DATA"};
-    if (way == "receive") receiveAll(openStream(third), count);
-    if (way == "without-filter") receiveAll(openStream({}), count);
-    if (way == "by-index-on-second-card") receiveAll(openStream({nullptr, 5, 1}), count);
-    if (way == "other-name") receiveAll(openStream({"TRACE", -1, 0}), count);
-    if (way == "throw") receiveWithExceptions(openStream(third));
-    if (way == "exit-in-handler") receiveAll(openStream(third), exitAtThird);
-    if (way == "fork") receiveAroundFork(openStream(third));
+    if (way == "receive") receiveAll(openStream(third).get(), count);
+    if (way == "without-filter") receiveAll(openStream({}).get(), count);
+    if (way == "by-index-on-second-card") receiveAll(openStream({nullptr, 5, 1}).get(), count);
+    if (way == "other-name") receiveAll(openStream({"TRACE", -1, 0}).get(), count);
+    if (way == "throw") receiveWithExceptions(openStream(third).get());
+    if (way == "exit-in-handler") receiveAll(openStream(third).get(), exitAtThird);
+    if (way == "fork") receiveAroundFork(openStream(third).get());
     if (way == "twice") receiveTwice(third);
-    if (way == "no-handler") pollWithoutHandler(openStream(third));
+    if (way == "no-handler") pollWithoutHandler(openStream(third).get());
     if (way == "registers") accessRegisters();
     if (way == "look-at-writer") lookAtWriter(third);
-    if (way == "wait") receiveAndWait(openStream(third));
+    if (way == "wait") receiveAndWait(openStream(third).get());
     std::printf("received %u\n", g_received);
     return 0;
 }
