@@ -1,5 +1,6 @@
 #include "card/StreamRing.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace vexo_sim::ring {
@@ -25,7 +26,7 @@ std::uint32_t loadSize(const RingState& ring, std::uint64_t position) {
 
 bool hasRoom(RingState& ring, std::uint64_t end) {
     if (end - ring.tailSeen <= ring.capacity) return true;
-    ring.tailSeen = ring.tail.load(std::memory_order_acquire);
+    ring.tailSeen = std::min(ring.tail.load(std::memory_order_acquire), ring.keptFrom);
     return end - ring.tailSeen <= ring.capacity;
 }
 
@@ -34,6 +35,7 @@ bool hasRoom(RingState& ring, std::uint64_t end) {
 void init(RingState& ring, std::uint32_t capacityBytes) {
     ring.capacity = capacityFor(capacityBytes);
     ring.tailSeen = ring.headSeen = ring.reserved = 0;
+    ring.keptFrom = kKeepNothing;
     ring.tail.store(0, std::memory_order_relaxed);
     ring.head.store(0, std::memory_order_release);
 }
@@ -68,6 +70,8 @@ PacketView peek(RingState& ring) {
     }
     return {ring.bytes + offsetOf(ring, tail) + kPrefix, size};
 }
+
+void keep(RingState& ring) { ring.keptFrom = ring.head.load(std::memory_order_relaxed); }
 
 PacketView next(RingState& ring, std::uint64_t& position) {
     if (loadSize(ring, position) == kWrapMarker) position += ring.capacity - offsetOf(ring, position);

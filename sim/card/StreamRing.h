@@ -14,6 +14,7 @@ struct RingState {
     alignas(64) std::atomic<std::uint64_t> head;
     std::uint64_t tailSeen;
     std::uint64_t reserved;  // where the packet being written starts
+    std::uint64_t keptFrom;  // nothing from here on is written over, taken or not; kKeepNothing: all that is taken may be
     // consumer's line
     alignas(64) std::atomic<std::uint64_t> tail;
     std::uint64_t headSeen;
@@ -27,6 +28,8 @@ struct PacketView {
     const unsigned char* data = nullptr;
     std::uint32_t size = 0;
 };
+
+inline constexpr std::uint64_t kKeepNothing = ~std::uint64_t{0};
 
 namespace ring {
 
@@ -45,13 +48,11 @@ void release(RingState& ring);
 /// Takes everything.
 void drain(RingState& ring);
 
-/// Packets put into the ring from position @p from on, the producer's own reading: visit(PacketView). Call it before
-/// the producer writes over what the reader has taken.
-/// @return where the next look begins.
+/// From now on packets stay in the ring until forEachKept() has seen them. For the producer.
+void keep(RingState& ring);
+/// The packets put since the last call or keep(), whether the reader has taken them or not: visit(PacketView).
 template <typename Visit>
-std::uint64_t forEachPut(RingState& ring, std::uint64_t from, Visit visit);
-/// Where the next packet will be put.
-inline std::uint64_t putPosition(const RingState& ring) { return ring.head.load(std::memory_order_relaxed); }
+void forEachKept(RingState& ring, Visit visit);
 
 /// Ring size for a configured number of bytes: the next power of two.
 std::uint32_t capacityFor(std::uint32_t bytes);
@@ -62,9 +63,8 @@ std::uint32_t largestPacket(std::uint32_t capacity);
 PacketView next(RingState& ring, std::uint64_t& position);
 
 template <typename Visit>
-std::uint64_t forEachPut(RingState& ring, std::uint64_t from, Visit visit) {
-    while (from != putPosition(ring)) visit(next(ring, from));
-    return from;
+void forEachKept(RingState& ring, Visit visit) {
+    while (ring.keptFrom != ring.head.load(std::memory_order_relaxed)) visit(next(ring, ring.keptFrom));
 }
 
 }  // namespace ring

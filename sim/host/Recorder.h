@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <string>
 
@@ -10,11 +9,12 @@
 namespace vexo_sim {
 
 /// The host's own record: every packet that the card puts into a stream, in a capture file, one interface a channel.
-/// Nothing of it depends on what becomes of the packet: to be compared with what a reader received.
+/// Nothing of it depends on what becomes of the packet: to be compared with what a reader received. Between two calls of
+/// collect() the card has room for one ring of packets a stream, however fast the reader is.
 class Recorder {
 public:
     /// @p path must not exist; another name is taken if it does. What goes wrong is told on standard error.
-    Recorder(const std::string& path, const CardState& s);
+    Recorder(const std::string& path, CardState& s);
     ~Recorder();
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
@@ -25,10 +25,7 @@ public:
     void flush() { m_files.flush(); }
 
 private:
-    void collect(RingState& ring, std::uint32_t channel);
-
     capture::CaptureFiles m_files;
-    std::array<std::uint64_t, kStreams> m_seen{};
 };
 
 }  // namespace vexo_sim

@@ -89,14 +89,18 @@ void Cards::attachHosted() {
     }
 }
 
-void Cards::refresh() {
+void Cards::decideOnce() {
     std::call_once(m_firstUse, [this] { decide(); });
+}
+
+void Cards::refresh() {
+    decideOnce();
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_kind == Kind::kHosted) attachHosted();
 }
 
 HwCard* Cards::find(std::uint32_t index) {
-    std::call_once(m_firstUse, [this] { decide(); });
+    decideOnce();
     HwCard* card = index < kMaxCards ? m_cards[index].load() : nullptr;
     return card != nullptr && isPresent(*card) ? card : (errno = ENODEV, nullptr);
 }

@@ -77,6 +77,8 @@ class Cards {
 public:
     static Cards& instance();
 
+    /// Decides, if that has not been done.
+    void decideOnce();
     /// Looks for hosts that came, or took the place of a dead one, since the last look.
     void refresh();
     /// Null, with errno ENODEV, when there is none at that bus.

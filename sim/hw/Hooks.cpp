@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "hw/CallTable.h"
+#include "hw/Cards.h"
 
 namespace vexo_sim {
 namespace {
@@ -33,11 +34,6 @@ Watch& watch() {
     return instance;
 }
 
-void setActive(unsigned bit, bool on) {
-    if (on) hooks::g_active.fetch_or(bit);
-    else hooks::g_active.fetch_and(~bit);
-}
-
 bool isScriptable(const CallEntry& entry, const enyx_sim_failure& failure) {
     if (failure.call == nullptr || std::strcmp(entry.name, failure.call) != 0) return false;
     return canFail(entry, failure.has_result != 0);
@@ -58,7 +54,18 @@ const char* nameOf(Call call) { return kCalls[static_cast<std::size_t>(call)].na
 
 namespace hooks {
 
-std::atomic<unsigned> g_active{0};
+std::atomic<unsigned> g_active{kFirstCall};
+
+void setActive(unsigned bit, bool on) {
+    if (on) g_active.fetch_or(bit);
+    else g_active.fetch_and(~bit);
+}
+
+void beforeFirstCall() {
+    if ((g_active.load(std::memory_order_relaxed) & kFirstCall) == 0) return;
+    Cards::instance().decideOnce();
+    setActive(kFirstCall, false);
+}
 
 int addScript(const enyx_sim_failure& failure) {
     const auto* entry = std::find_if(std::begin(kCalls), std::end(kCalls),

@@ -39,7 +39,12 @@ struct Outcome {
 
 inline constexpr unsigned kScripts = 1;
 inline constexpr unsigned kTrace = 2;
-extern std::atomic<unsigned> g_active;  // which of the two is in use: calls look no further while neither is
+inline constexpr unsigned kFirstCall = 4;  // no call was made yet: what the card is may bring scripts with it
+extern std::atomic<unsigned> g_active;     // which of these is so: calls look no further while none is
+
+/// Decides what cards the process has, if that is still open; the scripts that come with them count this call too.
+void beforeFirstCall();
+void setActive(unsigned bit, bool on);
 
 int addScript(const enyx_sim_failure& failure);
 void clearScripts();
@@ -82,6 +87,7 @@ void traceResult(TraceLine& line, Result result) {
 template <typename Work, typename Describe>
 [[gnu::noinline, gnu::cold]] auto performWatched(Call call, Work& work, Describe& describe) -> decltype(work()) {
     using Result = decltype(work());
+    hooks::beforeFirstCall();
     const std::optional<hooks::Outcome> outcome = hooks::next(call);
     const Result result = outcome ? failed<Result>(call, *outcome) : work();
     if ((hooks::g_active.load(std::memory_order_relaxed) & hooks::kTrace) != 0) {
@@ -104,6 +110,7 @@ auto perform(Call call, Work work, Describe describe) -> decltype(work()) {
 template <typename Work, typename Describe>
 ssize_t performCount(Call call, std::size_t room, Work work, Describe describe) {
     if (hooks::g_active.load(std::memory_order_relaxed) == 0) return work(room);
+    hooks::beforeFirstCall();
     const auto scripted = [&]() -> ssize_t {
         const std::optional<hooks::Outcome> outcome = hooks::next(call);
         if (!outcome) return work(room);
@@ -123,7 +130,7 @@ ssize_t performCount(Call call, std::size_t room, Work work, Describe describe) 
 /// The same for a call without a result, which cannot be scripted.
 template <typename Work, typename Describe>
 void performVoid(Call call, Work work, Describe describe) {
-    if (hooks::g_active.load(std::memory_order_relaxed) != 0) {
+    if ((hooks::g_active.load(std::memory_order_relaxed) & hooks::kTrace) != 0) {
         TraceLine line(nameOf(call));
         describe(line);
         hooks::emit(line);

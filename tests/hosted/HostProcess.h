@@ -59,7 +59,8 @@ std::string GroupName();
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);
 
-/// Looks again and again until @p condition holds; false after half a minute.
+/// Looks again and again until @p condition holds. False after many minutes: a machine may be slow, a condition that
+/// never holds must not hang the test.
 template <typename Condition>
 bool Eventually(Condition condition);
 
@@ -67,7 +68,7 @@ void ShortPause();
 
 template <typename Condition>
 bool Eventually(Condition condition) {
-    for (int look = 0; look < 6000; ++look) {
+    for (int look = 0; look < 100'000; ++look) {
         if (condition()) return true;
         ShortPause();
     }

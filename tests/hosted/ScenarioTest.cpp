@@ -62,6 +62,19 @@ TEST_F(Scenario, ACallThatFailsFailsInEachProcessOnTheCard) {
     }
 }
 
+TEST_F(Scenario, EvenTheFirstCallOfAProcessMayFail) {
+    const std::string fault = "[fault none]\nkind = call_fails\ncall = enyx_hw_enumerate_accelerators\nerrno = EIO\n";
+    {
+        const Process host = Host(fault);
+        Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+        EXPECT_EQ(user.Wait(), EIO);
+    }
+    setenv("VEXO_SIM_CARD", "embedded", 1);
+    setenv("VEXO_SIM_SCENARIO", path.c_str(), 1);
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+    EXPECT_EQ(user.Wait(), EIO);
+}
+
 TEST_F(Scenario, TheCommandLinesBusAndPaceGoBeforeItsOwn) {
     WriteFile(path, "[card]\nbus = 2\n[pace]\npace = x7\n");
     setenv("VEXO_SIM_CARD", "hosted", 1);
