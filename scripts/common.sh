@@ -39,6 +39,8 @@ need_packages() {
 }
 
 build_packages=(g++ cmake ninja-build libiniparser-dev)
+# What the tools need on top, unless -DVEXO_BUILD_TOOLS=OFF.
+tool_packages=(libcli11-dev nlohmann-json3-dev)
 
 # build_preset PRESET [CMAKE ARGUMENT...] [-- TARGET...]
 build_preset() {

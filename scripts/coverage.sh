@@ -3,7 +3,7 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-need_packages "${build_packages[@]}" clang pkg-config libgtest-dev libgmock-dev binutils gcovr
+need_packages "${build_packages[@]}" "${tool_packages[@]}" clang pkg-config libgtest-dev libgmock-dev binutils gcovr
 build_preset coverage
 cd "$vexo_root"
 find build/coverage -name '*.gcda' -delete

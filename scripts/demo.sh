@@ -6,7 +6,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 need_packages "${build_packages[@]}"
 echo "Building (a minute or two the first time) ..."
-build_preset release -DBUILD_TESTING=OFF -- quote_printer
+build_preset release -DBUILD_TESTING=OFF -DVEXO_BUILD_TOOLS=OFF -- quote_printer
 
 bin=$vexo_root/build/release
 run_dir=${VEXO_DEMO_DIR:-$vexo_root/run/demo}

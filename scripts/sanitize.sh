@@ -3,7 +3,7 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-need_packages "${build_packages[@]}" clang pkg-config libgtest-dev libgmock-dev binutils
+need_packages "${build_packages[@]}" "${tool_packages[@]}" clang pkg-config libgtest-dev libgmock-dev binutils
 for preset in asan tsan; do
     echo "Building and testing: $preset ..."
     build_preset "$preset"

@@ -3,8 +3,8 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-need_packages "${build_packages[@]}" clang pkg-config libgtest-dev libgmock-dev binutils
+need_packages "${build_packages[@]}" "${tool_packages[@]}" clang pkg-config libgtest-dev libgmock-dev binutils
 echo "Building (some minutes the first time) ..."
-build_preset release -DBUILD_TESTING=ON
+build_preset release -DBUILD_TESTING=ON -DVEXO_BUILD_TOOLS=ON
 cd "$vexo_root"
 ctest --preset release -j2 "$@"
