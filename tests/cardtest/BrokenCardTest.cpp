@@ -87,7 +87,8 @@ TEST_P(BrokenHostedCard, FailsTheCheckOfThatPromiseOnly) {
 INSTANTIATE_TEST_SUITE_P(Breaking, BrokenHostedCard, ::testing::ValuesIn(kBreakableAmongProcesses), TestName);
 
 TEST_F(BrokenEmbeddedCard, ThatHangsFailsTheCheckThatItHangs) {
-    const Outcome run = RunBroken("c2a-mtu hang", {"--json", "--seconds", "1", "--limit", "2", "--only", "c2a-mtu", "core-root"});
+    const Outcome run = RunBroken("c2a-mtu hang",
+                                  {"--json", "--seconds", "1", "--limit", "2", "--only", "c2a-mtu", "core-root"});
     EXPECT_THAT(run.Checks("fail"), ElementsAre("c2a-mtu"));
     EXPECT_THAT(run.output, HasSubstr("\"no end within 2 s\""));
     EXPECT_THAT(run.Checks("pass"), ElementsAre("core-root"));

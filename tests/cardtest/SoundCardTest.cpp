@@ -117,7 +117,8 @@ TEST_F(HostedCard, ThatSendsByItselfShowsItsPacketsWithoutWriting) {
     enyx_hw_core* core = hosted::OpenRegisters(0);
     for (std::uint32_t row = 0; row < 500; ++row) hosted::SetMask(core, row, 1U << 15);
     hosted::Write(core, card_reg::kDecodeSwitch, 3);
-    const Outcome run = RunCardtest({"--json", "--seconds", "30", "--only", "a2c-poll", "a2c-packets", "a2c-context", "a2c-count"});
+    const Outcome run = RunCardtest(
+        {"--json", "--seconds", "30", "--only", "a2c-poll", "a2c-packets", "a2c-context", "a2c-count"});
     EXPECT_THAT(run.Checks("pass"), ElementsAre("a2c-poll", "a2c-packets", "a2c-context", "a2c-count")) << run.output;
 }
 
@@ -141,7 +142,8 @@ TEST_F(HostedCard, WithoutItsHostIsNoCard) {
 
 TEST_F(HostedCard, IsTestedAtItsBusOnTheStreamThatWasAskedFor) {
     const hosted::Process host = hosted::StartHost({"--bus", "2"});
-    const Outcome run = RunCardtest({"--json", "--bus", "2", "--channel", "6", "--only", "a2c-busy", "stream-processes"});
+    const Outcome run = RunCardtest(
+        {"--json", "--bus", "2", "--channel", "6", "--only", "a2c-busy", "stream-processes"});
     EXPECT_EQ(run.Report()["bus"], 2);
     EXPECT_EQ(run.Report()["channel"], 6);
     EXPECT_THAT(run.Checks("pass"), ElementsAre("a2c-busy", "stream-processes"));

@@ -58,12 +58,14 @@ TEST_F(CommandLine, OnlyRunsTheChecksThatItNames) {
 TEST_F(CommandLine, SaysWhichCardItMet) {
     const Outcome run = RunCardtest({"--only", "core-root"});
     EXPECT_THAT(run.output, AllOf(HasSubstr("Bus 0: a simulated card of the process's own, through "),
-                                  HasSubstr("Nothing on the card is changed."), HasSubstr("\n1 pass, 0 fail, 0 not testable\n")));
+                                  HasSubstr("Nothing on the card is changed."),
+                                  HasSubstr("\n1 pass, 0 fail, 0 not testable\n")));
 }
 
 TEST_F(CommandLine, WriteTellsWhatItDidNotPutBack) {
     const Outcome run = RunCardtest({"--write", "--only", "c2a-send", "version-verdict"});
-    EXPECT_THAT(run.output, HasSubstr("Not put back:\n  - 0x102 holds version 1.1.2.13\n  - 64 zero bytes were sent to the card\n"));
+    EXPECT_THAT(run.output, HasSubstr("Not put back:\n  - 0x102 holds version 1.1.2.13\n"
+                                      "  - 64 zero bytes were sent to the card\n"));
     EXPECT_THAT(RunCardtest({"--only", "c2a-send"}).output, Not(HasSubstr("Not put back")));
 }
 

@@ -238,7 +238,8 @@ int enyx_hw_read(enyx_hw_core* core, const enyx_hw_register_description* reg, ui
     if (breaks("version-verdict") && word == kVerdictOrFibre && g_reads == -1) *value = 1;
     if (breaks("data-kept") && word == kTables[1].data) *value &= 0x7FFFFFFF;
     if (breaks("table-masks") && word == kTables[0].readBack && g_select[0] % kWordsPerRow == kMaskWord) *value &= 0xFF;
-    if (breaks("reset-counters") && word == kParserCounters[0] && g_reset) *value += static_cast<std::uint64_t>(++g_reads);
+    if (breaks("reset-counters") && word == kParserCounters[0] && g_reset)
+        *value += static_cast<std::uint64_t>(++g_reads);
     return result;
 }
 
@@ -266,7 +267,8 @@ int enyx_hw_write(enyx_hw_core* core, const enyx_hw_register_description* reg, u
 // ---- card-to-host streams ----
 
 enyx_hw_a2c_stream* enyx_hw_a2c_stream_create(const enyx_hw_a2c_stream_descriptor* descriptor, const void* none) {
-    if (breaks("a2c-second") && g_open != nullptr && g_lastName != g_openName) return refused<enyx_hw_a2c_stream>(ENOMEM);
+    if (breaks("a2c-second") && g_open != nullptr && g_lastName != g_openName)
+        return refused<enyx_hw_a2c_stream>(ENOMEM);
     if (breaks("stream-dead-holder") && !inHelper() && isMarked()) return refused<enyx_hw_a2c_stream>(EBUSY);
     enyx_hw_a2c_stream* stream = NEXT(enyx_hw_a2c_stream_create)(descriptor, none);
     if (stream == nullptr && errno == EBUSY) {

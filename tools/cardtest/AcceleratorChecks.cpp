@@ -78,7 +78,8 @@ std::vector<Check> acceleratorChecks() {
         {cards, "card-opens", "A card that was enumerated can be opened, and opened again.", cardOpens},
         {cards, "card-descriptor", "An open card outlives the descriptor that it was opened by.",
          cardOutlivesDescriptor},
-        {space, "space-found", "The card has a register space of index 0, which outlives its descriptor.", spaceIsFound},
+        {space, "space-found", "The card has a register space of index 0, which outlives its descriptor.",
+         spaceIsFound},
         {space, "space-again", "A register space that was destroyed can be created again.", spaceOpensAgain},
         {space, "space-second", "Two register spaces open at one time show the same card.", spacesAgree},
     };

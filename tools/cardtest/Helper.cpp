@@ -144,7 +144,8 @@ std::string Helper::line(int ms) {
 
 std::string Helper::demand(const char* what) {
     std::string text = line();
-    if (text != what) throw Untestable{"a second process did not come as far as \"" + std::string(what) + "\": " + text};
+    if (text != what)
+        throw Untestable{"a second process did not come as far as \"" + std::string(what) + "\": " + text};
     return text;
 }
 

@@ -11,7 +11,7 @@
 namespace cardtest {
 
 /// How long a step may take that a healthy card does at once.
-inline constexpr int kPatienceMs = 5000;
+inline constexpr int kPatienceMs = 10'000;
 /// How long a lock is watched that must not be given away.
 inline constexpr int kWatchMs = 300;
 

@@ -21,7 +21,8 @@ void streamExcludesProcesses(const Plan& plan) {
     {
         Helper other = Helper::holdingStream(plan, channel);
         const std::string seen = other.line();
-        expect(seen == busy, "null and " + busy + " for another process while this one holds " + streamName(channel), seen);
+        expect(seen == busy, "null and " + busy + " for another process while this one holds " + streamName(channel),
+               seen);
     }
     mine.reset();
     Helper other = Helper::holdingStream(plan, channel);
@@ -66,7 +67,8 @@ void lockExcludesProcesses(const Plan& plan) {
     expect(seen.empty(), "another process that waits while this one holds the lock", "it was told " + seen);
     lock.reset();
     seen = other.line();
-    expect(seen == "got", "the lock for the other process, once this one has given it back", seen.empty() ? "nothing" : seen);
+    expect(seen == "got", "the lock for the other process, once this one has given it back",
+           seen.empty() ? "nothing" : seen);
     other.tell("unlock");
     other.demand("gone");
 }

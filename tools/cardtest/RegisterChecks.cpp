@@ -87,7 +87,8 @@ bool isTime(std::uint32_t time) { return time / 10000 < 24 && time / 100 % 100 <
 bool isDate(std::uint32_t date) {
     const std::uint32_t month = date / 100 % 100;
     const std::uint32_t day = date % 100;
-    return date == 0 || (date / 10000 >= 1990 && date / 10000 < 2200 && month >= 1 && month <= 12 && day >= 1 && day <= 31);
+    const std::uint32_t year = date / 10000;
+    return date == 0 || (year >= 1990 && year < 2200 && month >= 1 && month <= 12 && day >= 1 && day <= 31);
 }
 
 void timesAreDecimal(const Plan& plan) {
@@ -144,7 +145,8 @@ void verdictComesOnce(const Plan& plan) {
                hex(verdicts[n]));
         expect(after[n] == fibres, "the fibre status " + hex(fibres) + " at the second read of 0x103", hex(after[n]));
     }
-    expect(verdicts[0] == verdicts[1], "the same verdict on the same version", hex(verdicts[0]) + ", then " + hex(verdicts[1]));
+    expect(verdicts[0] == verdicts[1], "the same verdict on the same version",
+           hex(verdicts[0]) + ", then " + hex(verdicts[1]));
     if (verdicts[0] == fibres) throw Untestable{"verdict and fibre status are the same number, " + hex(fibres)};
 }
 
@@ -153,9 +155,11 @@ void verdictComesOnce(const Plan& plan) {
 std::vector<Check> registerChecks() {
     constexpr const char* g = "registers";
     return {
-        {g, "read-widths", "Reads of 8, 16, 24 ... 64 bits agree with the 32-bit reads and have nothing above their width.",
+        {g, "read-widths",
+         "Reads of 8, 16, 24 ... 64 bits agree with the 32-bit reads and have nothing above their width.",
          widthsAgree},
-        {g, "read-offsets", "Reads that begin at bit 8, 16 or 24 of a register agree with the 32-bit read.", offsetsAgree},
+        {g, "read-offsets", "Reads that begin at bit 8, 16 or 24 of a register agree with the 32-bit read.",
+         offsetsAgree},
         {g, "read-again", "A register that does not change reads the same each time.", readsRepeat},
         {g, "read-threads", "Registers may be read from any thread.", readsFromThreads},
         {g, "register-time", "The exchange times in 0x104 and 0x105 are decimal HHMMSS.", timesAreDecimal},

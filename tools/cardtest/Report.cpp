@@ -27,7 +27,8 @@ std::vector<std::string> leftBehind(const std::vector<Result>& results) {
     for (const Result& result : results) {
         const bool ran = result.verdict != Verdict::kUntestable || result.reason != "needs --write";
         if (!ran || result.check->leaves == nullptr) continue;
-        if (std::find(left.begin(), left.end(), result.check->leaves) == left.end()) left.emplace_back(result.check->leaves);
+        const std::string thing = result.check->leaves;
+        if (std::find(left.begin(), left.end(), thing) == left.end()) left.push_back(thing);
     }
     return left;
 }

@@ -49,7 +49,8 @@ void resetForgets(const Plan& plan, Reset reset) {
         return mask == 0 && decode == 0;
     });
     tables.write(kTable, row, card_reg::kMaskWord, 0);
-    expect(forgotten, "mask 0 and decode switch 0 after the reset", "mask " + hex(mask) + ", decode switch " + hex(decode));
+    expect(forgotten, "mask 0 and decode switch 0 after the reset",
+           "mask " + hex(mask) + ", decode switch " + hex(decode));
 }
 
 void rootResetForgets(const Plan& plan) { resetForgets(plan, resetRoot); }
@@ -83,12 +84,13 @@ void countersSettle(const Plan& plan) {
 std::vector<Check> resetChecks() {
     constexpr const char* g = "reset";
     constexpr const char* leaves =
-        "the instruments were learned anew, 0x12 is 0, and what the network registers hold after a reset is the card's choice";
+        "the instruments were learned anew, 0x12 is 0, and the network registers hold what a reset leaves in them";
     return {
-        {g, "reset-root", "A reset of the root core forgets the masks and the decode switch.", rootResetForgets, true, leaves},
-        {g, "reset-register", "1 and then 0 in register 0x10 does the same.", registerResetForgets, true, leaves},
-        {g, "reset-counters", "After a reset the eight parser counters move, and then stand still.", countersSettle, true,
+        {g, "reset-root", "A reset of the root core forgets the masks and the decode switch.", rootResetForgets, true,
          leaves},
+        {g, "reset-register", "1 and then 0 in register 0x10 does the same.", registerResetForgets, true, leaves},
+        {g, "reset-counters", "After a reset the eight parser counters move, and then stand still.", countersSettle,
+         true, leaves},
     };
 }
 

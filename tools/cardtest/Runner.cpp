@@ -105,6 +105,7 @@ bool isFree(enyx_hw_accelerator* card, std::uint32_t channel) {
     try {
         return tryOpenUp(card, channel) != nullptr;
     } catch (const Untestable&) {  // the card has no stream of that name: its checks will tell
+        errno = 0;
         return false;
     }
 }
@@ -120,8 +121,11 @@ struct Streams {
 Streams lookAtStreams(enyx_hw_accelerator* card, bool all) {
     Streams streams;
     for (std::int32_t channel = kChannels - 1; channel >= 0 && (all || streams.lastFree < 0); --channel) {
-        if (isFree(card, static_cast<std::uint32_t>(channel))) streams.lastFree = std::max(streams.lastFree, channel);
-        else if (errno == EBUSY) streams.held = std::to_string(channel) + (streams.held.empty() ? "" : ", ") + streams.held;
+        if (isFree(card, static_cast<std::uint32_t>(channel))) {
+            streams.lastFree = std::max(streams.lastFree, channel);
+        } else if (errno == EBUSY) {
+            streams.held = std::to_string(channel) + (streams.held.empty() ? "" : ", ") + streams.held;
+        }
     }
     return streams;
 }

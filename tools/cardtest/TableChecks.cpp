@@ -7,7 +7,7 @@ namespace {
 
 constexpr const char* kTableNames[] = {"single-leg table", "combination table"};
 constexpr std::uint32_t kPatterns[] = {0xA5C3F00F, 0x5A3C0FF0, 0xFFFFFFFF, 0x00000000};
-constexpr std::uint32_t kSpareWord = card_reg::kWordsPerRow - 1;  // of a row's words, one that means nothing to the card
+constexpr std::uint32_t kSpareWord = card_reg::kWordsPerRow - 1;  // means nothing to the card
 
 std::string at(std::uint32_t table, std::uint32_t row, std::uint32_t word) {
     return std::string(" in ") + kTableNames[table] + ", row " + std::to_string(row) + ", word " + std::to_string(word);
@@ -119,15 +119,16 @@ std::vector<Check> tableChecks() {
     constexpr const char* selected = "the read-back select names a row that a check used";
     return {
         {g, "data-kept", "The data registers of both tables keep what is written.", dataRegisterIsKept, true, nullptr},
-        {g, "write-fields", "Writes of 8 to 32 bits change the bits of their field and no other.", fieldsAreWritten, true,
-         nullptr},
+        {g, "write-fields", "Writes of 8 to 32 bits change the bits of their field and no other.", fieldsAreWritten,
+         true, nullptr},
         {g, "write-wide", "Writes of 40, 48, 56 and 64 bits reach into the next register.", wideFieldsAreWritten, true,
          selected},
         {g, "table-words", "A word stored by the command register is read back through the select register.",
          spareWordIsKept, true, selected},
-        {g, "table-masks", "A row keeps the mask of each of the sixteen channels, and of all together.", maskIsKept, true,
+        {g, "table-masks", "A row keeps the mask of each of the sixteen channels, and of all together.", maskIsKept,
+         true, selected},
+        {g, "table-ids", "The four words of a row's id are read back in reverse order.", idIsReadBackwards, true,
          selected},
-        {g, "table-ids", "The four words of a row's id are read back in reverse order.", idIsReadBackwards, true, selected},
     };
 }
 

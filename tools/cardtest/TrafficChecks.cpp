@@ -94,7 +94,8 @@ void mapIsSentOnRequest(const Plan& plan) {
     const Registers registers(plan.bus);
     g_seen = {};
     registers.write(card_reg::kMapTransmit, 1);
-    const bool came = pollUntil(stream.get(), plan.seconds, [] { return g_seen.messages > 100 || !g_seen.broken.empty(); });
+    const bool came =
+        pollUntil(stream.get(), plan.seconds, [] { return g_seen.messages > 100 || !g_seen.broken.empty(); });
     registers.write(card_reg::kMapTransmit, 0);
     if (!came && g_seen.maps == 0)
         throw Untestable{"no contract-map packet came within " + std::to_string(plan.seconds) + " s"};
@@ -146,7 +147,8 @@ Untestable noPacket(const Plan& plan, std::uint32_t channel) {
 std::vector<Check> trafficChecks() {
     constexpr const char* g = "market data";
     return {
-        {g, "quotes-by-mask", "With decoding on, rows are quoted on the streams of the channels that their masks name, and on no other.",
+        {g, "quotes-by-mask",
+         "With decoding on, rows are quoted on the streams of the channels that their masks name, and on no other.",
          quotesFollowMasks, true, "the read-back select names a row that a check used"},
         {g, "map-on-request", "While 0x12 is 1, and only then, contract-map packets come up channel 0's stream.",
          mapIsSentOnRequest, true, "0x12 is 0"},

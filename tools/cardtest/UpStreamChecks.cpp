@@ -154,7 +154,8 @@ void contextArrives(const Plan& plan) {
     const OpenedWithTraffic opened(plan);
     int mine = 0;
     pollPackets(plan, opened.stream.get(), &mine, 1, [&](int) {
-        expect(g_seen.calls == 0 || g_seen.context == &mine, "the context that was given to the poll", "another pointer");
+        expect(g_seen.calls == 0 || g_seen.context == &mine, "the context that was given to the poll",
+               "another pointer");
     });
 }
 

@@ -44,7 +44,9 @@ int useLibrary(const std::string& library, char** argv) {
     const char* before = std::getenv("LD_PRELOAD");
     const std::string chain = before != nullptr ? before : "";
     if (chain.rfind(path, 0) == 0)
-        return fail(kUsage, "--library " + library + ": the loader does not take the calls from it, but from " + libraryInUse());
+        return fail(kUsage,
+                    "--library " + library + ": the loader does not take the calls from it, but from " +
+                        libraryInUse());
     setenv("LD_PRELOAD", (path + (chain.empty() ? "" : ":" + chain)).c_str(), 1);
     execv("/proc/self/exe", argv);
     return fail(kUsage, std::string("cannot start anew: ") + std::strerror(errno));
@@ -65,7 +67,8 @@ std::vector<Result> runAll(const Arguments& arguments, const Plan& plan) {
     for (const Check& check : allChecks()) {
         if (!isWanted(check, arguments.only)) continue;
         Result result = runCheck(check, plan, arguments.limits);
-        if (!arguments.json) std::fputs(resultText(result, results.empty() ? nullptr : &results.back()).c_str(), stdout);
+        const Result* before = results.empty() ? nullptr : &results.back();
+        if (!arguments.json) std::fputs(resultText(result, before).c_str(), stdout);
         std::fflush(stdout);
         results.push_back(std::move(result));
     }
