@@ -1,0 +1,53 @@
+#include "CardtestRun.h"
+
+#include <sstream>
+
+#include "hosted/HostProcess.h"
+#include "support/TempDir.h"
+
+namespace cardtest_tests {
+
+std::vector<std::string> Outcome::Checks(const std::string& result) const {
+    std::vector<std::string> names;
+    const nlohmann::json report = Report();
+    for (const nlohmann::json& check : report["checks"])
+        if (check["result"] == result) names.push_back(check["name"]);
+    return names;
+}
+
+std::string Outcome::Reason(const std::string& check) const {
+    const nlohmann::json report = Report();
+    for (const nlohmann::json& entry : report["checks"])
+        if (entry["name"] == check) return entry.value("reason", "");
+    return "no such check";
+}
+
+Outcome RunCardtest(const std::vector<std::string>& options, const std::vector<std::string>& environment) {
+    const test_support::TempDir directory;
+    const std::string output = directory.Path() + "/out", errors = directory.Path() + "/err";
+    std::vector<std::string> command = {"/usr/bin/env"};
+    command.insert(command.end(), environment.begin(), environment.end());
+    command.push_back(VEXO_CARDTEST);
+    command.insert(command.end(), options.begin(), options.end());
+    Outcome run;
+    run.status = hosted::Process(command, output, errors).Wait();
+    run.output = hosted::ReadFile(output);
+    run.errors = hosted::ReadFile(errors);
+    return run;
+}
+
+Outcome RunOnBrokenCard(const std::string& broken, const std::string& file, const std::vector<std::string>& options) {
+    // Only a library that is linked to can be put in front of the sanitizer's own without this.
+    return RunCardtest(options, {"LD_PRELOAD=" VEXO_BROKEN_CARD, "CARDTEST_BREAKS=" + broken, "CARDTEST_FILE=" + file,
+                                 "ASAN_OPTIONS=verify_asan_link_order=0"});
+}
+
+std::vector<std::string> AllNames() {
+    std::istringstream list(RunCardtest({"--list"}).output);
+    std::vector<std::string> names;
+    for (std::string line; std::getline(list, line);)
+        if (line.rfind("  ", 0) == 0) names.push_back(line.substr(2, line.find(' ', 2) - 2));
+    return names;
+}
+
+}  // namespace cardtest_tests

@@ -1,0 +1,38 @@
+#include "Check.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace cardtest {
+
+const std::vector<Check>& allChecks() {
+    static const std::vector<Check> checks = [] {
+        std::vector<Check> all;
+        // The checks of other processes come last: a card that does not let go of what a dead process held spoils
+        // whatever follows.
+        for (const auto& part : {filterChecks(), enumerationChecks(), acceleratorChecks(), coreChecks(),
+                                 registerChecks(), tableChecks(), resetChecks(), upStreamChecks(), trafficChecks(),
+                                 downStreamChecks(), processChecks()})
+            all.insert(all.end(), part.begin(), part.end());
+        return all;
+    }();
+    return checks;
+}
+
+void expect(bool kept, const std::string& expected, const std::string& seen) {
+    if (!kept) throw Failed{expected, seen};
+}
+
+std::string hex(std::uint64_t value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
+    return text;
+}
+
+std::string errnoText(int error) { return "errno " + std::to_string(error) + " (" + std::strerror(error) + ")"; }
+
+std::string resultText(long result, int error) {
+    return "result " + std::to_string(result) + (result == 0 ? "" : ", " + errnoText(error));
+}
+
+}  // namespace cardtest

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Runner.h"
+
+namespace cardtest {
+
+/// The names and promises of all checks, as --list shows them.
+std::string listText();
+
+/// The first lines: which card it is, and what is done to it.
+std::string headText(const Met& met);
+/// One result, under the heading of its group when @p before is of another one.
+std::string resultText(const Result& result, const Result* before);
+/// The last lines: the sums, and what a writing run could not put back.
+std::string footText(const std::vector<Result>& results);
+
+std::string toJson(const Met& met, const std::vector<Result>& results);
+
+unsigned count(const std::vector<Result>& results, Verdict verdict);
+
+}  // namespace cardtest

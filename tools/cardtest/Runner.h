@@ -1,0 +1,42 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "Check.h"
+
+namespace cardtest {
+
+enum class Verdict { kPass, kFail, kUntestable };
+
+struct Result {
+    const Check* check = nullptr;
+    Verdict verdict = Verdict::kPass;
+    std::string expected;  // of a failure
+    std::string seen;
+    std::string reason;    // why it is not testable
+};
+
+/// What is found out before the first check.
+struct Met {
+    bool simulated = false;
+    std::string library;  // file that the loader took the calls from
+    Plan plan;            // the user's, with what it left open filled in
+    std::string heldStreams;  // numbers of those that cannot be opened; looked for only when the plan writes
+};
+
+/// Looks at the card, in a process of its own. Null, with the reason in @p error, when there is none.
+std::optional<Met> meetCard(const Plan& plan, std::string& error);
+
+/// The file that the calls of the hardware interface come from.
+std::string libraryInUse();
+
+struct Limits {
+    std::uint32_t seconds = 60;  // that one check may take
+    bool verbose = false;        // what the card's library writes to standard error is let through
+};
+
+/// Runs one check in a process of its own, so that a card that crashes or hangs it fails that check only.
+Result runCheck(const Check& check, const Plan& plan, const Limits& limits);
+
+}  // namespace cardtest

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "Card.h"
+#include "DrvEnyx/CardRegisters.h"
+
+namespace cardtest {
+
+/// The card's two instrument tables, word by word.
+class Tables {
+public:
+    explicit Tables(const Registers& registers) : m_registers(registers) {}
+
+    std::uint32_t read(std::uint32_t table, std::uint32_t row, std::uint32_t word) const;
+    void write(std::uint32_t table, std::uint32_t row, std::uint32_t word, std::uint32_t value) const;
+    /// Whether a row has an id: the card has learned an instrument there, or the host wrote one.
+    bool isNamed(std::uint32_t table, std::uint32_t row) const;
+    /// The last row that nobody uses: neither mask nor id. Throws Untestable when there is none.
+    std::uint32_t freeRow(std::uint32_t table) const;
+
+private:
+    const Registers& m_registers;
+};
+
+/// A register that can be read back: put back as it was found.
+class RegisterSaved {
+public:
+    RegisterSaved(const Registers& registers, std::uint32_t word)
+        : m_registers(registers), m_word(word), m_found(registers.read(word)) {}
+    ~RegisterSaved();
+    RegisterSaved(const RegisterSaved&) = delete;
+    RegisterSaved& operator=(const RegisterSaved&) = delete;
+
+    std::uint32_t found() const { return m_found; }
+
+private:
+    const Registers& m_registers;
+    std::uint32_t m_word;
+    std::uint32_t m_found;
+};
+
+/// Words of the tables: put back as they were found.
+class WordsSaved {
+public:
+    explicit WordsSaved(const Tables& tables) : m_tables(tables) {}
+    ~WordsSaved();
+    WordsSaved(const WordsSaved&) = delete;
+    WordsSaved& operator=(const WordsSaved&) = delete;
+
+    /// Notes what the word holds now. @return that.
+    std::uint32_t save(std::uint32_t table, std::uint32_t row, std::uint32_t word);
+
+private:
+    struct Word {
+        std::uint32_t table, row, word, value;
+    };
+    const Tables& m_tables;
+    std::vector<Word> m_words;
+};
+
+/// All that a reset forgets and the host can know: the masks of both tables and the decode switch.
+class CardSaved {
+public:
+    explicit CardSaved(const Registers& registers);
+
+private:
+    Tables m_tables;
+    RegisterSaved m_switch;
+    RegisterSaved m_date;
+    WordsSaved m_masks;
+};
+
+}  // namespace cardtest

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+
+#include "Card.h"
+#include "Tables.h"
+
+namespace cardtest {
+
+/// Quotes for one channel: rows of the single-leg table get its bit in their masks, and the decode switch is turned
+/// on. Both are put back at the end. Does nothing when the plan does not allow writing.
+class Traffic {
+public:
+    /// Throws Untestable when the card has learned no instrument within the plan's time.
+    Traffic(const Plan& plan, std::uint32_t channel);
+
+private:
+    void subscribe(const Plan& plan, std::uint32_t channel);
+
+    struct Saved {
+        explicit Saved(std::uint32_t bus);
+        Registers registers;
+        Tables tables;
+        RegisterSaved data;
+        RegisterSaved decode;
+        WordsSaved masks;
+    };
+    std::unique_ptr<Saved> m_saved;
+};
+
+/// Why no packet came: what the user can do about it.
+Untestable noPacket(const Plan& plan, std::uint32_t channel);
+
+}  // namespace cardtest

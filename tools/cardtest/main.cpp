@@ -1,0 +1,130 @@
+// vexo-cardtest: checks a card, real or simulated, against what the hardware interface promises.
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Helper.h"
+#include "Report.h"
+#include "Runner.h"
+
+using namespace cardtest;
+
+namespace {
+
+enum ExitStatus { kAllKept = 0, kBroken = 1, kUsage = 2, kNoCard = 3 };
+
+struct Arguments {
+    Plan plan;
+    Limits limits;
+    std::string library;
+    std::vector<std::string> only;
+    bool list = false;
+    bool json = false;
+    bool inUse = false;
+};
+
+int fail(ExitStatus status, const std::string& text) {
+    std::fprintf(stderr, "vexo-cardtest: %s\n", text.c_str());
+    return status;
+}
+
+// The loader has chosen a library by now. Another one is put in front of it by starting anew, as a user would with
+// LD_PRELOAD: so every process of a run, helpers included, has the same.
+int useLibrary(const std::string& library, char** argv) {
+    char path[PATH_MAX];
+    if (realpath(library.c_str(), path) == nullptr || access(path, R_OK) != 0)
+        return fail(kUsage, "--library " + library + ": " + std::strerror(errno));
+    if (libraryInUse() == path) return kAllKept;
+    const char* before = std::getenv("LD_PRELOAD");
+    const std::string chain = before != nullptr ? before : "";
+    if (chain.rfind(path, 0) == 0)
+        return fail(kUsage,
+                    "--library " + library + ": the loader does not take the calls from it, but from " +
+                        libraryInUse());
+    setenv("LD_PRELOAD", (path + (chain.empty() ? "" : ":" + chain)).c_str(), 1);
+    execv("/proc/self/exe", argv);
+    return fail(kUsage, std::string("cannot start anew: ") + std::strerror(errno));
+}
+
+bool isWanted(const Check& check, const std::vector<std::string>& only) {
+    return only.empty() || std::find(only.begin(), only.end(), check.name) != only.end();
+}
+
+std::string unknownCheck(const std::string& name) {
+    for (const Check& check : allChecks())
+        if (name == check.name) return {};
+    return "there is no check " + name + ", see --list";
+}
+
+std::vector<Result> runAll(const Arguments& arguments, const Plan& plan) {
+    std::vector<Result> results;
+    for (const Check& check : allChecks()) {
+        if (!isWanted(check, arguments.only)) continue;
+        Result result = runCheck(check, plan, arguments.limits);
+        const Result* before = results.empty() ? nullptr : &results.back();
+        if (!arguments.json) std::fputs(resultText(result, before).c_str(), stdout);
+        std::fflush(stdout);
+        results.push_back(std::move(result));
+    }
+    return results;
+}
+
+int testCard(const Arguments& arguments) {
+    std::string error;
+    const std::optional<Met> met = meetCard(arguments.plan, error);
+    if (!met) return fail(kNoCard, "no card to test: " + error);
+    if (!met->heldStreams.empty() && !arguments.inUse)
+        return fail(kUsage, "--write: another process holds stream " + met->heldStreams + ", and would lose what it "
+                            "has subscribed. Stop it first, or insist with --in-use.");
+    if (!arguments.json) std::fputs(headText(*met).c_str(), stdout);
+    const std::vector<Result> results = runAll(arguments, met->plan);
+    std::fputs((arguments.json ? toJson(*met, results) : footText(results)).c_str(), stdout);
+    return count(results, Verdict::kFail) == 0 ? kAllKept : kBroken;
+}
+
+void addOptions(CLI::App& app, Arguments& arguments) {
+    app.add_option("--bus", arguments.plan.bus, "Bus number of the card")->capture_default_str();
+    app.add_option("--channel", arguments.plan.channel, "Stream to use, 0 to 15; without it the last one that is free")
+        ->check(CLI::Range(0, 15));
+    app.add_option("--library", arguments.library, "Card library to test, instead of what the loader finds")
+        ->type_name("FILE");
+    app.add_option("--only", arguments.only, "Run only these checks")->type_name("NAME")->check(unknownCheck);
+    app.add_option("--seconds", arguments.plan.seconds, "How long to wait for packets")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
+    app.add_option("--limit", arguments.limits.seconds, "How long one check may take, in seconds")
+        ->check(CLI::Range(1, 7200))
+        ->capture_default_str();
+    app.add_flag("--write", arguments.plan.write, "Also program tables, reset the card and send to it");
+    app.add_flag("--in-use", arguments.inUse, "Write even when another process holds a stream of the card");
+    app.add_flag("--list", arguments.list, "Show all checks and end");
+    app.add_flag("--json", arguments.json, "Show the results as JSON");
+    app.add_flag("--verbose", arguments.limits.verbose, "Let through what the card's library writes to standard error");
+    app.footer("Exit status: 0 no promise is broken, 1 one is, 2 wrong usage, 3 no card.");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (const int status = runRole(argc, argv); status >= 0) return status;
+    Arguments arguments;
+    CLI::App app{"Checks a card, real or simulated, against what its C interface promises.", "vexo-cardtest"};
+    addOptions(app, arguments);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kAllKept : kUsage;
+    }
+    if (arguments.list) return std::fputs(listText().c_str(), stdout) < 0 ? kUsage : kAllKept;
+    // A wait for packets must not run into the limit.
+    arguments.limits.seconds = std::max(arguments.limits.seconds, arguments.plan.seconds + 1);
+    if (!arguments.library.empty())
+        if (const int status = useLibrary(arguments.library, argv); status != kAllKept) return status;
+    return testCard(arguments);
+}
