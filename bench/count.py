@@ -22,16 +22,21 @@ SECTION = re.compile(r"^desc: Trigger: .*section (\S+) (\d+)")
 VALUE = re.compile(r"^value (\S+) (\S+)$", re.MULTILINE)
 
 
+def start(command, directory):
+    with open(os.path.join(directory, "stdout"), "wb") as stdout:
+        done = subprocess.run(command, cwd=directory, stdout=stdout, stderr=subprocess.PIPE, text=True)
+    if done.returncode != 0:
+        sys.exit(f"{' '.join(command)} failed:\n{done.stderr}")
+    return done.stderr
+
+
 def run(program):
-    """name -> number per repetition, for the sections and values of one program."""
+    """name -> number per repetition: the values that one program tells by itself, and its counted sections."""
     directory = tempfile.mkdtemp(prefix="vexo-count-")
     try:
-        command = ["valgrind", "--tool=callgrind", "--collect-atstart=no", "--callgrind-out-file=counts", program]
-        with open(os.path.join(directory, "stdout"), "wb") as stdout:
-            done = subprocess.run(command, cwd=directory, stdout=stdout, stderr=subprocess.PIPE, text=True)
-        if done.returncode != 0:
-            sys.exit(f"{program} failed under callgrind:\n{done.stderr}")
-        numbers = {name: float(value) for name, value in VALUE.findall(done.stderr)}
+        numbers = {name: float(value) for name, value in VALUE.findall(start([program], directory))}
+        start(["valgrind", "--tool=callgrind", "--collect-atstart=no", "--callgrind-out-file=counts", program],
+              directory)
         for path in glob.glob(os.path.join(directory, "counts.*")):
             numbers.update(section(path))
         return numbers

@@ -3,7 +3,7 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-need_packages "${build_packages[@]}" clang pkg-config libgtest-dev libgmock-dev binutils
+need_packages "${build_packages[@]}" clang pkg-config libgtest-dev libgmock-dev binutils valgrind python3
 echo "Building (some minutes the first time) ..."
 build_preset release -DBUILD_TESTING=ON
 cd "$vexo_root"
