@@ -39,12 +39,21 @@ def within(row, value, bound):
     return value <= bound
 
 
+def spread(times):
+    """Half the distance of the quartiles, of the median."""
+    low, middle, high = quartiles(times)
+    return (high - low) / 2 / middle
+
+
 def judge(row, times, numbers):
     """The row with ours, floor, result, reached (goal) and holds (limit)."""
     found = measure(row, times, numbers)
     judged = dict(row, measured=found is not None, holds=False, reached=False)
     if found:
         judged["ours_value"], judged["floor_value"], judged["result"] = found
+        timed = [] if row["kind"] in EXACT else [times[name] for name in (row.get("ours"), row.get("floor")) if name in times]
+        if timed:
+            judged["spread"] = max(spread(one) for one in timed)
         judged["holds"] = within(row, found[2], row["limit"])
         judged["reached"] = within(row, found[2], row["goal"])
     return judged
@@ -61,16 +70,16 @@ def text(row, value):
 
 
 def print_table(judged):
-    head = ("figure", "what", "ours", "floor", "result", "goal", "limit", "")
+    head = ("figure", "what", "ours", "floor", "result", "spread", "goal", "limit", "")
     lines = [head]
     for row in judged:
         if not row["measured"]:
-            lines.append((row["figure"], row["what"], "-", "-", "-", row["goal"], row["limit"], "NOT MEASURED"))
+            lines.append((row["figure"], row["what"], "-", "-", "-", "-", row["goal"], row["limit"], "NOT MEASURED"))
             continue
         floor = text(row, row["floor_value"]) if "floor" in row or row["kind"] == "growth" else "-"
         verdict = "DOES NOT HOLD" if not row["holds"] else "holds, goal reached" if row["reached"] else "holds"
         lines.append((row["figure"], row["what"], text(row, row["ours_value"]), floor, f"{row['result']:.4g}",
-                      row["goal"], row["limit"], verdict))
+                      f"{row['spread']:.0%}" if "spread" in row else "exact", row["goal"], row["limit"], verdict))
     cells = [[str(cell) for cell in line] for line in lines]
     widths = [max(len(line[column]) for line in cells) for column in range(len(head))]
     for line in cells:

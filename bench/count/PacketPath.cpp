@@ -19,10 +19,10 @@ public:
 void EmptyHandler(const std::uint8_t*, std::uint32_t, void*) {}
 
 template <typename Poll>
-void CountBoth(const char* packetName, const char* idleName, Poll poll) {
-    bench_card::Push(kWarmUp);
+void CountBoth(std::uint32_t channel, const char* packetName, const char* idleName, Poll poll) {
+    bench_card::Push(channel, kWarmUp);
     for (unsigned int n = 0; n < 2 * kWarmUp; ++n) poll();
-    bench_card::Push(kTimes);
+    bench_card::Push(channel, kTimes);
     CountInstructions(packetName, kTimes, poll);
     CountInstructions(idleName, kTimes, poll);
 }
@@ -31,12 +31,10 @@ void CountBoth(const char* packetName, const char* idleName, Poll poll) {
 
 int main() {
     bench_card::PowerOn();
-    {
-        const bench_card::Bare stream = bench_card::ReadBare();
-        CountBoth("fig1/floor", "fig2/floor",
-                  [&] { enyx_hw_a2c_stream_poll_once(stream.get(), EmptyHandler, nullptr); });
-    }
+    const bench_card::Bare stream = bench_card::ReadBare();
+    CountBoth(bench_card::kBareChannel, "fig1/floor", "fig2/floor",
+              [&] { enyx_hw_a2c_stream_poll_once(stream.get(), EmptyHandler, nullptr); });
     EmptyCallbacks callbacks;
     const bench_card::Library api = bench_card::ReadWithLibrary(callbacks);
-    CountBoth("fig1/ours", "fig2/ours", [&] { api->VexoRecv(); });
+    CountBoth(bench_card::kLibraryChannel, "fig1/ours", "fig2/ours", [&] { api->VexoRecv(); });
 }

@@ -19,7 +19,7 @@ constexpr char kIniPath[] = "bench.ini";
 void WriteIni() {
     std::FILE* file = std::fopen(kIniPath, "w");
     Need(file != nullptr, "writing the ini file");
-    std::fprintf(file, "[config]\ndevice = xilinx0:%u\n", kChannel);
+    std::fprintf(file, "[config]\ndevice = xilinx0:%u\n", kLibraryChannel);
     std::fclose(file);
 }
 
@@ -57,7 +57,7 @@ Bare ReadBare() {
     static enyx_hw_accelerator* const accelerator = FirstAccelerator();
     enyx_hw_filter* filter = enyx_hw_filter_create();
     char name[32];
-    std::snprintf(name, sizeof name, "CUSTOM_CHAN%u_DATA", kChannel);
+    std::snprintf(name, sizeof name, "CUSTOM_CHAN%u_DATA", kBareChannel);
     Need(enyx_hw_filter_set_name(filter, name) == 0, "naming the stream");
     enyx_hw_a2c_stream_descriptor* descriptor = nullptr;
     Need(enyx_hw_accelerator_enumerate_a2c_streams(accelerator, filter, &descriptor, 1) == 1, "finding the stream");
@@ -68,12 +68,12 @@ Bare ReadBare() {
     return stream;
 }
 
-void Push(unsigned int packets, std::uint32_t size) {
+void Push(std::uint32_t channel, unsigned int packets, std::uint32_t size) {
     unsigned char packet[2048] = {};
     for (unsigned int n = 0; n < packets; ++n) {
         const std::uint32_t type = 17 + n % 4;
         std::memcpy(packet, &type, sizeof type);
-        Need(enyx_sim_push(0, kChannel, packet, size, 0) == 0, "pushing a packet");
+        Need(enyx_sim_push(0, channel, packet, size, 0) == 0, "pushing a packet");
     }
 }
 

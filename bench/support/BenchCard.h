@@ -9,7 +9,9 @@
 /// application uses it, and the hardware interface bare. Ends the program with a message when something fails.
 namespace bench_card {
 
-constexpr std::uint32_t kChannel = 3;  // not the master's: starting it programs no card
+// Not the master's: starting it programs no card. A stream each, so that both can be open side by side.
+constexpr std::uint32_t kLibraryChannel = 3;
+constexpr std::uint32_t kBareChannel    = 4;
 
 /// Switches the card off and on, with no instruments and no feed.
 void PowerOn();
@@ -21,12 +23,12 @@ struct StopReading {
 using Library = std::unique_ptr<IVexoZceMdApi, StopReading>;
 using Bare    = std::unique_ptr<enyx_hw_a2c_stream, StopReading>;
 
-/// The library reading the channel's stream. Writes an ini file and the log into the working directory.
+/// The library reading its channel's stream. Writes an ini file and the log into the working directory.
 Library ReadWithLibrary(IVexoZceMdSpi& spi);
-/// The channel's stream without the library.
+/// The other channel's stream without the library.
 Bare ReadBare();
 
-/// Puts packets of the four market-data types in turn, @p size bytes each, into the stream.
-void Push(unsigned int packets, std::uint32_t size = 64);
+/// Puts packets of the four market-data types in turn, @p size bytes each, into a stream.
+void Push(std::uint32_t channel, unsigned int packets, std::uint32_t size = 64);
 
 }  // namespace bench_card
