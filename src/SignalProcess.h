@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstddef>
 
 /// Turns SIGINT and SIGTERM into a flag that the receive path checks, and makes a broken pipe harmless.
 class CSignalProcess {
@@ -10,5 +11,7 @@ public:
     static int InitSignal();
     static void SignalHandler(int sig, siginfo_t* info, void* ctx);
 
-    static std::atomic<bool> m_isExit;  ///< set by the handler, never cleared
+    /// 0 or 1; set by the handler, never cleared. A whole word, because VexoRecv indexes with it; hidden, so that it is
+    /// read without a look into the global offset table.
+    __attribute__((visibility("hidden"))) static std::atomic<std::size_t> m_isExit;
 };

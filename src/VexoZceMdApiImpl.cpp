@@ -82,6 +82,8 @@ int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
         EndProcess();
     }
     m_pDmaChan = channel;
+    m_openPath = {channel->StraightPath(spi), this};
+    m_paths[0] = &m_openPath;
     return 0;
 }
 
@@ -97,8 +99,17 @@ int CVexoZceMdApiImpl::VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) {
 }
 
 int CVexoZceMdApiImpl::VexoRecv() {
-    if (m_isExit.load(std::memory_order_relaxed) || m_pDmaChan == nullptr) return -1;
-    return m_pDmaChan->PollOnce();
+    // The exit flag chooses what to poll: no branch, and nothing to poll answers like everything unusual.
+    OwnPath& path     = *m_paths[m_isExit.load(std::memory_order_relaxed)];
+    const int handled = path.poll(path.stream, &CZceDmaChanImpl::StreamEntrance, static_cast<PacketPath*>(&path));
+    if (static_cast<std::uint32_t>(handled) > path.plainResults) return RecvTheFullWay(path, handled);
+    return handled;
+}
+
+__attribute__((noinline, cold)) int CVexoZceMdApiImpl::RecvTheFullWay(OwnPath& path, int handled) {
+    if (path.channel != nullptr) return path.channel->FinishUnusual(path, handled);
+    if (m_isExit.load(std::memory_order_relaxed) != 0 || path.api->m_pDmaChan == nullptr) return -1;
+    return path.api->m_pDmaChan->PollOnce();
 }
 
 int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DrvEnyx/drvEnyx.h"
+#include "PacketPath.h"
 #include "SignalProcess.h"
 #include "VexoZceMdApi.h"
 #include "VexoZceUpdmaImpl.h"
@@ -26,4 +27,15 @@ public:
     IVexoZceMdSpi* m_pSpi;                  ///< not owned
     /// The driver is the process-wide one, which another object may have ended since this one was made.
     bool m_bSharedDrv = false;
+
+private:
+    /// A path with the object it belongs to.
+    struct OwnPath : PacketPath {
+        CVexoZceMdApiImpl* api;
+    };
+    static int RecvTheFullWay(OwnPath& path, int handled);
+
+    OwnPath m_closedPath{PacketPath::Closed(), this};
+    OwnPath m_openPath  = m_closedPath;
+    OwnPath* m_paths[2] = {&m_closedPath, &m_closedPath};  ///< by the exit flag; the first one opens with VexoStart
 };

@@ -211,6 +211,17 @@ int CZceDmaChanImpl::PollOnce() {
     return static_cast<int>(received);
 }
 
+PacketPath CZceDmaChanImpl::StraightPath(IVexoZceMdSpi& spi) {
+    return PacketPath::Open(CDrvDMAEnyx::kPoll, static_cast<CDrvDMAEnyx*>(m_pDma)->Stream(), &spi, this);
+}
+
+int CZceDmaChanImpl::FinishUnusual(PacketPath& path, int handled) {
+    const bool delivered = handled > 0 && path.plainResults != 0;
+    path.plainResults    = 1;
+    if (m_callbackError) RethrowCallbackError();
+    return delivered ? 1 : 0;
+}
+
 int CZceDmaChanImpl::KeepRecv(DmaPacketHandler handler, bool* run, void* ctx) {
     if (handler == nullptr || run == nullptr) {
         std::printf("Invalid parameter. \n");

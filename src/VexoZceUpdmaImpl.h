@@ -11,6 +11,7 @@
 #include "DataType.h"
 #include "DrvEnyx/IDrv.h"
 #include "DrvEnyx/IDrvDMA.h"
+#include "PacketPath.h"
 #include "VexoZceBinFile.h"
 
 class CVexoZceMdApiImpl;
@@ -44,6 +45,10 @@ public:
     int InitDma(Vexo2_U50::ZceDmaInitParms_t* parms);
     /// Polls once. @return 1 when a market-data packet reached the application, else 0. What a callback threw leaves here.
     int PollOnce();
+    /// The straight way of this channel's packets, once the stream is open.
+    PacketPath StraightPath(IVexoZceMdSpi& spi);
+    /// The result of a poll that the straight way did not see through; throws on what a callback threw.
+    int FinishUnusual(PacketPath& path, int handled);
     /// Polls until @p run is false. The given handler is kept, not called: packets go the usual way.
     int KeepRecv(DmaPacketHandler handler, bool* run, void* ctx);
     void ChkAndRst();
@@ -54,6 +59,8 @@ public:
 
     // ---- packets ----
     static void DmaEntrance(const unsigned char* pkt, unsigned int len, void* ctx);
+    /// The same for a PacketPath: an ordinary market-data packet goes straight to its callback, others to DmaEntrance.
+    static void StreamEntrance(const unsigned char* pkt, unsigned int len, void* ctx);
     int HandleContMapPkt(const unsigned char* pkt, unsigned int len, void* ctx);
     int HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* ctx);
     int CheckConfigInst();
@@ -92,6 +99,8 @@ private:
     int CheckVersionAndConfigure();
     void SubscribeOne(std::uint8_t type, std::uint16_t index, const std::string& instId, std::uint32_t chan);
     int CheckConfigOfChannel(std::uint32_t chan, bool& allReceived);
+    static void HandleTheFullWay(const unsigned char* pkt, unsigned int len, PacketPath& path);
+    static void KeepCallbackError(PacketPath& path);
     static void RegisterSignalsOnce();
     static int RejectShortPacket(unsigned int len);
     static int RejectUnknownPacket(const unsigned char* pkt, unsigned int len);

@@ -83,6 +83,36 @@ __attribute__((no_sanitize("null"))) void CZceDmaChanImpl::DmaEntrance(const uns
     }
 }
 
+// The packets of a day but a few hundred end here: what an ordinary one does not need is elsewhere.
+__attribute__((no_sanitize("null"))) void CZceDmaChanImpl::StreamEntrance(const unsigned char* pkt, unsigned int len,
+                                                                          void* ctx) {
+    auto& path = *static_cast<PacketPath*>(ctx);
+    if (len < kPacketHeadSize) return HandleTheFullWay(pkt, len, path);
+    const std::uint32_t slot = PacketType(pkt) - kFirstMarketData;
+    if (slot >= path.straightTypes) return HandleTheFullWay(pkt, len, path);
+    try {
+        path.callbacks[slot](path.spi, pkt + kPacketHeadSize);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        KeepCallbackError(path);
+    }
+}
+
+__attribute__((noinline, cold)) void CZceDmaChanImpl::HandleTheFullWay(const unsigned char* pkt, unsigned int len,
+                                                                       PacketPath& path) {
+    CZceDmaChanImpl& self = *path.channel;
+    DmaEntrance(pkt, len, &self);
+    if (self.m_bRecvData == 0) path.plainResults = 0;
+    self.m_bRecvData = 0;
+    if (m_bSignalRegister.load(std::memory_order_relaxed)) path.straightTypes = PacketPath::kTypes;
+}
+
+__attribute__((noinline, cold)) void CZceDmaChanImpl::KeepCallbackError(PacketPath& path) {
+    path.channel->m_callbackError = std::current_exception();
+    path.plainResults                 = 0;
+}
+
 int CZceDmaChanImpl::HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {
     if (len < kTypeSize) return RejectShortPacket(len);
     const std::uint32_t type = PacketType(pkt);

@@ -33,6 +33,10 @@ public:
     int RegisterHandler(void* handler, void* ctx) override;
     int PollData() override;
 
+    /// The stream and the function that RecvOnce polls it with, for a caller that polls without a virtual call.
+    enyx_hw_a2c_stream* Stream() const { return m_lpA2c; }
+    static constexpr auto kPoll = &enyx_hw_a2c_stream_poll_once;
+
     /// Opens the streams of @p name. What a failed call opened stays open until the process ends.
     int InitDma(std::string& name);
 

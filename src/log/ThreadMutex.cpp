@@ -12,10 +12,6 @@ CThreadMutex::CThreadMutex() {
 
 CThreadMutex::~CThreadMutex() { pthread_mutex_destroy(&m_mutex); }
 
-int CThreadMutex::Acquire() { return pthread_mutex_lock(&m_mutex); }
-
 int CThreadMutex::TryAcquire() { return pthread_mutex_trylock(&m_mutex); }
-
-int CThreadMutex::Release() { return pthread_mutex_unlock(&m_mutex); }
 
 }  // namespace MOSK2

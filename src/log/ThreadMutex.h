@@ -14,9 +14,9 @@ public:
     CThreadMutex(const CThreadMutex&) = delete;
     CThreadMutex& operator=(const CThreadMutex&) = delete;
 
-    int Acquire();
+    int Acquire() { return pthread_mutex_lock(&m_mutex); }
     int TryAcquire();  ///< non-zero at once when another thread holds it
-    int Release();
+    int Release() { return pthread_mutex_unlock(&m_mutex); }
 
 private:
     pthread_mutex_t m_mutex;

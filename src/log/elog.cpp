@@ -5,6 +5,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "log/LocalSecond.h"
 #include "log/elog_mutex.h"
 #include "log/line_builder.h"
 #include "util/LocalTime.h"
@@ -29,7 +30,8 @@ char log_buf_huge[ELOG_HUGE_SIZE];
 // Seconds east of UTC at the last line: a handler may not call the time-zone functions of the C library.
 std::atomic<long> utc_offset{0};
 
-constexpr const char* level_output_info[ELOG_LVL_TOTAL] = {
+constexpr std::size_t kLevelTagSize = 9;
+constexpr char level_output_info[ELOG_LVL_TOTAL][kLevelTagSize + 1] = {
     "[ASSERT ]", "[ERROR  ]", "[WARN   ]", "[EVENT  ]", "[INFO   ]", "[DEBUG  ]", "[VERBOSE]",
 };
 
@@ -52,10 +54,10 @@ bool IsWritten(std::uint8_t level) {
            level <= elog.filter_level.load(std::memory_order_relaxed);
 }
 
-void AppendTimeGroup(LineBuilder& line, std::uint64_t mask, const std::tm* local) {
+void AppendTimeGroup(LineBuilder& line, std::uint64_t mask, const char* time) {
     line.Append('[');
     if (mask & ELOG_FMT_TIME) {
-        if (local != nullptr) line.AppendTime(*local);
+        if (time != nullptr) line.Append(time, LocalSecond::kTextSize);
         if (mask & (ELOG_FMT_PID | ELOG_FMT_TID)) line.Append(' ');
     }
     if (mask & ELOG_FMT_PID) {
@@ -88,12 +90,12 @@ void AppendSourceGroup(LineBuilder& line, std::uint64_t mask, const char* file, 
     line.Append(')');
 }
 
-// Everything before the message. Safe in a signal handler. @p local is null when the time cannot be had.
+// Everything before the message. Safe in a signal handler. @p time is null when the time cannot be had.
 void AppendPrefix(LineBuilder& line, std::uint8_t level, const char* tag, const char* file, const char* func,
-                  long number, const std::tm* local) {
+                  long number, const char* time) {
     const std::uint64_t mask = elog.format_masks[level].load(std::memory_order_relaxed);
-    if (mask & ELOG_FMT_LVL) line.Append(level_output_info[level]);
-    if (mask & (ELOG_FMT_TIME | ELOG_FMT_PID | ELOG_FMT_TID)) AppendTimeGroup(line, mask, local);
+    if (mask & ELOG_FMT_LVL) line.Append(level_output_info[level], kLevelTagSize);
+    if (mask & (ELOG_FMT_TIME | ELOG_FMT_PID | ELOG_FMT_TID)) AppendTimeGroup(line, mask, time);
     if (mask & ELOG_FMT_TAG) {
         line.Append('[');
         line.Append(tag);
@@ -102,14 +104,23 @@ void AppendPrefix(LineBuilder& line, std::uint8_t level, const char* tag, const 
     if (mask & (ELOG_FMT_FILE | ELOG_FMT_FUNC | ELOG_FMT_LINE)) AppendSourceGroup(line, mask, file, func, number);
 }
 
-// The local time for a line of this level, kept in time_cache; null when it is not wanted or cannot be had.
-const std::tm* StampTime(std::uint8_t level, std::tm& local) {
-    if (!(elog.format_masks[level].load(std::memory_order_relaxed) & ELOG_FMT_TIME)) return nullptr;
-    const std::time_t now = ::time(nullptr);
-    if (!local_time::BreakDown(now, local)) return nullptr;
-    time_cache.store(now, std::memory_order_relaxed);
-    utc_offset.store(local.tm_gmtoff, std::memory_order_relaxed);
-    return &local;
+// The local time of a line, kept in time_cache; null when it cannot be had.
+const char* StampTime() {
+    const LocalSecond* now = LocalSecondOf(::time(nullptr));
+    if (now == nullptr) return nullptr;
+    time_cache.store(now->when, std::memory_order_relaxed);
+    utc_offset.store(now->utcOffset, std::memory_order_relaxed);
+    return now->text;
+}
+
+// The prefix of nearly all lines, with nothing left to decide.
+inline void AppendBriefPrefix(LineBuilder& line, std::uint8_t level, const char* time, const char* tag) {
+    line.AppendFixed<kLevelTagSize>(level_output_info[level]);
+    line.AppendFixed<1>("[");
+    line.AppendFixed<LocalSecond::kTextSize>(time);
+    line.AppendFixed<2>("][");
+    line.Append(tag);
+    line.AppendFixed<1>("]");
 }
 
 // What both raw outputs do; the length handed on is the one that the text would have, up to the buffer's size.
@@ -166,16 +177,20 @@ void elog_output(std::uint8_t level, const char* tag, const char* file, const ch
     const ErrnoKeeper keep;
     const LogLock lock;
 
-    std::tm local;
-    const std::tm* stamp = StampTime(level, local);
+    const std::uint64_t mask = elog.format_masks[level].load(std::memory_order_relaxed);
+    const char* time = mask & ELOG_FMT_TIME ? StampTime() : nullptr;
     LineBuilder text(log_buf, sizeof log_buf);
-    AppendPrefix(text, level, tag, file, func, line, stamp);
+    if (mask == kBriefFormat && time != nullptr) {
+        AppendBriefPrefix(text, level, time, tag);
+    } else {
+        AppendPrefix(text, level, tag, file, func, line, time);
+    }
 
     std::va_list args;
     va_start(args, format);
     text.AppendFormatted(format, args);
     va_end(args);
-    elog_port_output(log_buf, text.FinishLine());
+    elog_port_output_locked(log_buf, text.FinishLine());
 }
 
 void elog_output_from_handler(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
@@ -185,9 +200,11 @@ void elog_output_from_handler(std::uint8_t level, const char* tag, const char* f
 
     std::tm local;
     BreakDownWithOffset(::time(nullptr), utc_offset.load(std::memory_order_relaxed), local);
+    char time[LocalSecond::kTextSize];
+    LineBuilder(time, sizeof time).AppendTime(local);
     char buf[ELOG_LINE_SIZE];  // log_buf may be half-written under us
     LineBuilder text(buf, sizeof buf);
-    AppendPrefix(text, level, tag, file, func, line, &local);
+    AppendPrefix(text, level, tag, file, func, line, time);
     for (const char* p = format; *p != '\0'; ++p) {
         if (p[0] == '%' && p[1] == 'd') {
             text.AppendNumber(value, 1);

@@ -92,6 +92,7 @@ extern bool is_rotating;
 int elog_file_init(const char* dir, const char* name);
 int elog_file_config(const ElogFileCfg* cfg);  ///< @return the descriptor of the file, -1 on failure
 void elog_file_write(const char* buf, std::size_t size);
+void elog_file_write_locked(const char* buf, std::size_t size);  ///< the caller holds the log lock
 void elog_file_rotate();
 void elog_file_rotate_day();
 void elog_file_fini();
@@ -101,6 +102,7 @@ void elog_file_fini();
 int elog_port_init(const char* dir, const char* name);
 void elog_port_fini();
 void elog_port_output(const char* buf, std::size_t size);
+void elog_port_output_locked(const char* buf, std::size_t size);  ///< the caller holds the log lock
 /// Writes a finished line to both places with write(2) alone.
 void elog_port_output_from_handler(const char* buf, std::size_t size);
 /// Writes all of @p buf, going on after a short write or an interruption; gives up at any other error.

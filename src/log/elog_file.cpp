@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "log/LocalSecond.h"
 #include "log/elog_mutex.h"
 #include "util/LocalTime.h"
 
@@ -131,6 +132,10 @@ int elog_file_config(const ElogFileCfg* cfg) {
 
 void elog_file_write(const char* buf, std::size_t size) {
     const LogLock lock;
+    elog_file_write_locked(buf, size);
+}
+
+void elog_file_write_locked(const char* buf, std::size_t size) {
     if (is_rotating) {
         std::puts("======================log file is rotating, exit log file!===================");
         return;
@@ -139,12 +144,16 @@ void elog_file_write(const char* buf, std::size_t size) {
     elog_write_fully(elog_file_fd, buf, size);
 }
 
-void elog_file_rotate() { elog_file_rotate_day(); }
+void elog_file_rotate() {
+    const LogLock lock;
+    elog_file_rotate_day();
+}
 
 void elog_file_rotate_day() {
-    std::tm local{};
-    if (!elog_file_init_ok || !local_time::BreakDown(time_cache, local)) return;
-    const long day = local_time::Date(local);
+    if (!elog_file_init_ok) return;
+    const LocalSecond* lastStamp = LocalSecondOf(time_cache.load(std::memory_order_relaxed));
+    if (lastStamp == nullptr) return;
+    const long day = lastStamp->date;
     if (last_rotate_day == 0) {
         last_rotate_day = day;
         return;
@@ -158,5 +167,6 @@ void elog_file_rotate_day() {
 void elog_file_fini() {
     const LogLock lock;
     CloseFile();
+    ForgetLocalSecond();
     elog_file_init_ok = false;
 }

@@ -9,8 +9,8 @@ int elog_mutex_unlock();
 
 /// Holds the log mutex for a scope; a thread that is cancelled inside releases it too.
 struct LogLock {
-    LogLock() { elog_mutex_lock(); }
-    ~LogLock() { elog_mutex_unlock(); }
+    LogLock() { g_log_mutex.Acquire(); }
+    ~LogLock() { g_log_mutex.Release(); }
     LogLock(const LogLock&) = delete;
     LogLock& operator=(const LogLock&) = delete;
 };

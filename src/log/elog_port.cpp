@@ -2,7 +2,10 @@
 
 #include <cerrno>
 #include <poll.h>
+#include <stdio_ext.h>
 #include <unistd.h>
+
+#include "log/elog_mutex.h"
 
 namespace {
 
@@ -14,6 +17,32 @@ struct HandlerWriting {
     HandlerWriting& operator=(const HandlerWriting&) = delete;
 };
 
+// The lock of stdio: what an application prints at the same time stays whole. A thread that is cancelled releases it.
+struct StdoutLock {
+    StdoutLock() { ::flockfile(stdout); }
+    ~StdoutLock() { ::funlockfile(stdout); }
+    StdoutLock(const StdoutLock&) = delete;
+    StdoutLock& operator=(const StdoutLock&) = delete;
+};
+
+// What fwrite does on an unbuffered stream, without the way through stdio. A write that a stop signal interrupts is not
+// tried again: its reader may have stopped, and the process is to end.
+void WriteToStdout(const char* buf, std::size_t size) {
+    const StdoutLock lock;
+    const int fd = ::fileno_unlocked(stdout);
+    if (fd < 0) {
+        ::fwrite_unlocked(buf, 1, size, stdout);  // the application's stdout is no file
+        return;
+    }
+    if (::__fpending(stdout) != 0) ::fflush_unlocked(stdout);
+    while (size > 0) {
+        const ssize_t written = ::write(fd, buf, size);
+        if (written <= 0 || written == static_cast<ssize_t>(size)) return;
+        buf += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
 }  // namespace
 
 int elog_port_init(const char* dir, const char* name) { return elog_file_init(dir, name); }
@@ -21,10 +50,13 @@ int elog_port_init(const char* dir, const char* name) { return elog_file_init(di
 void elog_port_fini() { elog_file_fini(); }
 
 void elog_port_output(const char* buf, std::size_t size) {
-    // Standard output is unbuffered and stdio locks it for the call: the line leaves whole, in one write. A write that a
-    // stop signal interrupts is not tried again: its reader may have stopped, and the process is to end.
-    std::fwrite(buf, 1, size, stdout);
-    elog_file_write(buf, size);
+    const LogLock lock;
+    elog_port_output_locked(buf, size);
+}
+
+void elog_port_output_locked(const char* buf, std::size_t size) {
+    WriteToStdout(buf, size);
+    elog_file_write_locked(buf, size);
 }
 
 void elog_port_output_from_handler(const char* buf, std::size_t size) {
@@ -37,8 +69,10 @@ void elog_port_output_from_handler(const char* buf, std::size_t size) {
 }
 
 void elog_write_fully(int fd, const char* buf, std::size_t size) {
-    while (fd >= 0 && size > 0) {
+    if (fd < 0) return;
+    while (size > 0) {
         const ssize_t written = ::write(fd, buf, size);
+        if (written == static_cast<ssize_t>(size)) return;
         if (written < 0 && errno == EINTR) continue;
         if (written <= 0) return;
         buf += written;

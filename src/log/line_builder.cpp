@@ -1,6 +1,7 @@
 #include "log/line_builder.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -22,6 +23,56 @@ const char* Decimal(long value, int minDigits, char (&buf)[kLongDigits + 1]) {
     } while (rest != 0 || digits < minDigits);
     if (negative) *--p = '-';
     return p;
+}
+
+// Where the next character goes, and the last place that it may take.
+struct Cursor {
+    char* out;
+    char* const last;
+
+    bool Put(const char* text, std::size_t length) {
+        if (length > static_cast<std::size_t>(last - out)) return false;
+        std::memcpy(out, text, length);
+        out += length;
+        return true;
+    }
+    template <typename Number>
+    bool Put(Number value, int base = 10) {
+        const std::to_chars_result result = std::to_chars(out, last, value, base);
+        out = result.ptr;
+        return result.ec == std::errc();
+    }
+};
+
+struct Arguments {
+    std::va_list list;
+};
+
+// One of the conversions that nearly all lines are made of, without flags, width or precision; false for others.
+// @p spec is moved behind it.
+inline bool PutConversion(Cursor& cursor, const char*& spec, Arguments& args) {
+    switch (*spec++) {
+        case 's': {
+            const char* text = va_arg(args.list, const char*);
+            return text != nullptr && cursor.Put(text, std::strlen(text));
+        }
+        case 'd': return cursor.Put(va_arg(args.list, int));
+        case 'u': return cursor.Put(va_arg(args.list, unsigned int));
+        case 'x': return cursor.Put(va_arg(args.list, unsigned int), 16);
+        case 'l': return *spec++ == 'u' && cursor.Put(va_arg(args.list, unsigned long));
+        default: return false;
+    }
+}
+
+// False when the format needs vsnprintf or the text does not fit.
+bool PutPlain(Cursor& cursor, const char* format, Arguments& args) {
+    for (;;) {
+        const char* percent = ::strchrnul(format, '%');
+        if (!cursor.Put(format, static_cast<std::size_t>(percent - format))) return false;
+        if (*percent == '\0') return true;
+        format = percent + 1;
+        if (!PutConversion(cursor, format, args)) return false;
+    }
 }
 
 }  // namespace
@@ -57,6 +108,17 @@ void LineBuilder::AppendLineNumber(long value) {
 }
 
 void LineBuilder::AppendFormatted(const char* format, std::va_list args) {
+    if (m_pos < m_size) {
+        Cursor cursor{m_buf + m_pos, m_buf + m_size - 1};
+        Arguments copy;
+        va_copy(copy.list, args);
+        const bool plain = PutPlain(cursor, format, copy);
+        va_end(copy.list);
+        if (plain) {
+            m_pos = static_cast<std::size_t>(cursor.out - m_buf);
+            return;
+        }
+    }
     const int length = std::vsnprintf(m_buf + m_pos, m_size - m_pos, format, args);
     if (length < 0) {
         // A line that cannot be formatted takes the whole buffer; blanks, not what an earlier line left there.
@@ -65,12 +127,6 @@ void LineBuilder::AppendFormatted(const char* format, std::va_list args) {
         return;
     }
     m_pos = std::min(m_pos + static_cast<std::size_t>(length), m_size);
-}
-
-std::size_t LineBuilder::FinishLine() {
-    m_pos = std::min(m_pos, m_size - 1);
-    m_buf[m_pos] = '\n';
-    return m_pos + 1;
 }
 
 void BreakDownWithOffset(std::time_t when, long utcOffset, std::tm& out) {

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstring>
 #include <ctime>
 
 /// Builds one log line in a caller's buffer; what does not fit is cut. Everything but AppendFormatted may be called
@@ -13,17 +14,32 @@ public:
     void Append(char c) {
         if (m_pos < m_size) m_buf[m_pos++] = c;
     }
-    void Append(const char* text) {
-        while (*text != '\0' && m_pos < m_size) m_buf[m_pos++] = *text++;
+    void Append(const char* text) { Append(text, std::strlen(text)); }
+    void Append(const char* text, std::size_t length) {
+        if (length > m_size - m_pos) length = m_size - m_pos;
+        std::memcpy(m_buf + m_pos, text, length);
+        m_pos += length;
+    }
+    /// The same for a length that the compiler knows.
+    template <std::size_t kLength>
+    void AppendFixed(const char* text) {
+        if (kLength > m_size - m_pos) return Append(text, kLength);
+        std::memcpy(m_buf + m_pos, text, kLength);
+        m_pos += kLength;
     }
     void AppendNumber(long value, int minDigits);
     void AppendHexByte(unsigned char byte);  ///< "%02X "
     void AppendTime(const std::tm& local);   ///< YYYYMMDD-HH:MM:SS
     void AppendLineNumber(long value);       ///< its first four characters: the field of the line has room for no more
+    /// What vsnprintf makes of @p format, cut at the end of the buffer.
     void AppendFormatted(const char* format, std::va_list args);
 
     /// Ends the line with a newline, in the buffer's last byte at the latest. @return its length, newline included.
-    std::size_t FinishLine();
+    std::size_t FinishLine() {
+        if (m_pos == m_size) --m_pos;
+        m_buf[m_pos] = '\n';
+        return m_pos + 1;
+    }
 
 private:
     char* m_buf;

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <stdexcept>
 #include <utility>
 
@@ -16,6 +17,23 @@ using Receive = ApiTest;
 std::vector<unsigned char> ContractMap() {
     return {2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 14, 0, 14, 0, 0, 0, 0, 0, 0, 7, 'S', 'R', '5', '0', '5'};
 }
+
+/// Notes the types of the packets that its callbacks got.
+class OrderedSpi : public IVexoZceMdSpi {
+public:
+    int OnUpSubsResult17(const unsigned char*) override { return Take(17); }
+    int OnUpSubsResult18(const unsigned char*) override { return Take(18); }
+    int OnUpSubsResult19(const unsigned char*) override { return Take(19); }
+    int OnUpSubsResult20(const unsigned char*) override { return Take(20); }
+
+    std::vector<int> types;
+
+private:
+    int Take(int type) {
+        types.push_back(type);
+        return 0;
+    }
+};
 
 // ---- VexoRecv ----
 
@@ -75,6 +93,72 @@ TEST_F(Receive, ExceptionOfACallbackLeavesIt) {
         };
         EXPECT_THROW(api->VexoRecv(), std::runtime_error);
         EXPECT_EQ(api->VexoRecv(), 1);
+        IVexoZceMdApi::DestroyVexoZceMdApi(*api);
+    });
+    EXPECT_TRUE(child.returned) << child.err;
+}
+
+TEST_F(Receive, PacketsThatAreNotDeliveredDoNotHideTheOnesBehindThem) {
+    const ChildResult child = RunInChild([&] {
+        IVexoZceMdApi* api = Started(0);
+        Quote(0, 17);
+        EXPECT_EQ(api->VexoRecv(), 1);
+        const test_support::FakeEnyxHw::Bytes tooShort{18, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+        const test_support::FakeEnyxHw::Bytes typeless{17, 0, 0};
+        for (const auto& packet : {tooShort, typeless, ContractMap()}) {
+            hw.packets[Stream(0)].push_back(packet);
+            EXPECT_EQ(api->VexoRecv(), 0);
+            Quote(0, 20);
+            EXPECT_EQ(api->VexoRecv(), 1);
+        }
+        for (const int type : {16, 21}) {
+            Quote(0, static_cast<unsigned char>(type));
+            EXPECT_EQ(api->VexoRecv(), 0);
+        }
+        EXPECT_EQ(spi.calls, 4);
+        IVexoZceMdApi::DestroyVexoZceMdApi(*api);
+    });
+    EXPECT_TRUE(child.returned) << child.err;
+}
+
+TEST_F(Receive, EveryTypeReachesItsCallbackBeforeAndAfterTheFirstPacket) {
+    const ChildResult child = RunInChild([&] {
+        OrderedSpi ordered;
+        IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
+        ASSERT_EQ(api->VexoStart(ordered, Ini(0, 3).c_str()), 0);
+        for (const int type : {20, 17, 18, 19, 20}) {
+            Quote(3, static_cast<unsigned char>(type));
+            EXPECT_EQ(api->VexoRecv(), 1);
+        }
+        EXPECT_THAT(ordered.types, ElementsAre(20, 17, 18, 19, 20));
+        IVexoZceMdApi::DestroyVexoZceMdApi(*api);
+    });
+    EXPECT_TRUE(child.returned) << child.err;
+}
+
+TEST_F(Receive, PollThatFailsBringsNothingAndIsNotTheEnd) {
+    const ChildResult child = RunInChild([&] {
+        IVexoZceMdApi* api = Started(3);
+        hw.Fail("a2c_stream_poll_once", EINVAL);
+        EXPECT_EQ(api->VexoRecv(), 0);
+        Quote(3);
+        EXPECT_EQ(api->VexoRecv(), 1);
+        IVexoZceMdApi::DestroyVexoZceMdApi(*api);
+    });
+    EXPECT_TRUE(child.returned) << child.err;
+}
+
+TEST_F(Receive, ExceptionOfALaterCallbackLeavesItToo) {
+    const ChildResult child = RunInChild([&] {
+        IVexoZceMdApi* api = Started(3);
+        for (int n = 0; n < 3; ++n) Quote(3);
+        spi.onCall = [&] {
+            if (spi.calls == 2) throw std::runtime_error("application failed");
+        };
+        EXPECT_EQ(api->VexoRecv(), 1);
+        EXPECT_THROW(api->VexoRecv(), std::runtime_error);
+        EXPECT_EQ(api->VexoRecv(), 1);
+        EXPECT_EQ(api->VexoRecv(), 0);
         IVexoZceMdApi::DestroyVexoZceMdApi(*api);
     });
     EXPECT_TRUE(child.returned) << child.err;

@@ -20,7 +20,8 @@ std::atomic<pid_t> g_tid{0};
 std::function<void()> g_onYield;
 std::atomic<bool> g_yieldsAreTold{false};
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
-std::atomic<std::size_t> g_fwriteLimit{kNoLimit};
+std::atomic<std::size_t> g_stdoutLimit{kNoLimit};
+std::atomic<bool> g_stdoutInterrupted{false};
 std::atomic<int> g_errors[FailingCall::kCount]{};
 std::atomic<int> g_timesLeft[FailingCall::kCount]{};
 
@@ -30,11 +31,22 @@ bool Fails(FailingCall::Name name) {
     return true;
 }
 
+ssize_t WriteStdout(const void* buf, std::size_t size) {
+    if (g_stdoutInterrupted.exchange(false)) {
+        errno = EINTR;
+        return -1;
+    }
+    const std::size_t limit = g_stdoutLimit.exchange(kNoLimit);
+    g_stdoutInterrupted     = limit < size;
+    return WriteHook::Real(STDOUT_FILENO, buf, limit < size ? limit : size);
+}
+
 }  // namespace
 
 extern "C" {
 
 ssize_t write(int fd, const void* buf, std::size_t size) {
+    if (fd == STDOUT_FILENO) return WriteStdout(buf, size);
     return g_answers.load() ? g_answer(fd, buf, size) : WriteHook::Real(fd, buf, size);
 }
 
@@ -65,16 +77,6 @@ int sched_yield() noexcept {
     return static_cast<int>(::syscall(SYS_sched_yield));
 }
 
-std::size_t fwrite(const void* data, std::size_t size, std::size_t count, std::FILE* stream) {
-    using Function = std::size_t (*)(const void*, std::size_t, std::size_t, std::FILE*);
-    static const auto real = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "fwrite"));
-    const std::size_t limit = g_fwriteLimit.exchange(kNoLimit);
-    if (limit == kNoLimit) return real(data, size, count, stream);
-    const std::size_t written = real(data, 1, limit, stream);
-    errno = EINTR;
-    return written;
-}
-
 std::FILE* fdopen(int fd, const char* mode) noexcept {
     static const auto real = reinterpret_cast<std::FILE* (*)(int, const char*)>(::dlsym(RTLD_NEXT, "fdopen"));
     return Fails(FailingCall::kFdopen) ? nullptr : real(fd, mode);
@@ -94,9 +96,9 @@ WriteHook::~WriteHook() {
 
 ssize_t WriteHook::Real(int fd, const void* buf, std::size_t size) { return ::syscall(SYS_write, fd, buf, size); }
 
-InterruptedFwrite::InterruptedFwrite(std::size_t bytes) { g_fwriteLimit.store(bytes); }
+InterruptedStdout::InterruptedStdout(std::size_t bytes) { g_stdoutLimit.store(bytes); }
 
-InterruptedFwrite::~InterruptedFwrite() { g_fwriteLimit.store(kNoLimit); }
+InterruptedStdout::~InterruptedStdout() { g_stdoutLimit.store(kNoLimit); }
 
 YieldHook::YieldHook(std::function<void()> callback) {
     g_onYield = std::move(callback);

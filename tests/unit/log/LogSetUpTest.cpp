@@ -447,4 +447,22 @@ TEST(TimeZone, IsTheLocalHourAtTheEpochAndNegativeFrom13On) {
     }
 }
 
+TEST_F(StartedLog, AChangedTimeZoneShowsInTheNextLineOfTheSameSecond) {
+    const auto log = [] { elog_output(kInfo, "fpga", "file", "func", 1, "text"); };
+    clock.SetEpoch(1740963600);  // 2025-03-03 01:00:00 UTC
+
+    const std::string printed = Printed([&log] {
+        for (const char* name : {"UTC0", "XST-8", "YST5", "UTC0"}) {
+            const Zone zone(name);
+            log();
+            log();
+        }
+    });
+
+    EXPECT_THAT(Lines(printed), ElementsAre("[INFO   ][20250303-01:00:00][fpga]text", "[INFO   ][20250303-01:00:00][fpga]text",
+                                            "[INFO   ][20250303-09:00:00][fpga]text", "[INFO   ][20250303-09:00:00][fpga]text",
+                                            "[INFO   ][20250302-20:00:00][fpga]text", "[INFO   ][20250302-20:00:00][fpga]text",
+                                            "[INFO   ][20250303-01:00:00][fpga]text", "[INFO   ][20250303-01:00:00][fpga]text"));
+}
+
 }  // namespace

@@ -141,7 +141,7 @@ TEST_F(RawOutput, AWriteOfNothingEndsTheAttempt) {
 
 // Its reader may have stopped, and the signal may be the one that ends the process.
 TEST_F(RawOutput, AnInterruptedStandardOutputIsNotTriedAgainAndTheFileGetsTheLine) {
-    const InterruptedFwrite signal(2);
+    const InterruptedStdout signal(2);
 
     EXPECT_EQ(Printed([] { elog_port_output("text\n", 5); }), "te");
     EXPECT_EQ(dir.Read(kToday), "text\n");

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Builds and runs the benchmarks, prints the table of figures with their goals and limits, and writes the numbers to
+# build/bench/bench-results.json. Fails when a limit does not hold.
+#   --quick      fewer and shorter repetitions        --figure N   this figure alone (may be repeated)
+#   --plots      also draw docs/figures/*.svg from the numbers
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+options=() plots=no
+while [ $# -gt 0 ]; do
+    case $1 in
+        --plots) plots=yes ;;
+        *) options+=("$1") ;;
+    esac
+    shift
+done
+
+need_packages "${build_packages[@]}" libbenchmark-dev libspdlog-dev valgrind python3
+echo "Building (a minute or two the first time), then measuring (some minutes; --quick takes less) ..."
+build_preset bench
+results=$vexo_root/build/bench/bench-results.json
+status=0
+python3 "$vexo_root/bench/run.py" --build "$vexo_root/build/bench" --out "$results" "${options[@]}" || status=$?
+if [ "$plots" = yes ]; then
+    python3 "$vexo_root/bench/plots.py" "$results" "$vexo_root/docs/figures"
+fi
+exit "$status"

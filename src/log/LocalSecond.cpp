@@ -1,0 +1,39 @@
+#include "log/LocalSecond.h"
+
+#include "log/line_builder.h"
+#include "util/LocalTime.h"
+
+namespace {
+
+LocalSecond g_last;
+bool g_known = false;
+
+// What tzset() changes when the zone does.
+struct Zone {
+    long west;
+    const char* name;
+
+    static Zone Current() { return {::timezone, ::tzname[0]}; }
+    bool operator==(const Zone& other) const { return west == other.west && name == other.name; }
+} g_zone;
+
+__attribute__((noinline)) const LocalSecond* BreakDown(std::time_t when) {
+    std::tm local;
+    g_known = local_time::BreakDown(when, local);
+    if (!g_known) return nullptr;
+    g_last.when      = when;
+    g_last.date      = local_time::Date(local);
+    g_last.utcOffset = local.tm_gmtoff;
+    LineBuilder(g_last.text, sizeof g_last.text).AppendTime(local);
+    g_zone = Zone::Current();
+    return &g_last;
+}
+
+}  // namespace
+
+const LocalSecond* LocalSecondOf(std::time_t when) {
+    if (g_known && g_last.when == when && g_zone == Zone::Current()) return &g_last;
+    return BreakDown(when);
+}
+
+void ForgetLocalSecond() { g_known = false; }

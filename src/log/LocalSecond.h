@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+
+/// The local calendar of one second, as log lines need it. Breaking a time down costs more than writing the line; the
+/// lines of one second share it.
+struct LocalSecond {
+    static constexpr std::size_t kTextSize = 17;
+
+    std::time_t when;
+    char text[kTextSize];  ///< YYYYMMDD-HH:MM:SS, not terminated
+    long date;             ///< YYYYMMDD
+    long utcOffset;        ///< seconds east of UTC
+};
+
+/// @return the second @p when in the process's time zone, also when that has been changed since; null when the C
+///         library cannot tell the local time. The log lock is held, and the result valid, until it is released.
+const LocalSecond* LocalSecondOf(std::time_t when);
+/// Forgets the last one. The log lock is held.
+void ForgetLocalSecond();
