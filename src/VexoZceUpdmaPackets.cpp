@@ -202,8 +202,9 @@ void CZceDmaChanImpl::LoadtomapFrmParsedMsg(const std::string& instId, unsigned 
 
 void CZceDmaChanImpl::IncreQuoteSub(const std::string& instId, unsigned short index) {
     if (instId.size() < kMinSubscribedId) return;
+    const unsigned int channels = m_pContractServ->WantedBy(instId);
     for (std::uint32_t chan = 0; chan < Vexo2_U50::kChannelCount; ++chan) {
-        if (m_pContractServ->IsWanted(instId, chan)) SubscribeOne(TableOf(instId), index, instId, chan);
+        if ((channels >> chan & 1) != 0) SubscribeOne(TableOf(instId), index, instId, chan);
     }
 }
 
