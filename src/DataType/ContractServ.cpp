@@ -17,13 +17,14 @@ constexpr char kLogFile[] = "DataType";
 class ListOfAllChannels {
 public:
     ListOfAllChannels(const ZceSubsInfo_t (&rules)[kChannelCount], NameList ZceSubsInfo_t::*list)
-        : m_rules(rules), m_list(list), m_channels(Ask("")) {}
+        : m_rules(rules), m_list(list) {}
 
     // The channels whose list holds the name, bit n for channel n.
     unsigned int Holding(const std::string& name) {
-        if (name != m_name) {
+        if (!m_asked || name != m_name) {
             m_channels = Ask(name);
-            m_name = name;
+            m_name     = name;
+            m_asked    = true;
         }
         return m_channels;
     }
@@ -39,8 +40,9 @@ private:
 
     const ZceSubsInfo_t (&m_rules)[kChannelCount];
     NameList ZceSubsInfo_t::*m_list;
-    std::string m_name;
-    unsigned int m_channels;
+    bool m_asked = false;
+    std::string m_name;           // that was asked for last
+    unsigned int m_channels = 0;  // and the answer
 };
 
 // The rules of all channels, asked at once.

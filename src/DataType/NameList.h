@@ -33,7 +33,10 @@ public:
     }
 
     void push_back(std::string name);
-    bool Contains(const HashedName& name) const { return !m_slots.empty() && m_slots[Find(name)] != 0; }
+    bool Contains(const HashedName& name) const {
+        if (m_slots.empty() || m_slots[name.hash & (m_slots.size() - 1)] == 0) return false;  // the usual answer
+        return m_slots[Find(name)] != 0;
+    }
 
     operator const std::vector<std::string>&() const { return m_names; }
     const_iterator begin() const { return m_names.begin(); }
