@@ -78,10 +78,8 @@ void conToAscii(const char* id, std::uint32_t* words) {
 }
 
 bool Contains(const std::vector<std::string>& list, const std::string& entry) {
-    // Product codes differ mostly in their last letter: to look there first is cheaper than to compare.
-    return std::any_of(list.begin(), list.end(), [&entry](const std::string& one) {
-        return one.size() == entry.size() && (one.empty() || one.back() == entry.back()) && one == entry;
-    });
+    // From the end: instruments come product by product, so that the code added last is mostly the one asked for.
+    return std::find(list.rbegin(), list.rend(), entry) != list.rend();
 }
 
 std::string JoinWithComma(const std::vector<std::string>& entries) {
