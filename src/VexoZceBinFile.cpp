@@ -1,7 +1,12 @@
 #include "VexoZceBinFile.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <iterator>
+#include <string_view>
+#include <vector>
 
 #include "log/log.h"
 #include "util/Decimal.h"
@@ -14,6 +19,7 @@ constexpr char kLogFile[] = "VexoZceBinFile";
 constexpr char kHeader[]          = "inst_index,inst_id";
 constexpr char kEndTag[]          = "bin_file_over_tag";
 constexpr int kFirstEveningHour   = 17;
+constexpr std::size_t kIndexDigits = 5;
 
 // Path of the current half-day's file.
 std::string DayFilePath() {
@@ -21,6 +27,19 @@ std::string DayFilePath() {
     char path[64];
     std::snprintf(path, sizeof path, "/tmp/.zce_%04d%02d%02d", now.tm_year + 1900, now.tm_mon + 1, now.tm_mday);
     return std::string(path) + (now.tm_hour < kFirstEveningHour ? "_am" : "_pm");
+}
+
+struct DayLine {
+    std::string_view id;
+    unsigned short index;
+};
+
+// The file has the order in which the card announced the instruments; a map takes its entries fastest in its own order.
+// Of several lines with one id the first stays first, and is the one that counts.
+void Insert(std::vector<DayLine>& insts, std::map<std::string, unsigned short>& map) {
+    std::stable_sort(insts.begin(), insts.end(), [](const DayLine& a, const DayLine& b) { return a.id < b.id; });
+    auto behind = map.begin();
+    for (const DayLine& inst : insts) behind = std::next(map.try_emplace(behind, std::string(inst.id), inst.index));
 }
 
 }  // namespace
@@ -44,13 +63,22 @@ int CBrixBinFile::InstBinFileInit() {
 }
 
 void CBrixBinFile::WriteBinFileInst(std::string id, unsigned short index) {
-    if (id.find('\n') != std::string::npos) return;  // no id of the exchange: it would forge lines, the end tag among them
-    WriteToDayFile(std::to_string(index) + ',' + id + '\n');
+    const std::size_t room = kIndexDigits + 1 + id.size() + 1;
+    if (m_lineRoom.size() < room) m_lineRoom.resize(room);
+    char* const line = m_lineRoom.data();
+    char* end = std::to_chars(line, line + kIndexDigits, index).ptr;
+    *end++ = ',';
+    for (const char c : id) {
+        if (c == '\n') return;  // no id of the exchange: it would forge lines, the end tag among them
+        *end++ = c;
+    }
+    *end++ = '\n';
+    WriteToDayFile({line, static_cast<std::size_t>(end - line)});
 }
 
 void CBrixBinFile::WriteBinFileEnd() { WriteToDayFile(std::string(kEndTag) + '\n'); }
 
-void CBrixBinFile::WriteToDayFile(const std::string& text) {
+void CBrixBinFile::WriteToDayFile(std::string_view text) {
     if (m_dayFile.Write(text.data(), text.size())) return;
     LOG_WARN("write contract index file failed %s, msg:%s. It stays without its end tag, the next start won't load it.",
              m_strDayPath.c_str(), std::strerror(errno));
@@ -79,21 +107,20 @@ int CBrixBinFile::CheckOrLoadBinFile() {
 // Takes every line of a day file into the map, lines behind an end tag too. Returns whether there was an end tag.
 bool CBrixBinFile::LoadDayLines(const std::string& content) {
     bool tagSeen = false;
-    std::size_t begin = 0;
-    while (begin < content.size()) {
-        const std::size_t newline = content.find('\n', begin);
-        const std::size_t end = newline == std::string::npos ? content.size() : newline;
-        const std::string line = content.substr(begin, end - begin);
-        begin = end + 1;
+    std::vector<DayLine> insts;
+    for (std::string_view rest = content; !rest.empty();) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
 
         const std::size_t comma = line.find(',');
         if (line == kEndTag) {
             LOG_INFO("Get file end flag is success.");
             tagSeen = true;
-        } else if (line != kHeader && comma != std::string::npos) {
-            const auto index = LeadingDecimal<unsigned short>(line.c_str());
-            m_Intrade_AllInstMap.emplace(line.substr(comma + 1), index);
+        } else if (line != kHeader && comma != std::string_view::npos) {
+            // The comma ends the number: it is read in place.
+            insts.push_back({line.substr(comma + 1), LeadingDecimal<unsigned short>(line.data())});
         }
     }
+    Insert(insts, m_Intrade_AllInstMap);
     return tagSeen;
 }

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <map>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "util/SafeFile.h"
 
@@ -45,10 +47,11 @@ public:
     safe_file::OutputFile m_dayFile;
 
 private:
-    void WriteToDayFile(const std::string& text);
+    void WriteToDayFile(std::string_view text);
     bool LoadDayLines(const std::string& content);
     bool OpenIntraday(const char* mode);
     void CloseIntraday();
 
     std::string m_strDayPath;  ///< of the file that m_dayFile has open
+    std::vector<char> m_lineRoom;  ///< where the lines of the day file are put together, one after another
 };

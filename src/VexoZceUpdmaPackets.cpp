@@ -4,7 +4,6 @@
 #include <ctime>
 #include <cxxabi.h>
 
-#include "DrvEnyx/CardRegisters.h"
 #include "VexoZceMdApiImpl.h"
 #include "VexoZceUpdmaImpl.h"
 #include "log/log.h"
@@ -223,7 +222,7 @@ void CZceDmaChanImpl::LoadtomapFrmParsedMsg(const std::string& instId, unsigned 
         LOG_INFO("Have parsed %u instrument id already, instnum:%u.", static_cast<unsigned int>(m_ulParsedCnt),
                  static_cast<unsigned int>(m_mapInstIdx.size()));
     }
-    if (!m_mapInstIdx.emplace(instId, index).second) return;  // the first index of an id wins
+    if (!m_mapInstIdx.try_emplace(instId, index).second) return;  // the first index of an id wins
     m_pBinFile->WriteBinFileInst(instId, index);
     const std::string instClass = instId.substr(0, 2);
     if (!Contains(m_vecRecvClass, instClass)) m_vecRecvClass.push_back(instClass);
@@ -232,19 +231,8 @@ void CZceDmaChanImpl::LoadtomapFrmParsedMsg(const std::string& instId, unsigned 
 
 void CZceDmaChanImpl::IncreQuoteSub(const std::string& instId, unsigned short index) {
     if (instId.size() < kMinSubscribedId) return;
-    for (std::uint32_t chan = 0; chan < Vexo2_U50::kChannelCount; ++chan) {
-        if (m_pContractServ->IsWanted(instId, chan)) SubscribeOne(TableOf(instId), index, instId, chan);
-    }
-}
-
-// The mask written holds every channel that took the instrument so far: later channels write the row again.
-void CZceDmaChanImpl::SubscribeOne(std::uint8_t type, std::uint16_t index, const std::string& instId,
-                                   std::uint32_t chan) {
-    m_pFpgaServ->StoreInstToGlob(type, index, instId, chan);
-    const std::uint16_t mask =
-        type == card_reg::kSingleLegTable ? m_pFpgaServ->oneLegChanBits[index] : m_pFpgaServ->combineChanBits[index];
-    m_pFpgaServ->SubsOneInst(type, index, mask);
-    m_pFpgaServ->IsSubscribeOk(type, index, mask);
+    const unsigned int channels = m_pContractServ->WantedBy(instId);
+    if (channels != 0) m_pFpgaServ->SubscribeForChannels(TableOf(instId), index, instId, channels);
 }
 
 int CZceDmaChanImpl::CheckConfigInst() {

@@ -29,8 +29,8 @@ public:
     void FilterAndStoreToGlobMap();
     void JudgeAndFilterSubsInst();
     bool StoreAllSubsInstToFpga();  ///< always true
-    /// Whether the channel's rules take the instrument, of whichever kind.
-    bool IsWanted(const std::string& id, std::uint32_t chan);
+    /// The channels whose rules take the instrument, of whichever kind: bit n for channel n.
+    unsigned short WantedBy(const std::string& id) const;
     bool OptionIsMeetCondition(std::string id, std::uint32_t chan);
     bool bOrderedClass(std::string cls, std::uint32_t chan);
     bool bOrderedId(std::string id, std::uint32_t chan);

@@ -25,6 +25,28 @@ void CZceFpgaServ::StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::
     names[index] = std::move(id);
 }
 
+void CZceFpgaServ::SubscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id,
+                                        std::uint32_t channels) {
+    unsigned int mask = 0;
+    const std::string* name = nullptr;  // entries of the maps stay where they are
+    {
+        const std::lock_guard<std::mutex> guard(subscribe_mutex);
+        // The card mostly announces its rows in ascending order: the end is where a map need not search.
+        IndexToChanBit& masks  = type == 0 ? oneLegChanBits : combineChanBits;
+        IndexToInstId& names   = type == 0 ? oneLegNames : combineNames;
+        unsigned short& stored = masks.try_emplace(masks.end(), index)->second;
+        mask   = stored;
+        stored = static_cast<unsigned short>(stored | channels);
+        name   = &(names.insert_or_assign(names.end(), index, id)->second);
+    }
+    for (std::uint32_t chan = 0; chan < kChannelCount; ++chan) {
+        if ((channels >> chan & 1) == 0) continue;
+        mask |= 1U << chan;
+        WriteMask(type, index, static_cast<std::uint16_t>(mask), *name);
+        IsSubscribeOk(type, index, static_cast<std::uint16_t>(mask));
+    }
+}
+
 void CZceFpgaServ::StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan) {
     // Copies, because a caller may hand in this object's own maps, which grow below.
     const IndexToInstId oneLegInsts  = oneLeg;

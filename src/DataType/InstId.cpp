@@ -13,14 +13,10 @@ std::string Lower(std::string text) {
     return text;
 }
 
-// Position of the C or P that makes the id an option; npos when it is none.
+// Position of the C or P that makes the id an option, a digit on either side of it; npos when it is none.
 std::size_t OptionMark(const std::string& id) {
-    const auto firstDigit = std::find_if(id.begin(), id.end(), IsDigit);
-    auto pos = static_cast<std::size_t>(firstDigit - id.begin());
-    while ((pos = id.find_first_of("CP", pos)) != std::string::npos) {
-        // Never at position 0: the search began at a digit.
-        if (IsDigit(id[pos - 1]) && pos + 1 < id.size() && IsDigit(id[pos + 1])) return pos;
-        ++pos;
+    for (std::size_t pos = 1; pos + 1 < id.size(); ++pos) {
+        if ((id[pos] == 'C' || id[pos] == 'P') && IsDigit(id[pos - 1]) && IsDigit(id[pos + 1])) return pos;
     }
     return std::string::npos;
 }
@@ -82,7 +78,8 @@ void conToAscii(const char* id, std::uint32_t* words) {
 }
 
 bool Contains(const std::vector<std::string>& list, const std::string& entry) {
-    return std::find(list.begin(), list.end(), entry) != list.end();
+    // From the end: instruments come product by product, so that the code added last is mostly the one asked for.
+    return std::find(list.rbegin(), list.rend(), entry) != list.rend();
 }
 
 std::string JoinWithComma(const std::vector<std::string>& entries) {

@@ -19,7 +19,7 @@ std::string ChannelKey(std::uint32_t channel, const char* name) {
 }
 
 // Appends a token to its list and to the text that joins them.
-void AddToken(const std::string& token, std::vector<std::string>& list, std::string& joined) {
+void AddToken(const std::string& token, NameList& list, std::string& joined) {
     if (!joined.empty()) joined += ',';
     joined += token;
     list.push_back(token);

@@ -39,6 +39,10 @@ CZceFpgaServ::~CZceFpgaServ() = default;
 void CZceFpgaServ::Init(IDrv* drv) { driver = drv; }
 
 void CZceFpgaServ::SubsOneInst(std::uint8_t type, std::uint16_t index, std::uint16_t mask) {
+    WriteMask(type, index, mask, (type == 0 ? oneLegNames : combineNames)[index]);
+}
+
+void CZceFpgaServ::WriteMask(std::uint8_t type, std::uint16_t index, std::uint16_t mask, const std::string& name) {
     if (index > kHighestIndex) {
         // Still written below: operators rely on the error line, the card ignores the row.
         LOG_ERROR("Subscribes:Write to fpga failed ! :chanbit:0x%x, index:%u, instId:%s", mask, index,
@@ -47,8 +51,7 @@ void CZceFpgaServ::SubsOneInst(std::uint8_t type, std::uint16_t index, std::uint
     const card_reg::TableRegisters& table = Table(type);
     driver->WriteInt32_LogWithRead(table.data, mask);
     driver->WriteInt32_LogWithRead(table.command, RowAddress(index));
-    IndexToInstId& names = type == 0 ? oneLegNames : combineNames;
-    LOG_INFO("Subscribes:Write to fpga:chanbit:0x%x, index:%u, instId:%s", mask, index, names[index].c_str());
+    LOG_INFO("Subscribes:Write to fpga:chanbit:0x%x, index:%u, instId:%s", mask, index, name.c_str());
 }
 
 void CZceFpgaServ::SubsOneInstWithName(std::uint8_t type, const std::string& id, std::uint16_t index) {

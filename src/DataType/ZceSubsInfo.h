@@ -1,7 +1,8 @@
 #pragma once
 
-#include <vector>
 #include <string>
+
+#include "DataType/NameList.h"
 
 namespace Vexo2_U50 {
 
@@ -9,8 +10,8 @@ constexpr unsigned int kChannelCount = 16;  ///< DMA channels of a card, and so 
 
 /// What one DMA channel subscribes: its section of the ini file.
 struct ZceSubsInfo_t {
-    std::vector<std::string> m_SubsContractId;     ///< exact instrument ids
-    std::vector<std::string> m_SubsContractClass;  ///< product codes
+    NameList m_SubsContractId;     ///< exact instrument ids
+    NameList m_SubsContractClass;  ///< product codes
     bool bSubAll                = false;         ///< every single-leg future; options still follow bOptionsRecv
     bool bOptionsRecv           = false;
     bool bIpsRecv               = false;  ///< inter-product spreads, ids beginning "IPS-"
