@@ -97,7 +97,6 @@ private:
     bool IsResetDue();
     int CreateServices();
     int CheckVersionAndConfigure();
-    void SubscribeOne(std::uint8_t type, std::uint16_t index, const std::string& instId, std::uint32_t chan);
     int CheckConfigOfChannel(std::uint32_t chan, bool& allReceived);
     static void HandleTheFullWay(const unsigned char* pkt, unsigned int len, PacketPath& path);
     static void KeepCallbackError(PacketPath& path);
