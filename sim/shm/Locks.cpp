@@ -1,10 +1,17 @@
 #include "shm/Locks.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 
 namespace vexo_sim {
+namespace {
+
+// Of the calling thread, in its process. Its kernel id would take a system call.
+std::uintptr_t threadMark() {
+    thread_local char mark;
+    return reinterpret_cast<std::uintptr_t>(&mark);
+}
+
+}  // namespace
 
 void RobustMutex::init() {
     pthread_mutexattr_t attributes;
@@ -27,7 +34,7 @@ RobustMutex::Result RobustMutex::lock() { return taken(pthread_mutex_lock(&m_mut
 
 RobustMutex::Result RobustMutex::tryLock() { return taken(pthread_mutex_trylock(&m_mutex)); }
 
-void RobustMutex::unlock() { pthread_mutex_unlock(&m_mutex); }
+int RobustMutex::unlock() { return pthread_mutex_unlock(&m_mutex); }
 
 void CoreLock::init() {
     m_mutex.init();
@@ -37,15 +44,16 @@ void CoreLock::init() {
 // A holder that died needs no repair: no register access is ever half done.
 int CoreLock::lock() {
     if (m_mutex.lock() == RobustMutex::kFailed) return EDEADLK;
-    m_holder = gettid();
+    m_holder = threadMark();
     return 0;
 }
 
 int CoreLock::unlock() {
-    if (m_holder != gettid()) return EPERM;
+    if (m_holder != threadMark()) return EPERM;
     m_holder = 0;
-    m_mutex.unlock();
-    return 0;
+    const int error = m_mutex.unlock();
+    if (error != 0) m_holder = threadMark();
+    return error;
 }
 
 }  // namespace vexo_sim
