@@ -178,6 +178,21 @@ bool Card::push(std::uint32_t channel, const void* data, std::uint32_t size) {
     return put(m_state.up[channel], data, size);
 }
 
+bool Card::deliver(std::uint32_t channel, const void* data, std::uint32_t size) {
+    if (!packet_faults::armed(m_state)) return push(channel, data, size);
+    if (size > m_state.config.mtu) return false;
+    UpStreamState& stream = m_state.up[channel];
+    unsigned char* room = ring::reserve(stream.ring, size);
+    if (room == nullptr) {
+        ++stream.backPressure;
+        return false;
+    }
+    if (size > 0) std::memcpy(room, data, size);
+    const bool isMap = contract_map::isMapPacket(room, size);
+    packet_faults::commitSpoiled(m_state, channel, isMap ? kMapPackets : kQuotePackets, room, size);
+    return true;
+}
+
 bool Card::openDown(std::uint32_t channel) {
     DownStreamState& stream = m_state.down[channel];
     if (stream.open) return false;

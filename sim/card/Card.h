@@ -53,6 +53,8 @@ public:
     /// Puts bytes into a stream as they are, open or not.
     /// @return false when they are longer than the MTU or the ring is full; the latter counts as back-pressure.
     bool push(std::uint32_t channel, const void* data, std::uint32_t size);
+    /// The same for a packet that stands for one of the card's own: faults of packets strike it.
+    bool deliver(std::uint32_t channel, const void* data, std::uint32_t size);
 
     bool openDown(std::uint32_t channel);
     void closeDown(std::uint32_t channel) { m_state.down[channel].open = false; }

@@ -64,15 +64,6 @@ std::uint32_t fillPacket(CardState& s, unsigned char* packet) {
     return length;
 }
 
-// The packet lies in the ring already, not yet committed.
-[[gnu::noinline, gnu::cold]] void commitSpoiled(CardState& s, unsigned char* packet, std::uint32_t length) {
-    const packet_faults::Verdict verdict = packet_faults::spoil(s, 0, kMapPackets, packet, length);
-    if (verdict.copies == 0) return;
-    ring::commit(s.up[0].ring, verdict.size);
-    ++s.up[0].packets;
-    for (std::uint32_t n = 1; n < verdict.copies; ++n) put(s.up[0], packet, verdict.size);
-}
-
 bool sendPacket(CardState& s) {
     UpStreamState& stream = s.up[0];
     unsigned char* packet = ring::reserve(stream.ring, s.config.mtu);
@@ -81,7 +72,7 @@ bool sendPacket(CardState& s) {
     const enyx_sim::PacketHead head{kPacketType, length, ++stream.headSequence};
     std::memcpy(packet, &head, sizeof head);
     if (packet_faults::armed(s)) {
-        commitSpoiled(s, packet, length);
+        packet_faults::commitSpoiled(s, 0, kMapPackets, packet, length);
         return true;
     }
     ring::commit(stream.ring, length);
@@ -90,6 +81,13 @@ bool sendPacket(CardState& s) {
 }
 
 }  // namespace
+
+bool isMapPacket(const unsigned char* packet, std::uint32_t size) {
+    std::uint32_t type = 0;
+    if (size < sizeof type) return false;
+    std::memcpy(&type, packet, sizeof type);
+    return type == kPacketType;
+}
 
 void refresh(CardState& s) {
     const bool active = mayTransmit(s);

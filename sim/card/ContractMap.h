@@ -12,4 +12,7 @@ void refresh(CardState& s);
 /// Sends the packets that are due.
 void advance(CardState& s);
 
+/// By its type; a packet too short for one is none.
+bool isMapPacket(const unsigned char* packet, std::uint32_t size);
+
 }  // namespace vexo_sim::contract_map

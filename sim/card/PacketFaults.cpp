@@ -5,6 +5,7 @@
 
 #include "card/PriceModel.h"
 #include "card/Schedule.h"
+#include "card/UpStream.h"
 #include "enyx-sim/md_payload.h"
 
 namespace vexo_sim {
@@ -150,6 +151,15 @@ Verdict spoil(CardState& s, std::uint32_t channel, std::uint32_t sort, unsigned 
     }
     if (verdict.copies != 0 && !countDown(s, verdict.copies)) verdict.copies = 0;
     return verdict;
+}
+
+void commitSpoiled(CardState& s, std::uint32_t channel, std::uint32_t sort, unsigned char* packet, std::uint32_t size) {
+    const Verdict verdict = spoil(s, channel, sort, packet, size);
+    if (verdict.copies == 0) return;
+    UpStreamState& stream = s.up[channel];
+    ring::commit(stream.ring, verdict.size);
+    ++stream.packets;
+    for (std::uint32_t n = 1; n < verdict.copies; ++n) put(stream, packet, verdict.size);
 }
 
 }  // namespace packet_faults

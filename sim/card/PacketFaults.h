@@ -27,4 +27,7 @@ struct Verdict {
 /// Changes the packet in place. @p sort is kQuotePackets or kMapPackets.
 Verdict spoil(CardState& s, std::uint32_t channel, std::uint32_t sort, unsigned char* packet, std::uint32_t size);
 
+/// The same for a packet that lies in its ring, reserved: commits what becomes of it.
+void commitSpoiled(CardState& s, std::uint32_t channel, std::uint32_t sort, unsigned char* packet, std::uint32_t size);
+
 }  // namespace vexo_sim::packet_faults

@@ -11,11 +11,11 @@
 
 #include "capture/Reader.h"
 #include "capture/StreamPlace.h"
+#include "card/ContractMap.h"
 
 namespace vexo_sim {
 namespace {
 
-constexpr std::uint32_t kContractMapType = 2;
 constexpr std::size_t kReadBytes = 256 * 1024;
 
 /// A capture file being read from its beginning.
@@ -58,13 +58,6 @@ private:
     std::map<const capture::Interface*, Place> m_places;
 };
 
-bool isContractMap(const capture::Packet& packet) {
-    std::uint32_t type = 0;
-    if (packet.size < sizeof type) return false;
-    std::memcpy(&type, packet.data, sizeof type);
-    return type == kContractMapType;
-}
-
 /// What a file has of one card.
 struct Content {
     std::uint64_t packets[kStreams] = {};
@@ -80,7 +73,7 @@ Contents contentsOf(OpenFile& file, std::uint32_t mtu) {
     for (capture::StreamPlace place; file.next(packet, place);) {
         Content& content = contents[place.card];
         ++content.packets[place.channel];
-        if (place.channel == 0 && isContractMap(packet)) ++content.contractMaps;
+        if (place.channel == 0 && contract_map::isMapPacket(packet.data, packet.size)) ++content.contractMaps;
         if (packet.size > mtu && content.tooLong.empty()) {
             content.tooLong = "at byte " + std::to_string(packet.offset) + ": a packet of " +
                               std::to_string(packet.size) + " bytes, but the card's MTU is " + std::to_string(mtu);
@@ -107,7 +100,7 @@ struct Replay::Channel {
         do {
             hasPacket = file->next(packet, place);
         } while (hasPacket && (place.card != card || place.channel != number ||
-                               (!withContractMap && number == 0 && isContractMap(packet))));
+                               (!withContractMap && number == 0 && contract_map::isMapPacket(packet.data, packet.size))));
     }
 };
 
@@ -191,7 +184,7 @@ void Replay::follow(Card& card, std::uint64_t clockNs, Channel& channel) {
     }
     if (!channel.open) begin(channel, clockNs);
     while (channel.hasPacket && due(channel) <= clockNs && ring::reserve(stream.ring, channel.packet.size) != nullptr) {
-        card.push(channel.number, channel.packet.data, channel.packet.size);
+        card.deliver(channel.number, channel.packet.data, channel.packet.size);
         channel.readNext(m_card, m_withContractMap);
     }
 }

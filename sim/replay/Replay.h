@@ -15,6 +15,8 @@ namespace vexo_sim {
 /// they came after the first when they were captured. A stream that is opened again begins again. A full ring delays a
 /// packet and those behind it, and loses none.
 ///
+/// Faults of packets that the card has strike replayed packets as they would its own.
+///
 /// The card goes on answering register accesses by itself. What it sends by itself would mix with the replay: its
 /// owner pauses the feed (Card::pauseFeed), which also stops contract-map packets; a capture without them then leaves a
 /// master channel without its map, so its owner asks hasContractMap() first.

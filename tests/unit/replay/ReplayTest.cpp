@@ -8,6 +8,7 @@
 #include "capture/Blocks.h"
 #include "capture/CaptureFiles.h"
 #include "capture/StreamPlace.h"
+#include "card/PacketFaults.h"
 #include "support/TempDir.h"
 
 using namespace vexo_sim;
@@ -141,6 +142,30 @@ TEST_F(ReplayTest, AFullRingDelaysAndLosesNothing) {
     EXPECT_EQ(rest.back(), 39U);
     EXPECT_EQ(card.state().up[0].packets, 40U);
     EXPECT_EQ(card.state().up[0].backPressure, 0U);
+}
+
+TEST_F(ReplayTest, TheCardsFaultsStrikeReplayedPackets) {
+    ASSERT_TRUE(open(write({{"channel 0", 0}, {"channel 0", 1}, {"channel 0", 2}, {"channel 0", 3}})));
+    PacketFault everySecond;
+    everySecond.kind = PacketFaultKind::kDrop;
+    everySecond.first = everySecond.every = 2;
+    ASSERT_EQ(packet_faults::add(card.state(), everySecond), 0);
+    card.openUp(0);
+    EXPECT_THAT(at(100, 0), ElementsAre(0));
+    EXPECT_THAT(at(103, 0), ElementsAre(2));
+    EXPECT_EQ(card.state().faults.rules[0].strikes, 2U);
+}
+
+TEST_F(ReplayTest, WithoutTheContractMapItsPacketsAreLeftOut) {
+    Capture capture(dir.Path("a.pcapng"));
+    capture.add("channel 0", 0, {2, 0, 0, 0, 12, 0, 0, 0, 1, 0, 0, 0});
+    capture.add("channel 0", 1, {17, 0, 0, 0, 12, 0, 0, 0, 2, 0, 0, 0});
+    capture.close(2);
+    ASSERT_TRUE(replay.open(dir.Path("a.pcapng"), 4096, 0, Replay::Pace::kAsTaken, false));
+    EXPECT_TRUE(replay.hasContractMap());
+    EXPECT_EQ(replay.packets(0), 1U);
+    card.openUp(0);
+    EXPECT_THAT(at(100, 0), ElementsAre(17));
 }
 
 TEST_F(ReplayTest, KnowsWhatTheFileHas) {
