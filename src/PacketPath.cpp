@@ -2,8 +2,7 @@
 
 namespace {
 
-// The result of a packet: above what a closed path lets through.
-int PollNothing(enyx_hw_a2c_stream*, DmaPacketHandler, void*) { return 1; }
+int PollNothing(enyx_hw_a2c_stream*, DmaPacketHandler, void*) { return 0; }
 
 constexpr PacketPath::Callback kCallbacks[PacketPath::kTypes] = {
     [](IVexoZceMdSpi* spi, const unsigned char* payload) { return spi->OnUpSubsResult17(payload); },
@@ -15,7 +14,7 @@ constexpr PacketPath::Callback kCallbacks[PacketPath::kTypes] = {
 }  // namespace
 
 PacketPath PacketPath::Open(Poll poll, enyx_hw_a2c_stream* stream, IVexoZceMdSpi* spi, CZceDmaChanImpl* channel) {
-    return {poll, stream, 1, 0, spi, {kCallbacks[0], kCallbacks[1], kCallbacks[2], kCallbacks[3]}, channel};
+    return {poll, stream, kFirstFailure, 0, spi, {kCallbacks[0], kCallbacks[1], kCallbacks[2], kCallbacks[3]}, channel};
 }
 
 PacketPath PacketPath::Closed() { return {PollNothing, nullptr, 0, 0, nullptr, {}, nullptr}; }

@@ -15,12 +15,13 @@ struct PacketPath {
     using Callback = int (*)(IVexoZceMdSpi* spi, const unsigned char* payload);
 
     static constexpr std::uint32_t kTypes = 4;  // market-data types, one callback each
+    static constexpr std::uint32_t kFirstFailure = 2;  // of a poll's results
 
     Poll poll;                   ///< the card library's poll, called without a detour
     enyx_hw_a2c_stream* stream;
-    /// The largest result of a poll that VexoRecv returns as it is: 1 (0 is no packet, 1 a packet, others are failures),
-    /// and 0 from a packet that did not reach the application to the end of its poll.
-    std::uint32_t plainResults;
+    /// From which result of a poll on VexoRecv does not return it as it is: 2 (0 is no packet, 1 a packet, others are
+    /// failures), and 0 from a packet that did not reach the application to the end of its poll.
+    std::uint32_t unusualFrom;
     /// How many of the types go straight: none before the stop signals are handled, then all.
     std::uint32_t straightTypes;
     IVexoZceMdSpi* spi;

@@ -29,6 +29,10 @@ std::string DayFilePath() {
     return std::string(path) + (now.tm_hour < kFirstEveningHour ? "_am" : "_pm");
 }
 
+// More lines than the exchange has instruments are sorted in portions: a file of nothing but lines must not take many
+// times its size in memory.
+constexpr std::size_t kPortion = 32768;
+
 struct DayLine {
     std::string_view id;
     unsigned short index;
@@ -40,6 +44,7 @@ void Insert(std::vector<DayLine>& insts, std::map<std::string, unsigned short>& 
     std::stable_sort(insts.begin(), insts.end(), [](const DayLine& a, const DayLine& b) { return a.id < b.id; });
     auto behind = map.begin();
     for (const DayLine& inst : insts) behind = std::next(map.try_emplace(behind, std::string(inst.id), inst.index));
+    insts.clear();
 }
 
 }  // namespace
@@ -119,6 +124,7 @@ bool CBrixBinFile::LoadDayLines(const std::string& content) {
         } else if (line != kHeader && comma != std::string_view::npos) {
             // The comma ends the number: it is read in place.
             insts.push_back({line.substr(comma + 1), LeadingDecimal<unsigned short>(line.data())});
+            if (insts.size() == kPortion) Insert(insts, m_Intrade_AllInstMap);
         }
     }
     Insert(insts, m_Intrade_AllInstMap);

@@ -216,8 +216,8 @@ PacketPath CZceDmaChanImpl::StraightPath(IVexoZceMdSpi& spi) {
 }
 
 int CZceDmaChanImpl::FinishUnusual(PacketPath& path, int handled) {
-    const bool delivered = handled > 0 && path.plainResults != 0;
-    path.plainResults    = 1;
+    const bool delivered = handled > 0 && path.unusualFrom != 0;
+    path.unusualFrom     = PacketPath::kFirstFailure;
     if (m_callbackError) RethrowCallbackError();
     return delivered ? 1 : 0;
 }

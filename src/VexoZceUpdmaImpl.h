@@ -75,7 +75,8 @@ public:
     bool m_bCfgParsed     = false;
     bool m_bCfgInsSuccess = false;  ///< every configured class and instrument has been announced
     std::chrono::system_clock::time_point m_tCfgSuccTime;
-    std::uint32_t m_bRecvData   = 0;  ///< 1 when market data reached the application since the last PollOnce
+    std::uint32_t m_bRecvData   = 0;  ///< 1 when market data reached the application since the last PollOnce, but for
+                                      ///< what went the straight way
     std::uint64_t m_ulParsedCnt = 0;  ///< instrument entries in contract-map packets so far, repeats included
     DmaPacketHandler m_pfnHandler = nullptr;
     void* m_pHandlerCtx           = nullptr;

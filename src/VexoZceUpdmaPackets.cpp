@@ -102,14 +102,14 @@ __attribute__((noinline, cold)) void CZceDmaChanImpl::HandleTheFullWay(const uns
                                                                        PacketPath& path) {
     CZceDmaChanImpl& self = *path.channel;
     DmaEntrance(pkt, len, &self);
-    if (self.m_bRecvData == 0) path.plainResults = 0;
+    if (self.m_bRecvData == 0) path.unusualFrom = 0;
     self.m_bRecvData = 0;
     if (m_bSignalRegister.load(std::memory_order_relaxed)) path.straightTypes = PacketPath::kTypes;
 }
 
 __attribute__((noinline, cold)) void CZceDmaChanImpl::KeepCallbackError(PacketPath& path) {
     path.channel->m_callbackError = std::current_exception();
-    path.plainResults                 = 0;
+    path.unusualFrom                  = 0;
 }
 
 int CZceDmaChanImpl::HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {

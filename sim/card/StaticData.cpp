@@ -106,6 +106,7 @@ void repair(CardState& s) {
     for (std::uint32_t number = 0; number < s.parser.learned; ++number) {
         const Instrument& instrument = s.parser.instruments[number];
         s.tables[instrument.table].instrumentOfRow[instrument.row] = static_cast<std::uint16_t>(number);
+        tables::storeId(s.tables[instrument.table], instrument.row, instrument.id);
         feed::maskChanged(s, instrument.table, instrument.row);
     }
     contract_map::refresh(s);

@@ -27,11 +27,16 @@ void copyText(char (&to)[size], const std::string& text) {
 // Why a card could not be given its name.
 std::string whoHasIt(const std::string& path, std::uint32_t bus) {
     const CardFile other = CardFile::open(path);
-    if (!other) return systemError(path + " is in the way");
+    if (!other) return path + " is in the way and no card of this vexo-simcard: remove it, or choose another bus.";
     const std::optional<pid_t> host = other.holderOf({CardPart::kHost});
     if (!host) return {};
     return "bus " + std::to_string(bus) + " has a card already, hosted by " + toText(describeProcess(*host)) +
            ". Stop that one, or choose another bus with --bus.";
+}
+
+std::string groupHint(const CardHost::Plan& plan) {
+    if (errno != EPERM || !plan.group) return {};
+    return " for group " + std::to_string(*plan.group) + ", of which you are no member";
 }
 
 }  // namespace
@@ -48,7 +53,7 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
         CardFile file = CardFile::create(directory, plan.scenario.bus, plan.group ? 0660 : 0600, plan.group.value_or(getegid()));
         CardBlock* block = file && file.claim({CardPart::kHost}) ? file.map() : nullptr;
         if (block == nullptr || !file.reserve(plan.scenario.config.ringBytes)) {
-            error = systemError("cannot make a card in " + directory);
+            error = systemError("cannot make a card in " + directory + groupHint(plan));
             if (file) file.remove();
             return nullptr;
         }
@@ -98,8 +103,10 @@ bool CardHost::powerOn(const Plan& plan, std::string& error) {
         else if (!problem.empty()) std::fprintf(stderr, "vexo-simcard: %s\n", problem.c_str());
         if (m_replay == nullptr) return false;
     }
-    if (!plan.record.empty()) m_recorder = std::make_unique<Recorder>(plan.record, m_block->state);
-    return true;
+    if (plan.record.empty()) return true;
+    m_recorder = std::make_unique<Recorder>(plan.record, m_block->state);
+    if (!m_recorder->isRecording()) error = "nothing would be recorded";
+    return m_recorder->isRecording();
 }
 
 // A reader that died leaves its stream open: the card would go on filling it, and at the readers' pace wait for it.
@@ -114,7 +121,7 @@ void CardHost::closeOrphans(std::uint64_t nowNs) {
 }
 
 std::uint64_t CardHost::turn() {
-    if (m_recorder != nullptr) m_recorder->flush();
+    if (m_recorder != nullptr) m_recorder->write();
     const BlockLock lock(*m_block);
     const CardTime now = m_clock.now();
     Card card(m_block->state);

@@ -30,15 +30,30 @@ Recorder::Recorder(const std::string& path, CardState& s) : m_files(settingsFor(
     }
 }
 
-Recorder::~Recorder() { m_files.close(wallClockNs()); }
+Recorder::~Recorder() {
+    write();
+    m_files.close(wallClockNs());
+}
 
 void Recorder::collect(CardState& s) {
     const std::uint64_t now = wallClockNs();
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) {
         ring::forEachKept(s.up[channel].ring, [&](const PacketView& packet) {
-            m_files.addPacket(channel, now, packet.data, packet.size);
+            m_packets.push_back({channel, packet.size, now});
+            m_bytes.insert(m_bytes.end(), packet.data, packet.data + packet.size);
         });
     }
+}
+
+void Recorder::write() {
+    const unsigned char* bytes = m_bytes.data();
+    for (const Packet& packet : m_packets) {
+        m_files.addPacket(packet.channel, packet.timeNs, bytes, packet.size);
+        bytes += packet.size;
+    }
+    m_packets.clear();
+    m_bytes.clear();
+    m_files.flush();
 }
 
 }  // namespace vexo_sim

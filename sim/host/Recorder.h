@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "capture/CaptureFiles.h"
 #include "card/CardState.h"
@@ -13,19 +14,29 @@ namespace vexo_sim {
 /// collect() the card has room for one ring of packets a stream, however fast the reader is.
 class Recorder {
 public:
-    /// @p path must not exist; another name is taken if it does. What goes wrong is told on standard error.
+    /// Another name is taken when @p path exists. What goes wrong is told on standard error.
     Recorder(const std::string& path, CardState& s);
     ~Recorder();
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
+    /// False when the first file could not be made.
+    bool isRecording() const { return m_files.files() > 0; }
     /// Takes what was put since the last call. To be called while the card's state is locked, after each advance.
     void collect(CardState& s);
-    /// Puts into the file what was collected.
-    void flush() { m_files.flush(); }
+    /// Puts into the file what was collected. Not to be called while the state is locked: disks are slow.
+    void write();
 
 private:
+    struct Packet {
+        std::uint32_t channel;
+        std::uint32_t size;
+        std::uint64_t timeNs;
+    };
+
     capture::CaptureFiles m_files;
+    std::vector<Packet> m_packets;       // collected
+    std::vector<unsigned char> m_bytes;  // of them, one after another
 };
 
 }  // namespace vexo_sim

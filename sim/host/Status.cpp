@@ -17,13 +17,11 @@ std::uint32_t countMasks(const TableState& table) {
     return count;
 }
 
-ChannelStatus readChannel(const CardState& s, const CardFile& file, std::uint32_t channel) {
+ChannelStatus readChannel(const CardState& s, std::uint32_t channel) {
     const UpStreamState& up = s.up[channel];
     ChannelStatus status;
     status.channel = channel;
     status.open = up.open;
-    if (const std::optional<pid_t> holder = file.holderOf({CardPart::kUp, channel}))
-        status.holder = describeProcess(*holder);
     status.packets = up.packets;
     status.drops = up.backPressure;
     status.queuedBytes = up.ring.head.load() - up.ring.tail.load();
@@ -52,17 +50,10 @@ void append(std::string& text, const char* format, Values... values) {
     text += line;
 }
 
-}  // namespace
-
-CardStatus readStatus(CardBlock& block, const CardFile& file) {
+// What is in the card's memory. Nothing slow may be done here: every user of the card waits.
+void readState(CardBlock& block, CardStatus& status) {
     const BlockLock lock(block);
     const CardState& s = block.state;
-    CardStatus status;
-    status.bus = block.host.bus;
-    status.host = describeProcess(block.host.pid);
-    status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - block.host.startedAt;
-    status.scenario = block.host.scenario;
-    status.description = block.host.description;
     status.pace = paceName(s.config.pace);
     status.instruments = s.parser.count;
     status.learned = s.parser.learned;
@@ -73,7 +64,22 @@ CardStatus readStatus(CardBlock& block, const CardFile& file) {
     status.exchangeTime = registers::exchangeTime(s);
     status.inReset = s.registers.heldInReset;
     for (std::uint32_t channel = 0; channel < kStreams; ++channel)
-        status.channels.push_back(readChannel(s, file, channel));
+        status.channels.push_back(readChannel(s, channel));
+}
+
+}  // namespace
+
+CardStatus readStatus(CardBlock& block, const CardFile& file) {
+    CardStatus status;
+    readState(block, status);
+    status.bus = block.host.bus;
+    status.host = describeProcess(file.holderOf({CardPart::kHost}).value_or(block.host.pid));
+    status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - block.host.startedAt;
+    status.scenario = block.host.scenario;
+    status.description = block.host.description;
+    for (ChannelStatus& channel : status.channels)
+        if (const std::optional<pid_t> holder = file.holderOf({CardPart::kUp, channel.channel}))
+            channel.holder = describeProcess(*holder);
     return status;
 }
 

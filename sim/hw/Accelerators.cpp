@@ -17,7 +17,6 @@ Descriptor* describe(HwCard& card) {
 
 ssize_t enumerateCards(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors, std::size_t room) {
     Cards& cards = Cards::instance();
-    cards.refresh();
     return enumerate(
         filter, descriptors, room, kMaxCards, ENODEV,
         [&](std::uint32_t index, char (&name)[kNameSize]) {
@@ -29,17 +28,15 @@ ssize_t enumerateCards(const enyx_hw_filter* filter, enyx_hw_accelerator_descrip
 
 std::string hostOf(const HwCard& card) {
     if (card.hosted == nullptr) return {};
-    return ", hosted by " + toText(describeProcess(card.block->host.pid));
+    return ", hosted by " + toText(card.hosted->host());
 }
 
-void announceOnce(const HwCard& card) {
-    static std::once_flag announced;
-    std::call_once(announced, [&card] {
-        std::fprintf(stderr,
-                     "libenyx-hw-c: SIMULATED CARD at bus %u%s, not the real thing: "
-                     "every quote is made up, none comes from an exchange.\n",
-                     card.index, hostOf(card).c_str());
-    });
+void announceOnce(HwCard& card) {
+    if (card.announced.exchange(true)) return;
+    std::fprintf(stderr,
+                 "libenyx-hw-c: SIMULATED CARD at bus %u%s, not the real thing: "
+                 "every quote is made up, none comes from an exchange.\n",
+                 card.index, hostOf(card).c_str());
 }
 
 enyx_hw_accelerator* getAccelerator(const enyx_hw_accelerator_descriptor* descriptor) {
@@ -75,6 +72,7 @@ using namespace vexo_sim;
 
 ssize_t enyx_hw_enumerate_accelerators(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors,
                                        size_t count) {
+    Cards::instance().refresh();  // before scripts are asked: they come and go with hosted cards
     return performCount(Call::kEnumerateAccelerators, count,
                         [=](std::size_t room) { return enumerateCards(filter, descriptors, room); },
                         [=](TraceLine& line) { line.filter(filter); });

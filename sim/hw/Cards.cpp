@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <new>
 #include <optional>
@@ -29,17 +30,22 @@ const char* scenarioPath() {
     return path != nullptr && *path != '\0' ? path : nullptr;
 }
 
+void addFailures(const HwCard& card) {
+    const HostInfo& info = card.block->host;
+    for (std::uint32_t n = 0; n < std::min(info.failureCount, kMaxSharedFailures); ++n) {
+        const SharedFailure& f = info.failures[n];
+        const std::string call(f.call, strnlen(f.call, sizeof f.call));
+        hooks::addScript({call.c_str(), f.nth, f.times, f.error, f.hasResult, f.result}, &card);
+    }
+}
+
 HwCard* makeHosted(std::uint32_t index) {
     std::unique_ptr<HostedCard> hosted = HostedCard::attach(index);
     HwCard* card = hosted != nullptr ? new (std::nothrow) HwCard : nullptr;
     if (card == nullptr) return nullptr;
     card->index = index;
     card->block = &hosted->block();
-    const HostInfo& info = card->block->host;
-    for (std::uint32_t n = 0; n < std::min(info.failureCount, kMaxSharedFailures); ++n) {
-        const SharedFailure& f = info.failures[n];
-        hooks::addScript({f.call, f.nth, f.times, f.error, f.hasResult, f.result});
-    }
+    addFailures(*card);
     card->hosted = std::move(hosted);
     card->accelerator.card = card;
     card->accelerator.alive = true;
@@ -68,6 +74,8 @@ void Cards::decide() {
     const bool mayBeHosted = wish == "hosted" || (wish != "embedded" && scenarioPath() == nullptr);
     if (mayBeHosted) attachHosted();
     const bool found = std::any_of(std::begin(m_cards), std::end(m_cards), [](HwCard* card) { return card != nullptr; });
+    if (wish == "hosted" && !found)
+        std::fprintf(stderr, "libenyx-hw-c: no card is hosted that this user may use. Start one: vexo-simcard\n");
     if (wish == "hosted" || found) m_kind = Kind::kHosted;
     else if (makeOwn()) m_kind = Kind::kEmbedded;
 }
@@ -85,6 +93,7 @@ bool Cards::makeOwn() {
 void Cards::attachHosted() {
     for (std::uint32_t index = 0; index < kMaxCards; ++index) {
         if (isUsable(m_cards[index])) continue;
+        if (m_cards[index] != nullptr) hooks::removeScripts(m_cards[index]);
         if (HwCard* card = makeHosted(index)) m_cards[index] = card;
     }
 }

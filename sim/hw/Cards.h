@@ -30,6 +30,7 @@ struct HwCard {
     std::unique_ptr<HostedCard> hosted;
     HostClock clock;
     enyx_hw_accelerator accelerator;
+    std::atomic<bool> announced{false};  // as a simulated one
 
     std::unique_ptr<CardReplay> replay;  // of a card of one's own; a hosted card is the host's to advance
 

@@ -18,6 +18,7 @@ struct Script {
     std::uint32_t wait;   // calls still to be let through
     std::uint32_t times;  // calls still to fail; 0 = all
     hooks::Outcome outcome;
+    const void* origin;
 };
 
 // Plain storage that is never destroyed, because calls may come from a program's last destructors.
@@ -67,7 +68,7 @@ void beforeFirstCall() {
     setActive(kFirstCall, false);
 }
 
-int addScript(const enyx_sim_failure& failure) {
+int addScript(const enyx_sim_failure& failure, const void* origin) {
     const auto* entry = std::find_if(std::begin(kCalls), std::end(kCalls),
                                      [&](const CallEntry& e) { return isScriptable(e, failure); });
     if (entry == std::end(kCalls) || failure.nth == 0) {
@@ -78,9 +79,18 @@ int addScript(const enyx_sim_failure& failure) {
     if (failure.has_result != 0) outcome.result = failure.result;
     Watch& w = watch();
     const std::lock_guard<std::mutex> lock(w.scriptMutex);
-    w.scripts.push_back({static_cast<std::size_t>(entry - kCalls), failure.nth - 1, failure.times, outcome});
+    w.scripts.push_back({static_cast<std::size_t>(entry - kCalls), failure.nth - 1, failure.times, outcome, origin});
     setActive(kScripts, true);
     return 0;
+}
+
+void removeScripts(const void* origin) {
+    Watch& w = watch();
+    const std::lock_guard<std::mutex> lock(w.scriptMutex);
+    w.scripts.erase(std::remove_if(w.scripts.begin(), w.scripts.end(),
+                                   [origin](const Script& script) { return script.origin == origin; }),
+                    w.scripts.end());
+    if (w.scripts.empty()) setActive(kScripts, false);
 }
 
 void clearScripts() {

@@ -42,11 +42,13 @@ inline constexpr unsigned kTrace = 2;
 inline constexpr unsigned kFirstCall = 4;  // no call was made yet: what the card is may bring scripts with it
 extern std::atomic<unsigned> g_active;     // which of these is so: calls look no further while none is
 
-/// Decides what cards the process has, if that is still open; the scripts that come with them count this call too.
+/// Decides what cards the process has, if that is still open: scripts come with them, and count this call too.
 void beforeFirstCall();
 void setActive(unsigned bit, bool on);
 
-int addScript(const enyx_sim_failure& failure);
+/// @param origin  whoever may take the script back by removeScripts(); null for a script of the process's own
+int addScript(const enyx_sim_failure& failure, const void* origin = nullptr);
+void removeScripts(const void* origin);
 void clearScripts();
 /// The outcome if a script applies to this call; counts the call either way.
 std::optional<Outcome> next(Call call);

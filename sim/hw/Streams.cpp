@@ -66,7 +66,7 @@ bool take(HwCard& card, std::uint32_t channel) {
 // A child of the process that opened a stream may destroy its handle: the stream is the parent's.
 template <typename Direction>
 void giveBack(HwCard& card, std::uint32_t channel) {
-    if (card.hosted != nullptr && !card.hosted->isAttachedHere()) return;
+    if (card.hosted != nullptr && !card.hosted->ownsHere({Direction::kPart, channel})) return;
     Direction::close(*CardAccess(card), channel);
     if (card.hosted != nullptr) card.hosted->release({Direction::kPart, channel});
 }
@@ -74,7 +74,7 @@ void giveBack(HwCard& card, std::uint32_t channel) {
 std::string holderOf(const HwCard& card, CardPart stream) {
     const bool byScenario = stream.kind == CardPart::kUp && (card.block->state.faults.heldUp >> stream.channel & 1) != 0;
     if (byScenario)
-        return toText(describeProcess(card.hosted != nullptr ? card.block->host.pid : getpid())) +
+        return toText(card.hosted != nullptr ? card.hosted->host() : describeProcess(getpid())) +
                ", as its scenario says";
     if (card.hosted == nullptr) return toText(describeProcess(getpid()));
     const std::optional<Holder> holder = card.hosted->holderOf(stream);

@@ -8,7 +8,6 @@
 namespace vexo_sim {
 namespace {
 
-constexpr char kMagic[8] = {'V', 'E', 'X', 'O', 'C', 'A', 'R', 'D'};
 constexpr std::uint32_t kLayout = 1;
 
 void pauseBriefly(unsigned round) {
@@ -21,7 +20,7 @@ void pauseBriefly(unsigned round) {
 }  // namespace
 
 void CardBlock::init() {
-    std::memcpy(magic, kMagic, sizeof magic);
+    std::memcpy(magic, kCardMagic, sizeof magic);
     layout = kLayout;
     bytes = sizeof(CardBlock);
     mutex.init();
@@ -30,7 +29,7 @@ void CardBlock::init() {
 }
 
 bool CardBlock::isCompatible() const {
-    return std::memcmp(magic, kMagic, sizeof magic) == 0 && layout == kLayout && bytes == sizeof(CardBlock);
+    return std::memcmp(magic, kCardMagic, sizeof magic) == 0 && layout == kLayout && bytes == sizeof(CardBlock);
 }
 
 // A host that feeds as fast as it can hands the mutex to nobody by itself: it stands back when somebody knocks.

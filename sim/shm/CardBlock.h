@@ -11,6 +11,9 @@
 
 namespace vexo_sim {
 
+/// The first bytes of every card in shared memory, of whatever version.
+inline constexpr char kCardMagic[8] = {'V', 'E', 'X', 'O', 'C', 'A', 'R', 'D'};
+
 /// A call of the hardware interface that fails in each process on the card, counted in each by itself.
 struct SharedFailure {
     char call[48];

@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -40,7 +41,6 @@ std::vector<gid_t> ownGroups() {
 
 // A card is believed when it is one's own, or offered by its owner to a group that one is in.
 bool isTrusted(const struct stat& file) {
-    if (!S_ISREG(file.st_mode) || file.st_size != static_cast<off_t>(sizeof(CardBlock))) return false;
     if (file.st_uid == geteuid()) return true;
     const std::vector<gid_t> groups = ownGroups();
     return (file.st_mode & 0060) == 0060 && std::find(groups.begin(), groups.end(), file.st_gid) != groups.end();
@@ -57,6 +57,12 @@ std::vector<std::string> listCards(const std::string& directory) {
     }
     std::sort(names.begin(), names.end());
     return names;
+}
+
+int reserveRange(int fd, std::size_t offset, std::size_t length) {
+    int error = EINTR;
+    while (error == EINTR) error = posix_fallocate(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
+    return error;
 }
 
 bool endsWith(const std::string& text, const std::string& end) {
@@ -82,12 +88,13 @@ void CardFile::close() {
     if (m_fd >= 0) ::close(std::exchange(m_fd, -1));
 }
 
-CardFile CardFile::open(const std::string& path) {
+template <typename Accept>
+CardFile CardFile::openIf(const std::string& path, Accept accept) {
     CardFile file;
     file.m_fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (file.m_fd < 0) return file;
     struct stat status {};
-    if (fstat(file.m_fd, &status) != 0 || !isTrusted(status)) {
+    if (fstat(file.m_fd, &status) != 0 || !S_ISREG(status.st_mode) || !accept(file, status)) {
         file.close();
         errno = EACCES;
         return file;
@@ -96,6 +103,24 @@ CardFile CardFile::open(const std::string& path) {
     file.m_device = status.st_dev;
     file.m_inode = status.st_ino;
     return file;
+}
+
+CardFile CardFile::open(const std::string& path) {
+    return openIf(path, [](const CardFile&, const struct stat& status) {
+        return status.st_size == static_cast<off_t>(sizeof(CardBlock)) && isTrusted(status);
+    });
+}
+
+CardFile CardFile::openLeftover(const std::string& path) {
+    const bool unpublished = path.find(kUnpublished) != std::string::npos;
+    return openIf(path, [=](const CardFile& file, const struct stat& status) {
+        return status.st_uid == geteuid() && (unpublished || file.hasMagic());
+    });
+}
+
+bool CardFile::hasMagic() const {
+    char begin[sizeof kCardMagic] = {};
+    return pread(m_fd, begin, sizeof begin, 0) == sizeof begin && std::memcmp(begin, kCardMagic, sizeof begin) == 0;
 }
 
 CardFile CardFile::create(const std::string& directory, std::uint32_t bus, mode_t mode, gid_t group) {
@@ -127,10 +152,9 @@ CardBlock* CardFile::map() {
 bool CardFile::reserve(std::uint32_t ringBytes) {
     const std::size_t streams = offsetof(CardBlock, state) + offsetof(CardState, up);
     const std::size_t used = offsetof(UpStreamState, ring) + offsetof(RingState, bytes) + ring::capacityFor(ringBytes);
-    int error = posix_fallocate(m_fd, 0, static_cast<off_t>(streams));
+    int error = reserveRange(m_fd, 0, streams);
     for (std::uint32_t channel = 0; channel < kStreams && error == 0; ++channel)
-        error = posix_fallocate(m_fd, static_cast<off_t>(streams + channel * sizeof(UpStreamState)),
-                                static_cast<off_t>(used));
+        error = reserveRange(m_fd, streams + channel * sizeof(UpStreamState), used);
     errno = error;
     return error == 0;
 }
@@ -187,9 +211,8 @@ std::vector<std::string> findCardFiles(const std::string& directory, std::uint32
 unsigned removeStaleFiles(const std::string& directory) {
     unsigned removed = 0;
     for (const std::string& name : listCards(directory)) {
-        CardFile file = CardFile::open(directory + "/" + name);
-        struct stat status {};
-        if (!file || lstat(file.path().c_str(), &status) != 0 || status.st_uid != geteuid()) continue;
+        CardFile file = CardFile::openLeftover(directory + "/" + name);
+        if (!file) continue;
         // Whoever removes holds the part for it, so that a new host's file of the same name is never taken for this one.
         if (file.holderOf({CardPart::kHost}) || !file.claim({CardPart::kRemoval})) continue;
         file.remove();

@@ -28,8 +28,11 @@ public:
     CardFile& operator=(CardFile&& other) noexcept;
     ~CardFile();
 
-    /// Null state with errno set when the file cannot be opened or is nobody's whom this process trusts.
+    /// Empty with errno set when the file cannot be opened, is no card of this version, or is nobody's whom this process
+    /// trusts.
     static CardFile open(const std::string& path);
+    /// The same for what a host of this user left behind, of whatever version, finished or not.
+    static CardFile openLeftover(const std::string& path);
     /// A new file, visible to nobody else before publish(). @p mode and @p group as for chmod and chown.
     static CardFile create(const std::string& directory, std::uint32_t bus, mode_t mode, gid_t group);
 
@@ -53,6 +56,9 @@ public:
     std::optional<pid_t> holderOf(CardPart part) const;
 
 private:
+    template <typename Accept>
+    static CardFile openIf(const std::string& path, Accept accept);
+    bool hasMagic() const;
     void close();
 
     int m_fd = -1;

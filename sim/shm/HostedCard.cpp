@@ -14,7 +14,7 @@ std::size_t slotOf(CardPart stream) { return (stream.kind == CardPart::kUp ? 0 :
 }  // namespace
 
 HostedCard::HostedCard(CardFile file, CardBlock& block)
-    : m_file(std::move(file)), m_block(&block), m_process(getpid()) {}
+    : m_file(std::move(file)), m_block(&block) {}
 
 std::unique_ptr<HostedCard> HostedCard::attach(std::uint32_t bus) {
     for (const std::string& path : findCardFiles(cardDirectory(), bus)) {
@@ -38,18 +38,21 @@ bool HostedCard::isCurrent() const {
            named.st_ino == m_file.inode();
 }
 
-bool HostedCard::ownsHere(CardPart stream) const { return m_owned[slotOf(stream)]; }
+bool HostedCard::ownsHere(CardPart stream) const { return m_owner[slotOf(stream)] == getpid(); }
 
 bool HostedCard::claim(CardPart stream) {
-    if (m_owned[slotOf(stream)].exchange(true)) return false;
+    std::atomic<pid_t>& owner = m_owner[slotOf(stream)];
+    const pid_t self = getpid();
+    pid_t before = owner;
+    if (before == self || !owner.compare_exchange_strong(before, self)) return false;
     if (m_file.claim(stream)) return true;
-    m_owned[slotOf(stream)] = false;
+    owner = before;
     return false;
 }
 
 void HostedCard::release(CardPart stream) {
     m_file.release(stream);
-    m_owned[slotOf(stream)] = false;
+    m_owner[slotOf(stream)] = 0;
 }
 
 std::optional<Holder> HostedCard::holderOf(CardPart stream) const {
@@ -58,6 +61,8 @@ std::optional<Holder> HostedCard::holderOf(CardPart stream) const {
     return std::nullopt;
 }
 
-bool HostedCard::isAttachedHere() const { return m_process == getpid(); }
+Holder HostedCard::host() const {
+    return describeProcess(m_file.holderOf({CardPart::kHost}).value_or(m_block->host.pid));
+}
 
 }  // namespace vexo_sim

@@ -24,21 +24,21 @@ public:
     /// Makes the process the owner of a stream. False when it is taken, by this process or another one.
     bool claim(CardPart stream);
     void release(CardPart stream);
+    /// False also in a child of the process that owns it.
     bool ownsHere(CardPart stream) const;
     /// Who has the stream, this process included.
     std::optional<Holder> holderOf(CardPart stream) const;
 
-    /// False in a child of the process that attached: what its parent owns is not the child's to give up.
-    bool isAttachedHere() const;
+    Holder host() const;
 
 private:
     HostedCard(CardFile file, CardBlock& block);
 
     CardFile m_file;
     CardBlock* m_block;
-    pid_t m_process;
-    // The kernel's locks do not tell handles of one process apart.
-    std::array<std::atomic<bool>, 2 * kStreams> m_owned{};
+    // Process that owns each stream through this object, 0 for none. The kernel's locks do not tell handles of one
+    // process apart, and what a child of the process finds here is its parent's.
+    std::array<std::atomic<pid_t>, 2 * kStreams> m_owner{};
 };
 
 }  // namespace vexo_sim

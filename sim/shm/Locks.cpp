@@ -1,14 +1,19 @@
 #include "shm/Locks.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 namespace vexo_sim {
 namespace {
 
-// Of the calling thread, in its process. Its kernel id would take a system call.
-std::uintptr_t threadMark() {
-    thread_local char mark;
-    return reinterpret_cast<std::uintptr_t>(&mark);
+thread_local std::int32_t t_threadId = 0;
+
+// The kernel's number of the calling thread, asked once: a system call at each lock would cost more than the lock.
+std::int32_t threadId() {
+    static const int forgetsInChild = pthread_atfork(nullptr, nullptr, [] { t_threadId = 0; });
+    if (t_threadId == 0 || forgetsInChild != 0) t_threadId = gettid();
+    return t_threadId;
 }
 
 }  // namespace
@@ -34,7 +39,7 @@ RobustMutex::Result RobustMutex::lock() { return taken(pthread_mutex_lock(&m_mut
 
 RobustMutex::Result RobustMutex::tryLock() { return taken(pthread_mutex_trylock(&m_mutex)); }
 
-int RobustMutex::unlock() { return pthread_mutex_unlock(&m_mutex); }
+void RobustMutex::unlock() { pthread_mutex_unlock(&m_mutex); }
 
 void CoreLock::init() {
     m_mutex.init();
@@ -44,16 +49,15 @@ void CoreLock::init() {
 // A holder that died needs no repair: no register access is ever half done.
 int CoreLock::lock() {
     if (m_mutex.lock() == RobustMutex::kFailed) return EDEADLK;
-    m_holder = threadMark();
+    m_holder = threadId();
     return 0;
 }
 
 int CoreLock::unlock() {
-    if (m_holder != threadMark()) return EPERM;
+    if (m_holder != threadId()) return EPERM;
     m_holder = 0;
-    const int error = m_mutex.unlock();
-    if (error != 0) m_holder = threadMark();
-    return error;
+    m_mutex.unlock();
+    return 0;
 }
 
 }  // namespace vexo_sim

@@ -17,8 +17,7 @@ public:
     /// kHolderDied: locked too, and what it protects may be half changed. kFailed: the calling thread holds it already.
     Result lock();
     Result tryLock();
-    /// 0, or EPERM when the calling thread does not hold it.
-    int unlock();
+    void unlock();
 
 private:
     Result taken(int error);
@@ -37,9 +36,7 @@ public:
 
 private:
     RobustMutex m_mutex;
-    // Kept here too, because sanitizers call a refused unlock a defect of the caller. Threads of two processes may look
-    // alike: the mutex tells them apart.
-    std::atomic<std::uintptr_t> m_holder;
+    std::atomic<std::int32_t> m_holder;  // kept here too: sanitizers call a refused unlock a defect of the caller
 };
 
 }  // namespace vexo_sim

@@ -11,10 +11,15 @@ bool g_known = false;
 // What tzset() changes when the zone does.
 struct Zone {
     long west;
+    int hasSummer;
     const char* name;
+    const char* summerName;
 
-    static Zone Current() { return {::timezone, ::tzname[0]}; }
-    bool operator==(const Zone& other) const { return west == other.west && name == other.name; }
+    static Zone Current() { return {::timezone, ::daylight, ::tzname[0], ::tzname[1]}; }
+    bool operator==(const Zone& other) const {
+        return west == other.west && hasSummer == other.hasSummer && name == other.name &&
+               summerName == other.summerName;
+    }
 } g_zone;
 
 __attribute__((noinline)) const LocalSecond* BreakDown(std::time_t when) {

@@ -14,8 +14,9 @@ struct LocalSecond {
     long utcOffset;        ///< seconds east of UTC
 };
 
-/// @return the second @p when in the process's time zone, also when that has been changed since; null when the C
-///         library cannot tell the local time. The log lock is held, and the result valid, until it is released.
+/// @return the second @p when in the process's time zone; null when the C library cannot tell the local time. A zone
+///         that the process changed since the last call shows at once, or in the next second where both zones have
+///         the same names and standard offset. The log lock is held, and the result valid, until it is released.
 const LocalSecond* LocalSecondOf(std::time_t when);
 /// Forgets the last one. The log lock is held.
 void ForgetLocalSecond();

@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -203,12 +205,67 @@ TEST_F(HostedCard, IsForItsOwnersEyesOnlyUnlessAGroupIsNamed) {
     EXPECT_EQ(shared.st_mode & 0777U, 0660U);
 }
 
+TEST_F(HostedCard, WhatAHostOfAnotherVersionOrAHalfStartedOneLeftIsRemovedToo) {
+    const std::string own = directory.Path() + "/vexo-simcard-" + std::to_string(geteuid()) + "-";
+    WriteFile(own + "0", "VEXOCARD of another size");
+    WriteFile(own + "1.new-abcdef", "");
+    const Process host = StartHost({"--bus", "0"});
+    EXPECT_THAT(directory.Files(), ElementsAre("vexo-simcard-" + std::to_string(geteuid()) + "-0"));
+}
+
+TEST_F(HostedCard, AFileInTheWayThatIsNoCardIsNamed) {
+    const std::string path = directory.Path() + "/vexo-simcard-" + std::to_string(geteuid()) + "-0";
+    WriteFile(path, "not a card");
+    Process host({VEXO_SIMCARD}, {}, directory.Path() + "/err");
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_EQ(ReadFile(directory.Path() + "/err"),
+              "vexo-simcard: " + path +
+                  " is in the way and no card of this vexo-simcard: remove it, or choose another bus.\n");
+}
+
 TEST_F(HostedCard, AFileThatIsNoCardIsLeftAlone) {
     const std::string path = directory.Path() + "/vexo-simcard-" + std::to_string(geteuid()) + "-4";
     WriteFile(path, "not a card");
     const Process host = StartHost({"--bus", "0"});
     EXPECT_EQ(FindCard(4), nullptr);
     EXPECT_EQ(ReadFile(path), "not a card");
+}
+
+TEST_F(HostedCard, AChildOfItsUserHasStreamsOfItsOwnAndLeavesItsParentsAlone) {
+    const Process host = StartHost({});
+    enyx_hw_a2c_stream* parents = OpenStream(0, 4);
+    ASSERT_NE(parents, nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        enyx_hw_a2c_stream_destroy(parents);
+        if (OpenStream(0, 4) != nullptr) _exit(1);
+        for (int n = 0; n < 2; ++n) {
+            enyx_hw_a2c_stream* own = OpenStream(0, 5);
+            if (own == nullptr) _exit(2);
+            enyx_hw_a2c_stream_destroy(own);
+        }
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    enyx_hw_a2c_stream* third = OpenStream(0, 5);
+    EXPECT_NE(third, nullptr);
+    enyx_hw_a2c_stream_destroy(third);
+    enyx_hw_a2c_stream_destroy(parents);
+}
+
+TEST_F(HostedCard, EachCardAnnouncesItself) {
+    const Process first = StartHost({"--bus", "0"});
+    const Process second = StartHost({"--bus", "1"});
+    test_support::CaptureOutput output(STDERR_FILENO);
+    FindCard(0);
+    FindCard(1);
+    FindCard(0);
+    const std::string text = output.Stop();
+    EXPECT_THAT(text, HasSubstr("SIMULATED CARD at bus 0, hosted by process " + std::to_string(first.Id())));
+    EXPECT_THAT(text, HasSubstr("SIMULATED CARD at bus 1, hosted by process " + std::to_string(second.Id())));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
 }
 
 TEST_F(HostedCard, IsNotSwitchedOffByItsUsers) {
@@ -296,9 +353,11 @@ TEST(ChoiceOfCard, WithoutAHostTheProcessHasACardOfItsOwn) {
 TEST(ChoiceOfCard, WhoInsistsOnAHostedCardFindsNoneWithoutAHost) {
     const CardDirectory directory;
     setenv("VEXO_SIM_CARD", "hosted", 1);
-    Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"}, {}, directory.Path() + "/err");
     EXPECT_EQ(user.Wait(), ENODEV);
     unsetenv("VEXO_SIM_CARD");
+    EXPECT_EQ(ReadFile(directory.Path() + "/err"),
+              "libenyx-hw-c: no card is hosted that this user may use. Start one: vexo-simcard\n");
 }
 
 TEST(ChoiceOfCard, WhoInsistsOnACardOfItsOwnLeavesAHostedOneAlone) {

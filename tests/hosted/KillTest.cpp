@@ -24,6 +24,13 @@ Process StartUser(unsigned seed, const CardDirectory& directory) {
     return Process({VEXO_CARD_USER, "abuse", std::to_string(seed)}, {}, directory.Path() + "/err");
 }
 
+void KillWhileStarting(std::mt19937& random) {
+    Process host({VEXO_SIMCARD, "--quiet"});
+    usleep(static_cast<useconds_t>(random() % 4000));
+    host.Signal(SIGKILL);
+    host.Wait();
+}
+
 // A process of its own that needs the lock and every stream: it hangs, or ends with another status, when one is stuck.
 int UseEverything() {
     enyx_hw_core* core = OpenRegisters(0);
@@ -51,6 +58,7 @@ TEST(RandomKills, LeaveNoStuckLockNoOrphanedMemoryAndNoCrash) {
         ASSERT_TRUE(victim.IsRunning()) << "ended by itself with " << victim.Wait() << " before kill " << kill;
         victim.Signal(SIGKILL);
         ASSERT_EQ(victim.Wait(), 128 + SIGKILL);
+        if (killsHost) KillWhileStarting(random);
         victim = killsHost ? StartHost({"--pace", "max"}) : StartUser(1000 + static_cast<unsigned>(kill), directory);
     }
     for (Process& user : users) {

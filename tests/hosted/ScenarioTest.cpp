@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <cerrno>
 
@@ -73,6 +74,19 @@ TEST_F(Scenario, EvenTheFirstCallOfAProcessMayFail) {
     setenv("VEXO_SIM_SCENARIO", path.c_str(), 1);
     Process user({VEXO_CARD_USER, "write", "262", "20310305"});
     EXPECT_EQ(user.Wait(), EIO);
+}
+
+TEST_F(Scenario, FailingCallsEndWithTheirHost) {
+    {
+        Process host = Host("[fault none]\nkind = call_fails\ncall = enyx_hw_enumerate_accelerators\nerrno = EIO\n"
+                            "times = all\n");
+        EXPECT_EQ(FindCard(0), nullptr);
+        EXPECT_EQ(errno, EIO);
+        host.Signal(SIGKILL);
+        host.Wait();
+    }
+    const Process host = Host("[scenario]\ndescription = sound again\n");
+    EXPECT_NE(FindCard(0), nullptr);
 }
 
 TEST_F(Scenario, TheCommandLinesBusAndPaceGoBeforeItsOwn) {

@@ -61,6 +61,13 @@ TEST_F(Sharing, AGroupThatDoesNotExistIsAnError) {
     EXPECT_EQ(ReadFile(directory.Path() + "/err"), "vexo-simcard: there is no group no-such-group\n");
 }
 
+TEST_F(Sharing, ARecordThatCannotBeMadeIsAnError) {
+    Process host({VEXO_SIMCARD, "--record", directory.Path() + "/nowhere/sent.pcapng"}, {}, directory.Path() + "/err");
+    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_THAT(ReadFile(directory.Path() + "/err"), HasSubstr("nowhere/sent.pcapng: No such file or directory"));
+    EXPECT_THAT(ReadFile(directory.Path() + "/err"), HasSubstr("vexo-simcard: nothing would be recorded\n"));
+}
+
 TEST_F(Sharing, TheHostShowsItsCardOnATerminalAndLeavesWhatItLastWas) {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_GE(terminal, 0);
