@@ -3,13 +3,15 @@
 # build/bench/bench-results.json. Fails when a limit does not hold.
 #   --quick      fewer and shorter repetitions        --figure N   this figure alone (may be repeated)
 #   --plots      also draw docs/figures/*.svg from the numbers
+# Without --figure the throughput of a hosted card is measured too.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-options=() plots=no
+options=() plots=no hosted=yes
 while [ $# -gt 0 ]; do
     case $1 in
         --plots) plots=yes ;;
+        --figure*) hosted=no; options+=("$1") ;;
         *) options+=("$1") ;;
     esac
     shift
@@ -23,5 +25,8 @@ status=0
 python3 "$vexo_root/bench/run.py" --build "$vexo_root/build/bench" --out "$results" "${options[@]}" || status=$?
 if [ "$plots" = yes ]; then
     python3 "$vexo_root/bench/plots.py" "$results" "$vexo_root/docs/figures"
+fi
+if [ "$hosted" = yes ]; then
+    "$vexo_root/bench/hosted_throughput.sh" 5 || status=1
 fi
 exit "$status"

@@ -176,10 +176,11 @@ void openStream(const void* stream, const Origin& origin) {
     const capture::InterfaceInfo info = describeStream(origin);
     Source* source = capture->recorder.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
-    g_streams.remove(stream);
-    if (source == nullptr || !g_streams.insert(stream, source)) {
-        report("no memory or no room for " + info.name + ": it is not captured");
-    }
+    // A handle may come back without a call of destroy: with a library that frees it some other way.
+    if (Source* before = g_streams.remove(stream)) Recorder::release(*before);
+    if (source != nullptr && g_streams.insert(stream, source)) return;
+    if (source != nullptr) Recorder::release(*source);
+    report("no memory or no room for " + info.name + ": it is not captured");
 }
 
 void closeStream(const void* stream) {
