@@ -18,7 +18,9 @@ unsigned long g_allocations = 0;
 
 void InfoLine() { LOG_INFO("Bin inst count:%u", 4711U); }
 // The line that the library writes most.
-void SubscribedLine() { LOG_INFO("Subscribes:Write to fpga:chanbit:0x%x, index:%u, instId:%s", 0x8001U, 4711U, "SR505C6000"); }
+void SubscribedLine() {
+    LOG_INFO("Subscribes:Write to fpga:chanbit:0x%x, index:%u, instId:%s", 0x8001U, 4711U, "SR505C6000");
+}
 
 void StartLog() {
     if (elog_init("./", "bench") != 0) std::exit(2);

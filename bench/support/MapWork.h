@@ -29,9 +29,9 @@
 
 namespace bench {
 
-/// The contract map of a whole market: packets that lie ready in channel 0's stream are taken, every new instrument goes
-/// into the day file and is subscribed for each channel that wants it, read back and logged. By the library, and as the
-/// bare sequence of calls and lines that this comes to, worked out beforehand from the decision table.
+/// The contract map of a whole market: packets that lie ready in channel 0's stream are taken, every new instrument
+/// goes into the day file and is subscribed for each channel that wants it, read back and logged. By the library, and
+/// as the bare sequence of calls and lines that this comes to, worked out beforehand from the decision table.
 class MapWork {
 public:
     MapWork(std::size_t instruments, std::size_t channels, std::size_t ids = 1000, std::size_t classes = 50)

@@ -33,8 +33,8 @@ public:
         return market.m_list;
     }
 
-    /// The same as the card's two tables hold it: half combinations, the rows of either table counted from 0, product by
-    /// product as the exchange's static data has them.
+    /// The same as the card's two tables hold it: half combinations, the rows of either table counted from 0, product
+    /// by product as the exchange's static data has them.
     static std::vector<Instrument> Tables(std::size_t count) {
         Market market(2);
         market.Add(count / 4, &Market::Future);

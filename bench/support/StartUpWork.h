@@ -20,7 +20,8 @@ namespace bench {
 class StartUpWork : private IVexoZceMdSpi {
 public:
     StartUpWork() {
-        std::ofstream("start.ini") << "[version]\n1.1.2.12 = 1\n1.1.2.13 = 13\n[config]\ndevice = xilinx0:0\ncpucore = -1\n"
+        std::ofstream("start.ini") << "[version]\n1.1.2.12 = 1\n1.1.2.13 = 13\n"
+                                      "[config]\ndevice = xilinx0:0\ncpucore = -1\n"
                                       "czce_level1 = enabled\nL5_IPA = 224.0.1.2\nL5_IPB = 224.0.1.3\nL5_PORT = 5001\n"
                                       "L1_IPA = 224.0.2.2\nL1_IPB = 224.0.2.3\nL1_PORT = 5002\n"
                                       "[channel0]\ninsts = SR\noptions = recv\n";

@@ -1,5 +1,5 @@
-// Figure 9: a start-up on the card, reset and six clearing passes included and the seconds of the reset left out, of the
-// same calls of the card issued bare, one lock a call.
+// Figure 9: a start-up on the card, reset and six clearing passes included and the seconds of the reset left out, of
+// the same calls of the card issued bare, one lock a call.
 
 #include "support/StartUpWork.h"
 #include "support/Timed.h"

@@ -38,7 +38,7 @@ struct CardConfig {
     std::int32_t clockOffsetSeconds = 0;        // exchange time minus the host's local time
     InstrumentChoice instruments = InstrumentChoice::kDefault;
     std::uint32_t listDate = 0;                 // YYYYMMDD the built-in lists are made for; 0 = the day of power-on
-    std::uint32_t quotesPerInstrument = 0;      // a second, for each that has a mask, up to quotesPerSecond; 0 = no limit
+    std::uint32_t quotesPerInstrument = 0;      // a second, for each that has a mask, quotesPerSecond in all; 0 = any
     std::uint32_t burstEveryMs = 0;             // a burst begins with the first quote and then this often; 0 = none
     std::uint32_t burstMs = 0;                  // how long it takes for the rate to fall back to the usual one
     std::uint32_t burstFactor = 1;              // times the usual rate at its start

@@ -14,7 +14,7 @@ struct RingState {
     alignas(64) std::atomic<std::uint64_t> head;
     std::uint64_t tailSeen;
     std::uint64_t reserved;  // where the packet being written starts
-    std::uint64_t keptFrom;  // nothing from here on is written over, taken or not; kKeepNothing: all that is taken may be
+    std::uint64_t keptFrom;  // nothing from here on is written over, taken or not; kKeepNothing: all taken may be
     // consumer's line
     alignas(64) std::atomic<std::uint64_t> tail;
     std::uint64_t headSeen;

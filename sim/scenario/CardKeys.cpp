@@ -52,7 +52,8 @@ void takeDate(const Value& value, Scenario& s) {
 void takeListDate(const Value& value, Scenario& s) { s.config.listDate = parse::date(value); }
 
 void takeList(const Value& value, Scenario& s) {
-    s.config.instruments = static_cast<InstrumentChoice>(parse::word(value, {{"default", 0}, {"full", 1}, {"none", 2}}));
+    const std::uint32_t choice = parse::word(value, {{"default", 0}, {"full", 1}, {"none", 2}});
+    s.config.instruments = static_cast<InstrumentChoice>(choice);
 }
 
 void takeInstruments(const Value& value, Scenario& s, std::vector<Instrument> (*read)(const std::string&)) {
@@ -70,7 +71,8 @@ void takeBurstEvery(const Value& value, Scenario& s) {
 void takePace(const Value& value, Scenario& s) {
     if (value.text == "real") s.config.pace = 1;
     else if (value.text == "max") s.config.pace = kPaceOfReaders;
-    else if (value.text[0] != 'x') value.reject("\"" + value.text + "\" will not do; write real, max, or xN such as x10");
+    else if (value.text[0] != 'x')
+        value.reject("\"" + value.text + "\" will not do; write real, max, or xN such as x10");
     else s.config.pace = parse::number32({value.text.substr(1), value.file, value.line, value.key}, 1, kMaxPace);
 }
 
@@ -127,13 +129,17 @@ const Key* find(const std::string& section, const std::string& name) {
     return nullptr;
 }
 
-const Value* valueOf(const IniFile& file, const char* section, const char* key) {
-    for (const Section& s : file.sections()) {
-        if (s.name != section) continue;
-        const auto found = s.values.find(key);
-        if (found != s.values.end()) return &found->second;
-    }
+const Section* sectionOf(const IniFile& file, const char* name) {
+    for (const Section& section : file.sections())
+        if (section.name == name) return &section;
     return nullptr;
+}
+
+const Value* valueOf(const IniFile& file, const char* section, const char* key) {
+    const Section* s = sectionOf(file, section);
+    if (s == nullptr) return nullptr;
+    const auto found = s->values.find(key);
+    return found != s->values.end() ? &found->second : nullptr;
 }
 
 void requireAlone(const IniFile& file, const char* section, const char* key, const char* other) {
@@ -142,13 +148,35 @@ void requireAlone(const IniFile& file, const char* section, const char* key, con
         value->reject(std::string("it excludes ") + other + "; remove one of the two");
 }
 
+void checkBursts(const IniFile& file, const CardConfig& c) {
+    const Value* every = valueOf(file, "quotes", "burst_every_s");
+    for (const char* key : {"burst_ms", "burst_factor"}) {
+        const Value* value = valueOf(file, "quotes", key);
+        if (value != nullptr && every == nullptr) value->reject("there is no burst; give burst_every_s, or remove it");
+    }
+    if (c.burstEveryMs != 0 && (c.burstMs == 0 || c.burstMs > c.burstEveryMs))
+        every->reject("a burst must end before the next; give burst_ms, and less of it");
+}
+
+void checkReplay(const IniFile& file, const Scenario& scenario) {
+    const Section* replay = sectionOf(file, "replay");
+    if (replay == nullptr) return;
+    if (scenario.replayFile.empty())
+        throw Rejected(file.path(), replay->line, "[replay] needs the key file; give it, or remove the section");
+    const Section* quotes = sectionOf(file, "quotes");
+    if (quotes != nullptr && !quotes->values.empty())
+        throw Rejected(file.path(), quotes->line,
+                       "a card that replays a capture sends no quotes of its own; remove [quotes] or [replay]");
+}
+
 }  // namespace
 
 void readCardSection(const Section& section, const std::string& path, Scenario& scenario) {
     const std::string keys = keysOf(section.name);
     if (keys.empty())
-        throw Rejected(path, section.line, "there is no section [" + section.name +
-                                               "]; use scenario, card, instruments, quotes, pace, replay or fault NAME");
+        throw Rejected(path, section.line,
+                       "there is no section [" + section.name +
+                           "]; use scenario, card, instruments, quotes, pace, replay or fault NAME");
     for (const auto& [name, value] : section.values) {
         const Key* key = find(section.name, name);
         if (key == nullptr)
@@ -164,16 +192,14 @@ void checkTogether(const IniFile& file, const Scenario& scenario) {
     requireAlone(file, "instruments", "file", "day_file");
 
     const CardConfig& c = scenario.config;
-    if (c.burstEveryMs != 0 && (c.burstMs == 0 || c.burstMs > c.burstEveryMs))
-        valueOf(file, "quotes", "burst_every_s")->reject("a burst must end before the next; give burst_ms, and less of it");
+    checkBursts(file, c);
     if (c.mtu > ring::largestPacket(ring::capacityFor(c.ringBytes))) {
         const Value* value = valueOf(file, "card", "mtu");
         if (value == nullptr) value = valueOf(file, "card", "ring_bytes");
         value->reject("a ring of " + std::to_string(c.ringBytes) + " bytes does not hold two packets of " +
                       std::to_string(c.mtu) + "; give ring_bytes more, or mtu less");
     }
-    if (valueOf(file, "replay", "map") != nullptr && scenario.replayFile.empty())
-        valueOf(file, "replay", "map")->reject("there is no file to replay; give file, or remove the section");
+    checkReplay(file, scenario);
 }
 
 std::vector<KeyName> cardKeys() {

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::uint32_t kAnyNumber = ~std::uint32_t{0};
 constexpr std::uint32_t kMost16 = 0xFFFF;
+constexpr std::uint32_t kMapChannel = 1;  // bit of channel 0: contract-map packets are on its stream alone
 
 // The keys of one fault section.
 class Keys {
@@ -62,10 +63,12 @@ PacketFault packetFault(const Keys& keys, PacketFaultKind kind) {
     fault.kind = kind;
     fault.channels = keys.channels();
     fault.packets = packetSorts(keys);
+    if (fault.packets == kMapPackets && (fault.channels & kMapChannel) == 0)
+        keys.require("channels").reject("contract-map packets are on channel 0 alone; add 0, or choose other packets");
     fault.first = keys.number("first", 1, 1, kAnyNumber);
     fault.every = keys.number("every", 1, 1, kAnyNumber);
     fault.times = keys.number("times", 0, 0, kAnyNumber);
-    fault.perMillion = keys.number("per_million", kMillion, 0, kMillion);
+    fault.perMillion = keys.number("per_million", kMillion, 1, kMillion);
     return fault;
 }
 
@@ -124,6 +127,8 @@ void takeBusySends(const Keys& keys, Scenario& s) {
 void takeStreamHeld(const Keys& keys, Scenario& s) { s.heldStreams |= keys.channels(); }
 
 void takeStreamErrors(const Keys& keys, Scenario& s) {
+    if (keys.find("fifo_errors") == nullptr && keys.find("errors") == nullptr)
+        keys.reject("it is not said which counter stands wrong; give fifo_errors or errors");
     s.streamErrors.push_back({keys.channels(), keys.number("fifo_errors", 0, 0, kAnyNumber),
                               keys.number("errors", 0, 0, kAnyNumber)});
 }
@@ -138,12 +143,16 @@ void takeRunningCounters(const Keys& keys, Scenario& s) { setCounters(keys, s, C
 void takeCardStops(const Keys& keys, Scenario& s) {
     const Value* packets = keys.find("after_packets");
     const Value* ms = keys.find("after_ms");
-    if (packets == nullptr && ms == nullptr) keys.reject("it is not said when the card stops; give after_packets or after_ms");
+    if (packets == nullptr && ms == nullptr)
+        keys.reject("it is not said when the card stops; give after_packets or after_ms");
+    if (s.stopAfterPackets != 0 || s.stopAfterMs != 0)
+        keys.reject("another section says when the card stops; remove one of the two");
     if (packets != nullptr) s.stopAfterPackets = parse::number(*packets, 1, ~std::uint64_t{0} - 1);
     if (ms != nullptr) s.stopAfterMs = parse::number32(*ms, 1, kMaxMilliseconds);
 }
 
 void takeResetIgnored(const Keys& keys, Scenario& s) {
+    if (s.resetsIgnored != 0) keys.reject("another section says how many resets are ignored; remove one of the two");
     s.resetsIgnored = parse::numberOrAll(keys.require("times"), 1, kForGood - 1, kForGood);
 }
 
@@ -171,7 +180,7 @@ Names packetKeys(Names own = {}) {
     return keys;
 }
 
-// Contract-map packets are on channel 0's stream alone.
+// Of faults of contract-map packets, which are on one channel: there is nothing to choose.
 Names mapKeys(Names own) {
     Names keys = {"first", "every", "times", "per_million"};
     keys.insert(keys.end(), own.begin(), own.end());
@@ -228,8 +237,8 @@ void readFault(const Section& section, const std::string& path, Scenario& scenar
         if (name == "kind" || has(kind, name)) continue;
         std::string known = "kind";
         for (const char* key : kind.keys) known += std::string(", ") + key;
-        throw Rejected(path, value.line, std::string("a fault of kind ") + kind.name + " has no key " + name + "; use " +
-                                             known);
+        throw Rejected(path, value.line,
+                       std::string("a fault of kind ") + kind.name + " has no key " + name + "; use " + known);
     }
     kind.take(keys, scenario);
 }

@@ -36,7 +36,8 @@ void IniFile::scan(const std::vector<std::string>& lines) {
     for (std::size_t n = 0; n < lines.size(); ++n) {
         const std::string line = trimmed(lines[n]);
         if (line.empty() || line[0] == '#' || line[0] == ';') continue;
-        if (line.back() == '\\') throw Rejected(m_path, n + 1, "the line ends in a backslash; write a value in one line");
+        if (line.back() == '\\')
+            throw Rejected(m_path, n + 1, "the line ends in a backslash; write a value in one line");
         if (line[0] == '[') openSection(line, n + 1);
         else addKey(line, n + 1);
     }

@@ -80,7 +80,8 @@ std::vector<Instrument> readInstrumentList(const std::string& path) {
         const std::vector<std::string> fields = fieldsOf(line);
         if (fields.size() != 3) throw Rejected(path, n + 1, "this is no instrument; write index,table,id");
         const std::optional<std::uint32_t> table = tableOf(fields[1]);
-        if (!table) throw Rejected(path, n + 1, "\"" + fields[1] + "\" is no table; write 0 (single) or 1 (combination)");
+        if (!table)
+            throw Rejected(path, n + 1, "\"" + fields[1] + "\" is no table; write 0 (single) or 1 (combination)");
         list.add(n + 1, fields[0], *table, fields[2]);
     }
     return list.take();

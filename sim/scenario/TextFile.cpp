@@ -50,7 +50,8 @@ std::string readWhole(const std::string& path) {
 }
 
 void requireText(const std::string& line, const std::string& path, std::size_t number) {
-    if (line.size() > kLongestLine) throw Rejected(path, number, "the line is too long; keep it below 1,000 characters");
+    if (line.size() > kLongestLine)
+        throw Rejected(path, number, "the line is too long; keep it below 1,000 characters");
     for (const char c : line)
         if (static_cast<unsigned char>(c) < ' ' && c != '\t')
             throw Rejected(path, number, "the line has a control character in it; write plain text");
@@ -75,8 +76,8 @@ std::vector<std::string> readLines(const std::string& path) {
 void requireFile(const std::string& path, const std::string& namedIn, std::size_t line) {
     const Descriptor file(path);
     if (file.get() < 0)
-        throw Rejected(namedIn, line,
-                       "file " + path + ": " + std::strerror(errno) + "; paths are relative to the scenario's directory");
+        throw Rejected(namedIn, line, "file " + path + ": " + std::strerror(errno) +
+                                          "; paths are relative to the scenario's directory");
     if (!isRegular(file.get())) throw Rejected(namedIn, line, "file " + path + " is not a regular file; name one");
 }
 

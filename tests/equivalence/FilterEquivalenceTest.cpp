@@ -195,7 +195,8 @@ TEST(FilterEquivalence, EverySingleQuestionIsAnsweredAsByASearchOfTheLists) {
             EXPECT_EQ(contracts.WantedBy(id), wanted ? 1U << chan : 0U);
             EXPECT_EQ(contracts.bOrderedId(id, chan), plain::Listed(rules.ids, id));
             EXPECT_EQ(contracts.bOrderedClass(id, chan), plain::Listed(rules.classes, id));
-            EXPECT_EQ(contracts.bOrderedClass(ExtractClass(id), chan), plain::Listed(rules.classes, plain::ClassOf(id)));
+            EXPECT_EQ(contracts.bOrderedClass(ExtractClass(id), chan),
+                      plain::Listed(rules.classes, plain::ClassOf(id)));
             EXPECT_EQ(IsOption(id), plain::Mark(id) != 0);
             if (IsOption(id)) {
                 EXPECT_EQ(contracts.OptionIsMeetCondition(id, chan), plain::OptionWanted(id, rules));

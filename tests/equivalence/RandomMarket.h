@@ -8,8 +8,8 @@
 #include "DataType/ZceSubsInfo.h"
 #include "support/PlainFilter.h"
 
-/// Random ids and rules, the same for a seed: of few products and months, so that rules meet ids and ids meet each other,
-/// with texts among them that only look like ids.
+/// Random ids and rules, the same for a seed: of few products and months, so that rules meet ids and ids meet each
+/// other, with texts among them that only look like ids.
 class RandomMarket {
 public:
     explicit RandomMarket(unsigned int seed) : m_random(seed) {}

@@ -1,5 +1,5 @@
-// Channels over the simulated card: the master's subscriptions for all, the others' quiet start, the packets' way to the
-// callbacks, the end by signal, and starts that fail.
+// Channels over the simulated card: the master's subscriptions for all, the others' quiet start, the packets' way to
+// the callbacks, the end by signal, and starts that fail.
 
 #include <algorithm>
 #include <csignal>
@@ -98,7 +98,8 @@ struct Rules {
         for (const auto* tokens : {&ids, &classes})
             for (const std::string& token : *tokens) insts += (insts.empty() ? "" : ",") + token;
         return "[channel" + std::to_string(channel) + "]\ninsts = " + insts + "\noptions = " +
-               (options ? "recv" : "no") + "\nips = " + (ips ? "recv" : "no") + "\nspd = " + (spd ? "recv" : "no") + "\n";
+               (options ? "recv" : "no") + "\nips = " + (ips ? "recv" : "no") + "\nspd = " +
+               (spd ? "recv" : "no") + "\n";
     }
     bool Has(const std::vector<std::string>& list, const std::string& entry) const {
         return std::find(list.begin(), list.end(), entry) != list.end();
@@ -113,8 +114,10 @@ struct Rules {
 };
 
 const std::vector<std::pair<std::string, std::uint16_t>> kRuleOneLeg = {
-    {"SR705", 0}, {"SR705C6000", 1}, {"SR705P6000", 2}, {"SR709", 3}, {"CF705", 10}, {"CF705C12000", 11}, {"TA701", 4000}};
-const std::vector<std::pair<std::string, std::uint16_t>> kRuleCombine = {{"SPD-SR705/SR709", 3}, {"IPS-SF705/SM705", 8}};
+    {"SR705", 0},  {"SR705C6000", 1},   {"SR705P6000", 2}, {"SR709", 3},
+    {"CF705", 10}, {"CF705C12000", 11}, {"TA701", 4000}};
+const std::vector<std::pair<std::string, std::uint16_t>> kRuleCombine = {
+    {"SPD-SR705/SR709", 3}, {"IPS-SF705/SM705", 8}};
 
 Rules RulesOf(int channel) {
     Rules rules{};

@@ -97,7 +97,8 @@ TEST_F(FaultPage, HasEveryKindOfFaultAndNoOther) {
         if (key.section == "card") cardKeys.insert(key.key);
     std::set<std::string> told;
     for (const std::string& heading : page.faults) {
-        EXPECT_TRUE(kinds.count(heading) + cardKeys.count(heading) == 1) << heading << " is nothing that a card may have";
+        EXPECT_TRUE(kinds.count(heading) + cardKeys.count(heading) == 1)
+            << heading << " is nothing that a card may have";
         EXPECT_TRUE(told.insert(heading).second) << heading << " is told twice";
     }
     for (const std::string& kind : kinds) EXPECT_EQ(told.count(kind), 1U) << "the page lacks " << kind;

@@ -71,7 +71,8 @@ struct HardwareCalls::Fold {
         const std::string second = pending[1];
         const std::size_t mark = second.rfind("=0x");
         const bool single = BeginsWith(second, "[write ") && second.find(';') == std::string::npos;
-        if (BeginsWith(first, "[write ") && single && mark != std::string::npos && first.find(';') == std::string::npos) {
+        if (BeginsWith(first, "[write ") && single && mark != std::string::npos &&
+            first.find(';') == std::string::npos) {
             const std::string stem = second.substr(0, mark + 1);
             const unsigned long value = std::stoul(second.substr(mark + 3), nullptr, 16);
             pending.clear();
@@ -106,8 +107,8 @@ struct HardwareCalls::Fold {
         if (run->count == 1) {
             text += run->first + '\n' + run->secondStem + Hex(run->from) + "]\n";
         } else {
-            text += std::to_string(run->count) + " times " + run->first + ' ' + run->secondStem + Hex(run->from) + ".." +
-                    Hex(run->last) + " step " + Hex(run->step) + "]\n";
+            text += std::to_string(run->count) + " times " + run->first + ' ' + run->secondStem + Hex(run->from) +
+                    ".." + Hex(run->last) + " step " + Hex(run->step) + "]\n";
         }
         run.reset();
     }

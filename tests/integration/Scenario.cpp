@@ -77,7 +77,8 @@ Outcome RunInChild(const std::function<int()>& body) {
 }
 
 std::string WriteIni(const std::string& extra, const std::string& device) {
-    std::ofstream("zce.ini") << "[version]\n1.1.2.12 = 1\n1.1.2.13 = 13\n[config]\ndevice = " << device << "\n" << extra;
+    std::ofstream("zce.ini") << "[version]\n1.1.2.12 = 1\n1.1.2.13 = 13\n[config]\ndevice = " << device << "\n"
+                             << extra;
     return "zce.ini";
 }
 

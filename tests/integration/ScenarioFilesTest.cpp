@@ -63,6 +63,7 @@ Expectation PassesTheHour(std::uint32_t before, std::uint32_t after, bool newDay
     return e;
 }
 
+// A table, one entry a shipped scenario: longer than a screen because there are so many, nothing to be read in one go.
 const std::map<std::string, Expectation>& Expectations() {
     static const std::map<std::string, Expectation> all = [] {
         std::map<std::string, Expectation> e;
@@ -206,7 +207,8 @@ TEST_P(ShippedScenario, DoesWhatItsDescriptionSays) {
     const Sight sight = RunOnSimulatedCard(run);
 
     EXPECT_EQ(sight.started, e.starts) << sight.outcome.out;
-    for (const std::string& line : e.logged) EXPECT_TRUE(sight.outcome.Logged(line)) << line << "\n" << sight.outcome.out;
+    for (const std::string& line : e.logged)
+        EXPECT_TRUE(sight.outcome.Logged(line)) << line << "\n" << sight.outcome.out;
     for (const std::string& line : e.notLogged) EXPECT_FALSE(sight.outcome.Logged(line)) << line;
     e.check(sight);
 }

@@ -50,8 +50,8 @@ private:
 
 // Standard output is what the parent reads of the child; log lines have another form.
 void PrintReport(const Sight& s) {
-    std::printf("%s%lu %lu %lu %u %u %u %u %lu\n", kReport, s.quotes, s.outOfTurn, s.largestGap, s.firstDate, s.firstTime,
-                s.lastDate, s.lastTime, s.instruments);
+    std::printf("%s%lu %lu %lu %u %u %u %u %lu\n", kReport, s.quotes, s.outOfTurn, s.largestGap, s.firstDate,
+                s.firstTime, s.lastDate, s.lastTime, s.instruments);
 }
 
 void ReadReport(Sight& s) {

@@ -9,7 +9,8 @@
 /// Calls of the C library that the code under test makes and that a test answers itself. Without an object of the
 /// classes below they reach the system.
 
-/// Answers every `write` while it lives, but for those to standard output. The answer may come from any thread and from a signal handler.
+/// Answers every `write` while it lives, but for those to standard output. The answer may come from any thread
+/// and from a signal handler.
 class WriteHook {
 public:
     using Answer = std::function<ssize_t(int fd, const void* buf, std::size_t size)>;

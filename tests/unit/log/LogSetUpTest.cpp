@@ -459,10 +459,11 @@ TEST_F(StartedLog, AChangedTimeZoneShowsInTheNextLineOfTheSameSecond) {
         }
     });
 
-    EXPECT_THAT(Lines(printed), ElementsAre("[INFO   ][20250303-01:00:00][fpga]text", "[INFO   ][20250303-01:00:00][fpga]text",
-                                            "[INFO   ][20250303-09:00:00][fpga]text", "[INFO   ][20250303-09:00:00][fpga]text",
-                                            "[INFO   ][20250302-20:00:00][fpga]text", "[INFO   ][20250302-20:00:00][fpga]text",
-                                            "[INFO   ][20250303-01:00:00][fpga]text", "[INFO   ][20250303-01:00:00][fpga]text"));
+    EXPECT_THAT(Lines(printed),
+                ElementsAre("[INFO   ][20250303-01:00:00][fpga]text", "[INFO   ][20250303-01:00:00][fpga]text",
+                            "[INFO   ][20250303-09:00:00][fpga]text", "[INFO   ][20250303-09:00:00][fpga]text",
+                            "[INFO   ][20250302-20:00:00][fpga]text", "[INFO   ][20250302-20:00:00][fpga]text",
+                            "[INFO   ][20250303-01:00:00][fpga]text", "[INFO   ][20250303-01:00:00][fpga]text"));
 }
 
 }  // namespace

@@ -31,8 +31,8 @@ INSTANTIATE_TEST_SUITE_P(
     , ScenarioError,
     ::testing::Values(
         ErrorCase{"UnknownSection", "\n[cards]\n",
-                  "a.ini:2: there is no section [cards]; use scenario, card, instruments, quotes, pace, replay or fault "
-                  "NAME"},
+                  "a.ini:2: there is no section [cards]; use scenario, card, instruments, quotes, pace, replay or "
+                  "fault NAME"},
         ErrorCase{"UnknownKey", "[pace]\n\nspeed = 1\n", "a.ini:3: [pace] has no key speed; use pace"},
         ErrorCase{"KeyOfAnotherSection", "[quotes]\nseed = 1\n",
                   "a.ini:2: [quotes] has no key seed; use per_second, per_instrument, burst_every_s, burst_ms, "
@@ -81,15 +81,24 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"MissingDayFile", "[instruments]\nday_file = gone\n",
                   "a.ini:2: file gone: No such file or directory; paths are relative to the scenario's directory"},
         ErrorCase{"MissingCapture", "[replay]\nfile = gone.pcapng\n",
-                  "a.ini:2: file gone.pcapng: No such file or directory; paths are relative to the scenario's directory"},
+                  "a.ini:2: file gone.pcapng: No such file or directory; paths are relative to the scenario's "
+                  "directory"},
         ErrorCase{"CaptureIsADirectory", "[replay]\nfile = .\n",
                   "a.ini:2: file . is not a regular file; name one"},
-        ErrorCase{"ReplayOfNothing", "[replay]\nmap = card\n",
-                  "a.ini:2: map: there is no file to replay; give file, or remove the section"},
+        ErrorCase{"ReplayOfNothing", "\n[replay]\n",
+                  "a.ini:2: [replay] needs the key file; give it, or remove the section"},
+        ErrorCase{"MapOfNoReplay", "[replay]\nmap = card\n",
+                  "a.ini:1: [replay] needs the key file; give it, or remove the section"},
+        ErrorCase{"ReplayWithQuotes", "[replay]\nfile = list.txt\n[quotes]\nper_second = 1\n",
+                  "a.ini:3: a card that replays a capture sends no quotes of its own; remove [quotes] or [replay]"},
         ErrorCase{"BurstWithoutLength", "[quotes]\nburst_every_s = 1\n",
                   "a.ini:2: burst_every_s: a burst must end before the next; give burst_ms, and less of it"},
         ErrorCase{"BurstTooLong", "[quotes]\nburst_every_s = 1\nburst_ms = 1001\n",
                   "a.ini:2: burst_every_s: a burst must end before the next; give burst_ms, and less of it"},
+        ErrorCase{"LengthOfNoBurst", "[quotes]\nburst_ms = 10\n",
+                  "a.ini:2: burst_ms: there is no burst; give burst_every_s, or remove it"},
+        ErrorCase{"FactorOfNoBurst", "[quotes]\nper_second = 10\nburst_factor = 10\n",
+                  "a.ini:3: burst_factor: there is no burst; give burst_every_s, or remove it"},
         ErrorCase{"RingTooSmall", "[card]\nring_bytes = 4096\n",
                   "a.ini:2: ring_bytes: a ring of 4096 bytes does not hold two packets of 4096; give ring_bytes more, "
                   "or mtu less"},
@@ -105,6 +114,11 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"MissingKeyOfAKind", "[fault a]\nkind = cut\n", "a.ini:1: [fault a] needs the key bytes; give it"},
         ErrorCase{"Channel", "[fault a]\nkind = drop\nchannels = 16\n",
                   "a.ini:3: channels: \"16\" will not do; give numbers from 0 to 15 such as 0, 3, 5-7, or all"},
+        ErrorCase{"MapPacketsOfAChannelWithoutMap",
+                  "[fault a]\nkind = drop\npackets = map\nchannels = 1-3, 15\n",
+                  "a.ini:4: channels: contract-map packets are on channel 0 alone; add 0, or choose other packets"},
+        ErrorCase{"NoChance", "[fault a]\nkind = drop\nper_million = 0\n",
+                  "a.ini:3: per_million: \"0\" will not do; give a number from 1 to 1000000"},
         ErrorCase{"RangeBackwards", "[fault a]\nkind = drop\nchannels = 5-3\n",
                   "a.ini:3: channels: \"5-3\" will not do; give numbers from 0 to 15 such as 0, 3, 5-7, or all"},
         ErrorCase{"Sends", "[fault a]\nkind = busy_sends\nsends = 0\n",
@@ -118,6 +132,14 @@ INSTANTIATE_TEST_SUITE_P(
                   "a.ini:4: errno: \"EFOO\" is no errno; write a name such as EIO, or a number"},
         ErrorCase{"CardThatNeverStops", "[fault a]\nkind = card_stops\n",
                   "a.ini:1: it is not said when the card stops; give after_packets or after_ms"},
+        ErrorCase{"CardThatStopsTwice",
+                  "[fault a]\nkind = card_stops\nafter_ms = 5\n[fault b]\nkind = card_stops\nafter_packets = 5\n",
+                  "a.ini:4: another section says when the card stops; remove one of the two"},
+        ErrorCase{"TwoNumbersOfIgnoredResets",
+                  "[fault a]\nkind = reset_ignored\ntimes = 5\n[fault b]\nkind = reset_ignored\ntimes = all\n",
+                  "a.ini:4: another section says how many resets are ignored; remove one of the two"},
+        ErrorCase{"ErrorsOfNoCounter", "[fault a]\nkind = stream_errors\nchannels = 1\n",
+                  "a.ini:1: it is not said which counter stands wrong; give fifo_errors or errors"},
         ErrorCase{"TwoKindsOfCounters", "[fault a]\nkind = running_counters\n[fault b]\nkind = frozen_counters\n",
                   "a.ini:3: the counters cannot be two things at once; remove this section"}),
     [](const auto& testCase) { return testCase.param.name; });
@@ -149,8 +171,8 @@ INSTANTIATE_TEST_SUITE_P(
         ListCase{"Table", "0,2,SR505\n", "list.txt:1: \"2\" is no table; write 0 (single) or 1 (combination)"},
         ListCase{"NoId", "0,0,\n", "list.txt:1: \"\" is no instrument id; give 1 to 31 characters without blanks"},
         ListCase{"LongId", "0,0,12345678901234567890123456789012\n",
-                 "list.txt:1: \"12345678901234567890123456789012\" is no instrument id; give 1 to 31 characters without "
-                 "blanks"},
+                 "list.txt:1: \"12345678901234567890123456789012\" is no instrument id; give 1 to 31 characters "
+                 "without blanks"},
         ListCase{"RowTwice", "5,0,SR505\n5,1,SPD-SR505/SR509\n5,0,SR509\n",
                  "list.txt:3: index 5 of this table is in line 1 already; give each its own"}),
     [](const auto& testCase) { return testCase.param.name; });
@@ -173,6 +195,11 @@ INSTANTIATE_TEST_SUITE_P(
         ListCase{"Line", "inst_index,inst_id\n0\nbin_file_over_tag\n",
                  "day:2: this is no line of a day file; it is index,id"}),
     [](const auto& testCase) { return testCase.param.name; });
+
+TEST_F(ScenarioTest, FaultsOfMapPacketsMayNameOtherChannelsBesideTheirs) {
+    EXPECT_EQ(errorOf("[fault a]\nkind = drop\npackets = map\nchannels = 0, 3\n"), "");
+    EXPECT_EQ(errorOf("[fault a]\nkind = drop\npackets = all\nchannels = 3\n"), "");
+}
 
 TEST_F(ScenarioTest, AFileThatIsNotThereIsAnError) {
     std::string error;

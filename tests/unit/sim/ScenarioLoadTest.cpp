@@ -233,7 +233,8 @@ TEST_F(ScenarioOnACard, FaultsAreThereFromTheStart) {
 }
 
 TEST_F(ScenarioOnACard, TheNextScenarioOwesNothingToTheLast) {
-    poweredOn("[fault a]\nkind = drop\n[fault b]\nkind = stream_held\n[fault c]\nkind = card_stops\nafter_packets = 1\n");
+    poweredOn("[fault a]\nkind = drop\n[fault b]\nkind = stream_held\n"
+              "[fault c]\nkind = card_stops\nafter_packets = 1\n");
     poweredOn("");
     EXPECT_FALSE(state().faults.armed);
     EXPECT_TRUE(m_card.openUp(0));

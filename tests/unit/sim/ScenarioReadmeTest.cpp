@@ -48,7 +48,8 @@ std::vector<std::vector<std::string>> table(const std::string& heading) {
 
 TEST(ScenarioReadme, ListsTheKeysThatTheParserKnows) {
     std::vector<std::string> told;
-    for (const auto& row : table("| section | key |")) told.push_back(quoted(row.at(0)).at(0) + quoted(row.at(1)).at(0));
+    for (const auto& row : table("| section | key |"))
+        told.push_back(quoted(row.at(0)).at(0) + quoted(row.at(1)).at(0));
     std::vector<std::string> known;
     for (const KeyName& key : knownKeys()) known.push_back("[" + key.section + "]" + key.key);
     EXPECT_EQ(told, known);

@@ -1,0 +1,50 @@
+// Figure 11: what the tap adds to a poll, with a packet ready and without one.
+
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+
+#include "support/BenchCard.h"
+#include "support/CountInstructions.h"
+
+namespace {
+
+constexpr unsigned int kWarmUp = 64;
+constexpr unsigned int kTimes  = 4000;
+constexpr std::uint32_t kSize  = 140;
+
+using Poll = decltype(enyx_hw_a2c_stream_poll_once);
+
+unsigned char g_copy[kSize];
+
+void EmptyHandler(const std::uint8_t*, std::uint32_t, void*) {}
+void CopyingHandler(const std::uint8_t* data, std::uint32_t size, void*) { std::memcpy(g_copy, data, size); }
+
+// The card's own poll: a plain call of it in this program reaches the tap, which is linked before the card.
+Poll* PollWithoutTap() {
+    void* const card = ::dlopen("libenyx-hw-c.so.1", RTLD_NOW | RTLD_NOLOAD);
+    auto* poll = card != nullptr ? reinterpret_cast<Poll*>(::dlsym(card, "enyx_hw_a2c_stream_poll_once")) : nullptr;
+    if (poll == nullptr || poll == enyx_hw_a2c_stream_poll_once) std::exit(2);
+    return poll;
+}
+
+void Count(enyx_hw_a2c_stream* stream, Poll* poll, enyx_hw_a2c_stream_handler handler, const char* packetName,
+           const char* idleName) {
+    const auto once = [=] { poll(stream, handler, nullptr); };
+    bench_card::Push(bench_card::kBareChannel, kWarmUp, kSize);
+    for (unsigned int n = 0; n < 2 * kWarmUp; ++n) once();
+    bench_card::Push(bench_card::kBareChannel, kTimes, kSize);
+    CountInstructions(packetName, kTimes, once);
+    CountInstructions(idleName, kTimes, once);
+}
+
+}  // namespace
+
+int main() {
+    bench_card::PowerOn();
+    const bench_card::Bare stream = bench_card::ReadBare();
+    Poll* const bare              = PollWithoutTap();
+    Count(stream.get(), bare, EmptyHandler, "fig11/bare", "fig11/bare/idle");
+    Count(stream.get(), bare, CopyingHandler, "fig11/floor", "fig11/floor/idle");
+    Count(stream.get(), enyx_hw_a2c_stream_poll_once, EmptyHandler, "fig11/ours", "fig11/ours/idle");
+}
