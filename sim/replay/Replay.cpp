@@ -8,6 +8,7 @@
 #include <iterator>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "capture/Reader.h"
 #include "capture/StreamPlace.h"
@@ -17,30 +18,35 @@ namespace vexo_sim {
 namespace {
 
 constexpr std::size_t kReadBytes = 256 * 1024;
+constexpr std::uint32_t kMostBlocks = 4096;  // that a channel reads in one advance(): its caller holds the card's lock
 
-/// A capture file being read from its beginning.
+/// A capture file being read, from its beginning or from where another one found a packet.
 class OpenFile {
 public:
-    explicit OpenFile(const std::string& path) : m_buffer(kReadBytes) {
-        m_stream.rdbuf()->pubsetbuf(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
-        m_stream.open(path, std::ios::binary);
-    }
+    explicit OpenFile(const std::string& path) { m_reader.emplace(openAt(path)); }
+    OpenFile(const std::string& path, capture::Start start) { m_reader.emplace(openAt(path), std::move(start)); }
 
     bool isOpen() const { return m_stream.is_open(); }
-    const std::optional<capture::Damage>& damage() const { return m_reader.damage(); }
+    const capture::Reader& reader() const { return *m_reader; }
 
-    /// The next packet of a stream, and which one; register accesses are passed over, and streams of unknown channel.
-    bool next(capture::Packet& packet, capture::StreamPlace& place) {
-        while (m_reader.next(packet)) {
-            const auto known = placeOf(packet.interface);
-            if (!known) continue;
-            place = *known;
-            return true;
-        }
-        return false;
+    using Step = capture::Reader::Step;
+    /// Reads one block. It may be a stream's packet, and then says which stream's; register accesses are passed over,
+    /// and streams of unknown channel.
+    Step step(capture::Packet& packet, capture::StreamPlace& place) {
+        const Step step = m_reader->step(packet);
+        if (step != Step::kPacket) return step;
+        const auto& known = placeOf(packet.interface);
+        if (known) place = *known;
+        return known ? Step::kPacket : Step::kOther;
     }
 
 private:
+    std::istream& openAt(const std::string& path) {
+        m_stream.rdbuf()->pubsetbuf(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
+        m_stream.open(path, std::ios::binary);
+        return m_stream;
+    }
+
     using Place = std::optional<capture::StreamPlace>;
 
     const Place& placeOf(const capture::Interface* interface) {
@@ -52,28 +58,49 @@ private:
         return known->second;
     }
 
-    std::vector<char> m_buffer;
+    std::vector<char> m_buffer = std::vector<char>(kReadBytes);
     std::ifstream m_stream;
-    capture::Reader m_reader{m_stream};
+    std::optional<capture::Reader> m_reader;
     std::map<const capture::Interface*, Place> m_places;
+};
+
+bool isContractMap(const capture::Packet& packet, std::uint32_t channel) {
+    return channel == 0 && contract_map::isMapPacket(packet.data, packet.size);
+}
+
+/// What a file has of one channel.
+struct Share {
+    std::uint64_t packets = 0;
+    capture::Place first;
+    std::uint64_t firstNs = 0;
+
+    void add(const capture::Packet& packet, const capture::Place& place) {
+        if (packets++ > 0) return;
+        first = place;
+        firstNs = packet.timeNs;
+    }
 };
 
 /// What a file has of one card.
 struct Content {
-    std::uint64_t packets[kStreams] = {};
-    std::uint64_t contractMaps = 0;  // of the packets of channel 0
+    Share channels[kStreams];
+    bool hasContractMap = false;
     std::string tooLong;  // the first packet that is longer than the card's MTU
 };
 
 using Contents = std::map<std::uint32_t, Content>;
 
-Contents contentsOf(OpenFile& file, std::uint32_t mtu) {
+Contents contentsOf(OpenFile& file, std::uint32_t mtu, bool withContractMap) {
+    using Step = OpenFile::Step;
     Contents contents;
     capture::Packet packet;
-    for (capture::StreamPlace place; file.next(packet, place);) {
+    capture::StreamPlace place;
+    for (Step step = file.step(packet, place); step != Step::kEnd; step = file.step(packet, place)) {
+        if (step != Step::kPacket) continue;
         Content& content = contents[place.card];
-        ++content.packets[place.channel];
-        if (place.channel == 0 && contract_map::isMapPacket(packet.data, packet.size)) ++content.contractMaps;
+        const bool isMap = isContractMap(packet, place.channel);
+        content.hasContractMap |= isMap;
+        if (!isMap || withContractMap) content.channels[place.channel].add(packet, file.reader().place());
         if (packet.size > mtu && content.tooLong.empty()) {
             content.tooLong = "at byte " + std::to_string(packet.offset) + ": a packet of " +
                               std::to_string(packet.size) + " bytes, but the card's MTU is " + std::to_string(mtu);
@@ -85,22 +112,29 @@ Contents contentsOf(OpenFile& file, std::uint32_t mtu) {
 }  // namespace
 
 struct Replay::Channel {
-    explicit Channel(std::uint32_t which) : number(which) {}
+    Channel(std::uint32_t which, capture::Start where, std::uint64_t ns)
+        : number(which), start(std::move(where)), firstNs(ns) {}
 
     const std::uint32_t number;
+    const capture::Start start;   // at the channel's first packet
+    const std::uint64_t firstNs;  // time of that packet
     bool open = false;
-    std::unique_ptr<OpenFile> file;
-    bool hasPacket = false;
-    capture::Packet packet;     // the next one
-    std::uint64_t firstNs = 0;  // time of the channel's first packet
     std::uint64_t startNs = 0;  // when the stream was opened
+    std::unique_ptr<OpenFile> file;
+    bool atEnd = false;
+    bool hasPacket = false;
+    capture::Packet packet;  // the next one
 
-    void readNext(std::uint32_t card, bool withContractMap) {
-        capture::StreamPlace place;
-        do {
-            hasPacket = file->next(packet, place);
-        } while (hasPacket && (place.card != card || place.channel != number ||
-                               (!withContractMap && number == 0 && contract_map::isMapPacket(packet.data, packet.size))));
+    bool isDone() const { return atEnd && !hasPacket; }
+
+    /// Reads on until there is a next packet, but no more blocks than @p blocks, which it counts down.
+    void seek(std::uint32_t card, bool withContractMap, std::uint32_t& blocks) {
+        for (capture::StreamPlace place; !hasPacket && !atEnd && blocks > 0; --blocks) {
+            const OpenFile::Step step = file->step(packet, place);
+            atEnd = step == OpenFile::Step::kEnd;
+            hasPacket = step == OpenFile::Step::kPacket && place.card == card && place.channel == number &&
+                        (withContractMap || !isContractMap(packet, number));
+        }
     }
 };
 
@@ -132,20 +166,23 @@ bool Replay::open(const std::string& path, std::uint32_t mtu, std::uint32_t bus,
 bool Replay::choose(std::uint32_t bus) {
     OpenFile file(m_path);
     if (!file.isOpen()) return refuse(std::strerror(errno));
-    const Contents contents = contentsOf(file, m_mtu);
-    if (file.damage()) m_problem = m_path + ": " + file.damage()->text + "; what precedes it is replayed";
+    const Contents contents = contentsOf(file, m_mtu, m_withContractMap);
+    const std::optional<capture::Damage>& damage = file.reader().damage();
+    if (damage) m_problem = m_path + ": " + damage->text + "; what precedes it is replayed";
     const auto found = contents.size() == 1 ? contents.begin() : contents.find(bus);
-    if (contents.empty()) return refuse(file.damage() ? file.damage()->text : "no packet of a card's stream in it");
+    if (contents.empty()) return refuse(damage ? damage->text : "no packet of a card's stream in it");
     if (found == contents.end()) {
         return refuse("packets of several cards, but none of the card at bus " + std::to_string(bus));
     }
     const Content& content = found->second;
     if (!content.tooLong.empty()) return refuse(content.tooLong);
     m_card = found->first;
-    m_hasContractMap = content.contractMaps > 0;
+    m_hasContractMap = content.hasContractMap;
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) {
-        m_packets[channel] = content.packets[channel] - (channel == 0 && !m_withContractMap ? content.contractMaps : 0);
-        if (m_packets[channel] > 0) m_channels.push_back(std::make_unique<Channel>(channel));
+        const Share& share = content.channels[channel];
+        m_packets[channel] = share.packets;
+        if (share.packets == 0) continue;
+        m_channels.push_back(std::make_unique<Channel>(channel, file.reader().startAt(share.first), share.firstNs));
     }
     return true;
 }
@@ -164,9 +201,8 @@ std::uint64_t Replay::due(const Channel& channel) const {
 void Replay::begin(Channel& channel, std::uint64_t clockNs) {
     channel.open = true;
     channel.startNs = clockNs;
-    channel.file = std::make_unique<OpenFile>(m_path);
-    channel.readNext(m_card, m_withContractMap);
-    channel.firstNs = channel.packet.timeNs;
+    channel.file = std::make_unique<OpenFile>(m_path, channel.start);
+    channel.atEnd = channel.hasPacket = false;
 }
 
 void Replay::restart(std::uint32_t number) {
@@ -175,7 +211,8 @@ void Replay::restart(std::uint32_t number) {
     }
 }
 
-// The ring is asked before the push: a push that finds it full would count as lost.
+// The ring is asked before the push: a push that finds it full would count as lost. A card that stops at a packet has
+// not taken it.
 void Replay::follow(Card& card, std::uint64_t clockNs, Channel& channel) {
     UpStreamState& stream = card.state().up[channel.number];
     if (!stream.open) {
@@ -183,24 +220,30 @@ void Replay::follow(Card& card, std::uint64_t clockNs, Channel& channel) {
         return;
     }
     if (!channel.open) begin(channel, clockNs);
-    while (channel.hasPacket && due(channel) <= clockNs && ring::reserve(stream.ring, channel.packet.size) != nullptr) {
+    std::uint32_t blocks = kMostBlocks;
+    channel.seek(m_card, m_withContractMap, blocks);
+    while (blocks > 0 && channel.hasPacket && due(channel) <= clockNs &&
+           ring::reserve(stream.ring, channel.packet.size) != nullptr) {
         card.deliver(channel.number, channel.packet.data, channel.packet.size);
-        channel.readNext(m_card, m_withContractMap);
+        if (card.state().faults.stopped) return;
+        channel.hasPacket = false;
+        channel.seek(m_card, m_withContractMap, blocks);
     }
 }
 
 void Replay::advance(Card& card, std::uint64_t clockNs) {
     m_nextDue = kNever;
     for (const auto& channel : m_channels) {
-        follow(card, clockNs, *channel);
-        if (channel->open && channel->hasPacket) m_nextDue = std::min(m_nextDue, due(*channel));
+        if (!card.state().faults.stopped) follow(card, clockNs, *channel);
+        if (!channel->open || channel->isDone()) continue;
+        m_nextDue = std::min(m_nextDue, channel->hasPacket ? due(*channel) : clockNs);
     }
 }
 
 bool Replay::isFinished() const {
     bool opened = false;
     for (const auto& channel : m_channels) {
-        if (channel->open && channel->hasPacket) return false;
+        if (channel->open && !channel->isDone()) return false;
         opened = opened || channel->open;
     }
     return opened;

@@ -21,7 +21,8 @@ namespace vexo_sim {
 /// owner pauses the feed (Card::pauseFeed), which also stops contract-map packets; a capture without them then leaves a
 /// master channel without its map, so its owner asks hasContractMap() first.
 ///
-/// For one thread at a time. Reads the file while it replays, and keeps no more than one packet of a channel in memory.
+/// For one thread at a time. Reads the file while it replays, each channel from its first packet on, and keeps no more
+/// than one packet of a channel in memory.
 class Replay {
 public:
     enum class Pace {
@@ -53,13 +54,14 @@ public:
 
     /// Pushes everything that is due at @p clockNs, a clock of nanoseconds that does not go back, such as the card's
     /// own (CardState::clockNs). Sees which streams are open; one that is closed and opened again between two calls
-    /// goes on instead of beginning again, unless restart() tells.
+    /// goes on instead of beginning again, unless restart() tells. Nothing is taken while the card is stopped, and of
+    /// each channel no more than 4,096 blocks are read in one call, packets of others that lie between included.
     void advance(Card& card, std::uint64_t clockNs);
     /// The channel's packets begin again at the next advance().
     void restart(std::uint32_t channel);
 
     /// When advance() has something to do next: kNever while no open stream has packets left. A moment that has passed
-    /// says that a ring was full.
+    /// says that there is more to do at once, or that a ring was full.
     std::uint64_t nextDue() const { return m_nextDue; }
     /// No open stream has packets left, and at least one was opened.
     bool isFinished() const;

@@ -1,6 +1,8 @@
 #include "capture/Reader.h"
 
+#include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "capture/Format.h"
 
@@ -36,12 +38,28 @@ struct Reader::Option {
     std::string text() const { return std::string(reinterpret_cast<const char*>(data), length); }
 };
 
+Reader::Reader(std::istream& in, Start start)
+    : m_in(in), m_nextOffset(start.offset), m_interfaces(std::move(start.interfaces)), m_inSection(true) {
+    m_in.seekg(static_cast<std::streamoff>(start.offset));
+}
+
+Start Reader::startAt(const Place& place) const {
+    const auto at = [this](std::size_t number) { return m_interfaces.begin() + static_cast<std::ptrdiff_t>(number); };
+    return {place.offset, {at(place.firstInterface), at(place.endInterface)}};
+}
+
 bool Reader::next(Packet& packet) {
+    Step last;
+    do {
+        last = step(packet);
+    } while (last == Step::kOther);
+    return last == Step::kPacket;
+}
+
+Reader::Step Reader::step(Packet& packet) {
     bool isPacket = false;
-    while (!m_damage && !isPacket) {
-        if (!readBlock() || !takeBlock(packet, isPacket)) return false;
-    }
-    return isPacket;
+    if (m_damage || !readBlock() || !takeBlock(packet, isPacket)) return Step::kEnd;
+    return isPacket ? Step::kPacket : Step::kOther;
 }
 
 bool Reader::fail(const std::string& what) {

@@ -26,6 +26,19 @@ struct Packet {
     std::uint64_t offset = 0;              // of the packet's block in the file
 };
 
+/// Where a packet stands in its file: its block, and the interfaces of its section that precede it.
+struct Place {
+    std::uint64_t offset = 0;
+    std::size_t firstInterface = 0;  // both count those of all sections, in the order of the file
+    std::size_t endInterface = 0;
+};
+
+/// What a reader needs to begin in the middle of a file.
+struct Start {
+    std::uint64_t offset = 0;
+    std::deque<Interface> interfaces;
+};
+
 /// Where and why a file cannot be read on.
 struct Damage {
     std::uint64_t offset = 0;  // of the block that is damaged or cut off
@@ -38,9 +51,20 @@ class Reader {
 public:
     /// @param in  opened in binary mode, at the start of the file; must live as long as the reader
     explicit Reader(std::istream& in) : m_in(in) {}
+    /// Begins with the block that another reader of the same file found at @p start: see startAt().
+    /// @param in  opened in binary mode, anywhere in the file; must live as long as the reader
+    Reader(std::istream& in, Start start);
 
     /// @return false at the end of the file or where it is damaged: see damage().
     bool next(Packet& packet);
+    enum class Step { kPacket, kOther, kEnd };
+    /// The same one block at a time, for callers that cannot wait until a packet comes.
+    Step step(Packet& packet);
+
+    /// Of the packet that was read last.
+    Place place() const { return {m_offset, m_firstOfSection, m_interfaces.size()}; }
+    /// @param place  of a packet that this reader has read
+    Start startAt(const Place& place) const;
 
     const std::optional<Damage>& damage() const { return m_damage; }
     /// All interfaces seen so far, of all sections; in the order of the file.

@@ -38,15 +38,15 @@ private:
     std::map<std::string, std::uint32_t> m_numbers;
 };
 
+Bytes fourBytes(std::uint32_t number) {
+    Bytes bytes(sizeof number);
+    std::memcpy(bytes.data(), &number, sizeof number);
+    return bytes;
+}
+
 class ReplayTest : public CardTest {
 protected:
-    void SetUp() override {
-        CardConfig config;
-        config.instruments = InstrumentChoice::kNone;
-        config.ringBytes = 16384;
-        powerOn(config);
-        card.pauseFeed(true);
-    }
+    void SetUp() override { useRing(16384); }
 
     /// A file with packets of one byte, each with its time in milliseconds.
     std::string write(const std::vector<std::pair<std::string, std::uint64_t>>& packets) {
@@ -60,9 +60,31 @@ protected:
         return dir.Write("b.pcapng", std::string(blocks.begin(), blocks.end()));
     }
     bool open(const std::string& path) { return replay.open(path, card.state().config.mtu); }
+    /// A file of @p count packets of channel 0, all of one moment, each with its number in four bytes.
+    std::string writeMany(std::uint32_t count) {
+        Capture capture(dir.Path("many.pcapng"));
+        for (std::uint32_t i = 0; i < count; ++i) capture.add("channel 0", 1, fourBytes(i));
+        capture.close(1);
+        return dir.Path("many.pcapng");
+    }
+    void useRing(std::uint32_t bytes, std::uint32_t pace = 1) {
+        CardConfig config;
+        config.instruments = InstrumentChoice::kNone;
+        config.ringBytes = bytes;
+        config.pace = pace;
+        powerOn(config);
+        card.pauseFeed(true);
+    }
+    void addFault(PacketFaultKind kind, std::uint32_t every) {
+        PacketFault fault;
+        fault.kind = kind;
+        fault.first = fault.every = every;
+        ASSERT_EQ(packet_faults::add(card.state(), fault), 0);
+    }
     /// Packets that a channel has received, each by its one byte, after the replay went on to a moment.
-    std::vector<unsigned> at(std::uint64_t ms, std::uint32_t channel) {
-        replay.advance(card, ms * kMs);
+    std::vector<unsigned> at(std::uint64_t ms, std::uint32_t channel) { return atNs(ms * kMs, channel); }
+    std::vector<unsigned> atNs(std::uint64_t clockNs, std::uint32_t channel) {
+        replay.advance(card, clockNs);
         std::vector<unsigned> numbers;
         for (const Bytes& packet : take(channel)) numbers.push_back(packet.at(0));
         return numbers;
@@ -146,14 +168,149 @@ TEST_F(ReplayTest, AFullRingDelaysAndLosesNothing) {
 
 TEST_F(ReplayTest, TheCardsFaultsStrikeReplayedPackets) {
     ASSERT_TRUE(open(write({{"channel 0", 0}, {"channel 0", 1}, {"channel 0", 2}, {"channel 0", 3}})));
-    PacketFault everySecond;
-    everySecond.kind = PacketFaultKind::kDrop;
-    everySecond.first = everySecond.every = 2;
-    ASSERT_EQ(packet_faults::add(card.state(), everySecond), 0);
+    addFault(PacketFaultKind::kDrop, 2);
     card.openUp(0);
     EXPECT_THAT(at(100, 0), ElementsAre(0));
     EXPECT_THAT(at(103, 0), ElementsAre(2));
     EXPECT_EQ(card.state().faults.rules[0].strikes, 2U);
+}
+
+TEST_F(ReplayTest, ADoubledPacketComesTwiceAndTheNextOneAfterIt) {
+    ASSERT_TRUE(replay.open(write({{"channel 0", 0}, {"channel 0", 1}}), 4096, 0, Replay::Pace::kAsTaken));
+    addFault(PacketFaultKind::kDouble, 1);
+    card.openUp(0);
+    EXPECT_THAT(at(100, 0), ElementsAre(0, 0, 1, 1));
+}
+
+TEST_F(ReplayTest, ACardThatStopsTakesNothingMoreAndGoesOnWithThePacketItStoppedAt) {
+    ASSERT_TRUE(replay.open(write({{"channel 0", 0}, {"channel 0", 1}, {"channel 0", 2}, {"channel 0", 3}}), 4096, 0,
+                            Replay::Pace::kAsTaken));
+    packet_faults::stopAfter(card.state(), 2);
+    card.openUp(0);
+    EXPECT_THAT(at(100, 0), ElementsAre(0, 1));
+    EXPECT_TRUE(card.state().faults.stopped);
+    EXPECT_THAT(at(200, 0), IsEmpty());
+    EXPECT_FALSE(replay.isFinished());
+    card.stop(false);
+    EXPECT_THAT(at(300, 0), ElementsAre(2, 3));
+}
+
+TEST_F(ReplayTest, WhereOneChannelStopsTheCardTheOthersTakeNothingEither) {
+    ASSERT_TRUE(open(write({{"channel 0", 0}, {"channel 0", 0}, {"channel 1", 0}})));
+    packet_faults::stopAfter(card.state(), 1);
+    card.openUp(0);
+    card.openUp(1);
+    EXPECT_THAT(at(100, 0), ElementsAre(0));
+    EXPECT_THAT(take(1), IsEmpty());
+    card.stop(false);
+    EXPECT_THAT(at(200, 1), ElementsAre(2));
+}
+
+TEST_F(ReplayTest, TakesNoMoreThan4096PacketsOfAChannelAtATime) {
+    useRing(1 << 20);
+    for (const Replay::Pace pace : {Replay::Pace::kOriginal, Replay::Pace::kAsTaken}) {
+        ASSERT_TRUE(replay.open(writeMany(10'000), 4096, 0, pace));
+        card.openUp(0);
+        std::uint64_t clockNs = kMs;
+        std::vector<std::size_t> turns;
+        for (std::uint32_t number = 0; number < 10'000; clockNs += kMs) {
+            replay.advance(card, clockNs);
+            const std::vector<Bytes> packets = take(0);
+            ASSERT_THAT(packets, SizeIs(::testing::Le(4096)));
+            for (const Bytes& packet : packets) ASSERT_EQ(typeOf(packet), number++);
+            if (number < 10'000) {
+                ASSERT_LE(replay.nextDue(), clockNs);
+            }
+            turns.push_back(packets.size());
+            ASSERT_THAT(turns, SizeIs(::testing::Le(5)));
+        }
+        card.closeUp(0);
+    }
+}
+
+TEST_F(ReplayTest, ARuleThatDropsEveryPacketDoesNotEatTheFileInOneCall) {
+    ASSERT_TRUE(replay.open(writeMany(10'000), 4096, 0, Replay::Pace::kAsTaken));
+    addFault(PacketFaultKind::kDrop, 1);
+    card.openUp(0);
+    replay.advance(card, kMs);
+    EXPECT_GT(card.state().faults.rules[0].strikes, 4000U);
+    EXPECT_LE(card.state().faults.rules[0].strikes, 4096U);
+    EXPECT_LE(replay.nextDue(), kMs);
+    EXPECT_FALSE(replay.isFinished());
+}
+
+// The middle of the file is spoiled once it has been looked through: whoever reads it does not come past it.
+TEST_F(ReplayTest, AChannelBeginsAtItsFirstPacketWithoutReadingUpToThere) {
+    capture::BlockBuffer blocks;
+    capture::appendSection(blocks, {});
+    capture::appendInterface(blocks, {capture::kStreamLink, "channel 0", ""});
+    capture::appendInterface(blocks, {capture::kStreamLink, "channel 1", ""});
+    capture::appendPacket(blocks, 0, 1, "\0", 1);
+    const std::size_t middle = blocks.size();
+    for (int i = 0; i < 5000; ++i) capture::appendPacket(blocks, 0, 2, "\1", 1);
+    capture::appendPacket(blocks, 1, 5000, "\2", 1);
+    capture::appendInterface(blocks, {capture::kStreamLink, "channel 2", ""});
+    capture::appendPacket(blocks, 2, 6000, "\3", 1);
+    capture::appendPacket(blocks, 1, 5000 + kMs, "\4", 1);
+    ASSERT_TRUE(open(writeBytes(blocks)));
+    std::fill_n(blocks.begin() + static_cast<std::ptrdiff_t>(middle), 12, static_cast<unsigned char>(0xFF));
+    writeBytes(blocks);
+    card.openUp(0);
+    card.openUp(1);
+    card.openUp(2);
+    EXPECT_THAT(at(100, 1), ElementsAre(2));
+    EXPECT_THAT(take(0), SizeIs(1));
+    EXPECT_THAT(take(2), SizeIs(1));
+    EXPECT_THAT(at(101, 1), ElementsAre(4));
+}
+
+TEST_F(ReplayTest, AChannelOfALaterSectionHasThatSectionsInterfacesAndTimes) {
+    capture::BlockBuffer blocks = onePacket({0});
+    capture::BlockBuffer second;
+    capture::appendSection(second, {});
+    capture::appendInterface(second, {capture::kStreamLink, "channel 4", ""});
+    capture::appendInterface(second, {capture::kStreamLink, "channel 3", ""});
+    capture::appendPacket(second, 1, 10 * kMs, "\1", 1);
+    capture::appendPacket(second, 0, 10 * kMs, "\2", 1);
+    capture::appendPacket(second, 1, 13 * kMs, "\3", 1);
+    blocks.insert(blocks.end(), second.begin(), second.end());
+    blocks.insert(blocks.end(), second.begin(), second.end());
+    ASSERT_TRUE(open(writeBytes(blocks)));
+    card.openUp(3);
+    EXPECT_THAT(at(100, 3), ElementsAre(1));
+    EXPECT_THAT(at(103, 3), ElementsAre(3, 1, 3));
+    EXPECT_EQ(replay.nextDue(), kNever);
+}
+
+TEST_F(ReplayTest, PassesOverNoMoreThan4096BlocksOfOthersAtATime) {
+    Capture capture(dir.Path("a.pcapng"));
+    capture.add("channel 1", 0, {1});
+    for (std::uint64_t i = 0; i < 10'000; ++i) capture.add(i % 2 == 0 ? "channel 0" : "registers", 0, {0});
+    capture.add("channel 1", 0, {2});
+    capture.close(1);
+    ASSERT_TRUE(open(dir.Path("a.pcapng")));
+    card.openUp(1);
+    EXPECT_THAT(at(100, 1), ElementsAre(1));
+    EXPECT_LE(replay.nextDue(), 100 * kMs);
+    EXPECT_FALSE(replay.isFinished());
+    EXPECT_THAT(at(101, 1), IsEmpty());
+    EXPECT_LE(replay.nextDue(), 101 * kMs);
+    EXPECT_THAT(at(102, 1), ElementsAre(2));
+    EXPECT_TRUE(replay.isFinished());
+}
+
+TEST_F(ReplayTest, AtPaceX10TheCardsClockReplaysTenTimesAsFast) {
+    useRing(16384, 10);
+    ASSERT_TRUE(open(write({{"channel 0", 0}, {"channel 0", 100}, {"channel 0", 200}})));
+    const auto after = [this](std::uint64_t ns) {
+        advanceNs(ns);
+        return atNs(card.state().clockNs, 0);
+    };
+    card.openUp(0);
+    EXPECT_THAT(after(0), ElementsAre(0));
+    EXPECT_THAT(after(10 * kMs - 1), IsEmpty());
+    EXPECT_THAT(after(1), ElementsAre(1));
+    EXPECT_THAT(after(10 * kMs), ElementsAre(2));
 }
 
 TEST_F(ReplayTest, WithoutTheContractMapItsPacketsAreLeftOut) {

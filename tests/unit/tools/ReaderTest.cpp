@@ -215,3 +215,61 @@ TEST(CaptureReader, ATimeUnitFinerThanANanosecondIsRefused) {
         EXPECT_THAT(file.damage->text, HasSubstr("times finer than a nanosecond are not known"));
     }
 }
+
+TEST(CaptureReader, GoesOnWhereAnotherReaderFoundAPacket) {
+    const Sample sample;
+    std::string bytes = sample.bytes();
+    bytes += sample.bytes();  // a second section: the first one's interfaces are not its own
+    const ReadFile whole = readBytes(bytes);
+    std::istringstream in(bytes);
+    Reader first(in);
+    std::vector<Place> places;
+    for (Packet packet; first.next(packet);) places.push_back(first.place());
+    ASSERT_THAT(places, SizeIs(6));
+    for (std::size_t from = 0; from < places.size(); ++from) {
+        std::istringstream again(bytes);
+        Reader later(again, first.startAt(places[from]));
+        std::size_t number = from;
+        for (Packet packet; later.next(packet); ++number) {
+            ASSERT_LT(number, whole.packets.size());
+            const ReadPacket& expected = whole.packets[number];
+            EXPECT_EQ(packet.interface->info.name, expected.interface);
+            EXPECT_EQ(packet.timeNs, expected.timeNs);
+            EXPECT_EQ(packet.offset, expected.offset);
+            EXPECT_EQ(std::string(reinterpret_cast<const char*>(packet.data), packet.size), expected.bytes);
+        }
+        EXPECT_EQ(number, whole.packets.size());
+        EXPECT_FALSE(later.damage());
+    }
+}
+
+TEST(CaptureReader, TellsTheSameDamageFromTheMiddleAsFromTheStart) {
+    const Sample sample;
+    const std::string bytes = sample.bytes().substr(0, sample.bytes().size() - 3);
+    std::istringstream in(bytes);
+    Reader first(in);
+    Packet packet;
+    ASSERT_TRUE(first.next(packet));
+    const Start start = first.startAt(first.place());
+    while (first.next(packet)) continue;
+    ASSERT_TRUE(first.damage());
+    std::istringstream again(bytes);
+    Reader later(again, start);
+    while (later.next(packet)) continue;
+    ASSERT_TRUE(later.damage());
+    EXPECT_EQ(later.damage()->offset, first.damage()->offset);
+    EXPECT_EQ(later.damage()->text, first.damage()->text);
+}
+
+TEST(CaptureReader, AStepReadsOneBlock) {
+    const Sample sample;
+    std::istringstream in(sample.bytes());
+    Reader reader(in);
+    std::vector<Reader::Step> steps;
+    Packet packet;
+    do steps.push_back(reader.step(packet));
+    while (steps.back() != Reader::Step::kEnd);
+    using S = Reader::Step;
+    EXPECT_THAT(steps, ::testing::ElementsAre(S::kOther, S::kOther, S::kOther, S::kPacket, S::kPacket, S::kPacket,
+                                              S::kOther, S::kEnd));
+}
