@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "card/Registers.h"
+#include "scenario/Pace.h"
 
 namespace vexo_sim {
 namespace {
@@ -122,20 +123,6 @@ std::string toText(const CardStatus& status) {
                static_cast<unsigned long long>(c.queuedBytes), c.holder ? toText(*c.holder).c_str() : "nobody");
     }
     return text;
-}
-
-std::string paceName(std::uint32_t pace) {
-    if (pace == kPaceOfReaders) return "max";
-    return pace == 1 ? "real" : "x" + std::to_string(pace);
-}
-
-std::optional<std::uint32_t> parsePace(const std::string& text) {
-    if (text == "real") return 1;
-    if (text == "max") return kPaceOfReaders;
-    unsigned times = 0;
-    char rest = 0;
-    if (std::sscanf(text.c_str(), "x%4u%c", &times, &rest) != 1 || times < 1 || times > kMaxPace) return std::nullopt;
-    return times;
 }
 
 }  // namespace vexo_sim

@@ -47,9 +47,4 @@ std::string toJson(const CardStatus& status);
 /// A few lines for a terminal: the card, and each stream that somebody holds or held.
 std::string toText(const CardStatus& status);
 
-/// "real", "x10", "max"
-std::string paceName(std::uint32_t pace);
-/// The opposite; empty when the text is no pace.
-std::optional<std::uint32_t> parsePace(const std::string& text);
-
 }  // namespace vexo_sim

@@ -12,6 +12,7 @@
 
 #include "host/CardHost.h"
 #include "host/Status.h"
+#include "scenario/Pace.h"
 #include "shm/HostedCard.h"
 
 using namespace vexo_sim;

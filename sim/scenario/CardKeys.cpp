@@ -4,6 +4,7 @@
 
 #include "card/StreamRing.h"
 #include "scenario/InstrumentFile.h"
+#include "scenario/Pace.h"
 #include "scenario/Parse.h"
 #include "scenario/TextFile.h"
 
@@ -69,11 +70,9 @@ void takeBurstEvery(const Value& value, Scenario& s) {
 }
 
 void takePace(const Value& value, Scenario& s) {
-    if (value.text == "real") s.config.pace = 1;
-    else if (value.text == "max") s.config.pace = kPaceOfReaders;
-    else if (value.text[0] != 'x')
-        value.reject("\"" + value.text + "\" will not do; write real, max, or xN such as x10");
-    else s.config.pace = parse::number32({value.text.substr(1), value.file, value.line, value.key}, 1, kMaxPace);
+    const std::optional<std::uint32_t> pace = parsePace(value.text);
+    if (!pace) value.reject("\"" + value.text + "\" will not do; write real, max, or x1 to x1000");
+    s.config.pace = *pace;
 }
 
 void takeReplayFile(const Value& value, Scenario& s) {
