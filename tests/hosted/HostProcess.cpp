@@ -95,8 +95,8 @@ Process StartHost(const std::vector<std::string>& options) {
     for (std::size_t n = 0; n + 1 < options.size(); ++n)
         if (options[n] == "--bus") bus = static_cast<std::uint32_t>(std::stoul(options[n + 1]));
     const std::string own = "\"pid\": " + std::to_string(host.Id()) + ",";
-    EXPECT_TRUE(Eventually([&] { return !host.IsRunning() || StatusJson(bus).find(own) != std::string::npos; }));
-    EXPECT_TRUE(host.IsRunning()) << "the host ended with " << host.Wait();
+    Eventually([&] { return !host.IsRunning() || StatusJson(bus).find(own) != std::string::npos; });
+    if (!host.IsRunning()) throw std::runtime_error("the host ended with " + std::to_string(host.Wait()));
     return host;
 }
 

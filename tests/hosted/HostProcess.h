@@ -46,7 +46,7 @@ private:
     int m_status = -1;
 };
 
-/// A running vexo-simcard whose card is there to be used.
+/// A running vexo-simcard whose card is there to be used. Throws when it ends instead.
 Process StartHost(const std::vector<std::string>& options);
 
 /// The status of the card at a bus; empty when there is none.
