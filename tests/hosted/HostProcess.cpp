@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,6 +58,7 @@ Process::Process(const std::vector<std::string>& command, const std::string& out
     std::vector<char*> arguments = Arguments(command);
     m_pid = fork();
     if (m_pid != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves nothing running
     Redirect(output, STDOUT_FILENO);
     Redirect(errors, STDERR_FILENO);
     execv(arguments[0], arguments.data());

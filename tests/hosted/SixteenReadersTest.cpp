@@ -148,7 +148,8 @@ TEST_F(SixteenReaders, EachReceivesExactlyTheQuotesOfItsRules) {
             if (channel["queued_bytes"] != 0) return false;
         return true;
     }));
-    for (const auto& channel : Status()["channels"]) EXPECT_EQ(channel["drops"], 0) << channel["channel"];
+    const nlohmann::json end = Status();
+    for (const auto& channel : end["channels"]) EXPECT_EQ(channel["drops"], 0) << channel["channel"];
     for (Process& reader : readers) {
         reader.Signal(SIGTERM);
         EXPECT_EQ(reader.Wait(), 0);
