@@ -39,15 +39,15 @@ void addFailures(const HwCard& card) {
     }
 }
 
-HwCard* makeHosted(std::uint32_t index) {
+std::unique_ptr<HwCard> makeHosted(std::uint32_t index) {
     std::unique_ptr<HostedCard> hosted = HostedCard::attach(index);
-    HwCard* card = hosted != nullptr ? new (std::nothrow) HwCard : nullptr;
-    if (card == nullptr) return nullptr;
+    if (hosted == nullptr) return nullptr;
+    auto card = std::make_unique<HwCard>();
     card->index = index;
     card->block = &hosted->block();
     addFailures(*card);
     card->hosted = std::move(hosted);
-    card->accelerator.card = card;
+    card->accelerator.card = card.get();
     card->accelerator.alive = true;
     return card;
 }
@@ -94,7 +94,10 @@ void Cards::attachHosted() {
     for (std::uint32_t index = 0; index < kMaxCards; ++index) {
         if (isUsable(m_cards[index])) continue;
         if (m_cards[index] != nullptr) hooks::removeScripts(m_cards[index]);
-        if (HwCard* card = makeHosted(index)) m_cards[index] = card;
+        std::unique_ptr<HwCard> card = makeHosted(index);
+        if (card == nullptr) continue;
+        m_cards[index] = card.get();
+        m_attached.push_back(std::move(card));
     }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "card/Card.h"
 #include "card/ZeroedMemory.h"
@@ -108,6 +109,7 @@ private:
     Kind m_kind = Kind::kNone;
     std::atomic<HwCard*> m_cards[kMaxCards] = {};
     HwCard m_own[kMaxCards];
+    std::vector<std::unique_ptr<HwCard>> m_attached;  // those of dead hosts too: handles may point at them
 };
 
 }  // namespace vexo_sim
