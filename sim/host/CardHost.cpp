@@ -50,7 +50,8 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
     const std::string path = cardPath(directory, geteuid(), plan.scenario.bus);
     for (int attempt = 0; attempt < 100; ++attempt) {  // others may be starting, or clearing up, at the same time
         removeStaleFiles(directory);
-        CardFile file = CardFile::create(directory, plan.scenario.bus, plan.group ? 0660 : 0600, plan.group.value_or(getegid()));
+        const mode_t mode = plan.group ? 0660 : 0600;
+        CardFile file = CardFile::create(directory, plan.scenario.bus, mode, plan.group.value_or(getegid()));
         CardBlock* block = file && file.claim({CardPart::kHost}) ? file.map() : nullptr;
         if (block == nullptr || !file.reserve(plan.scenario.config.ringBytes)) {
             error = systemError("cannot make a card in " + directory + groupHint(plan));

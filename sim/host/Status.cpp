@@ -112,7 +112,8 @@ std::string toText(const CardStatus& status) {
     append(text, "simulated card at bus %u, %s, pace %s, up %llus%s%s\n", status.bus, toText(status.host).c_str(),
            status.pace.c_str(), static_cast<unsigned long long>(status.uptimeSeconds),
            status.scenario.empty() ? "" : ", scenario ", status.scenario.c_str());
-    append(text, "learned %u of %u, masks %u single-leg %u combination, decode switch %u, map %s, date %u, time %06u%s\n",
+    append(text,
+           "learned %u of %u, masks %u single-leg %u combination, decode switch %u, map %s, date %u, time %06u%s\n",
            status.learned, status.instruments, status.masks[0], status.masks[1], status.decodeSwitch,
            status.mapTransmit == 1 ? "on" : "off", status.tradingDate, status.exchangeTime,
            status.inReset ? ", held in reset" : "");

@@ -127,7 +127,8 @@ int main(int argc, char** argv) {
     CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes."};
     app.add_option("scenario", arguments.scenario, "Scenario file; without one the card is an ordinary day's")
         ->type_name("SCENARIO.ini");
-    app.add_option("--bus", arguments.bus, "Bus number of the card, 0 to 4; goes before the scenario's")->check(CLI::Range(0, 4));
+    app.add_option("--bus", arguments.bus, "Bus number of the card, 0 to 4; goes before the scenario's")
+        ->check(CLI::Range(0, 4));
     app.add_option("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take")
         ->check([](const std::string& text) { return parsePace(text) ? "" : "must be real, xN or max"; });
     app.add_option("--group", arguments.group, "Share the card with the members of this group");

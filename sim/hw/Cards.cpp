@@ -73,7 +73,8 @@ void Cards::decide() {
     }
     const bool mayBeHosted = wish == "hosted" || (wish != "embedded" && scenarioPath() == nullptr);
     if (mayBeHosted) attachHosted();
-    const bool found = std::any_of(std::begin(m_cards), std::end(m_cards), [](HwCard* card) { return card != nullptr; });
+    const bool found =
+        std::any_of(std::begin(m_cards), std::end(m_cards), [](HwCard* card) { return card != nullptr; });
     if (wish == "hosted" && !found)
         std::fprintf(stderr, "libenyx-hw-c: no card is hosted that this user may use. Start one: vexo-simcard\n");
     if (wish == "hosted" || found) m_kind = Kind::kHosted;

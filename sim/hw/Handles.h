@@ -177,8 +177,8 @@ void freeDescriptors(T** descriptors, std::size_t count) {
 bool matches(const enyx_hw_filter& filter, std::uint32_t index, const char* name);
 
 /// Objects numbered from 0 to @p objects, of which those that are there and that the filter lets through are described:
-/// nameOf(index, char(&)[kNameSize]) returns false for a gap, describe(index) -> descriptor or null. @p none is the errno that explains a
-/// count of 0, which callers print although it is no failure.
+/// nameOf(index, char(&)[kNameSize]) returns false for a gap, describe(index) -> descriptor or null. @p none is the
+/// errno that explains a count of 0, which callers print although it is no failure.
 template <typename Descriptor, typename NameOf, typename Describe>
 ssize_t enumerate(const enyx_hw_filter* filter, Descriptor** descriptors, std::size_t room, std::uint32_t objects,
                   int none, NameOf nameOf, Describe describe) {

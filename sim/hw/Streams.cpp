@@ -72,7 +72,8 @@ void giveBack(HwCard& card, std::uint32_t channel) {
 }
 
 std::string holderOf(const HwCard& card, CardPart stream) {
-    const bool byScenario = stream.kind == CardPart::kUp && (card.block->state.faults.heldUp >> stream.channel & 1) != 0;
+    const std::uint32_t heldUp = card.block->state.faults.heldUp;
+    const bool byScenario = stream.kind == CardPart::kUp && (heldUp >> stream.channel & 1) != 0;
     if (byScenario)
         return toText(card.hosted != nullptr ? card.hosted->host() : describeProcess(getpid())) +
                ", as its scenario says";
