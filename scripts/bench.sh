@@ -17,7 +17,7 @@ while [ $# -gt 0 ]; do
     shift
 done
 
-need_packages "${build_packages[@]}" libbenchmark-dev libspdlog-dev valgrind python3
+need_packages "${build_packages[@]}" "${tool_packages[@]}" libbenchmark-dev libspdlog-dev valgrind python3
 echo "Building (a minute or two the first time), then measuring (some minutes; --quick takes less) ..."
 build_preset bench
 results=$vexo_root/build/bench/bench-results.json
