@@ -17,13 +17,15 @@ Descriptor* describe(HwCard& card) {
 
 ssize_t enumerateCards(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors, std::size_t room) {
     Cards& cards = Cards::instance();
+    HwCard* card = nullptr;  // as the look-up by name found it: its host may be gone by a second look-up
     return enumerate(
         filter, descriptors, room, kMaxCards, ENODEV,
         [&](std::uint32_t index, char (&name)[kNameSize]) {
             std::snprintf(name, sizeof name, "SIM%u", index);
-            return cards.find(index) != nullptr;
+            card = cards.find(index);
+            return card != nullptr;
         },
-        [&](std::uint32_t index) { return describe<enyx_hw_accelerator_descriptor>(*cards.find(index)); });
+        [&](std::uint32_t) { return describe<enyx_hw_accelerator_descriptor>(*card); });
 }
 
 std::string hostOf(const HwCard& card) {
