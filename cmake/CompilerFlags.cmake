@@ -1,5 +1,7 @@
 # One interface target carries the flags that every target of the project is compiled with.
 add_library(vexo_flags INTERFACE)
+# Own headers are included by their path from the root of the tree, so that a line of code tells where it looks.
+target_include_directories(vexo_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(vexo_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 if(VEXO_WARNINGS_AS_ERRORS)
     target_compile_options(vexo_flags INTERFACE -Werror)

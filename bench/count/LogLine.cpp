@@ -6,8 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "log/log.h"
-#include "support/CountInstructions.h"
+#include "src/log/log.h"
+#include "bench/support/CountInstructions.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Figures 1 and 2: what VexoRecv adds to the bare poll, with a packet ready and without one.
 
-#include "support/BenchCard.h"
-#include "support/CountInstructions.h"
+#include "bench/support/BenchCard.h"
+#include "bench/support/CountInstructions.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <dlfcn.h>
 
-#include "support/BenchCard.h"
-#include "support/CountInstructions.h"
+#include "bench/support/BenchCard.h"
+#include "bench/support/CountInstructions.h"
 
 namespace {
 

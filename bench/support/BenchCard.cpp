@@ -1,4 +1,4 @@
-#include "support/BenchCard.h"
+#include "bench/support/BenchCard.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -8,9 +8,9 @@
 #include <unistd.h>
 #include <vector>
 
-#include "VexoZceBinFile.h"
-#include "support/Host.h"
-#include "support/Market.h"
+#include "src/dayfile/DayFile.h"
+#include "bench/support/Host.h"
+#include "bench/support/Market.h"
 
 namespace bench {
 

@@ -4,15 +4,16 @@
 #include <memory>
 #include <vector>
 
-#include "DataType.h"
-#include "support/Host.h"
-#include "support/Market.h"
+#include "src/config/ConfigFile.h"
+#include "src/instruments/ContractServ.h"
+#include "bench/support/Host.h"
+#include "bench/support/Market.h"
 
 namespace bench {
 
 /// Puts plain rules into the library's records.
 inline void SetRules(const std::vector<test_support::plain::Rules>& from,
-                     Vexo2_U50::ZceSubsInfo_t (&to)[Vexo2_U50::kChannelCount]) {
+                     Vexo2_U50::ZceSubsInfo_t (&to)[card_reg::kChannels]) {
     for (std::size_t chan = 0; chan < from.size(); ++chan) {
         to[chan].m_SubsContractId    = {from[chan].ids.begin(), from[chan].ids.end()};
         to[chan].m_SubsContractClass = {from[chan].classes.begin(), from[chan].classes.end()};
@@ -38,7 +39,7 @@ public:
         m_contracts.reset();
         m_chosen.clear();
         m_contracts = MakeService();
-        m_chosen.resize(Vexo2_U50::kChannelCount);
+        m_chosen.resize(card_reg::kChannels);
         SettleHeap();
     }
     void Filter() { m_contracts->JudgeAndFilterSubsInst(); }
@@ -68,7 +69,7 @@ private:
 
     Vexo2_U50::InstIdToIndex m_map;
     std::vector<test_support::plain::Rules> m_plainRules;
-    Vexo2_U50::ZceSubsInfo_t m_rules[Vexo2_U50::kChannelCount];
+    Vexo2_U50::ZceSubsInfo_t m_rules[card_reg::kChannels];
     std::unique_ptr<Vexo2_U50::CContractServ> m_contracts;
     std::vector<test_support::plain::Chosen> m_chosen;
     std::size_t m_chosenCount = 0;

@@ -17,15 +17,15 @@
 #include <unistd.h>
 #include <vector>
 
-#include "DrvEnyx/CardRegisters.h"
-#include "VexoZceMdApiImpl.h"
-#include "VexoZceUpdmaImpl.h"
-#include "log/elog.h"
-#include "support/BareCalls.h"
-#include "support/FilterWork.h"
-#include "support/Host.h"
-#include "support/Market.h"
-#include "unit/channel/MapPacket.h"
+#include "interface/CardRegisters.h"
+#include "src/api/ApiImpl.h"
+#include "src/channel/DmaChannel.h"
+#include "src/log/elog.h"
+#include "bench/support/BareCalls.h"
+#include "bench/support/FilterWork.h"
+#include "bench/support/Host.h"
+#include "bench/support/Market.h"
+#include "tests/unit/channel/MapPacket.h"
 
 namespace bench {
 

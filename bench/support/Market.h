@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/PlainFilter.h"
+#include "tests/support/PlainFilter.h"
 
 /// Made-up instruments and rules of any size, the same in every run: ids as the exchange forms them, of more products
 /// than it has, so that fifty classes are only some of them.

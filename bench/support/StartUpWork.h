@@ -7,10 +7,10 @@
 #include <optional>
 #include <unistd.h>
 
-#include "DrvEnyx/CardRegisters.h"
+#include "interface/CardRegisters.h"
 #include "VexoZceMdApi.h"
-#include "support/BareCalls.h"
-#include "support/Host.h"
+#include "bench/support/BareCalls.h"
+#include "bench/support/Host.h"
 
 namespace bench {
 

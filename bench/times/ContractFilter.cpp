@@ -1,8 +1,8 @@
 // Figure 7: 16,384 identifiers filtered for 16 channels with 50 classes and 10, 100 or 1,000 ids each, of the decision
 // table read plainly, its lists searched from front to back.
 
-#include "support/FilterWork.h"
-#include "support/Timed.h"
+#include "bench/support/FilterWork.h"
+#include "bench/support/Timed.h"
 
 namespace {
 

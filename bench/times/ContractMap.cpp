@@ -1,8 +1,8 @@
 // Figure 8: 16,384 new instruments from contract-map packets, with rules on all 16 channels, to subscribed, read back,
 // logged and in the day file, of the same calls of the card, log lines and file lines issued bare.
 
-#include "support/MapWork.h"
-#include "support/Timed.h"
+#include "bench/support/MapWork.h"
+#include "bench/support/Timed.h"
 
 namespace {
 

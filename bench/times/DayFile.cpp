@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "support/DayFileWork.h"
-#include "support/Timed.h"
+#include "bench/support/DayFileWork.h"
+#include "bench/support/Timed.h"
 
 namespace {
 

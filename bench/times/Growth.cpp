@@ -4,10 +4,10 @@
 #include <memory>
 #include <utility>
 
-#include "support/DayFileWork.h"
-#include "support/FilterWork.h"
-#include "support/MapWork.h"
-#include "support/Timed.h"
+#include "bench/support/DayFileWork.h"
+#include "bench/support/FilterWork.h"
+#include "bench/support/MapWork.h"
+#include "bench/support/Timed.h"
 
 namespace {
 

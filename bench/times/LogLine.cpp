@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "log/log.h"
+#include "src/log/log.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <vector>
 #include <x86intrin.h>
 
-#include "support/BenchCard.h"
+#include "bench/support/BenchCard.h"
 
 namespace {
 

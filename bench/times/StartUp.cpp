@@ -1,8 +1,8 @@
 // Figure 9: a start-up on the card, reset and six clearing passes included and the seconds of the reset left out, of
 // the same calls of the card issued bare, one lock a call.
 
-#include "support/StartUpWork.h"
-#include "support/Timed.h"
+#include "bench/support/StartUpWork.h"
+#include "bench/support/Timed.h"
 
 namespace {
 

@@ -1,17 +1,17 @@
-#include "card/Card.h"
+#include "sim/card/Card.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "card/ContractMap.h"
-#include "card/Feed.h"
-#include "card/InstrumentList.h"
-#include "card/PacketFaults.h"
-#include "card/Registers.h"
-#include "card/Schedule.h"
-#include "card/StaticData.h"
-#include "card/Tables.h"
-#include "card/UpStream.h"
+#include "sim/card/ContractMap.h"
+#include "sim/card/Feed.h"
+#include "sim/card/InstrumentList.h"
+#include "sim/card/PacketFaults.h"
+#include "sim/card/Registers.h"
+#include "sim/card/Schedule.h"
+#include "sim/card/StaticData.h"
+#include "sim/card/Tables.h"
+#include "sim/card/UpStream.h"
 
 namespace vexo_sim {
 namespace {

@@ -3,11 +3,11 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "DrvEnyx/CardRegisters.h"
-#include "card/CardConfig.h"
-#include "card/CardTime.h"
-#include "card/PacketFault.h"
-#include "card/StreamRing.h"
+#include "interface/CardRegisters.h"
+#include "sim/card/CardConfig.h"
+#include "sim/card/CardTime.h"
+#include "sim/card/PacketFault.h"
+#include "sim/card/StreamRing.h"
 
 namespace vexo_sim {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "card/CardState.h"
+#include "sim/card/CardState.h"
 
 /// Contract-map packets (type 2) on channel 0's stream: which id the card decodes under which row. While their
 /// transmission is on, all learned instruments go up round after round; none is ever skipped.

@@ -1,14 +1,14 @@
-#include "card/Feed.h"
+#include "sim/card/Feed.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 
-#include "card/PacketFaults.h"
-#include "card/PriceModel.h"
-#include "card/Registers.h"
-#include "card/Schedule.h"
-#include "card/UpStream.h"
+#include "sim/card/PacketFaults.h"
+#include "sim/card/PriceModel.h"
+#include "sim/card/Registers.h"
+#include "sim/card/Schedule.h"
+#include "sim/card/UpStream.h"
 #include "enyx-sim/md_payload.h"
 
 namespace vexo_sim::feed {

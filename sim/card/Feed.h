@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "card/CardState.h"
+#include "sim/card/CardState.h"
 
 /// Quotes: while the decode switch is on, each learned row with a mask is quoted in turn, on every open stream that
 /// its mask names.

@@ -1,4 +1,4 @@
-#include "card/InstrumentList.h"
+#include "sim/card/InstrumentList.h"
 
 #include <algorithm>
 #include <charconv>
@@ -6,7 +6,7 @@
 #include <initializer_list>
 #include <string_view>
 
-#include "card/Products.h"
+#include "sim/card/Products.h"
 
 namespace vexo_sim {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "card/CardState.h"
+#include "sim/card/CardState.h"
 
 namespace vexo_sim {
 

@@ -1,11 +1,11 @@
-#include "card/PacketFaults.h"
+#include "sim/card/PacketFaults.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "card/PriceModel.h"
-#include "card/Schedule.h"
-#include "card/UpStream.h"
+#include "sim/card/PriceModel.h"
+#include "sim/card/Schedule.h"
+#include "sim/card/UpStream.h"
 #include "enyx-sim/md_payload.h"
 
 namespace vexo_sim {

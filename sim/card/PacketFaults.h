@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "card/CardState.h"
+#include "sim/card/CardState.h"
 
 /// Spoils packets on their way into a stream, by the rules in the card's state. The same rules, seed and packets give
 /// the same bytes.

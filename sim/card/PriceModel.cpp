@@ -1,11 +1,11 @@
-#include "card/PriceModel.h"
+#include "sim/card/PriceModel.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
 
-#include "card/Products.h"
+#include "sim/card/Products.h"
 #include "enyx-sim/md_payload.h"
 
 namespace vexo_sim {

@@ -1,4 +1,4 @@
-#include "card/Products.h"
+#include "sim/card/Products.h"
 
 #include <cstring>
 

@@ -1,13 +1,13 @@
-#include "card/Registers.h"
+#include "sim/card/Registers.h"
 
 #include <algorithm>
 #include <iterator>
 
-#include "card/Calendar.h"
-#include "card/ContractMap.h"
-#include "card/Feed.h"
-#include "card/StaticData.h"
-#include "card/Tables.h"
+#include "sim/card/Calendar.h"
+#include "sim/card/ContractMap.h"
+#include "sim/card/Feed.h"
+#include "sim/card/StaticData.h"
+#include "sim/card/Tables.h"
 
 namespace vexo_sim::registers {
 namespace {

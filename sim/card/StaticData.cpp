@@ -1,13 +1,13 @@
-#include "card/StaticData.h"
+#include "sim/card/StaticData.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 
-#include "card/ContractMap.h"
-#include "card/Feed.h"
-#include "card/Schedule.h"
-#include "card/Tables.h"
+#include "sim/card/ContractMap.h"
+#include "sim/card/Feed.h"
+#include "sim/card/Schedule.h"
+#include "sim/card/Tables.h"
 
 namespace vexo_sim::static_data {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "card/CardState.h"
+#include "sim/card/CardState.h"
 
 /// The card's static-data parser: the exchange repeats the list of its instruments all day, the card gives each
 /// a row of a table as it meets it.

@@ -1,4 +1,4 @@
-#include "card/StreamRing.h"
+#include "sim/card/StreamRing.h"
 
 #include <algorithm>
 #include <cstring>

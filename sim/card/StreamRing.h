@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "card/CardConfig.h"
+#include "sim/card/CardConfig.h"
 
 namespace vexo_sim {
 

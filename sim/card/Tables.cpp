@@ -1,10 +1,10 @@
-#include "card/Tables.h"
+#include "sim/card/Tables.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "card/Feed.h"
-#include "card/StaticData.h"
+#include "sim/card/Feed.h"
+#include "sim/card/StaticData.h"
 
 namespace vexo_sim::tables {
 namespace {

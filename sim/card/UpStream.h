@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "card/CardState.h"
+#include "sim/card/CardState.h"
 
 namespace vexo_sim {
 

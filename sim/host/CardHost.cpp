@@ -1,4 +1,4 @@
-#include "host/CardHost.h"
+#include "sim/host/CardHost.h"
 
 #include <unistd.h>
 

@@ -8,11 +8,11 @@
 #include <string>
 #include <utility>
 
-#include "host/Recorder.h"
-#include "hw/HostClock.h"
-#include "replay/CardReplay.h"
-#include "scenario/Scenario.h"
-#include "shm/CardFile.h"
+#include "sim/host/Recorder.h"
+#include "sim/shm/HostClock.h"
+#include "sim/replay/CardReplay.h"
+#include "sim/scenario/Scenario.h"
+#include "sim/shm/CardFile.h"
 
 namespace vexo_sim {
 

@@ -1,4 +1,4 @@
-#include "host/Recorder.h"
+#include "sim/host/Recorder.h"
 
 #include <cstdio>
 #include <ctime>

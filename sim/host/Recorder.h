@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "capture/CaptureFiles.h"
-#include "card/CardState.h"
+#include "sim/card/CardState.h"
 
 namespace vexo_sim {
 

@@ -1,11 +1,11 @@
-#include "host/Status.h"
+#include "sim/host/Status.h"
 
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "card/Registers.h"
-#include "scenario/Pace.h"
+#include "sim/card/Registers.h"
+#include "sim/scenario/Pace.h"
 
 namespace vexo_sim {
 namespace {

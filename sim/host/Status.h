@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "shm/CardFile.h"
+#include "sim/shm/CardFile.h"
 
 namespace vexo_sim {
 

@@ -10,10 +10,10 @@
 #include <optional>
 #include <string>
 
-#include "host/CardHost.h"
-#include "host/Status.h"
-#include "scenario/Pace.h"
-#include "shm/HostedCard.h"
+#include "sim/host/CardHost.h"
+#include "sim/host/Status.h"
+#include "sim/scenario/Pace.h"
+#include "sim/shm/HostedCard.h"
 
 using namespace vexo_sim;
 

@@ -1,8 +1,8 @@
 #include <cstdio>
 #include <string>
 
-#include "hw/Cards.h"
-#include "hw/Hooks.h"
+#include "sim/hw/Cards.h"
+#include "sim/hw/Hooks.h"
 
 namespace vexo_sim {
 namespace {

@@ -1,4 +1,4 @@
-#include "hw/Cards.h"
+#include "sim/hw/Cards.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -11,7 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "hw/Hooks.h"
+#include "sim/hw/Hooks.h"
 
 namespace vexo_sim {
 namespace {

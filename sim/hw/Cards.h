@@ -7,14 +7,14 @@
 #include <mutex>
 #include <vector>
 
-#include "card/Card.h"
-#include "card/ZeroedMemory.h"
-#include "hw/Handles.h"
-#include "hw/HostClock.h"
-#include "replay/CardReplay.h"
-#include "scenario/Scenario.h"
-#include "shm/CardBlock.h"
-#include "shm/HostedCard.h"
+#include "sim/card/Card.h"
+#include "sim/card/ZeroedMemory.h"
+#include "sim/hw/Handles.h"
+#include "sim/shm/HostClock.h"
+#include "sim/replay/CardReplay.h"
+#include "sim/scenario/Scenario.h"
+#include "sim/shm/CardBlock.h"
+#include "sim/shm/HostedCard.h"
 
 namespace vexo_sim {
 

@@ -1,12 +1,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "card/PacketFaults.h"
-#include "card/Registers.h"
-#include "card/Tables.h"
-#include "hw/Interface.h"
-#include "hw/Cards.h"
-#include "hw/Hooks.h"
+#include "sim/card/PacketFaults.h"
+#include "sim/card/Registers.h"
+#include "sim/card/Tables.h"
+#include "sim/hw/Interface.h"
+#include "sim/hw/Cards.h"
+#include "sim/hw/Hooks.h"
 
 namespace vexo_sim {
 namespace {

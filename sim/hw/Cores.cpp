@@ -1,5 +1,5 @@
-#include "hw/Cards.h"
-#include "hw/Hooks.h"
+#include "sim/hw/Cards.h"
+#include "sim/hw/Hooks.h"
 
 namespace vexo_sim {
 namespace {

@@ -1,7 +1,7 @@
 #include <cstring>
 
-#include "hw/Handles.h"
-#include "hw/Hooks.h"
+#include "sim/hw/Handles.h"
+#include "sim/hw/Hooks.h"
 
 namespace vexo_sim {
 namespace {

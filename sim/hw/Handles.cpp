@@ -1,4 +1,4 @@
-#include "hw/Handles.h"
+#include "sim/hw/Handles.h"
 
 #include <cstring>
 

@@ -8,8 +8,8 @@
 #include <mutex>
 #include <new>
 
-#include "card/StreamRing.h"
-#include "hw/Interface.h"
+#include "sim/card/StreamRing.h"
+#include "sim/hw/Interface.h"
 
 namespace vexo_sim {
 

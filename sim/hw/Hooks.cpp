@@ -1,12 +1,12 @@
-#include "hw/Hooks.h"
+#include "sim/hw/Hooks.h"
 
 #include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <vector>
 
-#include "hw/CallTable.h"
-#include "hw/Cards.h"
+#include "sim/hw/CallTable.h"
+#include "sim/hw/Cards.h"
 
 namespace vexo_sim {
 namespace {

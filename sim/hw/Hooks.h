@@ -7,8 +7,8 @@
 #include <optional>
 #include <type_traits>
 
-#include "hw/Interface.h"
-#include "hw/TraceLine.h"
+#include "sim/hw/Interface.h"
+#include "sim/hw/TraceLine.h"
 
 namespace vexo_sim {
 

@@ -1,8 +1,8 @@
-#include "hw/TraceLine.h"
+#include "sim/hw/TraceLine.h"
 
 #include <cstdio>
 
-#include "hw/Cards.h"
+#include "sim/hw/Cards.h"
 
 namespace vexo_sim {
 namespace {

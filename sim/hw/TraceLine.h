@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "hw/Interface.h"
+#include "sim/hw/Interface.h"
 
 namespace vexo_sim {
 

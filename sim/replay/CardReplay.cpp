@@ -1,4 +1,4 @@
-#include "replay/CardReplay.h"
+#include "sim/replay/CardReplay.h"
 
 namespace vexo_sim {
 

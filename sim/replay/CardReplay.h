@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "replay/Replay.h"
-#include "scenario/Scenario.h"
+#include "sim/replay/Replay.h"
+#include "sim/scenario/Scenario.h"
 
 namespace vexo_sim {
 

@@ -1,4 +1,4 @@
-#include "replay/Replay.h"
+#include "sim/replay/Replay.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +12,7 @@
 
 #include "capture/Reader.h"
 #include "capture/StreamPlace.h"
-#include "card/ContractMap.h"
+#include "sim/card/ContractMap.h"
 
 namespace vexo_sim {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "card/Card.h"
+#include "sim/card/Card.h"
 
 namespace vexo_sim {
 

@@ -1,12 +1,12 @@
-#include "scenario/CardKeys.h"
+#include "sim/scenario/CardKeys.h"
 
 #include <filesystem>
 
-#include "card/StreamRing.h"
-#include "scenario/InstrumentFile.h"
-#include "scenario/Pace.h"
-#include "scenario/Parse.h"
-#include "scenario/TextFile.h"
+#include "sim/card/StreamRing.h"
+#include "sim/scenario/InstrumentFile.h"
+#include "sim/scenario/Pace.h"
+#include "sim/scenario/Parse.h"
+#include "sim/scenario/TextFile.h"
 
 namespace vexo_sim::scenario {
 namespace {

@@ -1,10 +1,10 @@
-#include "scenario/FaultKinds.h"
+#include "sim/scenario/FaultKinds.h"
 
 #include <cstring>
 
-#include "hw/CallTable.h"
-#include "scenario/Parse.h"
-#include "scenario/TextFile.h"
+#include "sim/hw/CallTable.h"
+#include "sim/scenario/Parse.h"
+#include "sim/scenario/TextFile.h"
 
 namespace vexo_sim::scenario {
 namespace {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "scenario/IniFile.h"
-#include "scenario/Scenario.h"
+#include "sim/scenario/IniFile.h"
+#include "sim/scenario/Scenario.h"
 
 namespace vexo_sim::scenario {
 

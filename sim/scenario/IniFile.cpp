@@ -1,11 +1,11 @@
-#include "scenario/IniFile.h"
+#include "sim/scenario/IniFile.h"
 
 #include <algorithm>
 #include <cctype>
 #include <iniparser/iniparser.h>
 #include <memory>
 
-#include "scenario/TextFile.h"
+#include "sim/scenario/TextFile.h"
 
 namespace vexo_sim::scenario {
 namespace {

@@ -1,10 +1,10 @@
-#include "scenario/InstrumentFile.h"
+#include "sim/scenario/InstrumentFile.h"
 
 #include <charconv>
 #include <map>
 #include <optional>
 
-#include "scenario/TextFile.h"
+#include "sim/scenario/TextFile.h"
 
 namespace vexo_sim::scenario {
 namespace {

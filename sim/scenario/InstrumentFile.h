@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "card/CardState.h"
+#include "sim/card/CardState.h"
 
 namespace vexo_sim::scenario {
 

@@ -1,8 +1,8 @@
-#include "scenario/Pace.h"
+#include "sim/scenario/Pace.h"
 
 #include <charconv>
 
-#include "card/CardConfig.h"
+#include "sim/card/CardConfig.h"
 
 namespace vexo_sim {
 

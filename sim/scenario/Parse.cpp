@@ -1,13 +1,13 @@
-#include "scenario/Parse.h"
+#include "sim/scenario/Parse.h"
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <optional>
 
-#include "card/Calendar.h"
-#include "card/CardConfig.h"
-#include "scenario/TextFile.h"
+#include "sim/card/Calendar.h"
+#include "sim/card/CardConfig.h"
+#include "sim/scenario/TextFile.h"
 
 namespace vexo_sim::scenario::parse {
 namespace {

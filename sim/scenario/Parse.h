@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "scenario/IniFile.h"
+#include "sim/scenario/IniFile.h"
 
 /// Values of a scenario. Each function throws Rejected for what is no such value.
 namespace vexo_sim::scenario::parse {

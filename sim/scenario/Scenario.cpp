@@ -1,14 +1,14 @@
-#include "scenario/Scenario.h"
+#include "sim/scenario/Scenario.h"
 
 #include <filesystem>
 #include <new>
 
-#include "card/Calendar.h"
-#include "card/PacketFaults.h"
-#include "card/Tables.h"
-#include "scenario/CardKeys.h"
-#include "scenario/FaultKinds.h"
-#include "scenario/TextFile.h"
+#include "sim/card/Calendar.h"
+#include "sim/card/PacketFaults.h"
+#include "sim/card/Tables.h"
+#include "sim/scenario/CardKeys.h"
+#include "sim/scenario/FaultKinds.h"
+#include "sim/scenario/TextFile.h"
 
 namespace vexo_sim::scenario {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "card/Card.h"
+#include "sim/card/Card.h"
 
 /// Scenarios: ini files that say what a simulated card is, what it sends, and what is wrong with it. All that a file
 /// may contain is told in sim/scenarios/README.md.

@@ -1,4 +1,4 @@
-#include "scenario/TextFile.h"
+#include "sim/scenario/TextFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

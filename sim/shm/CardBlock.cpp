@@ -1,4 +1,4 @@
-#include "shm/CardBlock.h"
+#include "sim/shm/CardBlock.h"
 
 #include <sched.h>
 

@@ -6,8 +6,8 @@
 #include <mutex>
 #include <type_traits>
 
-#include "card/Card.h"
-#include "shm/Locks.h"
+#include "sim/card/Card.h"
+#include "sim/shm/Locks.h"
 
 namespace vexo_sim {
 

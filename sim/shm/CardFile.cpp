@@ -1,4 +1,4 @@
-#include "shm/CardFile.h"
+#include "sim/shm/CardFile.h"
 
 #include <dirent.h>
 #include <fcntl.h>

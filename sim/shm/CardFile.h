@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "shm/CardBlock.h"
-#include "shm/Holder.h"
+#include "sim/shm/CardBlock.h"
+#include "sim/shm/Holder.h"
 
 namespace vexo_sim {
 

@@ -1,4 +1,4 @@
-#include "shm/Holder.h"
+#include "sim/shm/Holder.h"
 
 #include <pwd.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "shm/HostedCard.h"
+#include "sim/shm/HostedCard.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -5,7 +5,7 @@
 #include <memory>
 #include <optional>
 
-#include "shm/CardFile.h"
+#include "sim/shm/CardFile.h"
 
 namespace vexo_sim {
 

@@ -1,4 +1,4 @@
-#include "shm/Locks.h"
+#include "sim/shm/Locks.h"
 
 #include <unistd.h>
 

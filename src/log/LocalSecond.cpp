@@ -1,7 +1,7 @@
-#include "log/LocalSecond.h"
+#include "src/log/LocalSecond.h"
 
-#include "log/line_builder.h"
-#include "util/LocalTime.h"
+#include "src/log/LineBuilder.h"
+#include "src/util/LocalTime.h"
 
 namespace {
 

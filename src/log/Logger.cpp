@@ -1,6 +1,6 @@
-#include "log/Logger.h"
+#include "src/log/Logger.h"
 
-#include "log/elog.h"
+#include "src/log/elog.h"
 
 CKwLogger::~CKwLogger() { elog_fini(); }
 

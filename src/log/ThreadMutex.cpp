@@ -1,4 +1,4 @@
-#include "log/ThreadMutex.h"
+#include "src/log/ThreadMutex.h"
 
 namespace MOSK2 {
 

@@ -1,14 +1,14 @@
-#include "log/elog.h"
+#include "src/log/elog.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <unistd.h>
 
-#include "log/LocalSecond.h"
-#include "log/elog_mutex.h"
-#include "log/line_builder.h"
-#include "util/LocalTime.h"
+#include "src/log/LocalSecond.h"
+#include "src/log/elog_mutex.h"
+#include "src/log/LineBuilder.h"
+#include "src/util/LocalTime.h"
 
 elog_assert_hook_t elog_assert_hook = nullptr;
 

@@ -1,4 +1,4 @@
-#include "log/elog.h"
+#include "src/log/elog.h"
 
 #include <cerrno>
 #include <cstring>
@@ -8,9 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "log/LocalSecond.h"
-#include "log/elog_mutex.h"
-#include "util/LocalTime.h"
+#include "src/log/LocalSecond.h"
+#include "src/log/elog_mutex.h"
+#include "src/util/LocalTime.h"
 
 std::atomic<std::time_t> time_cache{0};
 int time_zone = 0;

@@ -1,4 +1,4 @@
-#include "log/elog_mutex.h"
+#include "src/log/elog_mutex.h"
 
 MOSK2::CThreadMutex g_log_mutex;
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "log/ThreadMutex.h"
+#include "src/log/ThreadMutex.h"
 
 extern MOSK2::CThreadMutex g_log_mutex;  ///< held while a line is formatted and written
 

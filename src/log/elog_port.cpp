@@ -1,11 +1,11 @@
-#include "log/elog.h"
+#include "src/log/elog.h"
 
 #include <cerrno>
 #include <poll.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
-#include "log/elog_mutex.h"
+#include "src/log/elog_mutex.h"
 
 namespace {
 

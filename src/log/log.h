@@ -1,6 +1,6 @@
 #pragma once
 
-#include "log/elog.h"
+#include "src/log/elog.h"
 
 /// Every message of the library goes through these, with the tag "fpga" and the source name that the including file
 /// defines as kLogFile.

@@ -1,4 +1,4 @@
-#include "util/SafeFile.h"
+#include "src/util/SafeFile.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -2,7 +2,7 @@
 #include <mutex>
 
 #include "VexoZceUtil.h"
-#include "util/LocalTime.h"
+#include "src/util/LocalTime.h"
 
 namespace {
 

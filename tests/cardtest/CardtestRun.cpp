@@ -1,9 +1,9 @@
-#include "CardtestRun.h"
+#include "tests/cardtest/CardtestRun.h"
 
 #include <sstream>
 
-#include "hosted/HostProcess.h"
-#include "support/TempDir.h"
+#include "tests/hosted/HostProcess.h"
+#include "tests/support/TempDir.h"
 
 namespace cardtest_tests {
 

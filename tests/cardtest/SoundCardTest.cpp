@@ -6,11 +6,11 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "CardtestRun.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "hosted/CardAccess.h"
-#include "hosted/HostProcess.h"
-#include "support/TempDir.h"
+#include "tests/cardtest/CardtestRun.h"
+#include "interface/CardRegisters.h"
+#include "tests/hosted/CardAccess.h"
+#include "tests/hosted/HostProcess.h"
+#include "tests/support/TempDir.h"
 
 namespace cardtest_tests {
 namespace {

@@ -5,9 +5,9 @@
 
 #include <cstdlib>
 
-#include "CardtestRun.h"
-#include "hosted/HostProcess.h"
-#include "support/TempDir.h"
+#include "tests/cardtest/CardtestRun.h"
+#include "tests/hosted/HostProcess.h"
+#include "tests/support/TempDir.h"
 
 namespace cardtest_tests {
 namespace {

@@ -16,7 +16,7 @@
 #include <set>
 #include <string>
 
-#include "DrvEnyx/CardRegisters.h"
+#include "interface/CardRegisters.h"
 
 namespace {
 

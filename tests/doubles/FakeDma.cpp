@@ -1,4 +1,4 @@
-#include "doubles/FakeDma.h"
+#include "tests/doubles/FakeDma.h"
 
 #include <algorithm>
 #include <memory>

@@ -4,7 +4,7 @@
 #include <functional>
 #include <vector>
 
-#include "DrvEnyx/IDrvDMA.h"
+#include "src/driver/IDrvDMA.h"
 
 namespace test_support {
 

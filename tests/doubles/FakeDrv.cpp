@@ -1,11 +1,11 @@
-#include "doubles/FakeDrv.h"
+#include "tests/doubles/FakeDrv.h"
 
 #include <cstdio>
 #include <iterator>
 #include <stdexcept>
 
-#include "DataType/InstId.h"
-#include "DrvEnyx/CardRegisters.h"
+#include "src/card/RowId.h"
+#include "interface/CardRegisters.h"
 
 namespace test_support {
 

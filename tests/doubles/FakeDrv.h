@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "DrvEnyx/IDrv.h"
+#include "src/driver/IDrv.h"
 
 namespace test_support {
 

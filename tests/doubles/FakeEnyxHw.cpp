@@ -1,4 +1,4 @@
-#include "doubles/FakeEnyxHw.h"
+#include "tests/doubles/FakeEnyxHw.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "doubles/FakeEnyxHwCall.h"
+#include "tests/doubles/FakeEnyxHwCall.h"
 #include "enyx-hw-c/enyx_hw.h"
 
 namespace test_support {

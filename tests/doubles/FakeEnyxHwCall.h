@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "doubles/FakeEnyxHw.h"
+#include "tests/doubles/FakeEnyxHw.h"
 
 /// The inside of FakeEnyxHw: the handles it gave out and the course of one call.
 namespace test_support::fake_hw {

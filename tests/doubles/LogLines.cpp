@@ -1,8 +1,8 @@
-#include "doubles/LogLines.h"
+#include "tests/doubles/LogLines.h"
 
 #include <sstream>
 
-#include "log/elog.h"
+#include "src/log/elog.h"
 
 namespace test_support {
 

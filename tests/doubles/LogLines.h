@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "support/CaptureOutput.h"
+#include "tests/support/CaptureOutput.h"
 
 namespace test_support {
 

@@ -8,19 +8,18 @@
 #include <memory>
 #include <set>
 
-#include "DayFiles.h"
-#include "MapPacket.h"
-#include "RandomMarket.h"
-#include "TraceDrv.h"
-#include "VexoZceMdApiImpl.h"
-#include "VexoZceUpdmaImpl.h"
-#include "doubles/LogLines.h"
-#include "support/FakeTime.h"
+#include "tests/unit/channel/DayFiles.h"
+#include "tests/unit/channel/MapPacket.h"
+#include "tests/equivalence/RandomMarket.h"
+#include "tests/unit/channel/TraceDrv.h"
+#include "src/api/ApiImpl.h"
+#include "src/channel/DmaChannel.h"
+#include "tests/doubles/LogLines.h"
+#include "tests/support/FakeTime.h"
 
 namespace {
 
 namespace plain = test_support::plain;
-using Vexo2_U50::kChannelCount;
 
 struct Announced {
     std::string id;
@@ -42,7 +41,7 @@ std::vector<std::vector<Announced>> RandomPackets(RandomMarket& random) {
 /// The plain reading.
 class Reading {
 public:
-    explicit Reading(const plain::Rules (&rules)[kChannelCount]) : m_rules(rules) {}
+    explicit Reading(const plain::Rules (&rules)[card_reg::kChannels]) : m_rules(rules) {}
 
     void Take(const std::vector<Announced>& packet) {
         for (const Announced& inst : packet) {
@@ -70,7 +69,7 @@ private:
         timeline += '\n';
     }
     void Subscribe(const Announced& inst) {
-        for (unsigned int chan = 0; chan < kChannelCount; ++chan) {
+        for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) {
             const plain::Decision decision = plain::Decide(inst.id, m_rules[chan]);
             if (decision == plain::Decision::kSkip) continue;
             const int table = decision == plain::Decision::kCombine ? 1 : 0;
@@ -95,7 +94,7 @@ private:
     }
     // Whether all that is configured has been announced.
     bool Check() {
-        for (unsigned int chan = 0; chan < kChannelCount; ++chan) {
+        for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) {
             const plain::Rules& rules = m_rules[chan];
             Add("INFO channel is %u, m_SubsContractClass size is %zu, m_SubsContractId is %zu.", chan,
                 rules.classes.size(), rules.ids.size());
@@ -114,15 +113,15 @@ private:
         return true;
     }
 
-    const plain::Rules (&m_rules)[kChannelCount];
+    const plain::Rules (&m_rules)[card_reg::kChannels];
     std::set<std::string> m_classes;
     bool m_complete = false;
 };
 
 /// A channel over a driver without a card, its rules set and nothing announced yet.
 struct Channel {
-    explicit Channel(const plain::Rules (&rules)[kChannelCount]) {
-        for (unsigned int chan = 0; chan < kChannelCount; ++chan) cfg.m_stSubsInfo[chan] = Record(rules[chan]);
+    explicit Channel(const plain::Rules (&rules)[card_reg::kChannels]) {
+        for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) cfg.m_stSubsInfo[chan] = Record(rules[chan]);
         fpga.Init(&drv);
         channel.m_pFpgaServ     = &fpga;
         channel.m_pBinFile      = &bin;
@@ -150,7 +149,7 @@ TEST(ContractMapEquivalence, PacketsBringAboutWhatThePlainReadingDoesInItsOrder)
     for (unsigned int seed = 0; seed < 10000 && !testing::Test::HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         RandomMarket random(seed);
-        plain::Rules rules[kChannelCount];
+        plain::Rules rules[card_reg::kChannels];
         for (plain::Rules& channel : rules) {
             if (random.Once(2)) channel = random.Rules();
         }

@@ -7,11 +7,11 @@
 #include <map>
 #include <sstream>
 
-#include "DayFiles.h"
-#include "RandomMarket.h"
-#include "VexoZceBinFile.h"
-#include "doubles/LogLines.h"
-#include "support/FakeTime.h"
+#include "tests/unit/channel/DayFiles.h"
+#include "tests/equivalence/RandomMarket.h"
+#include "src/dayfile/DayFile.h"
+#include "tests/doubles/LogLines.h"
+#include "tests/support/FakeTime.h"
 
 namespace {
 

@@ -6,17 +6,16 @@
 
 #include <memory>
 
-#include "DataType/ContractServ.h"
-#include "DataType/InstId.h"
-#include "RandomMarket.h"
-#include "doubles/FakeDrv.h"
-#include "doubles/LogLines.h"
+#include "src/instruments/ContractServ.h"
+#include "src/instruments/InstId.h"
+#include "tests/equivalence/RandomMarket.h"
+#include "tests/doubles/FakeDrv.h"
+#include "tests/doubles/LogLines.h"
 
 namespace {
 
 namespace plain = test_support::plain;
 using test_support::LogLines;
-using Vexo2_U50::kChannelCount;
 
 /// Random instruments, random rules of all channels, and the services over them.
 struct Case {
@@ -25,14 +24,14 @@ struct Case {
             idToIndex[random.Id()] = static_cast<unsigned short>(random.Number(25));
         }
         for (auto& channel : rules) channel = random.Rules();
-        for (unsigned int chan = 0; chan < kChannelCount; ++chan) records[chan] = Record(rules[chan]);
+        for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) records[chan] = Record(rules[chan]);
         fpga.Init(&drv);
     }
 
     RandomMarket random;
-    plain::Rules rules[kChannelCount];
+    plain::Rules rules[card_reg::kChannels];
     Vexo2_U50::InstIdToIndex idToIndex;
-    Vexo2_U50::ZceSubsInfo_t records[kChannelCount];
+    Vexo2_U50::ZceSubsInfo_t records[card_reg::kChannels];
     test_support::FakeDrv drv;
     Vexo2_U50::CZceFpgaServ fpga{idToIndex, 0};
     Vexo2_U50::CContractServ contracts{idToIndex, nullptr, nullptr, &fpga, 0, records};
@@ -48,11 +47,11 @@ struct Expected {
     explicit Expected(const Case& input) {
         ReportMissingIds(input);
         Filter(input);
-        for (unsigned int chan = 0; chan < kChannelCount; ++chan) Store(chan);
+        for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) Store(chan);
         Subscribe();
     }
 
-    plain::Chosen chosen[kChannelCount];
+    plain::Chosen chosen[card_reg::kChannels];
     std::map<unsigned short, unsigned short> masks[2];
     plain::IndexToId names[2];
     std::vector<std::string> log;
@@ -63,7 +62,7 @@ private:
             log.push_back("WARN All instrument count is zero.");
             return;
         }
-        for (unsigned int chan = 0; chan < kChannelCount; ++chan) {
+        for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) {
             std::vector<std::string> missing;
             for (const std::string& id : input.rules[chan].ids) {
                 if (input.idToIndex.count(id) == 0) missing.push_back(id);
@@ -78,7 +77,7 @@ private:
     void Filter(const Case& input) {
         log.push_back("INFO Begin match needed inst! AllInstNum:" + Count(input.idToIndex.size()) + ".");
         if (input.idToIndex.empty()) return;
-        for (unsigned int chan = 0; chan < kChannelCount; ++chan) {
+        for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) {
             chosen[chan] = plain::Choose(input.idToIndex, input.rules[chan]);
             log.push_back("INFO " + Channel(chan) + "Filter needed sgl count:" + Count(chosen[chan].oneLeg.size()) +
                           ", cmb count:" + Count(chosen[chan].combine.size()) + ".");
@@ -148,7 +147,7 @@ TEST(FilterEquivalence, AWholePassChoosesStoresWritesAndLogsAsThePlainReading) {
         const std::vector<std::string> log = RunPass(input);
 
         EXPECT_EQ(log, expected.log);
-        for (unsigned int chan = 0; chan < kChannelCount; ++chan) {
+        for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) {
             EXPECT_EQ(input.contracts.oneLegByChannel[chan], expected.chosen[chan].oneLeg) << "channel " << chan;
             EXPECT_EQ(input.contracts.combineByChannel[chan], expected.chosen[chan].combine) << "channel " << chan;
         }
@@ -183,8 +182,8 @@ TEST(FilterEquivalence, EverySingleQuestionIsAnsweredAsByASearchOfTheLists) {
         RandomMarket random(seed);
         plain::Rules rules = random.Rules();
         Vexo2_U50::InstIdToIndex none;
-        Vexo2_U50::ZceSubsInfo_t records[kChannelCount];
-        const auto chan = static_cast<unsigned int>(random.Number(kChannelCount));
+        Vexo2_U50::ZceSubsInfo_t records[card_reg::kChannels];
+        const auto chan = static_cast<unsigned int>(random.Number(card_reg::kChannels));
         records[chan] = Record(rules);
         Vexo2_U50::CContractServ contracts(none, nullptr, nullptr, nullptr, 0, records);
         for (int i = 0; i < 10; ++i) {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "DataType/ZceSubsInfo.h"
-#include "support/PlainFilter.h"
+#include "src/instruments/SubsInfo.h"
+#include "tests/support/PlainFilter.h"
 
 /// Random ids and rules, the same for a seed: of few products and months, so that rules meet ids and ids meet each
 /// other, with texts among them that only look like ids.

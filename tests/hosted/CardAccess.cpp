@@ -1,6 +1,6 @@
-#include "CardAccess.h"
+#include "tests/hosted/CardAccess.h"
 
-#include "DrvEnyx/CardRegisters.h"
+#include "interface/CardRegisters.h"
 
 namespace hosted {
 namespace {

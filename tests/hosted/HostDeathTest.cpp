@@ -11,9 +11,9 @@
 #include <cerrno>
 #include <cstdarg>
 
-#include "CardAccess.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "HostProcess.h"
+#include "tests/hosted/CardAccess.h"
+#include "interface/CardRegisters.h"
+#include "tests/hosted/HostProcess.h"
 
 namespace {
 

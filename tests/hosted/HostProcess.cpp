@@ -1,4 +1,4 @@
-#include "HostProcess.h"
+#include "tests/hosted/HostProcess.h"
 
 #include <fcntl.h>
 #include <grp.h>

@@ -11,12 +11,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "CardAccess.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "HostProcess.h"
+#include "tests/hosted/CardAccess.h"
+#include "interface/CardRegisters.h"
+#include "tests/hosted/HostProcess.h"
 #include "enyx-sim/enyx_sim.h"
 #include "enyx-sim/md_payload.h"
-#include "support/CaptureOutput.h"
+#include "tests/support/CaptureOutput.h"
 
 namespace hosted {
 namespace {

@@ -7,9 +7,9 @@
 
 #include <random>
 
-#include "CardAccess.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "HostProcess.h"
+#include "tests/hosted/CardAccess.h"
+#include "interface/CardRegisters.h"
+#include "tests/hosted/HostProcess.h"
 
 namespace hosted {
 namespace {

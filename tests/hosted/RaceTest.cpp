@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <sched.h>
 
-#include "CardAccess.h"
-#include "HostProcess.h"
+#include "tests/hosted/CardAccess.h"
+#include "tests/hosted/HostProcess.h"
 
 namespace hosted {
 namespace {

@@ -10,8 +10,8 @@
 #include <optional>
 #include <tuple>
 
-#include "CardAccess.h"
-#include "HostProcess.h"
+#include "tests/hosted/CardAccess.h"
+#include "tests/hosted/HostProcess.h"
 #include "capture/Reader.h"
 
 namespace hosted {

@@ -6,10 +6,10 @@
 
 #include <cerrno>
 
-#include "CardAccess.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "HostProcess.h"
-#include "support/CaptureOutput.h"
+#include "tests/hosted/CardAccess.h"
+#include "interface/CardRegisters.h"
+#include "tests/hosted/HostProcess.h"
+#include "tests/support/CaptureOutput.h"
 
 namespace hosted {
 namespace {

@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "HostProcess.h"
+#include "tests/hosted/HostProcess.h"
 
 namespace hosted {
 namespace {

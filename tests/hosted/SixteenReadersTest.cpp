@@ -11,9 +11,9 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "CardAccess.h"
-#include "HostProcess.h"
-#include "QuoteRecord.h"
+#include "tests/hosted/CardAccess.h"
+#include "tests/hosted/HostProcess.h"
+#include "tests/hosted/QuoteRecord.h"
 #include "capture/Reader.h"
 #include "enyx-sim/enyx_sim.h"
 

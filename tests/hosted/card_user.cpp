@@ -15,8 +15,8 @@
 #include <cstring>
 #include <random>
 
-#include "CardAccess.h"
-#include "DrvEnyx/CardRegisters.h"
+#include "tests/hosted/CardAccess.h"
+#include "interface/CardRegisters.h"
 
 using namespace hosted;
 

@@ -14,7 +14,7 @@
 
 #include <VexoZceMdApi.h>
 
-#include "QuoteRecord.h"
+#include "tests/hosted/QuoteRecord.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
-#include "integration/Scenario.h"
+#include "tests/integration/Scenario.h"
 
 namespace {
 

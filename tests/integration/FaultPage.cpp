@@ -1,4 +1,4 @@
-#include "integration/FaultPage.h"
+#include "tests/integration/FaultPage.h"
 
 #include <fstream>
 #include <iterator>

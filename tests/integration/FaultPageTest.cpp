@@ -9,9 +9,9 @@
 #include <set>
 #include <sstream>
 
-#include "integration/FaultPage.h"
-#include "integration/SimulatedRun.h"
-#include "scenario/Scenario.h"
+#include "tests/integration/FaultPage.h"
+#include "tests/integration/SimulatedRun.h"
+#include "sim/scenario/Scenario.h"
 
 namespace {
 

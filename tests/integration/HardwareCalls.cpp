@@ -3,7 +3,7 @@
 #include <regex>
 #include <vector>
 
-#include "integration/Scenario.h"
+#include "tests/integration/Scenario.h"
 
 namespace scenario {
 

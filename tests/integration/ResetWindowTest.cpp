@@ -3,7 +3,7 @@
 #include <enyx-sim/enyx_sim.h>
 #include <gtest/gtest.h>
 
-#include "integration/Scenario.h"
+#include "tests/integration/Scenario.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "integration/Scenario.h"
+#include "tests/integration/Scenario.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,8 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "support/CaptureOutput.h"
-#include "support/TempDir.h"
+#include "tests/support/CaptureOutput.h"
+#include "tests/support/TempDir.h"
 
 namespace scenario {
 

@@ -7,7 +7,7 @@
 
 #include <VexoZceMdApi.h>
 
-#include "support/FakeTime.h"
+#include "tests/support/FakeTime.h"
 
 namespace scenario {
 

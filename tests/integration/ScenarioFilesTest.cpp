@@ -7,8 +7,8 @@
 #include <map>
 #include <regex>
 
-#include "integration/SimulatedRun.h"
-#include "scenario/Scenario.h"
+#include "tests/integration/SimulatedRun.h"
+#include "sim/scenario/Scenario.h"
 
 namespace {
 

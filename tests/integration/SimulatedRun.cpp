@@ -1,4 +1,4 @@
-#include "integration/SimulatedRun.h"
+#include "tests/integration/SimulatedRun.h"
 
 #include <cstdio>
 #include <cstring>

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "integration/Scenario.h"
+#include "tests/integration/Scenario.h"
 
 namespace scenario {
 

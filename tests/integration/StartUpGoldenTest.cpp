@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 
-#include "integration/Scenario.h"
+#include "tests/integration/Scenario.h"
 
 namespace {
 

@@ -14,6 +14,6 @@ headers)
 sources)
     find "$sources/src" -name '*.cpp' -print0 |
         xargs -0 -n 4 -P 2 "$3" -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only \
-            -I"$sources/include" -I"$sources/src" -I"$sources/sim/include"
+            -I"$sources" -I"$sources/include" -I"$sources/interface"
     ;;
 esac

@@ -1,4 +1,4 @@
-#include "support/CaptureOutput.h"
+#include "tests/support/CaptureOutput.h"
 
 #include <fcntl.h>
 #include <stdlib.h>

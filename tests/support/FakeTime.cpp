@@ -1,4 +1,4 @@
-#include "support/FakeTime.h"
+#include "tests/support/FakeTime.h"
 
 #include <dlfcn.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #include <cerrno>
 
-#include "Card.h"
-#include "DrvEnyx/CardRegisters.h"
+#include "tools/cardtest/Card.h"
+#include "interface/CardRegisters.h"
 
 namespace cardtest {
 namespace {

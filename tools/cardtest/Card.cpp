@@ -1,4 +1,4 @@
-#include "Card.h"
+#include "tools/cardtest/Card.h"
 
 #include <cerrno>
 

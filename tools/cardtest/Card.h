@@ -7,7 +7,7 @@
 #include <string>
 #include <type_traits>
 
-#include "Check.h"
+#include "tools/cardtest/Check.h"
 
 namespace cardtest {
 

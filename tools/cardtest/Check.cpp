@@ -1,4 +1,4 @@
-#include "Check.h"
+#include "tools/cardtest/Check.h"
 
 #include <cstdio>
 #include <cstring>

@@ -6,8 +6,8 @@
 #include <memory>
 #include <thread>
 
-#include "Card.h"
-#include "Helper.h"
+#include "tools/cardtest/Card.h"
+#include "tools/cardtest/Helper.h"
 
 namespace cardtest {
 namespace {

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "Card.h"
-#include "Helper.h"
+#include "tools/cardtest/Card.h"
+#include "tools/cardtest/Helper.h"
 
 namespace cardtest {
 namespace {

@@ -2,7 +2,7 @@
 #include <cerrno>
 #include <functional>
 
-#include "Card.h"
+#include "tools/cardtest/Card.h"
 
 namespace cardtest {
 namespace {

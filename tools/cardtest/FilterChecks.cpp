@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "Card.h"
+#include "tools/cardtest/Card.h"
 
 namespace cardtest {
 namespace {

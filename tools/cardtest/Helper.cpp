@@ -1,4 +1,4 @@
-#include "Helper.h"
+#include "tools/cardtest/Helper.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -13,7 +13,7 @@
 #include <fstream>
 #include <utility>
 
-#include "Card.h"
+#include "tools/cardtest/Card.h"
 
 namespace cardtest {
 namespace {

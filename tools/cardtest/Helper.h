@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Check.h"
+#include "tools/cardtest/Check.h"
 
 namespace cardtest {
 

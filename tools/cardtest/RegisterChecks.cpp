@@ -4,9 +4,9 @@
 #include <functional>
 #include <thread>
 
-#include "Card.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "Helper.h"
+#include "tools/cardtest/Card.h"
+#include "interface/CardRegisters.h"
+#include "tools/cardtest/Helper.h"
 
 namespace cardtest {
 namespace {

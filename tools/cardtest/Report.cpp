@@ -1,4 +1,4 @@
-#include "Report.h"
+#include "tools/cardtest/Report.h"
 
 #include <algorithm>
 #include <cstring>

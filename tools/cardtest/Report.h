@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "Runner.h"
+#include "tools/cardtest/Runner.h"
 
 namespace cardtest {
 

@@ -2,10 +2,10 @@
 #include <cerrno>
 #include <iterator>
 
-#include "Card.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "Helper.h"
-#include "Tables.h"
+#include "tools/cardtest/Card.h"
+#include "interface/CardRegisters.h"
+#include "tools/cardtest/Helper.h"
+#include "tools/cardtest/Tables.h"
 
 namespace cardtest {
 namespace {

@@ -1,4 +1,4 @@
-#include "Runner.h"
+#include "tools/cardtest/Runner.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -17,8 +17,8 @@
 #include <fstream>
 #include <functional>
 
-#include "Card.h"
-#include "Helper.h"
+#include "tools/cardtest/Card.h"
+#include "tools/cardtest/Helper.h"
 
 namespace cardtest {
 namespace {

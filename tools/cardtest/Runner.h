@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "Check.h"
+#include "tools/cardtest/Check.h"
 
 namespace cardtest {
 

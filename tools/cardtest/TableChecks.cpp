@@ -1,6 +1,6 @@
-#include "Card.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "Tables.h"
+#include "tools/cardtest/Card.h"
+#include "interface/CardRegisters.h"
+#include "tools/cardtest/Tables.h"
 
 namespace cardtest {
 namespace {

@@ -1,4 +1,4 @@
-#include "Tables.h"
+#include "tools/cardtest/Tables.h"
 
 namespace cardtest {
 namespace {

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "Card.h"
-#include "DrvEnyx/CardRegisters.h"
+#include "tools/cardtest/Card.h"
+#include "interface/CardRegisters.h"
 
 namespace cardtest {
 

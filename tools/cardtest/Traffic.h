@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "Card.h"
-#include "Tables.h"
+#include "tools/cardtest/Card.h"
+#include "tools/cardtest/Tables.h"
 
 namespace cardtest {
 

@@ -1,10 +1,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "Card.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "Helper.h"
-#include "Traffic.h"
+#include "tools/cardtest/Card.h"
+#include "interface/CardRegisters.h"
+#include "tools/cardtest/Helper.h"
+#include "tools/cardtest/Traffic.h"
 
 namespace cardtest {
 namespace {

@@ -2,9 +2,9 @@
 #include <cerrno>
 #include <thread>
 
-#include "Card.h"
-#include "Helper.h"
-#include "Traffic.h"
+#include "tools/cardtest/Card.h"
+#include "tools/cardtest/Helper.h"
+#include "tools/cardtest/Traffic.h"
 
 namespace cardtest {
 namespace {

@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Helper.h"
-#include "Report.h"
-#include "Runner.h"
+#include "tools/cardtest/Helper.h"
+#include "tools/cardtest/Report.h"
+#include "tools/cardtest/Runner.h"
 
 using namespace cardtest;
 

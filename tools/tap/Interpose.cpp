@@ -10,8 +10,8 @@
 #include <enyx-hw-c/enyx_hw.h>
 #pragma GCC visibility pop
 
-#include "tap/NextCall.h"
-#include "tap/Tap.h"
+#include "tools/tap/NextCall.h"
+#include "tools/tap/Tap.h"
 
 using namespace tap;
 

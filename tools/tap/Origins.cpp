@@ -1,4 +1,4 @@
-#include "tap/Origins.h"
+#include "tools/tap/Origins.h"
 
 #include "capture/StreamPlace.h"
 

@@ -1,4 +1,4 @@
-#include "tap/PacketRing.h"
+#include "tools/tap/PacketRing.h"
 
 #include <algorithm>
 #include <sys/mman.h>

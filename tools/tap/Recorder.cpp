@@ -1,4 +1,4 @@
-#include "tap/Recorder.h"
+#include "tools/tap/Recorder.h"
 
 #include <algorithm>
 #include <chrono>

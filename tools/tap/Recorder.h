@@ -6,9 +6,9 @@
 #include <mutex>
 
 #include "capture/CaptureFiles.h"
-#include "tap/PacketRing.h"
-#include "tap/Settings.h"
-#include "tap/TapClock.h"
+#include "tools/tap/PacketRing.h"
+#include "tools/tap/Settings.h"
+#include "tools/tap/TapClock.h"
 
 namespace tap {
 

@@ -1,9 +1,9 @@
-#include "tap/Settings.h"
+#include "tools/tap/Settings.h"
 
 #include <cerrno>
 #include <cstdlib>
 
-#include "tap/Report.h"
+#include "tools/tap/Report.h"
 
 namespace tap {
 namespace {

@@ -1,4 +1,4 @@
-#include "tap/Tap.h"
+#include "tools/tap/Tap.h"
 
 #include <cerrno>
 #include <chrono>
@@ -14,7 +14,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "tap/Report.h"
+#include "tools/tap/Report.h"
 #include "tap/Version.h"
 
 namespace tap {

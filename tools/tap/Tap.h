@@ -1,9 +1,9 @@
 #pragma once
 
 #include "capture/RegisterAccess.h"
-#include "tap/Origins.h"
-#include "tap/Recorder.h"
-#include "tap/StreamTable.h"
+#include "tools/tap/Origins.h"
+#include "tools/tap/Recorder.h"
+#include "tools/tap/StreamTable.h"
 
 /// The tap of this process: at most one capture, begun by the first stream or register access.
 namespace tap {

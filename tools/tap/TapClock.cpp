@@ -1,4 +1,4 @@
-#include "tap/TapClock.h"
+#include "tools/tap/TapClock.h"
 
 #include <cmath>
 #include <cpuid.h>

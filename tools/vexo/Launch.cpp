@@ -1,4 +1,4 @@
-#include "Launch.h"
+#include "tools/vexo/Launch.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-#include "Command.h"
+#include "tools/vexo/Command.h"
 
 namespace vexo {
 

@@ -1,9 +1,9 @@
-#include "Places.h"
+#include "tools/vexo/Places.h"
 
 #include <string>
 #include <system_error>
 
-#include "Command.h"
+#include "tools/vexo/Command.h"
 #include "Layout.h"
 
 namespace vexo {

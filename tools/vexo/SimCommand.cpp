@@ -4,9 +4,9 @@
 #include <memory>
 #include <unistd.h>
 
-#include "Command.h"
-#include "Launch.h"
-#include "Places.h"
+#include "tools/vexo/Command.h"
+#include "tools/vexo/Launch.h"
+#include "tools/vexo/Places.h"
 
 namespace vexo {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "Command.h"
+#include "tools/vexo/Command.h"
 #include "Version.h"
 
 namespace {

@@ -176,7 +176,7 @@ end
 
 local access = Proto("vexo_reg", "Register access")
 
--- By word index, as in the card's register map (src/DrvEnyx/CardRegisters.h).
+-- By word index, as in the card's register map (interface/CardRegisters.h).
 local register_names = {
     [0x10] = "Reset",
     [0x11] = "DecodeSwitch",

@@ -1,4 +1,4 @@
-#include "ApiFixture.h"
+#include "tests/unit/api/ApiFixture.h"
 
 ApiTest::ApiTest() : time(day.year, day.month, day.day, 12, 0, 0) {
     hw.record           = false;

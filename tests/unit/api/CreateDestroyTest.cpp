@@ -1,6 +1,6 @@
-#include "ApiFixture.h"
-#include "FailingNew.h"
-#include "support/CaptureOutput.h"
+#include "tests/unit/api/ApiFixture.h"
+#include "tests/unit/channel/FailingNew.h"
+#include "tests/support/CaptureOutput.h"
 
 #include <cstddef>
 #include <cstring>

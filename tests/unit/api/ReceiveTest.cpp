@@ -1,6 +1,6 @@
-#include "ApiFixture.h"
-#include "doubles/LogLines.h"
-#include "log/elog.h"
+#include "tests/unit/api/ApiFixture.h"
+#include "tests/doubles/LogLines.h"
+#include "src/log/elog.h"
 
 #include <sys/stat.h>
 

@@ -1,8 +1,8 @@
-#include "ApiFixture.h"
-#include "HostCalls.h"
-#include "doubles/LogLines.h"
-#include "log/elog.h"
-#include "log/elog_mutex.h"
+#include "tests/unit/api/ApiFixture.h"
+#include "tests/unit/channel/HostCalls.h"
+#include "tests/doubles/LogLines.h"
+#include "src/log/elog.h"
+#include "src/log/elog_mutex.h"
 
 #include <pthread.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
-#include "ApiFixture.h"
-#include "FailingNew.h"
-#include "doubles/LogLines.h"
+#include "tests/unit/api/ApiFixture.h"
+#include "tests/unit/channel/FailingNew.h"
+#include "tests/doubles/LogLines.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,10 +1,10 @@
-#include "ChannelFixture.h"
+#include "tests/unit/channel/ChannelFixture.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <regex>
 
-#include "DrvEnyx/CardRegisters.h"
+#include "interface/CardRegisters.h"
 
 using test_support::FakeDma;
 using test_support::FakeDrv;

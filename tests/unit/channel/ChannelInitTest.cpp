@@ -1,8 +1,8 @@
-#include "ChannelFixture.h"
-#include "FailingNew.h"
-#include "HostCalls.h"
+#include "tests/unit/channel/ChannelFixture.h"
+#include "tests/unit/channel/FailingNew.h"
+#include "tests/unit/channel/HostCalls.h"
 
-#include "VexoZceBinFile.h"
+#include "src/dayfile/DayFile.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "Child.h"
+#include "tests/unit/channel/Child.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -11,7 +11,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "support/CaptureOutput.h"
+#include "tests/support/CaptureOutput.h"
 
 namespace {
 

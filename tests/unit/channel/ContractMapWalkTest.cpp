@@ -1,9 +1,9 @@
-#include "ChannelFixture.h"
+#include "tests/unit/channel/ChannelFixture.h"
 
 #include <map>
 #include <random>
 
-#include "log/elog.h"
+#include "src/log/elog.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "DayFiles.h"
+#include "tests/unit/channel/DayFiles.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "FailingNew.h"
+#include "tests/unit/channel/FailingNew.h"
 
 #include <cstddef>
 #include <new>

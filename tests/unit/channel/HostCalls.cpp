@@ -1,4 +1,4 @@
-#include "HostCalls.h"
+#include "tests/unit/channel/HostCalls.h"
 
 #include <dlfcn.h>
 #include <pwd.h>

@@ -1,4 +1,4 @@
-#include "ChannelFixture.h"
+#include "tests/unit/channel/ChannelFixture.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "ChannelFixture.h"
-#include "Child.h"
-#include "log/elog.h"
+#include "tests/unit/channel/ChannelFixture.h"
+#include "tests/unit/channel/Child.h"
+#include "src/log/elog.h"
 
 #include <pthread.h>
 

@@ -1,8 +1,8 @@
-#include "TraceDrv.h"
+#include "tests/unit/channel/TraceDrv.h"
 
 #include <cstdio>
 
-#include "DrvEnyx/CardRegisters.h"
+#include "interface/CardRegisters.h"
 
 namespace {
 

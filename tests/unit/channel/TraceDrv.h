@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "doubles/FakeDrv.h"
+#include "tests/doubles/FakeDrv.h"
 
 /// A FakeDrv that prints every call as it comes, so that a captured output shows register accesses and log lines in
 /// their true order: "R 0x106", "W 0x106 0x1" (WriteInt32), "WL" (WriteInt32_Log), "WR" (WriteInt32_LogWithRead).

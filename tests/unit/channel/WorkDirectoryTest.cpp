@@ -1,6 +1,6 @@
-#include "ChannelFixture.h"
-#include "Child.h"
-#include "HostCalls.h"
+#include "tests/unit/channel/ChannelFixture.h"
+#include "tests/unit/channel/Child.h"
+#include "tests/unit/channel/HostCalls.h"
 
 #include <pwd.h>
 #include <sys/stat.h>

@@ -1,10 +1,10 @@
-#include "ChannelFixture.h"
+#include "tests/unit/channel/ChannelFixture.h"
 
 #include <cerrno>
 #include <filesystem>
 
-#include "DrvEnyx/drvDMAEnyx.h"
-#include "doubles/FakeEnyxHw.h"
+#include "src/driver/DmaStream.h"
+#include "tests/doubles/FakeEnyxHw.h"
 
 namespace {
 

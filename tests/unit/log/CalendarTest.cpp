@@ -4,7 +4,7 @@
 #include <ctime>
 #include <string>
 
-#include "log/line_builder.h"
+#include "src/log/LineBuilder.h"
 
 namespace {
 

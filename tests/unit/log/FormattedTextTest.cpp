@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "log/line_builder.h"
+#include "src/log/LineBuilder.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "Interposed.h"
+#include "tests/unit/log/Interposed.h"
 
 #include <dlfcn.h>
 #include <sched.h>

@@ -1,6 +1,6 @@
 #include <cwchar>
 
-#include "LogFixture.h"
+#include "tests/unit/log/LogFixture.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include <climits>
 #include <utility>
 
-#include "Interposed.h"
-#include "LogFixture.h"
-#include "log/log.h"
+#include "tests/unit/log/Interposed.h"
+#include "tests/unit/log/LogFixture.h"
+#include "src/log/log.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "LogFixture.h"
+#include "tests/unit/log/LogFixture.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "LogFixture.h"
+#include "tests/unit/log/LogFixture.h"
 
 #include <filesystem>
 #include <iterator>

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "log/elog.h"
-#include "support/CaptureOutput.h"
-#include "support/FakeTime.h"
-#include "support/TempDir.h"
+#include "src/log/elog.h"
+#include "tests/support/CaptureOutput.h"
+#include "tests/support/FakeTime.h"
+#include "tests/support/TempDir.h"
 
 /// What @p act prints on descriptor @p fd. Only the act runs inside, so that a failed assertion is seen.
 template <typename Act>

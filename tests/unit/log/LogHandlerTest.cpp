@@ -9,11 +9,11 @@
 #include <filesystem>
 #include <thread>
 
-#include "Interposed.h"
-#include "LogFixture.h"
-#include "support/Sanitizers.h"
-#include "SingleStep.h"
-#include "log/elog_mutex.h"
+#include "tests/unit/log/Interposed.h"
+#include "tests/unit/log/LogFixture.h"
+#include "tests/support/Sanitizers.h"
+#include "tests/unit/log/SingleStep.h"
+#include "src/log/elog_mutex.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include <cstdio>
 #include <numeric>
 
-#include "LogFixture.h"
+#include "tests/unit/log/LogFixture.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <optional>
 #include <system_error>
 
-#include "Interposed.h"
-#include "LogFixture.h"
+#include "tests/unit/log/Interposed.h"
+#include "tests/unit/log/LogFixture.h"
 
 namespace {
 

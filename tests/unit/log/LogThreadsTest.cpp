@@ -5,9 +5,9 @@
 #include <set>
 #include <thread>
 
-#include "Interposed.h"
-#include "LogFixture.h"
-#include "support/Sanitizers.h"
+#include "tests/unit/log/Interposed.h"
+#include "tests/unit/log/LogFixture.h"
+#include "tests/support/Sanitizers.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "Interposed.h"
-#include "LogFixture.h"
+#include "tests/unit/log/Interposed.h"
+#include "tests/unit/log/LogFixture.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "SingleStep.h"
+#include "tests/unit/log/SingleStep.h"
 
 #include <signal.h>
 
-#include "support/Sanitizers.h"
+#include "tests/support/Sanitizers.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "CaptureSample.h"
-#include "Program.h"
-#include "support/TempDir.h"
+#include "tests/unit/capture/CaptureSample.h"
+#include "tests/unit/tools/Program.h"
+#include "tests/support/TempDir.h"
 
 using namespace capture;
 using ::testing::AllOf;

@@ -7,11 +7,11 @@
 #include <regex>
 #include <sstream>
 
-#include "CaptureSample.h"
-#include "DrvEnyx/CardRegisters.h"
-#include "Program.h"
+#include "tests/unit/capture/CaptureSample.h"
+#include "interface/CardRegisters.h"
+#include "tests/unit/tools/Program.h"
 #include "capture/RegisterAccess.h"
-#include "support/TempDir.h"
+#include "tests/support/TempDir.h"
 
 using namespace capture;
 using ::testing::AllOf;

@@ -3,10 +3,10 @@
 
 #include <thread>
 
-#include "CaptureSample.h"
+#include "tests/unit/capture/CaptureSample.h"
 #include "capture/RegisterAccess.h"
-#include "support/TempDir.h"
-#include "tap/Recorder.h"
+#include "tests/support/TempDir.h"
+#include "tools/tap/Recorder.h"
 
 using namespace capture;
 using tap::PacketRing;

@@ -1,6 +1,6 @@
 /* A hardware library that no tool knows anything of: handles are what malloc() gives, a stream delivers numbered
  * packets as fast as they are asked for. SCRIPTED_PACKETS says how many, SCRIPTED_SIZE how long they are. */
-#include "ScriptedCard.h"
+#include "tests/unit/tools/ScriptedCard.h"
 
 #include <errno.h>
 #include <stdlib.h>

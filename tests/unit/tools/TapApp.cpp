@@ -16,7 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "ScriptedCard.h"
+#include "tests/unit/tools/ScriptedCard.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <thread>
 
-#include "CaptureSample.h"
-#include "Program.h"
-#include "ScriptedCard.h"
+#include "tests/unit/capture/CaptureSample.h"
+#include "tests/unit/tools/Program.h"
+#include "tests/unit/tools/ScriptedCard.h"
 #include "capture/RegisterAccess.h"
-#include "support/TempDir.h"
+#include "tests/support/TempDir.h"
 
 using namespace capture;
 using ::testing::HasSubstr;

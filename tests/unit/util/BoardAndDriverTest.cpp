@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "FakeHost.h"
+#include "tests/unit/util/FakeHost.h"
 #include "VexoZceUtil.h"
-#include "support/CaptureOutput.h"
+#include "tests/support/CaptureOutput.h"
 
 namespace {
 

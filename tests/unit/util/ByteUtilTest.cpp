@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "VexoZceUtil.h"
-#include "support/CaptureOutput.h"
-#include "support/TempDir.h"
+#include "tests/support/CaptureOutput.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 

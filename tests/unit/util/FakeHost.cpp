@@ -1,4 +1,4 @@
-#include "FakeHost.h"
+#include "tests/unit/util/FakeHost.h"
 
 #include <dlfcn.h>
 #include <pwd.h>

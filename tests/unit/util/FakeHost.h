@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/TempDir.h"
+#include "tests/support/TempDir.h"
 
 /// A host whose tools print what a test wants, while this lives: PATH leads to a directory with grep and the tools that
 /// were installed here, and nothing else. `popen`, `getpwuid` and `getuid` are interposed in the test binary:

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "VexoZceUtil.h"
-#include "support/CaptureOutput.h"
+#include "tests/support/CaptureOutput.h"
 
 namespace {
 

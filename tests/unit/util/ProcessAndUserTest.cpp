@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "FakeHost.h"
+#include "tests/unit/util/FakeHost.h"
 #include "VexoZceUtil.h"
-#include "support/CaptureOutput.h"
+#include "tests/support/CaptureOutput.h"
 
 namespace {
 

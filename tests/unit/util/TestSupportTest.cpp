@@ -17,9 +17,9 @@
 #include <string>
 #include <system_error>
 
-#include "support/CaptureOutput.h"
-#include "support/FakeTime.h"
-#include "support/TempDir.h"
+#include "tests/support/CaptureOutput.h"
+#include "tests/support/FakeTime.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 

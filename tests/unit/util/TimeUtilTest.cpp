@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "VexoZceUtil.h"
-#include "support/FakeTime.h"
+#include "tests/support/FakeTime.h"
 
 namespace {
 

@@ -1,0 +1,151 @@
+#include "src/api/ApiImpl.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+
+#include "src/log/Logger.h"
+#include "src/log/log.h"
+
+std::mutex g_brixLogInit_mutex;
+
+namespace {
+
+constexpr char kLogFile[] = "VexoZceMdApiImpl";
+
+constexpr std::uint32_t kRegisterCoreId = 474;
+
+// The process-wide register driver, made on first use; null when memory is short.
+CDrvEnyxReg* SharedDriver() {
+    if (CDrvEnyxReg::instance == nullptr) CDrvEnyxReg::instance = new (std::nothrow) CDrvEnyxReg;
+    return CDrvEnyxReg::instance;
+}
+
+// A start-up that failed ends the process, with status 0, as the programs that start the application expect.
+[[noreturn]] void EndProcess() { std::exit(0); }
+
+}  // namespace
+
+IVexoZceMdApi* IVexoZceMdApi::CreateVexoZceMdApi() {
+    CDrvEnyxReg* drv = SharedDriver();
+    auto* api = drv != nullptr ? new (std::nothrow) CVexoZceMdApiImpl(drv) : nullptr;
+    if (api == nullptr) {
+        std::printf("New vexo zce impl fail.\n");
+        throw std::runtime_error("CreateVexoZceMdApi failed");
+    }
+    api->m_bSharedDrv = true;
+    return api;
+}
+
+void IVexoZceMdApi::DestroyVexoZceMdApi(IVexoZceMdApi& api) {
+    // The compiler takes a reference for never null and would drop the test: a volatile pointer makes it look.
+    IVexoZceMdApi* volatile address = &api;
+    IVexoZceMdApi* object = address;
+    if (object == nullptr) return;
+    delete dynamic_cast<CVexoZceMdApiImpl*>(object);
+}
+
+CVexoZceMdApiImpl::CVexoZceMdApiImpl(CDrvEnyxReg* drv)
+    : m_pDmaChan(nullptr), m_pDrv(drv), m_pCfgFile(nullptr), m_pSpi(nullptr) {}
+
+CVexoZceMdApiImpl::~CVexoZceMdApiImpl() {
+    delete m_pDmaChan;
+    m_pDmaChan = nullptr;
+}
+
+int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
+    if (cfgPath == nullptr) {
+        std::printf("Error! lpConfig null pointer!\n");
+        EndProcess();
+    }
+    if (LogInit(cfgPath) != 0) {
+        std::printf("Log init failed\n");
+        return -1;
+    }
+    m_pSpi = &spi;
+    if (InitCfgInfo(cfgPath) != 0) {
+        LOG_ERROR("Vexo inner init fail.");
+        EndProcess();
+    }
+    Vexo2_U50::ZceDmaInitParms_t parms{m_pCfgFile->GetBusId(), kRegisterCoreId, m_pCfgFile->m_strDmaChanName};
+    auto* channel = new CZceDmaChanImpl(m_pDrv, this, m_pCfgFile);
+    if (channel->Init(&parms) != 0) {
+        LOG_ERROR("Create Brix service failed!");
+        delete channel;
+        EndProcess();
+    }
+    if (channel->Work(&parms) != 0) {
+        LOG_ERROR("Create Brix service failed!");
+        delete channel;
+        EndProcess();
+    }
+    m_pDmaChan = channel;
+    m_openPath = {channel->StraightPath(spi), this};
+    m_paths[0] = &m_openPath;
+    return 0;
+}
+
+int CVexoZceMdApiImpl::VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) {
+    IVexoZceMdApi* self = this;
+    if (self->VexoStart(spi, cfgPath) != 0) {
+        LOG_ERROR("Vexo init fail.");
+        return -1;
+    }
+    while (self->VexoRecv() != -1) {
+    }
+    return 0;
+}
+
+int CVexoZceMdApiImpl::VexoRecv() {
+    // The exit flag chooses what to poll: no branch, and nothing to poll answers like everything unusual.
+    OwnPath& path     = *m_paths[m_isExit.load(std::memory_order_relaxed)];
+    const int handled = path.poll(path.stream, &CZceDmaChanImpl::StreamEntrance, static_cast<PacketPath*>(&path));
+    if (static_cast<std::uint32_t>(handled) >= path.unusualFrom) return RecvTheFullWay(path, handled);
+    return handled;
+}
+
+__attribute__((noinline, cold)) int CVexoZceMdApiImpl::RecvTheFullWay(OwnPath& path, int handled) {
+    if (path.channel != nullptr) return path.channel->FinishUnusual(path, handled);
+    if (m_isExit.load(std::memory_order_relaxed) != 0 || path.api->m_pDmaChan == nullptr) return -1;
+    return path.api->m_pDmaChan->PollOnce();
+}
+
+int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {
+    m_pCfgFile = new (std::nothrow) Vexo2_U50::CZceConfigFile(std::string(cfgPath), m_pDrv, this);
+    if (m_pCfgFile == nullptr) {
+        LOG_INFO("Config file init fail");
+        return -1;
+    }
+    if (m_pCfgFile->Init() != 0) {
+        LOG_ERROR("Config file init fail.");
+        return -1;
+    }
+    if (m_pCfgFile->GetDmaChannel() != 0) return 0;
+
+    if (m_bSharedDrv) m_pCfgFile->m_pDrv = m_pDrv = SharedDriver();
+    EnyxRegInitParms_t record{static_cast<std::uint16_t>(m_pCfgFile->GetBusId()),
+                              static_cast<std::uint16_t>(kRegisterCoreId)};
+    if (const int r = m_pDrv != nullptr ? m_pDrv->Init(&record) : -1) {
+        LOG_ERROR("Init New drive failed! ret:%d", r);
+        return -1;
+    }
+    return 0;
+}
+
+int CVexoZceMdApiImpl::LogInit(const char* /*cfgPath*/) {
+    const std::lock_guard<std::mutex> guard(g_brixLogInit_mutex);
+    static ILogger* lpLog = nullptr;
+    if (lpLog != nullptr) return 0;
+    lpLog = new (std::nothrow) CKwLogger;
+    if (lpLog == nullptr) {
+        std::printf("log inited fail, maybe lack memory.\n");
+        return -1;
+    }
+    if (const int r = lpLog->Init(0, "./", "fpga")) {
+        std::printf("###Init log service failed! ret: %d###\n", r);
+        return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "src/driver/IDrv.h"
+
+namespace Vexo2_U50 {
+
+using InstIdToIndex  = std::map<std::string, unsigned short>;
+using IndexToInstId  = std::map<unsigned short, std::string>;
+using IndexToChanBit = std::map<unsigned short, unsigned short>;
+
+/// The library's view of the card's two instrument tables and of the registers that start, stop and reset its decoding.
+/// Table type 0 is the single-leg table, any other the combination table; an index is the card's row number; a mask
+/// holds bit n for DMA channel n. Driver results are not reported but where an operation says so.
+class CZceFpgaServ {
+public:
+    /// @param idToIndex  shared with the channel that owns it; must outlive this object
+    /// @param chan       DMA channel of the owner, 0 for the master; also its bit in every mask
+    CZceFpgaServ(InstIdToIndex& idToIndex, std::uint32_t chan);
+    virtual ~CZceFpgaServ();
+    CZceFpgaServ(const CZceFpgaServ&) = delete;
+    CZceFpgaServ& operator=(const CZceFpgaServ&) = delete;
+
+    void Init(IDrv* drv);  ///< keeps the driver; touches no register
+
+    // ---- tables ----
+    /// Replaces the mask of one row. An index above 8192 is logged as an error and written all the same.
+    void SubsOneInst(std::uint8_t type, std::uint16_t index, std::uint16_t mask);
+    /// Adds this channel's bit to a row and writes the id (its first 12 characters) into it.
+    void SubsOneInstWithName(std::uint8_t type, const std::string& id, std::uint16_t index);
+    /// Reads a row back. @return whether it shares a bit with @p expected; logged when not
+    bool IsSubscribeOk(std::uint8_t type, std::uint16_t index, std::uint16_t expected);
+    void ReadBackAllInst();
+    /// Zeroes every word of rows 0 to 4094 and word 0 of row 4095 of both tables.
+    void ClearAllInstTable();
+    /// Zeroes the mask of every row of both tables, six times over; ids stay.
+    void UnSubsAllInsts();
+
+    // ---- control ----
+    void ResetFpga();  ///< on channel 0 only: pulses the reset (one second) and clears both tables
+    bool bIsReseted() const { return m_bReseted; }
+    void StartDecode();
+    void FpgaStartTrans();
+    void FpgaCloseTrans();
+    void DebugLogAllInst();  ///< does nothing
+
+    // ---- what the card knows ----
+    void UpdateTimeStamp();  ///< writes today's date into the card
+    /// Reads the card's date and computes today's. @return whether they agree
+    bool bDataEqual(std::uint32_t* cardDate, std::uint32_t* sysDate);
+    /// Exchange time as HHMMSS: the card's while it is today's trading time and within 1799 of the system's as a
+    /// number, else the system's (0 up to 00:17:99). 0xFFFFFFFF when the card's time cannot be read.
+    std::uint32_t GetRealTime();
+    /// Whether decoding is on and the card's parser counters stand still; takes two seconds when decoding is on.
+    bool FpgaCounterEqual();
+    /// Adds every id that rows 0 to 4094 of both tables hold to the map. Start-up only: it reads each row up to 8 times.
+    void FetchAllInst();
+
+    // ---- merged store of all channels ----
+    void StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::string id, std::uint32_t chan);
+    void StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan);
+    /// Stores an instrument for several channels, bit n for channel n, and subscribes it for one after the other: each
+    /// time the row is written with the mask that it has by then, and read back.
+    void SubscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id, std::uint32_t channels);
+    /// Writes the merged masks to the card and reads them back.
+    void SubsFromGlobInsts();
+
+    std::uint32_t channel;
+    IDrv* driver;
+    InstIdToIndex& instIdToIndex;
+    IndexToInstId oneLegNames;
+    IndexToInstId combineNames;
+    IndexToChanBit oneLegChanBits;
+    IndexToChanBit combineChanBits;
+
+    static std::atomic<bool> m_bReseted;  ///< the card has been reset by this process; never cleared
+    /// What StartDecode writes: bit 1 Level-1, bit 0 Level-5. The configuration decides it.
+    static std::atomic<std::uint32_t> decodeSwitch;
+    /// Keeps the select, read, data and command sequences of several channels apart.
+    static std::mutex subscribe_mutex;
+
+private:
+    void WriteMask(std::uint8_t type, std::uint16_t index, std::uint16_t mask, const std::string& name);
+    void FetchRow(std::uint8_t type, std::uint32_t row, std::string& previous);
+    std::string ReadRowId(std::uint8_t type, std::uint32_t row);
+};
+
+}  // namespace Vexo2_U50

@@ -1,0 +1,269 @@
+#include "src/channel/DmaChannel.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "interface/CardRegisters.h"
+#include "src/driver/DmaStream.h"
+#include "VexoZceUtil.h"
+#include "src/log/log.h"
+#include "src/util/LocalTime.h"
+
+std::atomic<bool> CZceDmaChanImpl::m_bSignalRegister{false};
+std::atomic<std::uint32_t>& CZceDmaChanImpl::g_uiContractSettleTm = CBrixBinFile::m_uiSettleTime;
+
+namespace {
+
+constexpr char kLogFile[] = "VexoZceUpdmaImpl";
+
+// Inclusive range of decimal-coded HHMMSS times.
+struct TimeWindow {
+    std::uint32_t first;
+    std::uint32_t last;
+
+    bool Contains(std::uint32_t t) const { return t >= first && t <= last; }
+};
+
+constexpr std::uint32_t kBeforeMorning = 80000;  // up to here the card still holds yesterday's instruments
+constexpr TimeWindow kTradingWindows[] = {{90000, 101450}, {103000, 113000}, {133000, 160000}, {210000, 233000}};
+constexpr TimeWindow kClosedWindows[]  = {{160000, 201500}, {233000, 235959}};
+
+constexpr int kLastAfternoonHour    = 14;
+constexpr TimeWindow kEveningAuction = {205510, 213000};
+constexpr TimeWindow kMorningAuction = {85510, 93000};
+
+// Channel-0 objects share the one register driver of the process; the last of them ends it.
+class DriverUsers {
+public:
+    void Add(IDrv* drv) {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        ++m_users[drv];
+    }
+    void Remove(IDrv* drv) {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        if (--m_users[drv] > 0) return;
+        m_users.erase(drv);
+        delete drv;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::map<IDrv*, int> m_users;
+};
+
+DriverUsers& Users() {
+    static auto* users = new DriverUsers;  // never destroyed: channels may end after the library's statics
+    return *users;
+}
+
+}  // namespace
+
+CZceDmaChanImpl::CZceDmaChanImpl(IDrv* drv, CVexoZceMdApiImpl* api, Vexo2_U50::CZceConfigFile* cfg)
+    : m_pCfgFile(cfg), m_pDrv(drv), m_pApi(api) {}
+
+CZceDmaChanImpl::~CZceDmaChanImpl() {
+    delete m_pDma;
+    if (m_uiChannel == 0) {
+        Users().Remove(m_pDrv);
+        m_pDrv = nullptr;
+    }
+}
+
+int CZceDmaChanImpl::Init(Vexo2_U50::ZceDmaInitParms_t* /*parms*/) {
+    m_pCfgFile->BindCpu();
+    if (!m_pCfgFile->bIsMasterChannel()) return 0;
+    if (ChkBinFileAuthority() != 0) return -1;
+    m_uiChannel = m_pCfgFile->GetDmaChannel();
+    Users().Add(m_pDrv);
+
+    if (CreateServices() != 0) return -1;
+    ChkAndRst();
+    if (CheckVersionAndConfigure() != 0) return -1;
+    m_pFpgaServ->UpdateTimeStamp();
+    m_pFpgaServ->UnSubsAllInsts();
+    return 0;
+}
+
+int CZceDmaChanImpl::CreateServices() {
+    m_pFpgaServ = new (std::nothrow) Vexo2_U50::CZceFpgaServ(m_mapInstIdx, m_uiChannel);
+    if (m_pFpgaServ == nullptr) {
+        LOG_ERROR("New fpga service fail");
+        return -1;
+    }
+    m_pFpgaServ->Init(m_pDrv);
+    m_pBinFile = new (std::nothrow) CBrixBinFile(m_mapInstIdx, m_uiChannel);
+    if (m_pBinFile == nullptr) {
+        LOG_ERROR("New bin file service fail");
+        return -1;
+    }
+    m_pContractServ = new (std::nothrow) Vexo2_U50::CContractServ(m_mapInstIdx, m_pCfgFile, m_pBinFile, m_pFpgaServ,
+                                                                  m_uiChannel, m_pCfgFile->getArrayReference());
+    if (m_pContractServ == nullptr) {
+        LOG_ERROR("New contract service fail");
+        return -1;
+    }
+    return 0;
+}
+
+int CZceDmaChanImpl::CheckVersionAndConfigure() {
+    m_pCfgFile->ShowVersion();
+    m_pCfgFile->AddVersionInfo();
+    if (m_pCfgFile->Chk_SysVersion() != 0) return -1;
+    m_pCfgFile->PrintSwitchStatus();
+    m_pCfgFile->CfgNetReg();
+    m_pCfgFile->CfgNetIPAndPort();
+    m_pCfgFile->DumpDevInfo();
+    return 0;
+}
+
+int CZceDmaChanImpl::ChkBinFileAuthority() {
+    // In trading hours a start-up goes on without a writable directory: the quotes matter more than the files.
+    if (ZceIsInTradeTime() || ::access(".", R_OK | W_OK) == 0) return 0;
+    struct stat status;
+    if (::stat(".", &status) != 0) {
+        LOG_INFO("Failed to get directory permissions, msg:%s", std::strerror(errno));
+        return -1;
+    }
+    errno = 0;
+    const passwd* owner = ::getpwuid(status.st_uid);
+    if (owner == nullptr) {
+        LOG_INFO("Failed to get user info, msg:%s", std::strerror(errno));
+        return -1;
+    }
+    LOG_INFO("Error! Current user does not have read/write access to the current directory.");
+    LOG_INFO("Please run this program as user %s or root!", owner->pw_name);
+    return -1;
+}
+
+void CZceDmaChanImpl::ChkAndRst() {
+    if (!IsResetDue()) return;
+    m_pFpgaServ->ResetFpga();
+    m_pFpgaServ->ClearAllInstTable();
+}
+
+bool CZceDmaChanImpl::IsResetDue() {
+    std::uint32_t fpgaDate = 0;
+    std::uint32_t sysDate  = 0;
+    const bool today = m_pFpgaServ->bDataEqual(&fpgaDate, &sysDate);
+    LOG_INFO("First time read fpga date:%u, system date:%u.", fpgaDate, sysDate);
+    if (!today) return true;
+
+    const std::uint32_t t = m_pFpgaServ->GetRealTime();
+    if (!m_pFpgaServ->bDataEqual(&fpgaDate, &sysDate)) return false;  // midnight passed since
+    if (t <= kBeforeMorning) return true;
+    for (const TimeWindow& trading : kTradingWindows) {
+        if (trading.Contains(t) && m_pFpgaServ->FpgaCounterEqual()) return true;
+    }
+    for (const TimeWindow& closed : kClosedWindows) {
+        if (closed.Contains(t)) return true;
+    }
+    return false;
+}
+
+int CZceDmaChanImpl::Work(Vexo2_U50::ZceDmaInitParms_t* parms) {
+    if (m_pCfgFile->bIsMasterChannel()) {
+        if (m_pContractServ->RecoverInstsFromBin() != 0) {
+            m_pBinFile->InstBinFileInit();
+            m_pFpgaServ->FpgaStartTrans();
+            m_pFpgaServ->StartDecode();
+        } else {
+            m_pFpgaServ->FpgaCloseTrans();
+            m_pCfgFile->ParseSubsInst();
+            m_pContractServ->FilterAndStoreToGlobMap();
+            m_pFpgaServ->SubsFromGlobInsts();
+            m_pFpgaServ->StartDecode();
+            LOG_INFO("Bin inst count:%u", static_cast<unsigned int>(m_mapInstIdx.size()));
+        }
+    }
+    if (InitDma(parms) != 0) {
+        LOG_ERROR("[channel:%d] Init dma fail! dma name %s.", static_cast<int>(m_uiChannel),
+                  parms != nullptr ? parms->strChanName.c_str() : "");
+        return -1;
+    }
+    return 0;
+}
+
+int CZceDmaChanImpl::InitDma(Vexo2_U50::ZceDmaInitParms_t* parms) {
+    if (parms == nullptr) {
+        LOG_ERROR("Init dma null fail");
+        return -1;
+    }
+    EnyxDmaInitParms_t record{parms->uiBusId, parms->strChanName, 0, 64, 0};
+    m_pDma = new CDrvDMAEnyx;
+    if (m_pDma->Init(&record) != 0) {
+        LOG_ERROR("Dma init busid:%d, chanName:%s fail!", static_cast<int>(record.uiBusId), record.strName.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+int CZceDmaChanImpl::PollOnce() {
+    m_pDma->RecvOnce(reinterpret_cast<void*>(&CZceDmaChanImpl::DmaEntrance), this);
+    if (m_callbackError) RethrowCallbackError();
+    const std::uint32_t received = m_bRecvData;
+    m_bRecvData = 0;
+    return static_cast<int>(received);
+}
+
+PacketPath CZceDmaChanImpl::StraightPath(IVexoZceMdSpi& spi) {
+    return PacketPath::Open(CDrvDMAEnyx::kPoll, static_cast<CDrvDMAEnyx*>(m_pDma)->Stream(), &spi, this);
+}
+
+int CZceDmaChanImpl::FinishUnusual(PacketPath& path, int handled) {
+    const bool delivered = handled > 0 && path.unusualFrom != 0;
+    path.unusualFrom     = PacketPath::kFirstFailure;
+    if (m_callbackError) RethrowCallbackError();
+    return delivered ? 1 : 0;
+}
+
+int CZceDmaChanImpl::KeepRecv(DmaPacketHandler handler, bool* run, void* ctx) {
+    if (handler == nullptr || run == nullptr) {
+        std::printf("Invalid parameter. \n");
+        return -1;
+    }
+    m_pfnHandler  = handler;
+    m_pHandlerCtx = ctx;
+    m_pDma->RegisterHandler(reinterpret_cast<void*>(&CZceDmaChanImpl::DmaEntrance), this);
+    while (*run) {
+        m_pDma->RecvOnceCb();
+        if (m_callbackError) RethrowCallbackError();
+    }
+    return 0;
+}
+
+void CZceDmaChanImpl::RethrowCallbackError() {
+    std::exception_ptr error;
+    error.swap(m_callbackError);
+    std::rethrow_exception(error);
+}
+
+void CZceDmaChanImpl::GetConfig() {
+    if (m_bCfgParsed) return;
+    m_pCfgFile->ParseSubsInst();
+    m_bCfgParsed = true;
+}
+
+int CZceDmaChanImpl::IsCallTimeExpired() {
+    static std::atomic<bool> referenceTaken{false};
+    static std::atomic<std::uint32_t> reference{0};
+    std::uint32_t a = 0;
+    std::uint32_t b = 0;
+    m_pDrv->ReadInt32(card_reg::kExchangeTimeA, a);
+    m_pDrv->ReadInt32(card_reg::kExchangeTimeB, b);
+    if (!referenceTaken.exchange(true)) {
+        reference = a;
+        return 0;
+    }
+    // A feed whose stamp has not moved since the first call is dead: the other one tells the time.
+    const std::uint32_t v = a == reference ? b : a;
+    const TimeWindow& auction = local_time::Now().tm_hour > kLastAfternoonHour ? kEveningAuction : kMorningAuction;
+    if (!auction.Contains(v)) return 0;
+    g_uiContractSettleTm = v;
+    return 1;
+}

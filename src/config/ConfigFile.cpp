@@ -1,0 +1,156 @@
+#include "src/config/ConfigFile.h"
+
+#include <algorithm>
+#include <cctype>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <sched.h>
+#include <sys/stat.h>
+#include <utility>
+
+#include "src/card/FpgaServ.h"
+#include "src/log/log.h"
+
+namespace Vexo2_U50 {
+
+namespace {
+
+constexpr char kLogFile[] = "DataType";
+
+constexpr std::uint32_t kFailure          = 0xFFFFFFFF;
+constexpr std::uint32_t kChannelNotParsed = 255;
+constexpr std::uint32_t kMaxBus           = 4;
+constexpr int kDefaultBinDelay            = 15;  // minutes
+constexpr int kNoCpu                      = -1;
+
+// A number of the device value in 32 bits. One that does not fit must not come out as a valid bus or channel.
+std::uint32_t Narrow(long number) {
+    return number >= INT_MIN && number <= INT_MAX ? static_cast<std::uint32_t>(number) : kFailure;
+}
+
+// iniparser reads whatever it is given to its end: a device or a FIFO may have none.
+bool IsReadableToItsEnd(const char* path) {
+    struct stat status;
+    return ::stat(path, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+}
+
+}  // namespace
+
+std::atomic<std::uint32_t>& CZceConfigFile::m_SwitchReg = CZceFpgaServ::decodeSwitch;
+std::string CZceConfigFile::m_ini_path;
+ZceSubsInfo_t m_stSubsInfo[card_reg::kChannels];
+
+CZceConfigFile::CZceConfigFile(std::string iniPath, IDrv* drv, CVexoZceMdApiImpl* apiImpl)
+    : m_uiChannelId(kChannelNotParsed),
+      m_strIniPath(std::move(iniPath)),
+      m_pDrv(drv),
+      m_pDict(nullptr),
+      m_uiBusId(0),
+      m_pApiImpl(apiImpl),
+      m_binDelayTime(0) {}
+
+CZceConfigFile::~CZceConfigFile() { iniparser_freedict(m_pDict); }
+
+std::uint32_t CZceConfigFile::Init() {
+    if (m_strIniPath.empty()) {
+        LOG_ERROR("Null config name");
+        return kFailure;
+    }
+    iniparser_freedict(m_pDict);
+    m_pDict = IsReadableToItsEnd(m_strIniPath.c_str()) ? iniparser_load(m_strIniPath.c_str()) : nullptr;
+    if (m_pDict == nullptr) {
+        LOG_ERROR("Failed to load file %s", m_strIniPath.c_str());
+        return kFailure;
+    }
+    if (GetDmaChannel() == kFailure) {
+        LOG_ERROR("Get dma chan fail!");
+        return kFailure;
+    }
+    m_binDelayTime = static_cast<std::uint32_t>(GetInt("config:BIN_DELAY_TIME", kDefaultBinDelay));
+    LOG_INFO("config ini, m_binDelayTime is %d", static_cast<int>(m_binDelayTime));
+    LOG_INFO("Successful load confie file %s", m_strIniPath.c_str());
+    return 0;
+}
+
+// Scans "xilinx<bus>:<channel>" and keeps the bus. Returns how many of the two numbers there were.
+int CZceConfigFile::ScanDevice(const std::string& device, std::uint32_t& channel) {
+    long busNumber = 0;
+    long channelNumber = 0;
+    const int scanned = std::sscanf(device.c_str(), "xilinx%ld:%ld", &busNumber, &channelNumber);
+    if (scanned >= 1) m_uiBusId = Narrow(busNumber);
+    if (scanned >= 2) channel = Narrow(channelNumber);
+    return scanned;
+}
+
+std::uint32_t CZceConfigFile::GetDmaChannel() {
+    if (m_uiChannelId != kChannelNotParsed) return m_uiChannelId;
+
+    const char* value = GetString("config:device");
+    const std::string device = value != nullptr ? value : "";
+    std::string folded = device;
+    std::transform(folded.begin(), folded.end(), folded.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+
+    // What the scan stored stays, also when it is refused below: a later call then returns it unparsed.
+    const int scanned = ScanDevice(folded, m_uiChannelId);
+    if (scanned != 2 || m_uiChannelId >= card_reg::kChannels || m_uiBusId > kMaxBus) {
+        std::printf("Error! Invalid parameter! Input: %s \n", device.c_str());
+        return kFailure;
+    }
+    m_strDmaChanName = "CUSTOM_CHAN" + std::to_string(m_uiChannelId) + "_DATA";
+    return m_uiChannelId;
+}
+
+std::uint32_t CZceConfigFile::GetBusId() {
+    const char* value = GetString("config:device");
+    const std::string device = value != nullptr ? value : "";
+    std::uint32_t channel = 0;
+    if (ScanDevice(device, channel) == 2) {
+        LOG_INFO("[channel:%d] Busid:%d, ChannelId:%d.", static_cast<int>(m_uiChannelId), static_cast<int>(m_uiBusId),
+                 static_cast<int>(channel));
+    } else {
+        LOG_ERROR("[channel:%d] Failed to parse the input string:%s", static_cast<int>(m_uiChannelId), device.c_str());
+    }
+    return m_uiBusId;
+}
+
+void CZceConfigFile::BindCpu() {
+    const auto channel = static_cast<int>(m_uiChannelId);
+    const int cpu = GetInt("config:cpucore", kNoCpu);
+    if (cpu == kNoCpu) {
+        LOG_INFO("[channel:%d] Doesn't need to bind cpu.", channel);
+        return;
+    }
+    // A number outside the set still reaches the system call, which refuses the empty set.
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    if (static_cast<unsigned int>(cpu) < CPU_SETSIZE) CPU_SET(static_cast<std::size_t>(cpu), &cpus);
+    if (::sched_setaffinity(0, sizeof cpus, &cpus) == -1) {
+        LOG_INFO("[channel:%d] Set CPU[%d] affinity failed.", channel, cpu);
+    } else {
+        LOG_INFO("[channel:%d] Set CPU[%d] affinity success.", channel, cpu);
+    }
+}
+
+bool CZceConfigFile::IsFeedDisabled(const char* key) const {
+    const char* value = GetString(key);
+    if (value == nullptr) return false;
+    LOG_INFO("%s=%s.", key, value);
+    return std::strcmp(value, "disabled") == 0;
+}
+
+void CZceConfigFile::DumpDevInfo() {
+    std::uint32_t feeds = 3;
+    if (IsFeedDisabled("config:czce_level1")) feeds &= ~2U;
+    if (IsFeedDisabled("config:czce_level2")) feeds &= ~1U;
+    switch (feeds) {
+        case 3: LOG_INFO("L1 and L5 switch on."); break;
+        case 2: LOG_INFO("L1 switch on and L5 switch off."); break;
+        case 1: LOG_INFO("L1 switch off and L5 switch on."); break;
+        default: LOG_WARN("L1 and L5 switch off! Software won't get data!"); break;
+    }
+    m_SwitchReg = feeds;
+}
+
+}  // namespace Vexo2_U50

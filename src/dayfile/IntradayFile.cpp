@@ -1,0 +1,177 @@
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "src/dayfile/DayFile.h"
+#include "src/log/log.h"
+#include "src/util/LocalTime.h"
+
+std::atomic<std::uint32_t> CBrixBinFile::m_uiSettleTime{0};
+
+namespace {
+
+constexpr char kLogFile[] = "VexoZceBinFile";
+
+constexpr char kBinName[] = "bin";
+constexpr char kTimeKey[] = "contract's_corresponding_time=";
+constexpr char kEndTag[]  = "bin_file_over_tag";
+
+constexpr int kInstLineSize           = 128;  // a longer line is cut
+constexpr int kReadLineSize           = 256;  // a longer line is read in pieces
+constexpr unsigned long kTimeOfDay    = 1000000;  // YYYYMMDDhhmmss: date above, time of day below
+constexpr int kLastMorningHour        = 14;
+
+bool BeginsWith(const char* line, const char* text) { return std::strncmp(line, text, std::strlen(text)) == 0; }
+
+unsigned long Stamp(const std::tm& t) {
+    return static_cast<unsigned long>(local_time::Date(t)) * kTimeOfDay + local_time::TimeOfDay(t);
+}
+
+}  // namespace
+
+bool CBrixBinFile::OpenIntraday(const char* mode) {
+    CloseIntraday();
+    m_lpIntradeFile = std::fopen(kBinName, mode);
+    return m_lpIntradeFile != nullptr;
+}
+
+void CBrixBinFile::CloseIntraday() {
+    if (m_lpIntradeFile != nullptr) std::fclose(m_lpIntradeFile);
+    m_lpIntradeFile = nullptr;
+}
+
+int CBrixBinFile::Normal_FileInit() {
+    if (OpenIntraday("w")) return 0;
+    LOG_WARN("Fail! Unable to open file %s,msg:%s", kBinName, std::strerror(errno));
+    return -1;
+}
+
+int CBrixBinFile::Normal_WriteInstToBin(std::string id, unsigned short index) {
+    char line[kInstLineSize];
+    std::snprintf(line, sizeof line, "%u,%s\n", index, id.c_str());
+    if (m_lpIntradeFile == nullptr) return 0;
+    std::fputs(line, m_lpIntradeFile);
+    LOG_INFO("Write to bin :index:%u,inst:%s,", index, id.c_str());
+    std::fflush(m_lpIntradeFile);
+    return 0;
+}
+
+int CBrixBinFile::Intrade_WrInstFromFpga() {
+    if (Normal_FileInit() != 0) return -1;
+    std::fprintf(m_lpIntradeFile, "%s%lu\n", kTimeKey, Stamp(local_time::Now()));
+    for (const auto& [id, index] : m_Intrade_AllInstMap) std::fprintf(m_lpIntradeFile, "%u,%s\n", index, id.c_str());
+    const int result = WriteEndToBin();
+    std::fflush(m_lpIntradeFile);
+    return result;
+}
+
+int CBrixBinFile::WriteEndToBin() {
+    if (m_lpIntradeFile == nullptr) return -1;
+    const unsigned long today = static_cast<unsigned long>(local_time::Date(local_time::Now())) * kTimeOfDay;
+    const unsigned long settled = today + m_uiSettleTime;
+    // The sum goes back into the 32-bit global as well, as it always has; what reads it there takes its low bits.
+    m_uiSettleTime = static_cast<unsigned int>(settled);
+    std::fprintf(m_lpIntradeFile, "%s%lu\n", kTimeKey, settled);
+    std::fputs(kEndTag, m_lpIntradeFile);
+    LOG_INFO("Write end tag to bin.");
+    std::fflush(m_lpIntradeFile);
+    return 0;
+}
+
+bool CBrixBinFile::Intrade_IsBinComplete() {
+    char line[kReadLineSize];
+    if (m_lpIntradeFile != nullptr) {
+        std::rewind(m_lpIntradeFile);
+        while (std::fgets(line, sizeof line, m_lpIntradeFile) != nullptr) {
+            if (BeginsWith(line, kEndTag)) return true;
+        }
+    }
+    // Names the time key, not the end tag: operators search for this text.
+    LOG_WARN(" %s not found in the file. bin file  is not complete.", kTimeKey);
+    return false;
+}
+
+int CBrixBinFile::Intrade_ExtractBinCreTime() {
+    char line[kReadLineSize];
+    if (m_lpIntradeFile != nullptr) {
+        std::rewind(m_lpIntradeFile);
+        while (std::fgets(line, sizeof line, m_lpIntradeFile) != nullptr) {
+            if (!BeginsWith(line, kTimeKey)) continue;
+            m_ulCreateTime = std::strtoul(line + std::strlen(kTimeKey), nullptr, 10);
+            LOG_INFO("%s%lu", kTimeKey, m_ulCreateTime);
+            return 0;
+        }
+    }
+    LOG_WARN("Error: '%s' not found in the file.\n", kTimeKey);
+    return -1;
+}
+
+int CBrixBinFile::Intrade_ChkBinTimeValidate() {
+    const std::tm now = local_time::Now();
+    const unsigned long current = Stamp(now);
+    if (current / kTimeOfDay != m_ulCreateTime / kTimeOfDay) return -1;
+
+    // Wider than the messages say: the file of the hour before the session and of its first part both serve.
+    const unsigned long created = m_ulCreateTime % kTimeOfDay;
+    if (now.tm_hour <= kLastMorningHour) {
+        if (created >= 80000 && created < 103000) return 0;
+        LOG_WARN("BinCreTime is not in the current date's 8-9 AM range.current time:%lu, bintime:%lu.", current,
+                 m_ulCreateTime);
+        return -1;
+    }
+    if (created >= 200000 && created < 220000) return 0;
+    LOG_WARN("BinCreTime is not in the current date's 8-9 PM range. current time:%lu, Bintime:%lu.", current,
+             m_ulCreateTime);
+    return -1;
+}
+
+int CBrixBinFile::Intrade_GetAllInstFromBin() {
+    if (m_lpIntradeFile == nullptr) return -1;
+    std::rewind(m_lpIntradeFile);
+    char line[kReadLineSize];
+    for (unsigned int number = 1; std::fgets(line, sizeof line, m_lpIntradeFile) != nullptr; ++number) {
+        std::string fields = line;
+        char* rest = nullptr;
+        const char* indexText = ::strtok_r(fields.data(), ",", &rest);
+        char* id = ::strtok_r(nullptr, ",", &rest);
+        const std::size_t length = id != nullptr ? std::strlen(id) : 0;
+        // The time lines and the end tag have no second field and go this way too.
+        if (length == 0 || id[length - 1] != '\n') {
+            LOG_WARN("Invalid format!we skip line %d: %s", static_cast<int>(number), line);
+            continue;
+        }
+        id[length - 1] = '\0';
+        const auto index = static_cast<unsigned short>(std::strtol(indexText, nullptr, 10));
+        m_Intrade_AllInstMap[id] = index;
+        LOG_INFO("Loading from bin: Index:%u,Instructmentid:%s, lineNumber:%u.", index, id, number);
+    }
+    LOG_INFO("Loading over!");
+    return 0;
+}
+
+int CBrixBinFile::Intrade_CheckAndGetAllInstFromBin() {
+    if (!OpenIntraday("r")) {
+        LOG_WARN("Cannot open file:%s, errmsg:%s", kBinName, std::strerror(errno));
+        return -1;
+    }
+    if (!Intrade_IsBinComplete()) {
+        LOG_WARN("Bin file is not complete.");
+        return -1;
+    }
+    if (Intrade_ExtractBinCreTime() != 0) {
+        LOG_WARN("Bin time check fail.");
+        return -1;
+    }
+    if (Intrade_ChkBinTimeValidate() != 0) {
+        LOG_WARN("Bin is not validate");
+        return -1;
+    }
+    LOG_INFO("Bin is validate");
+    if (Intrade_GetAllInstFromBin() != 0) {
+        LOG_WARN("Fail! load to map fail");
+        return -1;
+    }
+    LOG_INFO("[channel:%d] Current bin total inst count:%u.", static_cast<int>(m_uiChannel),
+             static_cast<unsigned int>(m_Intrade_AllInstMap.size()));
+    return 0;
+}

@@ -1,0 +1,201 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <sys/resource.h>
+
+#include "tests/unit/capture/CaptureSample.h"
+#include "capture/CaptureFiles.h"
+#include "tests/support/TempDir.h"
+
+using namespace capture;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+namespace {
+
+class CaptureFilesTest : public ::testing::Test {
+protected:
+    CaptureFiles::Settings settings(const std::string& name, std::uint64_t rotateBytes = 0) {
+        CaptureFiles::Settings s;
+        s.path = dir.Path(name);
+        s.rotateBytes = rotateBytes;
+        s.report = [this](const std::string& line) { reports.push_back(line); };
+        return s;
+    }
+    ReadFile read(const std::string& name) { return readPath(dir.Path(name)); }
+    bool exists(const std::string& name) { return std::filesystem::exists(dir.Path(name)); }
+
+    test_support::TempDir dir;
+    std::vector<std::string> reports;
+};
+
+// No file of this process grows beyond so many bytes while it lives: as on a full disk.
+class FullDisk {
+public:
+    explicit FullDisk(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit{bytes, m_before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, m_handler);
+    }
+
+private:
+    void (*m_handler)(int);
+    rlimit m_before{};
+};
+
+}  // namespace
+
+TEST_F(CaptureFilesTest, AreWholeWhenClosedWithTheCountsAtTheEnd) {
+    CaptureFiles files(settings("a.pcapng"));
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 3", ""}, 1000);
+    files.addPacket(channel, 1001, "one", 3);
+    files.addPacket(channel, 1002, "two", 3);
+    files.addLost(channel, 5);
+    files.close(2000);
+    const ReadFile file = read("a.pcapng");
+    EXPECT_FALSE(file.damage);
+    EXPECT_EQ(file.packetsOf("channel 3"), 2U);
+    const auto& counts = file.interface("channel 3")->counts;
+    ASSERT_TRUE(counts);
+    EXPECT_EQ(counts->startNs, 1000U);
+    EXPECT_EQ(counts->endNs, 2000U);
+    EXPECT_EQ(counts->received, 7U);
+    EXPECT_EQ(counts->dropped, 5U);
+    EXPECT_EQ(files.written(), 2U);
+    EXPECT_EQ(files.lost(), 5U);
+}
+
+TEST_F(CaptureFilesTest, AreReadableAfterAFlushWithoutHavingBeenClosed) {
+    CaptureFiles files(settings("a.pcapng"));
+    files.addPacket(files.addInterface({kStreamLink, "channel 3", ""}, 0), 1, "one", 3);
+    files.flush();
+    const ReadFile file = read("a.pcapng");
+    EXPECT_FALSE(file.damage);
+    EXPECT_THAT(file.packets, SizeIs(1));
+}
+
+TEST_F(CaptureFilesTest, NoFileIsEverOverwritten) {
+    dir.Write("a.pcapng", "precious");
+    dir.Write("a.2.pcapng", "precious too");
+    for (int run = 0; run < 2; ++run) {
+        CaptureFiles files(settings("a.pcapng"));
+        files.addInterface({kStreamLink, "channel 0", ""}, 0);
+        files.close(1);
+    }
+    EXPECT_EQ(dir.Read("a.pcapng"), "precious");
+    EXPECT_EQ(dir.Read("a.2.pcapng"), "precious too");
+    EXPECT_THAT(reports, ElementsAre("writing " + dir.Path("a.1.pcapng"), "writing " + dir.Path("a.3.pcapng")));
+}
+
+TEST_F(CaptureFilesTest, ANameWithoutExtensionGetsItsNumberAtTheEnd) {
+    dir.Write("capture", "precious");
+    CaptureFiles files(settings("./capture"));
+    files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    files.close(1);
+    EXPECT_TRUE(exists("capture.1"));
+}
+
+TEST_F(CaptureFilesTest, RotateSoThatNoneGrowsBeyondItsSizeAndEachStandsForItself) {
+    constexpr std::uint64_t kLimit = 4096;
+    CaptureFiles files(settings("a.pcapng", kLimit));
+    const std::uint32_t zero = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    const std::uint32_t one = files.addInterface({kStreamLink, "channel 1", ""}, 0);
+    const std::string bytes(300, 'x');
+    for (std::uint64_t i = 0; i < 100; ++i) files.addPacket(i % 2 == 0 ? zero : one, i, bytes.data(), 300);
+    files.addLost(one, 3);
+    files.close(100);
+    std::uint64_t next = 0;
+    std::uint64_t dropped = 0;
+    for (unsigned n = 0; n < files.files(); ++n) {
+        const std::string name = n == 0 ? "a.pcapng" : "a." + std::to_string(n) + ".pcapng";
+        EXPECT_LE(std::filesystem::file_size(dir.Path(name)), kLimit);
+        const ReadFile file = read(name);
+        EXPECT_FALSE(file.damage);
+        for (const ReadPacket& packet : file.packets) EXPECT_EQ(packet.timeNs, next++);
+        for (const char* interface : {"channel 0", "channel 1"}) {
+            const InterfaceCounts counts = *file.interface(interface)->counts;
+            EXPECT_EQ(counts.received, file.packetsOf(interface) + counts.dropped);
+            dropped += counts.dropped;
+        }
+    }
+    EXPECT_EQ(next, 100U);
+    EXPECT_EQ(dropped, 3U);
+    EXPECT_EQ(files.written(), 100U);
+    EXPECT_GT(files.files(), 5U);
+}
+
+TEST_F(CaptureFilesTest, APacketLargerThanTheLimitHasAFileOfItsOwn) {
+    CaptureFiles files(settings("a.pcapng", 1000));
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    const std::string bytes(3000, 'x');
+    files.addPacket(channel, 1, bytes.data(), 3000);
+    files.addPacket(channel, 2, bytes.data(), 3000);
+    files.close(3);
+    EXPECT_THAT(read("a.pcapng").packets, SizeIs(1));
+    EXPECT_THAT(read("a.1.pcapng").packets, SizeIs(1));
+    EXPECT_EQ(files.files(), 2U);
+}
+
+TEST_F(CaptureFilesTest, AFullDiskIsToldOnceAndCostsCountedPacketsOnly) {
+    CaptureFiles files(settings("a.pcapng"));
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    const std::string bytes(1000, 'x');
+    {
+        const FullDisk full(3000);
+        for (std::uint64_t i = 0; i < 6; ++i) {
+            files.addPacket(channel, i, bytes.data(), 1000);
+            files.flush();
+        }
+    }
+    files.addPacket(channel, 6, bytes.data(), 1000);
+    files.close(7);
+    const ReadFile file = read("a.pcapng");
+    EXPECT_FALSE(file.damage);
+    ASSERT_THAT(file.packets, SizeIs(3));
+    EXPECT_EQ(file.packets[2].timeNs, 6U);
+    EXPECT_EQ(file.interfaces[0].counts->received, 7U);
+    EXPECT_EQ(file.interfaces[0].counts->dropped, 4U);
+    ASSERT_THAT(reports, SizeIs(2));
+    EXPECT_EQ(reports[1],
+              "cannot write " + dir.Path("a.pcapng") + ": File too large; packets are lost, and counted");
+}
+
+TEST_F(CaptureFilesTest, AnInterfaceThatAFullDiskRefusedIsDescribedBeforeItsNextPacket) {
+    CaptureFiles files(settings("a.pcapng"));
+    {
+        const FullDisk full(1);
+        files.addPacket(files.addInterface({kStreamLink, "channel 0", ""}, 0), 1, "lost", 4);
+        files.flush();
+    }
+    files.addPacket(0, 2, "kept", 4);
+    files.close(3);
+    const ReadFile file = read("a.pcapng");
+    EXPECT_FALSE(file.damage);
+    ASSERT_THAT(file.packets, SizeIs(1));
+    EXPECT_EQ(file.packets[0].bytes, "kept");
+}
+
+TEST_F(CaptureFilesTest, AFileThatCannotBeCreatedIsToldOnceAndTriedAgain) {
+    CaptureFiles files(settings("later/a.pcapng"));
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    files.addPacket(channel, 1, "lost", 4);
+    files.flush();
+    std::filesystem::create_directory(dir.Path("later"));
+    files.flush();
+    files.addPacket(channel, 2, "kept", 4);
+    files.close(3);
+    const ReadFile file = read("later/a.pcapng");
+    ASSERT_THAT(file.packets, SizeIs(1));
+    EXPECT_EQ(file.interfaces[0].counts->dropped, 1U);
+    EXPECT_THAT(reports, ElementsAre("cannot create " + dir.Path("later/a.pcapng") + ": No such file or directory",
+                                     StartsWith("writing ")));
+}
