@@ -20,7 +20,7 @@ struct SectionInfo {
 /// What the packets of a file come from: a stream of the card, or the registers.
 struct InterfaceInfo {
     std::uint16_t linkType = kStreamLink;
-    std::string name;         // "channel 0", or "card 1 channel 0" on any bus but 0; "registers"
+    std::string name;  // "channel 0", or "card 1 channel 0" on any bus but 0; "registers"
     std::string description;
 };
 

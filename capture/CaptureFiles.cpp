@@ -1,9 +1,9 @@
 #include "capture/CaptureFiles.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
 
 namespace capture {
 namespace {
@@ -116,8 +116,8 @@ void CaptureFiles::flush() {
         m_fileBytes += m_buffer.size();
         m_described = m_interfaces.size();
     } else {
-        reportOnce(m_writeFailureReported, "cannot write " + m_name + ": " + std::strerror(errno) +
-                                               "; packets are lost, and counted");
+        reportOnce(m_writeFailureReported,
+                   "cannot write " + m_name + ": " + std::strerror(errno) + "; packets are lost, and counted");
         cutUnwritten();
     }
     countBuffered(written);

@@ -18,8 +18,8 @@ namespace capture {
 class CaptureFiles {
 public:
     struct Settings {
-        std::string path;                              // of the first file
-        std::uint64_t rotateBytes = 0;                 // no file grows beyond it; 0 = one file of any size
+        std::string path;               // of the first file
+        std::uint64_t rotateBytes = 0;  // no file grows beyond it; 0 = one file of any size
         SectionInfo section;
         std::function<void(const std::string&)> report;  // told what a user should know, a line without its line feed
     };
@@ -73,8 +73,8 @@ private:
     std::string m_name;             // of the open file
     std::uint64_t m_fileBytes = 0;  // whole blocks on disk
     std::uint64_t m_filePackets = 0;
-    std::size_t m_described = 0;    // interfaces that the file on disk has
-    unsigned m_nextNumber = 0;      // of the next name to try
+    std::size_t m_described = 0;  // interfaces that the file on disk has
+    unsigned m_nextNumber = 0;    // of the next name to try
     unsigned m_files = 0;
     std::uint64_t m_written = 0;
     std::uint64_t m_lostBefore = 0;  // in the time of files that are closed

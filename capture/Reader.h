@@ -23,7 +23,7 @@ struct Packet {
     std::uint64_t timeNs = 0;              // since 1970
     const unsigned char* data = nullptr;   // valid until the next packet is read
     std::uint32_t size = 0;
-    std::uint64_t offset = 0;              // of the packet's block in the file
+    std::uint64_t offset = 0;  // of the packet's block in the file
 };
 
 /// Where a packet stands in its file: its block, and the interfaces of its section that precede it.
@@ -92,7 +92,7 @@ private:
     bool head(Head& value, const char* kind);
 
     std::istream& m_in;
-    std::uint64_t m_offset = 0;          // of the block in m_block
+    std::uint64_t m_offset = 0;  // of the block in m_block
     std::uint64_t m_nextOffset = 0;
     std::vector<unsigned char> m_block;  // whole, both lengths included
     std::deque<Interface> m_interfaces;  // a deque: packets point into it

@@ -27,7 +27,7 @@ public:
     virtual int OnUpSubsResult18(const unsigned char* data) = 0;  ///< packet type 18: Level-5, single-leg
     virtual int OnUpSubsResult19(const unsigned char* data) = 0;  ///< packet type 19: Level-1, combination
     virtual int OnUpSubsResult20(const unsigned char* data) = 0;  ///< packet type 20: Level-5, combination
-    virtual ~IVexoZceMdSpi() {}  // last, so that the four callbacks are slots 0 to 3
+    virtual ~IVexoZceMdSpi() {}                                   // last, so that the four callbacks are slots 0 to 3
 };
 
 /// One DMA channel of the card. Not thread-safe: one object is used by one thread; several objects, each on its own

@@ -1,17 +1,17 @@
 // Figure 4: one INFO line through elog_output, in exact numbers.
 
-#include <cstdlib>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cstdlib>
 
-#include "src/log/log.h"
 #include "bench/support/CountInstructions.h"
+#include "src/log/log.h"
 
 namespace {
 
-constexpr char kLogFile[]     = "LogLine";
+constexpr char kLogFile[] = "LogLine";
 constexpr unsigned int kTimes = 2000;
 
 unsigned long g_allocations = 0;
@@ -49,7 +49,7 @@ unsigned long CountSystemCalls(pid_t child) {
     ::waitpid(child, &status, 0);
     ::ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
     unsigned long calls = 0;
-    unsigned int marks  = 0;
+    unsigned int marks = 0;
     while (marks < 2) {
         ::ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
         ::waitpid(child, &status, 0);

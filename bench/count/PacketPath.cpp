@@ -6,7 +6,7 @@
 namespace {
 
 constexpr unsigned int kWarmUp = 64;
-constexpr unsigned int kTimes  = 4000;
+constexpr unsigned int kTimes = 4000;
 
 class EmptyCallbacks : public IVexoZceMdSpi {
 public:

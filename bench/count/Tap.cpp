@@ -1,8 +1,8 @@
 // Figure 11: what the tap adds to a poll, with a packet ready and without one.
 
+#include <dlfcn.h>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 
 #include "bench/support/BenchCard.h"
 #include "bench/support/CountInstructions.h"
@@ -10,8 +10,8 @@
 namespace {
 
 constexpr unsigned int kWarmUp = 64;
-constexpr unsigned int kTimes  = 4000;
-constexpr std::uint32_t kSize  = 140;
+constexpr unsigned int kTimes = 4000;
+constexpr std::uint32_t kSize = 140;
 
 using Poll = decltype(enyx_hw_a2c_stream_poll_once);
 
@@ -43,7 +43,7 @@ void Count(enyx_hw_a2c_stream* stream, Poll* poll, enyx_hw_a2c_stream_handler ha
 int main() {
     bench_card::PowerOn();
     const bench_card::Bare stream = bench_card::ReadBare();
-    Poll* const bare              = PollWithoutTap();
+    Poll* const bare = PollWithoutTap();
     Count(stream.get(), bare, EmptyHandler, "fig11/bare", "fig11/bare/idle");
     Count(stream.get(), bare, CopyingHandler, "fig11/floor", "fig11/floor/idle");
     Count(stream.get(), enyx_hw_a2c_stream_poll_once, EmptyHandler, "fig11/ours", "fig11/ours/idle");

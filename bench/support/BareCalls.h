@@ -1,15 +1,13 @@
 #pragma once
 
+#include <enyx-hw-c/enyx_hw.h>
 #include <cstdint>
 #include <cstdlib>
-#include <enyx-hw-c/enyx_hw.h>
 
 /// The card's C library, called as plainly as it can be: no class, no result looked at, one lock a call.
 namespace bench::bare {
 
-inline enyx_hw_register_description Word(std::uint32_t word) {
-    return {std::uint64_t{word} * 4, 0, 32};
-}
+inline enyx_hw_register_description Word(std::uint32_t word) { return {std::uint64_t{word} * 4, 0, 32}; }
 
 inline void Write(enyx_hw_core* core, std::uint32_t word, std::uint32_t value) {
     const enyx_hw_register_description reg = Word(word);
@@ -65,7 +63,7 @@ inline enyx_hw_core* OpenCore(enyx_hw_accelerator* card) {
 
 /// Both directions of a channel.
 struct Streams {
-    enyx_hw_a2c_stream* up   = nullptr;
+    enyx_hw_a2c_stream* up = nullptr;
     enyx_hw_c2a_stream* down = nullptr;
 
     void Close() {

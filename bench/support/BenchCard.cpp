@@ -1,9 +1,9 @@
 #include "bench/support/BenchCard.h"
 
+#include <enyx-sim/enyx_sim.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <enyx-sim/enyx_sim.h>
 
 namespace bench_card {
 namespace {
@@ -41,8 +41,8 @@ void PowerOn() {
     enyx_sim_config config;
     enyx_sim_default_config(&config);
     config.quotes_per_second = 0;
-    config.instruments       = ENYX_SIM_INSTRUMENTS_NONE;
-    config.ring_bytes        = 1048576;
+    config.instruments = ENYX_SIM_INSTRUMENTS_NONE;
+    config.ring_bytes = 1048576;
     Need(enyx_sim_power_cycle(&config) == 0, "switching the card on");
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <VexoZceMdApi.h>
-#include <cstdint>
 #include <enyx-hw-c/enyx_hw.h>
+#include <cstdint>
 #include <memory>
 
 /// A simulated card that sends nothing by itself, one of its streams, and the two ways to read it: the library, as an
@@ -11,7 +11,7 @@ namespace bench_card {
 
 // Not the master's: starting it programs no card. A stream each, so that both can be open side by side.
 constexpr std::uint32_t kLibraryChannel = 3;
-constexpr std::uint32_t kBareChannel    = 4;
+constexpr std::uint32_t kBareChannel = 4;
 
 /// Switches the card off and on, with no instruments and no feed.
 void PowerOn();
@@ -21,7 +21,7 @@ struct StopReading {
     void operator()(enyx_hw_a2c_stream* stream) const { enyx_hw_a2c_stream_destroy(stream); }
 };
 using Library = std::unique_ptr<IVexoZceMdApi, StopReading>;
-using Bare    = std::unique_ptr<enyx_hw_a2c_stream, StopReading>;
+using Bare = std::unique_ptr<enyx_hw_a2c_stream, StopReading>;
 
 /// The library reading its channel's stream. Writes an ini file and the log into the working directory.
 Library ReadWithLibrary(IVexoZceMdSpi& spi);

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <valgrind/callgrind.h>
 #include <cstdint>
 #include <cstdio>
-#include <valgrind/callgrind.h>
 
 /// Runs @p body @p times times as one section that callgrind counts by itself under @p name. Warm-up (lazy binding,
 /// first-use paths) is the caller's. Costs a few instructions that do nothing when the program runs without valgrind.

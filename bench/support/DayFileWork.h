@@ -1,16 +1,16 @@
 #pragma once
 
-#include <cstdlib>
 #include <fcntl.h>
+#include <unistd.h>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
-#include "src/dayfile/DayFile.h"
 #include "bench/support/Host.h"
 #include "bench/support/Market.h"
+#include "src/dayfile/DayFile.h"
 
 namespace bench {
 

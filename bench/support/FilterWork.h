@@ -4,10 +4,10 @@
 #include <memory>
 #include <vector>
 
-#include "src/config/ConfigFile.h"
-#include "src/instruments/ContractServ.h"
 #include "bench/support/Host.h"
 #include "bench/support/Market.h"
+#include "src/config/ConfigFile.h"
+#include "src/instruments/ContractServ.h"
 
 namespace bench {
 
@@ -15,12 +15,12 @@ namespace bench {
 inline void SetRules(const std::vector<test_support::plain::Rules>& from,
                      Vexo2_U50::ZceSubsInfo_t (&to)[card_reg::kChannels]) {
     for (std::size_t chan = 0; chan < from.size(); ++chan) {
-        to[chan].m_SubsContractId    = {from[chan].ids.begin(), from[chan].ids.end()};
+        to[chan].m_SubsContractId = {from[chan].ids.begin(), from[chan].ids.end()};
         to[chan].m_SubsContractClass = {from[chan].classes.begin(), from[chan].classes.end()};
-        to[chan].bSubAll             = from[chan].all;
-        to[chan].bOptionsRecv        = from[chan].options;
-        to[chan].bIpsRecv            = from[chan].ips;
-        to[chan].bSpdRecv            = from[chan].spd;
+        to[chan].bSubAll = from[chan].all;
+        to[chan].bOptionsRecv = from[chan].options;
+        to[chan].bIpsRecv = from[chan].ips;
+        to[chan].bSpdRecv = from[chan].spd;
     }
 }
 

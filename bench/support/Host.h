@@ -1,11 +1,11 @@
 #pragma once
 
-#include <ctime>
 #include <fcntl.h>
 #include <malloc.h>
-#include <cstdlib>
-#include <string>
 #include <unistd.h>
+#include <cstdlib>
+#include <ctime>
+#include <string>
 
 /// What the benchmarks change about their host. Replaces functions of the C library: one source of a program includes
 /// it.

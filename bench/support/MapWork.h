@@ -1,11 +1,13 @@
 #pragma once
 
+#include <enyx-sim/enyx_sim.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <enyx-sim/enyx_sim.h>
-#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -13,18 +15,16 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
-#include "interface/CardRegisters.h"
-#include "src/api/ApiImpl.h"
-#include "src/channel/DmaChannel.h"
-#include "src/log/elog.h"
 #include "bench/support/BareCalls.h"
 #include "bench/support/FilterWork.h"
 #include "bench/support/Host.h"
 #include "bench/support/Market.h"
+#include "interface/CardRegisters.h"
+#include "src/api/ApiImpl.h"
+#include "src/channel/DmaChannel.h"
+#include "src/log/elog.h"
 #include "tests/unit/channel/MapPacket.h"
 
 namespace bench {
@@ -60,15 +60,15 @@ public:
 
     void PrepareLearning() {
         m_channel = std::make_unique<CZceDmaChanImpl>(&m_drv, &m_api, m_cfg.get());
-        m_fpga    = std::make_unique<Vexo2_U50::CZceFpgaServ>(m_channel->m_mapInstIdx, 0);
-        m_bin     = std::make_unique<CBrixBinFile>(m_channel->m_mapInstIdx, 0);
+        m_fpga = std::make_unique<Vexo2_U50::CZceFpgaServ>(m_channel->m_mapInstIdx, 0);
+        m_bin = std::make_unique<CBrixBinFile>(m_channel->m_mapInstIdx, 0);
         m_contracts = std::make_unique<Vexo2_U50::CContractServ>(m_channel->m_mapInstIdx, m_cfg.get(), m_bin.get(),
                                                                  m_fpga.get(), 0, m_cfg->m_stSubsInfo);
         m_fpga->Init(&m_drv);
-        m_channel->m_pFpgaServ     = m_fpga.get();
-        m_channel->m_pBinFile      = m_bin.get();
+        m_channel->m_pFpgaServ = m_fpga.get();
+        m_channel->m_pBinFile = m_bin.get();
         m_channel->m_pContractServ = m_contracts.get();
-        m_channel->m_bCfgParsed    = true;
+        m_channel->m_bCfgParsed = true;
         if (m_bin->InstBinFileInit() != 0) std::abort();
         Vexo2_U50::ZceDmaInitParms_t parms{0, 474, kStream};
         if (m_channel->InitDma(&parms) != 0) std::abort();
@@ -99,7 +99,10 @@ public:
         enyx_hw_core* core = m_drv.m_lpCore;
         for (const Step& step : m_steps) {
             switch (step.kind) {
-                case Step::kPoll: enyx_hw_a2c_stream_poll_once(m_streams.up, [](auto...) {}, nullptr); break;
+                case Step::kPoll:
+                    enyx_hw_a2c_stream_poll_once(
+                        m_streams.up, [](auto...) {}, nullptr);
+                    break;
                 case Step::kFileLine: Put(step.text); break;
                 case Step::kWrite: bare::WriteAndReadBack(core, step.word, step.value); break;
                 case Step::kRead: bare::Read(core, step.word); break;
@@ -146,10 +149,10 @@ private:
     static void StartCard() {
         enyx_sim_config config;
         enyx_sim_default_config(&config);
-        config.instruments       = ENYX_SIM_INSTRUMENTS_NONE;
+        config.instruments = ENYX_SIM_INSTRUMENTS_NONE;
         config.quotes_per_second = 0;
-        config.mtu               = kMtu;
-        config.ring_bytes        = 1048576;
+        config.mtu = kMtu;
+        config.ring_bytes = 1048576;
         if (enyx_sim_power_cycle(&config) != 0) std::abort();
     }
     static void StartLog() {
@@ -210,8 +213,8 @@ private:
     void AddLine(const std::string& text) { m_steps.push_back({Step::kLine, 0, 0, text}); }
     void AddProgress(std::size_t before) {
         if ((before + 1) % 8192 != 0) return;
-        AddLine("Have parsed " + std::to_string(before + 1) + " instrument id already, instnum:" +
-                std::to_string(before) + ".");
+        AddLine("Have parsed " + std::to_string(before + 1) +
+                " instrument id already, instnum:" + std::to_string(before) + ".");
     }
     void AddInstrument(const Instrument& inst) {
         using test_support::plain::Decision;
@@ -238,8 +241,8 @@ private:
         for (std::size_t chan = 0; chan < m_rules.size(); ++chan) {
             const test_support::plain::Rules& rules = m_rules[chan];
             AddLine("channel is " + std::to_string(chan) + ", m_SubsContractClass size is " +
-                    std::to_string(rules.classes.size()) + ", m_SubsContractId is " +
-                    std::to_string(rules.ids.size()) + ".");
+                    std::to_string(rules.classes.size()) + ", m_SubsContractId is " + std::to_string(rules.ids.size()) +
+                    ".");
             for (const std::string& cls : rules.classes) {
                 if (classes.count(cls) == 0) return AddLine("Prefix is " + cls + "."), false;
             }

@@ -65,15 +65,15 @@ public:
             while (products.size() < classes) products.insert(market.Product());
             own.classes.assign(products.begin(), products.end());
             own.options = chan % 4 != 3;
-            own.spd     = chan % 2 == 0;
-            own.ips     = chan % 3 == 0;
+            own.spd = chan % 2 == 0;
+            own.ips = chan % 3 == 0;
         }
         return rules;
     }
 
 private:
     static constexpr unsigned int kProducts = 200;
-    static constexpr unsigned int kYears    = 4;
+    static constexpr unsigned int kYears = 4;
 
     explicit Market(unsigned int seed) : m_random(seed) {}
 

@@ -1,16 +1,16 @@
 #pragma once
 
+#include <enyx-sim/enyx_sim.h>
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
-#include <enyx-sim/enyx_sim.h>
 #include <fstream>
 #include <optional>
-#include <unistd.h>
 
-#include "interface/CardRegisters.h"
 #include "VexoZceMdApi.h"
 #include "bench/support/BareCalls.h"
 #include "bench/support/Host.h"
+#include "interface/CardRegisters.h"
 
 namespace bench {
 
@@ -34,7 +34,7 @@ public:
         ::unlink(m_dayFile.c_str());
         enyx_sim_config config;
         enyx_sim_default_config(&config);
-        config.instruments       = ENYX_SIM_INSTRUMENTS_NONE;
+        config.instruments = ENYX_SIM_INSTRUMENTS_NONE;
         config.quotes_per_second = 0;
         if (enyx_sim_power_cycle(&config) != 0) std::abort();
         m_stdout.emplace();

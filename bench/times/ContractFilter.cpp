@@ -9,7 +9,7 @@ namespace {
 using bench::FilterWork;
 
 constexpr std::size_t kInstruments = 16384;
-constexpr std::size_t kChannels    = 16;
+constexpr std::size_t kChannels = 16;
 
 template <std::size_t kIds>
 FilterWork& Work() {
@@ -20,14 +20,16 @@ FilterWork& Work() {
 template <std::size_t kIds>
 void Filter(benchmark::State& state) {
     FilterWork& work = Work<kIds>();
-    bench::Timed(state, [&] { work.Prepare(); }, [&] { work.Filter(); });
+    bench::Timed(
+        state, [&] { work.Prepare(); }, [&] { work.Filter(); });
     state.counters["chosen"] = static_cast<double>(work.Chosen());
 }
 
 template <std::size_t kIds>
 void FilterPlainly(benchmark::State& state) {
     FilterWork& work = Work<kIds>();
-    bench::Timed(state, [&] { work.Prepare(); }, [&] { work.FilterPlainly(); });
+    bench::Timed(
+        state, [&] { work.Prepare(); }, [&] { work.FilterPlainly(); });
 }
 
 BENCHMARK(Filter<10>)->Name("fig7/ours/10")->UseManualTime()->Iterations(1);

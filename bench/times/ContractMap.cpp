@@ -17,14 +17,16 @@ MapWork& Work() {
 
 void Learn(benchmark::State& state) {
     MapWork& work = Work();
-    bench::Timed(state, [&] { work.PrepareLearning(); }, [&] { work.Learn(); });
+    bench::Timed(
+        state, [&] { work.PrepareLearning(); }, [&] { work.Learn(); });
     work.EndLearning();
     state.counters["subscriptions"] = static_cast<double>(work.Subscriptions());
 }
 
 void DoBare(benchmark::State& state) {
     MapWork& work = Work();
-    bench::Timed(state, [&] { work.PrepareBare(); }, [&] { work.DoBare(); });
+    bench::Timed(
+        state, [&] { work.PrepareBare(); }, [&] { work.DoBare(); });
     work.EndBare();
 }
 

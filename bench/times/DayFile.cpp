@@ -33,11 +33,13 @@ DayFileWork& Ordered() {
 }
 
 void Write(benchmark::State& state) {
-    Timed(state, [] { Unordered().StartFile(); }, [] { Unordered().Write(); });
+    Timed(
+        state, [] { Unordered().StartFile(); }, [] { Unordered().Write(); });
 }
 
 void WriteBare(benchmark::State& state) {
-    Timed(state, [] { Unordered().StartFileBare(); }, [] { Unordered().WriteBare(); });
+    Timed(
+        state, [] { Unordered().StartFileBare(); }, [] { Unordered().WriteBare(); });
 }
 
 void Prepare(DayFileWork& work) {
@@ -46,11 +48,13 @@ void Prepare(DayFileWork& work) {
 }
 
 void Load(benchmark::State& state, DayFileWork& (*work)()) {
-    Timed(state, [&] { Prepare(work()); }, [&] { work().Load(); });
+    Timed(
+        state, [&] { Prepare(work()); }, [&] { work().Load(); });
 }
 
 void LoadBare(benchmark::State& state, DayFileWork& (*work)()) {
-    Timed(state, [&] { Prepare(work()); }, [&] { work().LoadBare(); });
+    Timed(
+        state, [&] { Prepare(work()); }, [&] { work().LoadBare(); });
 }
 
 BENCHMARK(Write)->Name("fig5/ours")->UseManualTime()->Iterations(1);

@@ -15,9 +15,9 @@ using bench::DayFileWork;
 using bench::FilterWork;
 using bench::MapWork;
 
-constexpr std::size_t kAllChannels    = 16;
+constexpr std::size_t kAllChannels = 16;
 constexpr std::size_t kAllInstruments = 16384;
-constexpr std::size_t kIds            = 1000;
+constexpr std::size_t kIds = 1000;
 
 // The work of one size, made when it is first asked for.
 template <typename Work, typename Make>
@@ -39,16 +39,18 @@ void Load(benchmark::State& state, std::size_t instruments) {
 }
 
 void Filter(benchmark::State& state, std::size_t instruments, std::size_t channels) {
-    FilterWork& work = Kept<FilterWork>(
-        {instruments, channels}, [&] { return std::make_unique<FilterWork>(instruments, channels, kIds); });
-    bench::Timed(state, [&] { work.Prepare(); }, [&] { work.Filter(); });
+    FilterWork& work = Kept<FilterWork>({instruments, channels},
+                                        [&] { return std::make_unique<FilterWork>(instruments, channels, kIds); });
+    bench::Timed(
+        state, [&] { work.Prepare(); }, [&] { work.Filter(); });
     state.counters["chosen"] = static_cast<double>(work.Chosen());
 }
 
 void Learn(benchmark::State& state, std::size_t instruments, std::size_t channels) {
-    MapWork& work =
-        Kept<MapWork>({instruments, channels}, [&] { return std::make_unique<MapWork>(instruments, channels); });
-    bench::Timed(state, [&] { work.PrepareLearning(); }, [&] { work.Learn(); });
+    MapWork& work = Kept<MapWork>({instruments, channels},
+                                  [&] { return std::make_unique<MapWork>(instruments, channels); });
+    bench::Timed(
+        state, [&] { work.PrepareLearning(); }, [&] { work.Learn(); });
     work.EndLearning();
 }
 

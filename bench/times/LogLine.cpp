@@ -3,11 +3,11 @@
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <memory>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
+#include <memory>
 #include <vector>
 
 #include "src/log/log.h"

@@ -1,15 +1,15 @@
 // Figures 1 to 3 in time: a packet that is ready, an idle poll, and a card that feeds from a thread of its own; each by
 // VexoRecv and by the bare poll. The library starts and ends outside what is timed.
 
-#include <algorithm>
-#include <atomic>
 #include <benchmark/benchmark.h>
-#include <chrono>
 #include <enyx-sim/enyx_sim.h>
 #include <pthread.h>
+#include <x86intrin.h>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
-#include <x86intrin.h>
 
 #include "bench/support/BenchCard.h"
 
@@ -44,7 +44,7 @@ struct Ours {
 
 struct Floor {
     static constexpr std::uint32_t kChannel = bench_card::kBareChannel;
-    unsigned long packets   = 0;
+    unsigned long packets = 0;
     bench_card::Bare stream = bench_card::ReadBare();
 
     static void Handle(const std::uint8_t*, std::uint32_t, void* ctx) { ++*static_cast<unsigned long*>(ctx); }
@@ -69,7 +69,7 @@ Reader& Open() {
 
 template <typename Reader>
 void PacketReady(benchmark::State& state) {
-    auto& reader      = Open<Reader>();
+    auto& reader = Open<Reader>();
     unsigned int left = 0;
     for (auto _ : state) {
         if (left == 0) {
@@ -124,8 +124,8 @@ void EachPacket(benchmark::State& state) {
     }
     std::sort(cycles.begin(), cycles.end());
     state.counters["median"] = Percentile(cycles, 0.5);
-    state.counters["p99.9"]  = Percentile(cycles, 0.999);
-    state.counters["max"]    = static_cast<double>(cycles.back());
+    state.counters["p99.9"] = Percentile(cycles, 0.999);
+    state.counters["max"] = static_cast<double>(cycles.back());
 }
 BENCHMARK(EachPacket<Ours>)->Name("fig1/ours/cycles")->Iterations(1);
 BENCHMARK(EachPacket<Floor>)->Name("fig1/floor/cycles")->Iterations(1);
@@ -161,7 +161,7 @@ private:
 // Short slices, many of them, ours and floor in turn: what else the machine does then hits both alike.
 template <typename Reader>
 void Fed(benchmark::State& state) {
-    constexpr unsigned long kWarmUp  = 2000;
+    constexpr unsigned long kWarmUp = 2000;
     constexpr unsigned long kPackets = 20000;
     auto& reader = Open<Reader>();
     RunOn(0);

@@ -17,13 +17,15 @@ StartUpWork& Work() {
 
 void Start(benchmark::State& state) {
     StartUpWork& work = Work();
-    bench::Timed(state, [&] { work.Prepare(); }, [&] { work.Start(); });
+    bench::Timed(
+        state, [&] { work.Prepare(); }, [&] { work.Start(); });
     work.End();
 }
 
 void StartBare(benchmark::State& state) {
     StartUpWork& work = Work();
-    bench::Timed(state, [&] { work.Prepare(); }, [&] { work.StartBare(); });
+    bench::Timed(
+        state, [&] { work.Prepare(); }, [&] { work.StartBare(); });
     work.EndBare();
 }
 

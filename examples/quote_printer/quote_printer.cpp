@@ -7,13 +7,13 @@
 #include <VexoZceMdApi.h>
 #include <VexoZceUtil.h>
 
+#include <dlfcn.h>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 
 #include <enyx-sim/md_payload.h>
 
@@ -28,8 +28,8 @@ void StopOnSignal(int) { g_stop = 1; }
 bool IsSimulatedCard() { return dlsym(RTLD_DEFAULT, "enyx_sim_is_simulated") != nullptr; }
 
 struct Options {
-    const char* ini       = nullptr;
-    unsigned long quotes  = 3;  // of each packet type a second
+    const char* ini = nullptr;
+    unsigned long quotes = 3;   // of each packet type a second
     unsigned long seconds = 0;  // 0 = until Ctrl-C
 };
 
@@ -125,10 +125,10 @@ private:
 
     bool m_knows;
     unsigned long m_sample;
-    unsigned long m_count[4]   = {};
+    unsigned long m_count[4] = {};
     unsigned long m_printed[4] = {};
-    std::uint64_t m_last       = 0;
-    unsigned long m_lost       = 0;
+    std::uint64_t m_last = 0;
+    unsigned long m_lost = 0;
 };
 
 // Polls until a stop signal or the end of the time.

@@ -28,8 +28,6 @@ constexpr std::uint32_t dateAfter(std::uint32_t date, std::int64_t days) {
 }
 
 /// Whether the calendar has such a date.
-constexpr bool isDate(std::uint32_t date) {
-    return date <= 99991231 && dateOf(dayNumber(date)) == date;
-}
+constexpr bool isDate(std::uint32_t date) { return date <= 99991231 && dateOf(dayNumber(date)) == date; }
 
 }  // namespace vexo_sim::calendar

@@ -55,10 +55,10 @@ bool isValid(const CardConfig& c) {
     const bool ring = c.ringBytes >= kMinRingBytes && c.ringBytes <= kMaxRingBytes;
     const bool mtu = c.mtu >= kMinMtu && c.mtu <= kMaxMtu;
     return ring && mtu && c.mtu <= ring::largestPacket(ring::capacityFor(c.ringBytes)) &&
-           c.quotesPerSecond <= kMaxQuotesPerSecond && c.learningMs <= kMaxMilliseconds &&
-           c.staticRoundMs >= 1 && c.staticRoundMs <= kMaxMilliseconds && c.mapMessagesPerPacket >= 1 &&
-           c.mapRoundMs >= 1 && c.mapRoundMs <= kMaxMilliseconds && c.instruments <= InstrumentChoice::kNone &&
-           areBurstsValid(c) && c.pace <= kMaxPace && c.initialSwitch <= 3;
+           c.quotesPerSecond <= kMaxQuotesPerSecond && c.learningMs <= kMaxMilliseconds && c.staticRoundMs >= 1 &&
+           c.staticRoundMs <= kMaxMilliseconds && c.mapMessagesPerPacket >= 1 && c.mapRoundMs >= 1 &&
+           c.mapRoundMs <= kMaxMilliseconds && c.instruments <= InstrumentChoice::kNone && areBurstsValid(c) &&
+           c.pace <= kMaxPace && c.initialSwitch <= 3;
 }
 
 void Card::forgetAll(const CardConfig& config, const CardTime& now) {

@@ -25,27 +25,27 @@ enum class InstrumentChoice : std::uint32_t {
 /// What a card is before it is switched on. Plain values: copied into the card's state.
 struct CardConfig {
     std::uint64_t seed = 1;
-    std::uint32_t quotesPerSecond = 5000;       // all instruments together; 0 = the card quotes nothing by itself
-    std::uint32_t learningMs = 500;             // from the end of a reset until every instrument is learned
-    std::uint32_t staticRoundMs = 250;          // how often the static data comes round and repairs overwritten ids
-    std::uint32_t mapMessagesPerPacket = 128;   // fewer when the MTU does not hold as many
-    std::uint32_t mapRoundMs = 200;             // one whole round of contract-map packets
+    std::uint32_t quotesPerSecond = 5000;      // all instruments together; 0 = the card quotes nothing by itself
+    std::uint32_t learningMs = 500;            // from the end of a reset until every instrument is learned
+    std::uint32_t staticRoundMs = 250;         // how often the static data comes round and repairs overwritten ids
+    std::uint32_t mapMessagesPerPacket = 128;  // fewer when the MTU does not hold as many
+    std::uint32_t mapRoundMs = 200;            // one whole round of contract-map packets
     std::uint32_t mtu = 4096;
-    std::uint32_t ringBytes = 256 * 1024;       // per stream; rounded up to a power of two
+    std::uint32_t ringBytes = 256 * 1024;  // per stream; rounded up to a power of two
     std::uint32_t hardwareVersion = 13;
-    std::uint32_t verdict = 1;                  // on the software version: see card_reg::kVerdict...
+    std::uint32_t verdict = 1;  // on the software version: see card_reg::kVerdict...
     std::uint32_t fibreStatus = 15;
-    std::int32_t clockOffsetSeconds = 0;        // exchange time minus the host's local time
+    std::int32_t clockOffsetSeconds = 0;  // exchange time minus the host's local time
     InstrumentChoice instruments = InstrumentChoice::kDefault;
-    std::uint32_t listDate = 0;                 // YYYYMMDD the built-in lists are made for; 0 = the day of power-on
-    std::uint32_t quotesPerInstrument = 0;      // a second, for each that has a mask, quotesPerSecond in all; 0 = any
-    std::uint32_t burstEveryMs = 0;             // a burst begins with the first quote and then this often; 0 = none
-    std::uint32_t burstMs = 0;                  // how long it takes for the rate to fall back to the usual one
-    std::uint32_t burstFactor = 1;              // times the usual rate at its start
-    std::uint32_t pace = 1;                     // the card's time runs so many times as fast; kPaceOfReaders: and
-                                                // a quote is there whenever those that want it have room
-    std::uint32_t initialDate = 0;              // YYYYMMDD in the date register at power-on
-    std::uint32_t initialSwitch = 0;            // decode switch at power-on
+    std::uint32_t listDate = 0;             // YYYYMMDD the built-in lists are made for; 0 = the day of power-on
+    std::uint32_t quotesPerInstrument = 0;  // a second, for each that has a mask, quotesPerSecond in all; 0 = any
+    std::uint32_t burstEveryMs = 0;         // a burst begins with the first quote and then this often; 0 = none
+    std::uint32_t burstMs = 0;              // how long it takes for the rate to fall back to the usual one
+    std::uint32_t burstFactor = 1;          // times the usual rate at its start
+    std::uint32_t pace = 1;                 // the card's time runs so many times as fast; kPaceOfReaders: and
+                                            // a quote is there whenever those that want it have room
+    std::uint32_t initialDate = 0;          // YYYYMMDD in the date register at power-on
+    std::uint32_t initialSwitch = 0;        // decode switch at power-on
 };
 
 /// False when a value is out of its range, or when the ring is too small to hold two packets of MTU size.

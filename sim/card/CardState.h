@@ -13,7 +13,7 @@ namespace vexo_sim {
 
 inline constexpr std::uint32_t kTables = 2;
 inline constexpr std::uint32_t kMaxInstruments = kTables * card_reg::kRows;
-inline constexpr std::uint32_t kIdCapacity = 32;          // characters, terminating zero included
+inline constexpr std::uint32_t kIdCapacity = 32;  // characters, terminating zero included
 inline constexpr std::uint16_t kNoInstrument = 0xFFFF;
 inline constexpr std::uint64_t kNever = ~std::uint64_t{0};
 inline constexpr std::uint32_t kForGood = ~std::uint32_t{0};
@@ -22,7 +22,7 @@ inline constexpr std::uint32_t kForGood = ~std::uint32_t{0};
 struct Instrument {
     char id[kIdCapacity] = {};  // zero-filled; a row holds its first 16 characters
     std::uint16_t row = 0;
-    std::uint8_t table = 0;     // card_reg::kSingleLegTable or kCombinationTable
+    std::uint8_t table = 0;  // card_reg::kSingleLegTable or kCombinationTable
 };
 
 /// Running prices of one instrument; every amount of money in 1/10000 yuan.
@@ -42,7 +42,7 @@ struct RegisterState {
     static constexpr std::uint32_t kStored = 0x400;  // word addresses below this: control, versions, network
     std::uint32_t stored[kStored];
     bool heldInReset;
-    bool verdictPending;        // software version written, verdict not yet read
+    bool verdictPending;          // software version written, verdict not yet read
     std::uint32_t pinnedTime[2];  // kClockRuns, or what 0x104 / 0x105 show instead of the clock
 };
 inline constexpr std::uint32_t kClockRuns = ~std::uint32_t{0};
@@ -52,7 +52,7 @@ struct TableState {
     std::uint32_t command;
     std::uint32_t data;
     std::uint32_t select;
-    std::uint16_t instrumentOfRow[card_reg::kRows];   // position in the static data, or kNoInstrument
+    std::uint16_t instrumentOfRow[card_reg::kRows];      // position in the static data, or kNoInstrument
     std::uint64_t overwrittenIds[card_reg::kRows / 64];  // bitmap: learned rows whose id words the host changed
     std::uint64_t maskRefused[card_reg::kRows / 64];     // bitmap: broken rows that do not take a mask
 };
@@ -60,10 +60,10 @@ struct TableState {
 struct ParserState {
     Instrument instruments[kMaxInstruments];  // the static data, in the order it is learned
     std::uint32_t count;
-    std::uint32_t learned;                    // the first `learned` instruments are known
-    std::uint64_t startNs;                    // end of the last reset, or power-on
-    std::uint64_t nextRoundNs;                // kNever while no id needs repair
-    std::uint32_t counters[8];                // messages, instruments, bytes, words; single-leg then combination
+    std::uint32_t learned;      // the first `learned` instruments are known
+    std::uint64_t startNs;      // end of the last reset, or power-on
+    std::uint64_t nextRoundNs;  // kNever while no id needs repair
+    std::uint32_t counters[8];  // messages, instruments, bytes, words; single-leg then combination
 };
 
 struct MapState {
@@ -74,7 +74,7 @@ struct MapState {
 
 struct FeedState {
     bool active;
-    bool paused;            // by the card's owner: neither quotes nor contract-map packets
+    bool paused;  // by the card's owner: neither quotes nor contract-map packets
     std::uint64_t random;
     std::uint64_t lastNs;
     std::uint64_t startNs;  // when it last became active: bursts are counted from here
@@ -118,14 +118,14 @@ enum class CounterMode : std::uint32_t {
 
 /// What is wrong with the card beyond its configuration. Forgotten at power-on.
 struct FaultState {
-    bool armed;                 // packets need a look: there are rules, or a number of packets to stop after
-    bool stopped;               // its clock stands and nothing leaves it; registers still answer
+    bool armed;    // packets need a look: there are rules, or a number of packets to stop after
+    bool stopped;  // its clock stands and nothing leaves it; registers still answer
     CounterMode counters;
-    std::uint32_t heldUp;       // bit n = card-to-host stream n is taken by somebody else
+    std::uint32_t heldUp;         // bit n = card-to-host stream n is taken by somebody else
     std::uint32_t resetsIgnored;  // that many resets of the root core do nothing; kForGood = all
-    std::uint64_t packetsLeft;  // until the card stops, or kNever
-    std::uint64_t stopNs;       // when it stops, on its own clock, or kNever
-    std::uint64_t random;       // of its own: rules that leave a packet alone do not change the prices
+    std::uint64_t packetsLeft;    // until the card stops, or kNever
+    std::uint64_t stopNs;         // when it stops, on its own clock, or kNever
+    std::uint64_t random;         // of its own: rules that leave a packet alone do not change the prices
     std::uint32_t count;
     PacketFaultState rules[kPacketFaults];
 };

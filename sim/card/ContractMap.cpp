@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "enyx-sim/md_payload.h"
 #include "sim/card/PacketFaults.h"
 #include "sim/card/Schedule.h"
 #include "sim/card/UpStream.h"
-#include "enyx-sim/md_payload.h"
 
 namespace vexo_sim::contract_map {
 namespace {
@@ -21,8 +21,7 @@ constexpr std::uint32_t kHeader = 5;
 constexpr std::uint32_t kMaxArea = 0xFFFF;
 
 bool mayTransmit(const CardState& s) {
-    return s.registers.stored[card_reg::kMapTransmit] == 1 && !s.feed.paused && s.up[0].open &&
-           s.parser.learned > 0;
+    return s.registers.stored[card_reg::kMapTransmit] == 1 && !s.feed.paused && s.up[0].open && s.parser.learned > 0;
 }
 
 unsigned char* put16(unsigned char* at, std::uint32_t value) {

@@ -4,12 +4,12 @@
 #include <cstring>
 #include <iterator>
 
+#include "enyx-sim/md_payload.h"
 #include "sim/card/PacketFaults.h"
 #include "sim/card/PriceModel.h"
 #include "sim/card/Registers.h"
 #include "sim/card/Schedule.h"
 #include "sim/card/UpStream.h"
-#include "enyx-sim/md_payload.h"
 
 namespace vexo_sim::feed {
 namespace {
@@ -166,8 +166,7 @@ bool quoteNext(CardState& s, std::uint32_t open) {
 std::uint32_t usualRate(const CardState& s) {
     const std::uint64_t each = s.config.quotesPerInstrument;
     if (each == 0) return s.config.quotesPerSecond;
-    return static_cast<std::uint32_t>(
-        std::min<std::uint64_t>(s.config.quotesPerSecond, each * s.feed.subscribedCount));
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(s.config.quotesPerSecond, each * s.feed.subscribedCount));
 }
 
 // How much of the bursts' height lies in the first @p ns nanoseconds of the feed, as nanoseconds at full height: each

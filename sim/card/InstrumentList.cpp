@@ -76,8 +76,7 @@ private:
     }
 
     void addFutures(std::size_t p) {
-        for (const Contract& contract : m_contracts[p])
-            add(card_reg::kSingleLegTable, {contract.id});
+        for (const Contract& contract : m_contracts[p]) add(card_reg::kSingleLegTable, {contract.id});
     }
 
     void addOptions(std::size_t p) {

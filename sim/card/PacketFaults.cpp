@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "enyx-sim/md_payload.h"
 #include "sim/card/PriceModel.h"
 #include "sim/card/Schedule.h"
 #include "sim/card/UpStream.h"
-#include "enyx-sim/md_payload.h"
 
 namespace vexo_sim {
 

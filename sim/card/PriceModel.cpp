@@ -5,15 +5,15 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sim/card/Products.h"
 #include "enyx-sim/md_payload.h"
+#include "sim/card/Products.h"
 
 namespace vexo_sim {
 namespace {
 
-constexpr std::int64_t kLimitPercent = 7;  // of the underlying price, either way
+constexpr std::int64_t kLimitPercent = 7;              // of the underlying price, either way
 constexpr std::int64_t kMostTurnover = INT64_MAX / 2;  // no day reaches it, but a benchmark may: it stays there
-constexpr std::int64_t kEdgeTicks = 6;     // the last price keeps that far from the limits: five prices fit behind it
+constexpr std::int64_t kEdgeTicks = 6;  // the last price keeps that far from the limits: five prices fit behind it
 
 std::uint64_t hashOf(const char* text, std::size_t length, std::uint64_t seed) {
     std::uint64_t hash = 0xCBF29CE484222325U ^ seed;
@@ -64,8 +64,8 @@ Opening openOption(const char* id, std::size_t contract, std::uint64_t seed) {
     const std::int64_t tick = product.optionTick != 0 ? product.optionTick : product.tick;
     const std::int64_t underlying = futurePrice(id, contract, seed);
     const std::int64_t longestStrike = 1'000'000'000;
-    const std::int64_t strike =
-        std::min<std::int64_t>(std::strtoll(id + contract + 1, nullptr, 10), longestStrike) * enyx_sim::kPriceScale;
+    const std::int64_t strike = std::min<std::int64_t>(std::strtoll(id + contract + 1, nullptr, 10), longestStrike) *
+                                enyx_sim::kPriceScale;
     const std::int64_t inTheMoney = id[contract] == 'C' ? underlying - strike : strike - underlying;
     const std::int64_t distance = std::min(std::abs(underlying - strike), underlying / 8);
     const std::int64_t timeValue = (underlying - distance * 8) * 3 / 100;

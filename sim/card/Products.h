@@ -8,11 +8,11 @@ namespace vexo_sim {
 /// A product of the exchange. Prices in yuan, ticks in 1/10000 yuan.
 struct Product {
     char code[3];
-    std::uint16_t months;        // bit n = has a contract delivered in month n, 1 to 12
-    std::int32_t price;          // about where it trades
+    std::uint16_t months;  // bit n = has a contract delivered in month n, 1 to 12
+    std::int32_t price;    // about where it trades
     std::int32_t tick;
-    std::uint32_t lotSize;       // units of weight in a lot, for the turnover
-    std::int32_t strikeStep;     // yuan between two strikes; 0 = no options
+    std::uint32_t lotSize;    // units of weight in a lot, for the turnover
+    std::int32_t strikeStep;  // yuan between two strikes; 0 = no options
     std::int32_t optionTick;
 };
 

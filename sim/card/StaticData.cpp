@@ -14,10 +14,10 @@ namespace {
 
 void count(ParserState& parser, const Instrument& instrument) {
     std::uint32_t* counters = parser.counters + std::size_t{instrument.table} * 4;
-    counters[0] += 1;                                                      // messages
-    counters[1] += 1;                                                      // instruments
+    counters[0] += 1;                                                       // messages
+    counters[1] += 1;                                                       // instruments
     counters[2] += static_cast<std::uint32_t>(std::strlen(instrument.id));  // bytes of their ids
-    counters[3] += card_reg::kIdWords;                                     // words written into rows
+    counters[3] += card_reg::kIdWords;                                      // words written into rows
 }
 
 void learnOne(CardState& s) {

@@ -12,9 +12,9 @@
 namespace vexo_sim {
 namespace {
 
-constexpr std::uint64_t kLongestRestNs = 1'000'000;   // a process's register access must not wait longer for its effect
+constexpr std::uint64_t kLongestRestNs = 1'000'000;  // a process's register access must not wait longer for its effect
 constexpr std::uint64_t kShortestRestNs = 20'000;
-constexpr std::uint64_t kStandBackNs = 60'000;        // so long a process needs to wake up and take the lock
+constexpr std::uint64_t kStandBackNs = 60'000;  // so long a process needs to wake up and take the lock
 constexpr std::uint64_t kOrphanCheckNs = 50'000'000;
 
 std::string systemError(const std::string& what) { return what + ": " + std::strerror(errno); }
@@ -100,8 +100,10 @@ bool CardHost::powerOn(const Plan& plan, std::string& error) {
     if (!plan.scenario.replayFile.empty()) {
         std::string problem;
         m_replay = CardReplay::start(plan.scenario, card, problem);
-        if (m_replay == nullptr) error = problem;
-        else if (!problem.empty()) std::fprintf(stderr, "vexo-simcard: %s\n", problem.c_str());
+        if (m_replay == nullptr)
+            error = problem;
+        else if (!problem.empty())
+            std::fprintf(stderr, "vexo-simcard: %s\n", problem.c_str());
         if (m_replay == nullptr) return false;
     }
     if (plan.record.empty()) return true;

@@ -9,10 +9,10 @@
 #include <utility>
 
 #include "sim/host/Recorder.h"
-#include "sim/shm/HostClock.h"
 #include "sim/replay/CardReplay.h"
 #include "sim/scenario/Scenario.h"
 #include "sim/shm/CardFile.h"
+#include "sim/shm/HostClock.h"
 
 namespace vexo_sim {
 

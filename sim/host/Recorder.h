@@ -10,8 +10,8 @@
 namespace vexo_sim {
 
 /// The host's own record: every packet that the card puts into a stream, in a capture file, one interface a channel.
-/// Nothing of it depends on what becomes of the packet: to be compared with what a reader received. Between two calls of
-/// collect() the card has room for one ring of packets a stream, however fast the reader is.
+/// Nothing of it depends on what becomes of the packet: to be compared with what a reader received. Between two calls
+/// of collect() the card has room for one ring of packets a stream, however fast the reader is.
 class Recorder {
 public:
     /// Another name is taken when @p path exists. What goes wrong is told on standard error.

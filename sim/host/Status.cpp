@@ -64,8 +64,7 @@ void readState(CardBlock& block, CardStatus& status) {
     status.tradingDate = registers::peek(s, card_reg::kTradingDate);
     status.exchangeTime = registers::exchangeTime(s);
     status.inReset = s.registers.heldInReset;
-    for (std::uint32_t channel = 0; channel < kStreams; ++channel)
-        status.channels.push_back(readChannel(s, channel));
+    for (std::uint32_t channel = 0; channel < kStreams; ++channel) status.channels.push_back(readChannel(s, channel));
 }
 
 }  // namespace

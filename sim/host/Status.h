@@ -30,7 +30,7 @@ struct CardStatus {
     std::string pace;
     std::uint32_t instruments = 0;
     std::uint32_t learned = 0;
-    std::uint32_t masks[2] = {};    // rows with a mask: single-leg, combination
+    std::uint32_t masks[2] = {};  // rows with a mask: single-leg, combination
     std::uint32_t decodeSwitch = 0;
     std::uint32_t mapTransmit = 0;
     std::uint32_t tradingDate = 0;

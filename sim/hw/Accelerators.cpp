@@ -20,7 +20,7 @@ ssize_t enumerateCards(const enyx_hw_filter* filter, enyx_hw_accelerator_descrip
     HwCard* card = nullptr;  // as the look-up by name found it: its host may be gone by a second look-up
     return enumerate(
         filter, descriptors, room, kMaxCards, ENODEV,
-        [&](std::uint32_t index, char (&name)[kNameSize]) {
+        [&](std::uint32_t index, char(&name)[kNameSize]) {
             std::snprintf(name, sizeof name, "SIM%u", index);
             card = cards.find(index);
             return card != nullptr;
@@ -52,7 +52,7 @@ ssize_t enumerateMmios(const enyx_hw_accelerator* accelerator, const enyx_hw_fil
     if (!usable(accelerator)) return -1;
     return enumerate(
         filter, descriptors, room, 1, ENOENT,
-        [](std::uint32_t, char (&name)[kNameSize]) { return std::snprintf(name, sizeof name, "MMIO0") > 0; },
+        [](std::uint32_t, char(&name)[kNameSize]) { return std::snprintf(name, sizeof name, "MMIO0") > 0; },
         [&](std::uint32_t) { return describe<enyx_hw_mmio_descriptor>(*accelerator->card); });
 }
 
@@ -75,38 +75,45 @@ using namespace vexo_sim;
 ssize_t enyx_hw_enumerate_accelerators(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors,
                                        size_t count) {
     Cards::instance().refresh();  // before scripts are asked: they come and go with hosted cards
-    return performCount(Call::kEnumerateAccelerators, count,
-                        [=](std::size_t room) { return enumerateCards(filter, descriptors, room); },
-                        [=](TraceLine& line) { line.filter(filter); });
+    return performCount(
+        Call::kEnumerateAccelerators, count,
+        [=](std::size_t room) { return enumerateCards(filter, descriptors, room); },
+        [=](TraceLine& line) { line.filter(filter); });
 }
 
 enyx_hw_accelerator* enyx_hw_accelerator_get(const enyx_hw_accelerator_descriptor* descriptor) {
-    return perform(Call::kAcceleratorGet, [=] { return getAccelerator(descriptor); },
-                   [=](TraceLine& line) { line.descriptor(descriptor); });
+    return perform(
+        Call::kAcceleratorGet, [=] { return getAccelerator(descriptor); },
+        [=](TraceLine& line) { line.descriptor(descriptor); });
 }
 
 void enyx_hw_free_accelerator_descriptors(enyx_hw_accelerator_descriptor** descriptors, size_t count) {
-    performVoid(Call::kFreeAcceleratorDescriptors, [=] { freeDescriptors(descriptors, count); },
-                [=](TraceLine& line) { line.number("count", static_cast<std::int64_t>(count)); });
+    performVoid(
+        Call::kFreeAcceleratorDescriptors, [=] { freeDescriptors(descriptors, count); },
+        [=](TraceLine& line) { line.number("count", static_cast<std::int64_t>(count)); });
 }
 
 ssize_t enyx_hw_accelerator_enumerate_mmios(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
                                             enyx_hw_mmio_descriptor** descriptors, size_t count) {
-    return performCount(Call::kEnumerateMmios, count,
-                        [=](std::size_t room) { return enumerateMmios(accelerator, filter, descriptors, room); },
-                        [=](TraceLine& line) { line.accelerator(accelerator).filter(filter); });
+    return performCount(
+        Call::kEnumerateMmios, count,
+        [=](std::size_t room) { return enumerateMmios(accelerator, filter, descriptors, room); },
+        [=](TraceLine& line) { line.accelerator(accelerator).filter(filter); });
 }
 
 enyx_hw_mmio* enyx_hw_mmio_create(const enyx_hw_mmio_descriptor* descriptor) {
-    return perform(Call::kMmioCreate, [=] { return createMmio(descriptor); },
-                   [=](TraceLine& line) { line.descriptor(descriptor); });
+    return perform(
+        Call::kMmioCreate, [=] { return createMmio(descriptor); },
+        [=](TraceLine& line) { line.descriptor(descriptor); });
 }
 
 void enyx_hw_mmio_destroy(enyx_hw_mmio* mmio) {
-    performVoid(Call::kMmioDestroy, [=] { destroyHandle(mmio); }, [=](TraceLine& line) { line.mmio(mmio); });
+    performVoid(
+        Call::kMmioDestroy, [=] { destroyHandle(mmio); }, [=](TraceLine& line) { line.mmio(mmio); });
 }
 
 void enyx_hw_free_mmio_descriptors(enyx_hw_mmio_descriptor** descriptors, size_t count) {
-    performVoid(Call::kFreeMmioDescriptors, [=] { freeDescriptors(descriptors, count); },
-                [=](TraceLine& line) { line.number("count", static_cast<std::int64_t>(count)); });
+    performVoid(
+        Call::kFreeMmioDescriptors, [=] { freeDescriptors(descriptors, count); },
+        [=](TraceLine& line) { line.number("count", static_cast<std::int64_t>(count)); });
 }

@@ -67,18 +67,22 @@ void Cards::decide() {
     const char* variable = ::secure_getenv("VEXO_SIM_CARD");
     const std::string_view wish = variable != nullptr ? variable : "";
     if (wish != "" && wish != "auto" && wish != "embedded" && wish != "hosted") {
-        std::fprintf(stderr, "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded or hosted: "
-                             "no simulated card.\n", variable);
+        std::fprintf(stderr,
+                     "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded or hosted: "
+                     "no simulated card.\n",
+                     variable);
         return;
     }
     const bool mayBeHosted = wish == "hosted" || (wish != "embedded" && scenarioPath() == nullptr);
     if (mayBeHosted) attachHosted();
-    const bool found =
-        std::any_of(std::begin(m_cards), std::end(m_cards), [](HwCard* card) { return card != nullptr; });
+    const bool found = std::any_of(std::begin(m_cards), std::end(m_cards),
+                                   [](HwCard* card) { return card != nullptr; });
     if (wish == "hosted" && !found)
         std::fprintf(stderr, "libenyx-hw-c: no card is hosted that this user may use. Start one: vexo-simcard\n");
-    if (wish == "hosted" || found) m_kind = Kind::kHosted;
-    else if (makeOwn()) m_kind = Kind::kEmbedded;
+    if (wish == "hosted" || found)
+        m_kind = Kind::kHosted;
+    else if (makeOwn())
+        m_kind = Kind::kEmbedded;
 }
 
 bool Cards::makeOwn() {

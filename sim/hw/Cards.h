@@ -10,10 +10,10 @@
 #include "sim/card/Card.h"
 #include "sim/card/ZeroedMemory.h"
 #include "sim/hw/Handles.h"
-#include "sim/shm/HostClock.h"
 #include "sim/replay/CardReplay.h"
 #include "sim/scenario/Scenario.h"
 #include "sim/shm/CardBlock.h"
+#include "sim/shm/HostClock.h"
 #include "sim/shm/HostedCard.h"
 
 namespace vexo_sim {
@@ -73,8 +73,8 @@ private:
 };
 
 /// The cards that the process sees. What they are is decided on first use: those that hosts offer, or else a card of
-/// the process's own, as the scenario file says that VEXO_SIM_SCENARIO may name. VEXO_SIM_CARD decides too: `hosted` and
-/// `embedded` insist on the one or the other.
+/// the process's own, as the scenario file says that VEXO_SIM_SCENARIO may name. VEXO_SIM_CARD decides too: `hosted`
+/// and `embedded` insist on the one or the other.
 class Cards {
 public:
     static Cards& instance();

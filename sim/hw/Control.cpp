@@ -4,9 +4,9 @@
 #include "sim/card/PacketFaults.h"
 #include "sim/card/Registers.h"
 #include "sim/card/Tables.h"
-#include "sim/hw/Interface.h"
 #include "sim/hw/Cards.h"
 #include "sim/hw/Hooks.h"
+#include "sim/hw/Interface.h"
 
 namespace vexo_sim {
 namespace {
@@ -98,10 +98,27 @@ int enyx_sim_is_simulated() { return 1; }
 void enyx_sim_default_config(enyx_sim_config* config) {
     if (config == nullptr) return;
     const CardConfig c;
-    *config = enyx_sim_config{1, c.seed, c.quotesPerSecond, c.learningMs, c.staticRoundMs, c.mapMessagesPerPacket,
-                              c.mapRoundMs, c.mtu, c.ringBytes, c.hardwareVersion, c.verdict, c.fibreStatus,
-                              c.clockOffsetSeconds, static_cast<std::uint32_t>(c.instruments), c.listDate,
-                              c.quotesPerInstrument, c.burstEveryMs, c.burstMs, c.burstFactor, c.pace, c.initialDate,
+    *config = enyx_sim_config{1,
+                              c.seed,
+                              c.quotesPerSecond,
+                              c.learningMs,
+                              c.staticRoundMs,
+                              c.mapMessagesPerPacket,
+                              c.mapRoundMs,
+                              c.mtu,
+                              c.ringBytes,
+                              c.hardwareVersion,
+                              c.verdict,
+                              c.fibreStatus,
+                              c.clockOffsetSeconds,
+                              static_cast<std::uint32_t>(c.instruments),
+                              c.listDate,
+                              c.quotesPerInstrument,
+                              c.burstEveryMs,
+                              c.burstMs,
+                              c.burstFactor,
+                              c.pace,
+                              c.initialDate,
                               c.initialSwitch};
 }
 
@@ -273,8 +290,15 @@ int enyx_sim_ignore_resets(uint32_t card, uint32_t times) {
 
 int enyx_sim_add_packet_fault(uint32_t card, const enyx_sim_packet_fault* fault) {
     if (fault == nullptr) return onCard(card, false, [](Card&) { return 0; });
-    const PacketFault rule{static_cast<PacketFaultKind>(fault->kind), fault->channels, fault->packets, fault->first,
-                           fault->every, fault->times, fault->per_million, fault->value, fault->message};
+    const PacketFault rule{static_cast<PacketFaultKind>(fault->kind),
+                           fault->channels,
+                           fault->packets,
+                           fault->first,
+                           fault->every,
+                           fault->times,
+                           fault->per_million,
+                           fault->value,
+                           fault->message};
     return onCard(card, isValid(rule), [=](Card& c) {
         const int number = packet_faults::add(c.state(), rule);
         return number >= 0 ? number : fail(ENOSPC);

@@ -88,38 +88,44 @@ int writeField(enyx_hw_core* core, const enyx_hw_register_description* field, st
 using namespace vexo_sim;
 
 enyx_hw_core_tree* enyx_hw_enumerate_cores(enyx_hw_mmio* mmio) {
-    return perform(Call::kEnumerateCores, [=] { return readTree(mmio); }, [=](TraceLine& line) { line.mmio(mmio); });
+    return perform(
+        Call::kEnumerateCores, [=] { return readTree(mmio); }, [=](TraceLine& line) { line.mmio(mmio); });
 }
 
 enyx_hw_core* enyx_hw_core_tree_get_root(enyx_hw_core_tree* tree) {
-    return perform(Call::kCoreTreeGetRoot, [=] { return rootOf(tree); }, [=](TraceLine& line) { line.tree(tree); });
+    return perform(
+        Call::kCoreTreeGetRoot, [=] { return rootOf(tree); }, [=](TraceLine& line) { line.tree(tree); });
 }
 
 int enyx_hw_core_reset(enyx_hw_core* core) {
-    return perform(Call::kCoreReset, [=] { return resetCore(core); }, [=](TraceLine& line) { line.core(core); });
+    return perform(
+        Call::kCoreReset, [=] { return resetCore(core); }, [=](TraceLine& line) { line.core(core); });
 }
 
 ssize_t enyx_hw_core_enumerate(enyx_hw_core* root, uint16_t hardware_id, enyx_hw_core** cores, size_t count) {
-    return performCount(Call::kCoreEnumerate, count,
-                        [=](std::size_t room) { return findCores(root, hardware_id, cores, room); },
-                        [=](TraceLine& line) { line.core(root).hex("hardware_id", hardware_id); });
+    return performCount(
+        Call::kCoreEnumerate, count, [=](std::size_t room) { return findCores(root, hardware_id, cores, room); },
+        [=](TraceLine& line) { line.core(root).hex("hardware_id", hardware_id); });
 }
 
 int enyx_hw_core_lock(enyx_hw_core* core) {
-    return perform(Call::kCoreLock, [=] { return lockCore(core); }, [=](TraceLine& line) { line.core(core); });
+    return perform(
+        Call::kCoreLock, [=] { return lockCore(core); }, [=](TraceLine& line) { line.core(core); });
 }
 
 int enyx_hw_core_unlock(enyx_hw_core* core) {
-    return perform(Call::kCoreUnlock, [=] { return unlockCore(core); }, [=](TraceLine& line) { line.core(core); });
+    return perform(
+        Call::kCoreUnlock, [=] { return unlockCore(core); }, [=](TraceLine& line) { line.core(core); });
 }
 
 int enyx_hw_read(enyx_hw_core* core, const enyx_hw_register_description* reg, uint64_t* value) {
-    return perform(Call::kRead, [=] { return readField(core, reg, value); }, [=](TraceLine& line) {
-        line.core(core).field(reg).hex("value", value != nullptr ? *value : 0);
-    });
+    return perform(
+        Call::kRead, [=] { return readField(core, reg, value); },
+        [=](TraceLine& line) { line.core(core).field(reg).hex("value", value != nullptr ? *value : 0); });
 }
 
 int enyx_hw_write(enyx_hw_core* core, const enyx_hw_register_description* reg, uint64_t value) {
-    return perform(Call::kWrite, [=] { return writeField(core, reg, value); },
-                   [=](TraceLine& line) { line.core(core).field(reg).hex("value", value); });
+    return perform(
+        Call::kWrite, [=] { return writeField(core, reg, value); },
+        [=](TraceLine& line) { line.core(core).field(reg).hex("value", value); });
 }

@@ -42,15 +42,18 @@ enyx_hw_filter* enyx_hw_filter_create() {
 }
 
 int enyx_hw_filter_set_index(enyx_hw_filter* filter, uint32_t index) {
-    return perform(Call::kFilterSetIndex, [=] { return setIndex(filter, index); },
-                   [=](TraceLine& line) { line.number("index", index); });
+    return perform(
+        Call::kFilterSetIndex, [=] { return setIndex(filter, index); },
+        [=](TraceLine& line) { line.number("index", index); });
 }
 
 int enyx_hw_filter_set_name(enyx_hw_filter* filter, const char* name) {
-    return perform(Call::kFilterSetName, [=] { return setName(filter, name); },
-                   [=](TraceLine& line) { line.text("name", name != nullptr ? name : "null"); });
+    return perform(
+        Call::kFilterSetName, [=] { return setName(filter, name); },
+        [=](TraceLine& line) { line.text("name", name != nullptr ? name : "null"); });
 }
 
 void enyx_hw_filter_destroy(enyx_hw_filter* filter) {
-    performVoid(Call::kFilterDestroy, [=] { destroyHandle(filter); }, [=](TraceLine& line) { line.filter(filter); });
+    performVoid(
+        Call::kFilterDestroy, [=] { destroyHandle(filter); }, [=](TraceLine& line) { line.filter(filter); });
 }

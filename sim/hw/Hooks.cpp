@@ -58,8 +58,10 @@ namespace hooks {
 std::atomic<unsigned> g_active{kFirstCall};
 
 void setActive(unsigned bit, bool on) {
-    if (on) g_active.fetch_or(bit);
-    else g_active.fetch_and(~bit);
+    if (on)
+        g_active.fetch_or(bit);
+    else
+        g_active.fetch_and(~bit);
 }
 
 void beforeFirstCall() {

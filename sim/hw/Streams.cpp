@@ -46,7 +46,7 @@ ssize_t enumerateStreams(const enyx_hw_accelerator* accelerator, const enyx_hw_f
     };
     return enumerate(
         filter, descriptors, room, kStreams, ENOENT,
-        [](std::uint32_t index, char (&name)[kNameSize]) {
+        [](std::uint32_t index, char(&name)[kNameSize]) {
             return std::snprintf(name, sizeof name, "CUSTOM_CHAN%u_DATA", index) > 0;
         },
         describe);
@@ -186,15 +186,15 @@ int send(enyx_hw_c2a_stream* stream, const void* data, std::uint32_t size) {
 
 template <typename Stream>
 int performGet(Call call, const Stream* stream, std::uint32_t* value, int (*get)(const Stream*, std::uint32_t*)) {
-    return perform(call, [=] { return get(stream, value); },
-                   [=](TraceLine& line) { line.stream(stream).number("value", value != nullptr ? *value : 0); });
+    return perform(
+        call, [=] { return get(stream, value); },
+        [=](TraceLine& line) { line.stream(stream).number("value", value != nullptr ? *value : 0); });
 }
 
 template <std::uint32_t UpStreamState::*counter>
 int performGetCounter(Call call, const enyx_hw_a2c_stream* stream, std::uint32_t* value) {
     return performGet<enyx_hw_a2c_stream>(
-        call, stream, value,
-        [](const enyx_hw_a2c_stream* s, std::uint32_t* v) { return getCounter(s, counter, v); });
+        call, stream, value, [](const enyx_hw_a2c_stream* s, std::uint32_t* v) { return getCounter(s, counter, v); });
 }
 
 }  // namespace
@@ -204,19 +204,22 @@ using namespace vexo_sim;
 
 ssize_t enyx_hw_accelerator_enumerate_a2c_streams(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
                                                   enyx_hw_a2c_stream_descriptor** descriptors, size_t count) {
-    return performCount(Call::kEnumerateA2cStreams, count,
-                        [=](std::size_t n) { return enumerateStreams<Up>(accelerator, filter, descriptors, n); },
-                        [=](TraceLine& line) { line.accelerator(accelerator).filter(filter); });
+    return performCount(
+        Call::kEnumerateA2cStreams, count,
+        [=](std::size_t n) { return enumerateStreams<Up>(accelerator, filter, descriptors, n); },
+        [=](TraceLine& line) { line.accelerator(accelerator).filter(filter); });
 }
 
 enyx_hw_a2c_stream* enyx_hw_a2c_stream_create(const enyx_hw_a2c_stream_descriptor* descriptor, const void*) {
-    return perform(Call::kA2cStreamCreate, [=] { return openStream<Up>(descriptor); },
-                   [=](TraceLine& line) { line.descriptor(descriptor); });
+    return perform(
+        Call::kA2cStreamCreate, [=] { return openStream<Up>(descriptor); },
+        [=](TraceLine& line) { line.descriptor(descriptor); });
 }
 
 void enyx_hw_free_a2c_stream_descriptors(enyx_hw_a2c_stream_descriptor** descriptors, size_t count) {
-    performVoid(Call::kFreeA2cStreamDescriptors, [=] { freeDescriptors(descriptors, count); },
-                [=](TraceLine& line) { line.number("count", static_cast<std::int64_t>(count)); });
+    performVoid(
+        Call::kFreeA2cStreamDescriptors, [=] { freeDescriptors(descriptors, count); },
+        [=](TraceLine& line) { line.number("count", static_cast<std::int64_t>(count)); });
 }
 
 int enyx_hw_a2c_stream_get_mtu(const enyx_hw_a2c_stream* stream, uint32_t* mtu) {
@@ -224,8 +227,9 @@ int enyx_hw_a2c_stream_get_mtu(const enyx_hw_a2c_stream* stream, uint32_t* mtu) 
 }
 
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
-    return perform(Call::kA2cStreamPollOnce, [=] { return poll(stream, handler, context); },
-                   [=](TraceLine& line) { line.stream(stream); });
+    return perform(
+        Call::kA2cStreamPollOnce, [=] { return poll(stream, handler, context); },
+        [=](TraceLine& line) { line.stream(stream); });
 }
 
 int enyx_hw_a2c_stream_stats_get_backpressure(const enyx_hw_a2c_stream* stream, uint32_t* value) {
@@ -245,25 +249,28 @@ int enyx_hw_a2c_stream_stats_get_errors(const enyx_hw_a2c_stream* stream, uint32
 }
 
 void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) {
-    performVoid(Call::kA2cStreamDestroy, [=] { closeStream<Up>(stream); },
-                [=](TraceLine& line) { line.stream(stream); });
+    performVoid(
+        Call::kA2cStreamDestroy, [=] { closeStream<Up>(stream); }, [=](TraceLine& line) { line.stream(stream); });
 }
 
 ssize_t enyx_hw_accelerator_enumerate_c2a_streams(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
                                                   enyx_hw_c2a_stream_descriptor** descriptors, size_t count) {
-    return performCount(Call::kEnumerateC2aStreams, count,
-                        [=](std::size_t n) { return enumerateStreams<Down>(accelerator, filter, descriptors, n); },
-                        [=](TraceLine& line) { line.accelerator(accelerator).filter(filter); });
+    return performCount(
+        Call::kEnumerateC2aStreams, count,
+        [=](std::size_t n) { return enumerateStreams<Down>(accelerator, filter, descriptors, n); },
+        [=](TraceLine& line) { line.accelerator(accelerator).filter(filter); });
 }
 
 enyx_hw_c2a_stream* enyx_hw_c2a_stream_create(const enyx_hw_c2a_stream_descriptor* descriptor, const void*) {
-    return perform(Call::kC2aStreamCreate, [=] { return openStream<Down>(descriptor); },
-                   [=](TraceLine& line) { line.descriptor(descriptor); });
+    return perform(
+        Call::kC2aStreamCreate, [=] { return openStream<Down>(descriptor); },
+        [=](TraceLine& line) { line.descriptor(descriptor); });
 }
 
 void enyx_hw_free_c2a_stream_descriptors(enyx_hw_c2a_stream_descriptor** descriptors, size_t count) {
-    performVoid(Call::kFreeC2aStreamDescriptors, [=] { freeDescriptors(descriptors, count); },
-                [=](TraceLine& line) { line.number("count", static_cast<std::int64_t>(count)); });
+    performVoid(
+        Call::kFreeC2aStreamDescriptors, [=] { freeDescriptors(descriptors, count); },
+        [=](TraceLine& line) { line.number("count", static_cast<std::int64_t>(count)); });
 }
 
 int enyx_hw_c2a_stream_get_mtu(const enyx_hw_c2a_stream* stream, uint32_t* mtu) {
@@ -271,11 +278,12 @@ int enyx_hw_c2a_stream_get_mtu(const enyx_hw_c2a_stream* stream, uint32_t* mtu) 
 }
 
 int enyx_hw_c2a_stream_send(enyx_hw_c2a_stream* stream, const void* data, uint32_t size) {
-    return perform(Call::kC2aStreamSend, [=] { return send(stream, data, size); },
-                   [=](TraceLine& line) { line.stream(stream).number("size", size); });
+    return perform(
+        Call::kC2aStreamSend, [=] { return send(stream, data, size); },
+        [=](TraceLine& line) { line.stream(stream).number("size", size); });
 }
 
 void enyx_hw_c2a_stream_destroy(enyx_hw_c2a_stream* stream) {
-    performVoid(Call::kC2aStreamDestroy, [=] { closeStream<Down>(stream); },
-                [=](TraceLine& line) { line.stream(stream); });
+    performVoid(
+        Call::kC2aStreamDestroy, [=] { closeStream<Down>(stream); }, [=](TraceLine& line) { line.stream(stream); });
 }

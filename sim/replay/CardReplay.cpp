@@ -6,8 +6,7 @@ std::unique_ptr<CardReplay> CardReplay::start(const scenario::Scenario& scenario
     auto self = std::make_unique<CardReplay>();
     const CardConfig& config = card.state().config;
     const Replay::Pace pace = config.pace == kPaceOfReaders ? Replay::Pace::kAsTaken : Replay::Pace::kOriginal;
-    const bool opened =
-        self->m_replay.open(scenario.replayFile, config.mtu, scenario.bus, pace, scenario.replayMap);
+    const bool opened = self->m_replay.open(scenario.replayFile, config.mtu, scenario.bus, pace, scenario.replayMap);
     problem = self->m_replay.problem();
     if (!opened) return nullptr;
     // Without a map in the capture a master would wait for ever: the card then sends its own, and no quotes.

@@ -84,7 +84,7 @@ private:
     std::uint64_t m_packets[kStreams] = {};
     std::uint64_t m_nextDue = kNever;
     std::vector<std::unique_ptr<Channel>> m_channels;  // those that have packets
-    std::uint32_t m_card = 0;                           // whose packets of the file are replayed
+    std::uint32_t m_card = 0;                          // whose packets of the file are replayed
 };
 
 }  // namespace vexo_sim

@@ -129,8 +129,8 @@ void takeStreamHeld(const Keys& keys, Scenario& s) { s.heldStreams |= keys.chann
 void takeStreamErrors(const Keys& keys, Scenario& s) {
     if (keys.find("fifo_errors") == nullptr && keys.find("errors") == nullptr)
         keys.reject("it is not said which counter stands wrong; give fifo_errors or errors");
-    s.streamErrors.push_back({keys.channels(), keys.number("fifo_errors", 0, 0, kAnyNumber),
-                              keys.number("errors", 0, 0, kAnyNumber)});
+    s.streamErrors.push_back(
+        {keys.channels(), keys.number("fifo_errors", 0, 0, kAnyNumber), keys.number("errors", 0, 0, kAnyNumber)});
 }
 
 void setCounters(const Keys& keys, Scenario& s, CounterMode mode) {

@@ -1,8 +1,8 @@
 #include "sim/scenario/IniFile.h"
 
+#include <iniparser/iniparser.h>
 #include <algorithm>
 #include <cctype>
-#include <iniparser/iniparser.h>
 #include <memory>
 
 #include "sim/scenario/TextFile.h"
@@ -38,8 +38,10 @@ void IniFile::scan(const std::vector<std::string>& lines) {
         if (line.empty() || line[0] == '#' || line[0] == ';') continue;
         if (line.back() == '\\')
             throw Rejected(m_path, n + 1, "the line ends in a backslash; write a value in one line");
-        if (line[0] == '[') openSection(line, n + 1);
-        else addKey(line, n + 1);
+        if (line[0] == '[')
+            openSection(line, n + 1);
+        else
+            addKey(line, n + 1);
     }
 }
 
@@ -51,8 +53,9 @@ void IniFile::openSection(const std::string& line, std::size_t number) {
         throw Rejected(m_path, number, "this is no section; write [name]");
     for (const Section& other : m_sections)
         if (other.name == name)
-            throw Rejected(m_path, number, "section [" + name + "] begins in line " + std::to_string(other.line) +
-                                               " already; put its keys together, or choose another name");
+            throw Rejected(m_path, number,
+                           "section [" + name + "] begins in line " + std::to_string(other.line) +
+                               " already; put its keys together, or choose another name");
     m_sections.push_back({name, number, {}});
 }
 
@@ -65,8 +68,9 @@ void IniFile::addKey(const std::string& line, std::size_t number) {
     Section& section = m_sections.back();
     const auto [entry, isNew] = section.values.insert({key, {{}, m_path, number, key}});
     if (!isNew)
-        throw Rejected(m_path, number, "key " + key + " is in line " + std::to_string(entry->second.line) +
-                                           " already; remove one of the two");
+        throw Rejected(
+            m_path, number,
+            "key " + key + " is in line " + std::to_string(entry->second.line) + " already; remove one of the two");
 }
 
 void IniFile::readValues() {

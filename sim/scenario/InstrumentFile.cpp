@@ -21,8 +21,9 @@ public:
         id.copy(instrument.id, sizeof instrument.id - 1);
         const auto [earlier, isNew] = m_lineOf.insert({{table, instrument.row}, line});
         if (!isNew)
-            throw Rejected(m_path, line, "index " + index + " of this table is in line " +
-                                             std::to_string(earlier->second) + " already; give each its own");
+            throw Rejected(m_path, line,
+                           "index " + index + " of this table is in line " + std::to_string(earlier->second) +
+                               " already; give each its own");
         m_list.push_back(instrument);
     }
 

@@ -20,8 +20,10 @@ Scenario read(const std::string& path) {
     Scenario scenario;
     scenario.name = std::filesystem::path(path).stem().string();
     for (const Section& section : file.sections()) {
-        if (isFault(section)) readFault(section, path, scenario);
-        else readCardSection(section, path, scenario);
+        if (isFault(section))
+            readFault(section, path, scenario);
+        else
+            readCardSection(section, path, scenario);
     }
     checkTogether(file, scenario);
     return scenario;
@@ -80,8 +82,10 @@ CardConfig configAt(const Scenario& scenario, const CardTime& now) {
 void powerOn(Card& card, const Scenario& scenario, const CardTime& now, std::uint64_t seedShift) {
     CardConfig config = configAt(scenario, now);
     config.seed += seedShift;
-    if (scenario.instruments) card.powerOn(config, now, scenario.instruments->data(), scenario.instruments->size());
-    else card.powerOn(config, now);
+    if (scenario.instruments)
+        card.powerOn(config, now, scenario.instruments->data(), scenario.instruments->size());
+    else
+        card.powerOn(config, now);
     spoil(card.state(), scenario);
     card.stopAfterMs(scenario.stopAfterMs);
 }

@@ -48,8 +48,8 @@ struct Scenario {
     std::uint32_t bus = 0;
 
     CardConfig config;
-    DateChoice date = DateChoice::kGiven;     // other than kGiven: config.initialDate follows from the day of power-on
-    std::optional<std::uint32_t> clock;       // second of the day that the exchange's clock shows at power-on
+    DateChoice date = DateChoice::kGiven;  // other than kGiven: config.initialDate follows from the day of power-on
+    std::optional<std::uint32_t> clock;    // second of the day that the exchange's clock shows at power-on
     std::optional<std::vector<Instrument>> instruments;  // a list of its own; otherwise config.instruments
 
     std::vector<PacketFault> packetFaults;
@@ -57,14 +57,14 @@ struct Scenario {
     std::vector<BusySends> busySends;
     std::vector<StreamErrors> streamErrors;
     std::vector<CallFailure> callFailures;
-    std::uint32_t heldStreams = 0;            // bit n = card-to-host stream n
+    std::uint32_t heldStreams = 0;  // bit n = card-to-host stream n
     CounterMode counters = CounterMode::kTrue;
-    std::uint64_t stopAfterPackets = 0;       // 0 = never
-    std::uint32_t stopAfterMs = 0;            // 0 = never
-    std::uint32_t resetsIgnored = 0;          // kForGood = all
+    std::uint64_t stopAfterPackets = 0;  // 0 = never
+    std::uint32_t stopAfterMs = 0;       // 0 = never
+    std::uint32_t resetsIgnored = 0;     // kForGood = all
 
-    std::string replayFile;                   // path as this process reaches it; empty = no replay
-    bool replayMap = true;                    // contract-map packets come from the capture, not from the card
+    std::string replayFile;  // path as this process reaches it; empty = no replay
+    bool replayMap = true;   // contract-map packets come from the capture, not from the card
 };
 
 /// Reads a scenario. A path in the file is relative to the file's own directory.

@@ -76,8 +76,9 @@ std::vector<std::string> readLines(const std::string& path) {
 void requireFile(const std::string& path, const std::string& namedIn, std::size_t line) {
     const Descriptor file(path);
     if (file.get() < 0)
-        throw Rejected(namedIn, line, "file " + path + ": " + std::strerror(errno) +
-                                          "; paths are relative to the scenario's directory");
+        throw Rejected(
+            namedIn, line,
+            "file " + path + ": " + std::strerror(errno) + "; paths are relative to the scenario's directory");
     if (!isRegular(file.get())) throw Rejected(namedIn, line, "file " + path + " is not a regular file; name one");
 }
 

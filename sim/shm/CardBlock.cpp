@@ -13,8 +13,10 @@ constexpr std::uint32_t kLayout = 1;
 void pauseBriefly(unsigned round) {
     constexpr unsigned kYields = 16;
     const timespec shortly{0, 20'000};
-    if (round < kYields) sched_yield();
-    else nanosleep(&shortly, nullptr);
+    if (round < kYields)
+        sched_yield();
+    else
+        nanosleep(&shortly, nullptr);
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ inline constexpr std::uint32_t kMaxSharedFailures = 32;
 
 /// What the host of a card tells those who look at it. Written once, before anybody can see it.
 struct HostInfo {
-    std::uint64_t startedAt;    // seconds since 1970
+    std::uint64_t startedAt;  // seconds since 1970
     std::int32_t pid;
     std::uint32_t bus;
     char scenario[256];
@@ -43,8 +43,8 @@ struct CardBlock {
     std::uint32_t layout;
     std::uint32_t bytes;
     HostInfo host;
-    RobustMutex mutex;                          // over the state, but for the reader's side of the rings
-    std::atomic<std::uint64_t> knocks;          // how often somebody found the mutex taken
+    RobustMutex mutex;                  // over the state, but for the reader's side of the rings
+    std::atomic<std::uint64_t> knocks;  // how often somebody found the mutex taken
     CoreLock rootLock;
     CoreLock registerLock;
     CardState state;

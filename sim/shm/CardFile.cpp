@@ -213,7 +213,8 @@ unsigned removeStaleFiles(const std::string& directory) {
     for (const std::string& name : listCards(directory)) {
         CardFile file = CardFile::openLeftover(directory + "/" + name);
         if (!file) continue;
-        // Whoever removes holds the part for it, so that a new host's file of the same name is never taken for this one.
+        // Whoever removes holds the part for it, so that a new host's file of the same name is never taken for this
+        // one.
         if (file.holderOf({CardPart::kHost}) || !file.claim({CardPart::kRemoval})) continue;
         file.remove();
         ++removed;

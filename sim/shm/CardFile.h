@@ -28,8 +28,8 @@ public:
     CardFile& operator=(CardFile&& other) noexcept;
     ~CardFile();
 
-    /// Empty with errno set when the file cannot be opened, is no card of this version, or is nobody's whom this process
-    /// trusts.
+    /// Empty with errno set when the file cannot be opened, is no card of this version, or is nobody's whom this
+    /// process trusts.
     static CardFile open(const std::string& path);
     /// The same for what a host of this user left behind, of whatever version, finished or not.
     static CardFile openLeftover(const std::string& path);

@@ -13,8 +13,7 @@ std::size_t slotOf(CardPart stream) { return (stream.kind == CardPart::kUp ? 0 :
 
 }  // namespace
 
-HostedCard::HostedCard(CardFile file, CardBlock& block)
-    : m_file(std::move(file)), m_block(&block) {}
+HostedCard::HostedCard(CardFile file, CardBlock& block) : m_file(std::move(file)), m_block(&block) {}
 
 std::unique_ptr<HostedCard> HostedCard::attach(std::uint32_t bus) {
     for (const std::string& path : findCardFiles(cardDirectory(), bus)) {
@@ -23,8 +22,10 @@ std::unique_ptr<HostedCard> HostedCard::attach(std::uint32_t bus) {
         CardBlock* block = file.map();
         if (block == nullptr) continue;
         if (!block->isCompatible()) {
-            std::fprintf(stderr, "libenyx-hw-c: the host of the simulated card at bus %u is of another version, its "
-                                 "card is not used. Restart vexo-simcard.\n", bus);
+            std::fprintf(stderr,
+                         "libenyx-hw-c: the host of the simulated card at bus %u is of another version, its "
+                         "card is not used. Restart vexo-simcard.\n",
+                         bus);
             continue;
         }
         return std::unique_ptr<HostedCard>(new HostedCard(std::move(file), *block));

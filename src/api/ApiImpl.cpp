@@ -100,7 +100,7 @@ int CVexoZceMdApiImpl::VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) {
 
 int CVexoZceMdApiImpl::VexoRecv() {
     // The exit flag chooses what to poll: no branch, and nothing to poll answers like everything unusual.
-    OwnPath& path     = *m_paths[m_isExit.load(std::memory_order_relaxed)];
+    OwnPath& path = *m_paths[m_isExit.load(std::memory_order_relaxed)];
     const int handled = path.poll(path.stream, &CZceDmaChanImpl::StreamEntrance, static_cast<PacketPath*>(&path));
     if (static_cast<std::uint32_t>(handled) >= path.unusualFrom) return RecvTheFullWay(path, handled);
     return handled;

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "src/driver/RegisterDriver.h"
+#include "VexoZceMdApi.h"
 #include "src/api/PacketPath.h"
 #include "src/api/SignalProcess.h"
-#include "VexoZceMdApi.h"
 #include "src/channel/DmaChannel.h"
+#include "src/driver/RegisterDriver.h"
 
 /// The API object: runs start-up on the caller's thread and hands control to the receive path.
 class CVexoZceMdApiImpl : public IVexoZceMdApi, public CSignalProcess {
@@ -36,6 +36,6 @@ private:
     static int RecvTheFullWay(OwnPath& path, int handled);
 
     OwnPath m_closedPath{PacketPath::Closed(), this};
-    OwnPath m_openPath  = m_closedPath;
+    OwnPath m_openPath = m_closedPath;
     OwnPath* m_paths[2] = {&m_closedPath, &m_closedPath};  ///< by the exit flag; the first one opens with VexoStart
 };

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "src/driver/IDrvDMA.h"
 #include "VexoZceMdApi.h"
+#include "src/driver/IDrvDMA.h"
 
 struct enyx_hw_a2c_stream;
 class CZceDmaChanImpl;
@@ -11,13 +11,13 @@ class CZceDmaChanImpl;
 /// The straight way of one stream's market-data packets: all that VexoRecv and the packet handler touch for an
 /// ordinary packet, side by side. Whatever is not ordinary takes the full way through the channel.
 struct PacketPath {
-    using Poll     = int (*)(enyx_hw_a2c_stream* stream, DmaPacketHandler handler, void* ctx);
+    using Poll = int (*)(enyx_hw_a2c_stream* stream, DmaPacketHandler handler, void* ctx);
     using Callback = int (*)(IVexoZceMdSpi* spi, const unsigned char* payload);
 
-    static constexpr std::uint32_t kTypes = 4;  // market-data types, one callback each
+    static constexpr std::uint32_t kTypes = 4;         // market-data types, one callback each
     static constexpr std::uint32_t kFirstFailure = 2;  // of a poll's results
 
-    Poll poll;                   ///< the card library's poll, called without a detour
+    Poll poll;  ///< the card library's poll, called without a detour
     enyx_hw_a2c_stream* stream;
     /// From which result of a poll on VexoRecv does not return it as it is: 2 (0 is no packet, 1 a packet, others are
     /// failures), and 0 from a packet that did not reach the application to the end of its poll.

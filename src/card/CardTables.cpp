@@ -1,7 +1,7 @@
 #include "src/card/FpgaServ.h"
 
-#include "src/card/RowId.h"
 #include "interface/CardRegisters.h"
+#include "src/card/RowId.h"
 #include "src/log/log.h"
 #include "src/util/Sleep.h"
 
@@ -11,10 +11,10 @@ namespace {
 
 constexpr char kLogFile[] = "DataType";
 
-constexpr std::uint16_t kHighestIndex      = 8192;
-constexpr std::uint32_t kLastClearCommand  = 4095 << card_reg::kRowShift;
-constexpr int kUnsubscribePasses           = 6;
-constexpr std::uint32_t kWrittenIdWords    = 3;  // an id is written with its first 12 characters
+constexpr std::uint16_t kHighestIndex = 8192;
+constexpr std::uint32_t kLastClearCommand = 4095 << card_reg::kRowShift;
+constexpr int kUnsubscribePasses = 6;
+constexpr std::uint32_t kWrittenIdWords = 3;  // an id is written with its first 12 characters
 
 const card_reg::TableRegisters& Table(std::uint8_t type) {
     return type == 0 ? card_reg::kTables[card_reg::kSingleLegTable] : card_reg::kTables[card_reg::kCombinationTable];

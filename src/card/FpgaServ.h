@@ -10,8 +10,8 @@
 
 namespace Vexo2_U50 {
 
-using InstIdToIndex  = std::map<std::string, unsigned short>;
-using IndexToInstId  = std::map<unsigned short, std::string>;
+using InstIdToIndex = std::map<std::string, unsigned short>;
+using IndexToInstId = std::map<unsigned short, std::string>;
 using IndexToChanBit = std::map<unsigned short, unsigned short>;
 
 /// The library's view of the card's two instrument tables and of the registers that start, stop and reset its decoding.
@@ -58,7 +58,8 @@ public:
     std::uint32_t GetRealTime();
     /// Whether decoding is on and the card's parser counters stand still; takes two seconds when decoding is on.
     bool FpgaCounterEqual();
-    /// Adds every id that rows 0 to 4094 of both tables hold to the map. Start-up only: it reads each row up to 8 times.
+    /// Adds every id that rows 0 to 4094 of both tables hold to the map. Start-up only: it reads each row up to 8
+    /// times.
     void FetchAllInst();
 
     // ---- merged store of all channels ----

@@ -1,7 +1,7 @@
 #include <utility>
 
-#include "src/card/FpgaServ.h"
 #include "interface/CardRegisters.h"
+#include "src/card/FpgaServ.h"
 #include "src/log/log.h"
 
 namespace Vexo2_U50 {
@@ -18,7 +18,7 @@ unsigned int Count(const IndexToChanBit& rows) { return static_cast<unsigned int
 void CZceFpgaServ::StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::string id, std::uint32_t chan) {
     const std::lock_guard<std::mutex> guard(subscribe_mutex);
     IndexToChanBit& masks = type == 0 ? oneLegChanBits : combineChanBits;
-    IndexToInstId& names  = type == 0 ? oneLegNames : combineNames;
+    IndexToInstId& names = type == 0 ? oneLegNames : combineNames;
     const auto bit = static_cast<unsigned short>(chan < card_reg::kChannels ? 1U << chan : 0U);
     masks[index] = static_cast<unsigned short>(masks[index] | bit);
     names[index] = std::move(id);
@@ -31,12 +31,12 @@ void CZceFpgaServ::SubscribeForChannels(std::uint8_t type, std::uint16_t index, 
     {
         const std::lock_guard<std::mutex> guard(subscribe_mutex);
         // The card mostly announces its rows in ascending order: the end is where a map need not search.
-        IndexToChanBit& masks  = type == 0 ? oneLegChanBits : combineChanBits;
-        IndexToInstId& names   = type == 0 ? oneLegNames : combineNames;
+        IndexToChanBit& masks = type == 0 ? oneLegChanBits : combineChanBits;
+        IndexToInstId& names = type == 0 ? oneLegNames : combineNames;
         unsigned short& stored = masks.try_emplace(masks.end(), index)->second;
-        mask   = stored;
+        mask = stored;
         stored = static_cast<unsigned short>(stored | channels);
-        name   = &(names.insert_or_assign(names.end(), index, id)->second);
+        name = &(names.insert_or_assign(names.end(), index, id)->second);
     }
     for (std::uint32_t chan = 0; chan < card_reg::kChannels; ++chan) {
         if ((channels >> chan & 1) == 0) continue;
@@ -48,11 +48,11 @@ void CZceFpgaServ::SubscribeForChannels(std::uint8_t type, std::uint16_t index, 
 
 void CZceFpgaServ::StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan) {
     // Copies, because a caller may hand in this object's own maps, which grow below.
-    const IndexToInstId oneLegInsts  = oneLeg;
+    const IndexToInstId oneLegInsts = oneLeg;
     const IndexToInstId combineInsts = combine;
     const auto number = static_cast<int>(chan);
-    LOG_INFO("[channel:%d] Record func:Meeting conditions count is:OneLeg:%u, Combine:%u.", number,
-             Count(oneLegInsts), Count(combineInsts));
+    LOG_INFO("[channel:%d] Record func:Meeting conditions count is:OneLeg:%u, Combine:%u.", number, Count(oneLegInsts),
+             Count(combineInsts));
     if (oneLegInsts.empty() && combineInsts.empty())
         LOG_INFO("[channel:%d] Matched subs inst count is 0. you doesn't subscribe inst.", number);
     for (const auto& [index, id] : oneLegInsts) StoreInstToGlob(card_reg::kSingleLegTable, index, id, chan);
@@ -63,7 +63,9 @@ void CZceFpgaServ::SubsFromGlobInsts() {
     LOG_WARN("Subscribe:Meeting conditions count is:OneLeg:%u, Combine:%u. Now write to fpga!", Count(oneLegChanBits),
              Count(combineChanBits));
     if (oneLegChanBits.empty() && combineChanBits.empty()) {
-        LOG_INFO("Warning !! The number of contracts that comply with the subscription rules is 0. You subscribe no contract !!");
+        LOG_INFO(
+            "Warning !! The number of contracts that comply with the subscription rules is 0. You subscribe no "
+            "contract !!");
     }
     for (const auto& [index, mask] : oneLegChanBits) SubsOneInst(card_reg::kSingleLegTable, index, mask);
     for (const auto& [index, mask] : combineChanBits) SubsOneInst(card_reg::kCombinationTable, index, mask);

@@ -2,10 +2,10 @@
 #include <cstring>
 #include <iterator>
 
-#include "src/card/RowId.h"
-#include "src/card/FpgaServ.h"
-#include "interface/CardRegisters.h"
 #include "VexoZceUtil.h"
+#include "interface/CardRegisters.h"
+#include "src/card/FpgaServ.h"
+#include "src/card/RowId.h"
 #include "src/log/log.h"
 #include "src/util/LocalTime.h"
 #include "src/util/Sleep.h"
@@ -16,10 +16,10 @@ namespace {
 
 constexpr char kLogFile[] = "DataType";
 
-constexpr std::uint32_t kFailure         = 0xFFFFFFFF;
+constexpr std::uint32_t kFailure = 0xFFFFFFFF;
 constexpr std::uint32_t kMaxTimeDistance = 1799;  // between the card's and the system's HHMMSS, as numbers
-constexpr std::uint32_t kFetchedRows     = 4095;
-constexpr int kReadAttempts              = 8;
+constexpr std::uint32_t kFetchedRows = 4095;
+constexpr int kReadAttempts = 8;
 
 struct ParserCounters {
     std::uint32_t values[std::size(card_reg::kParserCounters)] = {};
@@ -50,11 +50,11 @@ bool CZceFpgaServ::bDataEqual(std::uint32_t* cardDate, std::uint32_t* sysDate) {
 }
 
 std::uint32_t CZceFpgaServ::GetRealTime() {
-    const auto number       = static_cast<int>(channel);
+    const auto number = static_cast<int>(channel);
     const std::uint32_t sys = local_time::TimeOfDay(local_time::Now());
-    std::uint32_t card      = 0;
-    std::uint32_t cardDate  = 0;
-    std::uint32_t sysDate   = 0;
+    std::uint32_t card = 0;
+    std::uint32_t cardDate = 0;
+    std::uint32_t sysDate = 0;
     if (ZceIsInTradeTime() && bDataEqual(&cardDate, &sysDate)) {
         std::uint32_t a = 0;
         if (driver->ReadInt32(card_reg::kExchangeTimeA, a) != 0) {

@@ -1,17 +1,17 @@
 #include "src/channel/DmaChannel.h"
 
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <pwd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include "VexoZceUtil.h"
 #include "interface/CardRegisters.h"
 #include "src/driver/DmaStream.h"
-#include "VexoZceUtil.h"
 #include "src/log/log.h"
 #include "src/util/LocalTime.h"
 
@@ -32,9 +32,9 @@ struct TimeWindow {
 
 constexpr std::uint32_t kBeforeMorning = 80000;  // up to here the card still holds yesterday's instruments
 constexpr TimeWindow kTradingWindows[] = {{90000, 101450}, {103000, 113000}, {133000, 160000}, {210000, 233000}};
-constexpr TimeWindow kClosedWindows[]  = {{160000, 201500}, {233000, 235959}};
+constexpr TimeWindow kClosedWindows[] = {{160000, 201500}, {233000, 235959}};
 
-constexpr int kLastAfternoonHour    = 14;
+constexpr int kLastAfternoonHour = 14;
 constexpr TimeWindow kEveningAuction = {205510, 213000};
 constexpr TimeWindow kMorningAuction = {85510, 93000};
 
@@ -149,7 +149,7 @@ void CZceDmaChanImpl::ChkAndRst() {
 
 bool CZceDmaChanImpl::IsResetDue() {
     std::uint32_t fpgaDate = 0;
-    std::uint32_t sysDate  = 0;
+    std::uint32_t sysDate = 0;
     const bool today = m_pFpgaServ->bDataEqual(&fpgaDate, &sysDate);
     LOG_INFO("First time read fpga date:%u, system date:%u.", fpgaDate, sysDate);
     if (!today) return true;
@@ -217,7 +217,7 @@ PacketPath CZceDmaChanImpl::StraightPath(IVexoZceMdSpi& spi) {
 
 int CZceDmaChanImpl::FinishUnusual(PacketPath& path, int handled) {
     const bool delivered = handled > 0 && path.unusualFrom != 0;
-    path.unusualFrom     = PacketPath::kFirstFailure;
+    path.unusualFrom = PacketPath::kFirstFailure;
     if (m_callbackError) RethrowCallbackError();
     return delivered ? 1 : 0;
 }
@@ -227,7 +227,7 @@ int CZceDmaChanImpl::KeepRecv(DmaPacketHandler handler, bool* run, void* ctx) {
         std::printf("Invalid parameter. \n");
         return -1;
     }
-    m_pfnHandler  = handler;
+    m_pfnHandler = handler;
     m_pHandlerCtx = ctx;
     m_pDma->RegisterHandler(reinterpret_cast<void*>(&CZceDmaChanImpl::DmaEntrance), this);
     while (*run) {

@@ -4,16 +4,16 @@
 #include <chrono>
 #include <cstdint>
 #include <exception>
-#include <vector>
 #include <map>
 #include <string>
+#include <vector>
 
+#include "src/api/PacketPath.h"
 #include "src/card/FpgaServ.h"
 #include "src/config/ConfigFile.h"
 #include "src/dayfile/DayFile.h"
 #include "src/driver/IDrv.h"
 #include "src/driver/IDrvDMA.h"
-#include "src/api/PacketPath.h"
 #include "src/instruments/ContractServ.h"
 
 class CVexoZceMdApiImpl;
@@ -45,7 +45,8 @@ public:
     int Init(Vexo2_U50::ZceDmaInitParms_t* parms);
     int Work(Vexo2_U50::ZceDmaInitParms_t* parms);
     int InitDma(Vexo2_U50::ZceDmaInitParms_t* parms);
-    /// Polls once. @return 1 when a market-data packet reached the application, else 0. What a callback threw leaves here.
+    /// Polls once. @return 1 when a market-data packet reached the application, else 0. What a callback threw leaves
+    /// here.
     int PollOnce();
     /// The straight way of this channel's packets, once the stream is open.
     PacketPath StraightPath(IVexoZceMdSpi& spi);
@@ -74,26 +75,26 @@ public:
     void LoadtomapFrmParsedMsg(const std::string& instId, unsigned char flag, unsigned short index, unsigned int msgNo);
     void IncreQuoteSub(const std::string& instId, unsigned short index);
 
-    bool m_bCfgParsed     = false;
+    bool m_bCfgParsed = false;
     bool m_bCfgInsSuccess = false;  ///< every configured class and instrument has been announced
     std::chrono::system_clock::time_point m_tCfgSuccTime;
-    std::uint32_t m_bRecvData   = 0;  ///< 1 when market data reached the application since the last PollOnce, but for
+    std::uint32_t m_bRecvData = 0;    ///< 1 when market data reached the application since the last PollOnce, but for
                                       ///< what went the straight way
     std::uint64_t m_ulParsedCnt = 0;  ///< instrument entries in contract-map packets so far, repeats included
     DmaPacketHandler m_pfnHandler = nullptr;
-    void* m_pHandlerCtx           = nullptr;
-    IDrvDMA* m_pDma               = nullptr;  ///< owned
+    void* m_pHandlerCtx = nullptr;
+    IDrvDMA* m_pDma = nullptr;                ///< owned
     Vexo2_U50::InstIdToIndex m_mapInstIdx;    ///< shared by reference with the services below
-    std::vector<std::string> m_vecRecvClass;    ///< first two characters of every announced id
-    Vexo2_U50::CZceFpgaServ* m_pFpgaServ      = nullptr;
+    std::vector<std::string> m_vecRecvClass;  ///< first two characters of every announced id
+    Vexo2_U50::CZceFpgaServ* m_pFpgaServ = nullptr;
     Vexo2_U50::CContractServ* m_pContractServ = nullptr;
-    CBrixBinFile* m_pBinFile                  = nullptr;
+    CBrixBinFile* m_pBinFile = nullptr;
     Vexo2_U50::CZceConfigFile* m_pCfgFile;  ///< not owned
     IDrv* m_pDrv;
     CVexoZceMdApiImpl* m_pApi;
     std::uint32_t m_uiChannel = 255;  ///< until Init has set it
 
-    static std::atomic<bool> m_bSignalRegister;  ///< the stop signals are handled
+    static std::atomic<bool> m_bSignalRegister;               ///< the stop signals are handled
     static std::atomic<std::uint32_t>& g_uiContractSettleTm;  ///< CBrixBinFile::m_uiSettleTime
 
 private:

@@ -1,8 +1,8 @@
+#include <cxxabi.h>
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <cxxabi.h>
 
 #include "src/api/ApiImpl.h"
 #include "src/channel/DmaChannel.h"
@@ -14,17 +14,17 @@ namespace {
 constexpr char kLogFile[] = "VexoZceUpdmaImpl";
 
 // Layout of the card's packets: a 12-byte head whose first word is the type (host order), then the payload.
-constexpr unsigned int kTypeSize       = 4;
+constexpr unsigned int kTypeSize = 4;
 constexpr unsigned int kPacketHeadSize = 12;
 
 constexpr std::uint32_t kTypeContractMap = 2;
 constexpr std::uint32_t kFirstMarketData = 17;
-constexpr std::uint32_t kLastMarketData  = 20;
+constexpr std::uint32_t kLastMarketData = 20;
 
 // Contract-map packet: behind the head the length of the message area, then the messages, all numbers big-endian.
 constexpr unsigned int kMapPacketMinSize = 15;
-constexpr unsigned int kMapAreaLength    = 12;
-constexpr unsigned int kMapArea          = 14;
+constexpr unsigned int kMapAreaLength = 12;
+constexpr unsigned int kMapArea = 14;
 
 // A message begins with its own length; the first of a packet has four bytes more in its header than the others.
 struct MessageHeader {
@@ -36,9 +36,9 @@ constexpr MessageHeader kFirstHeader = {6, 7, 9};
 constexpr MessageHeader kLaterHeader = {2, 3, 5};
 
 constexpr unsigned int kMessageLengthSize = 2;
-constexpr std::size_t kMaxIdLength        = 63;
-constexpr std::size_t kMinSubscribedId    = 5;
-constexpr std::uint64_t kProgressStep     = 8192;
+constexpr std::size_t kMaxIdLength = 63;
+constexpr std::size_t kMinSubscribedId = 5;
+constexpr std::uint64_t kProgressStep = 8192;
 constexpr std::uint64_t kAllReceivedCount = 24576;
 
 std::uint32_t PacketType(const unsigned char* pkt) {
@@ -53,7 +53,8 @@ std::chrono::system_clock::time_point SystemNow() {
     std::timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     const auto sinceEpoch = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-    return std::chrono::system_clock::time_point(std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
+    return std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
 }
 
 }  // namespace
@@ -110,7 +111,7 @@ __attribute__((noinline, cold)) void CZceDmaChanImpl::HandleTheFullWay(const uns
 
 __attribute__((noinline, cold)) void CZceDmaChanImpl::KeepCallbackError(PacketPath& path) {
     path.channel->m_callbackError = std::current_exception();
-    path.unusualFrom                  = 0;
+    path.unusualFrom = 0;
 }
 
 int CZceDmaChanImpl::HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {
@@ -166,7 +167,7 @@ int CZceDmaChanImpl::HandleContMapPkt(const unsigned char* pkt, unsigned int len
     LoadtoMapFromMac(pkt, len);
     if (!m_bCfgInsSuccess && CheckConfigInst() == 0) {
         m_bCfgInsSuccess = true;
-        m_tCfgSuccTime   = SystemNow();
+        m_tCfgSuccTime = SystemNow();
         LOG_INFO("check config is success. m_bCfgInsSuccess is %d.", 1);
     }
     if (!m_bCfgInsSuccess) return 0;
@@ -194,8 +195,9 @@ void CZceDmaChanImpl::LoadtoMapFromMac(const unsigned char* pkt, unsigned int le
     for (unsigned int msgNo = 0; pos < end; ++msgNo) {
         unsigned int msgLen = 0;
         if (LoadtoMapFromEachMsg(pkt + pos, len - pos, msgNo, msgLen) != 0) {
-            LOG_WARN("Bad contract map message, number:%u, offset:%u, packet size:%u! The rest of the packet is dropped.",
-                     msgNo, pos, len);
+            LOG_WARN(
+                "Bad contract map message, number:%u, offset:%u, packet size:%u! The rest of the packet is dropped.",
+                msgNo, pos, len);
             return;
         }
         pos += msgLen;

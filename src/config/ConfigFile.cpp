@@ -1,12 +1,12 @@
 #include "src/config/ConfigFile.h"
 
+#include <sched.h>
+#include <sys/stat.h>
 #include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <sched.h>
-#include <sys/stat.h>
 #include <utility>
 
 #include "src/card/FpgaServ.h"
@@ -18,11 +18,11 @@ namespace {
 
 constexpr char kLogFile[] = "DataType";
 
-constexpr std::uint32_t kFailure          = 0xFFFFFFFF;
+constexpr std::uint32_t kFailure = 0xFFFFFFFF;
 constexpr std::uint32_t kChannelNotParsed = 255;
-constexpr std::uint32_t kMaxBus           = 4;
-constexpr int kDefaultBinDelay            = 15;  // minutes
-constexpr int kNoCpu                      = -1;
+constexpr std::uint32_t kMaxBus = 4;
+constexpr int kDefaultBinDelay = 15;  // minutes
+constexpr int kNoCpu = -1;
 
 // A number of the device value in 32 bits. One that does not fit must not come out as a valid bus or channel.
 std::uint32_t Narrow(long number) {

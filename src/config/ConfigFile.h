@@ -1,13 +1,13 @@
 #pragma once
 
+#include <iniparser/iniparser.h>
 #include <atomic>
 #include <cstdint>
-#include <iniparser/iniparser.h>
 #include <string>
 #include <vector>
 
-#include "src/instruments/SubsInfo.h"
 #include "src/driver/IDrv.h"
+#include "src/instruments/SubsInfo.h"
 
 class CVexoZceMdApiImpl;
 
@@ -60,8 +60,8 @@ public:
     ZceSubsInfo_t m_stSubsInfo[card_reg::kChannels];
     std::uint32_t m_binDelayTime;  ///< minutes
 
-    /// Feeds that are switched on: bit 1 Level-1, bit 0 Level-5. Class-wide: the last DumpDevInfo wins. The word itself is
-    /// the card service's, which writes it into the card.
+    /// Feeds that are switched on: bit 1 Level-1, bit 0 Level-5. Class-wide: the last DumpDevInfo wins. The word itself
+    /// is the card service's, which writes it into the card.
     static std::atomic<std::uint32_t>& m_SwitchReg;
     static std::string m_ini_path;
 

@@ -1,7 +1,7 @@
 #include <cstdio>
 
-#include "src/config/ConfigFile.h"
 #include "interface/CardRegisters.h"
+#include "src/config/ConfigFile.h"
 #include "src/log/log.h"
 
 namespace Vexo2_U50 {

@@ -1,8 +1,8 @@
 #include <cstring>
 #include <string>
 
-#include "src/instruments/InstId.h"
 #include "src/config/ConfigFile.h"
+#include "src/instruments/InstId.h"
 #include "src/log/log.h"
 
 namespace Vexo2_U50 {
@@ -12,7 +12,7 @@ namespace {
 constexpr char kLogFile[] = "DataType";
 
 constexpr std::uint32_t kFailure = 0xFFFFFFFF;
-constexpr char kReceive[]        = "recv";  // exactly so: "RECV" refuses
+constexpr char kReceive[] = "recv";  // exactly so: "RECV" refuses
 
 std::string ChannelKey(std::uint32_t channel, const char* name) {
     return "channel" + std::to_string(channel) + ":" + name;
@@ -30,8 +30,7 @@ void LogInsts(const ZceSubsInfo_t& info, std::uint32_t channel) {
     LOG_INFO("[channel:%d] --------Channel %u subscribed information is as below:--------", number, channel);
     for (const std::string& id : info.m_SubsContractId) LOG_INFO("[channel:%d] subId:%s", number, id.c_str());
     if (info.bSubAll) LOG_INFO("[channel:%d] You subscribe all subId !", number);
-    for (const std::string& cls : info.m_SubsContractClass)
-        LOG_INFO("[channel:%d] subClass:%s,", number, cls.c_str());
+    for (const std::string& cls : info.m_SubsContractClass) LOG_INFO("[channel:%d] subClass:%s,", number, cls.c_str());
 }
 
 }  // namespace
@@ -100,7 +99,8 @@ void CZceConfigFile::ParseRawInsts(std::string value, std::uint32_t channel) {
     if (channel >= card_reg::kChannels) return;
     ZceSubsInfo_t& info = m_stSubsInfo[channel];
     char* rest = nullptr;
-    for (char* token = ::strtok_r(value.data(), ",", &rest); token != nullptr; token = ::strtok_r(nullptr, ",", &rest)) {
+    for (char* token = ::strtok_r(value.data(), ",", &rest); token != nullptr;
+         token = ::strtok_r(nullptr, ",", &rest)) {
         if (contains_digit(token)) {
             AddToken(token, info.m_SubsContractId, info.strIds);
         } else {

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <map>
 
-#include "src/config/ConfigFile.h"
 #include "interface/CardRegisters.h"
+#include "src/config/ConfigFile.h"
 #include "src/log/log.h"
 
 namespace Vexo2_U50 {
@@ -14,10 +14,10 @@ namespace {
 
 constexpr char kLogFile[] = "DataType";
 
-constexpr std::uint32_t kFailure    = 0xFFFFFFFF;
-constexpr char kSoftVersion[]       = "1.1.2.13";
-constexpr char kVersionSection[]    = "version:";
-constexpr std::size_t kValueLength  = 8;  // characters of a version value that count
+constexpr std::uint32_t kFailure = 0xFFFFFFFF;
+constexpr char kSoftVersion[] = "1.1.2.13";
+constexpr char kVersionSection[] = "version:";
+constexpr std::size_t kValueLength = 8;  // characters of a version value that count
 
 // Least hardware version of the value of a version key.
 std::uint32_t RequiredVersion(const char* value) {

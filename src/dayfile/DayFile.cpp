@@ -16,9 +16,9 @@ namespace {
 
 constexpr char kLogFile[] = "VexoZceBinFile";
 
-constexpr char kHeader[]          = "inst_index,inst_id";
-constexpr char kEndTag[]          = "bin_file_over_tag";
-constexpr int kFirstEveningHour   = 17;
+constexpr char kHeader[] = "inst_index,inst_id";
+constexpr char kEndTag[] = "bin_file_over_tag";
+constexpr int kFirstEveningHour = 17;
 constexpr std::size_t kIndexDigits = 5;
 
 // Path of the current half-day's file.

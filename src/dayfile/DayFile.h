@@ -24,7 +24,7 @@ public:
     CBrixBinFile& operator=(const CBrixBinFile&) = delete;
 
     // ---- day file; results are 0 or -1 ----
-    int InstBinFileInit();                                      ///< starts the file afresh
+    int InstBinFileInit();                                        ///< starts the file afresh
     void WriteBinFileInst(std::string id, unsigned short index);  ///< on disk before it returns
     void WriteBinFileEnd();
     /// Loads today's file of this half-day. The map is empty after a file that was read and is not whole, and untouched
@@ -43,8 +43,8 @@ public:
     int Intrade_CheckAndGetAllInstFromBin();
 
     std::map<std::string, unsigned short>& m_Intrade_AllInstMap;
-    unsigned long m_ulCreateTime = 0;        ///< YYYYMMDDhhmmss of the file "bin", 0 until read
-    std::FILE* m_lpIntradeFile   = nullptr;  ///< the file "bin" while it is open
+    unsigned long m_ulCreateTime = 0;      ///< YYYYMMDDhhmmss of the file "bin", 0 until read
+    std::FILE* m_lpIntradeFile = nullptr;  ///< the file "bin" while it is open
     unsigned int m_uiChannel;
     safe_file::OutputFile m_dayFile;
     /// Exchange time at which the contracts had settled, HHMMSS; the channel sets it.
@@ -56,6 +56,6 @@ private:
     bool OpenIntraday(const char* mode);
     void CloseIntraday();
 
-    std::string m_strDayPath;  ///< of the file that m_dayFile has open
+    std::string m_strDayPath;      ///< of the file that m_dayFile has open
     std::vector<char> m_lineRoom;  ///< where the lines of the day file are put together, one after another
 };

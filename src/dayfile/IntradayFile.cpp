@@ -14,12 +14,12 @@ constexpr char kLogFile[] = "VexoZceBinFile";
 
 constexpr char kBinName[] = "bin";
 constexpr char kTimeKey[] = "contract's_corresponding_time=";
-constexpr char kEndTag[]  = "bin_file_over_tag";
+constexpr char kEndTag[] = "bin_file_over_tag";
 
-constexpr int kInstLineSize           = 128;  // a longer line is cut
-constexpr int kReadLineSize           = 256;  // a longer line is read in pieces
-constexpr unsigned long kTimeOfDay    = 1000000;  // YYYYMMDDhhmmss: date above, time of day below
-constexpr int kLastMorningHour        = 14;
+constexpr int kInstLineSize = 128;             // a longer line is cut
+constexpr int kReadLineSize = 256;             // a longer line is read in pieces
+constexpr unsigned long kTimeOfDay = 1000000;  // YYYYMMDDhhmmss: date above, time of day below
+constexpr int kLastMorningHour = 14;
 
 bool BeginsWith(const char* line, const char* text) { return std::strncmp(line, text, std::strlen(text)) == 0; }
 

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "src/driver/HwHandles.h"
 #include "src/driver/CoreLookup.h"
+#include "src/driver/HwHandles.h"
 #include "src/log/log.h"
 #include "src/util/Decimal.h"
 
@@ -13,8 +13,8 @@ std::atomic<enyx_hw_accelerator*> CDrvDMAEnyx::m_lpAcc{nullptr};
 
 namespace {
 
-constexpr char kLogFile[]      = "drvDMAEnyx";
-constexpr char kChannelMark[]  = "CHAN";
+constexpr char kLogFile[] = "drvDMAEnyx";
+constexpr char kChannelMark[] = "CHAN";
 constexpr std::time_t kMaxBusy = 2;  // seconds of a busy stream before a send is given up
 
 std::time_t RealSeconds() {
@@ -31,11 +31,11 @@ int CDrvDMAEnyx::Init(void* record) {
         return -1;
     }
     const auto* parms = static_cast<const EnyxDmaInitParms_t*>(record);
-    m_uiBusId    = parms->uiBusId;
+    m_uiBusId = parms->uiBusId;
     m_strCfgName = parms->strName;
-    m_uiParm1    = parms->uiParm1;
-    m_uiParm2    = parms->uiParm2;
-    m_uiParm3    = parms->uiParm3;
+    m_uiParm1 = parms->uiParm1;
+    m_uiParm2 = parms->uiParm2;
+    m_uiParm3 = parms->uiParm3;
 
     const std::size_t mark = m_strCfgName.find(kChannelMark);
     if (mark == std::string::npos) {
@@ -53,7 +53,7 @@ int CDrvDMAEnyx::Init(void* record) {
 
 int CDrvDMAEnyx::InitDma(std::string& name) {
     m_strDmaName = name;
-    m_bInited    = false;  // until the streams of this name are open
+    m_bInited = false;  // until the streams of this name are open
     enyx_hw_accelerator* acc = DrvEnyxCoreGetAcc(static_cast<unsigned short>(m_uiBusId));
     m_lpAcc = acc;
     if (acc == nullptr) {
@@ -62,7 +62,8 @@ int CDrvDMAEnyx::InitDma(std::string& name) {
     }
     if (FindAndOpenStreams(acc, m_strDmaName) != 0) return -1;
 
-    if (enyx_hw_a2c_stream_get_mtu(m_lpA2c, &m_uiA2cMtu) != 0 || enyx_hw_c2a_stream_get_mtu(m_lpC2a, &m_uiC2aMtu) != 0) {
+    if (enyx_hw_a2c_stream_get_mtu(m_lpA2c, &m_uiA2cMtu) != 0 ||
+        enyx_hw_c2a_stream_get_mtu(m_lpC2a, &m_uiC2aMtu) != 0) {
         LOG_ERROR("Could not get mtu.dmaName:%s, err:%s", m_strDmaName.c_str(), std::strerror(errno));
         return -1;
     }
@@ -144,7 +145,7 @@ int CDrvDMAEnyx::RecvOnceCb() {
 }
 
 int CDrvDMAEnyx::RegisterHandler(void* handler, void* ctx) {
-    m_pfnHandler  = reinterpret_cast<DmaPacketHandler>(handler);
+    m_pfnHandler = reinterpret_cast<DmaPacketHandler>(handler);
     m_pHandlerCtx = ctx;
     return 0;
 }
@@ -153,9 +154,9 @@ int CDrvDMAEnyx::PollData() { return RecvOnceCb(); }
 
 void CDrvDMAEnyx::ReportCounters() const {
     std::uint32_t backpress = 0;
-    std::uint32_t packets   = 0;
-    std::uint32_t fifo      = 0;
-    std::uint32_t error     = 0;
+    std::uint32_t packets = 0;
+    std::uint32_t fifo = 0;
+    std::uint32_t error = 0;
     if (enyx_hw_a2c_stream_stats_get_backpressure(m_lpA2c, &backpress) != 0)
         LOG_INFO("get a2c stream backpress num fail.");
     if (enyx_hw_a2c_stream_stats_get_packet_count(m_lpA2c, &packets) != 0)

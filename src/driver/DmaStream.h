@@ -1,8 +1,8 @@
 #pragma once
 
+#include <enyx-hw-c/enyx_hw.h>
 #include <atomic>
 #include <cstdint>
-#include <enyx-hw-c/enyx_hw.h>
 #include <string>
 
 #include "src/driver/IDrvDMA.h"
@@ -10,7 +10,7 @@
 /// What CDrvDMAEnyx::Init takes.
 struct EnyxDmaInitParms_t {
     std::uint32_t uiBusId;
-    std::string strName;  ///< stream name; contains "CHAN" and the decimal channel number
+    std::string strName;    ///< stream name; contains "CHAN" and the decimal channel number
     std::uint32_t uiParm1;  ///< the three numbers are kept and not used by this driver
     std::uint32_t uiParm2;
     std::uint32_t uiParm3;
@@ -45,13 +45,13 @@ public:
     std::uint32_t m_uiParm1 = 0;
     std::uint32_t m_uiParm2 = 0;
     std::uint32_t m_uiParm3 = 0;
-    bool m_bInited          = false;  ///< both streams open, both MTUs known
+    bool m_bInited = false;  ///< both streams open, both MTUs known
     enyx_hw_c2a_stream* m_lpC2a = nullptr;
     enyx_hw_a2c_stream* m_lpA2c = nullptr;
-    std::uint32_t m_uiA2cMtu    = 0;
-    std::uint32_t m_uiC2aMtu    = 0;
+    std::uint32_t m_uiA2cMtu = 0;
+    std::uint32_t m_uiC2aMtu = 0;
     DmaPacketHandler m_pfnHandler = nullptr;
-    void* m_pHandlerCtx           = nullptr;
+    void* m_pHandlerCtx = nullptr;
     std::string m_strDmaName;
     int m_iChannel = 0;
 

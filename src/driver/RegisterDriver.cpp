@@ -14,8 +14,8 @@ namespace {
 
 constexpr char kLogFile[] = "drvEnyx";
 
-constexpr unsigned long kWordBytes    = 4;
-constexpr unsigned long kChunkBytes   = 8;
+constexpr unsigned long kWordBytes = 4;
+constexpr unsigned long kChunkBytes = 8;
 constexpr unsigned long kMaxFieldSize = 128;
 
 std::mutex s_initMutex;
@@ -33,9 +33,9 @@ private:
 
 enyx_hw_register_description Describe(std::uint64_t byteAddress, unsigned long bytes) {
     enyx_hw_register_description reg{};
-    reg.address    = byteAddress;
+    reg.address = byteAddress;
     reg.bit_offset = 0;
-    reg.bit_width  = static_cast<std::uint8_t>(bytes * 8);
+    reg.bit_width = static_cast<std::uint8_t>(bytes * 8);
     return reg;
 }
 
@@ -70,7 +70,7 @@ int CDrvEnyxReg::Init(void* param) {
     if (m_bInited) return 0;
 
     const auto* parms = static_cast<const EnyxRegInitParms_t*>(param);
-    const int found   = DrvEnyxGetCore(parms->uiBusId, parms->uiCoreId, &m_lpCore, 1);
+    const int found = DrvEnyxGetCore(parms->uiBusId, parms->uiCoreId, &m_lpCore, 1);
     if (m_lpCore == nullptr || found != 1) {
         LOG_ERROR("enumerate core error!, get core num %d, msg:%s, busid:%d, coreId:%d.", found, std::strerror(errno),
                   parms->uiBusId, parms->uiCoreId);
@@ -131,9 +131,7 @@ int CDrvEnyxReg::WriteInt32(unsigned long addr, unsigned int value) {
     return -1;
 }
 
-int CDrvEnyxReg::WriteInt32_Log(unsigned long addr, unsigned int value) {
-    return CDrvEnyxReg::WriteInt32(addr, value);
-}
+int CDrvEnyxReg::WriteInt32_Log(unsigned long addr, unsigned int value) { return CDrvEnyxReg::WriteInt32(addr, value); }
 
 int CDrvEnyxReg::WriteInt32_LogWithRead(unsigned long addr, unsigned int value) {
     const CoreLock lock(m_lpCore);

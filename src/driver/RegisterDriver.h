@@ -1,7 +1,7 @@
 #pragma once
 
-#include <cstdint>
 #include <enyx-hw-c/enyx_hw.h>
+#include <cstdint>
 
 #include "src/driver/IDrv.h"
 
@@ -39,7 +39,7 @@ public:
     long WriteBytes(unsigned long addr, unsigned char* buf, unsigned long len) override;
 
     enyx_hw_core* m_lpCore = nullptr;  ///< the core tree owns it
-    bool m_bInited         = false;
+    bool m_bInited = false;
 
     static CDrvEnyxReg* instance;  ///< the one driver of the process; null until the factory makes it
 };

@@ -23,8 +23,8 @@ public:
     unsigned int Holding(const std::string& name) {
         if (!m_asked || name != m_name) {
             m_channels = Ask(name);
-            m_name     = name;
-            m_asked    = true;
+            m_name = name;
+            m_asked = true;
         }
         return m_channels;
     }

@@ -1,7 +1,7 @@
 
+#include "src/dayfile/DayFile.h"
 #include "src/instruments/ContractServ.h"
 #include "src/instruments/InstId.h"
-#include "src/dayfile/DayFile.h"
 #include "src/log/log.h"
 #include "src/util/LocalTime.h"
 #include "src/util/Sleep.h"
@@ -15,13 +15,13 @@ constexpr char kLogFile[] = "DataType";
 constexpr std::uint32_t kFailure = 0xFFFFFFFF;
 
 // A card reset in the middle of the morning learns its instruments only when the second session opens.
-constexpr std::uint32_t kMorningFirst   = 90001;
-constexpr std::uint32_t kMorningLast    = 119999;
-constexpr std::uint32_t kBreakFirst     = 101450;
-constexpr std::uint32_t kBreakLast      = 103000;
-constexpr std::uint32_t kBreakWait      = 20;  // minutes
-constexpr std::uint32_t kUsualWait      = 4;   // minutes
-constexpr std::uint32_t kStep           = 10;  // seconds between two countdown lines
+constexpr std::uint32_t kMorningFirst = 90001;
+constexpr std::uint32_t kMorningLast = 119999;
+constexpr std::uint32_t kBreakFirst = 101450;
+constexpr std::uint32_t kBreakLast = 103000;
+constexpr std::uint32_t kBreakWait = 20;        // minutes
+constexpr std::uint32_t kUsualWait = 4;         // minutes
+constexpr std::uint32_t kStep = 10;             // seconds between two countdown lines
 constexpr std::uint32_t kWaitAfterReset = 120;  // seconds
 
 }  // namespace
@@ -38,7 +38,7 @@ std::uint32_t CContractServ::RecoverInstsFromFpga() {
 }
 
 std::uint32_t CContractServ::GetExpireTime() {
-    const std::uint32_t now  = local_time::TimeOfDay(local_time::Now());
+    const std::uint32_t now = local_time::TimeOfDay(local_time::Now());
     const std::uint32_t card = fpgaServ->GetRealTime();
     const bool inBreak = now >= kMorningFirst && now <= kMorningLast && card >= kBreakFirst && card <= kBreakLast;
     std::uint32_t minutes = 0;

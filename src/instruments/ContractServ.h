@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "src/card/FpgaServ.h"
 #include "src/instruments/SubsInfo.h"

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 #include <string>
+#include <vector>
 
 /// Helpers that read instrument identifiers (exchange contract codes) and the lists of them in the ini file.
 /// All are free of state and may be called from any thread.

@@ -7,7 +7,7 @@ namespace {
 
 // Mostly a name is not listed: with few places taken one look tells.
 constexpr std::size_t kSlotsPerName = 8;
-constexpr std::size_t kFirstSlots   = 64;
+constexpr std::size_t kFirstSlots = 64;
 
 }  // namespace
 

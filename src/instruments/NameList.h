@@ -10,8 +10,7 @@
 
 /// A text and its hash, taken once where many lists are asked for the same text. Does not own the text.
 struct HashedName {
-    explicit HashedName(std::string_view name)
-        : text(name), hash(std::hash<std::string_view>{}(name)) {}
+    explicit HashedName(std::string_view name) : text(name), hash(std::hash<std::string_view>{}(name)) {}
 
     std::string_view text;
     std::size_t hash;
@@ -21,9 +20,9 @@ struct HashedName {
 /// it holds a name. An entry never changes once it is in, so that the index beside the list is never out of step.
 class NameList {
 public:
-    using value_type     = std::string;
+    using value_type = std::string;
     using const_iterator = std::vector<std::string>::const_iterator;
-    using iterator       = const_iterator;
+    using iterator = const_iterator;
 
     NameList() = default;
     NameList(std::initializer_list<std::string> names) : NameList(names.begin(), names.end()) {}

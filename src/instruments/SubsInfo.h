@@ -11,11 +11,11 @@ namespace Vexo2_U50 {
 struct ZceSubsInfo_t {
     NameList m_SubsContractId;     ///< exact instrument ids
     NameList m_SubsContractClass;  ///< product codes
-    bool bSubAll                = false;         ///< every single-leg future; options still follow bOptionsRecv
-    bool bOptionsRecv           = false;
-    bool bIpsRecv               = false;  ///< inter-product spreads, ids beginning "IPS-"
-    bool bSpdRecv               = false;  ///< calendar spreads, ids beginning "SPD-"
-    unsigned int uiReserved3    = 3;
+    bool bSubAll = false;          ///< every single-leg future; options still follow bOptionsRecv
+    bool bOptionsRecv = false;
+    bool bIpsRecv = false;  ///< inter-product spreads, ids beginning "IPS-"
+    bool bSpdRecv = false;  ///< calendar spreads, ids beginning "SPD-"
+    unsigned int uiReserved3 = 3;
     std::string strIds;      ///< the ids as written, joined with ","
     std::string strClasses;  ///< the classes as written, joined with ","
     std::string strOptions;  ///< raw value of the key

@@ -26,8 +26,8 @@ __attribute__((noinline)) const LocalSecond* BreakDown(std::time_t when) {
     std::tm local;
     g_known = local_time::BreakDown(when, local);
     if (!g_known) return nullptr;
-    g_last.when      = when;
-    g_last.date      = local_time::Date(local);
+    g_last.when = when;
+    g_last.date = local_time::Date(local);
     g_last.utcOffset = local.tm_gmtoff;
     LineBuilder(g_last.text, sizeof g_last.text).AppendTime(local);
     g_zone = Zone::Current();

@@ -1,13 +1,13 @@
 #include "src/log/elog.h"
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <unistd.h>
 
+#include "src/log/LineBuilder.h"
 #include "src/log/LocalSecond.h"
 #include "src/log/elog_mutex.h"
-#include "src/log/LineBuilder.h"
 #include "src/util/LocalTime.h"
 
 elog_assert_hook_t elog_assert_hook = nullptr;
@@ -171,8 +171,8 @@ void elog_start() {
 
 void elog_fini() { elog_port_fini(); }
 
-void elog_output(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
-                 const char* format, ...) {
+void elog_output(std::uint8_t level, const char* tag, const char* file, const char* func, long line, const char* format,
+                 ...) {
     if (!IsWritten(level)) return;
     const ErrnoKeeper keep;
     const LogLock lock;

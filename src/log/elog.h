@@ -1,30 +1,30 @@
 #pragma once
 
+#include <sys/types.h>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
-#include <sys/types.h>
 
 /// The log core: formats one line a message, writes it to standard output and appends it to
 /// <dir>/<name>_YYYYMMDD.log, a new file each local calendar day. All state is process-global.
 /// Any thread may log; lines from several threads never mix.
 
-constexpr std::uint8_t ELOG_LVL_ASSERT  = 0;
-constexpr std::uint8_t ELOG_LVL_ERROR   = 1;
-constexpr std::uint8_t ELOG_LVL_WARN    = 2;
-constexpr std::uint8_t ELOG_LVL_EVENT   = 3;
-constexpr std::uint8_t ELOG_LVL_INFO    = 4;
-constexpr std::uint8_t ELOG_LVL_DEBUG   = 5;
+constexpr std::uint8_t ELOG_LVL_ASSERT = 0;
+constexpr std::uint8_t ELOG_LVL_ERROR = 1;
+constexpr std::uint8_t ELOG_LVL_WARN = 2;
+constexpr std::uint8_t ELOG_LVL_EVENT = 3;
+constexpr std::uint8_t ELOG_LVL_INFO = 4;
+constexpr std::uint8_t ELOG_LVL_DEBUG = 5;
 constexpr std::uint8_t ELOG_LVL_VERBOSE = 6;
-constexpr std::size_t ELOG_LVL_TOTAL    = 7;
+constexpr std::size_t ELOG_LVL_TOTAL = 7;
 
-constexpr std::uint64_t ELOG_FMT_LVL  = 1;
-constexpr std::uint64_t ELOG_FMT_TAG  = 2;
+constexpr std::uint64_t ELOG_FMT_LVL = 1;
+constexpr std::uint64_t ELOG_FMT_TAG = 2;
 constexpr std::uint64_t ELOG_FMT_TIME = 4;
-constexpr std::uint64_t ELOG_FMT_PID  = 8;
-constexpr std::uint64_t ELOG_FMT_TID  = 16;
+constexpr std::uint64_t ELOG_FMT_PID = 8;
+constexpr std::uint64_t ELOG_FMT_TID = 16;
 constexpr std::uint64_t ELOG_FMT_FILE = 32;
 constexpr std::uint64_t ELOG_FMT_FUNC = 64;
 constexpr std::uint64_t ELOG_FMT_LINE = 128;
@@ -44,8 +44,8 @@ void elog_fini();
 
 /// Writes one line. Dropped without a trace while output is disabled or when @p level is above the filter level.
 /// A line of more than ELOG_LINE_SIZE bytes is cut there. Leaves errno as it found it.
-void elog_output(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
-                 const char* format, ...) __attribute__((format(printf, 6, 7)));
+void elog_output(std::uint8_t level, const char* tag, const char* file, const char* func, long line, const char* format,
+                 ...) __attribute__((format(printf, 6, 7)));
 /// The same from inside a signal handler: takes no lock, calls nothing that a handler may not call.
 /// @param format  text with at most one "%d", which @p value replaces
 void elog_output_from_handler(std::uint8_t level, const char* tag, const char* file, const char* func, long line,

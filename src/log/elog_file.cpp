@@ -1,12 +1,12 @@
 #include "src/log/elog.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sched.h>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <string>
 
 #include "src/log/LocalSecond.h"
 #include "src/log/elog_mutex.h"
@@ -48,8 +48,8 @@ std::string DatedPath(const ElogFileCfg& cfg, const std::tm& local) {
     return path;
 }
 
-// Opens for appending. Not one of the three standard descriptors, which a daemon may have closed: a log file there would
-// get what others write to them.
+// Opens for appending. Not one of the three standard descriptors, which a daemon may have closed: a log file there
+// would get what others write to them.
 int OpenAbove(const char* path) {
     // O_NONBLOCK for the open alone: a FIFO that nobody reads must fail here, not hold the process up.
     const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);

@@ -1,9 +1,9 @@
 #include "src/log/elog.h"
 
-#include <cerrno>
 #include <poll.h>
 #include <stdio_ext.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include "src/log/elog_mutex.h"
 

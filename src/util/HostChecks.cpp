@@ -9,19 +9,19 @@
 
 namespace {
 
-constexpr unsigned int kNoBoard         = 0;
-constexpr unsigned int kOneEBoard       = 1;
-constexpr unsigned int kOneXiBoard      = 2;
-constexpr unsigned int kSeveralEBoards  = 3;
+constexpr unsigned int kNoBoard = 0;
+constexpr unsigned int kOneEBoard = 1;
+constexpr unsigned int kOneXiBoard = 2;
+constexpr unsigned int kSeveralEBoards = 3;
 constexpr unsigned int kSeveralXiBoards = 4;
-constexpr unsigned int kBothKinds       = 5;
-constexpr unsigned int kNotDetected     = 6;
+constexpr unsigned int kBothKinds = 5;
+constexpr unsigned int kNotDetected = 6;
 
-constexpr int kBoardLineSize   = 256;   // lspci and lsmod
+constexpr int kBoardLineSize = 256;     // lspci and lsmod
 constexpr int kProcessLineSize = 2048;  // ps, whose lines carry whole command lines
 constexpr int kLongestLineSize = kProcessLineSize;
 
-constexpr char kSiblingName[]  = "RwDeliverDmaServer";
+constexpr char kSiblingName[] = "RwDeliverDmaServer";
 constexpr char kListSiblings[] = "ps -ef | grep -w RwDeliverDmaServer | grep -v grep";
 
 /// A shell command whose output can be read; waits for its end when it goes out of scope.
@@ -104,22 +104,17 @@ int CheckBeforeRun() {
             std::printf("Unable to recongnize fpga board! if there indeed exist fpga board, firmware maybe error.\n");
             return -1;
         case kOneEBoard:
-        case kSeveralEBoards:
-            return RequireEDriver();
+        case kSeveralEBoards: return RequireEDriver();
         case kOneXiBoard:
-        case kSeveralXiBoards:
-            return RequireXiDriver();
-        case kBothKinds:
-            return NoticeMissingDrivers();
-        default:
-            std::printf("Unsupport board type.%d\n", static_cast<int>(g_curEnvBrdType));
-            return 0;
+        case kSeveralXiBoards: return RequireXiDriver();
+        case kBothKinds: return NoticeMissingDrivers();
+        default: std::printf("Unsupport board type.%d\n", static_cast<int>(g_curEnvBrdType)); return 0;
     }
 }
 
 bool IsProdProgRunning() {
-    const bool callerIsSibling =
-        std::strncmp(program_invocation_short_name, kSiblingName, std::strlen(kSiblingName)) == 0;
+    const bool callerIsSibling = std::strncmp(program_invocation_short_name, kSiblingName, std::strlen(kSiblingName)) ==
+                                 0;
     return CountLines(kListSiblings, kProcessLineSize) == (callerIsSibling ? 2U : 1U);
 }
 

@@ -6,17 +6,17 @@
 
 namespace {
 
-constexpr std::size_t kMacLength   = 17;
+constexpr std::size_t kMacLength = 17;
 constexpr std::size_t kIpMinLength = 7;
 constexpr std::size_t kIpMaxLength = 15;
-constexpr int kIpNumbers           = 4;
-constexpr std::size_t kIpCopied    = 20;  // characters that ipStr2val looks at
+constexpr int kIpNumbers = 4;
+constexpr std::size_t kIpCopied = 20;  // characters that ipStr2val looks at
 
 constexpr char kMacLengthFault[] =
     "Error: The MAC address should contain 17 characters, including 6 hex digits and 5 \":\" ";
-constexpr char kMacDigitFault[]     = "Error: The MAC address should contain 6 hex digits, separated by \":\".";
+constexpr char kMacDigitFault[] = "Error: The MAC address should contain 6 hex digits, separated by \":\".";
 constexpr char kMacSeparatorFault[] = "Error: The MAC address should contain 5 \":\", separated by hex digits.";
-constexpr char kIpLengthFault[]     = "Error: The IP address should contain 4 numbers separated by dots.";
+constexpr char kIpLengthFault[] = "Error: The IP address should contain 4 numbers separated by dots.";
 constexpr char kIpNumberFault[] =
     "Error: The IP address should contain 4 numbers between 0 and 255, separated by dots.";
 constexpr char kIpCharacterFault[] = "Error: The IP address should contain only digits and dots.";

@@ -1,16 +1,16 @@
 #include "src/util/SafeFile.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 
 namespace safe_file {
 
 namespace {
 
 // A FIFO or a device must not block or act on the open that finds out what it is.
-constexpr int kCautious      = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+constexpr int kCautious = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr std::size_t kChunk = 65536;
 constexpr std::size_t kMaxSize = 64U << 20;  // both tables full take half a megabyte
 
@@ -47,7 +47,7 @@ std::string Distrust(int fd) {
 // A lock of the process, not of the descriptor: a later user of the library in the same process gets it again.
 bool LockForWriting(int fd) {
     struct flock whole {};
-    whole.l_type   = F_WRLCK;
+    whole.l_type = F_WRLCK;
     whole.l_whence = SEEK_SET;
     return ::fcntl(fd, F_SETLK, &whole) == 0;
 }

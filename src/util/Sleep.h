@@ -1,8 +1,8 @@
 #pragma once
 
+#include <unistd.h>
 #include <cerrno>
 #include <ctime>
-#include <unistd.h>
 
 /// Sleeps whole seconds. A signal of the application does not shorten them: the card's reset pulse and the seconds over
 /// which its counters must stand still have to be full ones. Leaves errno as it found it.

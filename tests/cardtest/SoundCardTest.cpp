@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "tests/cardtest/CardtestRun.h"
 #include "interface/CardRegisters.h"
+#include "tests/cardtest/CardtestRun.h"
 #include "tests/hosted/CardAccess.h"
 #include "tests/hosted/HostProcess.h"
 #include "tests/support/TempDir.h"
@@ -15,8 +15,8 @@
 namespace cardtest_tests {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;

@@ -57,9 +57,9 @@ TEST_F(CommandLine, OnlyRunsTheChecksThatItNames) {
 
 TEST_F(CommandLine, SaysWhichCardItMet) {
     const Outcome run = RunCardtest({"--only", "core-root"});
-    EXPECT_THAT(run.output, AllOf(HasSubstr("Bus 0: a simulated card of the process's own, through "),
-                                  HasSubstr("Nothing on the card is changed."),
-                                  HasSubstr("\n1 pass, 0 fail, 0 not testable\n")));
+    EXPECT_THAT(run.output,
+                AllOf(HasSubstr("Bus 0: a simulated card of the process's own, through "),
+                      HasSubstr("Nothing on the card is changed."), HasSubstr("\n1 pass, 0 fail, 0 not testable\n")));
 }
 
 TEST_F(CommandLine, WriteTellsWhatItDidNotPutBack) {

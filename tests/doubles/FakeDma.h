@@ -29,10 +29,10 @@ public:
     int polls = 0;
     bool unwound = false;  ///< an exception left a handler, which the card's C library would not survive
 
-    DmaPacketHandler lastHandler       = nullptr;  ///< of the last RecvOnce
-    void* lastContext                  = nullptr;
+    DmaPacketHandler lastHandler = nullptr;  ///< of the last RecvOnce
+    void* lastContext = nullptr;
     DmaPacketHandler registeredHandler = nullptr;
-    void* registeredContext            = nullptr;
+    void* registeredContext = nullptr;
 
     static int destroyed;  ///< FakeDma objects that have ended so far
 

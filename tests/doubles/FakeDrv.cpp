@@ -4,8 +4,8 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "src/card/RowId.h"
 #include "interface/CardRegisters.h"
+#include "src/card/RowId.h"
 
 namespace test_support {
 

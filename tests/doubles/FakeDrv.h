@@ -45,10 +45,10 @@ public:
     std::map<unsigned long, unsigned int> registers;  ///< by word index
     /// Values that the next reads of a register give, first to last; then `registers` again.
     std::map<unsigned long, std::vector<unsigned int>> scripted;
-    std::set<unsigned long> failingReads;           ///< ReadInt32 of these returns -1
-    std::set<std::uint32_t> deafRows[2];            ///< rows of a table that do not take their mask
-    std::map<std::uint32_t, unsigned int> words[2]; ///< row << 6 | word to its content, a map a table
-    std::function<void(unsigned long addr)> onRead; ///< called before each ReadInt32
+    std::set<unsigned long> failingReads;            ///< ReadInt32 of these returns -1
+    std::set<std::uint32_t> deafRows[2];             ///< rows of a table that do not take their mask
+    std::map<std::uint32_t, unsigned int> words[2];  ///< row << 6 | word to its content, a map a table
+    std::function<void(unsigned long addr)> onRead;  ///< called before each ReadInt32
 
     unsigned int Mask(int table, std::uint32_t row) { return words[table][row << 6]; }
     void SetId(int table, std::uint32_t row, const std::string& id);

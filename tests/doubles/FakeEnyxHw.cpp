@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <memory>
 
-#include "tests/doubles/FakeEnyxHwCall.h"
 #include "enyx-hw-c/enyx_hw.h"
+#include "tests/doubles/FakeEnyxHwCall.h"
 
 namespace test_support {
 
@@ -39,8 +39,8 @@ std::vector<Found> Named(const std::vector<std::string>& names) {
 // Fills up to `room` entries of an array of handles and ends the call; `make` builds the i-th object that was found.
 template <typename T, typename MakeOne>
 ssize_t ReturnCount(Call& call, T** out, std::size_t room, std::size_t found, MakeOne make) {
-    long result          = static_cast<long>(found);
-    std::size_t toFill   = std::min(found, room);
+    long result = static_cast<long>(found);
+    std::size_t toFill = std::min(found, room);
     const auto* answered = call.Fixed();
     if (answered != nullptr) {
         result = answered->result;

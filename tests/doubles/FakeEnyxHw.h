@@ -1,12 +1,12 @@
 #pragma once
 
+#include <sys/types.h>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <string>
-#include <sys/types.h>
 #include <utility>
 #include <vector>
 
@@ -33,11 +33,11 @@ public:
 
     // ---- what there is ----
 
-    unsigned cards = 1;                                          ///< at bus 0, 1, ...
-    unsigned mmios = 1;                                          ///< register spaces of a card
+    unsigned cards = 1;                                                 ///< at bus 0, 1, ...
+    unsigned mmios = 1;                                                 ///< register spaces of a card
     std::map<std::uint16_t, unsigned> cores{{std::uint16_t{474}, 1U}};  ///< hardware id to number of cores
-    std::vector<std::string> a2cStreams;                         ///< CUSTOM_CHAN0_DATA to CUSTOM_CHAN15_DATA
-    std::vector<std::string> c2aStreams;                         ///< the same
+    std::vector<std::string> a2cStreams;                                ///< CUSTOM_CHAN0_DATA to CUSTOM_CHAN15_DATA
+    std::vector<std::string> c2aStreams;                                ///< the same
     std::uint32_t a2cMtu = 4096;
     std::uint32_t c2aMtu = 2048;
 
@@ -68,7 +68,7 @@ public:
     /// outlive this object's use. A WriteInt32_LogWithRead of the library arrives as one write and one read.
     template <typename Drv>
     void ForwardRegistersTo(Drv& drv) {
-        onReadWord  = [&drv](unsigned long word, unsigned int& value) { return drv.ReadInt32(word, value); };
+        onReadWord = [&drv](unsigned long word, unsigned int& value) { return drv.ReadInt32(word, value); };
         onWriteWord = [&drv](unsigned long word, unsigned int value) { return drv.WriteInt32(word, value); };
     }
 
@@ -103,7 +103,7 @@ public:
     /// Objects are numbered by kind from 1 in the order made; accelerators are acc0, acc1 by bus. Calls made by a
     /// packet handler come before the poll that called it. A call that an exception left ends in "-> threw".
     std::vector<std::string> TakeCalls();
-    bool record          = true;  ///< off: TakeCalls is empty
+    bool record = true;           ///< off: TakeCalls is empty
     bool recordRegisters = true;  ///< off: no lines of core_lock, core_unlock, read and write
 
     std::size_t Count(const std::string& call) const;  ///< calls of that name so far, recorded or not

@@ -22,7 +22,7 @@ namespace test_support::fake_hw {
 
 enum class Kind { kFilter, kAcc, kAccDesc, kMmio, kMmioDesc, kTree, kRoot, kCore, kA2cDesc, kA2c, kC2aDesc, kC2a };
 inline constexpr const char* kKindNames[] = {"filter", "acc",  "acc_descriptor", "mmio", "mmio_descriptor", "tree",
-                                      "root",   "core", "a2c_descriptor", "a2c",  "c2a_descriptor",  "c2a"};
+                                             "root",   "core", "a2c_descriptor", "a2c",  "c2a_descriptor",  "c2a"};
 inline constexpr std::size_t kKinds = std::size(kKindNames);
 
 inline bool IsReleasable(Kind kind) {
@@ -224,7 +224,7 @@ private:
             } else if (script.times > 0) {
                 if (script.times != FakeEnyxHw::kForGood) --script.times;
                 script.met = true;
-                m_error    = script.error;
+                m_error = script.error;
             }
         }
     }
@@ -237,7 +237,7 @@ private:
     const char* m_name;
     std::string m_line;
     bool m_recording = false;
-    bool m_returned  = false;
+    bool m_returned = false;
     std::optional<int> m_error;
 };
 

@@ -8,14 +8,14 @@
 #include <memory>
 #include <set>
 
-#include "tests/unit/channel/DayFiles.h"
-#include "tests/unit/channel/MapPacket.h"
-#include "tests/equivalence/RandomMarket.h"
-#include "tests/unit/channel/TraceDrv.h"
 #include "src/api/ApiImpl.h"
 #include "src/channel/DmaChannel.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/equivalence/RandomMarket.h"
 #include "tests/support/FakeTime.h"
+#include "tests/unit/channel/DayFiles.h"
+#include "tests/unit/channel/MapPacket.h"
+#include "tests/unit/channel/TraceDrv.h"
 
 namespace {
 
@@ -123,10 +123,10 @@ struct Channel {
     explicit Channel(const plain::Rules (&rules)[card_reg::kChannels]) {
         for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan) cfg.m_stSubsInfo[chan] = Record(rules[chan]);
         fpga.Init(&drv);
-        channel.m_pFpgaServ     = &fpga;
-        channel.m_pBinFile      = &bin;
+        channel.m_pFpgaServ = &fpga;
+        channel.m_pBinFile = &bin;
         channel.m_pContractServ = &contracts;
-        channel.m_bCfgParsed    = true;
+        channel.m_bCfgParsed = true;
     }
     void Deliver(const std::vector<Announced>& packet) {
         MapPacket bytes;

@@ -7,11 +7,11 @@
 #include <map>
 #include <sstream>
 
-#include "tests/unit/channel/DayFiles.h"
-#include "tests/equivalence/RandomMarket.h"
 #include "src/dayfile/DayFile.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/equivalence/RandomMarket.h"
 #include "tests/support/FakeTime.h"
+#include "tests/unit/channel/DayFiles.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ struct Reading {
                 whole = true;
             } else if (line != "inst_index,inst_id" && line.find(',') != std::string::npos) {
                 const std::size_t comma = line.find(',');
-                const std::string id    = line.substr(comma + 1);
+                const std::string id = line.substr(comma + 1);
                 if (map.count(id) == 0) map[id] = Index(line.substr(0, comma));
             }
         }
@@ -115,7 +115,7 @@ TEST(DayFileEquivalence, AFileIsLoadedAsItReadsLineByLine) {
         {
             test_support::LogLines lines;
             result = bin.CheckOrLoadBinFile();
-            log    = lines.Take();
+            log = lines.Take();
         }
 
         EXPECT_EQ(result, expected.result) << file.Text();

@@ -8,9 +8,9 @@
 
 #include "src/instruments/ContractServ.h"
 #include "src/instruments/InstId.h"
-#include "tests/equivalence/RandomMarket.h"
 #include "tests/doubles/FakeDrv.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/equivalence/RandomMarket.h"
 
 namespace {
 
@@ -97,17 +97,18 @@ private:
         }
     }
     void Subscribe() {
-        log.push_back("WARN Subscribe:Meeting conditions count is:OneLeg:" + Count(masks[0].size()) + ", Combine:" +
-                      Count(masks[1].size()) + ". Now write to fpga!");
+        log.push_back("WARN Subscribe:Meeting conditions count is:OneLeg:" + Count(masks[0].size()) +
+                      ", Combine:" + Count(masks[1].size()) + ". Now write to fpga!");
         if (masks[0].empty() && masks[1].empty())
-            log.push_back("INFO Warning !! The number of contracts that comply with the subscription rules is 0. "
-                          "You subscribe no contract !!");
+            log.push_back(
+                "INFO Warning !! The number of contracts that comply with the subscription rules is 0. "
+                "You subscribe no contract !!");
         for (int table = 0; table < 2; ++table) {
             for (const auto& [index, mask] : masks[table]) {
                 char bits[16];
                 std::snprintf(bits, sizeof bits, "0x%x", mask);
-                log.push_back("INFO Subscribes:Write to fpga:chanbit:" + std::string(bits) + ", index:" +
-                              Count(index) + ", instId:" + names[table][index]);
+                log.push_back("INFO Subscribes:Write to fpga:chanbit:" + std::string(bits) + ", index:" + Count(index) +
+                              ", instId:" + names[table][index]);
             }
         }
         log.push_back("INFO Subscribes:Write to fpga Over!");
@@ -161,8 +162,8 @@ TEST(FilterEquivalence, ASecondPassWithOtherRulesAddsToTheFirst) {
         Case input(seed);
         FilterOnce(input);
         plain::Chosen first = plain::Choose(input.idToIndex, input.rules[5]);
-        input.rules[5]      = input.random.Rules();
-        input.records[5]    = Record(input.rules[5]);
+        input.rules[5] = input.random.Rules();
+        input.records[5] = Record(input.rules[5]);
         const plain::Chosen second = plain::Choose(input.idToIndex, input.rules[5]);
 
         FilterOnce(input);

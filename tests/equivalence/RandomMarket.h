@@ -33,10 +33,10 @@ public:
 
     test_support::plain::Rules Rules() {
         test_support::plain::Rules rules;
-        rules.all     = Once(6);
+        rules.all = Once(6);
         rules.options = Once(2);
-        rules.ips     = Once(2);
-        rules.spd     = Once(2);
+        rules.ips = Once(2);
+        rules.spd = Once(2);
         for (auto left = Number(4); left > 0; --left) rules.classes.push_back(Once(8) ? Scrambled() : Product());
         // Now and then a list that is long enough to be laid out anew.
         for (auto left = Number(Once(8) ? 200 : 12); left > 0; --left) rules.ids.push_back(Once(3) ? Id() : Future());
@@ -65,9 +65,9 @@ inline Vexo2_U50::ZceSubsInfo_t Record(const test_support::plain::Rules& rules) 
     Vexo2_U50::ZceSubsInfo_t record;
     for (const std::string& id : rules.ids) record.m_SubsContractId.push_back(id);
     for (const std::string& cls : rules.classes) record.m_SubsContractClass.push_back(cls);
-    record.bSubAll      = rules.all;
+    record.bSubAll = rules.all;
     record.bOptionsRecv = rules.options;
-    record.bIpsRecv     = rules.ips;
-    record.bSpdRecv     = rules.spd;
+    record.bIpsRecv = rules.ips;
+    record.bSpdRecv = rules.spd;
     return record;
 }

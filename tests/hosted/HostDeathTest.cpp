@@ -1,9 +1,9 @@
 // The host of a card dies while a program is in the middle of a call. Whether a host lives is asked of the kernel, by
 // a look at its record lock; the test kills the host right behind one such look, behind another one in each round.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <cstdarg>
 
-#include "tests/hosted/CardAccess.h"
 #include "interface/CardRegisters.h"
+#include "tests/hosted/CardAccess.h"
 #include "tests/hosted/HostProcess.h"
 
 namespace {

@@ -11,11 +11,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tests/hosted/CardAccess.h"
-#include "interface/CardRegisters.h"
-#include "tests/hosted/HostProcess.h"
 #include "enyx-sim/enyx_sim.h"
 #include "enyx-sim/md_payload.h"
+#include "interface/CardRegisters.h"
+#include "tests/hosted/CardAccess.h"
+#include "tests/hosted/HostProcess.h"
 #include "tests/support/CaptureOutput.h"
 
 namespace hosted {
@@ -102,8 +102,9 @@ TEST_F(HostedCard, AStreamThatAnotherProcessHoldsIsBusyAndItsHolderIsNamed) {
     errno = 0;
     EXPECT_EQ(OpenStream(0, 9), nullptr);
     EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(output.Stop(), "libenyx-hw-c: stream CUSTOM_CHAN9_DATA of the simulated card at bus 0 is held by process " +
-                               std::to_string(other.Id()) + " (card_user, user " + UserName() + ").\n");
+    EXPECT_EQ(output.Stop(),
+              "libenyx-hw-c: stream CUSTOM_CHAN9_DATA of the simulated card at bus 0 is held by process " +
+                  std::to_string(other.Id()) + " (card_user, user " + UserName() + ").\n");
 }
 
 TEST_F(HostedCard, ASecondHandleOfTheSameProcessIsRefusedToo) {
@@ -148,7 +149,8 @@ TEST_F(HostedCard, TheStreamOfADeadHostRunsDryAndItsRegistersFail) {
     SetMask(core, 7, 1);
     Write(core, card_reg::kDecodeSwitch, 3);
     std::uint32_t waiting = 0;
-    EXPECT_TRUE(Eventually([&] { return enyx_hw_a2c_stream_stats_get_packet_count(stream, &waiting) == 0 && waiting > 0; }));
+    EXPECT_TRUE(
+        Eventually([&] { return enyx_hw_a2c_stream_stats_get_packet_count(stream, &waiting) == 0 && waiting > 0; }));
     host.Signal(SIGKILL);
     host.Wait();
     Drain(stream);
@@ -196,7 +198,8 @@ TEST_F(HostedCard, AKilledHostLeavesNothingBehindOnceAnotherHasStarted) {
 
 TEST_F(HostedCard, IsForItsOwnersEyesOnlyUnlessAGroupIsNamed) {
     const std::string path = directory.Path() + "/vexo-simcard-" + std::to_string(geteuid()) + "-";
-    struct stat own {}, shared {};
+    struct stat own {
+    }, shared{};
     const Process first = StartHost({"--bus", "0"});
     ASSERT_EQ(stat((path + "0").c_str(), &own), 0);
     EXPECT_EQ(own.st_mode & 0777U, 0600U);
@@ -313,9 +316,7 @@ TEST_F(HostedCard, WhatASlowReaderLosesIsCountedAndShowsAsAGapInTheSequence) {
     SetMask(core, 7, 1U << 1);
     Write(core, card_reg::kDecodeSwitch, 3);
     std::uint32_t lost = 0;
-    EXPECT_TRUE(Eventually([&] {
-        return enyx_hw_a2c_stream_stats_get_backpressure(stream, &lost) == 0 && lost > 0;
-    }));
+    EXPECT_TRUE(Eventually([&] { return enyx_hw_a2c_stream_stats_get_backpressure(stream, &lost) == 0 && lost > 0; }));
     enyx_sim_pause_feed(0, 1);
     enyx_hw_a2c_stream_stats_get_backpressure(stream, &lost);
     Sequences seen;

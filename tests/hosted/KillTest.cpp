@@ -7,8 +7,8 @@
 
 #include <random>
 
-#include "tests/hosted/CardAccess.h"
 #include "interface/CardRegisters.h"
+#include "tests/hosted/CardAccess.h"
 #include "tests/hosted/HostProcess.h"
 
 namespace hosted {
@@ -68,8 +68,8 @@ TEST(RandomKills, LeaveNoStuckLockNoOrphanedMemoryAndNoCrash) {
     }
     EXPECT_EQ(UseEverything(), 0);
     EXPECT_TRUE(host.IsRunning());
-    EXPECT_THAT(directory.Files(), ::testing::UnorderedElementsAre(
-                                       "err", "vexo-simcard-" + std::to_string(geteuid()) + "-0"));
+    EXPECT_THAT(directory.Files(),
+                ::testing::UnorderedElementsAre("err", "vexo-simcard-" + std::to_string(geteuid()) + "-0"));
     unsetenv("VEXO_SIM_CARD");
 }
 

@@ -5,9 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sched.h>
 #include <atomic>
 #include <cerrno>
-#include <sched.h>
 
 #include "tests/hosted/CardAccess.h"
 #include "tests/hosted/HostProcess.h"
@@ -38,8 +38,10 @@ void Race(Arena& arena, int self) {
         WaitFor(arena.ready, round + 1);
         errno = 0;
         enyx_hw_a2c_stream* stream = OpenStream(0, 7);
-        if (stream != nullptr) ++arena.winnersOfRound[round];
-        else if (errno == EBUSY) ++arena.busy;
+        if (stream != nullptr)
+            ++arena.winnersOfRound[round];
+        else if (errno == EBUSY)
+            ++arena.busy;
         arena.tried[self] = round + 1;
         WaitFor(arena.tried, round + 1);
         if (stream == nullptr) continue;

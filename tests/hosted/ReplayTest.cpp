@@ -10,9 +10,9 @@
 #include <optional>
 #include <tuple>
 
+#include "capture/Reader.h"
 #include "tests/hosted/CardAccess.h"
 #include "tests/hosted/HostProcess.h"
-#include "capture/Reader.h"
 
 namespace hosted {
 namespace {
@@ -41,15 +41,16 @@ struct HostedReplay : ::testing::Test {
         setenv("VEXO_SIM_CARD", "hosted", 1);
         // The tap is loaded before the address sanitizer's own library, where the build has one.
         const char* options = std::getenv("ASAN_OPTIONS");
-        setenv("ASAN_OPTIONS", ("verify_asan_link_order=0:" + std::string(options != nullptr ? options : "")).c_str(), 1);
+        setenv("ASAN_OPTIONS", ("verify_asan_link_order=0:" + std::string(options != nullptr ? options : "")).c_str(),
+               1);
     }
     void TearDown() override { unsetenv("VEXO_SIM_CARD"); }
 
     std::string Path(const std::string& name) const { return directory.Path() + "/" + name; }
 
     Process Tapped(const std::string& file, const std::string& what, std::size_t count) {
-        return Process({VEXO_TOOL, "tap", "--output", Path(file), "--", VEXO_CARD_USER, what, std::to_string(count)}, {},
-                       Path("tap.err"));
+        return Process({VEXO_TOOL, "tap", "--output", Path(file), "--", VEXO_CARD_USER, what, std::to_string(count)},
+                       {}, Path("tap.err"));
     }
 
     // What card_user receives on channel 0, captured by the tap.
@@ -129,11 +130,15 @@ struct WithFault : HostedReplay, ::testing::WithParamInterface<const char*> {
 
     bool IsHosted() const { return std::string(GetParam()) == "hosted"; }
     void Replay(const std::string& fault) {
-        WriteFile(Path("fault.ini"), "[card]\nring_bytes = 1048576\n[replay]\nfile = original.pcapng\n"
-                                     "[pace]\npace = max\n[fault f]\n" + fault);
+        WriteFile(Path("fault.ini"),
+                  "[card]\nring_bytes = 1048576\n[replay]\nfile = original.pcapng\n"
+                  "[pace]\npace = max\n[fault f]\n" +
+                      fault);
         setenv("VEXO_SIM_CARD", GetParam(), 1);
-        if (IsHosted()) host = StartHost({Path("fault.ini")});
-        else setenv("VEXO_SIM_SCENARIO", Path("fault.ini").c_str(), 1);
+        if (IsHosted())
+            host = StartHost({Path("fault.ini")});
+        else
+            setenv("VEXO_SIM_SCENARIO", Path("fault.ini").c_str(), 1);
     }
     void TearDown() override {
         unsetenv("VEXO_SIM_SCENARIO");

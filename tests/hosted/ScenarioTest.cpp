@@ -6,8 +6,8 @@
 
 #include <cerrno>
 
-#include "tests/hosted/CardAccess.h"
 #include "interface/CardRegisters.h"
+#include "tests/hosted/CardAccess.h"
 #include "tests/hosted/HostProcess.h"
 #include "tests/support/CaptureOutput.h"
 
@@ -50,13 +50,14 @@ TEST_F(Scenario, AStreamItHoldsIsBusyInTheNameOfTheHost) {
     errno = 0;
     EXPECT_EQ(OpenStream(0, 3), nullptr);
     EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(output.Stop(), "libenyx-hw-c: stream CUSTOM_CHAN3_DATA of the simulated card at bus 0 is held by process " +
-                                 std::to_string(host.Id()) + " (vexo-simcard, user " + UserName() +
-                                 "), as its scenario says.\n");
+    EXPECT_EQ(output.Stop(),
+              "libenyx-hw-c: stream CUSTOM_CHAN3_DATA of the simulated card at bus 0 is held by process " +
+                  std::to_string(host.Id()) + " (vexo-simcard, user " + UserName() + "), as its scenario says.\n");
 }
 
 TEST_F(Scenario, ACallThatFailsFailsInEachProcessOnTheCard) {
-    const Process host = Host("[fault reads]\nkind = call_fails\ncall = enyx_hw_write\nerrno = EIO\nnth = 1\ntimes = 1\n");
+    const Process host = Host(
+        "[fault reads]\nkind = call_fails\ncall = enyx_hw_write\nerrno = EIO\nnth = 1\ntimes = 1\n");
     for (int n = 0; n < 2; ++n) {
         Process user({VEXO_CARD_USER, "write", "262", "20310305"});
         EXPECT_EQ(user.Wait(), EIO);
@@ -78,8 +79,9 @@ TEST_F(Scenario, EvenTheFirstCallOfAProcessMayFail) {
 
 TEST_F(Scenario, FailingCallsEndWithTheirHost) {
     {
-        Process host = Host("[fault none]\nkind = call_fails\ncall = enyx_hw_enumerate_accelerators\nerrno = EIO\n"
-                            "times = all\n");
+        Process host = Host(
+            "[fault none]\nkind = call_fails\ncall = enyx_hw_enumerate_accelerators\nerrno = EIO\n"
+            "times = all\n");
         EXPECT_EQ(FindCard(0), nullptr);
         EXPECT_EQ(errno, EIO);
         host.Signal(SIGKILL);

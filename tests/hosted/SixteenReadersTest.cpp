@@ -11,11 +11,11 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "capture/Reader.h"
+#include "enyx-sim/enyx_sim.h"
 #include "tests/hosted/CardAccess.h"
 #include "tests/hosted/HostProcess.h"
 #include "tests/hosted/QuoteRecord.h"
-#include "capture/Reader.h"
-#include "enyx-sim/enyx_sim.h"
 
 namespace hosted {
 namespace {

@@ -3,9 +3,9 @@
 //     card_user write WORD VALUE    writes a register; ends with 0, or with errno when there is no card
 //     card_user hold CHANNEL        opens a stream and keeps it
 //     card_user lock                takes the register core's lock, writes a line, and keeps it
-//     card_user receive COUNT       receives so many packets on channel 0; `quotes` sets the quotes of 50 rows going first
-//     card_user quotes COUNT
-//     card_user abuse SEED          uses everything in turn, for ever; ends only on an error
+//     card_user receive COUNT       receives so many packets on channel 0; `quotes` sets the quotes of 50 rows going
+//     first card_user quotes COUNT card_user abuse SEED          uses everything in turn, for ever; ends only on an
+//     error
 
 #include <unistd.h>
 
@@ -15,8 +15,8 @@
 #include <cstring>
 #include <random>
 
-#include "tests/hosted/CardAccess.h"
 #include "interface/CardRegisters.h"
+#include "tests/hosted/CardAccess.h"
 
 using namespace hosted;
 

@@ -1,12 +1,12 @@
 // Channels over the simulated card: the master's subscriptions for all, the others' quiet start, the packets' way to
 // the callbacks, the end by signal, and starts that fail.
 
-#include <algorithm>
-#include <csignal>
 #include <enyx-hw-c/enyx_hw.h>
 #include <enyx-sim/enyx_sim.h>
-#include <fstream>
 #include <gtest/gtest.h>
+#include <algorithm>
+#include <csignal>
+#include <fstream>
 
 #include "tests/integration/Scenario.h"
 
@@ -57,8 +57,8 @@ TEST(Channel, OtherThanTheMasterWarnsOnceOfContractMaps) {
     });
 
     EXPECT_EQ(outcome.exitStatus, 0);
-    EXPECT_EQ(outcome.CountLogged(
-                  "WARN [channel:5] Contract map packets are ignored, only channel 0 learns the map!"), 1u);
+    EXPECT_EQ(outcome.CountLogged("WARN [channel:5] Contract map packets are ignored, only channel 0 learns the map!"),
+              1u);
 }
 
 TEST(Channel, EveryPacketReachesTheCallbackOfItsTypeUntouched) {
@@ -97,9 +97,9 @@ struct Rules {
         std::string insts = all ? "ALL" : "";
         for (const auto* tokens : {&ids, &classes})
             for (const std::string& token : *tokens) insts += (insts.empty() ? "" : ",") + token;
-        return "[channel" + std::to_string(channel) + "]\ninsts = " + insts + "\noptions = " +
-               (options ? "recv" : "no") + "\nips = " + (ips ? "recv" : "no") + "\nspd = " +
-               (spd ? "recv" : "no") + "\n";
+        return "[channel" + std::to_string(channel) + "]\ninsts = " + insts +
+               "\noptions = " + (options ? "recv" : "no") + "\nips = " + (ips ? "recv" : "no") +
+               "\nspd = " + (spd ? "recv" : "no") + "\n";
     }
     bool Has(const std::vector<std::string>& list, const std::string& entry) const {
         return std::find(list.begin(), list.end(), entry) != list.end();
@@ -116,8 +116,8 @@ struct Rules {
 const std::vector<std::pair<std::string, std::uint16_t>> kRuleOneLeg = {
     {"SR705", 0},  {"SR705C6000", 1},   {"SR705P6000", 2}, {"SR709", 3},
     {"CF705", 10}, {"CF705C12000", 11}, {"TA701", 4000}};
-const std::vector<std::pair<std::string, std::uint16_t>> kRuleCombine = {
-    {"SPD-SR705/SR709", 3}, {"IPS-SF705/SM705", 8}};
+const std::vector<std::pair<std::string, std::uint16_t>> kRuleCombine = {{"SPD-SR705/SR709", 3},
+                                                                         {"IPS-SF705/SM705", 8}};
 
 Rules RulesOf(int channel) {
     Rules rules{};
@@ -213,8 +213,7 @@ TEST(Channel, RowThatDoesNotTakeItsMaskIsWarnedOf) {
     });
 
     EXPECT_EQ(outcome.exitStatus, 0);
-    EXPECT_TRUE(outcome.Logged(
-        "WARN Attention! Maybe subscribed fail! Type 0, index:6, shouldbe:0x1, fpgavalue:0x0,"));
+    EXPECT_TRUE(outcome.Logged("WARN Attention! Maybe subscribed fail! Type 0, index:6, shouldbe:0x1, fpgavalue:0x0,"));
 }
 
 TEST(Stop, SignalBeforeTheFirstMarketDataEndsTheProcess) {
@@ -306,8 +305,8 @@ TEST(FailingStart, StreamHeldByAnother) {
                                          "xilinx0:4");
 
     EXPECT_EQ(outcome.exitStatus, 0);
-    EXPECT_TRUE(outcome.Logged(
-        "ERROR Could not create a2c stream.dmaName:CUSTOM_CHAN4_DATA,  err:Device or resource busy"));
+    EXPECT_TRUE(
+        outcome.Logged("ERROR Could not create a2c stream.dmaName:CUSTOM_CHAN4_DATA,  err:Device or resource busy"));
     EXPECT_TRUE(outcome.Logged("ERROR Note !! A software program can only have one instance running at a time!"));
     EXPECT_TRUE(outcome.Logged("ERROR [channel:255] Init dma fail! dma name CUSTOM_CHAN4_DATA."));
     EXPECT_TRUE(outcome.Logged("ERROR Create Brix service failed!"));

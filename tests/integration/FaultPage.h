@@ -9,11 +9,11 @@ namespace fault_page {
 
 /// One example of a fault: what is added to the common scenario, and what the page says comes of it.
 struct Example {
-    std::string fault;            // the heading it stands under
+    std::string fault;  // the heading it stands under
     std::string ini;
-    std::vector<std::string> log;   // "+line" of the log that only this card brings about, "-line" that it prevents
-    std::vector<std::string> sight; // what the application saw
-    std::size_t logLine = 0;      // lines of the page where the two blocks begin and end
+    std::vector<std::string> log;    // "+line" of the log that only this card brings about, "-line" that it prevents
+    std::vector<std::string> sight;  // what the application saw
+    std::size_t logLine = 0;         // lines of the page where the two blocks begin and end
     std::size_t logEnd = 0;
     std::size_t sightLine = 0;
     std::size_t sightEnd = 0;

@@ -1,17 +1,17 @@
 // docs/faults.md against the library: every example of the page is run, and what the library logs and the application
 // sees is compared with it. VEXO_UPDATE_GOLDEN writes what came of it into the page instead.
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <set>
 #include <sstream>
 
+#include "sim/scenario/Scenario.h"
 #include "tests/integration/FaultPage.h"
 #include "tests/integration/SimulatedRun.h"
-#include "sim/scenario/Scenario.h"
 
 namespace {
 
@@ -36,8 +36,10 @@ std::vector<std::string> Beyond(const std::vector<std::string>& log, const std::
     std::vector<std::string> rest;
     for (const std::string& line : log) {
         const auto found = common.find(line);
-        if (found != common.end()) common.erase(found);
-        else rest.push_back(mark + line);
+        if (found != common.end())
+            common.erase(found);
+        else
+            rest.push_back(mark + line);
     }
     return rest;
 }

@@ -56,9 +56,12 @@ struct HardwareCalls::Fold {
             Emit("[" + locked + "]");
         } else if (inLock) {
             if (!locked.empty()) locked += "; ";
-            if (BeginsWith(line, "enyx_hw_write ")) locked += Access(line, "write");
-            else if (BeginsWith(line, "enyx_hw_read ")) locked += Access(line, "read");
-            else locked += line;
+            if (BeginsWith(line, "enyx_hw_write "))
+                locked += Access(line, "write");
+            else if (BeginsWith(line, "enyx_hw_read "))
+                locked += Access(line, "read");
+            else
+                locked += line;
         } else {
             Emit(line);
         }

@@ -1,14 +1,14 @@
 #include "tests/integration/Scenario.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <enyx-sim/enyx_sim.h>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <regex>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
 
 #include "tests/support/CaptureOutput.h"
 #include "tests/support/TempDir.h"
@@ -135,7 +135,7 @@ void SmallCard(const std::vector<std::pair<std::string, std::uint16_t>>& oneLeg,
         for (const auto& [id, row] : table == 0 ? oneLeg : combine) {
             enyx_sim_instrument entry{};
             entry.table = table;
-            entry.row   = row;
+            entry.row = row;
             std::snprintf(entry.id, sizeof entry.id, "%s", id.c_str());
             list.push_back(entry);
         }

@@ -14,7 +14,7 @@ namespace scenario {
 /// How a process of its own ended, and what it wrote.
 struct Outcome {
     int exitStatus = -1;  ///< -1 when a signal ended it
-    int signal     = 0;
+    int signal = 0;
     std::string out;
     std::string err;
 

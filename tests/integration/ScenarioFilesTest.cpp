@@ -1,14 +1,14 @@
 // Every scenario that is shipped, run by the library from start-up on: each does what its description says.
 
-#include <algorithm>
 #include <enyx-sim/enyx_sim.h>
-#include <filesystem>
 #include <gtest/gtest.h>
+#include <algorithm>
+#include <filesystem>
 #include <map>
 #include <regex>
 
-#include "tests/integration/SimulatedRun.h"
 #include "sim/scenario/Scenario.h"
+#include "tests/integration/SimulatedRun.h"
 
 namespace {
 
@@ -89,8 +89,8 @@ const std::map<std::string, Expectation>& Expectations() {
         e["fibre_down"].logged = {"INFO Fiber linkstatus 0x103:0xd."};
         e["old_hardware"] = EndsWith({"ERROR you will need to update your hardware version.",
                                       "ERROR soft version 1.1.2.13, hwVersion is 13 > fpga hwVersion is 12", kEndLine});
-        e["software_too_old"] = EndsWith({"ERROR you will need to update your soft version.",
-                                          "ERROR iCheckRst == 2, soft  error.", kEndLine});
+        e["software_too_old"] = EndsWith(
+            {"ERROR you will need to update your soft version.", "ERROR iCheckRst == 2, soft  error.", kEndLine});
         e["version_not_taken"] = EndsWith({"ERROR soft version write is fail.", kEndLine});
         e["wrong_date"] = Healthy();
         e["wrong_date"].hour = 12;
@@ -109,9 +109,12 @@ const std::map<std::string, Expectation>& Expectations() {
         e["mask_refused"] = Healthy();
         e["mask_refused"].check = [](const Sight& sight) {
             const auto log = sight.outcome.Log();
-            EXPECT_GT(std::count_if(log.begin(), log.end(), [](const std::string& line) {
-                return line.rfind("WARN Attention! Maybe subscribed fail! Type 0, index:", 0) == 0;
-            }), 5);
+            EXPECT_GT(std::count_if(log.begin(), log.end(),
+                                    [](const std::string& line) {
+                                        return line.rfind("WARN Attention! Maybe subscribed fail! Type 0, index:", 0) ==
+                                               0;
+                                    }),
+                      5);
         };
         e["stream_held"] = EndsWith(
             {"ERROR Could not create a2c stream.dmaName:CUSTOM_CHAN0_DATA,  err:Device or resource busy",
@@ -153,9 +156,8 @@ const std::map<std::string, Expectation>& Expectations() {
             EXPECT_NE(sight.outcome.out.find("int32 failed, addr["), std::string::npos);
             ExpectQuotesInTurn(sight);
         };
-        e["no_card"] = EndsWith(
-            {"ERROR Could not find accelerator. ernno:19, msg:No such device, get acc num:0.",
-             "ERROR Init New drive failed! ret:-1"});
+        e["no_card"] = EndsWith({"ERROR Could not find accelerator. ernno:19, msg:No such device, get acc num:0.",
+                                 "ERROR Init New drive failed! ret:-1"});
         e["fast_forward"] = Healthy();
         e["fast_forward"].check = [](const Sight& sight) { EXPECT_GT(sight.quotes, 10'000U); };
         e["full_speed"] = Healthy();

@@ -1,11 +1,11 @@
 #include "tests/integration/SimulatedRun.h"
 
-#include <cstdio>
-#include <cstring>
 #include <enyx-sim/enyx_sim.h>
 #include <enyx-sim/md_payload.h>
-#include <fstream>
 #include <gtest/gtest.h>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <set>
 #include <sstream>
 

@@ -1,8 +1,8 @@
 // What a start-up of the master channel logs and asks of the hardware library, whole: one started fresh, one restarted
 // from the day file.
 
-#include <fstream>
 #include <gtest/gtest.h>
+#include <fstream>
 #include <sstream>
 
 #include "tests/integration/Scenario.h"

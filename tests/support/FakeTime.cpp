@@ -50,14 +50,9 @@ std::atomic<unsigned int (*)(unsigned int)> g_realSleep{nullptr};
 bool LagOf(clockid_t clock, std::int64_t& lagNs) {
     switch (clock) {
         case CLOCK_REALTIME:
-        case CLOCK_REALTIME_COARSE:
-            lagNs = 0;
-            return true;
-        case CLOCK_MONOTONIC:
-            lagNs = test_support::FakeTime::kMonotonicLagNs;
-            return true;
-        default:
-            return false;
+        case CLOCK_REALTIME_COARSE: lagNs = 0; return true;
+        case CLOCK_MONOTONIC: lagNs = test_support::FakeTime::kMonotonicLagNs; return true;
+        default: return false;
     }
 }
 

@@ -14,10 +14,10 @@ namespace test_support::plain {
 struct Rules {
     std::vector<std::string> ids;
     std::vector<std::string> classes;
-    bool all     = false;
+    bool all = false;
     bool options = false;
-    bool ips     = false;
-    bool spd     = false;
+    bool ips = false;
+    bool spd = false;
 };
 
 enum class Decision { kSkip, kOneLeg, kCombine };

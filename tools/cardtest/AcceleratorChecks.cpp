@@ -1,7 +1,7 @@
 #include <cerrno>
 
-#include "tools/cardtest/Card.h"
 #include "interface/CardRegisters.h"
+#include "tools/cardtest/Card.h"
 
 namespace cardtest {
 namespace {

@@ -10,9 +10,9 @@ const std::vector<Check>& allChecks() {
         std::vector<Check> all;
         // The checks of other processes come last: a card that does not let go of what a dead process held spoils
         // whatever follows.
-        for (const auto& part : {filterChecks(), enumerationChecks(), acceleratorChecks(), coreChecks(),
-                                 registerChecks(), tableChecks(), resetChecks(), upStreamChecks(), trafficChecks(),
-                                 downStreamChecks(), processChecks()})
+        for (const auto& part :
+             {filterChecks(), enumerationChecks(), acceleratorChecks(), coreChecks(), registerChecks(), tableChecks(),
+              resetChecks(), upStreamChecks(), trafficChecks(), downStreamChecks(), processChecks()})
             all.insert(all.end(), part.begin(), part.end());
         return all;
     }();

@@ -52,9 +52,9 @@ void forEachKind(const Plan& plan, const Filter& filter, Visit visit) {
     visit(Kind<enyx_hw_mmio_descriptor>{
         "register spaces", [=](auto** d, std::size_t n) { return enyx_hw_accelerator_enumerate_mmios(card, f, d, n); },
         enyx_hw_free_mmio_descriptors});
-    visit(Kind<enyx_hw_core>{
-        "cores", [=](auto** d, std::size_t n) { return enyx_hw_core_enumerate(root, kRegisterCore, d, n); },
-        [](enyx_hw_core**, std::size_t) {}});
+    visit(Kind<enyx_hw_core>{"cores",
+                             [=](auto** d, std::size_t n) { return enyx_hw_core_enumerate(root, kRegisterCore, d, n); },
+                             [](enyx_hw_core**, std::size_t) {}});
     visit(Kind<enyx_hw_a2c_stream_descriptor>{
         "card-to-host streams",
         [=](auto** d, std::size_t n) { return enyx_hw_accelerator_enumerate_a2c_streams(card, f, d, n); },

@@ -68,8 +68,7 @@ void filtersAreIndependent(const Plan& plan) {
     const ssize_t before = countCards(here);
     const Filter nowhere = indexFilter(kNoIndex);
     const ssize_t after = countCards(here);
-    expect(before == after, std::to_string(before) + " cards whatever is set in another filter",
-           std::to_string(after));
+    expect(before == after, std::to_string(before) + " cards whatever is set in another filter", std::to_string(after));
 }
 
 }  // namespace

@@ -42,8 +42,10 @@ void streamOutlivesNoHolder(const Plan& plan) {
     for (const bool killed : {true, false}) {
         Helper holder = Helper::holdingStream(plan, channel);
         holder.demand("got");
-        if (killed) holder.kill();
-        else holder.tell("die");
+        if (killed)
+            holder.kill();
+        else
+            holder.tell("die");
         int error = 0;
         const bool opened = within(kPatienceMs, [&] {
             const UpStream stream = tryOpenUp(card, channel);
@@ -79,8 +81,10 @@ void lockOutlivesNoHolder(const Plan& plan) {
         Helper holder = Helper::holdingLock(plan);
         holder.demand("ready");
         holder.demand("got");
-        if (killed) holder.kill();
-        else holder.tell("die");
+        if (killed)
+            holder.kill();
+        else
+            holder.tell("die");
         Helper next = Helper::holdingLock(plan);
         next.demand("ready");
         const std::string seen = next.line();

@@ -4,8 +4,8 @@
 #include <functional>
 #include <thread>
 
-#include "tools/cardtest/Card.h"
 #include "interface/CardRegisters.h"
+#include "tools/cardtest/Card.h"
 #include "tools/cardtest/Helper.h"
 
 namespace cardtest {
@@ -71,8 +71,10 @@ void readsFromThreads(const Plan& plan) {
         const enyx_hw_register_description whole{std::uint64_t{card_reg::kHardwareVersion} * 4, 0, 32};
         for (int n = 0; n < kReads; ++n) {
             std::uint64_t value = 0;
-            if (enyx_hw_read(registers.core(), &whole, &value) < 0) ++failed;
-            else if (value != version) ++differing;
+            if (enyx_hw_read(registers.core(), &whole, &value) < 0)
+                ++failed;
+            else if (value != version)
+                ++differing;
         }
     };
     std::vector<std::thread> threads;
@@ -156,8 +158,7 @@ std::vector<Check> registerChecks() {
     constexpr const char* g = "registers";
     return {
         {g, "read-widths",
-         "Reads of 8, 16, 24 ... 64 bits agree with the 32-bit reads and have nothing above their width.",
-         widthsAgree},
+         "Reads of 8, 16, 24 ... 64 bits agree with the 32-bit reads and have nothing above their width.", widthsAgree},
         {g, "read-offsets", "Reads that begin at bit 8, 16 or 24 of a register agree with the 32-bit read.",
          offsetsAgree},
         {g, "read-again", "A register that does not change reads the same each time.", readsRepeat},

@@ -54,8 +54,10 @@ std::string listText() {
 std::string headText(const Met& met) {
     std::ostringstream out;
     out << "Bus " << met.plan.bus << ": " << kindOf(met) << ", through " << met.library << '\n';
-    if (met.plan.channel >= 0) out << "Stream: CUSTOM_CHAN" << met.plan.channel << "_DATA\n";
-    else out << "Stream: none is free\n";
+    if (met.plan.channel >= 0)
+        out << "Stream: CUSTOM_CHAN" << met.plan.channel << "_DATA\n";
+    else
+        out << "Stream: none is free\n";
     out << (met.plan.write ? "The card is written to and reset (--write).\n" : "Nothing on the card is changed.\n");
     return out.str();
 }
@@ -74,7 +76,8 @@ std::string resultText(const Result& result, const Result* before) {
 
 std::string footText(const std::vector<Result>& results) {
     std::ostringstream out;
-    out << '\n' << count(results, Verdict::kPass) << " pass, " << count(results, Verdict::kFail) << " fail, "
+    out << '\n'
+        << count(results, Verdict::kPass) << " pass, " << count(results, Verdict::kFail) << " fail, "
         << count(results, Verdict::kUntestable) << " not testable\n";
     const std::vector<std::string> left = leftBehind(results);
     if (!left.empty()) out << "Not put back:\n";
@@ -108,8 +111,8 @@ std::string toJson(const Met& met, const std::vector<Result>& results) {
 }
 
 unsigned count(const std::vector<Result>& results, Verdict verdict) {
-    return static_cast<unsigned>(std::count_if(results.begin(), results.end(),
-                                               [=](const Result& result) { return result.verdict == verdict; }));
+    return static_cast<unsigned>(
+        std::count_if(results.begin(), results.end(), [=](const Result& result) { return result.verdict == verdict; }));
 }
 
 }  // namespace cardtest

@@ -2,8 +2,8 @@
 #include <cerrno>
 #include <iterator>
 
-#include "tools/cardtest/Card.h"
 #include "interface/CardRegisters.h"
+#include "tools/cardtest/Card.h"
 #include "tools/cardtest/Helper.h"
 #include "tools/cardtest/Tables.h"
 

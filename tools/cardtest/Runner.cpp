@@ -86,8 +86,10 @@ Answer askChild(const std::function<Words()>& work, std::uint32_t seconds, bool 
     Answer result;
     for (std::size_t at = 0; at < text.size(); at += result.words.back().size() + 1)
         result.words.emplace_back(text.c_str() + at);
-    if (!finished) result = {{}, "no end within " + std::to_string(seconds) + " s"};
-    else if (result.words.empty()) result.end = howItEnded(status);
+    if (!finished)
+        result = {{}, "no end within " + std::to_string(seconds) + " s"};
+    else if (result.words.empty())
+        result.end = howItEnded(status);
     return result;
 }
 

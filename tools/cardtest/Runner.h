@@ -14,14 +14,14 @@ struct Result {
     Verdict verdict = Verdict::kPass;
     std::string expected;  // of a failure
     std::string seen;
-    std::string reason;    // why it is not testable
+    std::string reason;  // why it is not testable
 };
 
 /// What is found out before the first check.
 struct Met {
     bool simulated = false;
-    std::string library;  // file that the loader took the calls from
-    Plan plan;            // the user's, with what it left open filled in
+    std::string library;      // file that the loader took the calls from
+    Plan plan;                // the user's, with what it left open filled in
     std::string heldStreams;  // numbers of those that cannot be opened; looked for only when the plan writes
 };
 

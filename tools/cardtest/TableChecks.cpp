@@ -1,5 +1,5 @@
-#include "tools/cardtest/Card.h"
 #include "interface/CardRegisters.h"
+#include "tools/cardtest/Card.h"
 #include "tools/cardtest/Tables.h"
 
 namespace cardtest {

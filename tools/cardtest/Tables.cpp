@@ -54,7 +54,9 @@ WordsSaved::~WordsSaved() {
 }
 
 CardSaved::CardSaved(const Registers& registers)
-    : m_tables(registers), m_switch(registers, card_reg::kDecodeSwitch), m_date(registers, card_reg::kTradingDate),
+    : m_tables(registers),
+      m_switch(registers, card_reg::kDecodeSwitch),
+      m_date(registers, card_reg::kTradingDate),
       m_masks(m_tables) {
     for (std::uint32_t table = 0; table < 2; ++table)
         for (std::uint32_t row = 0; row < card_reg::kRows; ++row)

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "tools/cardtest/Card.h"
 #include "interface/CardRegisters.h"
+#include "tools/cardtest/Card.h"
 
 namespace cardtest {
 

@@ -1,8 +1,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tools/cardtest/Card.h"
 #include "interface/CardRegisters.h"
+#include "tools/cardtest/Card.h"
 #include "tools/cardtest/Helper.h"
 #include "tools/cardtest/Traffic.h"
 
@@ -94,8 +94,8 @@ void mapIsSentOnRequest(const Plan& plan) {
     const Registers registers(plan.bus);
     g_seen = {};
     registers.write(card_reg::kMapTransmit, 1);
-    const bool came =
-        pollUntil(stream.get(), plan.seconds, [] { return g_seen.messages > 100 || !g_seen.broken.empty(); });
+    const bool came = pollUntil(stream.get(), plan.seconds,
+                                [] { return g_seen.messages > 100 || !g_seen.broken.empty(); });
     registers.write(card_reg::kMapTransmit, 0);
     if (!came && g_seen.maps == 0)
         throw Untestable{"no contract-map packet came within " + std::to_string(plan.seconds) + " s"};
@@ -104,7 +104,8 @@ void mapIsSentOnRequest(const Plan& plan) {
     std::int64_t quietSince = nowMs();
     const bool quiet = within(kPatienceMs, [&] {
         const unsigned before = g_seen.maps;
-        while (enyx_hw_a2c_stream_poll_once(stream.get(), look, nullptr) == 1 && g_seen.maps - before < 1000) {}
+        while (enyx_hw_a2c_stream_poll_once(stream.get(), look, nullptr) == 1 && g_seen.maps - before < 1000) {
+        }
         if (g_seen.maps != before) quietSince = nowMs();
         return nowMs() - quietSince >= 1000;
     });
@@ -114,8 +115,11 @@ void mapIsSentOnRequest(const Plan& plan) {
 }  // namespace
 
 Traffic::Saved::Saved(std::uint32_t bus)
-    : registers(bus), tables(registers), data(registers, card_reg::kTables[kTable].data),
-      decode(registers, card_reg::kDecodeSwitch), masks(tables) {}
+    : registers(bus),
+      tables(registers),
+      data(registers, card_reg::kTables[kTable].data),
+      decode(registers, card_reg::kDecodeSwitch),
+      masks(tables) {}
 
 Traffic::Traffic(const Plan& plan, std::uint32_t channel) {
     if (!plan.write) return;

@@ -99,8 +99,10 @@ void look(const std::uint8_t* data, std::uint32_t size, void* context) {
     ++g_seen.calls;
     g_seen.longest = std::max(g_seen.longest, size);
     g_seen.context = context;
-    if (data == nullptr) g_seen.null = true;
-    else for (std::uint32_t n = 0; n < std::min(size, g_seen.mtu); ++n) g_seen.sum += data[n];
+    if (data == nullptr)
+        g_seen.null = true;
+    else
+        for (std::uint32_t n = 0; n < std::min(size, g_seen.mtu); ++n) g_seen.sum += data[n];
 }
 
 // Polls until so many polls have found a packet, or the time is over; judge(result) is asked after each poll.
@@ -110,8 +112,10 @@ unsigned pollPackets(const Plan& plan, enyx_hw_a2c_stream* stream, void* context
     for (const std::int64_t end = nowMs() + std::int64_t{plan.seconds} * 1000; packets < wanted && nowMs() < end;) {
         const int result = enyx_hw_a2c_stream_poll_once(stream, look, context);
         judge(result);
-        if (result == 1) ++packets;
-        else restMs(1);
+        if (result == 1)
+            ++packets;
+        else
+            restMs(1);
     }
     if (packets == 0) throw noPacket(plan, channelOf(plan));
     return packets;

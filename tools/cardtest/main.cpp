@@ -44,9 +44,8 @@ int useLibrary(const std::string& library, char** argv) {
     const char* before = std::getenv("LD_PRELOAD");
     const std::string chain = before != nullptr ? before : "";
     if (chain.rfind(path, 0) == 0)
-        return fail(kUsage,
-                    "--library " + library + ": the loader does not take the calls from it, but from " +
-                        libraryInUse());
+        return fail(kUsage, "--library " + library + ": the loader does not take the calls from it, but from " +
+                                libraryInUse());
     setenv("LD_PRELOAD", (path + (chain.empty() ? "" : ":" + chain)).c_str(), 1);
     execv("/proc/self/exe", argv);
     return fail(kUsage, std::string("cannot start anew: ") + std::strerror(errno));
@@ -80,8 +79,9 @@ int testCard(const Arguments& arguments) {
     const std::optional<Met> met = meetCard(arguments.plan, error);
     if (!met) return fail(kNoCard, "no card to test: " + error);
     if (!met->heldStreams.empty() && !arguments.inUse)
-        return fail(kUsage, "--write: another process holds stream " + met->heldStreams + ", and would lose what it "
-                            "has subscribed. Stop it first, or insist with --in-use.");
+        return fail(kUsage, "--write: another process holds stream " + met->heldStreams +
+                                ", and would lose what it "
+                                "has subscribed. Stop it first, or insist with --in-use.");
     if (!arguments.json) std::fputs(headText(*met).c_str(), stdout);
     const std::vector<Result> results = runAll(arguments, met->plan);
     std::fputs((arguments.json ? toJson(*met, results) : footText(results)).c_str(), stdout);

@@ -17,7 +17,8 @@ using namespace tap;
 
 namespace {
 
-#define TAP_NEXT(function) NextCall<decltype(::function)> next_##function{#function}
+#define TAP_NEXT(function) \
+    NextCall<decltype(::function)> next_##function { #function }
 
 TAP_NEXT(enyx_hw_filter_set_index);
 TAP_NEXT(enyx_hw_filter_set_name);

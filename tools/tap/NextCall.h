@@ -1,8 +1,8 @@
 #pragma once
 
+#include <dlfcn.h>
 #include <atomic>
 #include <cerrno>
-#include <dlfcn.h>
 #include <type_traits>
 
 namespace tap {
@@ -29,7 +29,6 @@ public:
     bool isThere() { return known() != nullptr || find() != nullptr; }
 
 private:
-
     [[gnu::cold, gnu::noinline]] Function* find() {
         auto* function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, m_name));
         m_function.store(function, std::memory_order_relaxed);

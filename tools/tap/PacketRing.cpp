@@ -1,7 +1,7 @@
 #include "tools/tap/PacketRing.h"
 
-#include <algorithm>
 #include <sys/mman.h>
+#include <algorithm>
 
 namespace tap {
 namespace {
@@ -20,8 +20,8 @@ constexpr std::size_t kUsualPacket = 64 * 1024;
 }  // namespace
 
 PacketRing::PacketRing(std::size_t capacity) : m_capacity(powerOfTwo(capacity)), m_mask(m_capacity - 1) {
-    void* memory = ::mmap(nullptr, 2 * m_capacity, PROT_READ | PROT_WRITE,
-                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* memory = ::mmap(nullptr, 2 * m_capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                          -1, 0);
     if (memory == MAP_FAILED) return;
     m_bytes = static_cast<unsigned char*>(memory);
     // All that packets of usual sizes reach; writing a zero makes the page.

@@ -72,7 +72,7 @@ private:
     std::uint64_t m_capacity = 0;
     std::uint64_t m_mask = 0;
     alignas(64) std::atomic<std::uint64_t> m_head{0};  // producer's line
-    std::uint64_t m_end = 0;    // of the packet that is being written
+    std::uint64_t m_end = 0;                           // of the packet that is being written
     std::uint64_t m_limit = 0;  // up to where there is room, by what the producer knows of the consumer
     std::atomic<std::uint64_t> m_lost{0};
     alignas(64) std::atomic<std::uint64_t> m_tail{0};  // consumer's line

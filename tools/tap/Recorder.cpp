@@ -68,9 +68,9 @@ bool Recorder::drain() {
     const bool any = left > 0;
     m_clock.sample();
     while (left > 0) {
-        Pending* oldest =
-            std::min_element(pending.data(), pending.data() + left,
-                             [](const Pending& a, const Pending& b) { return a.record.ticks < b.record.ticks; });
+        Pending* oldest = std::min_element(
+            pending.data(), pending.data() + left,
+            [](const Pending& a, const Pending& b) { return a.record.ticks < b.record.ticks; });
         write(*oldest->source, oldest->record);
         oldest->source->ring.pop(oldest->record);
         if (!oldest->source->ring.front(oldest->limit, oldest->record)) *oldest = pending[--left];
@@ -105,7 +105,8 @@ void Recorder::countLost() {
 }
 
 void Recorder::finish() {
-    while (drain()) {}
+    while (drain()) {
+    }
     m_clock.sample();
     m_files.close(nowNs());
 }

@@ -1,21 +1,21 @@
 #include "tools/tap/Tap.h"
 
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/utsname.h>
+#include <unistd.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <memory>
-#include <pthread.h>
-#include <sched.h>
-#include <sys/utsname.h>
 #include <system_error>
 #include <thread>
-#include <unistd.h>
 
-#include "tools/tap/Report.h"
 #include "tap/Version.h"
+#include "tools/tap/Report.h"
 
 namespace tap {
 

@@ -1,7 +1,7 @@
 #include "tools/tap/TapClock.h"
 
-#include <cmath>
 #include <cpuid.h>
+#include <cmath>
 #include <ctime>
 
 namespace tap {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <cstdint>
 #include <x86intrin.h>
+#include <cstdint>
 
 namespace tap {
 
@@ -35,8 +35,8 @@ private:
     static Moment readBoth();
     bool isPlausible(double nsPerTick) const;
 
-    Moment m_last;       // where the line begins
-    Moment m_newest;     // where it ended when it was drawn
+    Moment m_last;    // where the line begins
+    Moment m_newest;  // where it ended when it was drawn
     double m_nsPerTick = 0;
 };
 

@@ -1,9 +1,9 @@
 #include "tools/vexo/Launch.h"
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 namespace vexo {
 

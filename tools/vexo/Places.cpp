@@ -3,8 +3,8 @@
 #include <string>
 #include <system_error>
 
-#include "tools/vexo/Command.h"
 #include "Layout.h"
+#include "tools/vexo/Command.h"
 
 namespace vexo {
 namespace {

@@ -1,8 +1,8 @@
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <unistd.h>
 
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
@@ -48,8 +48,8 @@ void addSim(CLI::App& app, Invocation& invocation) {
     runIt->footer("Run it as:  vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]");
     CLI::Option* scenario = runIt->add_option("--scenario", options->scenario,
                                               "Ini file that says what the card of the program's own does");
-    CLI::Option* embedded =
-        runIt->add_flag("--embedded", options->embedded, "A card of the program's own, also when one is hosted");
+    CLI::Option* embedded = runIt->add_flag("--embedded", options->embedded,
+                                            "A card of the program's own, also when one is hosted");
     runIt->add_flag("--hosted", options->hosted, "The card that vexo-simcard hosts, and no other")
         ->excludes(embedded)
         ->excludes(scenario);

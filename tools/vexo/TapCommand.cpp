@@ -1,10 +1,10 @@
 #include <filesystem>
 #include <memory>
 
+#include "tools/tap/Settings.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/Places.h"
-#include "tools/tap/Settings.h"
 
 namespace vexo {
 namespace {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "tools/vexo/Command.h"
 #include "Version.h"
+#include "tools/vexo/Command.h"
 
 namespace {
 

@@ -56,7 +56,7 @@ typedef struct enyx_sim_config {
 } enyx_sim_config;
 
 /* Fills in what a card has that nobody configured. Cannot fail; null is ignored. */
-void enyx_sim_default_config(enyx_sim_config *config);
+void enyx_sim_default_config(enyx_sim_config* config);
 
 /* Switches all cards off and on again, with @p config or, when null, the defaults; before the first use of the
  * library in a process it decides how the cards are made. Everything about the cards is forgotten, and so are scripted
@@ -64,14 +64,14 @@ void enyx_sim_default_config(enyx_sim_config *config);
  * accelerators, register spaces and cores stay valid as long as the number of cards covers them. No other thread may
  * be inside an enyx_hw_ or enyx_sim_ call. EPERM: the cards are another process's, vexo-simcard hosts them; all other
  * calls work on hosted cards too, and what they change is changed for every process. */
-int enyx_sim_power_cycle(const enyx_sim_config *config);
+int enyx_sim_power_cycle(const enyx_sim_config* config);
 
 /* The same as a scenario file says, its faults and failing calls included: one card, at the scenario's bus. EINVAL,
  * with nothing changed and up to `size` bytes of the reason in `error` (which may be null), when the file cannot be
  * used: "FILE:LINE: what is wrong; what to do".
  * Without this call a process finds the card that the file named by the environment variable VEXO_SIM_SCENARIO
  * describes; when that cannot be used, the reason goes to standard error and there is no card. */
-int enyx_sim_load_scenario(const char *path, char *error, size_t size);
+int enyx_sim_load_scenario(const char* path, char* error, size_t size);
 
 /* Brings the card up to the present moment, as any other call does. */
 int enyx_sim_advance(uint32_t card);
@@ -82,14 +82,14 @@ int enyx_sim_pause_feed(uint32_t card, int paused);
 /* ---- registers and tables, without side effects ---- */
 
 /* `word` is the register's word index, as in 0x106. Write-only registers show what was written last. */
-int enyx_sim_peek_register(uint32_t card, uint32_t word, uint32_t *value);
+int enyx_sim_peek_register(uint32_t card, uint32_t word, uint32_t* value);
 /* Read-only registers too: 0x101 hardware version, 0x103 fibre status, parser counters; 0x104 and 0x105 stand still at
  * the value until it is 0xFFFFFFFF. EINVAL for a word index that is no register, and for a read-back register. */
 int enyx_sim_poke_register(uint32_t card, uint32_t word, uint32_t value);
 
 /* `table` is 0 single-leg, 1 combination; word 0 the mask, 1 to 4 the id in the order stored. Setting a mask
  * subscribes, as the host's own write would. */
-int enyx_sim_table_word(uint32_t card, uint32_t table, uint32_t row, uint32_t word, uint32_t *value);
+int enyx_sim_table_word(uint32_t card, uint32_t table, uint32_t row, uint32_t word, uint32_t* value);
 int enyx_sim_set_table_word(uint32_t card, uint32_t table, uint32_t row, uint32_t word, uint32_t value);
 
 /* on = 1: the row keeps its mask whatever the host writes, like a row with a broken cell; 0: it is repaired. */
@@ -100,27 +100,27 @@ int enyx_sim_row_ignores_mask(uint32_t card, uint32_t table, uint32_t row, int o
 #define ENYX_SIM_ID_SIZE 32
 
 typedef struct enyx_sim_instrument {
-    uint32_t table;           /* 0 single-leg, 1 combination */
-    uint32_t row;             /* 0 to 8191; the instrument's index in contract-map packets */
+    uint32_t table;            /* 0 single-leg, 1 combination */
+    uint32_t row;              /* 0 to 8191; the instrument's index in contract-map packets */
     char id[ENYX_SIM_ID_SIZE]; /* 1 to 31 characters and a zero byte; a row of the table holds the first 16 */
 } enyx_sim_instrument;
 
 /* Replaces what the card finds in its static data; it then behaves as after a reset. EINVAL, and nothing changed, when
  * two entries share a row, an entry is out of range, or there are more than both tables hold. */
-int enyx_sim_set_instruments(uint32_t card, const enyx_sim_instrument *instruments, size_t count);
+int enyx_sim_set_instruments(uint32_t card, const enyx_sim_instrument* instruments, size_t count);
 /* How many instruments the static data has, and how many of them (the first ones) are learned at this moment. */
-int enyx_sim_instrument_count(uint32_t card, uint32_t *count, uint32_t *learned);
+int enyx_sim_instrument_count(uint32_t card, uint32_t* count, uint32_t* learned);
 /* The instrument at a position of the static data. */
-int enyx_sim_instrument_at(uint32_t card, uint32_t position, enyx_sim_instrument *instrument);
+int enyx_sim_instrument_at(uint32_t card, uint32_t position, enyx_sim_instrument* instrument);
 /* The first instrument of that id. ENOENT when the static data has none. */
-int enyx_sim_find_instrument(uint32_t card, const char *id, enyx_sim_instrument *instrument);
+int enyx_sim_find_instrument(uint32_t card, const char* id, enyx_sim_instrument* instrument);
 
 /* ---- streams ---- */
 
 /* Puts bytes into a card-to-host stream as they are, 0 to MTU bytes. ENOTCONN when nobody has the stream open, unless
  * `without_reader` is 1; such packets wait for the next reader. EMSGSIZE above the MTU. ENOBUFS when the ring is full,
  * which counts as back-pressure. */
-int enyx_sim_push(uint32_t card, uint32_t channel, const void *data, uint32_t size, int without_reader);
+int enyx_sim_push(uint32_t card, uint32_t channel, const void* data, uint32_t size, int without_reader);
 
 typedef struct enyx_sim_counters {
     uint32_t packets;       /* card to host: put into the stream since it was opened */
@@ -131,8 +131,8 @@ typedef struct enyx_sim_counters {
     uint64_t sent_bytes;
 } enyx_sim_counters;
 
-int enyx_sim_get_counters(uint32_t card, uint32_t channel, enyx_sim_counters *counters);
-int enyx_sim_set_counters(uint32_t card, uint32_t channel, const enyx_sim_counters *counters);
+int enyx_sim_get_counters(uint32_t card, uint32_t channel, enyx_sim_counters* counters);
+int enyx_sim_set_counters(uint32_t card, uint32_t channel, const enyx_sim_counters* counters);
 
 /* The next `sends` sends to the channel find the stream busy (EAGAIN); 0xFFFFFFFF = all of them, 0 = none any more. */
 int enyx_sim_busy_sends(uint32_t card, uint32_t channel, uint32_t sends);
@@ -192,33 +192,33 @@ typedef struct enyx_sim_packet_fault {
     uint32_t times;       /* strikes until the rule rests; 0 = for good */
     uint32_t per_million; /* chance of each of those packets, by the card's own generator; 1000000 = certain */
     uint32_t value;
-    uint32_t message;     /* from 0 */
+    uint32_t message; /* from 0 */
 } enyx_sim_packet_fault;
 
 /* Returns the rule's number, from 0. Rules strike in the order in which they were added. ENOSPC when there are 32. */
-int enyx_sim_add_packet_fault(uint32_t card, const enyx_sim_packet_fault *fault);
+int enyx_sim_add_packet_fault(uint32_t card, const enyx_sim_packet_fault* fault);
 /* Ends all rules. */
 int enyx_sim_clear_packet_faults(uint32_t card);
 /* How often a rule struck. */
-int enyx_sim_packet_fault_strikes(uint32_t card, uint32_t rule, uint64_t *strikes);
+int enyx_sim_packet_fault_strikes(uint32_t card, uint32_t rule, uint64_t* strikes);
 
 /* ---- scripted failures of single calls ---- */
 
 typedef struct enyx_sim_failure {
-    const char *call;   /* name of the enyx_hw_ function, one that can fail: not ..._destroy, not ..._free_... */
-    uint32_t nth;       /* which call from now on fails first: 1 = the next one */
-    uint32_t times;     /* how many in a row; 0 = all from then on */
-    int error;          /* errno that the call leaves; also the result of enyx_hw_c2a_stream_send */
-    int has_result;     /* 1: `result` is the result, not the usual failure; not for calls that return a pointer */
-    int64_t result;     /* of an enumeration: at most as many descriptors are filled as there are */
+    const char* call; /* name of the enyx_hw_ function, one that can fail: not ..._destroy, not ..._free_... */
+    uint32_t nth;     /* which call from now on fails first: 1 = the next one */
+    uint32_t times;   /* how many in a row; 0 = all from then on */
+    int error;        /* errno that the call leaves; also the result of enyx_hw_c2a_stream_send */
+    int has_result;   /* 1: `result` is the result, not the usual failure; not for calls that return a pointer */
+    int64_t result;   /* of an enumeration: at most as many descriptors are filled as there are */
 } enyx_sim_failure;
 
 /* The call itself does not happen, but for an enumeration with a result of its own. Several scripts for one call may
  * run side by side; each counts all calls of that name in the process. EINVAL: no such call, nth is 0, a result for a
  * call that returns a pointer. */
-int enyx_sim_fail(const enyx_sim_failure *failure);
+int enyx_sim_fail(const enyx_sim_failure* failure);
 /* The same in short: the nth call from now on fails with `error`, once, or with `for_good` 1 from then on. */
-int enyx_sim_fail_call(const char *call, uint32_t nth, int error, int for_good);
+int enyx_sim_fail_call(const char* call, uint32_t nth, int error, int for_good);
 /* Ends all scripts. */
 void enyx_sim_clear_failures(void);
 
@@ -229,8 +229,8 @@ void enyx_sim_clear_failures(void);
  * Lines come one at a time; those of calls made inside a packet handler come before the line of the poll. A failed
  * call's line ends in errno=<number>. The callback must not call enyx_hw_ or enyx_sim_ functions. A null callback ends
  * the trace, and no line comes after that. */
-typedef void (*enyx_sim_trace)(const char *line, void *context);
-void enyx_sim_set_trace(enyx_sim_trace trace, void *context);
+typedef void (*enyx_sim_trace)(const char* line, void* context);
+void enyx_sim_set_trace(enyx_sim_trace trace, void* context);
 
 typedef struct enyx_sim_handles {
     uint32_t filters;
@@ -245,7 +245,7 @@ typedef struct enyx_sim_handles {
 } enyx_sim_handles;
 
 /* What the process holds at this moment, to find what is not released or released twice. */
-void enyx_sim_count_handles(enyx_sim_handles *handles);
+void enyx_sim_count_handles(enyx_sim_handles* handles);
 
 #ifdef __cplusplus
 }

@@ -40,11 +40,11 @@ struct QuoteCommon {
     std::uint32_t exchangeTime;     // HHMMSS
     std::uint32_t exchangeMillis;   // of that second, 0 to 999
     std::int64_t lastPrice;
-    std::int64_t upperLimit;        // highest and lowest price of the day; every price of the quote lies inside
+    std::int64_t upperLimit;  // highest and lowest price of the day; every price of the quote lies inside
     std::int64_t lowerLimit;
-    std::int64_t turnover;          // of the day
-    std::uint64_t totalVolume;      // lots traded on the day
-    std::uint64_t openInterest;     // lots
+    std::int64_t turnover;       // of the day
+    std::uint64_t totalVolume;   // lots traded on the day
+    std::uint64_t openInterest;  // lots
 };
 
 struct Level1Quote {

@@ -1,8 +1,8 @@
 #include "tests/unit/api/ApiFixture.h"
 
 ApiTest::ApiTest() : time(day.year, day.month, day.day, 12, 0, 0) {
-    hw.record           = false;
-    hw.cards            = 2;
+    hw.record = false;
+    hw.cards = 2;
     hw.registers[0x106] = day.Number();
     hw.registers[0x101] = 12;
     hw.registers[0x103] = 1;  // accepts every version; one fibre

@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/channel/Child.h"
-#include "tests/unit/channel/DayFiles.h"
 #include "src/api/ApiImpl.h"
 #include "tests/doubles/FakeEnyxHw.h"
 #include "tests/support/FakeTime.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/channel/Child.h"
+#include "tests/unit/channel/DayFiles.h"
 
 /// Counts the callbacks of an application.
 class CountingSpi : public IVexoZceMdSpi {

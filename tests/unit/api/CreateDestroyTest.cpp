@@ -1,6 +1,6 @@
+#include "tests/support/CaptureOutput.h"
 #include "tests/unit/api/ApiFixture.h"
 #include "tests/unit/channel/FailingNew.h"
-#include "tests/support/CaptureOutput.h"
 
 #include <cstddef>
 #include <cstring>
@@ -30,8 +30,8 @@ TEST_F(ApiObject, FirstOneMakesTheDriverOfTheProcess) {
 }
 
 TEST_F(ApiObject, SecondOneSharesTheDriver) {
-    IVexoZceMdApi* first  = IVexoZceMdApi::CreateVexoZceMdApi();
-    const auto* driver    = CDrvEnyxReg::instance;
+    IVexoZceMdApi* first = IVexoZceMdApi::CreateVexoZceMdApi();
+    const auto* driver = CDrvEnyxReg::instance;
     IVexoZceMdApi* second = IVexoZceMdApi::CreateVexoZceMdApi();
 
     EXPECT_EQ(CDrvEnyxReg::instance, driver);

@@ -1,6 +1,6 @@
-#include "tests/unit/api/ApiFixture.h"
-#include "tests/doubles/LogLines.h"
 #include "src/log/elog.h"
+#include "tests/doubles/LogLines.h"
+#include "tests/unit/api/ApiFixture.h"
 
 #include <sys/stat.h>
 
@@ -233,7 +233,7 @@ using SeveralObjects = ApiTest;
 
 TEST_F(SeveralObjects, DriverEndsWithTheLastChannel0ThatUsesIt) {
     const ChildResult child = RunInChild([&] {
-        IVexoZceMdApi* first  = IVexoZceMdApi::CreateVexoZceMdApi();
+        IVexoZceMdApi* first = IVexoZceMdApi::CreateVexoZceMdApi();
         IVexoZceMdApi* second = IVexoZceMdApi::CreateVexoZceMdApi();
         ASSERT_EQ(first->VexoStart(spi, Ini(0, 0).c_str()), 0);
         ASSERT_EQ(second->VexoStart(spi, Ini(1, 0).c_str()), 0);
@@ -278,7 +278,7 @@ TEST_F(SeveralObjects, OneMadeBeforeTheDriverEndedGetsANewOneWhenItStarts) {
 TEST_F(SeveralObjects, SlaveLivesOnWhenTheMasterEnds) {
     const ChildResult child = RunInChild([&] {
         IVexoZceMdApi* master = Started(0);
-        IVexoZceMdApi* slave  = Started(3);
+        IVexoZceMdApi* slave = Started(3);
         IVexoZceMdApi::DestroyVexoZceMdApi(*master);
         Quote(3);
         EXPECT_EQ(slave->VexoRecv(), 1);

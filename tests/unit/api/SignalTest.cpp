@@ -1,8 +1,8 @@
-#include "tests/unit/api/ApiFixture.h"
-#include "tests/unit/channel/HostCalls.h"
-#include "tests/doubles/LogLines.h"
 #include "src/log/elog.h"
 #include "src/log/elog_mutex.h"
+#include "tests/doubles/LogLines.h"
+#include "tests/unit/api/ApiFixture.h"
+#include "tests/unit/channel/HostCalls.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -214,7 +214,7 @@ int WriteToAClosedPipe() {
     if (::pipe(ends) != 0) return -1;
     ::close(ends[0]);
     const ssize_t written = ::write(ends[1], "x", 1);
-    const int error       = written < 0 ? errno : 0;
+    const int error = written < 0 ? errno : 0;
     ::close(ends[1]);
     return error;
 }
@@ -278,7 +278,7 @@ TEST_F(StopSignal, ArrivesWhileAnotherThreadHoldsTheLogLock) {
 
 // Wherever in the log core they strike, every line stays whole and nothing hangs.
 TEST_F(StopSignal, ManyArriveWhileTheThreadLogs) {
-    constexpr int kSignals  = 2000;
+    constexpr int kSignals = 2000;
     const ChildResult child = Armed([](IVexoZceMdApi&) {
         std::atomic<bool> done{false};
         const pthread_t logging = ::pthread_self();

@@ -1,6 +1,6 @@
+#include "tests/doubles/LogLines.h"
 #include "tests/unit/api/ApiFixture.h"
 #include "tests/unit/channel/FailingNew.h"
-#include "tests/doubles/LogLines.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -26,14 +26,13 @@ TEST_F(ApiStart, SlaveLogsItsFewSteps) {
         EXPECT_NE(api.m_pDmaChan, nullptr);
     });
     EXPECT_TRUE(child.returned) << child.err;
-    EXPECT_THAT(child.Lines(), ElementsAre("INFO log is initialized successfully.",
-                                           "INFO config ini, m_binDelayTime is 15",
-                                           "INFO Successful load confie file " + ini,
-                                           "INFO [channel:3] Busid:0, ChannelId:3.",
-                                           "INFO [channel:3] Doesn't need to bind cpu.",
-                                           "INFO Init dma channel :CUSTOM_CHAN3_DATA success.",
-                                           "INFO [channel:3] DMA count info: backpress:0, dma2soft:0, fifo:0, error:0.",
-                                           "INFO dma channel CUSTOM_CHAN3_DATA has released."));
+    EXPECT_THAT(
+        child.Lines(),
+        ElementsAre("INFO log is initialized successfully.", "INFO config ini, m_binDelayTime is 15",
+                    "INFO Successful load confie file " + ini, "INFO [channel:3] Busid:0, ChannelId:3.",
+                    "INFO [channel:3] Doesn't need to bind cpu.", "INFO Init dma channel :CUSTOM_CHAN3_DATA success.",
+                    "INFO [channel:3] DMA count info: backpress:0, dma2soft:0, fifo:0, error:0.",
+                    "INFO dma channel CUSTOM_CHAN3_DATA has released."));
 }
 
 TEST_F(ApiStart, LogFileHoldsTheSameLinesAsStandardOutput) {
@@ -57,10 +56,10 @@ TEST_F(ApiStart, SlaveTouchesNoRegister) {
 TEST_F(ApiStart, MasterOpensTheRegisterCoreBeforeItPreparesTheCard) {
     const std::string ini = Ini(0, 0);
     const ChildResult child = RunInChild([&] {
-        hw.record          = true;
+        hw.record = true;
         hw.recordRegisters = false;
         IVexoZceMdApi* api = Started(0);
-        const auto calls   = hw.TakeCalls();
+        const auto calls = hw.TakeCalls();
         EXPECT_THAT(calls, testing::Contains("filter_set_index filter1 0 -> 0"));
         EXPECT_THAT(calls, testing::Contains("core_enumerate root1 474 1 -> 1 core1"));
         IVexoZceMdApi::DestroyVexoZceMdApi(*api);
@@ -71,8 +70,8 @@ TEST_F(ApiStart, MasterOpensTheRegisterCoreBeforeItPreparesTheCard) {
     EXPECT_THAT(std::vector<std::string>(lines.begin(), lines.begin() + 6),
                 ElementsAre("INFO log is initialized successfully.", "INFO config ini, m_binDelayTime is 15",
                             "INFO Successful load confie file " + ini,
-                            "INFO [channel:0] Busid:0, ChannelId:0.",   // for the register driver
-                            "INFO [channel:0] Busid:0, ChannelId:0.",   // for the channel
+                            "INFO [channel:0] Busid:0, ChannelId:0.",  // for the register driver
+                            "INFO [channel:0] Busid:0, ChannelId:0.",  // for the channel
                             "INFO [channel:0] Doesn't need to bind cpu."));
     EXPECT_THAT(lines, testing::Contains("INFO Unsubscribe all insts now"));
     EXPECT_THAT(lines, testing::Contains("INFO Fpga start transmit inst map pkt."));
@@ -80,7 +79,7 @@ TEST_F(ApiStart, MasterOpensTheRegisterCoreBeforeItPreparesTheCard) {
 
 TEST_F(ApiStart, CardOfTheConfigurationIsTheOneOpened) {
     const ChildResult child = RunInChild([&] {
-        hw.record          = true;
+        hw.record = true;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         EXPECT_EQ(api->VexoStart(spi, Ini(1, 3).c_str()), 0);
         const auto calls = hw.TakeCalls();
@@ -94,7 +93,7 @@ TEST_F(ApiStart, CardOfTheConfigurationIsTheOneOpened) {
 TEST_F(ApiStart, MakesNoThread) {
     const ChildResult child = RunInChild([&] {
         IVexoZceMdApi* api = Started(0);
-        const auto tasks   = std::filesystem::directory_iterator("/proc/self/task");
+        const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
         EXPECT_EQ(std::distance(begin(tasks), end(tasks)), 1);
         IVexoZceMdApi::DestroyVexoZceMdApi(*api);
     });
@@ -106,7 +105,8 @@ TEST_F(ApiStart, MakesNoThread) {
 class FatalStart : public ApiTest {
 protected:
     /// Starts in a child that is to end by itself, and says at its end whether the register driver was ended before.
-    ChildResult Start(const char* ini, const std::function<void()>& prepare = [] {}) {
+    ChildResult Start(
+        const char* ini, const std::function<void()>& prepare = [] {}) {
         ChildResult child = RunInChild([&] {
             prepare();
             std::atexit([] { std::printf("driver is %s\n", CDrvEnyxReg::instance == nullptr ? "gone" : "left"); });
@@ -170,26 +170,25 @@ TEST_F(FatalStart, MissingCardIsReportedByEveryLayer) {
 TEST_F(FatalStart, FailedPreparationEndsTheChannelAndItsDriver) {
     const ChildResult child = Start(Ini(0, 0).c_str(), [&] { hw.registers[0x103] = 2; });
 
-    EXPECT_THAT(Last(4, child), ElementsAre("ERROR you will need to update your soft version.",
-                                            "ERROR iCheckRst == 2, soft  error.", "ERROR Create Brix service failed!",
-                                            "driver is gone"));
+    EXPECT_THAT(Last(4, child),
+                ElementsAre("ERROR you will need to update your soft version.", "ERROR iCheckRst == 2, soft  error.",
+                            "ERROR Create Brix service failed!", "driver is gone"));
 }
 
 TEST_F(FatalStart, StreamThatSomebodyHoldsEndsTheChannelAndItsDriver) {
     const ChildResult child = Start(Ini(0, 0).c_str(), [&] { hw.Fail("a2c_stream_create", EBUSY); });
 
-    EXPECT_THAT(Last(8, child),
-                ElementsAre("ERROR Could not create a2c stream.dmaName:CUSTOM_CHAN0_DATA,  err:Device or resource busy",
-                            "ERROR Note !! A software program can only have one instance running at a time!",
-                            "ERROR Init DMA error!", "ERROR Dma init busid:0, chanName:CUSTOM_CHAN0_DATA fail!",
-                            "ERROR [channel:0] Init dma fail! dma name CUSTOM_CHAN0_DATA.",
-                            "ERROR Create Brix service failed!", "INFO dma channel CUSTOM_CHAN0_DATA has released.",
-                            "driver is gone"));
+    EXPECT_THAT(
+        Last(8, child),
+        ElementsAre("ERROR Could not create a2c stream.dmaName:CUSTOM_CHAN0_DATA,  err:Device or resource busy",
+                    "ERROR Note !! A software program can only have one instance running at a time!",
+                    "ERROR Init DMA error!", "ERROR Dma init busid:0, chanName:CUSTOM_CHAN0_DATA fail!",
+                    "ERROR [channel:0] Init dma fail! dma name CUSTOM_CHAN0_DATA.", "ERROR Create Brix service failed!",
+                    "INFO dma channel CUSTOM_CHAN0_DATA has released.", "driver is gone"));
 }
 
 TEST_F(FatalStart, BlockingModeEndsTheProcessToo) {
-    const ChildResult child =
-        RunInChild([&] { IVexoZceMdApi::CreateVexoZceMdApi()->VexoRecvStart(spi, "no.ini"); });
+    const ChildResult child = RunInChild([&] { IVexoZceMdApi::CreateVexoZceMdApi()->VexoRecvStart(spi, "no.ini"); });
 
     EXPECT_EQ(child.exitStatus, 0);
     EXPECT_THAT(child.Lines(), testing::Not(testing::Contains("ERROR Vexo init fail.")));

@@ -1,13 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <csignal>
 #include <filesystem>
-#include <sys/resource.h>
 
-#include "tests/unit/capture/CaptureSample.h"
 #include "capture/CaptureFiles.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/capture/CaptureSample.h"
 
 using namespace capture;
 using ::testing::ElementsAre;
@@ -165,8 +165,7 @@ TEST_F(CaptureFilesTest, AFullDiskIsToldOnceAndCostsCountedPacketsOnly) {
     EXPECT_EQ(file.interfaces[0].counts->received, 7U);
     EXPECT_EQ(file.interfaces[0].counts->dropped, 4U);
     ASSERT_THAT(reports, SizeIs(2));
-    EXPECT_EQ(reports[1],
-              "cannot write " + dir.Path("a.pcapng") + ": File too large; packets are lost, and counted");
+    EXPECT_EQ(reports[1], "cannot write " + dir.Path("a.pcapng") + ": File too large; packets are lost, and counted");
 }
 
 TEST_F(CaptureFilesTest, AnInterfaceThatAFullDiskRefusedIsDescribedBeforeItsNextPacket) {

@@ -21,8 +21,7 @@ struct ReadPacket {
     std::uint64_t offset;
 
     bool operator==(const ReadPacket& other) const {
-        return interface == other.interface && timeNs == other.timeNs && bytes == other.bytes &&
-               offset == other.offset;
+        return interface == other.interface && timeNs == other.timeNs && bytes == other.bytes && offset == other.offset;
     }
 };
 

@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/unit/capture/CaptureSample.h"
 #include "capture/Format.h"
+#include "tests/unit/capture/CaptureSample.h"
 
 using namespace capture;
 using ::testing::HasSubstr;
@@ -95,8 +95,8 @@ TEST(CaptureReader, WhereverAFileIsCutOffTheOffsetIsToldAndWhatPrecedesIsRead) {
         ASSERT_EQ(file.damage.has_value(), sample.startOf(block) != size) << size;
         if (!file.damage) continue;
         ASSERT_EQ(file.damage->offset, sample.startOf(block)) << size;
-        ASSERT_THAT(file.damage->text, HasSubstr("at byte " + std::to_string(file.damage->offset) +
-                                                 ": the file ends inside a block: "));
+        ASSERT_THAT(file.damage->text,
+                    HasSubstr("at byte " + std::to_string(file.damage->offset) + ": the file ends inside a block: "));
     }
 }
 

@@ -81,7 +81,7 @@ TEST_F(CardTables, SingleLegMaskGoesToTheDataRegisterAndThenTheRowIsCommanded) {
 }
 
 TEST_F(CardTables, CombinationMaskUsesTheCombinationRegistersAndNames) {
-    serv.oneLegNames[7]  = "SR505";
+    serv.oneLegNames[7] = "SR505";
     serv.combineNames[7] = "SPD-SR505/SR509";
 
     serv.SubsOneInst(1, 7, 0x8001);
@@ -132,8 +132,9 @@ TEST_F(CardTables, WritingAMaskInsertsAnEmptyNameIntoItsOwnTableOnly) {
 TEST_F(CardTables, IndexesUpTo8192AreWrittenWithoutAnError) {
     for (const int index : {0, 1, 4095, 4096, 8191, 8192}) {
         serv.SubsOneInst(0, static_cast<std::uint16_t>(index), 1);
-        EXPECT_THAT(log.Take(), ElementsAre("INFO Subscribes:Write to fpga:chanbit:0x1, index:" +
-                                            std::to_string(index) + ", instId:"));
+        EXPECT_THAT(
+            log.Take(),
+            ElementsAre("INFO Subscribes:Write to fpga:chanbit:0x1, index:" + std::to_string(index) + ", instId:"));
     }
 }
 
@@ -151,14 +152,13 @@ TEST_F(CardTables, IndexAbove8192IsLoggedAsFailedAndWrittenAllTheSame) {
 TEST_F(CardTables, HighestIndexOfAllIsLoggedAsFailedAndWrittenAllTheSame) {
     serv.SubsOneInst(0, 65535, 0xFFFF);
 
-    EXPECT_THAT(log.Take(),
-                ElementsAre("ERROR Subscribes:Write to fpga failed ! :chanbit:0xffff, index:65535, instId:",
-                            "INFO Subscribes:Write to fpga:chanbit:0xffff, index:65535, instId:"));
+    EXPECT_THAT(log.Take(), ElementsAre("ERROR Subscribes:Write to fpga failed ! :chanbit:0xffff, index:65535, instId:",
+                                        "INFO Subscribes:Write to fpga:chanbit:0xffff, index:65535, instId:"));
     EXPECT_THAT(drv.TakeCalls(), ElementsAre("WR 0x11001 0xffff", "WR 0x11000 0x3fffc0"));
 }
 
 TEST_F(CardTables, ErrorForACombinationIndexAbove8192NamesTheSingleLegInstrument) {
-    serv.oneLegNames[9000]  = "SR505";
+    serv.oneLegNames[9000] = "SR505";
     serv.combineNames[9000] = "SPD-SR505/SR509";
 
     serv.SubsOneInst(1, 9000, 0x1);
@@ -192,20 +192,18 @@ TEST_F(CardTables, WithNameAddsTheChannelsBitAndWritesThreeIdWords) {
 
     third.SubsOneInstWithName(0, "SR501", 7);
 
-    EXPECT_THAT(drv.TakeCalls(),
-                ElementsAre("WR 0x11002 0x1c0", "R 0x11003", "WR 0x11001 0x5", "WR 0x11000 0x1c0",
-                            "WR 0x11001 0x53523530", "WR 0x11000 0x1c1", "WR 0x11001 0x31000000", "WR 0x11000 0x1c2",
-                            "WR 0x11001 0x0", "WR 0x11000 0x1c3"));
+    EXPECT_THAT(drv.TakeCalls(), ElementsAre("WR 0x11002 0x1c0", "R 0x11003", "WR 0x11001 0x5", "WR 0x11000 0x1c0",
+                                             "WR 0x11001 0x53523530", "WR 0x11000 0x1c1", "WR 0x11001 0x31000000",
+                                             "WR 0x11000 0x1c2", "WR 0x11001 0x0", "WR 0x11000 0x1c3"));
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
 TEST_F(CardTables, WithNameOnACombinationUsesTheCombinationRegisters) {
     serv.SubsOneInstWithName(1, "SPD-A", 8191);
 
-    EXPECT_THAT(drv.TakeCalls(),
-                ElementsAre("WR 0x12002 0x7ffc0", "R 0x12003", "WR 0x12001 0x1", "WR 0x12000 0x7ffc0",
-                            "WR 0x12001 0x5350442d", "WR 0x12000 0x7ffc1", "WR 0x12001 0x41000000",
-                            "WR 0x12000 0x7ffc2", "WR 0x12001 0x0", "WR 0x12000 0x7ffc3"));
+    EXPECT_THAT(drv.TakeCalls(), ElementsAre("WR 0x12002 0x7ffc0", "R 0x12003", "WR 0x12001 0x1", "WR 0x12000 0x7ffc0",
+                                             "WR 0x12001 0x5350442d", "WR 0x12000 0x7ffc1", "WR 0x12001 0x41000000",
+                                             "WR 0x12000 0x7ffc2", "WR 0x12001 0x0", "WR 0x12000 0x7ffc3"));
 }
 
 TEST_F(CardTables, WithNameSetsTheBitOfEachOfThe16Channels) {
@@ -348,21 +346,20 @@ TEST_F(CardTables, ReadBackOfNothingLogsItsMessageAndTouchesNoRegister) {
 }
 
 TEST_F(CardTables, ReadBackOfAllGoesUpTheSingleLegRowsAndThenTheCombinationRows) {
-    serv.oneLegChanBits  = {{300, 0x1}, {2, 0x1}};
+    serv.oneLegChanBits = {{300, 0x1}, {2, 0x1}};
     serv.combineChanBits = {{8191, 0x1}, {1, 0x1}};
     for (const unsigned int row : {300U, 2U}) drv.words[0][row << 6] = 1;
     for (const unsigned int row : {8191U, 1U}) drv.words[1][row << 6] = 1;
 
     serv.ReadBackAllInst();
 
-    EXPECT_THAT(drv.TakeCalls(),
-                ElementsAre("WR 0x11002 0x80", "R 0x11003", "WR 0x11002 0x4b00", "R 0x11003", "WR 0x12002 0x40",
-                            "R 0x12003", "WR 0x12002 0x7ffc0", "R 0x12003"));
+    EXPECT_THAT(drv.TakeCalls(), ElementsAre("WR 0x11002 0x80", "R 0x11003", "WR 0x11002 0x4b00", "R 0x11003",
+                                             "WR 0x12002 0x40", "R 0x12003", "WR 0x12002 0x7ffc0", "R 0x12003"));
     EXPECT_THAT(log.Take(), ElementsAre("INFO Already write into fpga, now read back!"));
 }
 
 TEST_F(CardTables, ReadBackOfAllReportsEachFailingRowOnceAndRetriesNone) {
-    serv.oneLegChanBits  = {{2, 0x1}, {3, 0x6}};
+    serv.oneLegChanBits = {{2, 0x1}, {3, 0x6}};
     serv.combineChanBits = {{2, 0x8}};
     drv.words[0][2 << 6] = 0x1;
     drv.words[0][3 << 6] = 0x9;

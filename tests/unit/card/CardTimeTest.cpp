@@ -247,8 +247,8 @@ TEST_F(CardTime, SystemTimeIsTheOneAtTheStartOfTheQuestion) {
     };
 
     EXPECT_EQ(serv.GetRealTime(), 100000u);
-    EXPECT_THAT(log.Take(), ElementsAre("INFO [channel:0] Current fpga time:50000. system time:100000.",
-                                        SystemTimeLine(100000)));
+    EXPECT_THAT(log.Take(),
+                ElementsAre("INFO [channel:0] Current fpga time:50000. system time:100000.", SystemTimeLine(100000)));
 }
 
 TEST_F(CardTime, QuestionsOfTimeTakeNoLock) {

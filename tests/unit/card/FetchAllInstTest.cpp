@@ -23,7 +23,7 @@ using testing::UnorderedElementsAre;
 using Vexo2_U50::CZceFpgaServ;
 using Vexo2_U50::InstIdToIndex;
 
-constexpr int kSingle  = 0;
+constexpr int kSingle = 0;
 constexpr int kCombine = 1;
 
 class FetchAllInst : public testing::Test {
@@ -85,9 +85,8 @@ TEST_F(FetchAllInst, WarningTellsTheAttemptThatSettledTheRow) {
 
     serv.FetchAllInst();
 
-    EXPECT_THAT(log.Take(),
-                ElementsAre(Warning(2, "SR502"), Warning(3, "SR503"), Warning(4, "SR504"), Warning(5, "SR505"),
-                            Warning(6, "SR506"), Warning(7, "SR507"), Over(6)));
+    EXPECT_THAT(log.Take(), ElementsAre(Warning(2, "SR502"), Warning(3, "SR503"), Warning(4, "SR504"),
+                                        Warning(5, "SR505"), Warning(6, "SR506"), Warning(7, "SR507"), Over(6)));
 }
 
 TEST_F(FetchAllInst, RowThatNeverReadsTheSameTwiceIsLeftAfterEightReads) {
@@ -144,7 +143,7 @@ TEST_F(FetchAllInst, IdSeenOnceOnARowThatWasNotTakenIsRememberedToo) {
 
 TEST_F(FetchAllInst, IdIsRememberedFromTheSingleLegTableIntoTheCombinationTable) {
     drv.Row(kSingle, 4094) = {"SR505"};
-    drv.Row(kCombine, 0)   = {"", "SR505"};
+    drv.Row(kCombine, 0) = {"", "SR505"};
 
     serv.FetchAllInst();
 
@@ -194,9 +193,9 @@ TEST_F(FetchAllInst, KnownIdGetsTheNewRowAndOtherEntriesStay) {
 }
 
 TEST_F(FetchAllInst, LastRowOfAnIdWinsAcrossBothTables) {
-    drv.Row(kSingle, 12)  = {"SR505", "SR505"};
-    drv.Row(kSingle, 13)  = {"SR505", "SR505"};
-    drv.Row(kCombine, 4)  = {"SR505", "SR505"};
+    drv.Row(kSingle, 12) = {"SR505", "SR505"};
+    drv.Row(kSingle, 13) = {"SR505", "SR505"};
+    drv.Row(kCombine, 4) = {"SR505", "SR505"};
 
     serv.FetchAllInst();
 

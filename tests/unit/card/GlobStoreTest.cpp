@@ -3,8 +3,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/unit/card/CardServiceFixture.h"
 #include "src/instruments/SubsInfo.h"
+#include "tests/unit/card/CardServiceFixture.h"
 
 namespace {
 
@@ -124,7 +124,7 @@ TEST_F(GlobStore, ChannelsOnThreadsOfTheirOwnLoseNoBit) {
 // ---- all of a channel ----
 
 TEST_F(GlobStore, ChannelsInstrumentsAreCountedAndStored) {
-    IndexToInstId oneLeg  = {{9, "SR509"}, {7, "SR507"}};
+    IndexToInstId oneLeg = {{9, "SR509"}, {7, "SR507"}};
     IndexToInstId combine = {{7, "SPD-SR505/SR509"}};
 
     serv.StoreInstsToGlob(oneLeg, combine, 3);
@@ -164,7 +164,7 @@ TEST_F(GlobStore, ChannelWithOnlyOneKindOfInstrumentsIsNotToldThatItHasNone) {
 
 TEST_F(GlobStore, StoringWorksOnTheMapsAsTheyWereAtTheCall) {
     IndexToInstId oneLeg = {{9, "SR509"}};
-    serv.oneLegNames     = {{7, "SR507"}};
+    serv.oneLegNames = {{7, "SR507"}};
 
     serv.StoreInstsToGlob(oneLeg, serv.oneLegNames, 0);
 
@@ -190,8 +190,7 @@ TEST_F(GlobStore, InstrumentOfTwoChannelsIsWrittenOnceWithBothBits) {
 
     serv.SubsFromGlobInsts();
 
-    EXPECT_THAT(drv.TakeCalls(),
-                ElementsAre("WR 0x11001 0x5", "WR 0x11000 0x1c0", "WR 0x11002 0x1c0", "R 0x11003"));
+    EXPECT_THAT(drv.TakeCalls(), ElementsAre("WR 0x11001 0x5", "WR 0x11000 0x1c0", "WR 0x11002 0x1c0", "R 0x11003"));
     EXPECT_THAT(log.Take(),
                 ElementsAre("WARN Subscribe:Meeting conditions count is:OneLeg:1, Combine:0. Now write to fpga!",
                             "INFO Subscribes:Write to fpga:chanbit:0x5, index:7, instId:SR505",
@@ -207,11 +206,10 @@ TEST_F(GlobStore, SingleLegRowsThenCombinationRowsAreWrittenUpwardsAndThenReadBa
 
     serv.SubsFromGlobInsts();
 
-    EXPECT_THAT(drv.TakeCalls(),
-                ElementsAre("WR 0x11001 0x1", "WR 0x11000 0x1c0", "WR 0x11001 0x1", "WR 0x11000 0x240",
-                            "WR 0x12001 0x2", "WR 0x12000 0x40", "WR 0x12001 0x2", "WR 0x12000 0x80",
-                            "WR 0x11002 0x1c0", "R 0x11003", "WR 0x11002 0x240", "R 0x11003", "WR 0x12002 0x40",
-                            "R 0x12003", "WR 0x12002 0x80", "R 0x12003"));
+    EXPECT_THAT(drv.TakeCalls(), ElementsAre("WR 0x11001 0x1", "WR 0x11000 0x1c0", "WR 0x11001 0x1", "WR 0x11000 0x240",
+                                             "WR 0x12001 0x2", "WR 0x12000 0x40", "WR 0x12001 0x2", "WR 0x12000 0x80",
+                                             "WR 0x11002 0x1c0", "R 0x11003", "WR 0x11002 0x240", "R 0x11003",
+                                             "WR 0x12002 0x40", "R 0x12003", "WR 0x12002 0x80", "R 0x12003"));
     EXPECT_THAT(log.Take(),
                 ElementsAre("WARN Subscribe:Meeting conditions count is:OneLeg:2, Combine:2. Now write to fpga!",
                             "INFO Subscribes:Write to fpga:chanbit:0x1, index:7, instId:SR507",

@@ -45,7 +45,7 @@ public:
         if (addr != kReadBack[0] && addr != kReadBack[1]) return FakeDrv::ReadInt32(addr, value);
         const int table = addr == kReadBack[0] ? 0 : 1;
         Keep({table, kRead});
-        const std::uint32_t row  = m_select[table] / 64;
+        const std::uint32_t row = m_select[table] / 64;
         const std::uint32_t word = m_select[table] % 64;
         const std::uint32_t attempt = m_reads[table][m_select[table]]++;
         const Attempts& shown = m_rows[table].at(row);
@@ -54,7 +54,7 @@ public:
     }
 
 private:
-    static constexpr unsigned long kSelect[]   = {0x11002, 0x12002};
+    static constexpr unsigned long kSelect[] = {0x11002, 0x12002};
     static constexpr unsigned long kReadBack[] = {0x11003, 0x12003};
 
     // Word 4 shows the first four characters of an id, word 1 the last four of its sixteen.

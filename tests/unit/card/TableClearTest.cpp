@@ -4,8 +4,8 @@
 #include <iostream>
 #include <vector>
 
-#include "src/config/ConfigFile.h"
 #include "src/card/FpgaServ.h"
+#include "src/config/ConfigFile.h"
 #include "tests/doubles/LogLines.h"
 #include "tests/support/FakeTime.h"
 
@@ -34,7 +34,7 @@ protected:
         second.Init(&drv);
     }
     ~TableClear() override {
-        CZceFpgaServ::m_bReseted    = false;
+        CZceFpgaServ::m_bReseted = false;
         CZceConfigFile::m_SwitchReg = m_oldSwitch;
     }
     // The log capture swallows what a failed expectation prints.

@@ -11,10 +11,10 @@ using test_support::FakeDrv;
 
 ChannelTest::ChannelTest() : time(day.year, day.month, day.day, 12, 0, 0), api(nullptr), drv(new TraceDrv) {
     api.m_pSpi = &spi;
-    drv->registers[card_reg::kTradingDate]     = day.Number();
+    drv->registers[card_reg::kTradingDate] = day.Number();
     drv->registers[card_reg::kHardwareVersion] = 12;
-    drv->registers[card_reg::kVerdictOrFibre]  = card_reg::kAllFibres;
-    drv->scripted[card_reg::kVerdictOrFibre]   = {card_reg::kVerdictAccepted};
+    drv->registers[card_reg::kVerdictOrFibre] = card_reg::kAllFibres;
+    drv->scripted[card_reg::kVerdictOrFibre] = {card_reg::kVerdictAccepted};
     time.OnSleep([](unsigned int seconds) { std::printf("sleep %u\n", seconds); });
     // Stop signals count as handled: what installs the handlers is a test of its own.
     CZceDmaChanImpl::m_bSignalRegister = true;
@@ -28,9 +28,9 @@ ChannelTest::~ChannelTest() {
 
 void ChannelTest::EndChannel() {
     if (!channel) return;
-    auto* fpga     = channel->m_pFpgaServ;
+    auto* fpga = channel->m_pFpgaServ;
     auto* contract = channel->m_pContractServ;
-    auto* bin      = channel->m_pBinFile;
+    auto* bin = channel->m_pBinFile;
     const int before = FakeDrv::destroyed;
     channel.reset();
     if (FakeDrv::destroyed != before) drv = nullptr;
@@ -79,7 +79,7 @@ PacketTest::PacketTest() {
     MakeChannel();
     MakeServices();
     channel->m_bCfgInsSuccess = true;
-    channel->m_tCfgSuccTime   = std::chrono::system_clock::now();
+    channel->m_tCfgSuccTime = std::chrono::system_clock::now();
 }
 
 void PacketTest::Deliver(const std::vector<unsigned char>& packet) {

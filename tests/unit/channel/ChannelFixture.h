@@ -9,15 +9,15 @@
 #include <utility>
 #include <vector>
 
-#include "tests/unit/channel/DayFiles.h"
-#include "tests/unit/channel/MapPacket.h"
-#include "tests/unit/channel/TraceDrv.h"
 #include "src/api/ApiImpl.h"
 #include "src/channel/DmaChannel.h"
 #include "tests/doubles/FakeDma.h"
 #include "tests/doubles/LogLines.h"
 #include "tests/support/FakeTime.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/channel/DayFiles.h"
+#include "tests/unit/channel/MapPacket.h"
+#include "tests/unit/channel/TraceDrv.h"
 
 /// What an application's callbacks got, as "17 <payload in hex>"; each callback returns `result`.
 class RecordingSpi : public IVexoZceMdSpi {

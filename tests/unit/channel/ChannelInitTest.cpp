@@ -115,10 +115,10 @@ TEST_F(ChannelInit, NewChannelKnowsItsThreePartnersAndNothingElse) {
 TEST_F(ChannelInit, FieldsLieInTheirDocumentedOrder) {
     MakeChannel();
     const std::vector<const void*> fields = {
-        &channel->m_bCfgParsed,    &channel->m_bCfgInsSuccess, &channel->m_tCfgSuccTime, &channel->m_bRecvData,
-        &channel->m_ulParsedCnt,   &channel->m_pfnHandler,     &channel->m_pHandlerCtx,  &channel->m_pDma,
-        &channel->m_mapInstIdx,    &channel->m_vecRecvClass,   &channel->m_pFpgaServ,    &channel->m_pContractServ,
-        &channel->m_pBinFile,      &channel->m_pCfgFile,       &channel->m_pDrv,         &channel->m_pApi,
+        &channel->m_bCfgParsed,  &channel->m_bCfgInsSuccess, &channel->m_tCfgSuccTime, &channel->m_bRecvData,
+        &channel->m_ulParsedCnt, &channel->m_pfnHandler,     &channel->m_pHandlerCtx,  &channel->m_pDma,
+        &channel->m_mapInstIdx,  &channel->m_vecRecvClass,   &channel->m_pFpgaServ,    &channel->m_pContractServ,
+        &channel->m_pBinFile,    &channel->m_pCfgFile,       &channel->m_pDrv,         &channel->m_pApi,
         &channel->m_uiChannel};
 
     EXPECT_TRUE(std::is_sorted(fields.begin(), fields.end()));
@@ -193,20 +193,20 @@ TEST_F(ChannelInit, VersionRefusedEndsThePreparation) {
     EXPECT_EQ(channel->Init(&parms), -1);
 
     ExpectTimeline(kUntouchedAtNoon + std::vector<std::string>{
-        "INFO Current soft version 1.1.2.13.",
-        "INFO master channel addr 0x102, litte Endian  0x13020101",
-        "W 0x102 0x1010213",
-        "INFO master channel addr 0x102, big Endian  0x01010213",
-        "R 0x101",
-        "ERROR you will need to update your hardware version.",
-        "ERROR soft version 1.1.2.13, hwVersion is 12 > fpga hwVersion is 11",
-    });
+                                          "INFO Current soft version 1.1.2.13.",
+                                          "INFO master channel addr 0x102, litte Endian  0x13020101",
+                                          "W 0x102 0x1010213",
+                                          "INFO master channel addr 0x102, big Endian  0x01010213",
+                                          "R 0x101",
+                                          "ERROR you will need to update your hardware version.",
+                                          "ERROR soft version 1.1.2.13, hwVersion is 12 > fpga hwVersion is 11",
+                                      });
 }
 
 TEST_F(ChannelInit, UnwritableDirectoryEndsItBeforeAnythingIsMade) {
     HostCalls host;
     host.accessError = EACCES;
-    host.users[0]    = "root";
+    host.users[0] = "root";
     time.SetLocal(day.year, day.month, day.day, 8, 30, 0);
     MakeChannel();
 
@@ -263,9 +263,9 @@ TEST_F(ChannelInit, EndOfAChannelEndsItsStreamDriver) {
 TEST_F(ChannelInit, EndOfChannel0EndsTheRegisterDriver) {
     MakeChannel();
     ASSERT_EQ(channel->Init(&parms), 0);
-    auto* fpga     = channel->m_pFpgaServ;
+    auto* fpga = channel->m_pFpgaServ;
     auto* contract = channel->m_pContractServ;
-    auto* bin      = channel->m_pBinFile;
+    auto* bin = channel->m_pBinFile;
     const int before = FakeDrv::destroyed;
     Timeline();
 
@@ -297,9 +297,9 @@ TEST_F(ChannelInit, DriverThatTwoChannel0ObjectsShareEndsWithTheLast) {
     drv->scripted[0x103] = {1};
     auto second = std::make_unique<CZceDmaChanImpl>(drv, &api, cfg.get());
     ASSERT_EQ(second->Init(&parms), 0);
-    auto* fpga     = second->m_pFpgaServ;
+    auto* fpga = second->m_pFpgaServ;
     auto* contract = second->m_pContractServ;
-    auto* bin      = second->m_pBinFile;
+    auto* bin = second->m_pBinFile;
     const int before = FakeDrv::destroyed;
 
     second.reset();

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr int kReturned = 77;
-constexpr int kFailed   = 78;
+constexpr int kFailed = 78;
 
 [[noreturn]] void RunBody(const std::function<void()>& body) {
     body();

@@ -7,8 +7,8 @@
 /// How a child process ended and what it printed.
 struct ChildResult {
     int exitStatus = -1;  ///< -1 when a signal ended it
-    int signal     = 0;
-    bool returned  = false;  ///< the body came back, without a failed expectation
+    int signal = 0;
+    bool returned = false;  ///< the body came back, without a failed expectation
     std::string out;
     std::string err;
 

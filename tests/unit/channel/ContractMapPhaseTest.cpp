@@ -47,7 +47,7 @@ TEST_F(ConfigCheck, NothingConfiguredPassesAtOnce) {
 TEST_F(ConfigCheck, MissingClassEndsTheCheck) {
     Rules(3).m_SubsContractClass = {"SR", "TA"};
     Rules(4).m_SubsContractClass = {"MA"};
-    channel->m_vecRecvClass      = {"SR"};
+    channel->m_vecRecvClass = {"SR"};
 
     EXPECT_EQ(channel->CheckConfigInst(), -1);
 
@@ -55,7 +55,7 @@ TEST_F(ConfigCheck, MissingClassEndsTheCheck) {
 }
 
 TEST_F(ConfigCheck, MissingIdEndsTheCheck) {
-    Rules(3).m_SubsContractId        = {"SR505", "SR506", "SR507"};
+    Rules(3).m_SubsContractId = {"SR505", "SR506", "SR507"};
     channel->m_mapInstIdx["SR505"] = 1;
 
     EXPECT_EQ(channel->CheckConfigInst(), -2);
@@ -65,7 +65,7 @@ TEST_F(ConfigCheck, MissingIdEndsTheCheck) {
 
 TEST_F(ConfigCheck, ClassesAreCheckedBeforeIds) {
     Rules(0).m_SubsContractClass = {"SR"};
-    Rules(0).m_SubsContractId    = {"TA505"};
+    Rules(0).m_SubsContractId = {"TA505"};
 
     EXPECT_EQ(channel->CheckConfigInst(), -1);
 
@@ -73,9 +73,9 @@ TEST_F(ConfigCheck, ClassesAreCheckedBeforeIds) {
 }
 
 TEST_F(ConfigCheck, EverythingSeenPasses) {
-    Rules(0).m_SubsContractClass     = {"SR"};
-    Rules(15).m_SubsContractId       = {"TA505"};
-    channel->m_vecRecvClass          = {"TA", "SR"};
+    Rules(0).m_SubsContractClass = {"SR"};
+    Rules(15).m_SubsContractId = {"TA505"};
+    channel->m_vecRecvClass = {"TA", "SR"};
     channel->m_mapInstIdx["TA505"] = 1;
 
     EXPECT_EQ(channel->CheckConfigInst(), 0);
@@ -93,7 +93,7 @@ TEST_F(ConfigCheck, LastChannelCountsAsMuchAsTheFirst) {
 
 TEST_F(ConfigCheck, AllNeedsMoreThan24576Entries) {
     Rules(2).m_SubsContractClass = {"all"};
-    channel->m_ulParsedCnt       = 24576;
+    channel->m_ulParsedCnt = 24576;
 
     EXPECT_EQ(channel->CheckConfigInst(), -2);
 
@@ -102,9 +102,9 @@ TEST_F(ConfigCheck, AllNeedsMoreThan24576Entries) {
 
 TEST_F(ConfigCheck, AllSettlesTheChannelsBehindItToo) {
     Rules(2).m_SubsContractClass = {"all", "ZZ"};
-    Rules(2).m_SubsContractId    = {"ZZ505"};
-    Rules(3).m_SubsContractId    = {"ZZ506"};
-    channel->m_ulParsedCnt       = 24577;
+    Rules(2).m_SubsContractId = {"ZZ505"};
+    Rules(3).m_SubsContractId = {"ZZ506"};
+    channel->m_ulParsedCnt = 24577;
 
     EXPECT_EQ(channel->CheckConfigInst(), 0);
 
@@ -113,7 +113,7 @@ TEST_F(ConfigCheck, AllSettlesTheChannelsBehindItToo) {
 
 TEST_F(ConfigCheck, ClassInFrontOfAllIsCheckedFirst) {
     Rules(2).m_SubsContractClass = {"ZZ", "all"};
-    channel->m_ulParsedCnt       = 30000;
+    channel->m_ulParsedCnt = 30000;
 
     EXPECT_EQ(channel->CheckConfigInst(), -1);
 

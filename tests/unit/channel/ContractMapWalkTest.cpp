@@ -23,11 +23,10 @@ std::string BadMessage(std::size_t number, std::size_t offset, std::size_t size)
 // ---- well-formed packets ----
 
 TEST_F(ContractMapWalk, FirstMessageHasTheLongHeaderAndOthersTheShortOne) {
-    const std::vector<unsigned char> packet = {
-        2, 0, 0, 0, 9, 9, 9, 9, 9, 9, 9, 9,            // head
-        0, 25,                                         // message area
-        0, 14, 9, 9, 9, 9, 1, 0x12, 0x34, 'S', 'R', '5', '0', '5',
-        0, 11, 1, 0xFF, 0xFE, 'T', 'A', '5', '0', '1', 'C'};
+    const std::vector<unsigned char> packet = {2,   0,  0,  0, 9,    9,    9,   9,    9,    9,   9,   9,  // head
+                                               0,   25,  // message area
+                                               0,   14, 9,  9, 9,    9,    1,   0x12, 0x34, 'S', 'R', '5', '0',
+                                               '5', 0,  11, 1, 0xFF, 0xFE, 'T', 'A',  '5',  '0', '1', 'C'};
 
     Deliver(packet);
 
@@ -98,7 +97,7 @@ TEST_F(ContractMapWalk, NulEndsAnIdWhereverItIs) {
     for (std::size_t nul = 0; nul < id.size(); ++nul) {
         SCOPED_TRACE(nul);
         std::string broken = id;
-        broken[nul]        = '\0';
+        broken[nul] = '\0';
         channel->m_mapInstIdx.clear();
 
         Deliver(MapPacket().Add(broken, 5).Add("next", 6));
@@ -160,7 +159,7 @@ TEST_F(ContractMapWalk, ClassesAreTheFirstTwoCharactersOnceEach) {
 
 TEST_F(ContractMapWalk, ProgressIsToldEvery8192Entries) {
     channel->m_mapInstIdx["TA501"] = 1;
-    channel->m_ulParsedCnt         = 8190;
+    channel->m_ulParsedCnt = 8190;
     Deliver(MapPacket().Add("SR505", 1));
     ExpectTimeline({});
 
@@ -221,7 +220,7 @@ TEST_F(ContractMapWalk, AreaLargerThanThePacketEndsWithOneWarning) {
 // ---- broken messages ----
 
 TEST_F(ContractMapWalk, EveryCutOfAPacketKeepsWhatIsWholeAndWarnsOnce) {
-    const MapPacket whole  = MapPacket().Add("SR505", 1).Add("SPD-SR505/SR509", 2).Add("SR506C6000", 3);
+    const MapPacket whole = MapPacket().Add("SR505", 1).Add("SPD-SR505/SR509", 2).Add("SR506C6000", 3);
     const std::size_t size = whole.Bytes().size();
     for (std::size_t cut = 15; cut < size; ++cut) {
         SCOPED_TRACE(cut);
@@ -257,8 +256,7 @@ TEST_F(ContractMapWalk, LaterMessageShorterThanItsHeaderEndsTheWalk) {
 
 TEST_F(ContractMapWalk, MessageReachingPastThePacketEndsTheWalk) {
     for (const int beyond : {1, 2, 100, 60000}) {
-        const auto packet =
-            MapPacket().Add("SR505", 1).AddRaw(static_cast<std::uint16_t>(10 + beyond), 2, "SR506");
+        const auto packet = MapPacket().Add("SR505", 1).AddRaw(static_cast<std::uint16_t>(10 + beyond), 2, "SR506");
         Deliver(packet);
         ExpectTimeline({BadMessage(1, 28, packet.Bytes().size())});
     }
@@ -292,7 +290,7 @@ public:
     void Read(const std::vector<unsigned char>& packet) {
         if (packet.size() < 15) return;
         const std::size_t end = 14 + Number(packet, 12);
-        std::size_t pos       = 14;
+        std::size_t pos = 14;
         for (std::size_t header = 9; pos + 1 < end; header = 5) {
             if (pos + 2 > packet.size()) return;
             const std::size_t length = Number(packet, pos);
@@ -362,7 +360,7 @@ TEST_F(AnyBytes, FalsifiedContractMapsAreReadLikeTheReference) {
 
 TEST_F(AnyBytes, RandomPacketsOfAnyTypeReachTheApplicationOrTheLog) {
     std::size_t delivered = 0;
-    std::size_t logged    = 0;
+    std::size_t logged = 0;
     for (int i = 0; i < 20000; ++i) {
         std::vector<unsigned char> packet(Random(40));
         for (unsigned char& byte : packet) byte = static_cast<unsigned char>(Random(256));

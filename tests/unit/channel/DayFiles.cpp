@@ -9,13 +9,13 @@
 
 DayFiles::DayFiles() {
     constexpr std::time_t kFirst = 3155760000;  // 2070-01-01 00:00:00 UTC
-    constexpr int kDays          = 3650;
+    constexpr int kDays = 3650;
     const std::time_t when = kFirst + (::getpid() % kDays) * 86400;
     std::tm date{};
     ::gmtime_r(&when, &date);
-    year  = date.tm_year + 1900;
+    year = date.tm_year + 1900;
     month = date.tm_mon + 1;
-    day   = date.tm_mday;
+    day = date.tm_mday;
     Remove();
 }
 

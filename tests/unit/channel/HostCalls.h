@@ -1,10 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
 #include <csignal>
 #include <map>
 #include <optional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 /// Answers the questions that the library puts to the host while this lives: `access` and `stat` of ".", `getpwuid`,
@@ -18,8 +18,8 @@ public:
     HostCalls& operator=(const HostCalls&) = delete;
 
     int accessError = 0;  ///< errno of access("."), 0 = it is granted
-    int statError   = 0;
-    uid_t owner     = 0;  ///< of "."
+    int statError = 0;
+    uid_t owner = 0;  ///< of "."
     std::map<uid_t, std::string> users;
     int userError = 0;  ///< errno of a look-up without success, 0 = there is no such user
 

@@ -11,12 +11,12 @@ using IncrementalSubscription = PacketTest;
 // ---- who gets an instrument ----
 
 struct Wish {
-    std::vector<std::string> ids     = {};
+    std::vector<std::string> ids = {};
     std::vector<std::string> classes = {};
-    bool all                         = false;
-    bool options                     = false;
-    bool ips                         = false;
-    bool spd                         = false;
+    bool all = false;
+    bool options = false;
+    bool ips = false;
+    bool spd = false;
 };
 
 struct DecisionRow {
@@ -31,21 +31,21 @@ protected:
     static constexpr unsigned int kChannel = 9;
 
     void SetUp() override {
-        const Wish& wish                 = GetParam().wish;
-        Vexo2_U50::ZceSubsInfo_t& rules  = Rules(kChannel);
-        rules.m_SubsContractId           = {wish.ids.begin(), wish.ids.end()};
-        rules.m_SubsContractClass        = {wish.classes.begin(), wish.classes.end()};
-        rules.bSubAll                    = wish.all;
-        rules.bOptionsRecv               = wish.options;
-        rules.bIpsRecv                   = wish.ips;
-        rules.bSpdRecv                   = wish.spd;
+        const Wish& wish = GetParam().wish;
+        Vexo2_U50::ZceSubsInfo_t& rules = Rules(kChannel);
+        rules.m_SubsContractId = {wish.ids.begin(), wish.ids.end()};
+        rules.m_SubsContractClass = {wish.classes.begin(), wish.classes.end()};
+        rules.bSubAll = wish.all;
+        rules.bOptionsRecv = wish.options;
+        rules.bIpsRecv = wish.ips;
+        rules.bSpdRecv = wish.spd;
     }
 };
 
 TEST_P(DecisionTable, InstrumentIsSubscribedForTheChannelsThatWantIt) {
     channel->IncreQuoteSub(GetParam().id, 77);
 
-    const auto& oneLeg  = channel->m_pFpgaServ->oneLegChanBits;
+    const auto& oneLeg = channel->m_pFpgaServ->oneLegChanBits;
     const auto& combine = channel->m_pFpgaServ->combineChanBits;
     constexpr unsigned short kMask = 1 << kChannel;
     const Vexo2_U50::IndexToChanBit subscribed = {{77, kMask}};
@@ -67,8 +67,8 @@ INSTANTIATE_TEST_SUITE_P(
         DecisionRow{"SpreadInSmallLettersIsAFuture", "spd-SR505", {{}, {"spd"}, false, false, false, false}, 0},
         // inter-product spreads
         DecisionRow{"InterProductWanted", "IPS-SF505/SM505", {{}, {}, false, false, true, false}, 1},
-        DecisionRow{"InterProductUnwanted", "IPS-SF505/SM505",
-                    {{"IPS-SF505/SM505"}, {"IPS"}, true, true, false, true}, -1},
+        DecisionRow{
+            "InterProductUnwanted", "IPS-SF505/SM505", {{"IPS-SF505/SM505"}, {"IPS"}, true, true, false, true}, -1},
         // futures
         DecisionRow{"FutureByAll", "SR505", {{}, {}, true, false, false, false}, 0},
         DecisionRow{"FutureByClass", "SR505", {{}, {"TA", "SR"}, false, false, false, false}, 0},
@@ -83,8 +83,8 @@ INSTANTIATE_TEST_SUITE_P(
         DecisionRow{"OptionByAll", "SR505C6000", {{}, {}, true, true, false, false}, 0},
         DecisionRow{"OptionByItsOwnId", "SR505C6000", {{"SR505C6000"}, {}, false, true, false, false}, -1},
         DecisionRow{"OptionOfAnUnwantedClass", "SR505C6000", {{"SR506"}, {"TA"}, false, true, true, true}, -1},
-        DecisionRow{"OptionWithoutOptions", "SR505C6000",
-                    {{"SR505", "SR505C6000"}, {"SR"}, true, false, true, true}, -1},
+        DecisionRow{
+            "OptionWithoutOptions", "SR505C6000", {{"SR505", "SR505C6000"}, {"SR"}, true, false, true, true}, -1},
         DecisionRow{"CallWithoutAStrikeIsAFuture", "SR505C", {{"SR505C"}, {}, false, false, false, false}, 0}),
     [](const auto& test) { return test.param.name; });
 
@@ -96,8 +96,8 @@ TEST_F(IncrementalSubscription, RowIsWrittenAndReadBack) {
     Deliver(MapPacket().Add("SR505", 7));
 
     ExpectTimeline({"WR 0x11001 0x1", "WR 0x11000 0x1c0",
-                    "INFO Subscribes:Write to fpga:chanbit:0x1, index:7, instId:SR505",
-                    "WR 0x11002 0x1c0", "R 0x11003"});
+                    "INFO Subscribes:Write to fpga:chanbit:0x1, index:7, instId:SR505", "WR 0x11002 0x1c0",
+                    "R 0x11003"});
 }
 
 TEST_F(IncrementalSubscription, CombinationGoesToTheCombinationTable) {
@@ -139,7 +139,7 @@ TEST_F(IncrementalSubscription, TwoIdsOfOneIndexShareTheRow) {
 }
 
 TEST_F(IncrementalSubscription, EachTableKeepsItsOwnMaskOfAnIndex) {
-    Rules(0).bSubAll  = true;
+    Rules(0).bSubAll = true;
     Rules(1).bSpdRecv = true;
 
     Deliver(MapPacket().Add("SR505", 7).Add("SPD-SR505/SR509", 7));
@@ -158,8 +158,8 @@ TEST_F(IncrementalSubscription, RowThatDoesNotTakeItsMaskIsOnlyLogged) {
                     "INFO Subscribes:Write to fpga:chanbit:0x1, index:7, instId:SR505", "WR 0x11002 0x1c0", "R 0x11003",
                     "WARN Attention! Maybe subscribed fail! Type 0, index:7, shouldbe:0x1, fpgavalue:0x0,",
                     "WR 0x11001 0x1", "WR 0x11000 0x200",
-                    "INFO Subscribes:Write to fpga:chanbit:0x1, index:8, instId:SR506",
-                    "WR 0x11002 0x200", "R 0x11003"});
+                    "INFO Subscribes:Write to fpga:chanbit:0x1, index:8, instId:SR506", "WR 0x11002 0x200",
+                    "R 0x11003"});
 }
 
 TEST_F(IncrementalSubscription, UnwantedInstrumentTouchesNoRegister) {

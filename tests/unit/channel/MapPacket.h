@@ -18,7 +18,7 @@ public:
     }
     /// The same with a message length of one's own.
     MapPacket& AddRaw(std::uint16_t length, std::uint16_t index, const std::string& id) {
-        const std::size_t start  = m_bytes.size();
+        const std::size_t start = m_bytes.size();
         const std::size_t header = HeaderSize();
         m_bytes.resize(start + header, 0xEE);
         Put16(start, length);
@@ -42,7 +42,7 @@ public:
 private:
     std::size_t HeaderSize() const { return m_messages.empty() ? 9 : 5; }
     void Put16(std::size_t at, std::uint16_t value) {
-        m_bytes[at]     = static_cast<unsigned char>(value >> 8);
+        m_bytes[at] = static_cast<unsigned char>(value >> 8);
         m_bytes[at + 1] = static_cast<unsigned char>(value & 0xFF);
     }
 

@@ -85,7 +85,7 @@ TEST_P(MarketDataType, ReachesTheCallbackOfItsSlotUncopied) {
 
 TEST_P(MarketDataType, HandsBackTheResultOfTheCallback) {
     const auto packet = Packet(static_cast<std::uint32_t>(GetParam()), 64);
-    spi.result        = -4711;
+    spi.result = -4711;
 
     EXPECT_EQ(channel->HandleUpSubsResult(packet.data(), 64, channel.get()), -4711);
 }
@@ -201,7 +201,7 @@ TEST_F(FirstPacket, EachMarketDataTypeCatchesTheStopSignals) {
 
 TEST_F(FirstPacket, SignalsAreCaughtBeforeTheCallbackRuns) {
     std::size_t caught = 0;
-    spi.onCall         = [&](const unsigned char*) { caught = host.installed.size(); };
+    spi.onCall = [&](const unsigned char*) { caught = host.installed.size(); };
 
     Deliver(Packet(17, 64));
 

@@ -25,7 +25,7 @@ protected:
 
     void SetCounters(Counters counters) {
         drv->registers[0x11] = counters == Counters::kDecodeOff ? 0 : 3;
-        drv->onRead          = nullptr;
+        drv->onRead = nullptr;
         if (counters != Counters::kMoving) return;
         drv->onRead = [this](unsigned long addr) {
             if (addr == 0x210E) ++drv->registers[addr];
@@ -54,9 +54,9 @@ struct Span {
 
 // What an operator is told: the card stays as it is between the sessions, and inside one while its counters move.
 constexpr Span kDay[] = {
-    {0, 80000, true, true},         {80001, 85959, false, false},   {90000, 101450, true, false},
-    {101451, 102959, false, false}, {103000, 113000, true, false},  {113001, 132959, false, false},
-    {133000, 155959, true, false},  {160000, 201500, true, true},   {201501, 205959, false, false},
+    {0, 80000, true, true},         {80001, 85959, false, false},  {90000, 101450, true, false},
+    {101451, 102959, false, false}, {103000, 113000, true, false}, {113001, 132959, false, false},
+    {133000, 155959, true, false},  {160000, 201500, true, true},  {201501, 205959, false, false},
     {210000, 232959, true, false},  {233000, 235959, true, true},
 };
 
@@ -76,7 +76,7 @@ protected:
     /// Every second near both ends of the span, and some inside it.
     void Sweep(Counters counters, bool expected) {
         const int first = SecondOfDay(GetParam().first);
-        const int last  = SecondOfDay(GetParam().last);
+        const int last = SecondOfDay(GetParam().last);
         for (const int second : {first, first + 1, first + 2, (first + last) / 2, last - 2, last - 1, last}) {
             SCOPED_TRACE(second);
             SetSecondOfDay(second);
@@ -108,10 +108,16 @@ TEST_F(ResetDecision, CountersAreReadThreeTimesASecondApart) {
 
     const std::vector<std::string> counters = {"R 0x200b", "R 0x200c", "R 0x200d", "R 0x200e",
                                                "R 0x210b", "R 0x210c", "R 0x210d", "R 0x210e"};
-    std::vector<std::string> expected = {
-        "R 0x106", "INFO First time read fpga date:DATE, system date:DATE.",
-        "R 0x106", "R 0x104", "R 0x105", "INFO [channel:0] Current fpga time:0. system time:93000.",
-        "INFO System time:93000.", "R 0x106", "R 0x11", "INFO 0x11 register value:0x3"};
+    std::vector<std::string> expected = {"R 0x106",
+                                         "INFO First time read fpga date:DATE, system date:DATE.",
+                                         "R 0x106",
+                                         "R 0x104",
+                                         "R 0x105",
+                                         "INFO [channel:0] Current fpga time:0. system time:93000.",
+                                         "INFO System time:93000.",
+                                         "R 0x106",
+                                         "R 0x11",
+                                         "INFO 0x11 register value:0x3"};
     expected.insert(expected.end(), counters.begin(), counters.end());
     for (int pass = 0; pass < 2; ++pass) {
         expected.push_back("sleep 1");
@@ -157,8 +163,8 @@ TEST_F(ResetDecision, OutsideTheWindowsTheCountersAreNotAsked) {
 
     channel->ChkAndRst();
 
-    ExpectTimeline({"R 0x106", "INFO First time read fpga date:DATE, system date:DATE.", "INFO System time:83000.",
-                    "R 0x106"});
+    ExpectTimeline(
+        {"R 0x106", "INFO First time read fpga date:DATE, system date:DATE.", "INFO System time:83000.", "R 0x106"});
 }
 
 // ---- the card's own time ----
@@ -231,7 +237,7 @@ TEST_F(ResetDecision, DateOfTheCardThatChangesMeanwhilePreventsAReset) {
 
 TEST_F(ResetDecision, MidnightThatPassesMeanwhilePreventsAReset) {
     SetClock(23, 59, 59);
-    int reads   = 0;
+    int reads = 0;
     drv->onRead = [&](unsigned long addr) {
         // The date is computed before the read, so this midnight shows in the second comparison.
         if (addr == 0x106 && ++reads == 1) time.Advance(1);

@@ -1,6 +1,6 @@
+#include "src/log/elog.h"
 #include "tests/unit/channel/ChannelFixture.h"
 #include "tests/unit/channel/Child.h"
-#include "src/log/elog.h"
 
 #include <pthread.h>
 
@@ -117,7 +117,7 @@ TEST_F(RunLoop, ExceptionThatWasThrownOnIsNotThrownAgain) {
 
 // The end of a thread unwinds it as an exception does; one that was swallowed would end the process.
 TEST_F(RunLoop, CallbackMayEndItsThread) {
-    int last   = 0;
+    int last = 0;
     spi.onCall = [&](const unsigned char*) { ::pthread_exit(&last); };
     dma.packets.push_back(Packet(17, 64));
     pthread_t thread{};
@@ -156,7 +156,7 @@ TEST_F(RunLoop, BlockingLoopNeedsARunFlag) {
 }
 
 TEST_F(RunLoop, BlockingLoopPollsUntilTheFlagFalls) {
-    bool run   = true;
+    bool run = true;
     dma.onPoll = [&] { run = dma.polls < 3; };
 
     EXPECT_EQ(channel->KeepRecv(NeverCalled, &run, this), 0);
@@ -175,8 +175,8 @@ TEST_F(RunLoop, BlockingLoopWithAFallenFlagOnlyRegisters) {
 }
 
 TEST_F(RunLoop, BlockingLoopKeepsTheGivenHandlerButPacketsGoTheUsualWay) {
-    bool run    = true;
-    dma.onPoll  = [&] { run = dma.polls < 2; };
+    bool run = true;
+    dma.onPoll = [&] { run = dma.polls < 2; };
     dma.packets = {Packet(17, 64), Packet(20, 64)};
 
     EXPECT_EQ(channel->KeepRecv(NeverCalled, &run, this), 0);
@@ -187,8 +187,8 @@ TEST_F(RunLoop, BlockingLoopKeepsTheGivenHandlerButPacketsGoTheUsualWay) {
 }
 
 TEST_F(RunLoop, ExceptionOfACallbackLeavesTheBlockingLoop) {
-    bool run    = true;
-    spi.onCall  = [](const unsigned char*) { throw std::runtime_error("application failed"); };
+    bool run = true;
+    spi.onCall = [](const unsigned char*) { throw std::runtime_error("application failed"); };
     dma.packets = {Packet(17, 64)};
 
     EXPECT_THROW(channel->KeepRecv(NeverCalled, &run, nullptr), std::runtime_error);

@@ -31,6 +31,6 @@ private:
     void Zeroed(unsigned long command, unsigned int word);
 
     std::vector<Run> m_runs;
-    bool m_inRun                = false;
+    bool m_inRun = false;
     unsigned long m_pendingData = 0;  // data register that took a zero and no command yet; 0 = none
 };

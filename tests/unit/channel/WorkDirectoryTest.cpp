@@ -36,8 +36,8 @@ TEST_F(WorkDirectory, WritableOneServesAtAnyHour) {
 TEST_F(WorkDirectory, UnwritableOneIsExplainedWithItsOwner) {
     HostCalls host;
     host.accessError = EACCES;
-    host.owner       = 1007;
-    host.users       = {{0, "root"}, {1007, "trader"}};
+    host.owner = 1007;
+    host.users = {{0, "root"}, {1007, "trader"}};
 
     EXPECT_EQ(channel->ChkBinFileAuthority(), -1);
 
@@ -48,7 +48,7 @@ TEST_F(WorkDirectory, UnwritableOneIsExplainedWithItsOwner) {
 TEST_F(WorkDirectory, StatusThatCannotBeReadIsExplained) {
     HostCalls host;
     host.accessError = EACCES;
-    host.statError   = ENOENT;
+    host.statError = ENOENT;
 
     EXPECT_EQ(channel->ChkBinFileAuthority(), -1);
 
@@ -58,7 +58,7 @@ TEST_F(WorkDirectory, StatusThatCannotBeReadIsExplained) {
 TEST_F(WorkDirectory, OwnerWhoseLookUpFailsIsExplained) {
     HostCalls host;
     host.accessError = EACCES;
-    host.userError   = EIO;
+    host.userError = EIO;
 
     EXPECT_EQ(channel->ChkBinFileAuthority(), -1);
 
@@ -85,7 +85,7 @@ class HourTable : public WorkDirectory, public testing::WithParamInterface<HourR
 TEST_P(HourTable, UnwritableOneStopsAStartOnlyOutsideTradingHours) {
     HostCalls host;
     host.accessError = EACCES;
-    host.users[0]    = "root";
+    host.users[0] = "root";
     SetClock(GetParam().hour, GetParam().minute, GetParam().second);
 
     EXPECT_EQ(channel->ChkBinFileAuthority(), GetParam().trading ? 0 : -1);

@@ -24,7 +24,7 @@ protected:
         if (!cfg->bIsMasterChannel()) return;
         MakeServices();
         channel->m_bCfgParsed = false;
-        channel->m_uiChannel  = 0;
+        channel->m_uiChannel = 0;
     }
     FakeEnyxHw hw;
 };
@@ -112,33 +112,33 @@ TEST_F(ChannelWork, RestoredMapIsFilteredAndSubscribedAtOnce) {
                            ", cmb count:" + both.substr(2) + ".");
     }
     for (int chan = 0; chan < 16; ++chan) {
-        const std::string both  = counts(chan);
+        const std::string both = counts(chan);
         const std::string begin = "INFO [channel:" + std::to_string(chan) + "] ";
         expected.push_back(begin + "Record func:Meeting conditions count is:OneLeg:" + both.substr(0, 1) +
                            ", Combine:" + both.substr(2) + ".");
         if (both == "0,0") expected.push_back(begin + "Matched subs inst count is 0. you doesn't subscribe inst.");
     }
     ExpectTimeline(expected + std::vector<std::string>{
-        "WARN Subscribe:Meeting conditions count is:OneLeg:1, Combine:1. Now write to fpga!",
-        "WR 0x11001 0x5",
-        "WR 0x11000 0x1c0",
-        "INFO Subscribes:Write to fpga:chanbit:0x5, index:7, instId:SR505",
-        "WR 0x12001 0x1",
-        "WR 0x12000 0xc0",
-        "INFO Subscribes:Write to fpga:chanbit:0x1, index:3, instId:SPD-SR505/SR509",
-        "INFO Subscribes:Write to fpga Over!",
-        "INFO Already write into fpga, now read back!",
-        "WR 0x11002 0x1c0",
-        "R 0x11003",
-        "WR 0x12002 0xc0",
-        "R 0x12003",
-        "WL 0x11 0x3",
-        "INFO Now Fpga start trans subscribe result! write 0x11 value:0x3.",
-        "INFO Bin inst count:3",
-        "INFO Init dma channel :CUSTOM_CHAN0_DATA success.",
-    });
-    EXPECT_THAT(channel->m_mapInstIdx, ElementsAre(testing::Pair("CF501", 9), testing::Pair("SPD-SR505/SR509", 3),
-                                                   testing::Pair("SR505", 7)));
+                                  "WARN Subscribe:Meeting conditions count is:OneLeg:1, Combine:1. Now write to fpga!",
+                                  "WR 0x11001 0x5",
+                                  "WR 0x11000 0x1c0",
+                                  "INFO Subscribes:Write to fpga:chanbit:0x5, index:7, instId:SR505",
+                                  "WR 0x12001 0x1",
+                                  "WR 0x12000 0xc0",
+                                  "INFO Subscribes:Write to fpga:chanbit:0x1, index:3, instId:SPD-SR505/SR509",
+                                  "INFO Subscribes:Write to fpga Over!",
+                                  "INFO Already write into fpga, now read back!",
+                                  "WR 0x11002 0x1c0",
+                                  "R 0x11003",
+                                  "WR 0x12002 0xc0",
+                                  "R 0x12003",
+                                  "WL 0x11 0x3",
+                                  "INFO Now Fpga start trans subscribe result! write 0x11 value:0x3.",
+                                  "INFO Bin inst count:3",
+                                  "INFO Init dma channel :CUSTOM_CHAN0_DATA success.",
+                              });
+    EXPECT_THAT(channel->m_mapInstIdx,
+                ElementsAre(testing::Pair("CF501", 9), testing::Pair("SPD-SR505/SR509", 3), testing::Pair("SR505", 7)));
 }
 
 TEST_F(ChannelWork, RestoredDayFileIsLeftAsItIs) {
@@ -155,7 +155,7 @@ TEST_F(ChannelWork, OtherChannelsOnlyOpenTheirStream) {
     MakeReady(kSlaveIni);
     day.WriteMorning("inst_index,inst_id\n7,SR505\nbin_file_over_tag\n");
     hw.cards = 3;
-    parms    = {2, 474, "CUSTOM_CHAN3_DATA"};
+    parms = {2, 474, "CUSTOM_CHAN3_DATA"};
 
     EXPECT_EQ(channel->Work(&parms), 0);
 
@@ -168,7 +168,7 @@ TEST_F(ChannelWork, OtherChannelsOnlyOpenTheirStream) {
 TEST_F(ChannelWork, StreamOfTheRecordsCardAndNameIsOpened) {
     MakeReady(kSlaveIni);
     hw.cards = 3;
-    parms    = {2, 474, "CUSTOM_CHAN3_DATA"};
+    parms = {2, 474, "CUSTOM_CHAN3_DATA"};
 
     ASSERT_EQ(channel->InitDma(&parms), 0);
 
@@ -203,8 +203,7 @@ TEST_F(ChannelWork, StreamThatSomebodyHoldsIsReportedByEveryLayer) {
 
     ExpectTimeline({"ERROR Could not create a2c stream.dmaName:CUSTOM_CHAN3_DATA,  err:Device or resource busy",
                     "ERROR Note !! A software program can only have one instance running at a time!",
-                    "ERROR Init DMA error!",
-                    "ERROR Dma init busid:0, chanName:CUSTOM_CHAN3_DATA fail!",
+                    "ERROR Init DMA error!", "ERROR Dma init busid:0, chanName:CUSTOM_CHAN3_DATA fail!",
                     "ERROR [channel:255] Init dma fail! dma name CUSTOM_CHAN3_DATA."});
 }
 

@@ -131,7 +131,7 @@ TEST_F(ConfigBindCpu, TheKernelRefusesTheFirstNumberOutsideTheSet) {
 
 TEST_F(ConfigBindCpu, TheKernelPinsTheCallingThreadOnly) {
     const std::vector<int> before = AllowedCpus();
-    const int chosen              = before.back();
+    const int chosen = before.back();
     LoadWithCpu(std::to_string(chosen));
     std::vector<int> pinned;
 

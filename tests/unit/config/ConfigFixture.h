@@ -1,7 +1,7 @@
 #pragma once
 
-#include <functional>
 #include <gtest/gtest.h>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,7 +22,7 @@ public:
 class ConfigTest : public testing::Test {
 protected:
     using Config = Vexo2_U50::CZceConfigFile;
-    using Lines  = std::vector<std::string>;
+    using Lines = std::vector<std::string>;
 
     ConfigTest();
     ~ConfigTest() override;

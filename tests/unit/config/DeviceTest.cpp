@@ -7,7 +7,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::uint32_t kFailure          = 0xFFFFFFFF;
+constexpr std::uint32_t kFailure = 0xFFFFFFFF;
 constexpr std::uint32_t kChannelNotParsed = 255;
 
 std::string Device(const std::string& value) { return "[config]\ndevice=" + value + "\n"; }
@@ -211,11 +211,11 @@ TEST_F(ConfigDevice, EveryBusOfALowerCaseValueIsReturned) {
 TEST_F(ConfigDevice, AnUpperCaseValueIsAnErrorOfEveryBusLookUpButServes) {
     Load(Device("XILINX1:15"));
     const std::string error = "ERROR [channel:15] Failed to parse the input string:XILINX1:15";
-    std::uint32_t first  = 0;
+    std::uint32_t first = 0;
     std::uint32_t second = 0;
 
     const Lines output = OutputOf([&] {
-        first  = config->GetBusId();
+        first = config->GetBusId();
         second = config->GetBusId();
     });
 

@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 #include <iterator>
 
-#include "tests/unit/config/ConfigFixture.h"
 #include "src/log/elog.h"
+#include "tests/unit/config/ConfigFixture.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ void ExpectAscendingAddresses(const Fields&... fields) {
 // ---- construction ----
 
 TEST_F(ConfigLifecycle, ConstructionStoresItsArgumentsAndReadsNothing) {
-    int owner       = 0;
+    int owner = 0;
     auto* const api = reinterpret_cast<CVexoZceMdApiImpl*>(&owner);
 
     const Config fresh("no/such/file.ini", &drv, api);
@@ -133,7 +133,7 @@ TEST_F(ConfigLifecycle, AMissingFileIsRefused) {
 
 TEST_F(ConfigLifecycle, AFileThatTheParserRejectsIsRefused) {
     const std::string lineWithoutEquals = "[config]\ndevice xilinx0:0\n";
-    const std::string lineTooLong       = "[config]\ndevice=" + std::string(1100, 'x') + '\n';
+    const std::string lineTooLong = "[config]\ndevice=" + std::string(1100, 'x') + '\n';
     for (const std::string& ini : {lineWithoutEquals, lineTooLong}) {
         Make(ini);
         std::uint32_t result = 0;

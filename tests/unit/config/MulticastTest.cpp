@@ -8,7 +8,7 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 
 constexpr char kNoAddress[] = "ERROR multi channel ptmp is nullptr.";
-constexpr char kNoPort[]    = "ERROR multi channel port is 0.";
+constexpr char kNoPort[] = "ERROR multi channel port is 0.";
 
 struct Item {
     const char* key;
@@ -71,14 +71,14 @@ protected:
 TEST_F(ConfigMulticast, ACompleteConfigurationIsWrittenAddressesFirst) {
     LoadMaster(IniOf(0x3F));
 
-    EXPECT_THAT(Program(), ElementsAre("INFO config:L5_IPA=224.0.1.2", "INFO multi channel 0x200 = 0x020100e0",
-                                       "W 0x200 0xe0000102", "INFO config:L5_IPB=224.0.1.3",
-                                       "INFO multi channel 0x201 = 0x030100e0", "W 0x201 0xe0000103",
-                                       "INFO config:L1_IPA=239.1.2.255", "INFO multi channel 0x203 = 0xff0201ef",
-                                       "W 0x203 0xef0102ff", "INFO config:L1_IPB=10.0.0.0",
-                                       "INFO multi channel 0x204 = 0x0000000a", "W 0x204 0xa000000",
-                                       "INFO multi channel 0x202, config:L5_PORT = 30001", "W 0x202 0x7531",
-                                       "INFO multi channel 0x205, config:L1_PORT = 65535", "W 0x205 0xffff"));
+    EXPECT_THAT(
+        Program(),
+        ElementsAre("INFO config:L5_IPA=224.0.1.2", "INFO multi channel 0x200 = 0x020100e0", "W 0x200 0xe0000102",
+                    "INFO config:L5_IPB=224.0.1.3", "INFO multi channel 0x201 = 0x030100e0", "W 0x201 0xe0000103",
+                    "INFO config:L1_IPA=239.1.2.255", "INFO multi channel 0x203 = 0xff0201ef", "W 0x203 0xef0102ff",
+                    "INFO config:L1_IPB=10.0.0.0", "INFO multi channel 0x204 = 0x0000000a", "W 0x204 0xa000000",
+                    "INFO multi channel 0x202, config:L5_PORT = 30001", "W 0x202 0x7531",
+                    "INFO multi channel 0x205, config:L1_PORT = 65535", "W 0x205 0xffff"));
 }
 
 TEST_F(ConfigMulticast, EachMissingKeyIsAnErrorAndNothingIsWritten) {
@@ -102,12 +102,11 @@ INSTANTIATE_TEST_SUITE_P(Item, ConfigMulticastWithoutOne, testing::Range<std::si
 TEST_F(ConfigMulticast, NumbersThatAnAddressLacksKeepWhatTheAddressBeforeLeft) {
     LoadMaster("L5_IPB=1.2.3.4\nL1_IPA=ip\nL1_IPB=9.8\n");
 
-    EXPECT_THAT(Program(), ElementsAre(kNoAddress, "INFO config:L5_IPB=1.2.3.4",
-                                       "INFO multi channel 0x201 = 0x04030201", "W 0x201 0x1020304",
-                                       "INFO config:L1_IPA=ip",
-                                       "INFO multi channel 0x203 = 0x04030201", "W 0x203 0x1020304",
-                                       "INFO config:L1_IPB=9.8", "INFO multi channel 0x204 = 0x04030809",
-                                       "W 0x204 0x9080304", kNoPort, kNoPort));
+    EXPECT_THAT(Program(),
+                ElementsAre(kNoAddress, "INFO config:L5_IPB=1.2.3.4", "INFO multi channel 0x201 = 0x04030201",
+                            "W 0x201 0x1020304", "INFO config:L1_IPA=ip", "INFO multi channel 0x203 = 0x04030201",
+                            "W 0x203 0x1020304", "INFO config:L1_IPB=9.8", "INFO multi channel 0x204 = 0x04030809",
+                            "W 0x204 0x9080304", kNoPort, kNoPort));
 }
 
 TEST_F(ConfigMulticast, AFirstAddressThatDoesNotScanIsWrittenAsZeroWhateverWasScannedEarlier) {

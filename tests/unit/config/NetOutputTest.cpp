@@ -91,20 +91,18 @@ protected:
 TEST_F(ConfigNetOutput, ACompleteConfigurationIsWrittenInOrderAndBothOutputsAreSwitchedOn) {
     LoadMaster(IniOf(0xFFF));
 
-    EXPECT_THAT(Program(), ElementsAre("INFO config:L5_DSTMAC=00:11:22:33:44:55", "W 0x301 0x11", "W 0x302 0x22334455",
-                                       "INFO config:L5_DSTIP=224.0.1.2", "W 0x303 0xe0000102",
-                                       "INFO config:L5_DSTPORT=1", "W 0x304 0x1",
-                                       "INFO config:L5_SRCMAC=fe:dc:ba:98:76:54", "W 0x305 0xfedc",
-                                       "W 0x306 0xba987654", "INFO config:L5_SRCIP=192.168.10.20", "W 0x307 0xc0a80a14",
-                                       "INFO config:L5_SRCPORT=65535", "W 0x308 0xffff",
-                                       "INFO config:L1_DSTMAC=01:00:5e:00:00:01", "W 0x311 0x100", "W 0x312 0x5e000001",
-                                       "INFO config:L1_DSTIP=239.255.255.255", "W 0x313 0xefffffff",
-                                       "INFO config:L1_DSTPORT=30001", "W 0x314 0x7531",
-                                       "INFO config:L1_SRCMAC=A0:B1:C2:D3:E4:F5", "W 0x315 0xa0b1",
-                                       "W 0x316 0xc2d3e4f5", "INFO config:L1_SRCIP=10.0.0.1", "W 0x317 0xa000001",
-                                       "INFO config:L1_SRCPORT=30002", "W 0x318 0x7532", "W 0x300 0x1",
-                                       "INFO 0x300 write 1, L5 net version switch open!", "W 0x310 0x1",
-                                       "INFO 0x310 write 1, L1 net version switch open!"));
+    EXPECT_THAT(
+        Program(),
+        ElementsAre("INFO config:L5_DSTMAC=00:11:22:33:44:55", "W 0x301 0x11", "W 0x302 0x22334455",
+                    "INFO config:L5_DSTIP=224.0.1.2", "W 0x303 0xe0000102", "INFO config:L5_DSTPORT=1", "W 0x304 0x1",
+                    "INFO config:L5_SRCMAC=fe:dc:ba:98:76:54", "W 0x305 0xfedc", "W 0x306 0xba987654",
+                    "INFO config:L5_SRCIP=192.168.10.20", "W 0x307 0xc0a80a14", "INFO config:L5_SRCPORT=65535",
+                    "W 0x308 0xffff", "INFO config:L1_DSTMAC=01:00:5e:00:00:01", "W 0x311 0x100", "W 0x312 0x5e000001",
+                    "INFO config:L1_DSTIP=239.255.255.255", "W 0x313 0xefffffff", "INFO config:L1_DSTPORT=30001",
+                    "W 0x314 0x7531", "INFO config:L1_SRCMAC=A0:B1:C2:D3:E4:F5", "W 0x315 0xa0b1", "W 0x316 0xc2d3e4f5",
+                    "INFO config:L1_SRCIP=10.0.0.1", "W 0x317 0xa000001", "INFO config:L1_SRCPORT=30002",
+                    "W 0x318 0x7532", "W 0x300 0x1", "INFO 0x300 write 1, L5 net version switch open!", "W 0x310 0x1",
+                    "INFO 0x310 write 1, L1 net version switch open!"));
 }
 
 TEST_F(ConfigNetOutput, NoKeysWriteAndLogNothing) {
@@ -138,9 +136,9 @@ TEST_F(ConfigNetOutput, EverySubsetOfAFeedsItemsIsCountedApartFromTheOtherFeed) 
 TEST_F(ConfigNetOutput, BothFeedsShortOfItemsAreReportedLevel5First) {
     LoadMaster("L5_DSTPORT=5\nL1_DSTPORT=7\nL1_SRCPORT=8\n");
 
-    EXPECT_THAT(Program(), ElementsAre("INFO config:L5_DSTPORT=5", "W 0x304 0x5", "INFO config:L1_DSTPORT=7",
-                                       "W 0x314 0x7", "INFO config:L1_SRCPORT=8", "W 0x318 0x8", LackLine(0, 1),
-                                       LackLine(1, 2)));
+    EXPECT_THAT(Program(),
+                ElementsAre("INFO config:L5_DSTPORT=5", "W 0x304 0x5", "INFO config:L1_DSTPORT=7", "W 0x314 0x7",
+                            "INFO config:L1_SRCPORT=8", "W 0x318 0x8", LackLine(0, 1), LackLine(1, 2)));
 }
 
 // ---- ports ----
@@ -207,8 +205,8 @@ TEST_F(ConfigNetOutput, NumbersThatAMacLacksKeepWhatTheMacBeforeLeft) {
 TEST_F(ConfigNetOutput, NumbersThatAnAddressLacksKeepWhatTheAddressBeforeLeft) {
     LoadMaster("L5_DSTIP=1.2.3.4\nL5_SRCIP=10.20\nL1_DSTIP=ip\nL1_SRCIP=9..8.7\n");
 
-    EXPECT_THAT(Written(), ElementsAre("W 0x303 0x1020304", "W 0x307 0xa140304", "W 0x313 0xa140304",
-                                       "W 0x317 0x9140304"));
+    EXPECT_THAT(Written(),
+                ElementsAre("W 0x303 0x1020304", "W 0x307 0xa140304", "W 0x313 0xa140304", "W 0x317 0x9140304"));
 }
 
 TEST_F(ConfigNetOutput, AFirstValueThatDoesNotScanIsWrittenAsZeroAndCounted) {

@@ -53,31 +53,30 @@ TEST_F(ConfigSubsRules, EveryKeyOfAChannelReachesItsRecord) {
     Parse("[channel0]\ninsts=SR505,CF,all,SPD-SR505/SR509\noptions=recv\nips=recv\nspd=recv\n");
 
     EXPECT_EQ(result, 0U);
-    EXPECT_EQ(Described(Info()), "ids SR505 SPD-SR505/SR509 classes CF all flags1111 reserved 3"
-                                 " [SR505,SPD-SR505/SR509] [CF,all] [recv] [recv] [recv]");
+    EXPECT_EQ(Described(Info()),
+              "ids SR505 SPD-SR505/SR509 classes CF all flags1111 reserved 3"
+              " [SR505,SPD-SR505/SR509] [CF,all] [recv] [recv] [recv]");
 }
 
 TEST_F(ConfigSubsRules, AChannelsRulesAreLoggedInFull) {
     Parse("[channel0]\ninsts=SR505,CF,ALL,CF505\noptions=recv\nips=recv\nspd=recv\n");
 
-    EXPECT_THAT(output,
-                ElementsAre("INFO [channel:0] --------Channel 0 subscribed information is as below:--------",
-                            "INFO [channel:0] subId:SR505", "INFO [channel:0] subId:CF505",
-                            "INFO [channel:0] You subscribe all subId !", "INFO [channel:0] subClass:CF,",
-                            "INFO [channel:0] subClass:ALL,", "INFO [channel:0] options=recv",
-                            "INFO [channel:0] ips=recv", "INFO [channel:0] spd=recv",
-                            "INFO --------------------------------------------------------"));
+    EXPECT_THAT(output, ElementsAre("INFO [channel:0] --------Channel 0 subscribed information is as below:--------",
+                                    "INFO [channel:0] subId:SR505", "INFO [channel:0] subId:CF505",
+                                    "INFO [channel:0] You subscribe all subId !", "INFO [channel:0] subClass:CF,",
+                                    "INFO [channel:0] subClass:ALL,", "INFO [channel:0] options=recv",
+                                    "INFO [channel:0] ips=recv", "INFO [channel:0] spd=recv",
+                                    "INFO --------------------------------------------------------"));
 }
 
 TEST_F(ConfigSubsRules, RefusalsAreLoggedAndKeptAsWritten) {
     Parse("[channel7]\ninsts=SR505\noptions=none\nips=no\nspd=norecv\n");
 
     EXPECT_EQ(Described(Info(7)), "ids SR505 classes flags0000 reserved 3 [SR505] [] [none] [no] [norecv]");
-    EXPECT_THAT(output,
-                ElementsAre("INFO [channel:7] --------Channel 7 subscribed information is as below:--------",
-                            "INFO [channel:7] subId:SR505", "INFO [channel:7] options=norecv",
-                            "INFO [channel:7] ips=norecv", "INFO [channel:7] spd=norecv",
-                            "INFO --------------------------------------------------------"));
+    EXPECT_THAT(output, ElementsAre("INFO [channel:7] --------Channel 7 subscribed information is as below:--------",
+                                    "INFO [channel:7] subId:SR505", "INFO [channel:7] options=norecv",
+                                    "INFO [channel:7] ips=norecv", "INFO [channel:7] spd=norecv",
+                                    "INFO --------------------------------------------------------"));
 }
 
 TEST_F(ConfigSubsRules, AFileWithoutRulesSubscribesNothingAndIsNoError) {
@@ -104,7 +103,7 @@ TEST_P(ConfigOneChannel, FillsItsOwnRecordOnly) {
 
 TEST_P(ConfigOneChannel, NamesItselfInEveryLine) {
     const std::string number = std::to_string(GetParam());
-    const std::string head   = "INFO [channel:" + number + "] ";
+    const std::string head = "INFO [channel:" + number + "] ";
     Parse(Section(GetParam(), "insts=all,SR505\noptions=recv\nips=no\nspd=recv\n"));
 
     EXPECT_THAT(output, ElementsAre(head + "--------Channel " + number + " subscribed information is as below:--------",
@@ -127,7 +126,7 @@ TEST_P(ConfigOneChannel, WithoutItsOptionsEndsTheParse) {
     EXPECT_EQ(output.back(), "ERROR [channel:" + std::to_string(failing) +
                                  "] Error! In subscribe labek ,Lack item: options=xxx , please check !");
     for (std::size_t channel = 0; channel < 16; ++channel) {
-        const std::string parsed   = "ids SR505 classes CF flags0111 reserved 3 [SR505] [CF] [recv] [recv] [recv]";
+        const std::string parsed = "ids SR505 classes CF flags0111 reserved 3 [SR505] [CF] [recv] [recv] [recv]";
         const std::string rejected = "ids SR505 classes CF flags0000 reserved 3 [SR505] [CF] [] [] []";
         const std::string expected = channel < failing ? parsed : channel == failing ? rejected : kUntouched;
         EXPECT_EQ(Described(Info(channel)), expected) << channel;
@@ -181,26 +180,24 @@ TEST_P(ConfigInsts, AreSplitIntoIdsAndClasses) {
 
 INSTANTIATE_TEST_SUITE_P(
     SubsRules, ConfigInsts,
-    testing::Values(InstsRow{"Empty", "", "ids classes flags0000 reserved 3 [] []"},
-                    InstsRow{"CommasOnly", ",,,", "ids classes flags0000 reserved 3 [] []"},
-                    InstsRow{"BlanksAndCommasOnly", " , , ", "ids classes flags0000 reserved 3 [] []"},
-                    InstsRow{"TwoCommasInARow", "1,,2", "ids 1 2 classes flags0000 reserved 3 [1,2] []"},
-                    InstsRow{"CommasAtBothEnds", ",SR505,CF,",
-                             "ids SR505 classes CF flags0000 reserved 3 [SR505] [CF]"},
-                    InstsRow{"RepeatedTokensAndOrderAreKept", "CF,SR509,CF,SR505,SR509",
-                             "ids SR509 SR505 SR509 classes CF CF flags0000 reserved 3 [SR509,SR505,SR509] [CF,CF]"},
-                    InstsRow{"LettersAreNotFolded", "sr505,cf",
-                             "ids sr505 classes cf flags0000 reserved 3 [sr505] [cf]"},
-                    InstsRow{"ADigitAnywhereMakesAnId", "S0R,9,A-1",
-                             "ids S0R 9 A-1 classes flags0000 reserved 3 [S0R,9,A-1] []"},
-                    InstsRow{"BlanksInsideATokenAreRemoved", "S R 5 0 5,C F",
-                             "ids SR505 classes CF flags0000 reserved 3 [SR505] [CF]"},
-                    InstsRow{"TabsStay", "SR505,\tCF", "ids SR505 classes \tCF flags0000 reserved 3 [SR505] [\tCF]"},
-                    InstsRow{"AllInsideAnotherWord", "Small", "ids classes Small flags1000 reserved 3 [] [Small]"},
-                    InstsRow{"AllInsideAnId", "BALL505", "ids BALL505 classes flags1000 reserved 3 [BALL505] []"},
-                    InstsRow{"AllOnceBlanksAreGone", "a l l", "ids classes all flags1000 reserved 3 [] [all]"},
-                    InstsRow{"AllInMixedCase", "aLl", "ids classes aLl flags1000 reserved 3 [] [aLl]"},
-                    InstsRow{"AllBrokenByAComma", "al,l", "ids classes al l flags0000 reserved 3 [] [al,l]"}),
+    testing::Values(
+        InstsRow{"Empty", "", "ids classes flags0000 reserved 3 [] []"},
+        InstsRow{"CommasOnly", ",,,", "ids classes flags0000 reserved 3 [] []"},
+        InstsRow{"BlanksAndCommasOnly", " , , ", "ids classes flags0000 reserved 3 [] []"},
+        InstsRow{"TwoCommasInARow", "1,,2", "ids 1 2 classes flags0000 reserved 3 [1,2] []"},
+        InstsRow{"CommasAtBothEnds", ",SR505,CF,", "ids SR505 classes CF flags0000 reserved 3 [SR505] [CF]"},
+        InstsRow{"RepeatedTokensAndOrderAreKept", "CF,SR509,CF,SR505,SR509",
+                 "ids SR509 SR505 SR509 classes CF CF flags0000 reserved 3 [SR509,SR505,SR509] [CF,CF]"},
+        InstsRow{"LettersAreNotFolded", "sr505,cf", "ids sr505 classes cf flags0000 reserved 3 [sr505] [cf]"},
+        InstsRow{"ADigitAnywhereMakesAnId", "S0R,9,A-1", "ids S0R 9 A-1 classes flags0000 reserved 3 [S0R,9,A-1] []"},
+        InstsRow{"BlanksInsideATokenAreRemoved", "S R 5 0 5,C F",
+                 "ids SR505 classes CF flags0000 reserved 3 [SR505] [CF]"},
+        InstsRow{"TabsStay", "SR505,\tCF", "ids SR505 classes \tCF flags0000 reserved 3 [SR505] [\tCF]"},
+        InstsRow{"AllInsideAnotherWord", "Small", "ids classes Small flags1000 reserved 3 [] [Small]"},
+        InstsRow{"AllInsideAnId", "BALL505", "ids BALL505 classes flags1000 reserved 3 [BALL505] []"},
+        InstsRow{"AllOnceBlanksAreGone", "a l l", "ids classes all flags1000 reserved 3 [] [all]"},
+        InstsRow{"AllInMixedCase", "aLl", "ids classes aLl flags1000 reserved 3 [] [aLl]"},
+        InstsRow{"AllBrokenByAComma", "al,l", "ids classes al l flags0000 reserved 3 [] [al,l]"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(ConfigSubsRules, EmptyInstrumentsStillDemandOptions) {
@@ -269,8 +266,9 @@ TEST_F(ConfigSubsRules, ASecondParseAppendsEveryTokenAgain) {
     ParseAgain();
 
     EXPECT_EQ(result, 0U);
-    EXPECT_EQ(Described(Info()), "ids SR505 SR505 classes CF all CF all flags1110 reserved 3"
-                                 " [SR505,SR505] [CF,all,CF,all] [recv] [recv] [no]");
+    EXPECT_EQ(Described(Info()),
+              "ids SR505 SR505 classes CF all CF all flags1110 reserved 3"
+              " [SR505,SR505] [CF,all,CF,all] [recv] [recv] [no]");
     EXPECT_THAT(output, ElementsAre("INFO [channel:0] --------Channel 0 subscribed information is as below:--------",
                                     "INFO [channel:0] subId:SR505", "INFO [channel:0] subId:SR505",
                                     "INFO [channel:0] You subscribe all subId !", "INFO [channel:0] subClass:CF,",

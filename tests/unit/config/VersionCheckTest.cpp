@@ -11,9 +11,9 @@ using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr std::uint32_t kFailure         = 0xFFFFFFFF;
+constexpr std::uint32_t kFailure = 0xFFFFFFFF;
 constexpr unsigned long kHardwareVersion = 0x101;
-constexpr unsigned long kVerdict         = 0x103;
+constexpr unsigned long kVerdict = 0x103;
 
 // What every check starts with once the file's versions are read.
 const std::vector<std::string> kAnnouncement = {
@@ -38,7 +38,7 @@ protected:
     }
     void SetCard(unsigned int hardware, unsigned int verdict) {
         drv.registers[kHardwareVersion] = hardware;
-        drv.registers[kVerdict]         = verdict;
+        drv.registers[kVerdict] = verdict;
     }
     Lines Check() {
         return OutputOf([&] { result = config->Chk_SysVersion(); });
@@ -78,9 +78,9 @@ TEST_F(ConfigVersion, AnOlderCardFailsWithoutBeingAskedForItsVerdict) {
     LoadVersions("1.1.2.12=5\n1.1.2.13=7\n");
     SetCard(6, 1);
 
-    EXPECT_THAT(Check(), ElementsAreArray(AfterAnnouncement(
-                             {"ERROR you will need to update your hardware version.",
-                              "ERROR soft version 1.1.2.13, hwVersion is 7 > fpga hwVersion is 6"})));
+    EXPECT_THAT(Check(), ElementsAreArray(
+                             AfterAnnouncement({"ERROR you will need to update your hardware version.",
+                                                "ERROR soft version 1.1.2.13, hwVersion is 7 > fpga hwVersion is 6"})));
 
     EXPECT_EQ(result, kFailure);
 }
@@ -244,18 +244,19 @@ TEST_P(ConfigVerdict, IsReportedAndDecides) {
     EXPECT_EQ(result, GetParam().result);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Version, ConfigVerdict,
-    testing::Values(VerdictRow{"WriteFailed", 0, {"ERROR soft version write is fail."}, kFailure},
-                    VerdictRow{"Accepted", 1, {"INFO hardware and soft version check is success."}, 0},
-                    VerdictRow{"SoftwareTooOld", 2,
-                               {"ERROR you will need to update your soft version.",
-                                "ERROR iCheckRst == 2, soft  error."},
-                               kFailure},
-                    VerdictRow{"Unknown", 3, {"ERROR iCheckRst is 3 error."}, kFailure},
-                    VerdictRow{"AllFibres", 15, {"ERROR iCheckRst is 15 error."}, kFailure},
-                    VerdictRow{"AllBits", 0xFFFFFFFF, {"ERROR iCheckRst is -1 error."}, kFailure}),
-    [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Version, ConfigVerdict,
+                         testing::Values(VerdictRow{"WriteFailed", 0, {"ERROR soft version write is fail."}, kFailure},
+                                         VerdictRow{
+                                             "Accepted", 1, {"INFO hardware and soft version check is success."}, 0},
+                                         VerdictRow{"SoftwareTooOld",
+                                                    2,
+                                                    {"ERROR you will need to update your soft version.",
+                                                     "ERROR iCheckRst == 2, soft  error."},
+                                                    kFailure},
+                                         VerdictRow{"Unknown", 3, {"ERROR iCheckRst is 3 error."}, kFailure},
+                                         VerdictRow{"AllFibres", 15, {"ERROR iCheckRst is 15 error."}, kFailure},
+                                         VerdictRow{"AllBits", 0xFFFFFFFF, {"ERROR iCheckRst is -1 error."}, kFailure}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(ConfigVersion, AVerdictThatCannotBeReadCountsAsAFailedWrite) {
     LoadVersions("1.1.2.12=5\n1.1.2.13=7\n");

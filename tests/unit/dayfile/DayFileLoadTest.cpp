@@ -9,7 +9,7 @@ using testing::Pair;
 using DayFileLoad = DayFile;
 
 const std::string kHeader = "inst_index,inst_id\n";
-const std::string kEnd    = "bin_file_over_tag\n";
+const std::string kEnd = "bin_file_over_tag\n";
 
 // ---- which file ----
 

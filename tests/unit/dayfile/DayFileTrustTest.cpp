@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "tests/unit/dayfile/DayFileFixture.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/dayfile/DayFileFixture.h"
 #include "tests/unit/log/Interposed.h"
 
 namespace {
@@ -22,7 +22,7 @@ using testing::Pair;
 
 namespace fs = std::filesystem;
 
-constexpr uid_t kNobody    = 65534;
+constexpr uid_t kNobody = 65534;
 constexpr uid_t kOtherUser = 65533;
 
 constexpr char kGood[] = "inst_index,inst_id\n1,SR505\nbin_file_over_tag\n";

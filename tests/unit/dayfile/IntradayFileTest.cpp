@@ -3,9 +3,9 @@
 #include <filesystem>
 #include <memory>
 
-#include "tests/unit/dayfile/DayFileFixture.h"
 #include "src/channel/DmaChannel.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/dayfile/DayFileFixture.h"
 
 namespace {
 
@@ -297,16 +297,15 @@ TEST_F(IntradayFile, LoadingOverwritesAndSkipsWhatIsNoInstrument) {
 
     EXPECT_EQ(result, 0);
     EXPECT_THAT(insts, ElementsAre(Pair("AP510", 65535), Pair("SR505", 9), Pair("SR507", 13), Pair("SR509", 1)));
-    EXPECT_THAT(log, ElementsAre("WARN Invalid format!we skip line 1: contract's_corresponding_time=20250303085900", "",
-                                 "INFO Loading from bin: Index:9,Instructmentid:SR505, lineNumber:2.",
-                                 "INFO Loading from bin: Index:12,Instructmentid:SR507, lineNumber:3.",
-                                 "INFO Loading from bin: Index:1,Instructmentid:SR509, lineNumber:4.",
-                                 "INFO Loading from bin: Index:13,Instructmentid:SR507, lineNumber:5.",
-                                 "WARN Invalid format!we skip line 6: 1,A,B", "",
-                                 "WARN Invalid format!we skip line 7: ", "",
-                                 "WARN Invalid format!we skip line 8: ,", "",
-                                 "WARN Invalid format!we skip line 9: 5", "",
-                                 "WARN Invalid format!we skip line 10: bin_file_over_tag", "INFO Loading over!"));
+    EXPECT_THAT(log,
+                ElementsAre("WARN Invalid format!we skip line 1: contract's_corresponding_time=20250303085900", "",
+                            "INFO Loading from bin: Index:9,Instructmentid:SR505, lineNumber:2.",
+                            "INFO Loading from bin: Index:12,Instructmentid:SR507, lineNumber:3.",
+                            "INFO Loading from bin: Index:1,Instructmentid:SR509, lineNumber:4.",
+                            "INFO Loading from bin: Index:13,Instructmentid:SR507, lineNumber:5.",
+                            "WARN Invalid format!we skip line 6: 1,A,B", "", "WARN Invalid format!we skip line 7: ", "",
+                            "WARN Invalid format!we skip line 8: ,", "", "WARN Invalid format!we skip line 9: 5", "",
+                            "WARN Invalid format!we skip line 10: bin_file_over_tag", "INFO Loading over!"));
 }
 
 TEST_F(IntradayFile, ALineOfMoreThan255CharactersIsReadInPieces) {

@@ -8,8 +8,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kNoDevice[] =
-    "ERROR Could not find accelerator. ernno:19, msg:No such device, get acc num:0.";
+constexpr char kNoDevice[] = "ERROR Could not find accelerator. ernno:19, msg:No such device, get acc num:0.";
 
 class CoreLookup : public DrvFixture {
 protected:
@@ -31,11 +30,10 @@ protected:
 TEST_F(CoreLookup, OpensTheAcceleratorOfTheBusAndReleasesWhatItNeededForThat) {
     EXPECT_NE(DrvEnyxCoreGetAcc(0), nullptr);
 
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("filter_create -> filter1", "filter_set_index filter1 0 -> 0",
-                            "enumerate_accelerators filter1 1 -> 1 acc_descriptor1", "filter_destroy filter1",
-                            "accelerator_get acc_descriptor1 -> acc0",
-                            "free_accelerator_descriptors acc_descriptor1 1"));
+    EXPECT_THAT(hw.TakeCalls(), ElementsAre("filter_create -> filter1", "filter_set_index filter1 0 -> 0",
+                                            "enumerate_accelerators filter1 1 -> 1 acc_descriptor1",
+                                            "filter_destroy filter1", "accelerator_get acc_descriptor1 -> acc0",
+                                            "free_accelerator_descriptors acc_descriptor1 1"));
     EXPECT_THAT(hw.Live(), IsEmpty());
     EXPECT_THAT(log.Take(), IsEmpty());
 }
@@ -104,8 +102,7 @@ TEST_F(CoreLookup, MoreThanOneCardOnABusIsNotFoundAndTheDescriptorIsFreed) {
 
     EXPECT_EQ(DrvEnyxCoreGetAcc(0), nullptr);
 
-    EXPECT_THAT(log.Take(),
-                ElementsAre("ERROR Could not find accelerator. ernno:17, msg:File exists, get acc num:2."));
+    EXPECT_THAT(log.Take(), ElementsAre("ERROR Could not find accelerator. ernno:17, msg:File exists, get acc num:2."));
     EXPECT_THAT(hw.TakeCalls(),
                 ElementsAre("filter_create -> filter1", "filter_set_index filter1 0 -> 0",
                             "enumerate_accelerators filter1 1 -> 2 acc_descriptor1", "filter_destroy filter1",
@@ -154,17 +151,16 @@ TEST_F(CoreLookup, TheCardIsNotLockedForEverByAFailedLookUp) {
 TEST_F(CoreLookup, TheFirstUseOfABusOpensItsRegistersResetsTheCardAndSleepsOneSecond) {
     EXPECT_EQ(GetCore(), 1);
 
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("filter_create -> filter1", "filter_set_index filter1 0 -> 0",
-                            "enumerate_accelerators filter1 1 -> 1 acc_descriptor1", "filter_destroy filter1",
-                            "accelerator_get acc_descriptor1 -> acc0",
-                            "free_accelerator_descriptors acc_descriptor1 1", "filter_create -> filter2",
-                            "filter_set_index filter2 0 -> 0",
-                            "accelerator_enumerate_mmios acc0 filter2 1 -> 1 mmio_descriptor1",
-                            "filter_destroy filter2", "mmio_create mmio_descriptor1 -> mmio1",
-                            "free_mmio_descriptors mmio_descriptor1 1", "enumerate_cores mmio1 -> tree1",
-                            "core_tree_get_root tree1 -> root1", "core_reset root1 -> 0",
-                            "core_enumerate root1 474 1 -> 1 core1"));
+    EXPECT_THAT(
+        hw.TakeCalls(),
+        ElementsAre("filter_create -> filter1", "filter_set_index filter1 0 -> 0",
+                    "enumerate_accelerators filter1 1 -> 1 acc_descriptor1", "filter_destroy filter1",
+                    "accelerator_get acc_descriptor1 -> acc0", "free_accelerator_descriptors acc_descriptor1 1",
+                    "filter_create -> filter2", "filter_set_index filter2 0 -> 0",
+                    "accelerator_enumerate_mmios acc0 filter2 1 -> 1 mmio_descriptor1", "filter_destroy filter2",
+                    "mmio_create mmio_descriptor1 -> mmio1", "free_mmio_descriptors mmio_descriptor1 1",
+                    "enumerate_cores mmio1 -> tree1", "core_tree_get_root tree1 -> root1", "core_reset root1 -> 0",
+                    "core_enumerate root1 474 1 -> 1 core1"));
     EXPECT_NE(core, nullptr);
     EXPECT_THAT(clock.Sleeps(), ElementsAre(1u));
     EXPECT_THAT(hw.Live(), ElementsAre("mmio1"));
@@ -266,36 +262,48 @@ TEST_P(RootFailures, AreLoggedAndReleaseWhatWasMade) {
 INSTANTIATE_TEST_SUITE_P(
     CoreLookup, RootFailures,
     testing::Values(
-        RootFailure{"NoFilter", "filter_create", ENOMEM,
+        RootFailure{"NoFilter",
+                    "filter_create",
+                    ENOMEM,
                     {"ERROR Could not create mmio filter, errmsg:Cannot allocate memory."},
                     {"filter_create -> null errno=12"}},
-        RootFailure{"NoFilterIndex", "filter_set_index", EINVAL,
-                    {"ERROR Could not set mmio filter index, errmsg:Invalid argument."},
-                    {"filter_create -> filter2", "filter_set_index filter2 0 -> -1 errno=22",
-                     "filter_destroy filter2"}},
-        RootFailure{"EnumerationFails", "accelerator_enumerate_mmios", EIO,
+        RootFailure{
+            "NoFilterIndex",
+            "filter_set_index",
+            EINVAL,
+            {"ERROR Could not set mmio filter index, errmsg:Invalid argument."},
+            {"filter_create -> filter2", "filter_set_index filter2 0 -> -1 errno=22", "filter_destroy filter2"}},
+        RootFailure{"EnumerationFails",
+                    "accelerator_enumerate_mmios",
+                    EIO,
                     {"ERROR Could not find mmio, errmsg:Input/output error."},
                     {"filter_create -> filter2", "filter_set_index filter2 0 -> 0",
                      "accelerator_enumerate_mmios acc0 filter2 1 -> -1 errno=5", "filter_destroy filter2"}},
-        RootFailure{"MmioDoesNotOpenSaidTwice", "mmio_create", EACCES,
+        RootFailure{"MmioDoesNotOpenSaidTwice",
+                    "mmio_create",
+                    EACCES,
                     {"ERROR Could not create mmio, errmsg:Permission denied.",
                      "ERROR Could not create mmio, errmsg:Permission denied."},
                     {"filter_create -> filter2", "filter_set_index filter2 0 -> 0",
                      "accelerator_enumerate_mmios acc0 filter2 1 -> 1 mmio_descriptor1", "filter_destroy filter2",
                      "mmio_create mmio_descriptor1 -> null errno=13", "free_mmio_descriptors mmio_descriptor1 1"}},
-        RootFailure{"NoTree", "enumerate_cores", EIO,
+        RootFailure{"NoTree",
+                    "enumerate_cores",
+                    EIO,
                     {"ERROR Could not find tree, errmsg:Input/output error."},
                     {"filter_create -> filter2", "filter_set_index filter2 0 -> 0",
                      "accelerator_enumerate_mmios acc0 filter2 1 -> 1 mmio_descriptor1", "filter_destroy filter2",
                      "mmio_create mmio_descriptor1 -> mmio1", "free_mmio_descriptors mmio_descriptor1 1",
                      "enumerate_cores mmio1 -> null errno=5", "mmio_destroy mmio1"}},
-        RootFailure{"NoRoot", "core_tree_get_root", ENOENT,
-                    {"ERROR Could not find root, errmsg:No such file or directory."},
-                    {"filter_create -> filter2", "filter_set_index filter2 0 -> 0",
-                     "accelerator_enumerate_mmios acc0 filter2 1 -> 1 mmio_descriptor1", "filter_destroy filter2",
-                     "mmio_create mmio_descriptor1 -> mmio1", "free_mmio_descriptors mmio_descriptor1 1",
-                     "enumerate_cores mmio1 -> tree1", "core_tree_get_root tree1 -> null errno=2",
-                     "mmio_destroy mmio1"}}),
+        RootFailure{
+            "NoRoot",
+            "core_tree_get_root",
+            ENOENT,
+            {"ERROR Could not find root, errmsg:No such file or directory."},
+            {"filter_create -> filter2", "filter_set_index filter2 0 -> 0",
+             "accelerator_enumerate_mmios acc0 filter2 1 -> 1 mmio_descriptor1", "filter_destroy filter2",
+             "mmio_create mmio_descriptor1 -> mmio1", "free_mmio_descriptors mmio_descriptor1 1",
+             "enumerate_cores mmio1 -> tree1", "core_tree_get_root tree1 -> null errno=2", "mmio_destroy mmio1"}}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(CoreLookup, ACardWithoutARegisterSpaceHasNoCore) {
@@ -315,10 +323,9 @@ TEST_F(CoreLookup, ACardWithTwoRegisterSpacesOfOneIndexHasNoCoreAndTheDescriptor
 
     EXPECT_THAT(log.Take(), ElementsAre("ERROR Could not find mmio, errmsg:File exists.",
                                         "ERROR Get core error. busId:0, coreId:474"));
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("filter_create -> filter2", "filter_set_index filter2 0 -> 0",
-                            "accelerator_enumerate_mmios acc0 filter2 1 -> 2 mmio_descriptor1",
-                            "filter_destroy filter2", "free_mmio_descriptors mmio_descriptor1 1"));
+    EXPECT_THAT(hw.TakeCalls(), ElementsAre("filter_create -> filter2", "filter_set_index filter2 0 -> 0",
+                                            "accelerator_enumerate_mmios acc0 filter2 1 -> 2 mmio_descriptor1",
+                                            "filter_destroy filter2", "free_mmio_descriptors mmio_descriptor1 1"));
 }
 
 TEST_F(CoreLookup, BothLinesOfAFailedMmioNameItsCauseAlsoWhenTheReleaseChangesErrno) {

@@ -22,11 +22,11 @@ TEST_F(DmaClose, ReportsTheCountersAndClosesBothStreams) {
 
     InitAndClose();
 
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("a2c_stream_stats_get_backpressure a2c1 -> 0 0",
-                            "a2c_stream_stats_get_packet_count a2c1 -> 0 22",
-                            "a2c_stream_stats_get_fifo_errors a2c1 -> 0 33", "a2c_stream_stats_get_errors a2c1 -> 0 44",
-                            "a2c_stream_destroy a2c1", "c2a_stream_destroy c2a1"));
+    EXPECT_THAT(
+        hw.TakeCalls(),
+        ElementsAre("a2c_stream_stats_get_backpressure a2c1 -> 0 0", "a2c_stream_stats_get_packet_count a2c1 -> 0 22",
+                    "a2c_stream_stats_get_fifo_errors a2c1 -> 0 33", "a2c_stream_stats_get_errors a2c1 -> 0 44",
+                    "a2c_stream_destroy a2c1", "c2a_stream_destroy c2a1"));
     EXPECT_THAT(log.Take(), ElementsAre("INFO [channel:0] DMA count info: backpress:0, dma2soft:22, fifo:33, "
                                         "error:44.",
                                         kReleased));
@@ -39,9 +39,8 @@ TEST_F(DmaClose, WarnsOfBackPressure) {
 
     InitAndClose();
 
-    EXPECT_THAT(log.Take(),
-                ElementsAre("INFO [channel:0] DMA count info: backpress:1, dma2soft:2, fifo:3, error:4.",
-                            "WARN Back pressure happens! may loss some data !", kReleased));
+    EXPECT_THAT(log.Take(), ElementsAre("INFO [channel:0] DMA count info: backpress:1, dma2soft:2, fifo:3, error:4.",
+                                        "WARN Back pressure happens! may loss some data !", kReleased));
 }
 
 TEST_F(DmaClose, PrintsTheLargestCountersUnsignedAndTheChannelOfTheName) {

@@ -32,15 +32,15 @@ TEST_F(DmaInit, ANewDriverIsClosedAndEmpty) {
 TEST_F(DmaInit, OpensBothStreamsOfTheName) {
     EXPECT_EQ(dma->Init(&record), 0);
 
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("filter_create -> filter2", "filter_set_name filter2 CUSTOM_CHAN0_DATA -> 0",
-                            "accelerator_enumerate_a2c_streams acc0 filter2 1 -> 1 a2c_descriptor1",
-                            "a2c_stream_create a2c_descriptor1 null -> a2c1",
-                            "free_a2c_stream_descriptors a2c_descriptor1 1",
-                            "accelerator_enumerate_c2a_streams acc0 filter2 1 -> 1 c2a_descriptor1",
-                            "c2a_stream_create c2a_descriptor1 null -> c2a1",
-                            "free_c2a_stream_descriptors c2a_descriptor1 1", "filter_destroy filter2",
-                            "a2c_stream_get_mtu a2c1 -> 0 4096", "c2a_stream_get_mtu c2a1 -> 0 2048"));
+    EXPECT_THAT(
+        hw.TakeCalls(),
+        ElementsAre("filter_create -> filter2", "filter_set_name filter2 CUSTOM_CHAN0_DATA -> 0",
+                    "accelerator_enumerate_a2c_streams acc0 filter2 1 -> 1 a2c_descriptor1",
+                    "a2c_stream_create a2c_descriptor1 null -> a2c1", "free_a2c_stream_descriptors a2c_descriptor1 1",
+                    "accelerator_enumerate_c2a_streams acc0 filter2 1 -> 1 c2a_descriptor1",
+                    "c2a_stream_create c2a_descriptor1 null -> c2a1", "free_c2a_stream_descriptors c2a_descriptor1 1",
+                    "filter_destroy filter2", "a2c_stream_get_mtu a2c1 -> 0 4096",
+                    "c2a_stream_get_mtu c2a1 -> 0 2048"));
     EXPECT_THAT(log.Take(), ElementsAre("INFO Init dma channel :CUSTOM_CHAN0_DATA success."));
     EXPECT_THAT(hw.Live(), ElementsAre("a2c1", "c2a1"));
 }
@@ -161,13 +161,13 @@ TEST_F(DmaInit, ABusOfTenOrMoreFails) {
 
 // ---- failures between the accelerator and the second MTU ----
 
-constexpr char kSetName[]  = "filter_set_name filter2 CUSTOM_CHAN0_DATA -> 0";
-constexpr char kFindA2c[]  = "accelerator_enumerate_a2c_streams acc0 filter2 1 -> 1 a2c_descriptor1";
-constexpr char kOpenA2c[]  = "a2c_stream_create a2c_descriptor1 null -> a2c1";
-constexpr char kFreeA2c[]  = "free_a2c_stream_descriptors a2c_descriptor1 1";
-constexpr char kFindC2a[]  = "accelerator_enumerate_c2a_streams acc0 filter2 1 -> 1 c2a_descriptor1";
-constexpr char kOpenC2a[]  = "c2a_stream_create c2a_descriptor1 null -> c2a1";
-constexpr char kFreeC2a[]  = "free_c2a_stream_descriptors c2a_descriptor1 1";
+constexpr char kSetName[] = "filter_set_name filter2 CUSTOM_CHAN0_DATA -> 0";
+constexpr char kFindA2c[] = "accelerator_enumerate_a2c_streams acc0 filter2 1 -> 1 a2c_descriptor1";
+constexpr char kOpenA2c[] = "a2c_stream_create a2c_descriptor1 null -> a2c1";
+constexpr char kFreeA2c[] = "free_a2c_stream_descriptors a2c_descriptor1 1";
+constexpr char kFindC2a[] = "accelerator_enumerate_c2a_streams acc0 filter2 1 -> 1 c2a_descriptor1";
+constexpr char kOpenC2a[] = "c2a_stream_create c2a_descriptor1 null -> c2a1";
+constexpr char kFreeC2a[] = "free_c2a_stream_descriptors c2a_descriptor1 1";
 constexpr char kNewFilter[] = "filter_create -> filter2";
 constexpr char kEndFilter[] = "filter_destroy filter2";
 
@@ -214,34 +214,57 @@ TEST_P(OpenFailures, LeaveStreamsThatTheEndOfTheDriverDoesNotClose) {
 INSTANTIATE_TEST_SUITE_P(
     DmaInit, OpenFailures,
     testing::Values(
-        OpenFailure{"NoFilter", "filter_create", ENOMEM,
+        OpenFailure{"NoFilter",
+                    "filter_create",
+                    ENOMEM,
                     {"ERROR Could not create dma filter. err:Cannot allocate memory"},
-                    {"filter_create -> null errno=12"}, {}},
-        OpenFailure{"NoFilterName", "filter_set_name", EINVAL,
+                    {"filter_create -> null errno=12"},
+                    {}},
+        OpenFailure{"NoFilterName",
+                    "filter_set_name",
+                    EINVAL,
                     {"ERROR Could not set dma filter name: CUSTOM_CHAN0_DATA. err:Invalid argument"},
-                    {kNewFilter, "filter_set_name filter2 CUSTOM_CHAN0_DATA -> -1 errno=22", kEndFilter}, {}},
-        OpenFailure{"EnumerationOfA2cFails", "accelerator_enumerate_a2c_streams", EIO,
-                    {"ERROR Could not find a2c stream. dmaName:CUSTOM_CHAN0_DATA, err:Input/output error"},
-                    {kNewFilter, kSetName, "accelerator_enumerate_a2c_streams acc0 filter2 1 -> -1 errno=5",
-                     kEndFilter}, {}},
-        OpenFailure{"A2cIsHeldByAnotherProcess", "a2c_stream_create", EBUSY,
+                    {kNewFilter, "filter_set_name filter2 CUSTOM_CHAN0_DATA -> -1 errno=22", kEndFilter},
+                    {}},
+        OpenFailure{
+            "EnumerationOfA2cFails",
+            "accelerator_enumerate_a2c_streams",
+            EIO,
+            {"ERROR Could not find a2c stream. dmaName:CUSTOM_CHAN0_DATA, err:Input/output error"},
+            {kNewFilter, kSetName, "accelerator_enumerate_a2c_streams acc0 filter2 1 -> -1 errno=5", kEndFilter},
+            {}},
+        OpenFailure{"A2cIsHeldByAnotherProcess",
+                    "a2c_stream_create",
+                    EBUSY,
                     {"ERROR Could not create a2c stream.dmaName:CUSTOM_CHAN0_DATA,  err:Device or resource busy",
                      "ERROR Note !! A software program can only have one instance running at a time!"},
                     {kNewFilter, kSetName, kFindA2c, "a2c_stream_create a2c_descriptor1 null -> null errno=16",
-                     kFreeA2c, kEndFilter}, {}},
-        OpenFailure{"EnumerationOfC2aFails", "accelerator_enumerate_c2a_streams", EIO,
+                     kFreeA2c, kEndFilter},
+                    {}},
+        OpenFailure{"EnumerationOfC2aFails",
+                    "accelerator_enumerate_c2a_streams",
+                    EIO,
                     {"ERROR Could not find c2a stream. dmaName:CUSTOM_CHAN0_DATA, err:Input/output error"},
                     {kNewFilter, kSetName, kFindA2c, kOpenA2c, kFreeA2c,
-                     "accelerator_enumerate_c2a_streams acc0 filter2 1 -> -1 errno=5", kEndFilter}, {"a2c1"}},
-        OpenFailure{"C2aDoesNotOpen", "c2a_stream_create", EACCES,
+                     "accelerator_enumerate_c2a_streams acc0 filter2 1 -> -1 errno=5", kEndFilter},
+                    {"a2c1"}},
+        OpenFailure{"C2aDoesNotOpen",
+                    "c2a_stream_create",
+                    EACCES,
                     {"ERROR Could not create c2a stream. dmaName:CUSTOM_CHAN0_DATA, err:Permission denied"},
                     {kNewFilter, kSetName, kFindA2c, kOpenA2c, kFreeA2c, kFindC2a,
-                     "c2a_stream_create c2a_descriptor1 null -> null errno=13", kFreeC2a, kEndFilter}, {"a2c1"}},
-        OpenFailure{"NoMtuOfA2c", "a2c_stream_get_mtu", EIO,
+                     "c2a_stream_create c2a_descriptor1 null -> null errno=13", kFreeC2a, kEndFilter},
+                    {"a2c1"}},
+        OpenFailure{"NoMtuOfA2c",
+                    "a2c_stream_get_mtu",
+                    EIO,
                     {"ERROR Could not get mtu.dmaName:CUSTOM_CHAN0_DATA, err:Input/output error"},
                     {kNewFilter, kSetName, kFindA2c, kOpenA2c, kFreeA2c, kFindC2a, kOpenC2a, kFreeC2a, kEndFilter,
-                     "a2c_stream_get_mtu a2c1 -> -1 errno=5"}, {"a2c1", "c2a1"}},
-        OpenFailure{"NoMtuOfC2a", "c2a_stream_get_mtu", EIO,
+                     "a2c_stream_get_mtu a2c1 -> -1 errno=5"},
+                    {"a2c1", "c2a1"}},
+        OpenFailure{"NoMtuOfC2a",
+                    "c2a_stream_get_mtu",
+                    EIO,
                     {"ERROR Could not get mtu.dmaName:CUSTOM_CHAN0_DATA, err:Input/output error"},
                     {kNewFilter, kSetName, kFindA2c, kOpenA2c, kFreeA2c, kFindC2a, kOpenC2a, kFreeC2a, kEndFilter,
                      "a2c_stream_get_mtu a2c1 -> 0 4096", "c2a_stream_get_mtu c2a1 -> -1 errno=5"},

@@ -4,9 +4,9 @@
 #include <memory>
 #include <thread>
 
+#include "enyx-hw-c/enyx_hw.h"
 #include "tests/doubles/FakeDrv.h"
 #include "tests/unit/driver/DrvFixture.h"
-#include "enyx-hw-c/enyx_hw.h"
 
 // The scripted card guards every test over it, so it is shown here to bite.
 namespace {

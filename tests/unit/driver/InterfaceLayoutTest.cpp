@@ -5,9 +5,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "src/driver/DmaStream.h"
 #include "src/driver/IDrv.h"
 #include "src/driver/IDrvDMA.h"
-#include "src/driver/DmaStream.h"
 #include "src/driver/RegisterDriver.h"
 
 // Other programs implement and call these interfaces through their virtual tables, so the order of the slots is part

@@ -83,17 +83,16 @@ TEST_P(SingleRead, GivesTheLockBackWhenAnExceptionPasses) {
     EXPECT_FALSE(hw.Locked());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    RegisterAccess, SingleRead,
-    testing::Values(ReadRow{"Int8", Through<unsigned char>(&IDrv::ReadInt8), 8, 0x10,
-                            "ERROR read int8 failed, addr:258"},
-                    ReadRow{"Int16", Through<unsigned short>(&IDrv::ReadInt16), 16, 0x3210,
-                            "ERROR read int16 failed, addr:258"},
-                    ReadRow{"Int32", Through<unsigned int>(&IDrv::ReadInt32), 32, 0x76543210,
-                            "ERROR read int32 failed, addr[0x102], errmsg:Input/output error."},
-                    ReadRow{"Int64", Through<unsigned long>(&IDrv::ReadInt64), 64, 0xfedcba9876543210,
-                            "ERROR read int64 failed, addr[0x102] "}),
-    [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(RegisterAccess, SingleRead,
+                         testing::Values(ReadRow{"Int8", Through<unsigned char>(&IDrv::ReadInt8), 8, 0x10,
+                                                 "ERROR read int8 failed, addr:258"},
+                                         ReadRow{"Int16", Through<unsigned short>(&IDrv::ReadInt16), 16, 0x3210,
+                                                 "ERROR read int16 failed, addr:258"},
+                                         ReadRow{"Int32", Through<unsigned int>(&IDrv::ReadInt32), 32, 0x76543210,
+                                                 "ERROR read int32 failed, addr[0x102], errmsg:Input/output error."},
+                                         ReadRow{"Int64", Through<unsigned long>(&IDrv::ReadInt64), 64,
+                                                 0xfedcba9876543210, "ERROR read int64 failed, addr[0x102] "}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 // ---- writes ----
 
@@ -107,9 +106,7 @@ struct WriteRow {
 
 template <typename T>
 std::function<int(IDrv&, unsigned long, std::uint64_t)> Through(int (IDrv::*op)(unsigned long, T)) {
-    return [op](IDrv& drv, unsigned long addr, std::uint64_t value) {
-        return (drv.*op)(addr, static_cast<T>(value));
-    };
+    return [op](IDrv& drv, unsigned long addr, std::uint64_t value) { return (drv.*op)(addr, static_cast<T>(value)); };
 }
 
 class SingleWrite : public RegisterFixture, public testing::WithParamInterface<WriteRow> {
@@ -133,8 +130,7 @@ TEST_P(SingleWrite, ThatFailsIsLoggedAndUnlocks) {
     EXPECT_EQ(Write(), -1);
 
     EXPECT_THAT(log.Take(), ElementsAre(GetParam().failure));
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("core_lock core1 -> 0", WriteCall("-1 errno=5"), "core_unlock core1 -> 0"));
+    EXPECT_THAT(hw.TakeCalls(), ElementsAre("core_lock core1 -> 0", WriteCall("-1 errno=5"), "core_unlock core1 -> 0"));
 }
 
 TEST_P(SingleWrite, FailsForAnyNegativeResultOnly) {
@@ -156,16 +152,16 @@ TEST_P(SingleWrite, GivesTheLockBackWhenAnExceptionPasses) {
 
 INSTANTIATE_TEST_SUITE_P(
     RegisterAccess, SingleWrite,
-    testing::Values(
-        WriteRow{"Int8", Through<unsigned char>(&IDrv::WriteInt8), 8, "0x10", "ERROR write int8 failed, addr:258"},
-        WriteRow{"Int16", Through<unsigned short>(&IDrv::WriteInt16), 16, "0x3210",
-                 "ERROR write int16 failed, addr:258"},
-        WriteRow{"Int32", Through<unsigned int>(&IDrv::WriteInt32), 32, "0x76543210",
-                 "ERROR Write int32 failed, addr[0x102] value[0x76543210], errmsg:Input/output error."},
-        WriteRow{"Int32Log", Through<unsigned int>(&IDrv::WriteInt32_Log), 32, "0x76543210",
-                 "ERROR Write int32 failed, addr[0x102] value[0x76543210], errmsg:Input/output error."},
-        WriteRow{"Int64", Through<unsigned long>(&IDrv::WriteInt64), 64, "0xfedcba9876543210",
-                 "ERROR write int64 failed, addr:258"}),
+    testing::Values(WriteRow{"Int8", Through<unsigned char>(&IDrv::WriteInt8), 8, "0x10",
+                             "ERROR write int8 failed, addr:258"},
+                    WriteRow{"Int16", Through<unsigned short>(&IDrv::WriteInt16), 16, "0x3210",
+                             "ERROR write int16 failed, addr:258"},
+                    WriteRow{"Int32", Through<unsigned int>(&IDrv::WriteInt32), 32, "0x76543210",
+                             "ERROR Write int32 failed, addr[0x102] value[0x76543210], errmsg:Input/output error."},
+                    WriteRow{"Int32Log", Through<unsigned int>(&IDrv::WriteInt32_Log), 32, "0x76543210",
+                             "ERROR Write int32 failed, addr[0x102] value[0x76543210], errmsg:Input/output error."},
+                    WriteRow{"Int64", Through<unsigned long>(&IDrv::WriteInt64), 64, "0xfedcba9876543210",
+                             "ERROR write int64 failed, addr:258"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 // ---- write with read-back ----
@@ -182,9 +178,8 @@ protected:
 TEST_F(WriteWithRead, WritesAndReadsBackUnderOneLockAndSaysNothing) {
     EXPECT_EQ(Write(), 0);
 
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("core_lock core1 -> 0", "write core1 0x408 0 32 0x76543210 -> 0",
-                            "read core1 0x408 0 32 -> 0 0x76543210", "core_unlock core1 -> 0"));
+    EXPECT_THAT(hw.TakeCalls(), ElementsAre("core_lock core1 -> 0", "write core1 0x408 0 32 0x76543210 -> 0",
+                                            "read core1 0x408 0 32 -> 0 0x76543210", "core_unlock core1 -> 0"));
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
@@ -194,9 +189,8 @@ TEST_F(WriteWithRead, SucceedsWhenOnlyTheWriteFailed) {
     EXPECT_EQ(Write(), 0);
 
     EXPECT_THAT(log.Take(), ElementsAre(kWriteFailed));
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("core_lock core1 -> 0", "write core1 0x408 0 32 0x76543210 -> -1 errno=5",
-                            "read core1 0x408 0 32 -> 0 0x0", "core_unlock core1 -> 0"));
+    EXPECT_THAT(hw.TakeCalls(), ElementsAre("core_lock core1 -> 0", "write core1 0x408 0 32 0x76543210 -> -1 errno=5",
+                                            "read core1 0x408 0 32 -> 0 0x0", "core_unlock core1 -> 0"));
 }
 
 TEST_F(WriteWithRead, FailsWhenTheReadBackFails) {
@@ -240,9 +234,13 @@ TEST_F(WriteWithRead, GivesTheLockBackWhenAnExceptionPassesTheReadBack) {
 using RegisterAccess = RegisterFixture;
 
 TEST_F(RegisterAccess, AWordIndexIsAQuarterOfTheByteAddress) {
-    const std::pair<unsigned long, const char*> addresses[] = {
-        {0, "0x0"},           {1, "0x4"},           {0x102, "0x408"},          {0x12003, "0x4800c"},
-        {0x3fffffff, "0xfffffffc"}, {0x40000000, "0x100000000"}, {0xffffffff, "0x3fffffffc"}};
+    const std::pair<unsigned long, const char*> addresses[] = {{0, "0x0"},
+                                                               {1, "0x4"},
+                                                               {0x102, "0x408"},
+                                                               {0x12003, "0x4800c"},
+                                                               {0x3fffffff, "0xfffffffc"},
+                                                               {0x40000000, "0x100000000"},
+                                                               {0xffffffff, "0x3fffffffc"}};
 
     for (const auto& [word, bytes] : addresses) {
         unsigned int value = 0;

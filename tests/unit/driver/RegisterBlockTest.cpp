@@ -13,7 +13,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr unsigned long kAddr = 0x102;
-constexpr char kTooLong[]     = "ERROR length should less than 128!";
+constexpr char kTooLong[] = "ERROR length should less than 128!";
 
 // Exactly as long as asked for, on the heap: the address sanitizer sees one byte too many.
 class Buffer {
@@ -69,16 +69,15 @@ protected:
 // ---- block reads ----
 
 TEST_F(RegisterBlock, ReadsTwelveBytesAsTwoFullWords) {
-    hw.scripted[kAddr]     = {0x0807060504030201};
+    hw.scripted[kAddr] = {0x0807060504030201};
     hw.scripted[kAddr + 2] = {0x100f0e0d0c0b0a09};
     Buffer buffer(12);
 
     EXPECT_EQ(drv.ReadBytes(kAddr, buffer.Get(), 12), 12);
 
     EXPECT_EQ(buffer.Bytes(), Counted(12));
-    EXPECT_THAT(hw.TakeCalls(),
-                ElementsAre("core_lock core1 -> 0", "read core1 0x408 0 64 -> 0 0x807060504030201",
-                            "read core1 0x410 0 64 -> 0 0x100f0e0d0c0b0a09", "core_unlock core1 -> 0"));
+    EXPECT_THAT(hw.TakeCalls(), ElementsAre("core_lock core1 -> 0", "read core1 0x408 0 64 -> 0 0x807060504030201",
+                                            "read core1 0x410 0 64 -> 0 0x100f0e0d0c0b0a09", "core_unlock core1 -> 0"));
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 
@@ -151,8 +150,8 @@ TEST_F(RegisterBlock, WritesThreeBytesAsOneAccessOf24Bits) {
 
     EXPECT_EQ(drv.WriteBytes(kAddr, buffer.Get(), 3), 3);
 
-    EXPECT_THAT(hw.TakeCalls(), ElementsAre("core_lock core1 -> 0", "write core1 0x408 0 24 0x30201 -> 0",
-                                            "core_unlock core1 -> 0"));
+    EXPECT_THAT(hw.TakeCalls(),
+                ElementsAre("core_lock core1 -> 0", "write core1 0x408 0 24 0x30201 -> 0", "core_unlock core1 -> 0"));
     EXPECT_THAT(log.Take(), IsEmpty());
 }
 

@@ -78,11 +78,10 @@ TEST_F(RegisterInit, ABusWithoutACardFailsAndSaysSoAtEveryStep) {
     EXPECT_EQ(drv.Init(&parms), -1);
 
     EXPECT_FALSE(drv.m_bInited);
-    EXPECT_THAT(
-        log.Take(),
-        ElementsAre("ERROR Could not find accelerator. ernno:19, msg:No such device, get acc num:0.",
-                    "ERROR Get core error. busId:0, coreId:474",
-                    "ERROR enumerate core error!, get core num -1, msg:No such device, busid:0, coreId:474."));
+    EXPECT_THAT(log.Take(),
+                ElementsAre("ERROR Could not find accelerator. ernno:19, msg:No such device, get acc num:0.",
+                            "ERROR Get core error. busId:0, coreId:474",
+                            "ERROR enumerate core error!, get core num -1, msg:No such device, busid:0, coreId:474."));
 }
 
 TEST_F(RegisterInit, ABusThatCannotExistFails) {

@@ -3,9 +3,9 @@
 #include <thread>
 #include <type_traits>
 
-#include "tests/unit/instruments/ContractServiceFixture.h"
 #include "src/config/ConfigFile.h"
 #include "tests/unit/card/MutexProbe.h"
+#include "tests/unit/instruments/ContractServiceFixture.h"
 
 namespace {
 
@@ -40,9 +40,9 @@ std::vector<std::string> FilterLines(std::size_t all, std::size_t oneLeg, std::s
     std::vector<std::string> lines = {"INFO Begin match needed inst! AllInstNum:" + std::to_string(all) + "."};
     for (unsigned int chan = 0; chan < 16; ++chan) {
         const bool chosen = chan == chosenChan;
-        lines.push_back("INFO [channel:" + std::to_string(chan) + "] Filter needed sgl count:" +
-                        std::to_string(chosen ? oneLeg : 0) + ", cmb count:" + std::to_string(chosen ? combine : 0) +
-                        ".");
+        lines.push_back("INFO [channel:" + std::to_string(chan) +
+                        "] Filter needed sgl count:" + std::to_string(chosen ? oneLeg : 0) +
+                        ", cmb count:" + std::to_string(chosen ? combine : 0) + ".");
     }
     return lines;
 }
@@ -83,7 +83,7 @@ TEST_F(ContractFilter, MembersStandInTheirFixedOrder) {
 TEST_F(ContractFilter, CalendarSpreadIsSkippedWithoutSpdWhateverElseTheRulesSay) {
     Rules().bSubAll = Rules().bOptionsRecv = Rules().bIpsRecv = true;
     Rules().m_SubsContractClass = {"SPD", "SPD-"};
-    Rules().m_SubsContractId    = {"SPD-SR505/SR509"};
+    Rules().m_SubsContractId = {"SPD-SR505/SR509"};
 
     Filter({"SPD-SR505/SR509"});
 
@@ -94,7 +94,7 @@ TEST_F(ContractFilter, CalendarSpreadIsSkippedWithoutSpdWhateverElseTheRulesSay)
 TEST_F(ContractFilter, InterProductSpreadIsSkippedWithoutIpsWhateverElseTheRulesSay) {
     Rules().bSubAll = Rules().bOptionsRecv = Rules().bSpdRecv = true;
     Rules().m_SubsContractClass = {"IPS", "IPS-"};
-    Rules().m_SubsContractId    = {"IPS-SF505/SM505"};
+    Rules().m_SubsContractId = {"IPS-SF505/SM505"};
 
     Filter({"IPS-SF505/SM505"});
 
@@ -125,8 +125,7 @@ TEST_F(ContractFilter, RestOfACombinationIsNotLookedAt) {
 
     Filter({"SPD-", "IPS-", "SPD-SR505C6000", "IPS-9"});
 
-    EXPECT_THAT(Combine(),
-                ElementsAre(Pair(1, "SPD-"), Pair(2, "IPS-"), Pair(3, "SPD-SR505C6000"), Pair(4, "IPS-9")));
+    EXPECT_THAT(Combine(), ElementsAre(Pair(1, "SPD-"), Pair(2, "IPS-"), Pair(3, "SPD-SR505C6000"), Pair(4, "IPS-9")));
     EXPECT_THAT(OneLeg(), IsEmpty());
 }
 
@@ -142,9 +141,9 @@ TEST_F(ContractFilter, OnlyTheExactPrefixMakesACombination) {
 // ---- options ----
 
 TEST_F(ContractFilter, OptionIsSkippedWithoutOptionsWhateverElseTheRulesSay) {
-    Rules().bSubAll             = true;
+    Rules().bSubAll = true;
     Rules().m_SubsContractClass = {"SR"};
-    Rules().m_SubsContractId    = {"SR505", "SR505C6000"};
+    Rules().m_SubsContractId = {"SR505", "SR505C6000"};
 
     Filter({"SR505C6000"});
 
@@ -152,7 +151,7 @@ TEST_F(ContractFilter, OptionIsSkippedWithoutOptionsWhateverElseTheRulesSay) {
 }
 
 TEST_F(ContractFilter, OptionIsTakenByItsClass) {
-    Rules().bOptionsRecv        = true;
+    Rules().bOptionsRecv = true;
     Rules().m_SubsContractClass = {"CF", "SR"};
 
     Filter({"SR505C6000", "SR507P5800", "CF505C14000", "TA505C5000"});
@@ -161,7 +160,7 @@ TEST_F(ContractFilter, OptionIsTakenByItsClass) {
 }
 
 TEST_F(ContractFilter, OptionIsTakenByTheIdOfItsUnderlying) {
-    Rules().bOptionsRecv     = true;
+    Rules().bOptionsRecv = true;
     Rules().m_SubsContractId = {"SR505"};
 
     Filter({"SR505C6000", "SR505P6000", "SR507C6000"});
@@ -178,7 +177,7 @@ TEST_F(ContractFilter, OptionIsTakenByAll) {
 }
 
 TEST_F(ContractFilter, OptionIsNotTakenByItsOwnId) {
-    Rules().bOptionsRecv     = true;
+    Rules().bOptionsRecv = true;
     Rules().m_SubsContractId = {"SR505C6000"};
 
     Filter({"SR505C6000"});
@@ -211,7 +210,7 @@ TEST_F(ContractFilter, OptionRuleIsAnsweredForSingleInstruments) {
 }
 
 TEST_F(ContractFilter, OptionRuleDoesNotTakeAFutureByItsId) {
-    Rules().bOptionsRecv     = true;
+    Rules().bOptionsRecv = true;
     Rules().m_SubsContractId = {"SR505"};
 
     EXPECT_FALSE(contracts.OptionIsMeetCondition("SR505", kChan));
@@ -261,7 +260,7 @@ TEST_F(ContractFilter, LowerCaseMarkMakesAFutureAndNotAnOption) {
 
 TEST_F(ContractFilter, IdThatNoRuleNamesIsSkipped) {
     Rules().m_SubsContractClass = {"CF"};
-    Rules().m_SubsContractId    = {"TA505"};
+    Rules().m_SubsContractId = {"TA505"};
 
     Filter({"SR505", "505", ""});
 
@@ -270,7 +269,7 @@ TEST_F(ContractFilter, IdThatNoRuleNamesIsSkipped) {
 
 TEST_F(ContractFilter, OrderedClassAndOrderedIdLookIntoTheChannelsOwnLists) {
     rules[3].m_SubsContractClass = {"SR", "CF"};
-    rules[3].m_SubsContractId    = {"TA505", "MA509"};
+    rules[3].m_SubsContractId = {"TA505", "MA509"};
 
     EXPECT_TRUE(contracts.bOrderedClass("SR", 3));
     EXPECT_TRUE(contracts.bOrderedClass("CF", 3));
@@ -301,9 +300,9 @@ TEST_F(ContractFilter, CountsOfEveryChannelAreLoggedInOrder) {
 }
 
 TEST_F(ContractFilter, EachChannelFollowsItsOwnRules) {
-    rules[0].bSubAll             = true;
-    rules[1].bSpdRecv            = true;
-    rules[15].m_SubsContractId   = {"SR505"};
+    rules[0].bSubAll = true;
+    rules[1].bSpdRecv = true;
+    rules[15].m_SubsContractId = {"SR505"};
 
     Filter({"SR505", "CF505", "SPD-SR505/SR509"});
 
@@ -317,7 +316,7 @@ TEST_F(ContractFilter, EachChannelFollowsItsOwnRules) {
 
 TEST_F(ContractFilter, IdLastInOrderNamesAnIndexThatTwoIdsShare) {
     Rules().bSubAll = true;
-    idToIndex       = {{"SR509", 7}, {"SR505", 7}};
+    idToIndex = {{"SR509", 7}, {"SR505", 7}};
 
     contracts.JudgeAndFilterSubsInst();
 
@@ -326,7 +325,7 @@ TEST_F(ContractFilter, IdLastInOrderNamesAnIndexThatTwoIdsShare) {
 
 TEST_F(ContractFilter, LaterPassAddsToTheEarlierOneAndRenamesItsIndexes) {
     Rules().bSubAll = true;
-    idToIndex       = {{"SR505", 7}, {"SR507", 8}};
+    idToIndex = {{"SR505", 7}, {"SR507", 8}};
     contracts.JudgeAndFilterSubsInst();
     idToIndex = {{"CF505", 7}, {"CF507", 9}};
 
@@ -338,8 +337,8 @@ TEST_F(ContractFilter, LaterPassAddsToTheEarlierOneAndRenamesItsIndexes) {
 // ---- into the merged store ----
 
 TEST_F(ContractFilter, StoringGoesThroughAllChannelsInOrder) {
-    contracts.oneLegByChannel[0]   = {{7, "SR505"}};
-    contracts.oneLegByChannel[2]   = {{7, "SR505"}};
+    contracts.oneLegByChannel[0] = {{7, "SR505"}};
+    contracts.oneLegByChannel[2] = {{7, "SR505"}};
     contracts.combineByChannel[15] = {{3, "SPD-A"}};
 
     EXPECT_TRUE(contracts.StoreAllSubsInstToFpga());
@@ -359,7 +358,7 @@ TEST_F(ContractFilter, StoringGoesThroughAllChannelsInOrder) {
 
 TEST_F(ContractFilter, PassReportsMissingIdsThenFiltersThenStores) {
     Rules().m_SubsContractId = {"SR505", "SR999"};
-    idToIndex                = {{"SR505", 7}};
+    idToIndex = {{"SR505", 7}};
 
     contracts.FilterAndStoreToGlobMap();
 
@@ -368,7 +367,7 @@ TEST_F(ContractFilter, PassReportsMissingIdsThenFiltersThenStores) {
     for (const std::string& line : FilterLines(1, 1, 0, kChan)) expected.push_back(line);
     for (unsigned int chan = 0; chan < 16; ++chan) {
         const std::string head = "INFO [channel:" + std::to_string(chan) + "] ";
-        const bool chosen      = chan == kChan;
+        const bool chosen = chan == kChan;
         expected.push_back(head + "Record func:Meeting conditions count is:OneLeg:" + (chosen ? "1" : "0") +
                            ", Combine:0.");
         if (!chosen) expected.push_back(head + "Matched subs inst count is 0. you doesn't subscribe inst.");
@@ -390,10 +389,10 @@ TEST_F(ContractFilter, PassOverNothingStillStoresEveryChannel) {
 }
 
 TEST_F(ContractFilter, MergedStoreOnlyGrowsFromPassToPass) {
-    idToIndex               = {{"SR505", 7}, {"CF505", 8}};
-    rules[0].bSubAll        = true;
+    idToIndex = {{"SR505", 7}, {"CF505", 8}};
+    rules[0].bSubAll = true;
     contracts.FilterAndStoreToGlobMap();
-    rules[0].bSubAll             = false;
+    rules[0].bSubAll = false;
     rules[1].m_SubsContractClass = {"CF"};
 
     contracts.FilterAndStoreToGlobMap();
@@ -402,8 +401,8 @@ TEST_F(ContractFilter, MergedStoreOnlyGrowsFromPassToPass) {
 }
 
 TEST_F(ContractFilter, RulesThatRepeatThemselvesChooseTheSame) {
-    idToIndex                = {{"SR505", 7}, {"CF505", 8}, {"TA505", 9}};
-    Rules().m_SubsContractId    = {"SR505", "SR505"};
+    idToIndex = {{"SR505", 7}, {"CF505", 8}, {"TA505", 9}};
+    Rules().m_SubsContractId = {"SR505", "SR505"};
     Rules().m_SubsContractClass = {"CF", "CF"};
 
     contracts.JudgeAndFilterSubsInst();
@@ -413,7 +412,7 @@ TEST_F(ContractFilter, RulesThatRepeatThemselvesChooseTheSame) {
 
 TEST_F(ContractFilter, PassHoldsTheOrderLockWhileItWaitsForTheStore) {
     rules[0].bSubAll = true;
-    idToIndex        = {{"SR505", 7}};
+    idToIndex = {{"SR505", 7}};
     std::unique_lock<std::mutex> store(Vexo2_U50::CZceFpgaServ::subscribe_mutex);
     std::thread pass([this] { contracts.FilterAndStoreToGlobMap(); });
 

@@ -1,6 +1,6 @@
+#include <unistd.h>
 #include <ctime>
 #include <fstream>
-#include <unistd.h>
 
 #include "tests/unit/instruments/ContractServiceFixture.h"
 
@@ -22,7 +22,7 @@ protected:
     ContractRecovery() {
         SetTime(100000);
         const std::time_t now = std::time(nullptr);
-        const std::tm today   = *std::localtime(&now);
+        const std::tm today = *std::localtime(&now);
         m_date = static_cast<unsigned int>((today.tm_year + 1900) * 10000 + (today.tm_mon + 1) * 100 + today.tm_mday);
         SetCardTime(100000);
     }
@@ -61,9 +61,8 @@ TEST_F(ContractRecovery, UsableDayFileFillsTheMap) {
     EXPECT_EQ(contracts.RecoverInstsFromBin(), 0u);
 
     EXPECT_THAT(idToIndex, ElementsAre(Pair("SR505", 7), Pair("SR509", 9)));
-    EXPECT_THAT(log.Take(),
-                ElementsAre("INFO Get file end flag is success.", "INFO m_Intrade_AllInstMap size is [2].",
-                            "INFO loading bin file is success", "INFO Get inst from bin success"));
+    EXPECT_THAT(log.Take(), ElementsAre("INFO Get file end flag is success.", "INFO m_Intrade_AllInstMap size is [2].",
+                                        "INFO loading bin file is success", "INFO Get inst from bin success"));
 }
 
 TEST_F(ContractRecovery, MissingDayFileIsAFailureWithoutASuccessLine) {
@@ -78,8 +77,7 @@ TEST_F(ContractRecovery, UnfinishedDayFileIsAFailure) {
     EXPECT_EQ(contracts.RecoverInstsFromBin(), kFailure);
 
     EXPECT_THAT(idToIndex, IsEmpty());
-    EXPECT_THAT(log.Take(),
-                ElementsAre("INFO m_Intrade_AllInstMap size is [1].", "INFO loading bin file is fail"));
+    EXPECT_THAT(log.Take(), ElementsAre("INFO m_Intrade_AllInstMap size is [1].", "INFO loading bin file is fail"));
 }
 
 // ---- from the card ----
@@ -99,11 +97,10 @@ TEST_F(ContractRecovery, NoWaitWhenTheCardHasNotBeenReset) {
     EXPECT_EQ(ExpireTime(102000, 102000), 0u);
     EXPECT_EQ(ExpireTime(140000, 140000), 0u);
 
-    EXPECT_THAT(log.Take(),
-                ElementsAre("INFO [channel:0] Current fpga time:102000. system time:102000.",
-                            "INFO System time:102000.", "INFO Expire time 0 minute.",
-                            "INFO [channel:0] Current fpga time:140000. system time:140000.",
-                            "INFO System time:140000.", "INFO Expire time 0 minute."));
+    EXPECT_THAT(log.Take(), ElementsAre("INFO [channel:0] Current fpga time:102000. system time:102000.",
+                                        "INFO System time:102000.", "INFO Expire time 0 minute.",
+                                        "INFO [channel:0] Current fpga time:140000. system time:140000.",
+                                        "INFO System time:140000.", "INFO Expire time 0 minute."));
 }
 
 TEST_F(ContractRecovery, ResetCardIsGivenFourMinutes) {
@@ -165,12 +162,12 @@ TEST_F(ContractRecovery, RestOfTheDayIsGivenFourMinutes) {
 
 TEST_F(ContractRecovery, TimeThatCannotBeReadLeavesTheUsualWait) {
     CZceFpgaServ::m_bReseted = true;
-    drv.failingReads         = {0x104};
+    drv.failingReads = {0x104};
 
     EXPECT_EQ(ExpireTime(102000, 102000), 4u);
 
-    EXPECT_THAT(log.Take(), ElementsAre("ERROR [channel:0] 1 Unable to read time stamp !",
-                                        "INFO Expire time 4 minute."));
+    EXPECT_THAT(log.Take(),
+                ElementsAre("ERROR [channel:0] 1 Unable to read time stamp !", "INFO Expire time 4 minute."));
 }
 
 // ---- the whole recovery ----
@@ -182,12 +179,12 @@ TEST_F(ContractRecovery, WithoutADayFileAnUntouchedCardIsReadAtOnce) {
 
     EXPECT_THAT(clock.Sleeps(), IsEmpty());
     EXPECT_THAT(idToIndex, ElementsAre(Pair("SR505", 7)));
-    EXPECT_THAT(log.Take(),
-                ElementsAre("INFO Now begin recover all inst", "INFO bin file is not exists , [" + DayFile() + "].",
-                            "INFO [channel:0] Current fpga time:100000. system time:100000.",
-                            "INFO System time:100000.", "INFO Expire time 0 minute.",
-                            "INFO New round, fetch from fpga, inst count:1.",
-                            "INFO Fetch all inst from fpga over! insts count:1."));
+    EXPECT_THAT(
+        log.Take(),
+        ElementsAre("INFO Now begin recover all inst", "INFO bin file is not exists , [" + DayFile() + "].",
+                    "INFO [channel:0] Current fpga time:100000. system time:100000.", "INFO System time:100000.",
+                    "INFO Expire time 0 minute.", "INFO New round, fetch from fpga, inst count:1.",
+                    "INFO Fetch all inst from fpga over! insts count:1."));
 }
 
 TEST_F(ContractRecovery, WithoutADayFileACardResetInTheBreakIsReadAfterTwentyMinutesOfCountdown) {
@@ -231,11 +228,10 @@ TEST_F(ContractRecovery, DayFileIsEnoughForAnUntouchedCard) {
 
     EXPECT_EQ(contracts.RecoverAllInst(), 0u);
 
-    EXPECT_THAT(log.Take(),
-                ElementsAre("INFO Now begin recover all inst", "INFO Get file end flag is success.",
-                            "INFO m_Intrade_AllInstMap size is [2].", "INFO loading bin file is success",
-                            "INFO Get inst from bin success", "INFO Bin inst count:2",
-                            "INFO Fetch all inst from fpga over! insts count:2."));
+    EXPECT_THAT(log.Take(), ElementsAre("INFO Now begin recover all inst", "INFO Get file end flag is success.",
+                                        "INFO m_Intrade_AllInstMap size is [2].", "INFO loading bin file is success",
+                                        "INFO Get inst from bin success", "INFO Bin inst count:2",
+                                        "INFO Fetch all inst from fpga over! insts count:2."));
     EXPECT_THAT(clock.Sleeps(), IsEmpty());
     EXPECT_THAT(drv.accesses, IsEmpty());
     EXPECT_THAT(drv.TakeCalls(), IsEmpty());
@@ -247,12 +243,11 @@ TEST_F(ContractRecovery, DayFileAndAResetCardWaitTwoMinutesForTheCard) {
 
     EXPECT_EQ(contracts.RecoverAllInst(), 0u);
 
-    EXPECT_THAT(log.Take(),
-                ElementsAre("INFO Now begin recover all inst", "INFO Get file end flag is success.",
-                            "INFO m_Intrade_AllInstMap size is [2].", "INFO loading bin file is success",
-                            "INFO Get inst from bin success",
-                            "INFO We wait for fpga gather enough inst, please wait 120 second...",
-                            "INFO Bin inst count:2", "INFO Fetch all inst from fpga over! insts count:2."));
+    EXPECT_THAT(log.Take(), ElementsAre("INFO Now begin recover all inst", "INFO Get file end flag is success.",
+                                        "INFO m_Intrade_AllInstMap size is [2].", "INFO loading bin file is success",
+                                        "INFO Get inst from bin success",
+                                        "INFO We wait for fpga gather enough inst, please wait 120 second...",
+                                        "INFO Bin inst count:2", "INFO Fetch all inst from fpga over! insts count:2."));
     EXPECT_THAT(clock.Sleeps(), ElementsAre(120));
     EXPECT_THAT(drv.accesses, IsEmpty());
 }
@@ -260,7 +255,7 @@ TEST_F(ContractRecovery, DayFileAndAResetCardWaitTwoMinutesForTheCard) {
 // ---- ids that the card never announced ----
 
 TEST_F(ContractRecovery, ChannelWhoseIdsAreAllKnownLacksNone) {
-    idToIndex                 = {{"SR505", 7}, {"SR509", 9}};
+    idToIndex = {{"SR505", 7}, {"SR509", 9}};
     rules[3].m_SubsContractId = {"SR509", "SR505"};
 
     EXPECT_TRUE(contracts.Id_chkPresent(3));
@@ -270,7 +265,7 @@ TEST_F(ContractRecovery, ChannelWhoseIdsAreAllKnownLacksNone) {
 TEST_F(ContractRecovery, ChannelWithoutIdsLacksNone) { EXPECT_TRUE(contracts.Id_chkPresent(0)); }
 
 TEST_F(ContractRecovery, MissingIdsAreKeptInTheOrderOfTheRules) {
-    idToIndex                 = {{"SR505", 7}};
+    idToIndex = {{"SR505", 7}};
     rules[3].m_SubsContractId = {"ZC999", "SR505", "AP999", "ZC999"};
 
     EXPECT_FALSE(contracts.Id_chkPresent(3));
@@ -289,7 +284,7 @@ TEST_F(ContractRecovery, EachCheckStartsWithAnEmptyList) {
 }
 
 TEST_F(ContractRecovery, ClassesAreNoIdsThatCouldBeMissing) {
-    idToIndex                    = {{"SR505", 7}};
+    idToIndex = {{"SR505", 7}};
     rules[0].m_SubsContractClass = {"ZC"};
 
     EXPECT_EQ(contracts.DumpLackId(), 1);
@@ -304,9 +299,9 @@ TEST_F(ContractRecovery, NothingKnownIsReportedInsteadOfEveryMissingId) {
 }
 
 TEST_F(ContractRecovery, ChannelsWithMissingIdsAreReportedInOrderAndTheOthersNot) {
-    idToIndex                  = {{"SR505", 7}};
-    rules[0].m_SubsContractId  = {"SR505"};
-    rules[2].m_SubsContractId  = {"SR505", "ZC999", "AP999"};
+    idToIndex = {{"SR505", 7}};
+    rules[0].m_SubsContractId = {"SR505"};
+    rules[2].m_SubsContractId = {"SR505", "ZC999", "AP999"};
     rules[15].m_SubsContractId = {"CF999"};
 
     EXPECT_EQ(contracts.DumpLackId(), 1);

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "src/instruments/ContractServ.h"
 #include "src/dayfile/DayFile.h"
+#include "src/instruments/ContractServ.h"
 #include "tests/doubles/LogLines.h"
 #include "tests/support/FakeTime.h"
 

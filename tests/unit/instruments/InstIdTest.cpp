@@ -120,12 +120,10 @@ INSTANTIATE_TEST_SUITE_P(
                     NoOptionRow{"CalendarSpread", "SPD-SR505/SR509"},
                     NoOptionRow{"InterProductSpread", "IPS-SF505/SM505"}, NoOptionRow{"Class", "CP"},
                     NoOptionRow{"LetterFirst", "C5"}, NoOptionRow{"LetterAlone", "C"},
-                    NoOptionRow{"NothingBehindTheLetter", "SR505C"},
-                    NoOptionRow{"NoDigitBehindTheLetter", "SR505CX"},
-                    NoOptionRow{"NoDigitBeforeTheLetter", "5SRC6000"},
-                    NoOptionRow{"TwoLettersInARow", "SR505CP6000"}, NoOptionRow{"LowerCaseCall", "SR505c6000"},
-                    NoOptionRow{"LowerCasePut", "SR505p6000"}, NoOptionRow{"OtherLetter", "SR505D6000"},
-                    NoOptionRow{"DigitsOnly", "5056000"}),
+                    NoOptionRow{"NothingBehindTheLetter", "SR505C"}, NoOptionRow{"NoDigitBehindTheLetter", "SR505CX"},
+                    NoOptionRow{"NoDigitBeforeTheLetter", "5SRC6000"}, NoOptionRow{"TwoLettersInARow", "SR505CP6000"},
+                    NoOptionRow{"LowerCaseCall", "SR505c6000"}, NoOptionRow{"LowerCasePut", "SR505p6000"},
+                    NoOptionRow{"OtherLetter", "SR505D6000"}, NoOptionRow{"DigitsOnly", "5056000"}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(InstIdOptionLetter, OnlyUpperCaseCAndPMakeAnOption) {

@@ -41,9 +41,10 @@ __attribute__((format(printf, 3, 4))) std::string Reference(std::size_t size, co
 #define EXPECT_AS_SNPRINTF(size, ...) EXPECT_EQ(Line(size, "[p]", __VA_ARGS__), Reference(size, "[p]", __VA_ARGS__))
 
 TEST(FormattedText, NumbersAreThoseOfSnprintf) {
-    const std::vector<long> values = {0,       1,        -1,       9,         10,        -10,      99,       100,
-                                      999,     1000,     4095,     -4096,     65535,     65536,    99999999, 100000000,
-                                      INT_MAX, INT_MIN,  UINT_MAX, INT_MAX + 1L, LONG_MAX, LONG_MIN, -999999999};
+    const std::vector<long> values = {0,        1,         -1,      9,       10,       -10,          99,
+                                      100,      999,       1000,    4095,    -4096,    65535,        65536,
+                                      99999999, 100000000, INT_MAX, INT_MIN, UINT_MAX, INT_MAX + 1L, LONG_MAX,
+                                      LONG_MIN, -999999999};
     for (const long value : values) {
         const auto u = static_cast<unsigned int>(value);
         EXPECT_AS_SNPRINTF(200, "%d|%u|%x", static_cast<int>(value), u, u);
@@ -55,7 +56,7 @@ TEST(FormattedText, RandomNumbersAreThoseOfSnprintf) {
     std::mt19937_64 random(20260301);
     for (int n = 0; n < 20000; ++n) {
         const std::uint64_t bits = random() >> random() % 64;
-        const auto u             = static_cast<unsigned int>(bits);
+        const auto u = static_cast<unsigned int>(bits);
         EXPECT_AS_SNPRINTF(200, "a %d, b:%u. 0x%x/%lu", static_cast<int>(u), u, u, static_cast<unsigned long>(bits));
     }
 }
@@ -71,7 +72,7 @@ TEST(FormattedText, OtherConversionsAreThoseOfSnprintf) {
 
 TEST(FormattedText, TextsAreThoseOfSnprintf) {
     const char* volatile none = nullptr;
-    const char* nothing       = none;
+    const char* nothing = none;
     EXPECT_AS_SNPRINTF(200, "%s", "");
     EXPECT_AS_SNPRINTF(200, "before %s between %s behind", "one", "two");
     EXPECT_AS_SNPRINTF(200, "\xc3\xa9 %s \xff", "\xe9\x01");

@@ -37,7 +37,7 @@ ssize_t WriteStdout(const void* buf, std::size_t size) {
         return -1;
     }
     const std::size_t limit = g_stdoutLimit.exchange(kNoLimit);
-    g_stdoutInterrupted     = limit < size;
+    g_stdoutInterrupted = limit < size;
     return WriteHook::Real(STDOUT_FILENO, buf, limit < size ? limit : size);
 }
 

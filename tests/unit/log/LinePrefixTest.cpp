@@ -1,9 +1,9 @@
 #include <climits>
 #include <utility>
 
+#include "src/log/log.h"
 #include "tests/unit/log/Interposed.h"
 #include "tests/unit/log/LogFixture.h"
-#include "src/log/log.h"
 
 namespace {
 
@@ -22,22 +22,12 @@ TEST_F(LinePrefix, EveryMaskWritesItsPartsInOrder) {
     const FakeIds ids(42, 7);
     const std::string level[] = {"", "[INFO   ]"};
     const std::string tag[] = {"", "[fpga]"};
-    const std::string time[] = {"",
-                                "[20250303-10:00:00]",
-                                "[pid:0042]",
-                                "[20250303-10:00:00 pid:0042]",
-                                "[tid:0007]",
-                                "[20250303-10:00:00 tid:0007]",
-                                "[pid:0042 tid:0007]",
-                                "[20250303-10:00:00 pid:0042 tid:0007]"};
-    const std::string source[] = {"",
-                                  "(VexoZceUpdmaImpl)",
-                                  "(HandleUpSubsResult)",
-                                  "(VexoZceUpdmaImpl HandleUpSubsResult)",
-                                  "(156)",
-                                  "(VexoZceUpdmaImpl:156)",
-                                  "(HandleUpSubsResult:156)",
-                                  "(VexoZceUpdmaImpl HandleUpSubsResult:156)"};
+    const std::string time[] = {
+        "",           "[20250303-10:00:00]",          "[pid:0042]",          "[20250303-10:00:00 pid:0042]",
+        "[tid:0007]", "[20250303-10:00:00 tid:0007]", "[pid:0042 tid:0007]", "[20250303-10:00:00 pid:0042 tid:0007]"};
+    const std::string source[] = {
+        "",      "(VexoZceUpdmaImpl)",     "(HandleUpSubsResult)",     "(VexoZceUpdmaImpl HandleUpSubsResult)",
+        "(156)", "(VexoZceUpdmaImpl:156)", "(HandleUpSubsResult:156)", "(VexoZceUpdmaImpl HandleUpSubsResult:156)"};
     std::vector<std::string> expected;
     for (unsigned int mask = 0; mask < 256; ++mask) {
         expected.push_back(level[mask & 1] + time[mask >> 2 & 7] + tag[mask >> 1 & 1] + source[mask >> 5] + "text");
@@ -91,8 +81,7 @@ TEST_F(LinePrefix, AMaskBelongsToItsLevelAlone) {
 TEST_F(LinePrefix, AMaskForALevelThatDoesNotExistIsIgnored) {
     for (std::uint8_t level = 0; level < ELOG_LVL_TOTAL; ++level) elog_set_fmt(level, 0);
 
-    for (unsigned int level = ELOG_LVL_TOTAL; level < 256; ++level)
-        elog_set_fmt(static_cast<std::uint8_t>(level), 255);
+    for (unsigned int level = ELOG_LVL_TOTAL; level < 256; ++level) elog_set_fmt(static_cast<std::uint8_t>(level), 255);
 
     EXPECT_EQ(Printed([] { Log(ELOG_LVL_VERBOSE); }), "text\n");
 }
@@ -106,8 +95,8 @@ TEST_F(LinePrefix, IdsOfMoreThanFourDigitsAreWrittenWhole) {
 
 TEST_F(LinePrefix, OnlyTheFirstFourCharactersOfALineNumberAreKept) {
     const std::vector<std::pair<long, std::string>> cases = {
-        {0, "(0)"},         {7, "(7)"},     {1234, "(1234)"},    {9999, "(9999)"},    {12345, "(1234)"}, {-1, "(-1)"},
-        {-999, "(-999)"}, {-12345, "(-123)"}, {LONG_MAX, "(9223)"}, {LONG_MIN, "(-922)"},
+        {0, "(0)"},   {7, "(7)"},       {1234, "(1234)"},   {9999, "(9999)"},     {12345, "(1234)"},
+        {-1, "(-1)"}, {-999, "(-999)"}, {-12345, "(-123)"}, {LONG_MAX, "(9223)"}, {LONG_MIN, "(-922)"},
     };
     elog_set_fmt(kInfo, ELOG_FMT_LINE);
     std::vector<std::string> expected;
@@ -131,8 +120,8 @@ TEST_F(LinePrefix, ALineWithoutLocalTimeKeepsTheBracketsAndTheBlank) {
         }
     });
 
-    EXPECT_THAT(Lines(printed), ElementsAre("[INFO   ][][fpga]text", "[ pid:0042]text", "[ tid:0007]text",
-                                            "[ pid:0042 tid:0007]text"));
+    EXPECT_THAT(Lines(printed),
+                ElementsAre("[INFO   ][][fpga]text", "[ pid:0042]text", "[ tid:0007]text", "[ pid:0042 tid:0007]text"));
 }
 
 TEST_F(LinePrefix, ALineWithATimeMovesTheTimeCache) {
@@ -166,8 +155,8 @@ TEST_F(LinePrefix, ALineWhoseTimeCannotBeHadLeavesTheTimeCacheAlone) {
 TEST_F(LinePrefix, AMessageIsFormattedWithItsArguments) {
     elog_set_fmt(kInfo, ELOG_FMT_TAG);
 
-    const std::string printed =
-        Printed([] { elog_output(kInfo, "fpga", "file", "func", 1, "[channel:%d] %s:%lu%%", 3, "rows", 4095UL); });
+    const std::string printed = Printed(
+        [] { elog_output(kInfo, "fpga", "file", "func", 1, "[channel:%d] %s:%lu%%", 3, "rows", 4095UL); });
 
     EXPECT_EQ(printed, "[fpga][channel:3] rows:4095%\n");
 }
@@ -177,7 +166,11 @@ TEST_F(LinePrefix, TheMacrosOfTheLibraryCarryItsTagAndThePlaceOfTheCall) {
         elog_set_fmt(level, 255 & ~(ELOG_FMT_TIME | ELOG_FMT_PID | ELOG_FMT_TID));
     const std::string line = std::to_string(__LINE__ + 2);
 
-    const std::string printed = Printed([] { LOG_ERROR("a %d", 1); LOG_WARN("b %d", 2); LOG_INFO("c %d", 3); });
+    const std::string printed = Printed([] {
+        LOG_ERROR("a %d", 1);
+        LOG_WARN("b %d", 2);
+        LOG_INFO("c %d", 3);
+    });
 
     EXPECT_THAT(Lines(printed), ElementsAre("[ERROR  ][fpga](VexoZceUpdmaImpl operator():" + line + ")a 1",
                                             "[WARN   ][fpga](VexoZceUpdmaImpl operator():" + line + ")b 2",

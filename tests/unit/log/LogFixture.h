@@ -50,6 +50,6 @@ class StartedLog : public LogCore {
 protected:
     StartedLog();
 
-    static constexpr char kToday[]    = "fpga_20250303.log";
+    static constexpr char kToday[] = "fpga_20250303.log";
     static constexpr char kTomorrow[] = "fpga_20250304.log";
 };

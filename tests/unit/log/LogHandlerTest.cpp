@@ -9,11 +9,11 @@
 #include <filesystem>
 #include <thread>
 
+#include "src/log/elog_mutex.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/unit/log/Interposed.h"
 #include "tests/unit/log/LogFixture.h"
-#include "tests/support/Sanitizers.h"
 #include "tests/unit/log/SingleStep.h"
-#include "src/log/elog_mutex.h"
 
 namespace {
 
@@ -163,7 +163,8 @@ TEST_F(HandlerLine, AThreadThatIsCancelledInsideTheHandlerNoLongerCountsAsWritin
 
     Printed([] {
         pthread_t thread{};
-        ::pthread_create(&thread, nullptr, [](void*) -> void* { return FromHandler("text", 0), nullptr; }, nullptr);
+        ::pthread_create(
+            &thread, nullptr, [](void*) -> void* { return FromHandler("text", 0), nullptr; }, nullptr);
         ::pthread_join(thread, nullptr);
     });
 
@@ -181,7 +182,7 @@ void OnSignal(int) {
     g_handled.fetch_add(1);
 }
 
-constexpr char kMainLine[]    = "[INFO   ][20250303-10:00:00][fpga]from the interrupted thread";
+constexpr char kMainLine[] = "[INFO   ][20250303-10:00:00][fpga]from the interrupted thread";
 constexpr char kHandlerLine[] = "[WARN   ][20250303-10:00:00][fpga]from the handler";
 
 void LogMainLine() { elog_output(kInfo, "fpga", "file", "func", 1, "%s", "from the interrupted thread"); }
@@ -268,8 +269,8 @@ TEST_F(LogInterrupted, AtEveryInstructionOfALineBothLinesStayWhole) {
     if (!SingleStep::Works()) GTEST_SKIP() << "the thread sanitizer itself must not be interrupted at any instruction";
     unsigned long interruptions = 0;
 
-    const std::string printed =
-        Printed([&interruptions] { interruptions = SingleStep::Run(LogMainLine, LogHandlerLine); });
+    const std::string printed = Printed(
+        [&interruptions] { interruptions = SingleStep::Run(LogMainLine, LogHandlerLine); });
 
     EXPECT_GT(interruptions, 500U) << "a line takes more instructions than that";
     const auto expected = std::make_pair(1, static_cast<int>(interruptions));
@@ -283,8 +284,8 @@ TEST_F(LogInterrupted, AtEveryInstructionOfADaySwitchBothLinesStayWhole) {
     clock.Advance(86400);
     unsigned long interruptions = 0;
 
-    const std::string printed =
-        Printed([&interruptions] { interruptions = SingleStep::Run(LogMainLine, LogHandlerLine); });
+    const std::string printed = Printed(
+        [&interruptions] { interruptions = SingleStep::Run(LogMainLine, LogHandlerLine); });
 
     // A handler finds no file to write to while the files are changing.
     const std::vector<std::string> before = Lines(LoggedBehindTheStart());

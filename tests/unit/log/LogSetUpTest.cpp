@@ -204,8 +204,7 @@ TEST_F(LogSetUp, AReadOnlyDirectoryIsRefusedBeforeAnyFileIsOpened) {
         2);
 
     EXPECT_EQ(result, -1);
-    EXPECT_EQ(error,
-              "Error! file or dir: [logs] already exist and havn't write authority. use root try again ?\n");
+    EXPECT_EQ(error, "Error! file or dir: [logs] already exist and havn't write authority. use root try again ?\n");
     EXPECT_THAT(Files("logs"), IsEmpty());
     EXPECT_EQ(elog_file_fd, -1);
     EXPECT_FALSE(elog_file_init_ok);
@@ -230,8 +229,7 @@ TEST_F(LogSetUp, AFileThatCannotBeCreatedIsReportedWithTheSystemsText) {
     const std::string error = Printed([&result] { result = elog_init("./", "fpga"); }, 2);
 
     EXPECT_EQ(result, -1);
-    EXPECT_EQ(error,
-              "Error! Create file .//fpga_20250303.log fail, errmsg:Is a directory. \nError! log init fail.\n");
+    EXPECT_EQ(error, "Error! Create file .//fpga_20250303.log fail, errmsg:Is a directory. \nError! log init fail.\n");
     EXPECT_EQ(elog_file_fd, -1);
     EXPECT_EQ(elog_file_fp, nullptr);
     EXPECT_FALSE(elog_file_init_ok);
@@ -437,8 +435,8 @@ TEST_F(LogSetUp, MkdirsCutsAPathAt512Characters) {
 
 TEST(TimeZone, IsTheLocalHourAtTheEpochAndNegativeFrom13On) {
     const std::vector<std::pair<const char*, int>> zones = {
-        {"UTC0", 0},  {"CST-8", 8},  {"AAA-12", 12}, {"AAA-13", -11}, {"AAA-14", -10},
-        {"AAA1", -1}, {"EST5", -5},  {"AAA11", -11}, {"AAA12", 12},   {"IST-5:30", 5},
+        {"UTC0", 0},  {"CST-8", 8}, {"AAA-12", 12}, {"AAA-13", -11}, {"AAA-14", -10},
+        {"AAA1", -1}, {"EST5", -5}, {"AAA11", -11}, {"AAA12", 12},   {"IST-5:30", 5},
     };
     for (const auto& entry : zones) {
         const Zone zone(entry.first);

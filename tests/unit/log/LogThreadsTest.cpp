@@ -5,9 +5,9 @@
 #include <set>
 #include <thread>
 
+#include "tests/support/Sanitizers.h"
 #include "tests/unit/log/Interposed.h"
 #include "tests/unit/log/LogFixture.h"
-#include "tests/support/Sanitizers.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ using LogThreads = StartedLog;
 namespace fs = std::filesystem;
 
 constexpr int kThreads = 4;
-constexpr int kLines   = 250;
+constexpr int kLines = 250;
 
 // Lines of many lengths, up to ones that are cut.
 std::string Message(int thread, int number) {
@@ -87,8 +87,8 @@ TEST_F(LogThreads, EveryKindOfOutputStaysWholeAmongTheOthers) {
 
     std::multiset<std::string> expected;
     for (int i = 0; i < kLines; ++i) {
-        expected.insert({std::string(900, 'o'), std::string(900, 'r'), word,
-                         "[DEBUG  ]HEX pkt: 0000-0004: 53 52 35 30   SR50"});
+        expected.insert(
+            {std::string(900, 'o'), std::string(900, 'r'), word, "[DEBUG  ]HEX pkt: 0000-0004: 53 52 35 30   SR50"});
     }
     const std::vector<std::string> lines = Lines(printed);
     EXPECT_EQ(std::multiset<std::string>(lines.begin(), lines.end()), expected);
@@ -129,7 +129,8 @@ TEST_F(LogThreads, AThreadThatIsCancelledInsideALineLeavesTheLogUsable) {
         });
         Printed([] {
             pthread_t thread{};
-            ::pthread_create(&thread, nullptr, [](void*) -> void* { return LogAll(0), nullptr; }, nullptr);
+            ::pthread_create(
+                &thread, nullptr, [](void*) -> void* { return LogAll(0), nullptr; }, nullptr);
             ::pthread_join(thread, nullptr);
         });
     }

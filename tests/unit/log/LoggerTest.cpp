@@ -3,9 +3,9 @@
 #include <thread>
 #include <type_traits>
 
-#include "tests/unit/log/LogFixture.h"
 #include "src/log/Logger.h"
 #include "src/log/elog_mutex.h"
+#include "tests/unit/log/LogFixture.h"
 
 namespace {
 

@@ -8,7 +8,7 @@ namespace {
 
 // Only the one thread that steps touches them, its own handler included.
 volatile unsigned long g_steps = 0;
-void (*volatile g_handler)()   = nullptr;
+void (*volatile g_handler)() = nullptr;
 
 void OnTrap(int) {
     g_steps = g_steps + 1;

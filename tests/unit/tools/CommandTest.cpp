@@ -1,9 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
 #include "tests/unit/tools/Program.h"
-#include "tests/support/TempDir.h"
 
 using namespace capture;
 using ::testing::AllOf;
@@ -75,8 +75,8 @@ TEST_F(Command, BecomesTheProgramWithItsArgumentsAndItsExitStatus) {
 }
 
 TEST_F(Command, SimRunPutsTheSimulatedCardBeforeEverythingElse) {
-    const ProgramResult result =
-        runProgram("LD_LIBRARY_PATH=/opt/other " VEXO_COMMAND " sim run -- sh -c 'echo $LD_LIBRARY_PATH'");
+    const ProgramResult result = runProgram("LD_LIBRARY_PATH=/opt/other " VEXO_COMMAND
+                                            " sim run -- sh -c 'echo $LD_LIBRARY_PATH'");
     EXPECT_EQ(result.output, VEXO_SIM_DIRECTORY ":/opt/other\n");
 }
 
@@ -96,9 +96,9 @@ TEST_F(Command, SimRunTakesAProgramThatWasLinkedWithAnotherCard) {
 }
 
 TEST_F(Command, TapWritesWhereItWasStartedWhereverTheProgramGoes) {
-    const ProgramResult result =
-        runProgram(tapSettings("ignored") + "SCRIPTED_PACKETS=4 " VEXO_COMMAND
-                   " tap --output a.pcapng -- sh -c 'cd / && exec " VEXO_TAP_APP " receive'");
+    const ProgramResult result = runProgram(tapSettings("ignored") +
+                                            "SCRIPTED_PACKETS=4 " VEXO_COMMAND
+                                            " tap --output a.pcapng -- sh -c 'cd / && exec " VEXO_TAP_APP " receive'");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(readPath(dir.Path("a.pcapng")).packetsOf("channel 3"), 4U);
 }

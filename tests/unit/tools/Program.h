@@ -1,9 +1,9 @@
 #pragma once
 
+#include <sys/wait.h>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <sys/wait.h>
 
 namespace capture {
 

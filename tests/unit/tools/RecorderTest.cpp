@@ -3,9 +3,9 @@
 
 #include <thread>
 
-#include "tests/unit/capture/CaptureSample.h"
 #include "capture/RegisterAccess.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/capture/CaptureSample.h"
 #include "tools/tap/Recorder.h"
 
 using namespace capture;
@@ -152,7 +152,8 @@ TEST(TapClock, TicksBecomeTheTimeOfDay) {
     for (int i = 0; i < 100; ++i) {
         clock.sample();
         const std::uint64_t until = tap::clock_ticks::timeOfDay() + 200'000;
-        while (tap::clock_ticks::timeOfDay() < until) {}
+        while (tap::clock_ticks::timeOfDay() < until) {
+        }
     }
     const std::uint64_t before = tap::clock_ticks::timeOfDay();
     const std::uint64_t ticks = tap::clock_ticks::now();

@@ -24,59 +24,59 @@ struct enyx_hw_a2c_stream {
 static int handle; /* of everything that there is one of */
 static unsigned char packet[SCRIPTED_MAX_SIZE];
 
-static uint32_t number(const char *variable, uint32_t otherwise) {
-    const char *text = getenv(variable);
+static uint32_t number(const char* variable, uint32_t otherwise) {
+    const char* text = getenv(variable);
     return text == NULL ? otherwise : (uint32_t)strtoul(text, NULL, 10);
 }
 
-const unsigned char *scripted_card_packet(void) { return packet; }
+const unsigned char* scripted_card_packet(void) { return packet; }
 
-enyx_hw_filter *enyx_hw_filter_create(void) { return calloc(1, sizeof(enyx_hw_filter)); }
-int enyx_hw_filter_set_index(enyx_hw_filter *filter, uint32_t index) {
+enyx_hw_filter* enyx_hw_filter_create(void) { return calloc(1, sizeof(enyx_hw_filter)); }
+int enyx_hw_filter_set_index(enyx_hw_filter* filter, uint32_t index) {
     (void)index;
     return filter == NULL ? -1 : 0;
 }
-int enyx_hw_filter_set_name(enyx_hw_filter *filter, const char *name) {
+int enyx_hw_filter_set_name(enyx_hw_filter* filter, const char* name) {
     return filter == NULL || name == NULL ? -1 : 0;
 }
-void enyx_hw_filter_destroy(enyx_hw_filter *filter) { free(filter); }
+void enyx_hw_filter_destroy(enyx_hw_filter* filter) { free(filter); }
 
-ssize_t enyx_hw_enumerate_accelerators(const enyx_hw_filter *filter, enyx_hw_accelerator_descriptor **descriptors,
+ssize_t enyx_hw_enumerate_accelerators(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors,
                                        size_t count) {
     (void)filter;
     if (count > 0) descriptors[0] = calloc(1, sizeof **descriptors);
     return 1;
 }
-enyx_hw_accelerator *enyx_hw_accelerator_get(const enyx_hw_accelerator_descriptor *descriptor) {
-    return descriptor == NULL ? NULL : (enyx_hw_accelerator *)&handle;
+enyx_hw_accelerator* enyx_hw_accelerator_get(const enyx_hw_accelerator_descriptor* descriptor) {
+    return descriptor == NULL ? NULL : (enyx_hw_accelerator*)&handle;
 }
-void enyx_hw_free_accelerator_descriptors(enyx_hw_accelerator_descriptor **descriptors, size_t count) {
+void enyx_hw_free_accelerator_descriptors(enyx_hw_accelerator_descriptor** descriptors, size_t count) {
     for (size_t i = 0; i < count; ++i) free(descriptors[i]);
 }
 
-ssize_t enyx_hw_accelerator_enumerate_a2c_streams(const enyx_hw_accelerator *accelerator, const enyx_hw_filter *filter,
-                                                  enyx_hw_a2c_stream_descriptor **descriptors, size_t count) {
+ssize_t enyx_hw_accelerator_enumerate_a2c_streams(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
+                                                  enyx_hw_a2c_stream_descriptor** descriptors, size_t count) {
     (void)accelerator;
     (void)filter;
     for (size_t i = 0; i < count; ++i) descriptors[i] = calloc(1, sizeof **descriptors);
     return (ssize_t)count;
 }
-void enyx_hw_free_a2c_stream_descriptors(enyx_hw_a2c_stream_descriptor **descriptors, size_t count) {
+void enyx_hw_free_a2c_stream_descriptors(enyx_hw_a2c_stream_descriptor** descriptors, size_t count) {
     for (size_t i = 0; i < count; ++i) free(descriptors[i]);
 }
-enyx_hw_a2c_stream *enyx_hw_a2c_stream_create(const enyx_hw_a2c_stream_descriptor *descriptor,
-                                              const void *configuration) {
+enyx_hw_a2c_stream* enyx_hw_a2c_stream_create(const enyx_hw_a2c_stream_descriptor* descriptor,
+                                              const void* configuration) {
     (void)descriptor;
     (void)configuration;
-    enyx_hw_a2c_stream *stream = calloc(1, sizeof *stream);
+    enyx_hw_a2c_stream* stream = calloc(1, sizeof *stream);
     if (stream == NULL) return NULL;
     stream->packets = number("SCRIPTED_PACKETS", 0);
     stream->size = number("SCRIPTED_SIZE", SCRIPTED_MAX_SIZE);
     return stream;
 }
-void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream *stream) { free(stream); }
+void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) { free(stream); }
 
-int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream *stream, enyx_hw_a2c_stream_handler handler, void *context) {
+int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     if (handler == NULL) {
         errno = EINVAL;
         return -1;
@@ -92,25 +92,25 @@ int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream *stream, enyx_hw_a2c_stream_
     return 1;
 }
 
-ssize_t enyx_hw_accelerator_enumerate_mmios(const enyx_hw_accelerator *accelerator, const enyx_hw_filter *filter,
-                                            enyx_hw_mmio_descriptor **descriptors, size_t count) {
+ssize_t enyx_hw_accelerator_enumerate_mmios(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
+                                            enyx_hw_mmio_descriptor** descriptors, size_t count) {
     (void)accelerator;
     (void)filter;
-    if (count > 0) descriptors[0] = (enyx_hw_mmio_descriptor *)&handle;
+    if (count > 0) descriptors[0] = (enyx_hw_mmio_descriptor*)&handle;
     return 1;
 }
-enyx_hw_mmio *enyx_hw_mmio_create(const enyx_hw_mmio_descriptor *descriptor) { return (enyx_hw_mmio *)descriptor; }
-enyx_hw_core_tree *enyx_hw_enumerate_cores(enyx_hw_mmio *mmio) { return (enyx_hw_core_tree *)mmio; }
-enyx_hw_core *enyx_hw_core_tree_get_root(enyx_hw_core_tree *tree) { return (enyx_hw_core *)tree; }
-int enyx_hw_core_reset(enyx_hw_core *core) { return core == NULL ? -1 : 0; }
-ssize_t enyx_hw_core_enumerate(enyx_hw_core *root, uint16_t hardware_id, enyx_hw_core **cores, size_t count) {
+enyx_hw_mmio* enyx_hw_mmio_create(const enyx_hw_mmio_descriptor* descriptor) { return (enyx_hw_mmio*)descriptor; }
+enyx_hw_core_tree* enyx_hw_enumerate_cores(enyx_hw_mmio* mmio) { return (enyx_hw_core_tree*)mmio; }
+enyx_hw_core* enyx_hw_core_tree_get_root(enyx_hw_core_tree* tree) { return (enyx_hw_core*)tree; }
+int enyx_hw_core_reset(enyx_hw_core* core) { return core == NULL ? -1 : 0; }
+ssize_t enyx_hw_core_enumerate(enyx_hw_core* root, uint16_t hardware_id, enyx_hw_core** cores, size_t count) {
     (void)hardware_id;
     static int core;
     if (root == NULL) return -1;
-    if (count > 0) cores[0] = (enyx_hw_core *)&core;
+    if (count > 0) cores[0] = (enyx_hw_core*)&core;
     return 1;
 }
-int enyx_hw_read(enyx_hw_core *core, const enyx_hw_register_description *field, uint64_t *value) {
+int enyx_hw_read(enyx_hw_core* core, const enyx_hw_register_description* field, uint64_t* value) {
     (void)core;
     if (field->address == SCRIPTED_BAD_ADDRESS) {
         errno = EIO;
@@ -119,7 +119,7 @@ int enyx_hw_read(enyx_hw_core *core, const enyx_hw_register_description *field, 
     *value = field->address + 1;
     return 0;
 }
-int enyx_hw_write(enyx_hw_core *core, const enyx_hw_register_description *field, uint64_t value) {
+int enyx_hw_write(enyx_hw_core* core, const enyx_hw_register_description* field, uint64_t value) {
     (void)core;
     (void)value;
     return field->address == SCRIPTED_BAD_ADDRESS ? -1 : 0;

@@ -11,7 +11,7 @@ extern "C" {
 #endif
 
 /* Where the bytes of every packet lie. */
-const unsigned char *scripted_card_packet(void);
+const unsigned char* scripted_card_packet(void);
 
 #ifdef __cplusplus
 }

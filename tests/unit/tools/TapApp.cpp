@@ -1,5 +1,9 @@
 // A program that knows nothing of a tap: receives from the scripted card the way that its argument names, and prints
 // what it saw. Exit status 3: something on the card's interface was not as it has to be.
+#include <sched.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -9,12 +13,8 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
-#include <sched.h>
 #include <stdexcept>
 #include <string>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "tests/unit/tools/ScriptedCard.h"
 

@@ -6,11 +6,11 @@
 #include <filesystem>
 #include <thread>
 
+#include "capture/RegisterAccess.h"
+#include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
 #include "tests/unit/tools/Program.h"
 #include "tests/unit/tools/ScriptedCard.h"
-#include "capture/RegisterAccess.h"
-#include "tests/support/TempDir.h"
 
 using namespace capture;
 using ::testing::HasSubstr;
@@ -22,8 +22,8 @@ namespace {
 class Tap : public ::testing::Test {
 protected:
     ProgramResult run(const std::string& way, const std::string& settings = "SCRIPTED_PACKETS=10") {
-        return runProgram(tapSettings(dir.Path("a.pcapng")) + settings + " LD_PRELOAD=" VEXO_TAP_LIBRARY
-                          " " VEXO_TAP_APP " " + way);
+        return runProgram(tapSettings(dir.Path("a.pcapng")) + settings +
+                          " LD_PRELOAD=" VEXO_TAP_LIBRARY " " VEXO_TAP_APP " " + way);
     }
     ReadFile read(const std::string& name = "a.pcapng") { return readPath(dir.Path(name)); }
 
@@ -209,8 +209,8 @@ TEST_F(Tap, DoesNotTouchAFileThatExists) {
 }
 
 TEST_F(Tap, AKilledProgramLeavesWholeBlocks) {
-    const std::string command = tapSettings(dir.Path("a.pcapng")) +
-                                "SCRIPTED_PACKETS=10 LD_PRELOAD=" VEXO_TAP_LIBRARY " exec " VEXO_TAP_APP " wait";
+    const std::string command = tapSettings(dir.Path("a.pcapng")) + "SCRIPTED_PACKETS=10 LD_PRELOAD=" VEXO_TAP_LIBRARY
+                                                                    " exec " VEXO_TAP_APP " wait";
     std::FILE* program = popen(command.c_str(), "r");
     ASSERT_NE(program, nullptr);
     int process = 0;

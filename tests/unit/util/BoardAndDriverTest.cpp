@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/util/FakeHost.h"
 #include "VexoZceUtil.h"
 #include "tests/support/CaptureOutput.h"
+#include "tests/unit/util/FakeHost.h"
 
 namespace {
 
@@ -172,7 +172,7 @@ TEST_F(HostWithBoards, EDriverIsNotLoadedWhenNoCommandCanBeStarted) {
 
 // ---- may the host run ----
 
-constexpr char kNoEDriver[]  = "There exist E board, but the E driver not installed, please install first.\n";
+constexpr char kNoEDriver[] = "There exist E board, but the E driver not installed, please install first.\n";
 constexpr char kNoXiDriver[] = "There exist Xi board, but the Xi driver not installed, please install first.\n";
 
 struct RunRow {

@@ -17,13 +17,8 @@ using test_support::TempDir;
 
 // ---- shifts ----
 
-constexpr unsigned long kValues[] = {0,
-                                     1,
-                                     0x0000000180000000,
-                                     0x0000000100000002,
-                                     0x8000000080000001,
-                                     0x123456789ABCDEF0,
-                                     0xFFFFFFFFFFFFFFFF};
+constexpr unsigned long kValues[] = {
+    0, 1, 0x0000000180000000, 0x0000000100000002, 0x8000000080000001, 0x123456789ABCDEF0, 0xFFFFFFFFFFFFFFFF};
 
 /// What a count shifts by: -1 for "gives 0", 0 for "unchanged".
 int ShiftOf(int n) {

@@ -65,14 +65,15 @@ TEST_P(RefusedCpus, PrintAMessageReturnItsLengthAndChangeNothing) {
     EXPECT_EQ(AllowedCpus(), before);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    BindToCpu, RefusedCpus,
-    testing::Values(
-        RefusedRow{"FirstAboveTheSet", 1024, "Invalid CPU 1024 > CPU_SETSIZE(1024), WE don't bind to anycore."},
-        RefusedRow{"Largest", INT_MAX, "Invalid CPU 2147483647 > CPU_SETSIZE(1024), WE don't bind to anycore."},
-        RefusedRow{"Negative", -1, "Failed to bind to CPU -1"},
-        RefusedRow{"MostNegative", INT_MIN, "Failed to bind to CPU -2147483648"}),
-    [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(BindToCpu, RefusedCpus,
+                         testing::Values(RefusedRow{"FirstAboveTheSet", 1024,
+                                                    "Invalid CPU 1024 > CPU_SETSIZE(1024), WE don't bind to anycore."},
+                                         RefusedRow{
+                                             "Largest", INT_MAX,
+                                             "Invalid CPU 2147483647 > CPU_SETSIZE(1024), WE don't bind to anycore."},
+                                         RefusedRow{"Negative", -1, "Failed to bind to CPU -1"},
+                                         RefusedRow{"MostNegative", INT_MIN, "Failed to bind to CPU -2147483648"}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST(BindToCpu, FailsForTheLastNumberOfTheSetOnAHostThatLacksThatCpu) {
     if (::sysconf(_SC_NPROCESSORS_CONF) >= CPU_SETSIZE) GTEST_SKIP() << "this host has every CPU of the set";

@@ -88,8 +88,8 @@ TEST(ValidMac, EveryCharacterInEveryPosition) {
 // ---- IP ----
 
 const Verdict kIpLength = {false, "Error: The IP address should contain 4 numbers separated by dots.\n"};
-const Verdict kIpNumber = {
-    false, "Error: The IP address should contain 4 numbers between 0 and 255, separated by dots.\n"};
+const Verdict kIpNumber = {false,
+                           "Error: The IP address should contain 4 numbers between 0 and 255, separated by dots.\n"};
 const Verdict kIpCharacter = {false, "Error: The IP address should contain only digits and dots.\n"};
 
 struct IpRow {
@@ -113,11 +113,11 @@ INSTANTIATE_TEST_SUITE_P(
         IpRow{"Empty", "", kIpLength}, IpRow{"TooLong", "255.255.255.2550", kIpLength},
         IpRow{"TooShortDecidesBeforeACharacter", "x", kIpLength}, IpRow{"FirstNumberTooLarge", "256.1.1.1", kIpNumber},
         IpRow{"LastNumberTooLarge", "1.1.1.256", kIpNumber}, IpRow{"OneHugeNumber", "999999999999999", kIpNumber},
-        IpRow{"NumberThatIsZeroIn32Bits", "4294967296.1.1", kIpNumber},
-        IpRow{"FiveNumbers", "1.2.3.4.5", kIpNumber}, IpRow{"FiveNumbersTheLastEmpty", "1.2.3.4.", kIpNumber},
-        IpRow{"OnlyDots", ".......", kIpNumber}, IpRow{"Letter", "1.2.3.a", kIpCharacter},
-        IpRow{"Sign", "-1.2.3.4", kIpCharacter}, IpRow{"LeadingBlank", " 1.2.3.4", kIpCharacter},
-        IpRow{"LineEnd", "1.2.3.4\n", kIpCharacter}, IpRow{"ByteAbove127", "1.2.3.\xE9", kIpCharacter},
+        IpRow{"NumberThatIsZeroIn32Bits", "4294967296.1.1", kIpNumber}, IpRow{"FiveNumbers", "1.2.3.4.5", kIpNumber},
+        IpRow{"FiveNumbersTheLastEmpty", "1.2.3.4.", kIpNumber}, IpRow{"OnlyDots", ".......", kIpNumber},
+        IpRow{"Letter", "1.2.3.a", kIpCharacter}, IpRow{"Sign", "-1.2.3.4", kIpCharacter},
+        IpRow{"LeadingBlank", " 1.2.3.4", kIpCharacter}, IpRow{"LineEnd", "1.2.3.4\n", kIpCharacter},
+        IpRow{"ByteAbove127", "1.2.3.\xE9", kIpCharacter},
         IpRow{"CharacterInsideALargeNumberComesFirst", "999a.1.1", kIpCharacter},
         IpRow{"LargeNumberBeforeACharacterComesFirst", "999.a.1.1", kIpNumber}),
     [](const auto& row) { return std::string(row.param.name); });
@@ -163,31 +163,32 @@ TEST_P(IpBytesTable, StoresTheNumbersReadAndNothingElse) {
 
 INSTANTIATE_TEST_SUITE_P(
     IpBytes, IpBytesTable,
-    testing::Values(
-        BytesRow{"FourNumbers", "224.0.1.2", 0, {224, 0, 1, 2}},
-        BytesRow{"Largest", "255.255.255.255", 0, {255, 255, 255, 255}},
-        BytesRow{"EmptyNumbersAreZero", "...", 0, {0, 0, 0, 0}},
-        BytesRow{"FiveNumbersAreAllStored", "1.2.3.4.5", 0, {1, 2, 3, 4, 5}},
-        BytesRow{"AnEmptyFifthNumberIsZero", "1.2.3.4.", 0, {1, 2, 3, 4, 0}},
-        BytesRow{"ASixthNumberFails", "1.2.3.4.5.6", -1, {1, 2, 3, 4, 5}},
-        BytesRow{"ADotAfterTheFifthFails", "1.2.3.4.5.", -1, {1, 2, 3, 4, 5}},
-        BytesRow{"ALetterAfterTheFifthFails", "1.2.3.4.5x", -1, {1, 2, 3, 4, 5}},
-        BytesRow{"ThreeNumbersFail", "1.2.3", -1, {1, 2, 3}}, BytesRow{"EmptyTextFails", "", -1, {0}},
-        BytesRow{"LowBytesOfLargeNumbers", "256.257.511.1023", 0, {0, 1, 255, 255}},
-        BytesRow{"LowByteOfANumberBeyond32Bits", "4294967299.2.3.4", 0, {3, 2, 3, 4}},
-        BytesRow{"FirstNumber34Fails", "34.2.3.4", -1, {34}},
-        BytesRow{"LastNumber34Fails", "1.2.3.34", -1, {1, 2, 3, 34}},
-        BytesRow{"FifthNumber34Fails", "1.2.3.4.34", -1, {1, 2, 3, 4, 34}},
-        BytesRow{"LowByte34Fails", "1.290.3.4", -1, {1, 34}}, BytesRow{"Number35Passes", "1.2.3.35", 0, {1, 2, 3, 35}},
-        BytesRow{"Number33Passes", "1.2.3.33", 0, {1, 2, 3, 33}},
-        BytesRow{"ALetterStopsTheReading", "1.2x.3.4", -1, {1, 2}},
-        BytesRow{"ALetterAtTheStartStopsTheReading", "x1.2.3.4", -1, {0}},
-        BytesRow{"ABlankStopsTheReading", "1. 2.3.4", -1, {1, 0}},
-        BytesRow{"ASignStopsTheReading", "1.-2.3.4", -1, {1, 0}},
-        BytesRow{"ALineEndStopsTheReading", "1.2.3.4\n", -1, {1, 2, 3, 4}},
-        BytesRow{"ByteAbove127StopsTheReading", "1.2.3.\xB2", -1, {1, 2, 3, 0}},
-        BytesRow{"NothingAfterThe20thCharacterIsLookedAt", "255.255.255.255.0001.x", 0, {255, 255, 255, 255, 1}},
-        BytesRow{"TheTextIsCutInsideANumber", "0255.255.255.255.2551", 0, {255, 255, 255, 255, 255}}),
+    testing::Values(BytesRow{"FourNumbers", "224.0.1.2", 0, {224, 0, 1, 2}},
+                    BytesRow{"Largest", "255.255.255.255", 0, {255, 255, 255, 255}},
+                    BytesRow{"EmptyNumbersAreZero", "...", 0, {0, 0, 0, 0}},
+                    BytesRow{"FiveNumbersAreAllStored", "1.2.3.4.5", 0, {1, 2, 3, 4, 5}},
+                    BytesRow{"AnEmptyFifthNumberIsZero", "1.2.3.4.", 0, {1, 2, 3, 4, 0}},
+                    BytesRow{"ASixthNumberFails", "1.2.3.4.5.6", -1, {1, 2, 3, 4, 5}},
+                    BytesRow{"ADotAfterTheFifthFails", "1.2.3.4.5.", -1, {1, 2, 3, 4, 5}},
+                    BytesRow{"ALetterAfterTheFifthFails", "1.2.3.4.5x", -1, {1, 2, 3, 4, 5}},
+                    BytesRow{"ThreeNumbersFail", "1.2.3", -1, {1, 2, 3}}, BytesRow{"EmptyTextFails", "", -1, {0}},
+                    BytesRow{"LowBytesOfLargeNumbers", "256.257.511.1023", 0, {0, 1, 255, 255}},
+                    BytesRow{"LowByteOfANumberBeyond32Bits", "4294967299.2.3.4", 0, {3, 2, 3, 4}},
+                    BytesRow{"FirstNumber34Fails", "34.2.3.4", -1, {34}},
+                    BytesRow{"LastNumber34Fails", "1.2.3.34", -1, {1, 2, 3, 34}},
+                    BytesRow{"FifthNumber34Fails", "1.2.3.4.34", -1, {1, 2, 3, 4, 34}},
+                    BytesRow{"LowByte34Fails", "1.290.3.4", -1, {1, 34}},
+                    BytesRow{"Number35Passes", "1.2.3.35", 0, {1, 2, 3, 35}},
+                    BytesRow{"Number33Passes", "1.2.3.33", 0, {1, 2, 3, 33}},
+                    BytesRow{"ALetterStopsTheReading", "1.2x.3.4", -1, {1, 2}},
+                    BytesRow{"ALetterAtTheStartStopsTheReading", "x1.2.3.4", -1, {0}},
+                    BytesRow{"ABlankStopsTheReading", "1. 2.3.4", -1, {1, 0}},
+                    BytesRow{"ASignStopsTheReading", "1.-2.3.4", -1, {1, 0}},
+                    BytesRow{"ALineEndStopsTheReading", "1.2.3.4\n", -1, {1, 2, 3, 4}},
+                    BytesRow{"ByteAbove127StopsTheReading", "1.2.3.\xB2", -1, {1, 2, 3, 0}},
+                    BytesRow{
+                        "NothingAfterThe20thCharacterIsLookedAt", "255.255.255.255.0001.x", 0, {255, 255, 255, 255, 1}},
+                    BytesRow{"TheTextIsCutInsideANumber", "0255.255.255.255.2551", 0, {255, 255, 255, 255, 255}}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(IpBytes, FailsForNullWithoutTouchingAnything) {

@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "tests/unit/util/FakeHost.h"
 #include "VexoZceUtil.h"
 #include "tests/support/CaptureOutput.h"
+#include "tests/unit/util/FakeHost.h"
 
 namespace {
 

@@ -185,9 +185,7 @@ TEST(TempPlaceOfTheUser, IsWhereTheDirectoryIsMade) {
 
 // ---- captured output ----
 
-TEST(CaptureOutputTest, RefusesADescriptorThatIsNotOpen) {
-    EXPECT_THROW(CaptureOutput(1 << 20), std::system_error);
-}
+TEST(CaptureOutputTest, RefusesADescriptorThatIsNotOpen) { EXPECT_THROW(CaptureOutput(1 << 20), std::system_error); }
 
 TEST(CaptureOutputTest, CollectsEveryWayOfWriting) {
     CaptureOutput out;

@@ -1,10 +1,10 @@
-#include "tests/unit/sim/card/CardFixture.h"
 #include "sim/card/PacketFaults.h"
 #include "sim/card/Registers.h"
+#include "tests/unit/sim/card/CardFixture.h"
 
 using namespace vexo_sim;
-using ::testing::ElementsAre;
 using ::testing::Each;
+using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "enyx-sim/md_payload.h"
 #include "sim/card/Card.h"
 #include "sim/card/ZeroedMemory.h"
-#include "enyx-sim/md_payload.h"
 
 namespace vexo_sim {
 

@@ -4,8 +4,8 @@
 #include "tests/unit/sim/card/MapDecoder.h"
 
 using namespace vexo_sim;
-using ::testing::ElementsAre;
 using ::testing::Each;
+using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -36,10 +36,10 @@ TEST_F(ContractMap, APacketIsLaidOutAsItsReaderExpects) {
     advanceMs(0);
     const auto packets = take(0);
     ASSERT_THAT(packets, SizeIs(1));
-    const Bytes expected = {2, 0, 0, 0, 48, 0, 0, 0, 1, 0, 0, 0,  // type, length, sequence
-                            0, 34,                                // message area
-                            0, 14, 0, 0, 0, 2, 0, 1, 2, 'S', 'R', '5', '0', '5',
-                            0, 20, 1, 3, 4, 'S', 'P', 'D', '-', 'S', 'R', '5', '0', '5', '/', 'S', 'R', '5', '0', '9'};
+    const Bytes expected = {2, 0,  0,   0,   48,  0,   0,   0,   1,   0,   0,   0,  // type, length, sequence
+                            0, 34,                                                  // message area
+                            0, 14, 0,   0,   0,   2,   0,   1,   2,   'S', 'R', '5', '0', '5', 0,   20,  1,
+                            3, 4,  'S', 'P', 'D', '-', 'S', 'R', '5', '0', '5', '/', 'S', 'R', '5', '0', '9'};
     EXPECT_EQ(packets[0], expected);
 }
 

@@ -158,20 +158,20 @@ TEST(DefaultList, KnowsTheContractsOfADate) {
     const auto list = makeList(InstrumentChoice::kDefault, 20250115);
     EXPECT_THAT(ids(list, 0), AllOf(Contains("SR505"), Contains("SR505C6000"), Contains("SR505P5900"),
                                     Contains("TA501"), Contains("CF511"), Contains("UR507C1800")));
-    EXPECT_THAT(ids(list, 1), AllOf(Contains("SPD-SR505/SR509"), Contains("IPS-SF505/SM505"),
-                                    Contains("SPD-TA501/TA502")));
+    EXPECT_THAT(ids(list, 1),
+                AllOf(Contains("SPD-SR505/SR509"), Contains("IPS-SF505/SM505"), Contains("SPD-TA501/TA502")));
     EXPECT_STREQ(list[0].id, "AP501");
 }
 
 TEST(DefaultList, ListsTheNextTenDeliveryMonthsOfAProduct) {
-    EXPECT_THAT(futuresOf("SR", 20250115), ElementsAre("SR501", "SR503", "SR505", "SR507", "SR509",
-                                                       "SR511", "SR601", "SR603", "SR605", "SR607"));
-    EXPECT_THAT(futuresOf("AP", 20250115), ElementsAre("AP501", "AP503", "AP504", "AP505", "AP510",
-                                                       "AP511", "AP512", "AP601", "AP603", "AP604"));
-    EXPECT_THAT(futuresOf("TA", 20241231), ElementsAre("TA412", "TA501", "TA502", "TA503", "TA504",
-                                                       "TA505", "TA506", "TA507", "TA508", "TA509"));
-    EXPECT_THAT(futuresOf("RS", 20291201), ElementsAre("RS007", "RS008", "RS009", "RS011", "RS107",
-                                                       "RS108", "RS109", "RS111", "RS207", "RS208"));
+    EXPECT_THAT(futuresOf("SR", 20250115),
+                ElementsAre("SR501", "SR503", "SR505", "SR507", "SR509", "SR511", "SR601", "SR603", "SR605", "SR607"));
+    EXPECT_THAT(futuresOf("AP", 20250115),
+                ElementsAre("AP501", "AP503", "AP504", "AP505", "AP510", "AP511", "AP512", "AP601", "AP603", "AP604"));
+    EXPECT_THAT(futuresOf("TA", 20241231),
+                ElementsAre("TA412", "TA501", "TA502", "TA503", "TA504", "TA505", "TA506", "TA507", "TA508", "TA509"));
+    EXPECT_THAT(futuresOf("RS", 20291201),
+                ElementsAre("RS007", "RS008", "RS009", "RS011", "RS107", "RS108", "RS109", "RS111", "RS207", "RS208"));
 }
 
 TEST(DefaultList, LeavesOutTheContractsOfAPastMonth) {

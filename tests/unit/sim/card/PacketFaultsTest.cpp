@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <tuple>
 
-#include "tests/unit/sim/card/CardFixture.h"
 #include "sim/card/PacketFaults.h"
+#include "tests/unit/sim/card/CardFixture.h"
 
 using namespace vexo_sim;
 using ::testing::Each;
@@ -350,6 +350,4 @@ TEST_F(PacketFaultsOfASeed, TheSameSeedSpoilsTheSameBytes) {
     EXPECT_TRUE(first == session(7));  // not EXPECT_EQ: nobody wants to read it all
 }
 
-TEST_F(PacketFaultsOfASeed, AnotherSeedSpoilsOtherPackets) {
-    EXPECT_NE(sizes(session(7)), sizes(session(8)));
-}
+TEST_F(PacketFaultsOfASeed, AnotherSeedSpoilsOtherPackets) { EXPECT_NE(sizes(session(7)), sizes(session(8))); }

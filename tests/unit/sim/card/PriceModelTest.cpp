@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/unit/sim/card/CardFixture.h"
 #include "sim/card/InstrumentList.h"
+#include "tests/unit/sim/card/CardFixture.h"
 
 using namespace vexo_sim;
 
@@ -41,9 +41,9 @@ TEST(Prices, OfEveryBuiltInInstrumentLeaveRoomForFiveLevelsOnBothSides) {
 }
 
 TEST(Prices, WalkOnTheTickInsideTheLimits) {
-    for (const char* id : {"SR505", "ZC505", "CF505", "SR505C6000", "SR505P7000", "SA505C1200", "SPD-SR505/SR509",
-                           "IPS-SF505/SM505", "SOMETHING", "SPD-", "SPD-X", "12345", "SR505C",
-                           "AP505C999999999999999999"}) {
+    for (const char* id :
+         {"SR505", "ZC505", "CF505", "SR505C6000", "SR505P7000", "SA505C1200", "SPD-SR505/SR509", "IPS-SF505/SM505",
+          "SOMETHING", "SPD-", "SPD-X", "12345", "SR505C", "AP505C999999999999999999"}) {
         PriceWalk prices = opening(id);
         std::uint64_t random = 99;
         for (int step = 0; step < 20000; ++step) expectSoundBook(prices, walk(prices, random), id);

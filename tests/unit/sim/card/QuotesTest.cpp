@@ -1,8 +1,8 @@
 #include <map>
 #include <set>
 
-#include "tests/unit/sim/card/CardFixture.h"
 #include "sim/card/Registers.h"
+#include "tests/unit/sim/card/CardFixture.h"
 
 using namespace vexo_sim;
 using ::testing::ElementsAre;

@@ -1,16 +1,41 @@
-#include "tests/unit/sim/card/CardFixture.h"
 #include "sim/card/Registers.h"
+#include "tests/unit/sim/card/CardFixture.h"
 
 using namespace vexo_sim;
 
 namespace {
 
-constexpr std::uint32_t kWriteOnly[] = {
-    card_reg::kReset, card_reg::kMapTransmit, card_reg::kSoftwareVersion,
-    0x200, 0x201, 0x202, 0x203, 0x204, 0x205,
-    0x300, 0x301, 0x302, 0x303, 0x304, 0x305, 0x306, 0x307, 0x308,
-    0x310, 0x311, 0x312, 0x313, 0x314, 0x315, 0x316, 0x317, 0x318,
-    0x11000, 0x11002, 0x12000, 0x12002};
+constexpr std::uint32_t kWriteOnly[] = {card_reg::kReset,
+                                        card_reg::kMapTransmit,
+                                        card_reg::kSoftwareVersion,
+                                        0x200,
+                                        0x201,
+                                        0x202,
+                                        0x203,
+                                        0x204,
+                                        0x205,
+                                        0x300,
+                                        0x301,
+                                        0x302,
+                                        0x303,
+                                        0x304,
+                                        0x305,
+                                        0x306,
+                                        0x307,
+                                        0x308,
+                                        0x310,
+                                        0x311,
+                                        0x312,
+                                        0x313,
+                                        0x314,
+                                        0x315,
+                                        0x316,
+                                        0x317,
+                                        0x318,
+                                        0x11000,
+                                        0x11002,
+                                        0x12000,
+                                        0x12002};
 
 class Registers : public CardTest {
 protected:
@@ -167,8 +192,8 @@ TEST_F(Registers, TheClockOffsetMovesTheExchangeTime) {
         std::uint32_t local;
         std::int32_t offset;
         std::uint32_t exchange;
-    } const cases[] = {{95959, 1, 100000},  {100000, -1, 95959}, {235959, 2, 1},
-                       {1, -2, 235959},     {103500, -1200, 101500}, {120000, 86400 * 3 + 60, 120100}};
+    } const cases[] = {{95959, 1, 100000}, {100000, -1, 95959},     {235959, 2, 1},
+                       {1, -2, 235959},    {103500, -1200, 101500}, {120000, 86400 * 3 + 60, 120100}};
     for (const auto& c : cases) {
         m_config.clockOffsetSeconds = c.offset;
         now.time = c.local;

@@ -95,7 +95,8 @@ TEST_F(StreamRing, FillsToItsLastByteAndNoFurther) {
 }
 
 TEST_F(StreamRing, DrainingTakesEverything) {
-    while (put(packet(100, 1))) {}
+    while (put(packet(100, 1))) {
+    }
     ring::drain(ring);
     EXPECT_TRUE(empty());
     EXPECT_TRUE(put({1}));

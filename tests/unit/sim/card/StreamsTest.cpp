@@ -51,7 +51,8 @@ TEST_F(Streams, APacketLongerThanTheMtuIsRefused) {
 
 TEST_F(Streams, APushIntoAFullRingCountsAsBackPressure) {
     const Bytes packet(m_config.mtu);
-    while (card.push(0, packet.data(), m_config.mtu)) {}
+    while (card.push(0, packet.data(), m_config.mtu)) {
+    }
     EXPECT_EQ(card.state().up[0].packets, 3U);
     EXPECT_EQ(card.state().up[0].backPressure, 1U);
 }

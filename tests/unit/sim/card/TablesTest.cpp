@@ -1,5 +1,5 @@
-#include "tests/unit/sim/card/CardFixture.h"
 #include "sim/card/Tables.h"
+#include "tests/unit/sim/card/CardFixture.h"
 
 using namespace vexo_sim;
 

@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <fstream>
 
-#include "tests/unit/sim/hw/HwFixture.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/sim/hw/HwFixture.h"
 
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -159,7 +159,9 @@ TEST_F(ScenarioControl, ASceneIsSetByOneCall) {
     directory.Write("list.txt", "3,0,SR505\n");
     ASSERT_EQ(load("[card]\nhardware_version = 9\ndate = today\n[instruments]\nfile = list.txt\n"
                    "[fault a]\nkind = stream_held\nchannels = 2\n"
-                   "[fault b]\nkind = call_fails\ncall = enyx_hw_core_lock\nerrno = EIO\n"), 0) << reason;
+                   "[fault b]\nkind = call_fails\ncall = enyx_hw_core_lock\nerrno = EIO\n"),
+              0)
+        << reason;
     enyx_hw_accelerator* const accelerator = openAccelerator();
     const Mmio mmio = openMmio(accelerator);
     enyx_hw_core* const core = registersOf(mmio);
@@ -196,8 +198,9 @@ TEST_F(ScenarioControl, AnUnusableScenarioChangesNothingAndSaysWhy) {
     enyx_hw_core* const core = registersOf(mmio);
     EXPECT_EQ(writeRegister(core, card_reg::kTradingDate, 20250115), 0);
     EXPECT_FAILS(load("[card]\nseed = x\n"), EINVAL);
-    EXPECT_EQ(std::string(reason), directory.Path("a.ini") + ":2: seed: \"x\" will not do; give a number from 0 to "
-                                                              "18446744073709551615");
+    EXPECT_EQ(std::string(reason), directory.Path("a.ini") +
+                                       ":2: seed: \"x\" will not do; give a number from 0 to "
+                                       "18446744073709551615");
     EXPECT_EQ(readRegister(core, card_reg::kTradingDate), 20250115U);
 }
 

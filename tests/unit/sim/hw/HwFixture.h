@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "interface/CardRegisters.h"
 #include "enyx-hw-c/enyx_hw.h"
 #include "enyx-sim/enyx_sim.h"
 #include "enyx-sim/md_payload.h"
+#include "interface/CardRegisters.h"
 #include "tests/support/FakeTime.h"
 
 template <typename T, void (*destroy)(T*)>
@@ -100,7 +100,8 @@ inline void collect(const std::uint8_t* data, std::uint32_t size, void* context)
 /// Everything that a stream delivers until it says that there is nothing.
 inline std::vector<std::string> takeAll(const UpStream& stream) {
     std::vector<std::string> packets;
-    while (enyx_hw_a2c_stream_poll_once(stream.get(), collect, &packets) == 1) {}
+    while (enyx_hw_a2c_stream_poll_once(stream.get(), collect, &packets) == 1) {
+    }
     return packets;
 }
 
@@ -133,16 +134,16 @@ protected:
     enyx_hw_core* core = registersOf(mmio);
 };
 
-#define EXPECT_FAILS(expression, error)       \
-    do {                                      \
-        errno = 0;                            \
-        EXPECT_EQ(expression, -1);            \
+#define EXPECT_FAILS(expression, error)         \
+    do {                                        \
+        errno = 0;                              \
+        EXPECT_EQ(expression, -1);              \
         EXPECT_EQ(errno, error) << #expression; \
     } while (false)
 
-#define EXPECT_NULL(expression, error)        \
-    do {                                      \
-        errno = 0;                            \
-        EXPECT_EQ(expression, nullptr);       \
+#define EXPECT_NULL(expression, error)          \
+    do {                                        \
+        errno = 0;                              \
+        EXPECT_EQ(expression, nullptr);         \
         EXPECT_EQ(errno, error) << #expression; \
     } while (false)

@@ -158,7 +158,8 @@ TEST_F(Threads, ScriptsAndTraceMayChangeWhileOthersCall) {
             enyx_sim_clear_failures();
         }
         enyx_sim_set_trace(count, &lines);
-        while (lines < 10) {}
+        while (lines < 10) {
+        }
         enyx_sim_set_trace(nullptr, nullptr);
         done = true;
     });

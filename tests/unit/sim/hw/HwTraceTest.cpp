@@ -46,52 +46,52 @@ TEST_F(Trace, NamesEveryCallItsArgumentsAndItsResult) {
     }
     EXPECT_THAT(
         stop(),
-        ElementsAre("enyx_hw_filter_create result=ok",                                                          //
-                    "enyx_hw_filter_set_index index=0 result=0",                                                //
-                    "enyx_hw_enumerate_accelerators filter_index=0 room=1 result=1",                            //
-                    "enyx_hw_filter_destroy filter_index=0",                                                    //
-                    "enyx_hw_accelerator_get descriptor=card0 result=ok",                                       //
-                    "enyx_hw_free_accelerator_descriptors count=1",                                             //
-                    "enyx_hw_filter_create result=ok",                                                          //
-                    "enyx_hw_filter_set_index index=0 result=0",                                                //
-                    "enyx_hw_accelerator_enumerate_mmios accelerator=card0 filter_index=0 room=1 result=1",     //
-                    "enyx_hw_filter_destroy filter_index=0",                                                    //
-                    "enyx_hw_mmio_create descriptor=card0 result=ok",                                           //
-                    "enyx_hw_free_mmio_descriptors count=1",                                                    //
-                    "enyx_hw_enumerate_cores mmio=card0 result=ok",                                             //
-                    "enyx_hw_core_tree_get_root tree=card0 result=ok",                                          //
-                    "enyx_hw_core_enumerate core=0x0 hardware_id=0x1da room=1 result=1",                        //
-                    "enyx_hw_enumerate_cores mmio=card0 result=ok",                                             //
-                    "enyx_hw_core_tree_get_root tree=card0 result=ok",                                          //
-                    "enyx_hw_core_reset core=0x0 result=0",                                                     //
-                    "enyx_hw_core_lock core=0x1da result=0",                                                    //
-                    "enyx_hw_write core=0x1da address=0x408 offset=0 width=32 value=0x1010213 result=0",        //
-                    "enyx_hw_read core=0x1da address=0x40c offset=0 width=32 value=0x1 result=0",               //
-                    "enyx_hw_core_unlock core=0x1da result=0",                                                  //
-                    "enyx_hw_filter_create result=ok",                                                          //
-                    "enyx_hw_filter_set_name name=CUSTOM_CHAN12_DATA result=0",                                 //
+        ElementsAre("enyx_hw_filter_create result=ok",                                                       //
+                    "enyx_hw_filter_set_index index=0 result=0",                                             //
+                    "enyx_hw_enumerate_accelerators filter_index=0 room=1 result=1",                         //
+                    "enyx_hw_filter_destroy filter_index=0",                                                 //
+                    "enyx_hw_accelerator_get descriptor=card0 result=ok",                                    //
+                    "enyx_hw_free_accelerator_descriptors count=1",                                          //
+                    "enyx_hw_filter_create result=ok",                                                       //
+                    "enyx_hw_filter_set_index index=0 result=0",                                             //
+                    "enyx_hw_accelerator_enumerate_mmios accelerator=card0 filter_index=0 room=1 result=1",  //
+                    "enyx_hw_filter_destroy filter_index=0",                                                 //
+                    "enyx_hw_mmio_create descriptor=card0 result=ok",                                        //
+                    "enyx_hw_free_mmio_descriptors count=1",                                                 //
+                    "enyx_hw_enumerate_cores mmio=card0 result=ok",                                          //
+                    "enyx_hw_core_tree_get_root tree=card0 result=ok",                                       //
+                    "enyx_hw_core_enumerate core=0x0 hardware_id=0x1da room=1 result=1",                     //
+                    "enyx_hw_enumerate_cores mmio=card0 result=ok",                                          //
+                    "enyx_hw_core_tree_get_root tree=card0 result=ok",                                       //
+                    "enyx_hw_core_reset core=0x0 result=0",                                                  //
+                    "enyx_hw_core_lock core=0x1da result=0",                                                 //
+                    "enyx_hw_write core=0x1da address=0x408 offset=0 width=32 value=0x1010213 result=0",     //
+                    "enyx_hw_read core=0x1da address=0x40c offset=0 width=32 value=0x1 result=0",            //
+                    "enyx_hw_core_unlock core=0x1da result=0",                                               //
+                    "enyx_hw_filter_create result=ok",                                                       //
+                    "enyx_hw_filter_set_name name=CUSTOM_CHAN12_DATA result=0",                              //
                     "enyx_hw_accelerator_enumerate_a2c_streams accelerator=card0 "
-                    "filter_name=CUSTOM_CHAN12_DATA room=1 result=1",                                           //
-                    "enyx_hw_a2c_stream_create descriptor=card0/CUSTOM_CHAN12_DATA result=ok",                  //
-                    "enyx_hw_free_a2c_stream_descriptors count=1",                                              //
-                    "enyx_hw_filter_destroy filter_name=CUSTOM_CHAN12_DATA",                                    //
-                    "enyx_hw_filter_create result=ok",                                                          //
-                    "enyx_hw_filter_set_name name=CUSTOM_CHAN12_DATA result=0",                                 //
+                    "filter_name=CUSTOM_CHAN12_DATA room=1 result=1",                           //
+                    "enyx_hw_a2c_stream_create descriptor=card0/CUSTOM_CHAN12_DATA result=ok",  //
+                    "enyx_hw_free_a2c_stream_descriptors count=1",                              //
+                    "enyx_hw_filter_destroy filter_name=CUSTOM_CHAN12_DATA",                    //
+                    "enyx_hw_filter_create result=ok",                                          //
+                    "enyx_hw_filter_set_name name=CUSTOM_CHAN12_DATA result=0",                 //
                     "enyx_hw_accelerator_enumerate_c2a_streams accelerator=card0 "
-                    "filter_name=CUSTOM_CHAN12_DATA room=1 result=1",                                           //
-                    "enyx_hw_c2a_stream_create descriptor=card0/CUSTOM_CHAN12_DATA result=ok",                  //
-                    "enyx_hw_free_c2a_stream_descriptors count=1",                                              //
-                    "enyx_hw_filter_destroy filter_name=CUSTOM_CHAN12_DATA",                                    //
-                    "enyx_hw_a2c_stream_get_mtu stream=card0/CUSTOM_CHAN12_DATA value=4096 result=0",           //
-                    "enyx_hw_c2a_stream_get_mtu stream=card0/CUSTOM_CHAN12_DATA value=4096 result=0",           //
-                    "enyx_hw_c2a_stream_send stream=card0/CUSTOM_CHAN12_DATA size=5 result=0",                  //
+                    "filter_name=CUSTOM_CHAN12_DATA room=1 result=1",                                  //
+                    "enyx_hw_c2a_stream_create descriptor=card0/CUSTOM_CHAN12_DATA result=ok",         //
+                    "enyx_hw_free_c2a_stream_descriptors count=1",                                     //
+                    "enyx_hw_filter_destroy filter_name=CUSTOM_CHAN12_DATA",                           //
+                    "enyx_hw_a2c_stream_get_mtu stream=card0/CUSTOM_CHAN12_DATA value=4096 result=0",  //
+                    "enyx_hw_c2a_stream_get_mtu stream=card0/CUSTOM_CHAN12_DATA value=4096 result=0",  //
+                    "enyx_hw_c2a_stream_send stream=card0/CUSTOM_CHAN12_DATA size=5 result=0",         //
                     "enyx_hw_a2c_stream_stats_get_backpressure stream=card0/CUSTOM_CHAN12_DATA value=0 result=0",
                     "enyx_hw_a2c_stream_stats_get_packet_count stream=card0/CUSTOM_CHAN12_DATA value=0 result=0",
                     "enyx_hw_a2c_stream_stats_get_fifo_errors stream=card0/CUSTOM_CHAN12_DATA value=0 result=0",
-                    "enyx_hw_a2c_stream_stats_get_errors stream=card0/CUSTOM_CHAN12_DATA value=0 result=0",     //
-                    "enyx_hw_a2c_stream_poll_once stream=card0/CUSTOM_CHAN12_DATA result=0",                    //
-                    "enyx_hw_c2a_stream_destroy stream=card0/CUSTOM_CHAN12_DATA",                               //
-                    "enyx_hw_a2c_stream_destroy stream=card0/CUSTOM_CHAN12_DATA",                               //
+                    "enyx_hw_a2c_stream_stats_get_errors stream=card0/CUSTOM_CHAN12_DATA value=0 result=0",  //
+                    "enyx_hw_a2c_stream_poll_once stream=card0/CUSTOM_CHAN12_DATA result=0",                 //
+                    "enyx_hw_c2a_stream_destroy stream=card0/CUSTOM_CHAN12_DATA",                            //
+                    "enyx_hw_a2c_stream_destroy stream=card0/CUSTOM_CHAN12_DATA",                            //
                     "enyx_hw_mmio_destroy mmio=card0"));
 }
 
@@ -117,8 +117,7 @@ TEST_F(Trace, ShowsNullArgumentsAndErrors) {
                             "enyx_hw_accelerator_enumerate_mmios accelerator=null filter=null room=0 "
                             "result=-1 errno=22",
                             "enyx_hw_mmio_create descriptor=null result=null errno=22",
-                            "enyx_hw_mmio_destroy mmio=null",
-                            "enyx_hw_enumerate_cores mmio=null result=null errno=22",
+                            "enyx_hw_mmio_destroy mmio=null", "enyx_hw_enumerate_cores mmio=null result=null errno=22",
                             "enyx_hw_core_tree_get_root tree=null result=null errno=22",
                             "enyx_hw_read core=null register=null value=0x0 result=-1 errno=22",
                             "enyx_hw_a2c_stream_create descriptor=null result=null errno=22",
@@ -138,8 +137,8 @@ TEST_F(Trace, RecognisesDestroyedHandles) {
     start();
     enyx_hw_filter_destroy(deadFilter);
     enyx_hw_core_lock(core);
-    EXPECT_THAT(stop(), ElementsAre("enyx_hw_filter_destroy filter=dead",
-                                    "enyx_hw_core_lock core=dead result=-1 errno=22"));
+    EXPECT_THAT(stop(),
+                ElementsAre("enyx_hw_filter_destroy filter=dead", "enyx_hw_core_lock core=dead result=-1 errno=22"));
 }
 
 TEST_F(Trace, AFilterThatLetsEverythingThroughIsCalledAll) {

@@ -68,7 +68,8 @@ TEST_F(UpStreams, CountPacketsAndBackPressure) {
     powerCycleWith([](enyx_sim_config& c) { c.ring_bytes = 16384; });
     const UpStream stream = openUp(accelerator, 0);
     const std::string packet(4000, 'x');
-    while (push(0, packet) == 0) {}
+    while (push(0, packet) == 0) {
+    }
     EXPECT_EQ(errno, ENOBUFS);
     EXPECT_EQ(counter(enyx_hw_a2c_stream_stats_get_packet_count, stream), 4U);
     EXPECT_EQ(counter(enyx_hw_a2c_stream_stats_get_backpressure, stream), 1U);

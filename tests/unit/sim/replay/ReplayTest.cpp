@@ -3,13 +3,13 @@
 #include <functional>
 #include <map>
 
-#include "tests/unit/sim/card/CardFixture.h"
-#include "tests/unit/capture/CaptureSample.h"
 #include "capture/Blocks.h"
 #include "capture/CaptureFiles.h"
 #include "capture/StreamPlace.h"
 #include "sim/card/PacketFaults.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/capture/CaptureSample.h"
+#include "tests/unit/sim/card/CardFixture.h"
 
 using namespace vexo_sim;
 using ::testing::ElementsAre;

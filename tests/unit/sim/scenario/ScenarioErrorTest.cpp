@@ -70,8 +70,7 @@ INSTANTIATE_TEST_SUITE_P(
                   "a.ini:2: clock: it excludes clock_offset; remove one of the two"},
         ErrorCase{"Word", "[instruments]\nlist = some\n",
                   "a.ini:2: list: \"some\" will not do; choose from default, full, none"},
-        ErrorCase{"Pace", "[pace]\npace = 10\n",
-                  "a.ini:2: pace: \"10\" will not do; write real, max, or x1 to x1000"},
+        ErrorCase{"Pace", "[pace]\npace = 10\n", "a.ini:2: pace: \"10\" will not do; write real, max, or x1 to x1000"},
         ErrorCase{"PaceFactor", "[pace]\npace = x1001\n",
                   "a.ini:2: pace: \"x1001\" will not do; write real, max, or x1 to x1000"},
         ErrorCase{"TwoInstrumentSources", "[instruments]\nlist = full\nfile = list.txt\n",
@@ -83,8 +82,7 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"MissingCapture", "[replay]\nfile = gone.pcapng\n",
                   "a.ini:2: file gone.pcapng: No such file or directory; paths are relative to the scenario's "
                   "directory"},
-        ErrorCase{"CaptureIsADirectory", "[replay]\nfile = .\n",
-                  "a.ini:2: file . is not a regular file; name one"},
+        ErrorCase{"CaptureIsADirectory", "[replay]\nfile = .\n", "a.ini:2: file . is not a regular file; name one"},
         ErrorCase{"ReplayOfNothing", "\n[replay]\n",
                   "a.ini:2: [replay] needs the key file; give it, or remove the section"},
         ErrorCase{"MapOfNoReplay", "[replay]\nmap = card\n",
@@ -102,8 +100,7 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"RingTooSmall", "[card]\nring_bytes = 4096\n",
                   "a.ini:2: ring_bytes: a ring of 4096 bytes does not hold two packets of 4096; give ring_bytes more, "
                   "or mtu less"},
-        ErrorCase{"FaultWithoutKind", "\n[fault a]\nfirst = 1\n",
-                  "a.ini:2: [fault a] needs the key kind; give it"},
+        ErrorCase{"FaultWithoutKind", "\n[fault a]\nfirst = 1\n", "a.ini:2: [fault a] needs the key kind; give it"},
         ErrorCase{"UnknownKind", "[fault a]\nkind = fire\n",
                   "a.ini:2: kind: there is no kind fire; use drop, double, cut, runt, type, head_length, flip, "
                   "map_length, map_area, map_count, map_index, mask_refused, stream_held, stream_errors, busy_sends, "
@@ -114,8 +111,7 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"MissingKeyOfAKind", "[fault a]\nkind = cut\n", "a.ini:1: [fault a] needs the key bytes; give it"},
         ErrorCase{"Channel", "[fault a]\nkind = drop\nchannels = 16\n",
                   "a.ini:3: channels: \"16\" will not do; give numbers from 0 to 15 such as 0, 3, 5-7, or all"},
-        ErrorCase{"MapPacketsOfAChannelWithoutMap",
-                  "[fault a]\nkind = drop\npackets = map\nchannels = 1-3, 15\n",
+        ErrorCase{"MapPacketsOfAChannelWithoutMap", "[fault a]\nkind = drop\npackets = map\nchannels = 1-3, 15\n",
                   "a.ini:4: channels: contract-map packets are on channel 0 alone; add 0, or choose other packets"},
         ErrorCase{"NoChance", "[fault a]\nkind = drop\nper_million = 0\n",
                   "a.ini:3: per_million: \"0\" will not do; give a number from 1 to 1000000"},
@@ -184,16 +180,15 @@ TEST_P(DayFileError, IsToldWithFileAndLine) {
 
 INSTANTIATE_TEST_SUITE_P(
     , DayFileError,
-    ::testing::Values(
-        ListCase{"Empty", "", "day:1: this is no day file; it begins with inst_index,inst_id"},
-        ListCase{"NoHeader", "0,SR505\nbin_file_over_tag\n",
-                 "day:1: this is no day file; it begins with inst_index,inst_id"},
-        ListCase{"NoEndTag", "inst_index,inst_id\n0,SR505\n",
-                 "day:2: the day file has no end tag, so it is not whole; take another"},
-        ListCase{"NoInstrument", "inst_index,inst_id\nbin_file_over_tag\n",
-                 "day: the file names no instrument; add some, or write list = none"},
-        ListCase{"Line", "inst_index,inst_id\n0\nbin_file_over_tag\n",
-                 "day:2: this is no line of a day file; it is index,id"}),
+    ::testing::Values(ListCase{"Empty", "", "day:1: this is no day file; it begins with inst_index,inst_id"},
+                      ListCase{"NoHeader", "0,SR505\nbin_file_over_tag\n",
+                               "day:1: this is no day file; it begins with inst_index,inst_id"},
+                      ListCase{"NoEndTag", "inst_index,inst_id\n0,SR505\n",
+                               "day:2: the day file has no end tag, so it is not whole; take another"},
+                      ListCase{"NoInstrument", "inst_index,inst_id\nbin_file_over_tag\n",
+                               "day: the file names no instrument; add some, or write list = none"},
+                      ListCase{"Line", "inst_index,inst_id\n0\nbin_file_over_tag\n",
+                               "day:2: this is no line of a day file; it is index,id"}),
     [](const auto& testCase) { return testCase.param.name; });
 
 TEST_F(ScenarioTest, FaultsOfMapPacketsMayNameOtherChannelsBesideTheirs) {
@@ -255,8 +250,10 @@ TEST_F(ScenarioTest, EveryCutOfAFileEitherLoadsOrIsAnErrorWithItsName) {
     int good = 0;
     for (std::size_t size = 0; size <= whole.size(); ++size) {
         const std::string error = errorOf(whole.substr(0, size));
-        if (error.empty()) ++good;
-        else EXPECT_THAT(error, ::testing::MatchesRegex("(a.ini|list.txt)(:[0-9]+)?: .+; .+"));
+        if (error.empty())
+            ++good;
+        else
+            EXPECT_THAT(error, ::testing::MatchesRegex("(a.ini|list.txt)(:[0-9]+)?: .+; .+"));
     }
     EXPECT_GT(good, 30);
     EXPECT_EQ(errorOf(whole), "");

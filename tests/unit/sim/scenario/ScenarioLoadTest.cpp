@@ -1,10 +1,10 @@
 // What a scenario file makes of a card's configuration.
 
-#include <cerrno>
 #include <sys/stat.h>
+#include <cerrno>
 
-#include "tests/unit/sim/scenario/ScenarioFixture.h"
 #include "sim/card/ZeroedMemory.h"
+#include "tests/unit/sim/scenario/ScenarioFixture.h"
 
 using namespace vexo_sim;
 using namespace vexo_sim::scenario;
@@ -115,8 +115,10 @@ TEST_F(ScenarioTest, PathsAreRelativeToTheScenario) {
 }
 
 TEST_F(ScenarioTest, APacketFaultHasAllItsKeys) {
-    const auto faults = loaded("[fault a]\nkind = cut\nchannels = 0, 5-7\npackets = quotes\nfirst = 2\nevery = 3\n"
-                               "times = 4\nper_million = 5\nbytes = 6\n").packetFaults;
+    const auto faults = loaded(
+                            "[fault a]\nkind = cut\nchannels = 0, 5-7\npackets = quotes\nfirst = 2\nevery = 3\n"
+                            "times = 4\nper_million = 5\nbytes = 6\n")
+                            .packetFaults;
     ASSERT_THAT(faults, SizeIs(1));
     EXPECT_EQ(faults[0].kind, PacketFaultKind::kCut);
     EXPECT_EQ(faults[0].channels, 0xE1U);
@@ -129,10 +131,12 @@ TEST_F(ScenarioTest, APacketFaultHasAllItsKeys) {
 }
 
 TEST_F(ScenarioTest, FaultsOfTheContractMapSayWhichMessage) {
-    const auto faults = loaded("[fault a]\nkind = map_length\nmessage = 3\nlength = 1\n"
-                               "[fault b]\nkind = map_index\nmessage = 2\nindex = 9000\n"
-                               "[fault c]\nkind = map_area\nlength = 65535\n"
-                               "[fault d]\nkind = map_count\ncount = 0xFFFFFFFF\n").packetFaults;
+    const auto faults = loaded(
+                            "[fault a]\nkind = map_length\nmessage = 3\nlength = 1\n"
+                            "[fault b]\nkind = map_index\nmessage = 2\nindex = 9000\n"
+                            "[fault c]\nkind = map_area\nlength = 65535\n"
+                            "[fault d]\nkind = map_count\ncount = 0xFFFFFFFF\n")
+                            .packetFaults;
     ASSERT_THAT(faults, SizeIs(4));
     EXPECT_EQ(faults[0].message, 3U);
     EXPECT_EQ(faults[1].value, 9000U);
@@ -142,13 +146,14 @@ TEST_F(ScenarioTest, FaultsOfTheContractMapSayWhichMessage) {
 }
 
 TEST_F(ScenarioTest, OtherFaultsAreTakenOver) {
-    const Scenario s = loaded("[fault a]\nkind = mask_refused\ntable = combination\nrows = 3, 8-10\n"
-                              "[fault b]\nkind = busy_sends\nchannels = 1\nsends = all\n"
-                              "[fault c]\nkind = stream_held\nchannels = 2, 15\n"
-                              "[fault d]\nkind = stream_errors\nchannels = all\nfifo_errors = 7\n"
-                              "[fault e]\nkind = running_counters\n"
-                              "[fault f]\nkind = card_stops\nafter_packets = 8\nafter_ms = 9\n"
-                              "[fault g]\nkind = reset_ignored\ntimes = 1\n");
+    const Scenario s = loaded(
+        "[fault a]\nkind = mask_refused\ntable = combination\nrows = 3, 8-10\n"
+        "[fault b]\nkind = busy_sends\nchannels = 1\nsends = all\n"
+        "[fault c]\nkind = stream_held\nchannels = 2, 15\n"
+        "[fault d]\nkind = stream_errors\nchannels = all\nfifo_errors = 7\n"
+        "[fault e]\nkind = running_counters\n"
+        "[fault f]\nkind = card_stops\nafter_packets = 8\nafter_ms = 9\n"
+        "[fault g]\nkind = reset_ignored\ntimes = 1\n");
     ASSERT_THAT(s.brokenRows, SizeIs(2));
     EXPECT_EQ(s.brokenRows[1].table, 1U);
     EXPECT_EQ(s.brokenRows[1].first, 8U);
@@ -165,10 +170,12 @@ TEST_F(ScenarioTest, OtherFaultsAreTakenOver) {
 }
 
 TEST_F(ScenarioTest, CallsFailWithAnErrnoByNameOrNumberOrWithAResult) {
-    const auto failures = loaded("[fault a]\nkind = call_fails\ncall = enyx_hw_read\nnth = 3\nerrno = EIO\n"
-                                 "[fault b]\nkind = call_fails\ncall = enyx_hw_mmio_create\ntimes = all\nerrno = 110\n"
-                                 "[fault c]\nkind = call_fails\ncall = enyx_hw_core_enumerate\nerrno = ENOENT\n"
-                                 "result = -2\n").callFailures;
+    const auto failures = loaded(
+                              "[fault a]\nkind = call_fails\ncall = enyx_hw_read\nnth = 3\nerrno = EIO\n"
+                              "[fault b]\nkind = call_fails\ncall = enyx_hw_mmio_create\ntimes = all\nerrno = 110\n"
+                              "[fault c]\nkind = call_fails\ncall = enyx_hw_core_enumerate\nerrno = ENOENT\n"
+                              "result = -2\n")
+                              .callFailures;
     ASSERT_THAT(failures, SizeIs(3));
     EXPECT_EQ(failures[0].call, "enyx_hw_read");
     EXPECT_EQ(failures[0].nth, 3U);
@@ -210,13 +217,14 @@ TEST_F(ScenarioOnACard, TheListIsLearnedAndTheSwitchIsOnFromTheStart) {
 }
 
 TEST_F(ScenarioOnACard, FaultsAreThereFromTheStart) {
-    poweredOn("[fault a]\nkind = mask_refused\ntable = single\nrows = 3\n"
-              "[fault b]\nkind = busy_sends\nchannels = 1\nsends = 2\n"
-              "[fault c]\nkind = stream_held\nchannels = 2\n"
-              "[fault d]\nkind = stream_errors\nchannels = 4\nfifo_errors = 7\nerrors = 8\n"
-              "[fault e]\nkind = frozen_counters\n"
-              "[fault f]\nkind = drop\n"
-              "[fault g]\nkind = card_stops\nafter_ms = 100\n");
+    poweredOn(
+        "[fault a]\nkind = mask_refused\ntable = single\nrows = 3\n"
+        "[fault b]\nkind = busy_sends\nchannels = 1\nsends = 2\n"
+        "[fault c]\nkind = stream_held\nchannels = 2\n"
+        "[fault d]\nkind = stream_errors\nchannels = 4\nfifo_errors = 7\nerrors = 8\n"
+        "[fault e]\nkind = frozen_counters\n"
+        "[fault f]\nkind = drop\n"
+        "[fault g]\nkind = card_stops\nafter_ms = 100\n");
     EXPECT_EQ(state().tables[0].maskRefused[0], 8U);
     EXPECT_EQ(state().down[1].busySends, 2U);
     EXPECT_EQ(state().down[0].busySends, 0U);
@@ -233,8 +241,9 @@ TEST_F(ScenarioOnACard, FaultsAreThereFromTheStart) {
 }
 
 TEST_F(ScenarioOnACard, TheNextScenarioOwesNothingToTheLast) {
-    poweredOn("[fault a]\nkind = drop\n[fault b]\nkind = stream_held\n"
-              "[fault c]\nkind = card_stops\nafter_packets = 1\n");
+    poweredOn(
+        "[fault a]\nkind = drop\n[fault b]\nkind = stream_held\n"
+        "[fault c]\nkind = card_stops\nafter_packets = 1\n");
     poweredOn("");
     EXPECT_FALSE(state().faults.armed);
     EXPECT_TRUE(m_card.openUp(0));
