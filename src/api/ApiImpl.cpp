@@ -18,18 +18,18 @@ constexpr char kLogFile[] = "VexoZceMdApiImpl";
 constexpr std::uint32_t kRegisterCoreId = 474;
 
 // The process-wide register driver, made on first use; null when memory is short.
-CDrvEnyxReg* SharedDriver() {
+CDrvEnyxReg* sharedDriver() {
     if (CDrvEnyxReg::instance == nullptr) CDrvEnyxReg::instance = new (std::nothrow) CDrvEnyxReg;
     return CDrvEnyxReg::instance;
 }
 
 // A start-up that failed ends the process, with status 0, as the programs that start the application expect.
-[[noreturn]] void EndProcess() { std::exit(0); }
+[[noreturn]] void endProcess() { std::exit(0); }
 
 }  // namespace
 
 IVexoZceMdApi* IVexoZceMdApi::CreateVexoZceMdApi() {
-    CDrvEnyxReg* drv = SharedDriver();
+    CDrvEnyxReg* drv = sharedDriver();
     auto* api = drv != nullptr ? new (std::nothrow) CVexoZceMdApiImpl(drv) : nullptr;
     if (api == nullptr) {
         std::printf("New vexo zce impl fail.\n");
@@ -58,7 +58,7 @@ CVexoZceMdApiImpl::~CVexoZceMdApiImpl() {
 int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
     if (cfgPath == nullptr) {
         std::printf("Error! lpConfig null pointer!\n");
-        EndProcess();
+        endProcess();
     }
     if (LogInit(cfgPath) != 0) {
         std::printf("Log init failed\n");
@@ -67,22 +67,22 @@ int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
     m_pSpi = &spi;
     if (InitCfgInfo(cfgPath) != 0) {
         LOG_ERROR("Vexo inner init fail.");
-        EndProcess();
+        endProcess();
     }
     Vexo2_U50::ZceDmaInitParms_t parms{m_pCfgFile->GetBusId(), kRegisterCoreId, m_pCfgFile->m_strDmaChanName};
     auto* channel = new CZceDmaChanImpl(m_pDrv, this, m_pCfgFile);
     if (channel->Init(&parms) != 0) {
         LOG_ERROR("Create Brix service failed!");
         delete channel;
-        EndProcess();
+        endProcess();
     }
     if (channel->Work(&parms) != 0) {
         LOG_ERROR("Create Brix service failed!");
         delete channel;
-        EndProcess();
+        endProcess();
     }
     m_pDmaChan = channel;
-    m_openPath = {channel->StraightPath(spi), this};
+    m_openPath = {channel->straightPath(spi), this};
     m_paths[0] = &m_openPath;
     return 0;
 }
@@ -101,13 +101,13 @@ int CVexoZceMdApiImpl::VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) {
 int CVexoZceMdApiImpl::VexoRecv() {
     // The exit flag chooses what to poll: no branch, and nothing to poll answers like everything unusual.
     OwnPath& path = *m_paths[m_isExit.load(std::memory_order_relaxed)];
-    const int handled = path.poll(path.stream, &CZceDmaChanImpl::StreamEntrance, static_cast<PacketPath*>(&path));
-    if (static_cast<std::uint32_t>(handled) >= path.unusualFrom) return RecvTheFullWay(path, handled);
+    const int handled = path.poll(path.stream, &CZceDmaChanImpl::streamEntrance, static_cast<PacketPath*>(&path));
+    if (static_cast<std::uint32_t>(handled) >= path.unusualFrom) return recvTheFullWay(path, handled);
     return handled;
 }
 
-__attribute__((noinline, cold)) int CVexoZceMdApiImpl::RecvTheFullWay(OwnPath& path, int handled) {
-    if (path.channel != nullptr) return path.channel->FinishUnusual(path, handled);
+__attribute__((noinline, cold)) int CVexoZceMdApiImpl::recvTheFullWay(OwnPath& path, int handled) {
+    if (path.channel != nullptr) return path.channel->finishUnusual(path, handled);
     if (m_isExit.load(std::memory_order_relaxed) != 0 || path.api->m_pDmaChan == nullptr) return -1;
     return path.api->m_pDmaChan->PollOnce();
 }
@@ -124,7 +124,7 @@ int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {
     }
     if (m_pCfgFile->GetDmaChannel() != 0) return 0;
 
-    if (m_bSharedDrv) m_pCfgFile->m_pDrv = m_pDrv = SharedDriver();
+    if (m_bSharedDrv) m_pCfgFile->m_pDrv = m_pDrv = sharedDriver();
     EnyxRegInitParms_t record{static_cast<std::uint16_t>(m_pCfgFile->GetBusId()),
                               static_cast<std::uint16_t>(kRegisterCoreId)};
     if (const int r = m_pDrv != nullptr ? m_pDrv->Init(&record) : -1) {

@@ -33,9 +33,9 @@ private:
     struct OwnPath : PacketPath {
         CVexoZceMdApiImpl* api;
     };
-    static int RecvTheFullWay(OwnPath& path, int handled);
+    static int recvTheFullWay(OwnPath& path, int handled);
 
-    OwnPath m_closedPath{PacketPath::Closed(), this};
+    OwnPath m_closedPath{PacketPath::closed(), this};
     OwnPath m_openPath = m_closedPath;
     OwnPath* m_paths[2] = {&m_closedPath, &m_closedPath};  ///< by the exit flag; the first one opens with VexoStart
 };

@@ -2,7 +2,7 @@
 
 namespace {
 
-int PollNothing(enyx_hw_a2c_stream*, DmaPacketHandler, void*) { return 0; }
+int pollNothing(enyx_hw_a2c_stream*, DmaPacketHandler, void*) { return 0; }
 
 constexpr PacketPath::Callback kCallbacks[PacketPath::kTypes] = {
     [](IVexoZceMdSpi* spi, const unsigned char* payload) { return spi->OnUpSubsResult17(payload); },
@@ -13,8 +13,8 @@ constexpr PacketPath::Callback kCallbacks[PacketPath::kTypes] = {
 
 }  // namespace
 
-PacketPath PacketPath::Open(Poll poll, enyx_hw_a2c_stream* stream, IVexoZceMdSpi* spi, CZceDmaChanImpl* channel) {
+PacketPath PacketPath::open(Poll poll, enyx_hw_a2c_stream* stream, IVexoZceMdSpi* spi, CZceDmaChanImpl* channel) {
     return {poll, stream, kFirstFailure, 0, spi, {kCallbacks[0], kCallbacks[1], kCallbacks[2], kCallbacks[3]}, channel};
 }
 
-PacketPath PacketPath::Closed() { return {PollNothing, nullptr, 0, 0, nullptr, {}, nullptr}; }
+PacketPath PacketPath::closed() { return {pollNothing, nullptr, 0, 0, nullptr, {}, nullptr}; }

@@ -28,7 +28,7 @@ struct PacketPath {
     Callback callbacks[kTypes];  ///< by packet type, beginning with the first
     CZceDmaChanImpl* channel;    ///< null on a closed path
 
-    static PacketPath Open(Poll poll, enyx_hw_a2c_stream* stream, IVexoZceMdSpi* spi, CZceDmaChanImpl* channel);
+    static PacketPath open(Poll poll, enyx_hw_a2c_stream* stream, IVexoZceMdSpi* spi, CZceDmaChanImpl* channel);
     /// Polls nothing, and no result of it is plain: VexoRecv before the start and after a stop signal.
-    static PacketPath Closed();
+    static PacketPath closed();
 };

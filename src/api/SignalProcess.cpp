@@ -14,7 +14,7 @@ namespace {
 constexpr char kLogFile[] = "SignalProcess";
 
 // Record with everything cleared; SIGPIPE's ignore goes in with the flags of the others.
-struct sigaction EmptyAction() {
+struct sigaction emptyAction() {
     struct sigaction action;
     std::memset(&action, 0, sizeof action);
     sigemptyset(&action.sa_mask);
@@ -25,7 +25,7 @@ struct sigaction EmptyAction() {
 }  // namespace
 
 int CSignalProcess::InitSignal() {
-    struct sigaction stop = EmptyAction();
+    struct sigaction stop = emptyAction();
     stop.sa_sigaction = SignalHandler;
     if (::sigaction(SIGINT, &stop, nullptr) != 0) {
         LOG_ERROR("Failed to install SIGINT handle! msg:%s.", std::strerror(errno));
@@ -35,7 +35,7 @@ int CSignalProcess::InitSignal() {
         LOG_ERROR("Failed to install SIGTERM handle! msg:%s.", std::strerror(errno));
         return -1;
     }
-    struct sigaction ignore = EmptyAction();
+    struct sigaction ignore = emptyAction();
     ignore.sa_handler = SIG_IGN;
     if (::sigaction(SIGPIPE, &ignore, nullptr) != 0) {
         LOG_ERROR("Failed to install SIGPIPE handle! msg:%s.", std::strerror(errno));

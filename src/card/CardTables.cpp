@@ -16,11 +16,11 @@ constexpr std::uint32_t kLastClearCommand = 4095 << card_reg::kRowShift;
 constexpr int kUnsubscribePasses = 6;
 constexpr std::uint32_t kWrittenIdWords = 3;  // an id is written with its first 12 characters
 
-const card_reg::TableRegisters& Table(std::uint8_t type) {
+const card_reg::TableRegisters& registersOf(std::uint8_t type) {
     return type == 0 ? card_reg::kTables[card_reg::kSingleLegTable] : card_reg::kTables[card_reg::kCombinationTable];
 }
 
-std::uint32_t RowAddress(std::uint32_t row, std::uint32_t word = card_reg::kMaskWord) {
+std::uint32_t rowAddress(std::uint32_t row, std::uint32_t word = card_reg::kMaskWord) {
     return row << card_reg::kRowShift | word;
 }
 
@@ -38,43 +38,43 @@ CZceFpgaServ::~CZceFpgaServ() = default;
 void CZceFpgaServ::Init(IDrv* drv) { driver = drv; }
 
 void CZceFpgaServ::SubsOneInst(std::uint8_t type, std::uint16_t index, std::uint16_t mask) {
-    WriteMask(type, index, mask, (type == 0 ? oneLegNames : combineNames)[index]);
+    writeMask(type, index, mask, (type == 0 ? oneLegNames : combineNames)[index]);
 }
 
-void CZceFpgaServ::WriteMask(std::uint8_t type, std::uint16_t index, std::uint16_t mask, const std::string& name) {
+void CZceFpgaServ::writeMask(std::uint8_t type, std::uint16_t index, std::uint16_t mask, const std::string& name) {
     if (index > kHighestIndex) {
         // Still written below: operators rely on the error line, the card ignores the row.
         LOG_ERROR("Subscribes:Write to fpga failed ! :chanbit:0x%x, index:%u, instId:%s", mask, index,
                   oneLegNames[index].c_str());
     }
-    const card_reg::TableRegisters& table = Table(type);
+    const card_reg::TableRegisters& table = registersOf(type);
     driver->WriteInt32_LogWithRead(table.data, mask);
-    driver->WriteInt32_LogWithRead(table.command, RowAddress(index));
+    driver->WriteInt32_LogWithRead(table.command, rowAddress(index));
     LOG_INFO("Subscribes:Write to fpga:chanbit:0x%x, index:%u, instId:%s", mask, index, name.c_str());
 }
 
 void CZceFpgaServ::SubsOneInstWithName(std::uint8_t type, const std::string& id, std::uint16_t index) {
     const std::lock_guard<std::mutex> guard(subscribe_mutex);
-    const card_reg::TableRegisters& table = Table(type);
-    driver->WriteInt32_LogWithRead(table.select, RowAddress(index));
+    const card_reg::TableRegisters& table = registersOf(type);
+    driver->WriteInt32_LogWithRead(table.select, rowAddress(index));
     std::uint32_t mask = 0;
     driver->ReadInt32(table.readBack, mask);
     mask |= 1U << (channel % 32);
     driver->WriteInt32_LogWithRead(table.data, mask);
-    driver->WriteInt32_LogWithRead(table.command, RowAddress(index));
+    driver->WriteInt32_LogWithRead(table.command, rowAddress(index));
 
     std::uint32_t words[card_reg::kIdWords];
     conToAscii(id.c_str(), words);
     for (std::uint32_t w = 0; w < kWrittenIdWords; ++w) {
         driver->WriteInt32_LogWithRead(table.data, words[w]);
-        driver->WriteInt32_LogWithRead(table.command, RowAddress(index, card_reg::kFirstIdWord + w));
+        driver->WriteInt32_LogWithRead(table.command, rowAddress(index, card_reg::kFirstIdWord + w));
     }
 }
 
 bool CZceFpgaServ::IsSubscribeOk(std::uint8_t type, std::uint16_t index, std::uint16_t expected) {
     const std::lock_guard<std::mutex> guard(subscribe_mutex);
-    const card_reg::TableRegisters& table = Table(type);
-    driver->WriteInt32_LogWithRead(table.select, RowAddress(index));
+    const card_reg::TableRegisters& table = registersOf(type);
+    driver->WriteInt32_LogWithRead(table.select, rowAddress(index));
     std::uint32_t value = 0;
     driver->ReadInt32(table.readBack, value);
     if ((expected & value) != 0) return true;
@@ -105,7 +105,7 @@ void CZceFpgaServ::UnSubsAllInsts() {
         for (const card_reg::TableRegisters& table : card_reg::kTables) {
             for (std::uint32_t row = 0; row < card_reg::kRows; ++row) {
                 driver->WriteInt32(table.data, 0);
-                driver->WriteInt32(table.command, RowAddress(row));
+                driver->WriteInt32(table.command, rowAddress(row));
             }
         }
     }
@@ -115,7 +115,7 @@ void CZceFpgaServ::UnSubsAllInsts() {
 void CZceFpgaServ::ResetFpga() {
     if (channel != 0) return;
     driver->WriteInt32_Log(card_reg::kReset, 1);
-    SleepSeconds(1);
+    sleepSeconds(1);
     driver->WriteInt32_Log(card_reg::kReset, 0);
     ClearAllInstTable();
     m_bReseted = true;

@@ -67,7 +67,7 @@ public:
     void StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan);
     /// Stores an instrument for several channels, bit n for channel n, and subscribes it for one after the other: each
     /// time the row is written with the mask that it has by then, and read back.
-    void SubscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id, std::uint32_t channels);
+    void subscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id, std::uint32_t channels);
     /// Writes the merged masks to the card and reads them back.
     void SubsFromGlobInsts();
 
@@ -86,9 +86,9 @@ public:
     static std::mutex subscribe_mutex;
 
 private:
-    void WriteMask(std::uint8_t type, std::uint16_t index, std::uint16_t mask, const std::string& name);
-    void FetchRow(std::uint8_t type, std::uint32_t row, std::string& previous);
-    std::string ReadRowId(std::uint8_t type, std::uint32_t row);
+    void writeMask(std::uint8_t type, std::uint16_t index, std::uint16_t mask, const std::string& name);
+    void fetchRow(std::uint8_t type, std::uint32_t row, std::string& previous);
+    std::string readRowId(std::uint8_t type, std::uint32_t row);
 };
 
 }  // namespace Vexo2_U50

@@ -10,8 +10,8 @@ namespace {
 
 constexpr char kLogFile[] = "DataType";
 
-unsigned int Count(const IndexToInstId& insts) { return static_cast<unsigned int>(insts.size()); }
-unsigned int Count(const IndexToChanBit& rows) { return static_cast<unsigned int>(rows.size()); }
+unsigned int count(const IndexToInstId& insts) { return static_cast<unsigned int>(insts.size()); }
+unsigned int count(const IndexToChanBit& rows) { return static_cast<unsigned int>(rows.size()); }
 
 }  // namespace
 
@@ -24,7 +24,7 @@ void CZceFpgaServ::StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::
     names[index] = std::move(id);
 }
 
-void CZceFpgaServ::SubscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id,
+void CZceFpgaServ::subscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id,
                                         std::uint32_t channels) {
     unsigned int mask = 0;
     const std::string* name = nullptr;  // entries of the maps stay where they are
@@ -41,7 +41,7 @@ void CZceFpgaServ::SubscribeForChannels(std::uint8_t type, std::uint16_t index, 
     for (std::uint32_t chan = 0; chan < card_reg::kChannels; ++chan) {
         if ((channels >> chan & 1) == 0) continue;
         mask |= 1U << chan;
-        WriteMask(type, index, static_cast<std::uint16_t>(mask), *name);
+        writeMask(type, index, static_cast<std::uint16_t>(mask), *name);
         IsSubscribeOk(type, index, static_cast<std::uint16_t>(mask));
     }
 }
@@ -51,8 +51,8 @@ void CZceFpgaServ::StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combin
     const IndexToInstId oneLegInsts = oneLeg;
     const IndexToInstId combineInsts = combine;
     const auto number = static_cast<int>(chan);
-    LOG_INFO("[channel:%d] Record func:Meeting conditions count is:OneLeg:%u, Combine:%u.", number, Count(oneLegInsts),
-             Count(combineInsts));
+    LOG_INFO("[channel:%d] Record func:Meeting conditions count is:OneLeg:%u, Combine:%u.", number, count(oneLegInsts),
+             count(combineInsts));
     if (oneLegInsts.empty() && combineInsts.empty())
         LOG_INFO("[channel:%d] Matched subs inst count is 0. you doesn't subscribe inst.", number);
     for (const auto& [index, id] : oneLegInsts) StoreInstToGlob(card_reg::kSingleLegTable, index, id, chan);
@@ -60,8 +60,8 @@ void CZceFpgaServ::StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combin
 }
 
 void CZceFpgaServ::SubsFromGlobInsts() {
-    LOG_WARN("Subscribe:Meeting conditions count is:OneLeg:%u, Combine:%u. Now write to fpga!", Count(oneLegChanBits),
-             Count(combineChanBits));
+    LOG_WARN("Subscribe:Meeting conditions count is:OneLeg:%u, Combine:%u. Now write to fpga!", count(oneLegChanBits),
+             count(combineChanBits));
     if (oneLegChanBits.empty() && combineChanBits.empty()) {
         LOG_INFO(
             "Warning !! The number of contracts that comply with the subscription rules is 0. You subscribe no "

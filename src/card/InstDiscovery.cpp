@@ -24,7 +24,7 @@ constexpr int kReadAttempts = 8;
 struct ParserCounters {
     std::uint32_t values[std::size(card_reg::kParserCounters)] = {};
 
-    static ParserCounters Read(IDrv& drv) {
+    static ParserCounters read(IDrv& drv) {
         ParserCounters counters;
         for (std::size_t i = 0; i < std::size(counters.values); ++i)
             drv.ReadInt32(card_reg::kParserCounters[i], counters.values[i]);
@@ -38,20 +38,20 @@ struct ParserCounters {
 }  // namespace
 
 void CZceFpgaServ::UpdateTimeStamp() {
-    const std::uint32_t date = local_time::Date(local_time::Now());
+    const std::uint32_t date = local_time::date(local_time::now());
     driver->WriteInt32(card_reg::kTradingDate, date);
     LOG_INFO("Update fpga addr 0x106 to %u over", date);
 }
 
 bool CZceFpgaServ::bDataEqual(std::uint32_t* cardDate, std::uint32_t* sysDate) {
-    *sysDate = local_time::Date(local_time::Now());
+    *sysDate = local_time::date(local_time::now());
     driver->ReadInt32(card_reg::kTradingDate, *cardDate);
     return *cardDate == *sysDate;
 }
 
 std::uint32_t CZceFpgaServ::GetRealTime() {
     const auto number = static_cast<int>(channel);
-    const std::uint32_t sys = local_time::TimeOfDay(local_time::Now());
+    const std::uint32_t sys = local_time::timeOfDay(local_time::now());
     std::uint32_t card = 0;
     std::uint32_t cardDate = 0;
     std::uint32_t sysDate = 0;
@@ -80,18 +80,18 @@ bool CZceFpgaServ::FpgaCounterEqual() {
     LOG_INFO("0x11 register value:0x%x", decoding);
     if (decoding == 0) return false;
 
-    const ParserCounters reference = ParserCounters::Read(*driver);
+    const ParserCounters reference = ParserCounters::read(*driver);
     bool equal = true;
     for (int pass = 0; pass < 2; ++pass) {
-        SleepSeconds(1);
-        if (!(ParserCounters::Read(*driver) == reference)) equal = false;
+        sleepSeconds(1);
+        if (!(ParserCounters::read(*driver) == reference)) equal = false;
     }
     if (equal) LOG_INFO("Fpga parse static count doesn't change!");
     return equal;
 }
 
 // The card gives the id back last word first.
-std::string CZceFpgaServ::ReadRowId(std::uint8_t type, std::uint32_t row) {
+std::string CZceFpgaServ::readRowId(std::uint8_t type, std::uint32_t row) {
     const card_reg::TableRegisters& table = card_reg::kTables[type];
     char id[kIdBytes + 1] = {};
     for (std::uint32_t i = 0; i < card_reg::kIdWords; ++i) {
@@ -111,14 +111,14 @@ void CZceFpgaServ::FetchAllInst() {
     // a row that first reads empty is taken at once when it then shows that id.
     std::string previous;
     for (std::uint8_t type = 0; type < std::size(card_reg::kTables); ++type) {
-        for (std::uint32_t row = 0; row < kFetchedRows; ++row) FetchRow(type, row, previous);
+        for (std::uint32_t row = 0; row < kFetchedRows; ++row) fetchRow(type, row, previous);
     }
     LOG_INFO("New round, fetch from fpga, inst count:%u.", static_cast<unsigned int>(instIdToIndex.size()));
 }
 
-void CZceFpgaServ::FetchRow(std::uint8_t type, std::uint32_t row, std::string& previous) {
+void CZceFpgaServ::fetchRow(std::uint8_t type, std::uint32_t row, std::string& previous) {
     for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
-        std::string id = ReadRowId(type, row);
+        std::string id = readRowId(type, row);
         if (id.empty()) continue;
         if (attempt == 0 || id != previous) {
             previous = std::move(id);

@@ -27,7 +27,7 @@ struct TimeWindow {
     std::uint32_t first;
     std::uint32_t last;
 
-    bool Contains(std::uint32_t t) const { return t >= first && t <= last; }
+    bool contains(std::uint32_t t) const { return t >= first && t <= last; }
 };
 
 constexpr std::uint32_t kBeforeMorning = 80000;  // up to here the card still holds yesterday's instruments
@@ -41,11 +41,11 @@ constexpr TimeWindow kMorningAuction = {85510, 93000};
 // Channel-0 objects share the one register driver of the process; the last of them ends it.
 class DriverUsers {
 public:
-    void Add(IDrv* drv) {
+    void add(IDrv* drv) {
         const std::lock_guard<std::mutex> guard(m_mutex);
         ++m_users[drv];
     }
-    void Remove(IDrv* drv) {
+    void remove(IDrv* drv) {
         const std::lock_guard<std::mutex> guard(m_mutex);
         if (--m_users[drv] > 0) return;
         m_users.erase(drv);
@@ -57,7 +57,7 @@ private:
     std::map<IDrv*, int> m_users;
 };
 
-DriverUsers& Users() {
+DriverUsers& users() {
     static auto* users = new DriverUsers;  // never destroyed: channels may end after the library's statics
     return *users;
 }
@@ -70,7 +70,7 @@ CZceDmaChanImpl::CZceDmaChanImpl(IDrv* drv, CVexoZceMdApiImpl* api, Vexo2_U50::C
 CZceDmaChanImpl::~CZceDmaChanImpl() {
     delete m_pDma;
     if (m_uiChannel == 0) {
-        Users().Remove(m_pDrv);
+        users().remove(m_pDrv);
         m_pDrv = nullptr;
     }
 }
@@ -80,17 +80,17 @@ int CZceDmaChanImpl::Init(Vexo2_U50::ZceDmaInitParms_t* /*parms*/) {
     if (!m_pCfgFile->bIsMasterChannel()) return 0;
     if (ChkBinFileAuthority() != 0) return -1;
     m_uiChannel = m_pCfgFile->GetDmaChannel();
-    Users().Add(m_pDrv);
+    users().add(m_pDrv);
 
-    if (CreateServices() != 0) return -1;
+    if (createServices() != 0) return -1;
     ChkAndRst();
-    if (CheckVersionAndConfigure() != 0) return -1;
+    if (checkVersionAndConfigure() != 0) return -1;
     m_pFpgaServ->UpdateTimeStamp();
     m_pFpgaServ->UnSubsAllInsts();
     return 0;
 }
 
-int CZceDmaChanImpl::CreateServices() {
+int CZceDmaChanImpl::createServices() {
     m_pFpgaServ = new (std::nothrow) Vexo2_U50::CZceFpgaServ(m_mapInstIdx, m_uiChannel);
     if (m_pFpgaServ == nullptr) {
         LOG_ERROR("New fpga service fail");
@@ -111,7 +111,7 @@ int CZceDmaChanImpl::CreateServices() {
     return 0;
 }
 
-int CZceDmaChanImpl::CheckVersionAndConfigure() {
+int CZceDmaChanImpl::checkVersionAndConfigure() {
     m_pCfgFile->ShowVersion();
     m_pCfgFile->AddVersionInfo();
     if (m_pCfgFile->Chk_SysVersion() != 0) return -1;
@@ -142,12 +142,12 @@ int CZceDmaChanImpl::ChkBinFileAuthority() {
 }
 
 void CZceDmaChanImpl::ChkAndRst() {
-    if (!IsResetDue()) return;
+    if (!isResetDue()) return;
     m_pFpgaServ->ResetFpga();
     m_pFpgaServ->ClearAllInstTable();
 }
 
-bool CZceDmaChanImpl::IsResetDue() {
+bool CZceDmaChanImpl::isResetDue() {
     std::uint32_t fpgaDate = 0;
     std::uint32_t sysDate = 0;
     const bool today = m_pFpgaServ->bDataEqual(&fpgaDate, &sysDate);
@@ -158,10 +158,10 @@ bool CZceDmaChanImpl::IsResetDue() {
     if (!m_pFpgaServ->bDataEqual(&fpgaDate, &sysDate)) return false;  // midnight passed since
     if (t <= kBeforeMorning) return true;
     for (const TimeWindow& trading : kTradingWindows) {
-        if (trading.Contains(t) && m_pFpgaServ->FpgaCounterEqual()) return true;
+        if (trading.contains(t) && m_pFpgaServ->FpgaCounterEqual()) return true;
     }
     for (const TimeWindow& closed : kClosedWindows) {
-        if (closed.Contains(t)) return true;
+        if (closed.contains(t)) return true;
     }
     return false;
 }
@@ -205,20 +205,20 @@ int CZceDmaChanImpl::InitDma(Vexo2_U50::ZceDmaInitParms_t* parms) {
 
 int CZceDmaChanImpl::PollOnce() {
     m_pDma->RecvOnce(reinterpret_cast<void*>(&CZceDmaChanImpl::DmaEntrance), this);
-    if (m_callbackError) RethrowCallbackError();
+    if (m_callbackError) rethrowCallbackError();
     const std::uint32_t received = m_bRecvData;
     m_bRecvData = 0;
     return static_cast<int>(received);
 }
 
-PacketPath CZceDmaChanImpl::StraightPath(IVexoZceMdSpi& spi) {
-    return PacketPath::Open(CDrvDMAEnyx::kPoll, static_cast<CDrvDMAEnyx*>(m_pDma)->Stream(), &spi, this);
+PacketPath CZceDmaChanImpl::straightPath(IVexoZceMdSpi& spi) {
+    return PacketPath::open(CDrvDMAEnyx::kPoll, static_cast<CDrvDMAEnyx*>(m_pDma)->stream(), &spi, this);
 }
 
-int CZceDmaChanImpl::FinishUnusual(PacketPath& path, int handled) {
+int CZceDmaChanImpl::finishUnusual(PacketPath& path, int handled) {
     const bool delivered = handled > 0 && path.unusualFrom != 0;
     path.unusualFrom = PacketPath::kFirstFailure;
-    if (m_callbackError) RethrowCallbackError();
+    if (m_callbackError) rethrowCallbackError();
     return delivered ? 1 : 0;
 }
 
@@ -232,12 +232,12 @@ int CZceDmaChanImpl::KeepRecv(DmaPacketHandler handler, bool* run, void* ctx) {
     m_pDma->RegisterHandler(reinterpret_cast<void*>(&CZceDmaChanImpl::DmaEntrance), this);
     while (*run) {
         m_pDma->RecvOnceCb();
-        if (m_callbackError) RethrowCallbackError();
+        if (m_callbackError) rethrowCallbackError();
     }
     return 0;
 }
 
-void CZceDmaChanImpl::RethrowCallbackError() {
+void CZceDmaChanImpl::rethrowCallbackError() {
     std::exception_ptr error;
     error.swap(m_callbackError);
     std::rethrow_exception(error);
@@ -262,8 +262,8 @@ int CZceDmaChanImpl::IsCallTimeExpired() {
     }
     // A feed whose stamp has not moved since the first call is dead: the other one tells the time.
     const std::uint32_t v = a == reference ? b : a;
-    const TimeWindow& auction = local_time::Now().tm_hour > kLastAfternoonHour ? kEveningAuction : kMorningAuction;
-    if (!auction.Contains(v)) return 0;
+    const TimeWindow& auction = local_time::now().tm_hour > kLastAfternoonHour ? kEveningAuction : kMorningAuction;
+    if (!auction.contains(v)) return 0;
     g_uiContractSettleTm = v;
     return 1;
 }

@@ -49,9 +49,9 @@ public:
     /// here.
     int PollOnce();
     /// The straight way of this channel's packets, once the stream is open.
-    PacketPath StraightPath(IVexoZceMdSpi& spi);
+    PacketPath straightPath(IVexoZceMdSpi& spi);
     /// The result of a poll that the straight way did not see through; throws on what a callback threw.
-    int FinishUnusual(PacketPath& path, int handled);
+    int finishUnusual(PacketPath& path, int handled);
     /// Polls until @p run is false. The given handler is kept, not called: packets go the usual way.
     int KeepRecv(DmaPacketHandler handler, bool* run, void* ctx);
     void ChkAndRst();
@@ -63,7 +63,7 @@ public:
     // ---- packets ----
     static void DmaEntrance(const unsigned char* pkt, unsigned int len, void* ctx);
     /// The same for a PacketPath: an ordinary market-data packet goes straight to its callback, others to DmaEntrance.
-    static void StreamEntrance(const unsigned char* pkt, unsigned int len, void* ctx);
+    static void streamEntrance(const unsigned char* pkt, unsigned int len, void* ctx);
     int HandleContMapPkt(const unsigned char* pkt, unsigned int len, void* ctx);
     int HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* ctx);
     int CheckConfigInst();
@@ -98,17 +98,17 @@ public:
     static std::atomic<std::uint32_t>& g_uiContractSettleTm;  ///< CBrixBinFile::m_uiSettleTime
 
 private:
-    bool IsResetDue();
-    int CreateServices();
-    int CheckVersionAndConfigure();
-    int CheckConfigOfChannel(std::uint32_t chan, bool& allReceived);
-    static void HandleTheFullWay(const unsigned char* pkt, unsigned int len, PacketPath& path);
-    static void KeepCallbackError(PacketPath& path);
-    static void RegisterSignalsOnce();
-    static int RejectShortPacket(unsigned int len);
-    static int RejectUnknownPacket(const unsigned char* pkt, unsigned int len);
-    void IgnoreContractMap();
-    void RethrowCallbackError();
+    bool isResetDue();
+    int createServices();
+    int checkVersionAndConfigure();
+    int checkConfigOfChannel(std::uint32_t chan, bool& allReceived);
+    static void handleTheFullWay(const unsigned char* pkt, unsigned int len, PacketPath& path);
+    static void keepCallbackError(PacketPath& path);
+    static void registerSignalsOnce();
+    static int rejectShortPacket(unsigned int len);
+    static int rejectUnknownPacket(const unsigned char* pkt, unsigned int len);
+    void ignoreContractMap();
+    void rethrowCallbackError();
 
     std::exception_ptr m_callbackError;  ///< what a callback threw inside the poll that is under way
     bool m_bMapIgnoredLogged = false;

@@ -41,15 +41,15 @@ constexpr std::size_t kMinSubscribedId = 5;
 constexpr std::uint64_t kProgressStep = 8192;
 constexpr std::uint64_t kAllReceivedCount = 24576;
 
-std::uint32_t PacketType(const unsigned char* pkt) {
+std::uint32_t packetType(const unsigned char* pkt) {
     std::uint32_t type;
     std::memcpy(&type, pkt, sizeof type);
     return type;
 }
 
-unsigned int BigEndian16(const unsigned char* p) { return static_cast<unsigned int>(p[0] << 8 | p[1]); }
+unsigned int bigEndian16(const unsigned char* p) { return static_cast<unsigned int>(p[0] << 8 | p[1]); }
 
-std::chrono::system_clock::time_point SystemNow() {
+std::chrono::system_clock::time_point systemNow() {
     std::timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     const auto sinceEpoch = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
@@ -65,10 +65,10 @@ __attribute__((no_sanitize("null"))) void CZceDmaChanImpl::DmaEntrance(const uns
     auto* self = static_cast<CZceDmaChanImpl*>(ctx);
     try {
         if (len < kTypeSize) {
-            self->RejectShortPacket(len);
+            self->rejectShortPacket(len);
             return;
         }
-        const std::uint32_t type = PacketType(pkt);
+        const std::uint32_t type = packetType(pkt);
         if (type >= kFirstMarketData && type <= kLastMarketData) {
             self->HandleUpSubsResult(pkt, len, ctx);
         } else if (type == kTypeContractMap) {
@@ -85,22 +85,22 @@ __attribute__((no_sanitize("null"))) void CZceDmaChanImpl::DmaEntrance(const uns
 }
 
 // The packets of a day but a few hundred end here: what an ordinary one does not need is elsewhere.
-__attribute__((no_sanitize("null"))) void CZceDmaChanImpl::StreamEntrance(const unsigned char* pkt, unsigned int len,
+__attribute__((no_sanitize("null"))) void CZceDmaChanImpl::streamEntrance(const unsigned char* pkt, unsigned int len,
                                                                           void* ctx) {
     auto& path = *static_cast<PacketPath*>(ctx);
-    if (len < kPacketHeadSize) return HandleTheFullWay(pkt, len, path);
-    const std::uint32_t slot = PacketType(pkt) - kFirstMarketData;
-    if (slot >= path.straightTypes) return HandleTheFullWay(pkt, len, path);
+    if (len < kPacketHeadSize) return handleTheFullWay(pkt, len, path);
+    const std::uint32_t slot = packetType(pkt) - kFirstMarketData;
+    if (slot >= path.straightTypes) return handleTheFullWay(pkt, len, path);
     try {
         path.callbacks[slot](path.spi, pkt + kPacketHeadSize);
     } catch (const abi::__forced_unwind&) {
         throw;
     } catch (...) {
-        KeepCallbackError(path);
+        keepCallbackError(path);
     }
 }
 
-__attribute__((noinline, cold)) void CZceDmaChanImpl::HandleTheFullWay(const unsigned char* pkt, unsigned int len,
+__attribute__((noinline, cold)) void CZceDmaChanImpl::handleTheFullWay(const unsigned char* pkt, unsigned int len,
                                                                        PacketPath& path) {
     CZceDmaChanImpl& self = *path.channel;
     DmaEntrance(pkt, len, &self);
@@ -109,17 +109,17 @@ __attribute__((noinline, cold)) void CZceDmaChanImpl::HandleTheFullWay(const uns
     if (m_bSignalRegister.load(std::memory_order_relaxed)) path.straightTypes = PacketPath::kTypes;
 }
 
-__attribute__((noinline, cold)) void CZceDmaChanImpl::KeepCallbackError(PacketPath& path) {
+__attribute__((noinline, cold)) void CZceDmaChanImpl::keepCallbackError(PacketPath& path) {
     path.channel->m_callbackError = std::current_exception();
     path.unusualFrom = 0;
 }
 
 int CZceDmaChanImpl::HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {
-    if (len < kTypeSize) return RejectShortPacket(len);
-    const std::uint32_t type = PacketType(pkt);
-    if (type < kFirstMarketData || type > kLastMarketData) return RejectUnknownPacket(pkt, len);
-    if (!m_bSignalRegister.load(std::memory_order_relaxed)) RegisterSignalsOnce();
-    if (len < kPacketHeadSize) return RejectShortPacket(len);
+    if (len < kTypeSize) return rejectShortPacket(len);
+    const std::uint32_t type = packetType(pkt);
+    if (type < kFirstMarketData || type > kLastMarketData) return rejectUnknownPacket(pkt, len);
+    if (!m_bSignalRegister.load(std::memory_order_relaxed)) registerSignalsOnce();
+    if (len < kPacketHeadSize) return rejectShortPacket(len);
 
     IVexoZceMdSpi* spi = m_pApi->m_pSpi;
     const unsigned char* payload = pkt + kPacketHeadSize;
@@ -135,18 +135,18 @@ int CZceDmaChanImpl::HandleUpSubsResult(const unsigned char* pkt, unsigned int l
 }
 
 // Caught only from here on: until market data flows, a stop signal ends a hanging start-up at once.
-__attribute__((noinline, cold)) void CZceDmaChanImpl::RegisterSignalsOnce() {
+__attribute__((noinline, cold)) void CZceDmaChanImpl::registerSignalsOnce() {
     if (m_bSignalRegister.exchange(true)) return;
     CSignalProcess::InitSignal();
 }
 
-__attribute__((noinline, cold)) int CZceDmaChanImpl::RejectShortPacket(unsigned int len) {
+__attribute__((noinline, cold)) int CZceDmaChanImpl::rejectShortPacket(unsigned int len) {
     LOG_WARN("Unexpect dma size, size %u", len);
     return 0;
 }
 
-__attribute__((noinline, cold)) int CZceDmaChanImpl::RejectUnknownPacket(const unsigned char* pkt, unsigned int len) {
-    LOG_ERROR("Unsupported dma type, type:%u.", PacketType(pkt));
+__attribute__((noinline, cold)) int CZceDmaChanImpl::rejectUnknownPacket(const unsigned char* pkt, unsigned int len) {
+    LOG_ERROR("Unsupported dma type, type:%u.", packetType(pkt));
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::string dump;  // written at once: other threads' lines stay out of it
     for (unsigned int i = 0; i < len; ++i) {
@@ -158,21 +158,21 @@ __attribute__((noinline, cold)) int CZceDmaChanImpl::RejectUnknownPacket(const u
 }
 
 int CZceDmaChanImpl::HandleContMapPkt(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {
-    if (len < kMapPacketMinSize) return RejectShortPacket(len);
+    if (len < kMapPacketMinSize) return rejectShortPacket(len);
     if (m_pContractServ == nullptr) {
-        IgnoreContractMap();
+        ignoreContractMap();
         return 0;
     }
     GetConfig();
     LoadtoMapFromMac(pkt, len);
     if (!m_bCfgInsSuccess && CheckConfigInst() == 0) {
         m_bCfgInsSuccess = true;
-        m_tCfgSuccTime = SystemNow();
+        m_tCfgSuccTime = systemNow();
         LOG_INFO("check config is success. m_bCfgInsSuccess is %d.", 1);
     }
     if (!m_bCfgInsSuccess) return 0;
 
-    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(SystemNow() - m_tCfgSuccTime).count();
+    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(systemNow() - m_tCfgSuccTime).count();
     if (elapsed > static_cast<long>(m_pCfgFile->m_binDelayTime) * 60) {
         m_pFpgaServ->FpgaCloseTrans();
         m_pBinFile->WriteBinFileEnd();
@@ -181,7 +181,7 @@ int CZceDmaChanImpl::HandleContMapPkt(const unsigned char* pkt, unsigned int len
     return 0;
 }
 
-void CZceDmaChanImpl::IgnoreContractMap() {
+void CZceDmaChanImpl::ignoreContractMap() {
     if (m_bMapIgnoredLogged) return;
     m_bMapIgnoredLogged = true;
     LOG_WARN("[channel:%d] Contract map packets are ignored, only channel 0 learns the map!",
@@ -190,7 +190,7 @@ void CZceDmaChanImpl::IgnoreContractMap() {
 
 void CZceDmaChanImpl::LoadtoMapFromMac(const unsigned char* pkt, unsigned int len) {
     if (len < kMapArea) return;
-    const unsigned int end = kMapArea + BigEndian16(pkt + kMapAreaLength) - 1;
+    const unsigned int end = kMapArea + bigEndian16(pkt + kMapAreaLength) - 1;
     unsigned int pos = kMapArea;
     for (unsigned int msgNo = 0; pos < end; ++msgNo) {
         unsigned int msgLen = 0;
@@ -208,12 +208,12 @@ int CZceDmaChanImpl::LoadtoMapFromEachMsg(const unsigned char* msg, unsigned int
                                           unsigned int& msgLen) {
     const MessageHeader& header = msgNo == 0 ? kFirstHeader : kLaterHeader;
     if (room < kMessageLengthSize) return -1;
-    msgLen = BigEndian16(msg);
+    msgLen = bigEndian16(msg);
     if (msgLen < header.id || msgLen > room) return -1;
 
     const auto* text = reinterpret_cast<const char*>(msg + header.id);
     const std::string instId(text, ::strnlen(text, std::min<std::size_t>(msgLen - header.id, kMaxIdLength)));
-    LoadtomapFrmParsedMsg(instId, msg[header.flag], static_cast<unsigned short>(BigEndian16(msg + header.index)),
+    LoadtomapFrmParsedMsg(instId, msg[header.flag], static_cast<unsigned short>(bigEndian16(msg + header.index)),
                           msgNo);
     return 0;
 }
@@ -228,20 +228,20 @@ void CZceDmaChanImpl::LoadtomapFrmParsedMsg(const std::string& instId, unsigned 
     if (!m_mapInstIdx.try_emplace(instId, index).second) return;  // the first index of an id wins
     m_pBinFile->WriteBinFileInst(instId, index);
     const std::string instClass = instId.substr(0, 2);
-    if (!Contains(m_vecRecvClass, instClass)) m_vecRecvClass.push_back(instClass);
+    if (!contains(m_vecRecvClass, instClass)) m_vecRecvClass.push_back(instClass);
     IncreQuoteSub(instId, index);
 }
 
 void CZceDmaChanImpl::IncreQuoteSub(const std::string& instId, unsigned short index) {
     if (instId.size() < kMinSubscribedId) return;
-    const unsigned int channels = m_pContractServ->WantedBy(instId);
-    if (channels != 0) m_pFpgaServ->SubscribeForChannels(TableOf(instId), index, instId, channels);
+    const unsigned int channels = m_pContractServ->wantedBy(instId);
+    if (channels != 0) m_pFpgaServ->subscribeForChannels(tableOf(instId), index, instId, channels);
 }
 
 int CZceDmaChanImpl::CheckConfigInst() {
     for (std::uint32_t chan = 0; chan < card_reg::kChannels; ++chan) {
         bool allReceived = false;
-        const int result = CheckConfigOfChannel(chan, allReceived);
+        const int result = checkConfigOfChannel(chan, allReceived);
         if (result != 0 || allReceived) return result;
     }
     return 0;
@@ -249,7 +249,7 @@ int CZceDmaChanImpl::CheckConfigInst() {
 
 // 0 when the channel's classes and ids have all been announced. @p allReceived: the whole exchange has been, which
 // settles the channels behind this one too.
-int CZceDmaChanImpl::CheckConfigOfChannel(std::uint32_t chan, bool& allReceived) {
+int CZceDmaChanImpl::checkConfigOfChannel(std::uint32_t chan, bool& allReceived) {
     const Vexo2_U50::ZceSubsInfo_t& rules = m_pCfgFile->getArrayReference()[chan];
     LOG_INFO("channel is %d, m_SubsContractClass size is %d, m_SubsContractId is %d.", static_cast<int>(chan),
              static_cast<int>(rules.m_SubsContractClass.size()), static_cast<int>(rules.m_SubsContractId.size()));
@@ -260,7 +260,7 @@ int CZceDmaChanImpl::CheckConfigOfChannel(std::uint32_t chan, bool& allReceived)
             LOG_INFO("all inst not recv success, inst type is %s.", cls.c_str());
             return -2;
         }
-        if (!Contains(m_vecRecvClass, cls)) {
+        if (!contains(m_vecRecvClass, cls)) {
             LOG_INFO("Prefix is %s.", cls.c_str());
             return -1;
         }

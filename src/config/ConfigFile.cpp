@@ -25,12 +25,12 @@ constexpr int kDefaultBinDelay = 15;  // minutes
 constexpr int kNoCpu = -1;
 
 // A number of the device value in 32 bits. One that does not fit must not come out as a valid bus or channel.
-std::uint32_t Narrow(long number) {
+std::uint32_t narrow(long number) {
     return number >= INT_MIN && number <= INT_MAX ? static_cast<std::uint32_t>(number) : kFailure;
 }
 
 // iniparser reads whatever it is given to its end: a device or a FIFO may have none.
-bool IsReadableToItsEnd(const char* path) {
+bool isReadableToItsEnd(const char* path) {
     struct stat status;
     return ::stat(path, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
 }
@@ -58,7 +58,7 @@ std::uint32_t CZceConfigFile::Init() {
         return kFailure;
     }
     iniparser_freedict(m_pDict);
-    m_pDict = IsReadableToItsEnd(m_strIniPath.c_str()) ? iniparser_load(m_strIniPath.c_str()) : nullptr;
+    m_pDict = isReadableToItsEnd(m_strIniPath.c_str()) ? iniparser_load(m_strIniPath.c_str()) : nullptr;
     if (m_pDict == nullptr) {
         LOG_ERROR("Failed to load file %s", m_strIniPath.c_str());
         return kFailure;
@@ -67,33 +67,33 @@ std::uint32_t CZceConfigFile::Init() {
         LOG_ERROR("Get dma chan fail!");
         return kFailure;
     }
-    m_binDelayTime = static_cast<std::uint32_t>(GetInt("config:BIN_DELAY_TIME", kDefaultBinDelay));
+    m_binDelayTime = static_cast<std::uint32_t>(getInt("config:BIN_DELAY_TIME", kDefaultBinDelay));
     LOG_INFO("config ini, m_binDelayTime is %d", static_cast<int>(m_binDelayTime));
     LOG_INFO("Successful load confie file %s", m_strIniPath.c_str());
     return 0;
 }
 
 // Scans "xilinx<bus>:<channel>" and keeps the bus. Returns how many of the two numbers there were.
-int CZceConfigFile::ScanDevice(const std::string& device, std::uint32_t& channel) {
+int CZceConfigFile::scanDevice(const std::string& device, std::uint32_t& channel) {
     long busNumber = 0;
     long channelNumber = 0;
     const int scanned = std::sscanf(device.c_str(), "xilinx%ld:%ld", &busNumber, &channelNumber);
-    if (scanned >= 1) m_uiBusId = Narrow(busNumber);
-    if (scanned >= 2) channel = Narrow(channelNumber);
+    if (scanned >= 1) m_uiBusId = narrow(busNumber);
+    if (scanned >= 2) channel = narrow(channelNumber);
     return scanned;
 }
 
 std::uint32_t CZceConfigFile::GetDmaChannel() {
     if (m_uiChannelId != kChannelNotParsed) return m_uiChannelId;
 
-    const char* value = GetString("config:device");
+    const char* value = getString("config:device");
     const std::string device = value != nullptr ? value : "";
     std::string folded = device;
     std::transform(folded.begin(), folded.end(), folded.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
 
     // What the scan stored stays, also when it is refused below: a later call then returns it unparsed.
-    const int scanned = ScanDevice(folded, m_uiChannelId);
+    const int scanned = scanDevice(folded, m_uiChannelId);
     if (scanned != 2 || m_uiChannelId >= card_reg::kChannels || m_uiBusId > kMaxBus) {
         std::printf("Error! Invalid parameter! Input: %s \n", device.c_str());
         return kFailure;
@@ -103,10 +103,10 @@ std::uint32_t CZceConfigFile::GetDmaChannel() {
 }
 
 std::uint32_t CZceConfigFile::GetBusId() {
-    const char* value = GetString("config:device");
+    const char* value = getString("config:device");
     const std::string device = value != nullptr ? value : "";
     std::uint32_t channel = 0;
-    if (ScanDevice(device, channel) == 2) {
+    if (scanDevice(device, channel) == 2) {
         LOG_INFO("[channel:%d] Busid:%d, ChannelId:%d.", static_cast<int>(m_uiChannelId), static_cast<int>(m_uiBusId),
                  static_cast<int>(channel));
     } else {
@@ -117,7 +117,7 @@ std::uint32_t CZceConfigFile::GetBusId() {
 
 void CZceConfigFile::BindCpu() {
     const auto channel = static_cast<int>(m_uiChannelId);
-    const int cpu = GetInt("config:cpucore", kNoCpu);
+    const int cpu = getInt("config:cpucore", kNoCpu);
     if (cpu == kNoCpu) {
         LOG_INFO("[channel:%d] Doesn't need to bind cpu.", channel);
         return;
@@ -133,8 +133,8 @@ void CZceConfigFile::BindCpu() {
     }
 }
 
-bool CZceConfigFile::IsFeedDisabled(const char* key) const {
-    const char* value = GetString(key);
+bool CZceConfigFile::isFeedDisabled(const char* key) const {
+    const char* value = getString(key);
     if (value == nullptr) return false;
     LOG_INFO("%s=%s.", key, value);
     return std::strcmp(value, "disabled") == 0;
@@ -142,8 +142,8 @@ bool CZceConfigFile::IsFeedDisabled(const char* key) const {
 
 void CZceConfigFile::DumpDevInfo() {
     std::uint32_t feeds = 3;
-    if (IsFeedDisabled("config:czce_level1")) feeds &= ~2U;
-    if (IsFeedDisabled("config:czce_level2")) feeds &= ~1U;
+    if (isFeedDisabled("config:czce_level1")) feeds &= ~2U;
+    if (isFeedDisabled("config:czce_level2")) feeds &= ~1U;
     switch (feeds) {
         case 3: LOG_INFO("L1 and L5 switch on."); break;
         case 2: LOG_INFO("L1 switch on and L5 switch off."); break;

@@ -67,15 +67,15 @@ public:
 
 private:
     /// Value of a key as written; null when the key is absent.
-    const char* GetString(const char* key) const { return iniparser_getstring(m_pDict, key, nullptr); }
+    const char* getString(const char* key) const { return iniparser_getstring(m_pDict, key, nullptr); }
     /// Number of a key. A section that is named as the key has no value and counts as an absent key.
-    int GetInt(const char* key, int absent) const {
-        return GetString(key) != nullptr ? iniparser_getint(m_pDict, key, absent) : absent;
+    int getInt(const char* key, int absent) const {
+        return getString(key) != nullptr ? iniparser_getint(m_pDict, key, absent) : absent;
     }
-    int ScanDevice(const std::string& device, std::uint32_t& channel);
-    bool IsFeedDisabled(const char* key) const;
-    bool ParseChannelInsts(std::uint32_t channel);
-    void ParseCombinationRules(std::uint32_t channel);
+    int scanDevice(const std::string& device, std::uint32_t& channel);
+    bool isFeedDisabled(const char* key) const;
+    bool parseChannelInsts(std::uint32_t channel);
+    void parseCombinationRules(std::uint32_t channel);
 };
 
 }  // namespace Vexo2_U50

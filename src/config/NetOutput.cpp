@@ -56,12 +56,12 @@ constexpr KeyedRegister kMulticastPorts[] = {
 struct MacScan {
     unsigned char bytes[6] = {};
 
-    void Scan(const char* text) {
+    void scan(const char* text) {
         std::sscanf(text, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &bytes[0], &bytes[1], &bytes[2], &bytes[3], &bytes[4],
                     &bytes[5]);
     }
-    std::uint32_t High() const { return static_cast<std::uint32_t>(bytes[0] << 8 | bytes[1]); }
-    std::uint32_t Low() const {
+    std::uint32_t high() const { return static_cast<std::uint32_t>(bytes[0] << 8 | bytes[1]); }
+    std::uint32_t low() const {
         return static_cast<std::uint32_t>(bytes[2]) << 24 | static_cast<std::uint32_t>(bytes[3]) << 16 |
                static_cast<std::uint32_t>(bytes[4]) << 8 | bytes[5];
     }
@@ -70,16 +70,16 @@ struct MacScan {
 struct IpScan {
     int numbers[4] = {};
 
-    void Scan(const char* text) {
+    void scan(const char* text) {
         std::sscanf(text, "%d.%d.%d.%d", &numbers[0], &numbers[1], &numbers[2], &numbers[3]);
     }
     // First number in the lowest byte; each number counts by its low eight bits.
-    std::uint32_t LittleEndian() const {
+    std::uint32_t littleEndian() const {
         std::uint32_t packed = 0;
         for (unsigned int i = 0; i < 4; ++i) packed |= (static_cast<std::uint32_t>(numbers[i]) & 0xFF) << (8 * i);
         return packed;
     }
-    std::uint32_t NetworkOrder() const { return __builtin_bswap32(LittleEndian()); }
+    std::uint32_t networkOrder() const { return __builtin_bswap32(littleEndian()); }
 };
 
 }  // namespace
@@ -98,20 +98,20 @@ void CZceConfigFile::CfgNetReg() {
     IpScan ip;
     unsigned int items[2] = {};
     for (const OutputEnd& end : kOutputEnds) {
-        if (const char* value = GetString(end.macKey)) {
+        if (const char* value = getString(end.macKey)) {
             LOG_INFO("%s=%s", end.macKey, value);
-            mac.Scan(value);
-            m_pDrv->WriteInt32(end.macRegister, mac.High());
-            m_pDrv->WriteInt32(end.macRegister + 1, mac.Low());
+            mac.scan(value);
+            m_pDrv->WriteInt32(end.macRegister, mac.high());
+            m_pDrv->WriteInt32(end.macRegister + 1, mac.low());
             ++items[end.feed];
         }
-        if (const char* value = GetString(end.ipKey)) {
+        if (const char* value = getString(end.ipKey)) {
             LOG_INFO("%s=%s", end.ipKey, value);
-            ip.Scan(value);
-            m_pDrv->WriteInt32(end.ipRegister, ip.NetworkOrder());
+            ip.scan(value);
+            m_pDrv->WriteInt32(end.ipRegister, ip.networkOrder());
             ++items[end.feed];
         }
-        if (const int port = GetInt(end.portKey, 0)) {
+        if (const int port = getInt(end.portKey, 0)) {
             LOG_INFO("%s=%u", end.portKey, static_cast<unsigned int>(port));
             m_pDrv->WriteInt32(end.portRegister, static_cast<unsigned int>(port));
             ++items[end.feed];
@@ -134,18 +134,18 @@ void CZceConfigFile::CfgNetReg() {
 void CZceConfigFile::CfgNetIPAndPort() {
     IpScan ip;
     for (const KeyedRegister& address : kMulticastAddresses) {
-        const char* value = GetString(address.key);
+        const char* value = getString(address.key);
         if (value == nullptr) {
             LOG_ERROR("multi channel ptmp is nullptr.");
             continue;
         }
         LOG_INFO("%s=%s", address.key, value);
-        ip.Scan(value);
-        LOG_INFO("multi channel 0x%x = 0x%08x", address.reg, ip.LittleEndian());
-        m_pDrv->WriteInt32(address.reg, ip.NetworkOrder());
+        ip.scan(value);
+        LOG_INFO("multi channel 0x%x = 0x%08x", address.reg, ip.littleEndian());
+        m_pDrv->WriteInt32(address.reg, ip.networkOrder());
     }
     for (const KeyedRegister& entry : kMulticastPorts) {
-        const auto port = static_cast<unsigned int>(GetInt(entry.key, 0));
+        const auto port = static_cast<unsigned int>(getInt(entry.key, 0));
         if (port == 0) {
             LOG_ERROR("multi channel port is 0.");
             continue;

@@ -14,18 +14,18 @@ constexpr char kLogFile[] = "DataType";
 constexpr std::uint32_t kFailure = 0xFFFFFFFF;
 constexpr char kReceive[] = "recv";  // exactly so: "RECV" refuses
 
-std::string ChannelKey(std::uint32_t channel, const char* name) {
+std::string channelKey(std::uint32_t channel, const char* name) {
     return "channel" + std::to_string(channel) + ":" + name;
 }
 
 // Appends a token to its list and to the text that joins them.
-void AddToken(const std::string& token, NameList& list, std::string& joined) {
+void addToken(const std::string& token, NameList& list, std::string& joined) {
     if (!joined.empty()) joined += ',';
     joined += token;
     list.push_back(token);
 }
 
-void LogInsts(const ZceSubsInfo_t& info, std::uint32_t channel) {
+void logInsts(const ZceSubsInfo_t& info, std::uint32_t channel) {
     const auto number = static_cast<int>(channel);
     LOG_INFO("[channel:%d] --------Channel %u subscribed information is as below:--------", number, channel);
     for (const std::string& id : info.m_SubsContractId) LOG_INFO("[channel:%d] subId:%s", number, id.c_str());
@@ -37,15 +37,15 @@ void LogInsts(const ZceSubsInfo_t& info, std::uint32_t channel) {
 
 std::uint32_t CZceConfigFile::ParseSubsInst() {
     for (std::uint32_t channel = 0; channel < card_reg::kChannels; ++channel) {
-        if (!ParseChannelInsts(channel)) return kFailure;
-        ParseCombinationRules(channel);
+        if (!parseChannelInsts(channel)) return kFailure;
+        parseCombinationRules(channel);
     }
     return 0;
 }
 
 // The channel's `insts` and `options`. False when `options` is missing, which ends the whole parse.
-bool CZceConfigFile::ParseChannelInsts(std::uint32_t channel) {
-    const char* value = GetString(ChannelKey(channel, "insts").c_str());
+bool CZceConfigFile::parseChannelInsts(std::uint32_t channel) {
+    const char* value = getString(channelKey(channel, "insts").c_str());
     if (value == nullptr) return true;
 
     ZceSubsInfo_t& info = m_stSubsInfo[channel];
@@ -54,9 +54,9 @@ bool CZceConfigFile::ParseChannelInsts(std::uint32_t channel) {
     std::string insts = RemoveSpace(raw);
     info.bSubAll = FindAllTag(insts);
     ParseRawInsts(insts, channel);
-    LogInsts(info, channel);
+    logInsts(info, channel);
 
-    const char* options = GetString(ChannelKey(channel, "options").c_str());
+    const char* options = getString(channelKey(channel, "options").c_str());
     if (options == nullptr) {
         LOG_ERROR("[channel:%d] Error! In subscribe labek ,Lack item: options=xxx , please check !", number);
         return false;
@@ -71,10 +71,10 @@ bool CZceConfigFile::ParseChannelInsts(std::uint32_t channel) {
     return true;
 }
 
-void CZceConfigFile::ParseCombinationRules(std::uint32_t channel) {
+void CZceConfigFile::parseCombinationRules(std::uint32_t channel) {
     ZceSubsInfo_t& info = m_stSubsInfo[channel];
     const auto number = static_cast<int>(channel);
-    if (const char* ips = GetString(ChannelKey(channel, "ips").c_str())) {
+    if (const char* ips = getString(channelKey(channel, "ips").c_str())) {
         info.strIps = ips;
         if (info.strIps == kReceive) {
             info.bIpsRecv = true;
@@ -83,7 +83,7 @@ void CZceConfigFile::ParseCombinationRules(std::uint32_t channel) {
             LOG_INFO("[channel:%d] ips=norecv", number);
         }
     }
-    if (const char* spd = GetString(ChannelKey(channel, "spd").c_str())) {
+    if (const char* spd = getString(channelKey(channel, "spd").c_str())) {
         info.strSpd = spd;
         if (info.strSpd == kReceive) {
             info.bSpdRecv = true;
@@ -102,9 +102,9 @@ void CZceConfigFile::ParseRawInsts(std::string value, std::uint32_t channel) {
     for (char* token = ::strtok_r(value.data(), ",", &rest); token != nullptr;
          token = ::strtok_r(nullptr, ",", &rest)) {
         if (contains_digit(token)) {
-            AddToken(token, info.m_SubsContractId, info.strIds);
+            addToken(token, info.m_SubsContractId, info.strIds);
         } else {
-            AddToken(token, info.m_SubsContractClass, info.strClasses);
+            addToken(token, info.m_SubsContractClass, info.strClasses);
         }
     }
 }

@@ -20,13 +20,13 @@ constexpr char kVersionSection[] = "version:";
 constexpr std::size_t kValueLength = 8;  // characters of a version value that count
 
 // Least hardware version of the value of a version key.
-std::uint32_t RequiredVersion(const char* value) {
+std::uint32_t requiredVersion(const char* value) {
     const std::string text(value, ::strnlen(value, kValueLength));
     return static_cast<std::uint32_t>(std::strtol(text.c_str(), nullptr, 10));
 }
 
 // Tells the card the software version; it answers in the verdict register.
-void AnnounceSoftVersion(IDrv& drv) {
+void announceSoftVersion(IDrv& drv) {
     unsigned int a = 0;
     unsigned int b = 0;
     unsigned int c = 0;
@@ -39,7 +39,7 @@ void AnnounceSoftVersion(IDrv& drv) {
     LOG_INFO("master channel addr 0x102, big Endian  0x%08x", swapped);
 }
 
-std::uint32_t JudgeVerdict(std::uint32_t iCheckRst) {
+std::uint32_t judgeVerdict(std::uint32_t iCheckRst) {
     switch (iCheckRst) {
         case card_reg::kVerdictWriteFailed: LOG_ERROR("soft version write is fail."); return kFailure;
         case card_reg::kVerdictAccepted: LOG_INFO("hardware and soft version check is success."); return 0;
@@ -65,15 +65,15 @@ std::uint32_t CZceConfigFile::Chk_SysVersion() {
 
     std::map<std::string, std::uint32_t> required;
     for (const std::string& key : m_vecVersion) {
-        const char* value = GetString(key.c_str());
+        const char* value = getString(key.c_str());
         if (value == nullptr) {
             LOG_ERROR("you get version from ini config, version is error, %s ", key.c_str());
             return kFailure;
         }
-        required.emplace(key.c_str() + std::min(key.size(), std::strlen(kVersionSection)), RequiredVersion(value));
+        required.emplace(key.c_str() + std::min(key.size(), std::strlen(kVersionSection)), requiredVersion(value));
     }
 
-    AnnounceSoftVersion(*m_pDrv);
+    announceSoftVersion(*m_pDrv);
     std::uint32_t hardware = 0;
     m_pDrv->ReadInt32(card_reg::kHardwareVersion, hardware);
 
@@ -91,7 +91,7 @@ std::uint32_t CZceConfigFile::Chk_SysVersion() {
     LOG_INFO("hardware version check is success.");
     std::uint32_t iCheckRst = 0;
     m_pDrv->ReadInt32(card_reg::kVerdictOrFibre, iCheckRst);
-    return JudgeVerdict(iCheckRst);
+    return judgeVerdict(iCheckRst);
 }
 
 }  // namespace Vexo2_U50

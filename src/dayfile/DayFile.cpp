@@ -22,8 +22,8 @@ constexpr int kFirstEveningHour = 17;
 constexpr std::size_t kIndexDigits = 5;
 
 // Path of the current half-day's file.
-std::string DayFilePath() {
-    const std::tm now = local_time::Now();
+std::string dayFilePath() {
+    const std::tm now = local_time::now();
     char path[64];
     std::snprintf(path, sizeof path, "/tmp/.zce_%04d%02d%02d", now.tm_year + 1900, now.tm_mon + 1, now.tm_mday);
     return std::string(path) + (now.tm_hour < kFirstEveningHour ? "_am" : "_pm");
@@ -40,7 +40,7 @@ struct DayLine {
 
 // The file has the order in which the card announced the instruments; a map takes its entries fastest in its own order.
 // Of several lines with one id the first stays first, and is the one that counts.
-void Insert(std::vector<DayLine>& insts, std::map<std::string, unsigned short>& map) {
+void insert(std::vector<DayLine>& insts, std::map<std::string, unsigned short>& map) {
     std::stable_sort(insts.begin(), insts.end(), [](const DayLine& a, const DayLine& b) { return a.id < b.id; });
     auto behind = map.begin();
     for (const DayLine& inst : insts) behind = std::next(map.try_emplace(behind, std::string(inst.id), inst.index));
@@ -53,17 +53,17 @@ CBrixBinFile::CBrixBinFile(std::map<std::string, unsigned short>& map, unsigned 
     : m_Intrade_AllInstMap(map), m_uiChannel(channel) {}
 
 CBrixBinFile::~CBrixBinFile() {
-    CloseIntraday();
-    m_dayFile.Close();
+    closeIntraday();
+    m_dayFile.close();
 }
 
 int CBrixBinFile::InstBinFileInit() {
-    m_strDayPath = DayFilePath();
-    if (!m_dayFile.Open(m_strDayPath)) {
+    m_strDayPath = dayFilePath();
+    if (!m_dayFile.open(m_strDayPath)) {
         LOG_WARN("open contract index file failed %s.", m_strDayPath.c_str());
         return -1;
     }
-    WriteToDayFile(std::string(kHeader) + '\n');
+    writeToDayFile(std::string(kHeader) + '\n');
     return 0;
 }
 
@@ -78,27 +78,27 @@ void CBrixBinFile::WriteBinFileInst(std::string id, unsigned short index) {
         *end++ = c;
     }
     *end++ = '\n';
-    WriteToDayFile({line, static_cast<std::size_t>(end - line)});
+    writeToDayFile({line, static_cast<std::size_t>(end - line)});
 }
 
-void CBrixBinFile::WriteBinFileEnd() { WriteToDayFile(std::string(kEndTag) + '\n'); }
+void CBrixBinFile::WriteBinFileEnd() { writeToDayFile(std::string(kEndTag) + '\n'); }
 
-void CBrixBinFile::WriteToDayFile(std::string_view text) {
-    if (m_dayFile.Write(text.data(), text.size())) return;
+void CBrixBinFile::writeToDayFile(std::string_view text) {
+    if (m_dayFile.write(text.data(), text.size())) return;
     LOG_WARN("write contract index file failed %s, msg:%s. It stays without its end tag, the next start won't load it.",
              m_strDayPath.c_str(), std::strerror(errno));
 }
 
 int CBrixBinFile::CheckOrLoadBinFile() {
-    const std::string path = DayFilePath();
+    const std::string path = dayFilePath();
     std::string content;
     std::string refusal;
-    if (!safe_file::ReadWhole(path, content, refusal)) {
+    if (!safe_file::readWhole(path, content, refusal)) {
         if (!refusal.empty()) LOG_WARN("contract index file %s is not used, %s.", path.c_str(), refusal.c_str());
         LOG_INFO("bin file is not exists , [%s].", path.c_str());
         return -1;
     }
-    const bool tagSeen = LoadDayLines(content);
+    const bool tagSeen = loadDayLines(content);
     LOG_INFO("m_Intrade_AllInstMap size is [%d].", static_cast<int>(m_Intrade_AllInstMap.size()));
     if (m_Intrade_AllInstMap.empty() || !tagSeen) {
         LOG_INFO("loading bin file is fail");
@@ -110,7 +110,7 @@ int CBrixBinFile::CheckOrLoadBinFile() {
 }
 
 // Takes every line of a day file into the map, lines behind an end tag too. Returns whether there was an end tag.
-bool CBrixBinFile::LoadDayLines(const std::string& content) {
+bool CBrixBinFile::loadDayLines(const std::string& content) {
     bool tagSeen = false;
     std::vector<DayLine> insts;
     for (std::string_view rest = content; !rest.empty();) {
@@ -123,10 +123,10 @@ bool CBrixBinFile::LoadDayLines(const std::string& content) {
             tagSeen = true;
         } else if (line != kHeader && comma != std::string_view::npos) {
             // The comma ends the number: it is read in place.
-            insts.push_back({line.substr(comma + 1), LeadingDecimal<unsigned short>(line.data())});
-            if (insts.size() == kPortion) Insert(insts, m_Intrade_AllInstMap);
+            insts.push_back({line.substr(comma + 1), leadingDecimal<unsigned short>(line.data())});
+            if (insts.size() == kPortion) insert(insts, m_Intrade_AllInstMap);
         }
     }
-    Insert(insts, m_Intrade_AllInstMap);
+    insert(insts, m_Intrade_AllInstMap);
     return tagSeen;
 }

@@ -51,10 +51,10 @@ public:
     static std::atomic<std::uint32_t> m_uiSettleTime;
 
 private:
-    void WriteToDayFile(std::string_view text);
-    bool LoadDayLines(const std::string& content);
-    bool OpenIntraday(const char* mode);
-    void CloseIntraday();
+    void writeToDayFile(std::string_view text);
+    bool loadDayLines(const std::string& content);
+    bool openIntraday(const char* mode);
+    void closeIntraday();
 
     std::string m_strDayPath;      ///< of the file that m_dayFile has open
     std::vector<char> m_lineRoom;  ///< where the lines of the day file are put together, one after another

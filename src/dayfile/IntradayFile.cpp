@@ -21,27 +21,27 @@ constexpr int kReadLineSize = 256;             // a longer line is read in piece
 constexpr unsigned long kTimeOfDay = 1000000;  // YYYYMMDDhhmmss: date above, time of day below
 constexpr int kLastMorningHour = 14;
 
-bool BeginsWith(const char* line, const char* text) { return std::strncmp(line, text, std::strlen(text)) == 0; }
+bool beginsWith(const char* line, const char* text) { return std::strncmp(line, text, std::strlen(text)) == 0; }
 
-unsigned long Stamp(const std::tm& t) {
-    return static_cast<unsigned long>(local_time::Date(t)) * kTimeOfDay + local_time::TimeOfDay(t);
+unsigned long stamp(const std::tm& t) {
+    return static_cast<unsigned long>(local_time::date(t)) * kTimeOfDay + local_time::timeOfDay(t);
 }
 
 }  // namespace
 
-bool CBrixBinFile::OpenIntraday(const char* mode) {
-    CloseIntraday();
+bool CBrixBinFile::openIntraday(const char* mode) {
+    closeIntraday();
     m_lpIntradeFile = std::fopen(kBinName, mode);
     return m_lpIntradeFile != nullptr;
 }
 
-void CBrixBinFile::CloseIntraday() {
+void CBrixBinFile::closeIntraday() {
     if (m_lpIntradeFile != nullptr) std::fclose(m_lpIntradeFile);
     m_lpIntradeFile = nullptr;
 }
 
 int CBrixBinFile::Normal_FileInit() {
-    if (OpenIntraday("w")) return 0;
+    if (openIntraday("w")) return 0;
     LOG_WARN("Fail! Unable to open file %s,msg:%s", kBinName, std::strerror(errno));
     return -1;
 }
@@ -58,7 +58,7 @@ int CBrixBinFile::Normal_WriteInstToBin(std::string id, unsigned short index) {
 
 int CBrixBinFile::Intrade_WrInstFromFpga() {
     if (Normal_FileInit() != 0) return -1;
-    std::fprintf(m_lpIntradeFile, "%s%lu\n", kTimeKey, Stamp(local_time::Now()));
+    std::fprintf(m_lpIntradeFile, "%s%lu\n", kTimeKey, stamp(local_time::now()));
     for (const auto& [id, index] : m_Intrade_AllInstMap) std::fprintf(m_lpIntradeFile, "%u,%s\n", index, id.c_str());
     const int result = WriteEndToBin();
     std::fflush(m_lpIntradeFile);
@@ -67,7 +67,7 @@ int CBrixBinFile::Intrade_WrInstFromFpga() {
 
 int CBrixBinFile::WriteEndToBin() {
     if (m_lpIntradeFile == nullptr) return -1;
-    const unsigned long today = static_cast<unsigned long>(local_time::Date(local_time::Now())) * kTimeOfDay;
+    const unsigned long today = static_cast<unsigned long>(local_time::date(local_time::now())) * kTimeOfDay;
     const unsigned long settled = today + m_uiSettleTime;
     // The sum goes back into the 32-bit global as well, as it always has; what reads it there takes its low bits.
     m_uiSettleTime = static_cast<unsigned int>(settled);
@@ -83,7 +83,7 @@ bool CBrixBinFile::Intrade_IsBinComplete() {
     if (m_lpIntradeFile != nullptr) {
         std::rewind(m_lpIntradeFile);
         while (std::fgets(line, sizeof line, m_lpIntradeFile) != nullptr) {
-            if (BeginsWith(line, kEndTag)) return true;
+            if (beginsWith(line, kEndTag)) return true;
         }
     }
     // Names the time key, not the end tag: operators search for this text.
@@ -96,7 +96,7 @@ int CBrixBinFile::Intrade_ExtractBinCreTime() {
     if (m_lpIntradeFile != nullptr) {
         std::rewind(m_lpIntradeFile);
         while (std::fgets(line, sizeof line, m_lpIntradeFile) != nullptr) {
-            if (!BeginsWith(line, kTimeKey)) continue;
+            if (!beginsWith(line, kTimeKey)) continue;
             m_ulCreateTime = std::strtoul(line + std::strlen(kTimeKey), nullptr, 10);
             LOG_INFO("%s%lu", kTimeKey, m_ulCreateTime);
             return 0;
@@ -107,8 +107,8 @@ int CBrixBinFile::Intrade_ExtractBinCreTime() {
 }
 
 int CBrixBinFile::Intrade_ChkBinTimeValidate() {
-    const std::tm now = local_time::Now();
-    const unsigned long current = Stamp(now);
+    const std::tm now = local_time::now();
+    const unsigned long current = stamp(now);
     if (current / kTimeOfDay != m_ulCreateTime / kTimeOfDay) return -1;
 
     // Wider than the messages say: the file of the hour before the session and of its first part both serve.
@@ -150,7 +150,7 @@ int CBrixBinFile::Intrade_GetAllInstFromBin() {
 }
 
 int CBrixBinFile::Intrade_CheckAndGetAllInstFromBin() {
-    if (!OpenIntraday("r")) {
+    if (!openIntraday("r")) {
         LOG_WARN("Cannot open file:%s, errmsg:%s", kBinName, std::strerror(errno));
         return -1;
     }

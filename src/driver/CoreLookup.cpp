@@ -21,7 +21,7 @@ enyx_hw_core* s_lpEnyxCoreRoot[kBusCount];
 MOSK2::CThreadMutex s_coreMutex;  // guards the four arrays
 
 // Opens the accelerator; null after logging why. Every early return frees what it holds, but for one descriptor.
-enyx_hw_accelerator* OpenAccelerator(unsigned short busId) {
+enyx_hw_accelerator* openAccelerator(unsigned short busId) {
     hw::Filter filter(enyx_hw_filter_create());
     if (!filter) {
         LOG_ERROR("Could not create filter for DMA. errno:%d", errno);
@@ -32,7 +32,7 @@ enyx_hw_accelerator* OpenAccelerator(unsigned short busId) {
         return nullptr;
     }
     hw::AcceleratorDescriptor descriptor;
-    const ssize_t found = enyx_hw_enumerate_accelerators(filter.get(), descriptor.Room(), 1);
+    const ssize_t found = enyx_hw_enumerate_accelerators(filter.get(), descriptor.room(), 1);
     if (found != 1) {
         LOG_ERROR("Could not find accelerator. ernno:%d, msg:%s, get acc num:%d.", errno, std::strerror(errno),
                   static_cast<int>(found));
@@ -40,16 +40,16 @@ enyx_hw_accelerator* OpenAccelerator(unsigned short busId) {
         return nullptr;
     }
     filter.reset();
-    enyx_hw_accelerator* acc = enyx_hw_accelerator_get(descriptor.Get());
+    enyx_hw_accelerator* acc = enyx_hw_accelerator_get(descriptor.get());
     if (acc == nullptr) {
         LOG_ERROR("Could not get accelerator. errno:%d", errno);
-        descriptor.Abandon();  // the card's library may still refer to it after a failed open
+        descriptor.abandon();  // the card's library may still refer to it after a failed open
     }
     return acc;
 }
 
 // The MMIO of the accelerator, its first and only one; null after logging why.
-enyx_hw_mmio* OpenMmio(const enyx_hw_accelerator* acc) {
+enyx_hw_mmio* openMmio(const enyx_hw_accelerator* acc) {
     hw::Filter filter(enyx_hw_filter_create());
     if (!filter) {
         LOG_ERROR("Could not create mmio filter, errmsg:%s.", std::strerror(errno));
@@ -60,17 +60,17 @@ enyx_hw_mmio* OpenMmio(const enyx_hw_accelerator* acc) {
         return nullptr;
     }
     hw::MmioDescriptor descriptor;
-    if (enyx_hw_accelerator_enumerate_mmios(acc, filter.get(), descriptor.Room(), 1) != 1) {
+    if (enyx_hw_accelerator_enumerate_mmios(acc, filter.get(), descriptor.room(), 1) != 1) {
         LOG_ERROR("Could not find mmio, errmsg:%s.", std::strerror(errno));
         filter.reset();
         return nullptr;
     }
     filter.reset();
-    enyx_hw_mmio* mmio = enyx_hw_mmio_create(descriptor.Get());
+    enyx_hw_mmio* mmio = enyx_hw_mmio_create(descriptor.get());
     if (mmio == nullptr) {
         const int why = errno;
         LOG_ERROR("Could not create mmio, errmsg:%s.", std::strerror(why));
-        descriptor.FreeNow();
+        descriptor.freeNow();
         // Said twice: once for the call, once for the bus that is left without a register space.
         LOG_ERROR("Could not create mmio, errmsg:%s.", std::strerror(why));
     }
@@ -78,7 +78,7 @@ enyx_hw_mmio* OpenMmio(const enyx_hw_accelerator* acc) {
 }
 
 // Root of the core tree behind an open MMIO; null after logging why. The tree stays cached on failure, never released.
-enyx_hw_core* ReadRoot(unsigned short busId) {
+enyx_hw_core* readRoot(unsigned short busId) {
     s_lpTree[busId] = enyx_hw_enumerate_cores(s_lpMMIO[busId]);
     if (s_lpTree[busId] == nullptr) {
         LOG_ERROR("Could not find tree, errmsg:%s.", std::strerror(errno));
@@ -97,17 +97,17 @@ enyx_hw_core* DrvEnyxGetRoot(unsigned short busId) {
     if (acc == nullptr) return nullptr;
 
     // Taken into the cache only when it opened: what an earlier failed look-up left there has been destroyed already.
-    enyx_hw_mmio* mmio = OpenMmio(acc);
+    enyx_hw_mmio* mmio = openMmio(acc);
     if (mmio == nullptr) return nullptr;
     s_lpMMIO[busId] = mmio;
 
-    s_lpEnyxCoreRoot[busId] = ReadRoot(busId);
+    s_lpEnyxCoreRoot[busId] = readRoot(busId);
     if (s_lpEnyxCoreRoot[busId] == nullptr) {
         enyx_hw_mmio_destroy(mmio);
         return nullptr;
     }
     enyx_hw_core_reset(s_lpEnyxCoreRoot[busId]);
-    SleepSeconds(1);
+    sleepSeconds(1);
     return s_lpEnyxCoreRoot[busId];
 }
 
@@ -120,7 +120,7 @@ enyx_hw_accelerator* DrvEnyxCoreGetAcc(unsigned short busId) {
         return nullptr;
     }
     const MOSK2::CThreadGuard guard(s_coreMutex);
-    if (s_lpAcc[busId] == nullptr) s_lpAcc[busId] = OpenAccelerator(busId);
+    if (s_lpAcc[busId] == nullptr) s_lpAcc[busId] = openAccelerator(busId);
     return s_lpAcc[busId];
 }
 

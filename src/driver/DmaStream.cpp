@@ -17,7 +17,7 @@ constexpr char kLogFile[] = "drvDMAEnyx";
 constexpr char kChannelMark[] = "CHAN";
 constexpr std::time_t kMaxBusy = 2;  // seconds of a busy stream before a send is given up
 
-std::time_t RealSeconds() {
+std::time_t realSeconds() {
     std::timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     return now.tv_sec;
@@ -43,7 +43,7 @@ int CDrvDMAEnyx::Init(void* record) {
         return -1;
     }
     const char* number = m_strCfgName.c_str() + mark + std::strlen(kChannelMark);
-    m_iChannel = static_cast<int>(LeadingDecimal<unsigned int>(number));
+    m_iChannel = static_cast<int>(leadingDecimal<unsigned int>(number));
     if (InitDma(m_strCfgName) != 0) {
         LOG_ERROR("Init DMA error!");
         return -1;
@@ -60,7 +60,7 @@ int CDrvDMAEnyx::InitDma(std::string& name) {
         LOG_ERROR("Init Accelerator error!");
         return -1;
     }
-    if (FindAndOpenStreams(acc, m_strDmaName) != 0) return -1;
+    if (findAndOpenStreams(acc, m_strDmaName) != 0) return -1;
 
     if (enyx_hw_a2c_stream_get_mtu(m_lpA2c, &m_uiA2cMtu) != 0 ||
         enyx_hw_c2a_stream_get_mtu(m_lpC2a, &m_uiC2aMtu) != 0) {
@@ -72,7 +72,7 @@ int CDrvDMAEnyx::InitDma(std::string& name) {
     return 0;
 }
 
-int CDrvDMAEnyx::FindAndOpenStreams(enyx_hw_accelerator* acc, const std::string& name) {
+int CDrvDMAEnyx::findAndOpenStreams(enyx_hw_accelerator* acc, const std::string& name) {
     const hw::Filter filter(enyx_hw_filter_create());
     if (!filter) {
         LOG_ERROR("Could not create dma filter. err:%s", std::strerror(errno));
@@ -82,17 +82,17 @@ int CDrvDMAEnyx::FindAndOpenStreams(enyx_hw_accelerator* acc, const std::string&
         LOG_ERROR("Could not set dma filter name: %s. err:%s", name.c_str(), std::strerror(errno));
         return -1;
     }
-    if (OpenA2c(acc, filter.get(), name.c_str()) != 0) return -1;
-    return OpenC2a(acc, filter.get(), name.c_str());
+    if (openA2c(acc, filter.get(), name.c_str()) != 0) return -1;
+    return openC2a(acc, filter.get(), name.c_str());
 }
 
-int CDrvDMAEnyx::OpenA2c(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name) {
+int CDrvDMAEnyx::openA2c(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name) {
     hw::A2cDescriptor descriptor;
-    if (enyx_hw_accelerator_enumerate_a2c_streams(acc, filter, descriptor.Room(), 1) != 1) {
+    if (enyx_hw_accelerator_enumerate_a2c_streams(acc, filter, descriptor.room(), 1) != 1) {
         LOG_ERROR("Could not find a2c stream. dmaName:%s, err:%s", name, std::strerror(errno));
         return -1;
     }
-    m_lpA2c = enyx_hw_a2c_stream_create(descriptor.Get(), nullptr);
+    m_lpA2c = enyx_hw_a2c_stream_create(descriptor.get(), nullptr);
     if (m_lpA2c == nullptr) {
         LOG_ERROR("Could not create a2c stream.dmaName:%s,  err:%s", name, std::strerror(errno));
         LOG_ERROR("Note !! A software program can only have one instance running at a time!");
@@ -101,13 +101,13 @@ int CDrvDMAEnyx::OpenA2c(const enyx_hw_accelerator* acc, const enyx_hw_filter* f
     return 0;
 }
 
-int CDrvDMAEnyx::OpenC2a(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name) {
+int CDrvDMAEnyx::openC2a(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name) {
     hw::C2aDescriptor descriptor;
-    if (enyx_hw_accelerator_enumerate_c2a_streams(acc, filter, descriptor.Room(), 1) != 1) {
+    if (enyx_hw_accelerator_enumerate_c2a_streams(acc, filter, descriptor.room(), 1) != 1) {
         LOG_ERROR("Could not find c2a stream. dmaName:%s, err:%s", name, std::strerror(errno));
         return -1;
     }
-    m_lpC2a = enyx_hw_c2a_stream_create(descriptor.Get(), nullptr);
+    m_lpC2a = enyx_hw_c2a_stream_create(descriptor.get(), nullptr);
     if (m_lpC2a == nullptr) {
         LOG_ERROR("Could not create c2a stream. dmaName:%s, err:%s", name, std::strerror(errno));
         return -1;
@@ -121,10 +121,10 @@ int CDrvDMAEnyx::Send(void* data, unsigned int size) {
         return -1;
     }
     int result = enyx_hw_c2a_stream_send(m_lpC2a, data, size);
-    const std::time_t start = RealSeconds();
+    const std::time_t start = realSeconds();
     while (result == EAGAIN) {
         result = enyx_hw_c2a_stream_send(m_lpC2a, data, size);
-        if (RealSeconds() - start > kMaxBusy) {
+        if (realSeconds() - start > kMaxBusy) {
             LOG_ERROR("DMA(%s) Send failed. err:%s", m_strCfgName.c_str(), std::strerror(errno));
             return -1;
         }
@@ -152,7 +152,7 @@ int CDrvDMAEnyx::RegisterHandler(void* handler, void* ctx) {
 
 int CDrvDMAEnyx::PollData() { return RecvOnceCb(); }
 
-void CDrvDMAEnyx::ReportCounters() const {
+void CDrvDMAEnyx::reportCounters() const {
     std::uint32_t backpress = 0;
     std::uint32_t packets = 0;
     std::uint32_t fifo = 0;
@@ -171,7 +171,7 @@ void CDrvDMAEnyx::ReportCounters() const {
 
 CDrvDMAEnyx::~CDrvDMAEnyx() {
     if (m_bInited) {
-        ReportCounters();
+        reportCounters();
         enyx_hw_a2c_stream_destroy(m_lpA2c);
         m_lpA2c = nullptr;
         enyx_hw_c2a_stream_destroy(m_lpC2a);

@@ -34,7 +34,7 @@ public:
     int PollData() override;
 
     /// The stream and the function that RecvOnce polls it with, for a caller that polls without a virtual call.
-    enyx_hw_a2c_stream* Stream() const { return m_lpA2c; }
+    enyx_hw_a2c_stream* stream() const { return m_lpA2c; }
     static constexpr auto kPoll = &enyx_hw_a2c_stream_poll_once;
 
     /// Opens the streams of @p name. What a failed call opened stays open until the process ends.
@@ -59,8 +59,8 @@ public:
     static std::atomic<enyx_hw_accelerator*> m_lpAcc;
 
 private:
-    int FindAndOpenStreams(enyx_hw_accelerator* acc, const std::string& name);
-    int OpenA2c(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name);
-    int OpenC2a(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name);
-    void ReportCounters() const;
+    int findAndOpenStreams(enyx_hw_accelerator* acc, const std::string& name);
+    int openA2c(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name);
+    int openC2a(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name);
+    void reportCounters() const;
 };

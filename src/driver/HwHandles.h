@@ -17,18 +17,18 @@ template <typename Descriptor, void (*Free)(Descriptor**, std::size_t)>
 class OneDescriptor {
 public:
     OneDescriptor() = default;
-    ~OneDescriptor() { FreeNow(); }
+    ~OneDescriptor() { freeNow(); }
     OneDescriptor(const OneDescriptor&) = delete;
     OneDescriptor& operator=(const OneDescriptor&) = delete;
 
-    Descriptor** Room() { return &m_descriptor; }
-    const Descriptor* Get() const { return m_descriptor; }
-    void FreeNow() {
+    Descriptor** room() { return &m_descriptor; }
+    const Descriptor* get() const { return m_descriptor; }
+    void freeNow() {
         if (m_descriptor != nullptr) Free(&m_descriptor, 1);
         m_descriptor = nullptr;
     }
     /// Leaves the descriptor to the card's library.
-    void Abandon() { m_descriptor = nullptr; }
+    void abandon() { m_descriptor = nullptr; }
 
 private:
     Descriptor* m_descriptor = nullptr;

@@ -31,7 +31,7 @@ private:
     enyx_hw_core* m_core;
 };
 
-enyx_hw_register_description Describe(std::uint64_t byteAddress, unsigned long bytes) {
+enyx_hw_register_description describe(std::uint64_t byteAddress, unsigned long bytes) {
     enyx_hw_register_description reg{};
     reg.address = byteAddress;
     reg.bit_offset = 0;
@@ -41,8 +41,8 @@ enyx_hw_register_description Describe(std::uint64_t byteAddress, unsigned long b
 
 // One register of the width of T; the caller holds the core's lock. False on failure, with the output untouched.
 template <typename T>
-bool ReadOne(enyx_hw_core* core, unsigned long addr, T& value) {
-    const auto reg = Describe(addr * kWordBytes, sizeof(T));
+bool readOne(enyx_hw_core* core, unsigned long addr, T& value) {
+    const auto reg = describe(addr * kWordBytes, sizeof(T));
     std::uint64_t raw = 0;
     if (enyx_hw_read(core, &reg, &raw) < 0) return false;
     value = static_cast<T>(raw);
@@ -50,8 +50,8 @@ bool ReadOne(enyx_hw_core* core, unsigned long addr, T& value) {
 }
 
 template <typename T>
-bool WriteOne(enyx_hw_core* core, unsigned long addr, T value) {
-    const auto reg = Describe(addr * kWordBytes, sizeof(T));
+bool writeOne(enyx_hw_core* core, unsigned long addr, T value) {
+    const auto reg = describe(addr * kWordBytes, sizeof(T));
     return enyx_hw_write(core, &reg, value) >= 0;
 }
 
@@ -83,49 +83,49 @@ int CDrvEnyxReg::Init(void* param) {
 
 int CDrvEnyxReg::ReadInt8(unsigned long addr, unsigned char& value) {
     const CoreLock lock(m_lpCore);
-    if (ReadOne(m_lpCore, addr, value)) return 0;
+    if (readOne(m_lpCore, addr, value)) return 0;
     LOG_ERROR("read int8 failed, addr:%lu", addr);
     return -1;
 }
 
 int CDrvEnyxReg::ReadInt16(unsigned long addr, unsigned short& value) {
     const CoreLock lock(m_lpCore);
-    if (ReadOne(m_lpCore, addr, value)) return 0;
+    if (readOne(m_lpCore, addr, value)) return 0;
     LOG_ERROR("read int16 failed, addr:%lu", addr);
     return -1;
 }
 
 int CDrvEnyxReg::ReadInt32(unsigned long addr, unsigned int& value) {
     const CoreLock lock(m_lpCore);
-    if (ReadOne(m_lpCore, addr, value)) return 0;
+    if (readOne(m_lpCore, addr, value)) return 0;
     LOG_ERROR("read int32 failed, addr[0x%x], errmsg:%s.", static_cast<unsigned int>(addr), std::strerror(errno));
     return -1;
 }
 
 int CDrvEnyxReg::ReadInt64(unsigned long addr, unsigned long& value) {
     const CoreLock lock(m_lpCore);
-    if (ReadOne(m_lpCore, addr, value)) return 0;
+    if (readOne(m_lpCore, addr, value)) return 0;
     LOG_ERROR("read int64 failed, addr[0x%x] ", static_cast<unsigned int>(addr));
     return -1;
 }
 
 int CDrvEnyxReg::WriteInt8(unsigned long addr, unsigned char value) {
     const CoreLock lock(m_lpCore);
-    if (WriteOne(m_lpCore, addr, value)) return 0;
+    if (writeOne(m_lpCore, addr, value)) return 0;
     LOG_ERROR("write int8 failed, addr:%lu", addr);
     return -1;
 }
 
 int CDrvEnyxReg::WriteInt16(unsigned long addr, unsigned short value) {
     const CoreLock lock(m_lpCore);
-    if (WriteOne(m_lpCore, addr, value)) return 0;
+    if (writeOne(m_lpCore, addr, value)) return 0;
     LOG_ERROR("write int16 failed, addr:%lu", addr);
     return -1;
 }
 
 int CDrvEnyxReg::WriteInt32(unsigned long addr, unsigned int value) {
     const CoreLock lock(m_lpCore);
-    if (WriteOne(m_lpCore, addr, value)) return 0;
+    if (writeOne(m_lpCore, addr, value)) return 0;
     LOG_ERROR("Write int32 failed, addr[0x%x] value[0x%x], errmsg:%s.", static_cast<unsigned int>(addr), value,
               std::strerror(errno));
     return -1;
@@ -135,19 +135,19 @@ int CDrvEnyxReg::WriteInt32_Log(unsigned long addr, unsigned int value) { return
 
 int CDrvEnyxReg::WriteInt32_LogWithRead(unsigned long addr, unsigned int value) {
     const CoreLock lock(m_lpCore);
-    if (!WriteOne(m_lpCore, addr, value)) {
+    if (!writeOne(m_lpCore, addr, value)) {
         LOG_ERROR("Write int32 failed, addr[0x%x] value[0x%x], errmsg:%s.", static_cast<unsigned int>(addr), value,
                   std::strerror(errno));
     }
     unsigned int readBack = 0;
-    if (ReadOne(m_lpCore, addr, readBack)) return 0;
+    if (readOne(m_lpCore, addr, readBack)) return 0;
     LOG_ERROR("ReadReg int32 failed, addr[0x%x], errmsg:%s.", static_cast<unsigned int>(addr), std::strerror(errno));
     return -1;
 }
 
 int CDrvEnyxReg::WriteInt64(unsigned long addr, unsigned long value) {
     const CoreLock lock(m_lpCore);
-    if (WriteOne(m_lpCore, addr, value)) return 0;
+    if (writeOne(m_lpCore, addr, value)) return 0;
     LOG_ERROR("write int64 failed, addr:%lu", addr);
     return -1;
 }
@@ -160,7 +160,7 @@ long CDrvEnyxReg::ReadBytes(unsigned long addr, unsigned char* buf, unsigned lon
     }
     for (unsigned long done = 0; done < len; done += kChunkBytes) {
         // The tail is read a full word wide too: the card has nothing narrower to give here.
-        const auto reg = Describe(addr * kWordBytes + done, kChunkBytes);
+        const auto reg = describe(addr * kWordBytes + done, kChunkBytes);
         std::uint64_t word = 0;
         if (enyx_hw_read(m_lpCore, &reg, &word) < 0) {
             LOG_ERROR("Read value failed, addr:%lu", addr);
@@ -182,7 +182,7 @@ long CDrvEnyxReg::WriteBytes(unsigned long addr, unsigned char* buf, unsigned lo
         const unsigned long bytes = std::min(len - done, kChunkBytes);
         std::uint64_t word = 0;
         std::memcpy(&word, buf + done, bytes);
-        const auto reg = Describe(addr * kWordBytes + done, bytes);
+        const auto reg = describe(addr * kWordBytes + done, bytes);
         if (enyx_hw_write(m_lpCore, &reg, word) >= 0) continue;
         if (bytes == kChunkBytes) {
             LOG_ERROR("write int8 failed, addr:%lu", addr);

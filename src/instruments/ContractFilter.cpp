@@ -20,9 +20,9 @@ public:
         : m_rules(rules), m_list(list) {}
 
     // The channels whose list holds the name, bit n for channel n.
-    unsigned int Holding(const std::string& name) {
+    unsigned int holding(const std::string& name) {
         if (!m_asked || name != m_name) {
-            m_channels = Ask(name);
+            m_channels = ask(name);
             m_name = name;
             m_asked = true;
         }
@@ -30,11 +30,11 @@ public:
     }
 
 private:
-    unsigned int Ask(const std::string& name) const {
+    unsigned int ask(const std::string& name) const {
         const HashedName hashed(name);
         unsigned int channels = 0;
         for (unsigned int chan = 0; chan < card_reg::kChannels; ++chan)
-            channels |= static_cast<unsigned int>((m_rules[chan].*m_list).Contains(hashed)) << chan;
+            channels |= static_cast<unsigned int>((m_rules[chan].*m_list).contains(hashed)) << chan;
         return channels;
     }
 
@@ -58,12 +58,12 @@ public:
         }
     }
 
-    unsigned int WantedBy(const std::string& id) {
-        if (IsCalendarSpread(id)) return m_spd;
-        if (IsInterProductSpread(id)) return m_ips;
+    unsigned int wantedBy(const std::string& id) {
+        if (isCalendarSpread(id)) return m_spd;
+        if (isInterProductSpread(id)) return m_ips;
         std::string listed = id;  // of an option, its future
         const bool option = OptionExtractSecondClass(id, listed) == 0;
-        const unsigned int wanted = m_all | m_classes.Holding(ExtractClass(id)) | m_ids.Holding(listed);
+        const unsigned int wanted = m_all | m_classes.holding(ExtractClass(id)) | m_ids.holding(listed);
         return option ? wanted & m_options : wanted;
     }
 
@@ -103,7 +103,7 @@ void CContractServ::JudgeAndFilterSubsInst() {
     AllRules rules(subsInfo);
     std::vector<Decided> insts;
     insts.reserve(instIdToIndex.size());
-    for (const auto& [id, index] : instIdToIndex) insts.push_back({index, TableOf(id), rules.WantedBy(id), &id});
+    for (const auto& [id, index] : instIdToIndex) insts.push_back({index, tableOf(id), rules.wantedBy(id), &id});
     // A map takes its entries fastest in its own order. Of an index that several ids share the last id stays last, and
     // is the one kept.
     std::stable_sort(insts.begin(), insts.end(), [](const Decided& a, const Decided& b) { return a.index < b.index; });
@@ -120,8 +120,8 @@ void CContractServ::JudgeAndFilterSubsInst() {
     }
 }
 
-unsigned short CContractServ::WantedBy(const std::string& id) const {
-    return static_cast<unsigned short>(AllRules(subsInfo).WantedBy(id));
+unsigned short CContractServ::wantedBy(const std::string& id) const {
+    return static_cast<unsigned short>(AllRules(subsInfo).wantedBy(id));
 }
 
 bool CContractServ::StoreAllSubsInstToFpga() {
@@ -140,11 +140,11 @@ bool CContractServ::OptionIsMeetCondition(std::string id, std::uint32_t chan) {
 }
 
 bool CContractServ::bOrderedClass(std::string cls, std::uint32_t chan) {
-    return subsInfo[chan].m_SubsContractClass.Contains(HashedName(cls));
+    return subsInfo[chan].m_SubsContractClass.contains(HashedName(cls));
 }
 
 bool CContractServ::bOrderedId(std::string id, std::uint32_t chan) {
-    return subsInfo[chan].m_SubsContractId.Contains(HashedName(id));
+    return subsInfo[chan].m_SubsContractId.contains(HashedName(id));
 }
 
 }  // namespace Vexo2_U50

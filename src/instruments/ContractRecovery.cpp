@@ -38,7 +38,7 @@ std::uint32_t CContractServ::RecoverInstsFromFpga() {
 }
 
 std::uint32_t CContractServ::GetExpireTime() {
-    const std::uint32_t now = local_time::TimeOfDay(local_time::Now());
+    const std::uint32_t now = local_time::timeOfDay(local_time::now());
     const std::uint32_t card = fpgaServ->GetRealTime();
     const bool inBreak = now >= kMorningFirst && now <= kMorningLast && card >= kBreakFirst && card <= kBreakLast;
     std::uint32_t minutes = 0;
@@ -52,13 +52,13 @@ std::uint32_t CContractServ::RecoverAllInst() {
     if (RecoverInstsFromBin() != 0) {
         for (std::uint32_t left = GetExpireTime() * 60; left > 0; left -= kStep) {
             LOG_INFO("Left %u seconds", left);
-            SleepSeconds(kStep);
+            sleepSeconds(kStep);
         }
         RecoverInstsFromFpga();
     } else {
         if (fpgaServ->bIsReseted()) {
             LOG_INFO("We wait for fpga gather enough inst, please wait 120 second...");
-            SleepSeconds(kWaitAfterReset);
+            sleepSeconds(kWaitAfterReset);
         }
         LOG_INFO("Bin inst count:%u", static_cast<unsigned int>(instIdToIndex.size()));
     }
@@ -82,7 +82,7 @@ int CContractServ::DumpLackId() {
     for (std::uint32_t chan = 0; chan < card_reg::kChannels; ++chan) {
         if (Id_chkPresent(chan)) continue;
         LOG_WARN("[channel:%d] Warning!! Hasn't receive these insts:%s! The program continues to run",
-                 static_cast<int>(chan), JoinWithComma(lackIds).c_str());
+                 static_cast<int>(chan), joinWithComma(lackIds).c_str());
     }
     return 1;
 }

@@ -32,7 +32,7 @@ public:
     void JudgeAndFilterSubsInst();
     bool StoreAllSubsInstToFpga();  ///< always true
     /// The channels whose rules take the instrument, of whichever kind: bit n for channel n.
-    unsigned short WantedBy(const std::string& id) const;
+    unsigned short wantedBy(const std::string& id) const;
     bool OptionIsMeetCondition(std::string id, std::uint32_t chan);
     bool bOrderedClass(std::string cls, std::uint32_t chan);
     bool bOrderedId(std::string id, std::uint32_t chan);

@@ -5,18 +5,18 @@
 
 namespace {
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-std::string Lower(std::string text) {
+std::string lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
 }
 
 // Position of the C or P that makes the id an option, a digit on either side of it; npos when it is none.
-std::size_t OptionMark(const std::string& id) {
+std::size_t optionMark(const std::string& id) {
     for (std::size_t pos = 1; pos + 1 < id.size(); ++pos) {
-        if ((id[pos] == 'C' || id[pos] == 'P') && IsDigit(id[pos - 1]) && IsDigit(id[pos + 1])) return pos;
+        if ((id[pos] == 'C' || id[pos] == 'P') && isDigit(id[pos - 1]) && isDigit(id[pos + 1])) return pos;
     }
     return std::string::npos;
 }
@@ -32,20 +32,20 @@ std::string RemoveSpace(std::string& text) {
 bool FindAllTag(std::string& text) { return findStringIgnoreCase(text, "all"); }
 
 bool findStringIgnoreCase(const std::string& text, const std::string& part) {
-    return Lower(text).find(Lower(part)) != std::string::npos;
+    return lower(text).find(lower(part)) != std::string::npos;
 }
 
 bool contains_digit(const char* text) {
     for (; *text != '\0'; ++text) {
-        if (IsDigit(*text)) return true;
+        if (isDigit(*text)) return true;
     }
     return false;
 }
 
-bool IsOption(const std::string& id) { return OptionMark(id) != std::string::npos; }
+bool IsOption(const std::string& id) { return optionMark(id) != std::string::npos; }
 
 std::uint32_t OptionExtractSecondClass(const std::string& id, std::string& out) {
-    const std::size_t mark = OptionMark(id);
+    const std::size_t mark = optionMark(id);
     if (mark == std::string::npos) return 0xFFFFFFFF;
     out = id.substr(0, mark);
     return 0;
@@ -61,18 +61,18 @@ std::string ExtractClass(const std::string& id) {
     return ExtractClass(id.c_str(), static_cast<std::uint32_t>(id.size()));
 }
 
-bool IsCalendarSpread(const std::string& id) { return id.compare(0, 4, "SPD-") == 0; }
+bool isCalendarSpread(const std::string& id) { return id.compare(0, 4, "SPD-") == 0; }
 
-bool IsInterProductSpread(const std::string& id) { return id.compare(0, 4, "IPS-") == 0; }
+bool isInterProductSpread(const std::string& id) { return id.compare(0, 4, "IPS-") == 0; }
 
-std::uint8_t TableOf(const std::string& id) { return IsCalendarSpread(id) || IsInterProductSpread(id) ? 1 : 0; }
+std::uint8_t tableOf(const std::string& id) { return isCalendarSpread(id) || isInterProductSpread(id) ? 1 : 0; }
 
-bool Contains(const std::vector<std::string>& list, const std::string& entry) {
+bool contains(const std::vector<std::string>& list, const std::string& entry) {
     // From the end: instruments come product by product, so that the code added last is mostly the one asked for.
     return std::find(list.rbegin(), list.rend(), entry) != list.rend();
 }
 
-std::string JoinWithComma(const std::vector<std::string>& entries) {
+std::string joinWithComma(const std::vector<std::string>& entries) {
     std::string joined;
     for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
         if (entry != entries.begin()) joined += ',';

@@ -23,11 +23,11 @@ std::string ExtractClass(const char* text, std::uint32_t length);
 std::string ExtractClass(const std::string& id);
 
 // Combinations are told by their first four characters alone.
-bool IsCalendarSpread(const std::string& id);      ///< begins "SPD-"
-bool IsInterProductSpread(const std::string& id);  ///< begins "IPS-"
+bool isCalendarSpread(const std::string& id);      ///< begins "SPD-"
+bool isInterProductSpread(const std::string& id);  ///< begins "IPS-"
 /// The card's table that holds the instrument: 1 for a combination, 0 for everything else.
-std::uint8_t TableOf(const std::string& id);
+std::uint8_t tableOf(const std::string& id);
 
-bool Contains(const std::vector<std::string>& list, const std::string& entry);
+bool contains(const std::vector<std::string>& list, const std::string& entry);
 /// Joins a list with "," between its entries.
-std::string JoinWithComma(const std::vector<std::string>& entries);
+std::string joinWithComma(const std::vector<std::string>& entries);

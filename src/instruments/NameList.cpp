@@ -12,7 +12,7 @@ constexpr std::size_t kFirstSlots = 64;
 }  // namespace
 
 // A name stands at the place that its hash tells, or behind it at the first that was free.
-std::size_t NameList::Find(const HashedName& name) const {
+std::size_t NameList::find(const HashedName& name) const {
     const std::size_t mask = m_slots.size() - 1;
     std::size_t place = name.hash & mask;
     while (m_slots[place] != 0 && m_names[m_slots[place] - 1] != name.text) place = (place + 1) & mask;
@@ -20,20 +20,20 @@ std::size_t NameList::Find(const HashedName& name) const {
 }
 
 void NameList::push_back(std::string name) {
-    if (kSlotsPerName * (m_taken + 1) > m_slots.size()) Grow();
+    if (kSlotsPerName * (m_taken + 1) > m_slots.size()) grow();
     m_names.push_back(std::move(name));
-    Enter(m_names.size());
+    enter(m_names.size());
 }
 
-void NameList::Enter(std::size_t number) {
-    std::uint32_t& slot = m_slots[Find(HashedName(m_names[number - 1]))];
+void NameList::enter(std::size_t number) {
+    std::uint32_t& slot = m_slots[find(HashedName(m_names[number - 1]))];
     if (slot != 0) return;  // a repeat
     slot = static_cast<std::uint32_t>(number);
     ++m_taken;
 }
 
-void NameList::Grow() {
+void NameList::grow() {
     m_slots.assign(std::max(kFirstSlots, 2 * m_slots.size()), 0);
     m_taken = 0;
-    for (std::size_t number = 1; number <= m_names.size(); ++number) Enter(number);
+    for (std::size_t number = 1; number <= m_names.size(); ++number) enter(number);
 }

@@ -32,9 +32,9 @@ public:
     }
 
     void push_back(std::string name);
-    bool Contains(const HashedName& name) const {
+    bool contains(const HashedName& name) const {
         if (m_slots.empty() || m_slots[name.hash & (m_slots.size() - 1)] == 0) return false;  // the usual answer
-        return m_slots[Find(name)] != 0;
+        return m_slots[find(name)] != 0;
     }
 
     operator const std::vector<std::string>&() const { return m_names; }
@@ -45,9 +45,9 @@ public:
 
 private:
     /// Where the name stands in the index, or the free place where it would.
-    std::size_t Find(const HashedName& name) const;
-    void Enter(std::size_t number);
-    void Grow();
+    std::size_t find(const HashedName& name) const;
+    void enter(std::size_t number);
+    void grow();
 
     std::vector<std::string> m_names;
     /// The index: places that hold the number of a name in the list, counted from 1; 0 = free. A power of two of them,

@@ -10,7 +10,7 @@ namespace {
 constexpr std::size_t kLongDigits = 20;
 
 // The decimal text of a number, written backwards from the end of buf. Returns its first character.
-const char* Decimal(long value, int minDigits, char (&buf)[kLongDigits + 1]) {
+const char* decimal(long value, int minDigits, char (&buf)[kLongDigits + 1]) {
     const bool negative = value < 0;
     unsigned long rest = negative ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
     char* p = buf + kLongDigits;
@@ -30,14 +30,14 @@ struct Cursor {
     char* out;
     char* const last;
 
-    bool Put(const char* text, std::size_t length) {
+    bool put(const char* text, std::size_t length) {
         if (length > static_cast<std::size_t>(last - out)) return false;
         std::memcpy(out, text, length);
         out += length;
         return true;
     }
     template <typename Number>
-    bool Put(Number value, int base = 10) {
+    bool put(Number value, int base = 10) {
         const std::to_chars_result result = std::to_chars(out, last, value, base);
         out = result.ptr;
         return result.ec == std::errc();
@@ -50,69 +50,69 @@ struct Arguments {
 
 // One of the conversions that nearly all lines are made of, without flags, width or precision; false for others.
 // @p spec is moved behind it.
-inline bool PutConversion(Cursor& cursor, const char*& spec, Arguments& args) {
+inline bool putConversion(Cursor& cursor, const char*& spec, Arguments& args) {
     switch (*spec++) {
         case 's': {
             const char* text = va_arg(args.list, const char*);
-            return text != nullptr && cursor.Put(text, std::strlen(text));
+            return text != nullptr && cursor.put(text, std::strlen(text));
         }
-        case 'd': return cursor.Put(va_arg(args.list, int));
-        case 'u': return cursor.Put(va_arg(args.list, unsigned int));
-        case 'x': return cursor.Put(va_arg(args.list, unsigned int), 16);
-        case 'l': return *spec++ == 'u' && cursor.Put(va_arg(args.list, unsigned long));
+        case 'd': return cursor.put(va_arg(args.list, int));
+        case 'u': return cursor.put(va_arg(args.list, unsigned int));
+        case 'x': return cursor.put(va_arg(args.list, unsigned int), 16);
+        case 'l': return *spec++ == 'u' && cursor.put(va_arg(args.list, unsigned long));
         default: return false;
     }
 }
 
 // False when the format needs vsnprintf or the text does not fit.
-bool PutPlain(Cursor& cursor, const char* format, Arguments& args) {
+bool putPlain(Cursor& cursor, const char* format, Arguments& args) {
     for (;;) {
         const char* percent = ::strchrnul(format, '%');
-        if (!cursor.Put(format, static_cast<std::size_t>(percent - format))) return false;
+        if (!cursor.put(format, static_cast<std::size_t>(percent - format))) return false;
         if (*percent == '\0') return true;
         format = percent + 1;
-        if (!PutConversion(cursor, format, args)) return false;
+        if (!putConversion(cursor, format, args)) return false;
     }
 }
 
 }  // namespace
 
-void LineBuilder::AppendNumber(long value, int minDigits) {
+void LineBuilder::appendNumber(long value, int minDigits) {
     char buf[kLongDigits + 1];
-    Append(Decimal(value, minDigits, buf));
+    append(decimal(value, minDigits, buf));
 }
 
-void LineBuilder::AppendHexByte(unsigned char byte) {
+void LineBuilder::appendHexByte(unsigned char byte) {
     constexpr char kDigits[] = "0123456789ABCDEF";
-    Append(kDigits[byte >> 4]);
-    Append(kDigits[byte & 15]);
-    Append(' ');
+    append(kDigits[byte >> 4]);
+    append(kDigits[byte & 15]);
+    append(' ');
 }
 
-void LineBuilder::AppendTime(const std::tm& local) {
-    AppendNumber(local.tm_year + 1900L, 4);
-    AppendNumber(local.tm_mon + 1L, 2);
-    AppendNumber(local.tm_mday, 2);
-    Append('-');
-    AppendNumber(local.tm_hour, 2);
-    Append(':');
-    AppendNumber(local.tm_min, 2);
-    Append(':');
-    AppendNumber(local.tm_sec, 2);
+void LineBuilder::appendTime(const std::tm& local) {
+    appendNumber(local.tm_year + 1900L, 4);
+    appendNumber(local.tm_mon + 1L, 2);
+    appendNumber(local.tm_mday, 2);
+    append('-');
+    appendNumber(local.tm_hour, 2);
+    append(':');
+    appendNumber(local.tm_min, 2);
+    append(':');
+    appendNumber(local.tm_sec, 2);
 }
 
-void LineBuilder::AppendLineNumber(long value) {
+void LineBuilder::appendLineNumber(long value) {
     char buf[kLongDigits + 1];
-    const char* text = Decimal(value, 1, buf);
-    for (int i = 0; i < 4 && text[i] != '\0'; ++i) Append(text[i]);
+    const char* text = decimal(value, 1, buf);
+    for (int i = 0; i < 4 && text[i] != '\0'; ++i) append(text[i]);
 }
 
-void LineBuilder::AppendFormatted(const char* format, std::va_list args) {
+void LineBuilder::appendFormatted(const char* format, std::va_list args) {
     if (m_pos < m_size) {
         Cursor cursor{m_buf + m_pos, m_buf + m_size - 1};
         Arguments copy;
         va_copy(copy.list, args);
-        const bool plain = PutPlain(cursor, format, copy);
+        const bool plain = putPlain(cursor, format, copy);
         va_end(copy.list);
         if (plain) {
             m_pos = static_cast<std::size_t>(cursor.out - m_buf);
@@ -129,7 +129,7 @@ void LineBuilder::AppendFormatted(const char* format, std::va_list args) {
     m_pos = std::min(m_pos + static_cast<std::size_t>(length), m_size);
 }
 
-void BreakDownWithOffset(std::time_t when, long utcOffset, std::tm& out) {
+void breakDownWithOffset(std::time_t when, long utcOffset, std::tm& out) {
     constexpr long kDay = 86400;
     const long seconds = static_cast<long>(when) + utcOffset;
     long days = seconds / kDay;

@@ -11,31 +11,31 @@ class LineBuilder {
 public:
     LineBuilder(char* buf, std::size_t size) : m_buf(buf), m_size(size) {}
 
-    void Append(char c) {
+    void append(char c) {
         if (m_pos < m_size) m_buf[m_pos++] = c;
     }
-    void Append(const char* text) { Append(text, std::strlen(text)); }
-    void Append(const char* text, std::size_t length) {
+    void append(const char* text) { append(text, std::strlen(text)); }
+    void append(const char* text, std::size_t length) {
         if (length > m_size - m_pos) length = m_size - m_pos;
         std::memcpy(m_buf + m_pos, text, length);
         m_pos += length;
     }
     /// The same for a length that the compiler knows.
     template <std::size_t kLength>
-    void AppendFixed(const char* text) {
-        if (kLength > m_size - m_pos) return Append(text, kLength);
+    void appendFixed(const char* text) {
+        if (kLength > m_size - m_pos) return append(text, kLength);
         std::memcpy(m_buf + m_pos, text, kLength);
         m_pos += kLength;
     }
-    void AppendNumber(long value, int minDigits);
-    void AppendHexByte(unsigned char byte);  ///< "%02X "
-    void AppendTime(const std::tm& local);   ///< YYYYMMDD-HH:MM:SS
-    void AppendLineNumber(long value);       ///< its first four characters: the field of the line has room for no more
+    void appendNumber(long value, int minDigits);
+    void appendHexByte(unsigned char byte);  ///< "%02X "
+    void appendTime(const std::tm& local);   ///< YYYYMMDD-HH:MM:SS
+    void appendLineNumber(long value);       ///< its first four characters: the field of the line has room for no more
     /// What vsnprintf makes of @p format, cut at the end of the buffer.
-    void AppendFormatted(const char* format, std::va_list args);
+    void appendFormatted(const char* format, std::va_list args);
 
     /// Ends the line with a newline, in the buffer's last byte at the latest. @return its length, newline included.
-    std::size_t FinishLine() {
+    std::size_t finishLine() {
         if (m_pos == m_size) --m_pos;
         m_buf[m_pos] = '\n';
         return m_pos + 1;
@@ -48,4 +48,4 @@ private:
 };
 
 /// Calendar fields of @p when for a fixed offset from UTC, with arithmetic alone.
-void BreakDownWithOffset(std::time_t when, long utcOffset, std::tm& out);
+void breakDownWithOffset(std::time_t when, long utcOffset, std::tm& out);

@@ -17,6 +17,6 @@ struct LocalSecond {
 /// @return the second @p when in the process's time zone; null when the C library cannot tell the local time. A zone
 ///         that the process changed since the last call shows at once, or in the next second where both zones have
 ///         the same names and standard offset. The log lock is held, and the result valid, until it is released.
-const LocalSecond* LocalSecondOf(std::time_t when);
+const LocalSecond* localSecondOf(std::time_t when);
 /// Forgets the last one. The log lock is held.
-void ForgetLocalSecond();
+void forgetLocalSecond();

@@ -49,64 +49,64 @@ struct ErrnoKeeper {
     ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
 };
 
-bool IsWritten(std::uint8_t level) {
+bool isWritten(std::uint8_t level) {
     return elog.output_enabled.load(std::memory_order_relaxed) && level < ELOG_LVL_TOTAL &&
            level <= elog.filter_level.load(std::memory_order_relaxed);
 }
 
-void AppendTimeGroup(LineBuilder& line, std::uint64_t mask, const char* time) {
-    line.Append('[');
+void appendTimeGroup(LineBuilder& line, std::uint64_t mask, const char* time) {
+    line.append('[');
     if (mask & ELOG_FMT_TIME) {
-        if (time != nullptr) line.Append(time, LocalSecond::kTextSize);
-        if (mask & (ELOG_FMT_PID | ELOG_FMT_TID)) line.Append(' ');
+        if (time != nullptr) line.append(time, LocalSecond::kTextSize);
+        if (mask & (ELOG_FMT_PID | ELOG_FMT_TID)) line.append(' ');
     }
     if (mask & ELOG_FMT_PID) {
-        line.Append("pid:");
-        line.AppendNumber(getpid(), 4);
-        if (mask & ELOG_FMT_TID) line.Append(' ');
+        line.append("pid:");
+        line.appendNumber(getpid(), 4);
+        if (mask & ELOG_FMT_TID) line.append(' ');
     }
     if (mask & ELOG_FMT_TID) {
-        line.Append("tid:");
-        line.AppendNumber(gettid(), 4);
+        line.append("tid:");
+        line.appendNumber(gettid(), 4);
     }
-    line.Append(']');
+    line.append(']');
 }
 
-void AppendSourceGroup(LineBuilder& line, std::uint64_t mask, const char* file, const char* func, long number) {
-    line.Append('(');
+void appendSourceGroup(LineBuilder& line, std::uint64_t mask, const char* file, const char* func, long number) {
+    line.append('(');
     if (mask & ELOG_FMT_FILE) {
-        line.Append(trunc_filename(file));
+        line.append(trunc_filename(file));
         if (mask & ELOG_FMT_FUNC) {
-            line.Append(' ');
+            line.append(' ');
         } else if (mask & ELOG_FMT_LINE) {
-            line.Append(':');
+            line.append(':');
         }
     }
     if (mask & ELOG_FMT_FUNC) {
-        line.Append(func);
-        if (mask & ELOG_FMT_LINE) line.Append(':');
+        line.append(func);
+        if (mask & ELOG_FMT_LINE) line.append(':');
     }
-    if (mask & ELOG_FMT_LINE) line.AppendLineNumber(number);
-    line.Append(')');
+    if (mask & ELOG_FMT_LINE) line.appendLineNumber(number);
+    line.append(')');
 }
 
 // Everything before the message. Safe in a signal handler. @p time is null when the time cannot be had.
-void AppendPrefix(LineBuilder& line, std::uint8_t level, const char* tag, const char* file, const char* func,
+void appendPrefix(LineBuilder& line, std::uint8_t level, const char* tag, const char* file, const char* func,
                   long number, const char* time) {
     const std::uint64_t mask = elog.format_masks[level].load(std::memory_order_relaxed);
-    if (mask & ELOG_FMT_LVL) line.Append(level_output_info[level], kLevelTagSize);
-    if (mask & (ELOG_FMT_TIME | ELOG_FMT_PID | ELOG_FMT_TID)) AppendTimeGroup(line, mask, time);
+    if (mask & ELOG_FMT_LVL) line.append(level_output_info[level], kLevelTagSize);
+    if (mask & (ELOG_FMT_TIME | ELOG_FMT_PID | ELOG_FMT_TID)) appendTimeGroup(line, mask, time);
     if (mask & ELOG_FMT_TAG) {
-        line.Append('[');
-        line.Append(tag);
-        line.Append(']');
+        line.append('[');
+        line.append(tag);
+        line.append(']');
     }
-    if (mask & (ELOG_FMT_FILE | ELOG_FMT_FUNC | ELOG_FMT_LINE)) AppendSourceGroup(line, mask, file, func, number);
+    if (mask & (ELOG_FMT_FILE | ELOG_FMT_FUNC | ELOG_FMT_LINE)) appendSourceGroup(line, mask, file, func, number);
 }
 
 // The local time of a line, kept in time_cache; null when it cannot be had.
-const char* StampTime() {
-    const LocalSecond* now = LocalSecondOf(::time(nullptr));
+const char* stampTime() {
+    const LocalSecond* now = localSecondOf(::time(nullptr));
     if (now == nullptr) return nullptr;
     time_cache.store(now->when, std::memory_order_relaxed);
     utc_offset.store(now->utcOffset, std::memory_order_relaxed);
@@ -114,43 +114,43 @@ const char* StampTime() {
 }
 
 // The prefix of nearly all lines, with nothing left to decide.
-inline void AppendBriefPrefix(LineBuilder& line, std::uint8_t level, const char* time, const char* tag) {
-    line.AppendFixed<kLevelTagSize>(level_output_info[level]);
-    line.AppendFixed<1>("[");
-    line.AppendFixed<LocalSecond::kTextSize>(time);
-    line.AppendFixed<2>("][");
-    line.Append(tag);
-    line.AppendFixed<1>("]");
+inline void appendBriefPrefix(LineBuilder& line, std::uint8_t level, const char* time, const char* tag) {
+    line.appendFixed<kLevelTagSize>(level_output_info[level]);
+    line.appendFixed<1>("[");
+    line.appendFixed<LocalSecond::kTextSize>(time);
+    line.appendFixed<2>("][");
+    line.append(tag);
+    line.appendFixed<1>("]");
 }
 
 // What both raw outputs do; the length handed on is the one that the text would have, up to the buffer's size.
-void RawOutput(char* buf, std::size_t size, const char* format, std::va_list args) {
+void rawOutput(char* buf, std::size_t size, const char* format, std::va_list args) {
     const int length = std::vsnprintf(buf, size, format, args);
     if (length <= 0) return;
     const auto wanted = static_cast<std::size_t>(length);
     elog_port_output(buf, wanted < size ? wanted : size);
 }
 
-void HexdumpLine(const char* name, unsigned int width, const unsigned char* data, unsigned int offset,
+void hexdumpLine(const char* name, unsigned int width, const unsigned char* data, unsigned int offset,
                  unsigned int size) {
     char head[ELOG_LINE_SIZE];
     std::snprintf(head, sizeof head, "[DEBUG  ]HEX %s: %04X-%04X: ", name, offset, offset + width);
     LineBuilder line(log_buf, sizeof log_buf);
-    line.Append(head);
+    line.append(head);
     for (unsigned int i = 0; i < width; ++i) {
         if (offset + i < size) {
-            line.AppendHexByte(data[offset + i]);
+            line.appendHexByte(data[offset + i]);
         } else {
-            line.Append("   ");
+            line.append("   ");
         }
-        if ((i + 1) % 8 == 0) line.Append(' ');
+        if ((i + 1) % 8 == 0) line.append(' ');
     }
-    line.Append("  ");
+    line.append("  ");
     for (unsigned int i = 0; i < width && offset + i < size; ++i) {
         const unsigned char byte = data[offset + i];
-        line.Append(byte >= 32 && byte <= 126 ? static_cast<char>(byte) : '.');
+        line.append(byte >= 32 && byte <= 126 ? static_cast<char>(byte) : '.');
     }
-    elog_port_output(log_buf, line.FinishLine());
+    elog_port_output(log_buf, line.finishLine());
 }
 
 }  // namespace
@@ -173,47 +173,47 @@ void elog_fini() { elog_port_fini(); }
 
 void elog_output(std::uint8_t level, const char* tag, const char* file, const char* func, long line, const char* format,
                  ...) {
-    if (!IsWritten(level)) return;
+    if (!isWritten(level)) return;
     const ErrnoKeeper keep;
     const LogLock lock;
 
     const std::uint64_t mask = elog.format_masks[level].load(std::memory_order_relaxed);
-    const char* time = mask & ELOG_FMT_TIME ? StampTime() : nullptr;
+    const char* time = mask & ELOG_FMT_TIME ? stampTime() : nullptr;
     LineBuilder text(log_buf, sizeof log_buf);
     if (mask == kBriefFormat && time != nullptr) {
-        AppendBriefPrefix(text, level, time, tag);
+        appendBriefPrefix(text, level, time, tag);
     } else {
-        AppendPrefix(text, level, tag, file, func, line, time);
+        appendPrefix(text, level, tag, file, func, line, time);
     }
 
     std::va_list args;
     va_start(args, format);
-    text.AppendFormatted(format, args);
+    text.appendFormatted(format, args);
     va_end(args);
-    elog_port_output_locked(log_buf, text.FinishLine());
+    elog_port_output_locked(log_buf, text.finishLine());
 }
 
 void elog_output_from_handler(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
                               const char* format, int value) {
-    if (!IsWritten(level)) return;
+    if (!isWritten(level)) return;
     const ErrnoKeeper keep;
 
     std::tm local;
-    BreakDownWithOffset(::time(nullptr), utc_offset.load(std::memory_order_relaxed), local);
+    breakDownWithOffset(::time(nullptr), utc_offset.load(std::memory_order_relaxed), local);
     char time[LocalSecond::kTextSize];
-    LineBuilder(time, sizeof time).AppendTime(local);
+    LineBuilder(time, sizeof time).appendTime(local);
     char buf[ELOG_LINE_SIZE];  // log_buf may be half-written under us
     LineBuilder text(buf, sizeof buf);
-    AppendPrefix(text, level, tag, file, func, line, time);
+    appendPrefix(text, level, tag, file, func, line, time);
     for (const char* p = format; *p != '\0'; ++p) {
         if (p[0] == '%' && p[1] == 'd') {
-            text.AppendNumber(value, 1);
+            text.appendNumber(value, 1);
             ++p;
         } else {
-            text.Append(*p);
+            text.append(*p);
         }
     }
-    elog_port_output_from_handler(buf, text.FinishLine());
+    elog_port_output_from_handler(buf, text.finishLine());
 }
 
 void elog_raw(const char* format, ...) {
@@ -222,7 +222,7 @@ void elog_raw(const char* format, ...) {
     const LogLock lock;
     std::va_list args;
     va_start(args, format);
-    RawOutput(log_buf, sizeof log_buf, format, args);
+    rawOutput(log_buf, sizeof log_buf, format, args);
     va_end(args);
 }
 
@@ -232,16 +232,16 @@ void elog_raw_huge(const char* format, ...) {
     const LogLock lock;
     std::va_list args;
     va_start(args, format);
-    RawOutput(log_buf_huge, sizeof log_buf_huge, format, args);
+    rawOutput(log_buf_huge, sizeof log_buf_huge, format, args);
     va_end(args);
 }
 
 void elog_hexdump(const char* name, std::uint8_t width, const void* buf, std::uint16_t size) {
-    if (!IsWritten(ELOG_LVL_DEBUG) || width == 0) return;
+    if (!isWritten(ELOG_LVL_DEBUG) || width == 0) return;
     const ErrnoKeeper keep;
     const LogLock lock;
     for (unsigned int offset = 0; offset < size; offset += width)
-        HexdumpLine(name, width, static_cast<const unsigned char*>(buf), offset, size);
+        hexdumpLine(name, width, static_cast<const unsigned char*>(buf), offset, size);
 }
 
 void elog_set_output_enabled(bool enabled) { elog.output_enabled = enabled; }
@@ -263,6 +263,6 @@ const char* trunc_filename(const char* path) {
 
 int get_time_zone() {
     std::tm epoch{};
-    local_time::BreakDown(0, epoch);
+    local_time::breakDown(0, epoch);
     return epoch.tm_hour >= 13 ? epoch.tm_hour - 24 : epoch.tm_hour;
 }

@@ -30,7 +30,7 @@ constexpr std::size_t kMaxDirPath = 512;  // longer paths are cut
 // Stop signals may find a thread anywhere: their handler writes to elog_file_fd without a lock. Closing waits until no
 // handler is at it, so that its line never reaches a descriptor that has become somebody else's. A handler on this very
 // thread has run to its end before the thread comes here again.
-void CloseFile() {
+void closeFile() {
     elog_file_fd = -1;
     while (elog_handlers_writing != 0) ::sched_yield();
     if (elog_file_fp != nullptr) std::fclose(elog_file_fp);
@@ -38,9 +38,9 @@ void CloseFile() {
 }
 
 // The configured path with the date in the place of its "%s". Done by hand: a directory name may hold a '%' as well.
-std::string DatedPath(const ElogFileCfg& cfg, const std::tm& local) {
+std::string datedPath(const ElogFileCfg& cfg, const std::tm& local) {
     char date[16];
-    std::snprintf(date, sizeof date, "%08u", local_time::Date(local));
+    std::snprintf(date, sizeof date, "%08u", local_time::date(local));
     std::string path = cfg.name;
     const std::size_t mark = path.rfind("%s");
     if (mark != std::string::npos) path.replace(mark, 2, date);
@@ -50,7 +50,7 @@ std::string DatedPath(const ElogFileCfg& cfg, const std::tm& local) {
 
 // Opens for appending. Not one of the three standard descriptors, which a daemon may have closed: a log file there
 // would get what others write to them.
-int OpenAbove(const char* path) {
+int openAbove(const char* path) {
     // O_NONBLOCK for the open alone: a FIFO that nobody reads must fail here, not hold the process up.
     const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
     if (fd < 0) return -1;
@@ -61,8 +61,8 @@ int OpenAbove(const char* path) {
     return above;
 }
 
-bool OpenFile(const std::string& path) {
-    const int fd = OpenAbove(path.c_str());
+bool openFile(const std::string& path) {
+    const int fd = openAbove(path.c_str());
     if (fd >= 0) elog_file_fp = ::fdopen(fd, "ab");
     if (elog_file_fp == nullptr) {
         std::fprintf(stderr, "Error! Create file %s fail, errmsg:%s. \n", path.c_str(), std::strerror(errno));
@@ -123,11 +123,11 @@ int elog_file_init(const char* dir, const char* name) {
 }
 
 int elog_file_config(const ElogFileCfg* cfg) {
-    CloseFile();
+    closeFile();
     if (cfg != &local_cfg) local_cfg = *cfg;
     std::tm local{};
-    if (!local_time::BreakDown(time_cache, local)) return -1;
-    return OpenFile(DatedPath(local_cfg, local)) ? elog_file_fd.load() : -1;
+    if (!local_time::breakDown(time_cache, local)) return -1;
+    return openFile(datedPath(local_cfg, local)) ? elog_file_fd.load() : -1;
 }
 
 void elog_file_write(const char* buf, std::size_t size) {
@@ -151,7 +151,7 @@ void elog_file_rotate() {
 
 void elog_file_rotate_day() {
     if (!elog_file_init_ok) return;
-    const LocalSecond* lastStamp = LocalSecondOf(time_cache.load(std::memory_order_relaxed));
+    const LocalSecond* lastStamp = localSecondOf(time_cache.load(std::memory_order_relaxed));
     if (lastStamp == nullptr) return;
     const long day = lastStamp->date;
     if (last_rotate_day == 0) {
@@ -166,7 +166,7 @@ void elog_file_rotate_day() {
 
 void elog_file_fini() {
     const LogLock lock;
-    CloseFile();
-    ForgetLocalSecond();
+    closeFile();
+    forgetLocalSecond();
     elog_file_init_ok = false;
 }

@@ -27,7 +27,7 @@ struct StdoutLock {
 
 // What fwrite does on an unbuffered stream, without the way through stdio. A write that a stop signal interrupts is not
 // tried again: its reader may have stopped, and the process is to end.
-void WriteToStdout(const char* buf, std::size_t size) {
+void writeToStdout(const char* buf, std::size_t size) {
     const StdoutLock lock;
     const int fd = ::fileno_unlocked(stdout);
     if (fd < 0) {
@@ -55,7 +55,7 @@ void elog_port_output(const char* buf, std::size_t size) {
 }
 
 void elog_port_output_locked(const char* buf, std::size_t size) {
-    WriteToStdout(buf, size);
+    writeToStdout(buf, size);
     elog_file_write_locked(buf, size);
 }
 

@@ -13,18 +13,18 @@ constexpr char kHexDigits[] = "0123456789ABCDEF";
 
 enum class Move { kWholeToZero, kNone, kHalf };
 
-Move MoveBy(int n) {
+Move moveBy(int n) {
     if (n == 64) return Move::kWholeToZero;
     return n == 0 || (n >= 32 && n <= 63) ? Move::kNone : Move::kHalf;
 }
 
-unsigned long Join(std::uint32_t high, std::uint32_t low) { return static_cast<unsigned long>(high) << 32 | low; }
+unsigned long join(std::uint32_t high, std::uint32_t low) { return static_cast<unsigned long>(high) << 32 | low; }
 
-std::uint32_t HighHalf(unsigned long v) { return static_cast<std::uint32_t>(v >> 32); }
+std::uint32_t highHalf(unsigned long v) { return static_cast<std::uint32_t>(v >> 32); }
 
-std::uint32_t LowHalf(unsigned long v) { return static_cast<std::uint32_t>(v); }
+std::uint32_t lowHalf(unsigned long v) { return static_cast<std::uint32_t>(v); }
 
-void WriteLineHead(int fd) {
+void writeLineHead(int fd) {
     char head[10];  // 9 characters: a longer counter loses its last ones, readers of the dumps know that width
     std::snprintf(head, sizeof head, "%d--", static_cast<int>(g_uiPktCnt));
     // Whether the descriptor takes anything shows in the write of the data that follows.
@@ -33,9 +33,9 @@ void WriteLineHead(int fd) {
 
 /// How many bytes of data a buffer takes: two digits each, and one character for the line feed. A full buffer of
 /// odd size has no room left for the terminator.
-unsigned int HexCapacity(unsigned int bufferSize) { return bufferSize < 2 ? 0 : (bufferSize - 1) / 2; }
+unsigned int hexCapacity(unsigned int bufferSize) { return bufferSize < 2 ? 0 : (bufferSize - 1) / 2; }
 
-void EncodeHex(char* out, const unsigned char* data, unsigned int count) {
+void encodeHex(char* out, const unsigned char* data, unsigned int count) {
     for (unsigned int i = 0; i < count; ++i) {
         out[2 * i] = kHexDigits[data[i] >> 4];
         out[2 * i + 1] = kHexDigits[data[i] & 0x0F];
@@ -55,18 +55,18 @@ bool Uti_IsBigEndian() { return false; }
 
 // The halves are taken by value, not through memory, so they are the same ones on a host of either byte order.
 unsigned long Uti_MoveLeft64(unsigned long v, int n) {
-    switch (MoveBy(n)) {
+    switch (moveBy(n)) {
         case Move::kWholeToZero: return 0;
         case Move::kNone: return v;
-        default: return Join(HighHalf(v) << (n & 31), LowHalf(v));
+        default: return join(highHalf(v) << (n & 31), lowHalf(v));
     }
 }
 
 unsigned long Uti_MoveRight64(unsigned long v, int n) {
-    switch (MoveBy(n)) {
+    switch (moveBy(n)) {
         case Move::kWholeToZero: return 0;
         case Move::kNone: return v;
-        default: return Join(HighHalf(v), LowHalf(v) >> (n & 31));
+        default: return join(highHalf(v), lowHalf(v) >> (n & 31));
     }
 }
 
@@ -76,11 +76,11 @@ long Uti_GetFileSize(const char* path) {
 }
 
 long FillDebugFileHex(char* buffer, unsigned int bufferSize, int fd, unsigned char const* data, unsigned int length) {
-    WriteLineHead(fd);
+    writeLineHead(fd);
 
-    const unsigned int capacity = HexCapacity(bufferSize);
+    const unsigned int capacity = hexCapacity(bufferSize);
     const unsigned int encoded = length < capacity ? length : capacity;
-    EncodeHex(buffer, data, encoded);
+    encodeHex(buffer, data, encoded);
     if (encoded < length) {
         const unsigned int left = length - encoded;
         std::printf("Left %u bytes not write into file. totalSizes:%u, writed:%u.\n", left, length, encoded);

@@ -34,11 +34,11 @@ public:
     ShellCommand(const ShellCommand&) = delete;
     ShellCommand& operator=(const ShellCommand&) = delete;
 
-    bool Started() const { return m_output != nullptr; }
+    bool started() const { return m_output != nullptr; }
 
     /// 0 when the command could not be started.
     /// @param lineSize at most kLongestLineSize; a line that does not fit with its terminator counts as several.
-    unsigned int CountLines(int lineSize) {
+    unsigned int countLines(int lineSize) {
         char line[kLongestLineSize];
         unsigned int lines = 0;
         while (m_output != nullptr && std::fgets(line, lineSize, m_output) != nullptr) ++lines;
@@ -49,29 +49,29 @@ private:
     std::FILE* m_output;
 };
 
-unsigned int CountLines(const char* command, int lineSize) { return ShellCommand(command).CountLines(lineSize); }
+unsigned int countLines(const char* command, int lineSize) { return ShellCommand(command).countLines(lineSize); }
 
-unsigned int BoardType(unsigned int eBoards, unsigned int xiBoards) {
+unsigned int boardType(unsigned int eBoards, unsigned int xiBoards) {
     if (eBoards > 0 && xiBoards > 0) return kBothKinds;
     if (eBoards > 0) return eBoards == 1 ? kOneEBoard : kSeveralEBoards;
     if (xiBoards > 0) return xiBoards == 1 ? kOneXiBoard : kSeveralXiBoards;
     return kNoBoard;
 }
 
-int RequireEDriver() {
+int requireEDriver() {
     if (IsEDriverInstalled()) return 0;
     std::printf("There exist E board, but the E driver not installed, please install first.\n");
     return -1;
 }
 
-int RequireXiDriver() {
+int requireXiDriver() {
     if (IsXiDriverInstalled()) return 0;
     std::printf("There exist Xi board, but the Xi driver not installed, please install first.\n");
     return -1;
 }
 
 /// A host with both kinds of board may run on either of them, so a missing driver is only pointed out.
-int NoticeMissingDrivers() {
+int noticeMissingDrivers() {
     const char* const eNotice = IsEDriverInstalled() ? "" : "Attention! the E driver not installed!";
     const char* const xiNotice = IsXiDriverInstalled() ? "" : "Attention! the Xi driver not installed!";
     std::printf("%s%s \n", eNotice, xiNotice);
@@ -85,18 +85,18 @@ const char* g_szBrdChkCmd[2] = {"lspci | grep Enyx", "lspci | grep Xilinx"};
 
 int CheckEnvBoard() {
     if (g_curEnvBrdType == kNotDetected) {
-        const unsigned int eBoards = CountLines(g_szBrdChkCmd[0], kBoardLineSize);
-        const unsigned int xiBoards = CountLines(g_szBrdChkCmd[1], kBoardLineSize);
-        g_curEnvBrdType = BoardType(eBoards, xiBoards);
+        const unsigned int eBoards = countLines(g_szBrdChkCmd[0], kBoardLineSize);
+        const unsigned int xiBoards = countLines(g_szBrdChkCmd[1], kBoardLineSize);
+        g_curEnvBrdType = boardType(eBoards, xiBoards);
     }
     return static_cast<int>(g_curEnvBrdType);
 }
 
 // The output is left unread on purpose: the E driver counts as loaded wherever a shell runs, and applications that
 // start on hosts without a module of that name depend on it.
-bool IsEDriverInstalled() { return ShellCommand("lsmod | grep hfp").Started(); }
+bool IsEDriverInstalled() { return ShellCommand("lsmod | grep hfp").started(); }
 
-bool IsXiDriverInstalled() { return CountLines("lsmod | grep xdma", kBoardLineSize) > 0; }
+bool IsXiDriverInstalled() { return countLines("lsmod | grep xdma", kBoardLineSize) > 0; }
 
 int CheckBeforeRun() {
     switch (CheckEnvBoard()) {
@@ -104,10 +104,10 @@ int CheckBeforeRun() {
             std::printf("Unable to recongnize fpga board! if there indeed exist fpga board, firmware maybe error.\n");
             return -1;
         case kOneEBoard:
-        case kSeveralEBoards: return RequireEDriver();
+        case kSeveralEBoards: return requireEDriver();
         case kOneXiBoard:
-        case kSeveralXiBoards: return RequireXiDriver();
-        case kBothKinds: return NoticeMissingDrivers();
+        case kSeveralXiBoards: return requireXiDriver();
+        case kBothKinds: return noticeMissingDrivers();
         default: std::printf("Unsupport board type.%d\n", static_cast<int>(g_curEnvBrdType)); return 0;
     }
 }
@@ -115,7 +115,7 @@ int CheckBeforeRun() {
 bool IsProdProgRunning() {
     const bool callerIsSibling = std::strncmp(program_invocation_short_name, kSiblingName, std::strlen(kSiblingName)) ==
                                  0;
-    return CountLines(kListSiblings, kProcessLineSize) == (callerIsSibling ? 2U : 1U);
+    return countLines(kListSiblings, kProcessLineSize) == (callerIsSibling ? 2U : 1U);
 }
 
 const char* GetCurUserName() {

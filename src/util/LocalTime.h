@@ -7,22 +7,22 @@
 namespace local_time {
 
 /// Breaks @p when down. @return false when the C library cannot (the year does not fit).
-inline bool BreakDown(std::time_t when, std::tm& out) { return ::localtime_r(&when, &out) != nullptr; }
+inline bool breakDown(std::time_t when, std::tm& out) { return ::localtime_r(&when, &out) != nullptr; }
 
 /// The current local time; all zero when the C library cannot break it down.
-inline std::tm Now() {
+inline std::tm now() {
     std::tm now{};
-    BreakDown(::time(nullptr), now);
+    breakDown(::time(nullptr), now);
     return now;
 }
 
 /// YYYYMMDD
-inline unsigned int Date(const std::tm& t) {
+inline unsigned int date(const std::tm& t) {
     return static_cast<unsigned int>((t.tm_year + 1900) * 10000 + (t.tm_mon + 1) * 100 + t.tm_mday);
 }
 
 /// HHMMSS
-inline unsigned int TimeOfDay(const std::tm& t) {
+inline unsigned int timeOfDay(const std::tm& t) {
     return static_cast<unsigned int>(t.tm_hour * 10000 + t.tm_min * 100 + t.tm_sec);
 }
 

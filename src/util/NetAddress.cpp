@@ -21,13 +21,13 @@ constexpr char kIpNumberFault[] =
     "Error: The IP address should contain 4 numbers between 0 and 255, separated by dots.";
 constexpr char kIpCharacterFault[] = "Error: The IP address should contain only digits and dots.";
 
-std::size_t LengthOf(const char* text) { return text != nullptr ? std::strlen(text) : 0; }
+std::size_t lengthOf(const char* text) { return text != nullptr ? std::strlen(text) : 0; }
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-bool IsHexDigit(char c) { return IsDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
+bool isHexDigit(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
-bool Refuse(const char* message) {
+bool refuse(const char* message) {
     std::printf("%s\n", message);
     return false;
 }
@@ -35,32 +35,32 @@ bool Refuse(const char* message) {
 }  // namespace
 
 bool IsValidMac(char* text) {
-    if (LengthOf(text) != kMacLength) {
-        return Refuse(kMacLengthFault);
+    if (lengthOf(text) != kMacLength) {
+        return refuse(kMacLengthFault);
     }
     for (std::size_t i = 0; i < kMacLength; ++i) {
         const bool separator = i % 3 == 2;
-        if (separator && text[i] != ':') return Refuse(kMacSeparatorFault);
-        if (!separator && !IsHexDigit(text[i])) return Refuse(kMacDigitFault);
+        if (separator && text[i] != ':') return refuse(kMacSeparatorFault);
+        if (!separator && !isHexDigit(text[i])) return refuse(kMacDigitFault);
     }
     return true;
 }
 
 bool IsValidIp(char* text) {
-    const std::size_t length = LengthOf(text);
+    const std::size_t length = lengthOf(text);
     if (length < kIpMinLength || length > kIpMaxLength) {
-        return Refuse(kIpLengthFault);
+        return refuse(kIpLengthFault);
     }
     int count = 0;
     unsigned long number = 0;  // 15 digits fit
     for (std::size_t i = 0; i <= length; ++i) {
-        if (IsDigit(text[i])) {
+        if (isDigit(text[i])) {
             number = number * 10 + static_cast<unsigned long>(text[i] - '0');
         } else if (text[i] == '.' || text[i] == '\0') {
-            if (++count > kIpNumbers || number > 255) return Refuse(kIpNumberFault);
+            if (++count > kIpNumbers || number > 255) return refuse(kIpNumberFault);
             number = 0;
         } else {
-            return Refuse(kIpCharacterFault);
+            return refuse(kIpCharacterFault);
         }
     }
     return true;
@@ -73,7 +73,7 @@ int ipStr2val(const char* text, unsigned char* out) {
     const char* at = copied;
     for (int count = 1;; ++count, ++at) {
         unsigned int number = 0;  // may wrap: only its low byte is asked for
-        for (; IsDigit(*at); ++at) number = number * 10 + static_cast<unsigned int>(*at - '0');
+        for (; isDigit(*at); ++at) number = number * 10 + static_cast<unsigned int>(*at - '0');
         *out = static_cast<unsigned char>(number);
         if (*out++ == 34) return -1;  // odd on purpose: callers rely on 34 being refused wherever it stands
         if (*at == '\0') return count >= kIpNumbers ? 0 : -1;

@@ -22,7 +22,7 @@ public:
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return m_fd; }
+    int get() const { return m_fd; }
     int Release() {
         const int fd = m_fd;
         m_fd = -1;
@@ -33,49 +33,49 @@ private:
     int m_fd;
 };
 
-bool IsTrusted(uid_t owner) { return owner == 0 || owner == ::geteuid(); }
+bool isTrusted(uid_t owner) { return owner == 0 || owner == ::geteuid(); }
 
 // Why the open file is not to be used; empty when it is.
-std::string Distrust(int fd) {
+std::string distrust(int fd) {
     struct stat status;
     if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return "it is not a regular file, remove it";
-    if (!IsTrusted(status.st_uid)) return "another user owns it, remove it";
+    if (!isTrusted(status.st_uid)) return "another user owns it, remove it";
     if (status.st_nlink != 1) return "it has another name too, remove it";
     return {};
 }
 
 // A lock of the process, not of the descriptor: a later user of the library in the same process gets it again.
-bool LockForWriting(int fd) {
+bool lockForWriting(int fd) {
     struct flock whole {};
     whole.l_type = F_WRLCK;
     whole.l_whence = SEEK_SET;
     return ::fcntl(fd, F_SETLK, &whole) == 0;
 }
 
-void RemoveForeignFile(const char* path) {
+void removeForeignFile(const char* path) {
     struct stat status;
-    if (::lstat(path, &status) == 0 && S_ISREG(status.st_mode) && !IsTrusted(status.st_uid)) ::unlink(path);
+    if (::lstat(path, &status) == 0 && S_ISREG(status.st_mode) && !isTrusted(status.st_uid)) ::unlink(path);
 }
 
 }  // namespace
 
-bool OutputFile::Open(const std::string& path) {
-    Close();
-    RemoveForeignFile(path.c_str());
+bool OutputFile::open(const std::string& path) {
+    close();
+    removeForeignFile(path.c_str());
     Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | kCautious, 0644));
-    if (file.Get() < 0 || !Distrust(file.Get()).empty()) return false;
-    if (!LockForWriting(file.Get()) || ::ftruncate(file.Get(), 0) != 0) return false;
+    if (file.get() < 0 || !distrust(file.get()).empty()) return false;
+    if (!lockForWriting(file.get()) || ::ftruncate(file.get(), 0) != 0) return false;
     m_fd = file.Release();
     return true;
 }
 
-bool OutputFile::Write(const char* data, std::size_t size) {
+bool OutputFile::write(const char* data, std::size_t size) {
     while (m_fd >= 0 && size > 0) {
         const ssize_t written = ::write(m_fd, data, size);
         if (written < 0 && errno == EINTR) continue;
         if (written <= 0) {
             const int why = written < 0 ? errno : EIO;
-            Close();
+            close();
             errno = why;
             return false;
         }
@@ -85,23 +85,23 @@ bool OutputFile::Write(const char* data, std::size_t size) {
     return true;
 }
 
-void OutputFile::Close() {
+void OutputFile::close() {
     if (m_fd >= 0) ::close(m_fd);
     m_fd = -1;
 }
 
-bool ReadWhole(const std::string& path, std::string& content, std::string& refusal) {
+bool readWhole(const std::string& path, std::string& content, std::string& refusal) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | kCautious));
-    if (file.Get() < 0) {
+    if (file.get() < 0) {
         if (errno == ELOOP) refusal = "it is a symbolic link, remove it";
         return false;
     }
-    refusal = Distrust(file.Get());
+    refusal = distrust(file.get());
     content.clear();
     std::size_t used = 0;
     while (refusal.empty()) {
         content.resize(used + kChunk);
-        const ssize_t got = ::read(file.Get(), &content[used], kChunk);
+        const ssize_t got = ::read(file.get(), &content[used], kChunk);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return false;
         used += static_cast<std::size_t>(got);

@@ -11,17 +11,17 @@ namespace safe_file {
 class OutputFile {
 public:
     OutputFile() = default;
-    ~OutputFile() { Close(); }
+    ~OutputFile() { close(); }
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
     /// Creates the file or empties it; one that another ordinary user left is replaced. Until it is closed no other
     /// process can open it so.
     /// @return false when that cannot be done
-    bool Open(const std::string& path);
+    bool open(const std::string& path);
     /// @return false, with errno set, for the write that failed; later writes do nothing and return true
-    bool Write(const char* data, std::size_t size);
-    void Close();
+    bool write(const char* data, std::size_t size);
+    void close();
 
 private:
     int m_fd = -1;
@@ -30,6 +30,6 @@ private:
 /// Reads a whole file that this user or root owns.
 /// @param refusal  why a file that is there is not believed; empty when the system could not open or read it
 /// @return whether it was read
-bool ReadWhole(const std::string& path, std::string& content, std::string& refusal);
+bool readWhole(const std::string& path, std::string& content, std::string& refusal);
 
 }  // namespace safe_file

@@ -6,7 +6,7 @@
 
 /// Sleeps whole seconds. A signal of the application does not shorten them: the card's reset pulse and the seconds over
 /// which its counters must stand still have to be full ones. Leaves errno as it found it.
-inline void SleepSeconds(unsigned int seconds) {
+inline void sleepSeconds(unsigned int seconds) {
     const int saved = errno;
     std::timespec end{};
     ::clock_gettime(CLOCK_MONOTONIC, &end);

@@ -13,14 +13,14 @@ struct Session {
 // Odd on purpose: the opening second itself (09:00:00, 21:00:00) is outside, and callers depend on it.
 constexpr Session kSessions[] = {{90001, 149999}, {210001, 232999}};
 
-unsigned long ReadNs(clockid_t clock) {
+unsigned long readNs(clockid_t clock) {
     timespec now{};
     ::clock_gettime(clock, &now);
     return static_cast<unsigned long>(now.tv_sec) * 1000000000UL + static_cast<unsigned long>(now.tv_nsec);
 }
 
 /// The plain localtime, as an application that replaces or fakes it expects. Its result is static, hence the lock.
-bool LocalNow(std::tm& out) {
+bool localNow(std::tm& out) {
     static std::mutex mutex;
     const std::lock_guard<std::mutex> lock(mutex);
     const std::time_t now = ::time(nullptr);
@@ -31,13 +31,13 @@ bool LocalNow(std::tm& out) {
 
 }  // namespace
 
-unsigned long get_time() { return ReadNs(CLOCK_REALTIME); }
+unsigned long get_time() { return readNs(CLOCK_REALTIME); }
 
 unsigned long BrixGetTimeTamp() { return get_time(); }
 
 unsigned long BrixDiffTimeTamp(long start) { return get_time() - static_cast<unsigned long>(start); }
 
-unsigned long get_time_since_powerof() { return ReadNs(CLOCK_MONOTONIC); }
+unsigned long get_time_since_powerof() { return readNs(CLOCK_MONOTONIC); }
 
 unsigned long NS_Sleep(long start, long ns) {
     // Signed, so that an end before 1970 has passed already instead of lying in the far future.
@@ -49,8 +49,8 @@ unsigned long NS_Sleep(long start, long ns) {
 
 unsigned long CheckIsRotateDay(unsigned long& lastDay) {
     std::tm now{};
-    if (!LocalNow(now)) return 0;
-    const unsigned long today = local_time::Date(now);
+    if (!localNow(now)) return 0;
+    const unsigned long today = local_time::date(now);
     const bool rotates = lastDay != 0 && today > lastDay;
     if (lastDay == 0 || rotates) lastDay = today;
     return rotates ? 1 : 0;
@@ -58,8 +58,8 @@ unsigned long CheckIsRotateDay(unsigned long& lastDay) {
 
 bool ZceIsInTradeTime() {
     std::tm now{};
-    if (!LocalNow(now)) return false;
-    const unsigned int timeOfDay = local_time::TimeOfDay(now);
+    if (!localNow(now)) return false;
+    const unsigned int timeOfDay = local_time::timeOfDay(now);
     for (const Session& session : kSessions) {
         if (session.first <= timeOfDay && timeOfDay <= session.last) return true;
     }

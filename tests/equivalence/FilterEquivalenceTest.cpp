@@ -192,7 +192,7 @@ TEST(FilterEquivalence, EverySingleQuestionIsAnsweredAsByASearchOfTheLists) {
             SCOPED_TRACE("id \"" + id + "\"");
 
             const bool wanted = plain::Decide(id, rules) != plain::Decision::kSkip;
-            EXPECT_EQ(contracts.WantedBy(id), wanted ? 1U << chan : 0U);
+            EXPECT_EQ(contracts.wantedBy(id), wanted ? 1U << chan : 0U);
             EXPECT_EQ(contracts.bOrderedId(id, chan), plain::Listed(rules.ids, id));
             EXPECT_EQ(contracts.bOrderedClass(id, chan), plain::Listed(rules.classes, id));
             EXPECT_EQ(contracts.bOrderedClass(ExtractClass(id), chan),

@@ -17,7 +17,7 @@ std::string Text(const std::tm& t) {
 
 std::string Broken(std::time_t when, long utcOffset) {
     std::tm fields;
-    BreakDownWithOffset(when, utcOffset, fields);
+    breakDownWithOffset(when, utcOffset, fields);
     return Text(fields);
 }
 
@@ -61,7 +61,7 @@ TEST(Calendar, NothingOfTheEarlierContentStays) {
     fields.tm_isdst = 1;
     fields.tm_gmtoff = 99;
 
-    BreakDownWithOffset(0, 0, fields);
+    breakDownWithOffset(0, 0, fields);
 
     EXPECT_EQ(fields.tm_isdst, 0);
     EXPECT_EQ(fields.tm_gmtoff, 0);

@@ -17,12 +17,12 @@ __attribute__((format(printf, 3, 4))) std::string Line(std::size_t size, const s
                                                        ...) {
     std::vector<char> buf(size + 1, '\x7f');
     LineBuilder line(buf.data(), size);
-    line.Append(prefix.c_str());
+    line.append(prefix.c_str());
     std::va_list args;
     va_start(args, format);
-    line.AppendFormatted(format, args);
+    line.appendFormatted(format, args);
     va_end(args);
-    const std::size_t length = line.FinishLine();
+    const std::size_t length = line.finishLine();
     EXPECT_EQ(buf[size], '\x7f') << "wrote behind the buffer";
     return std::string(buf.data(), length);
 }
