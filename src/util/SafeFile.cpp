@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <cerrno>
 
+#include "src/util/StandardStreams.h"
+
 namespace safe_file {
 
 namespace {
@@ -62,7 +64,7 @@ void removeForeignFile(const char* path) {
 bool OutputFile::open(const std::string& path) {
     close();
     removeForeignFile(path.c_str());
-    Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | kCautious, 0644));
+    Descriptor file(standard_streams::moveAbove(::open(path.c_str(), O_WRONLY | O_CREAT | kCautious, 0644)));
     if (file.get() < 0 || !distrust(file.get()).empty()) return false;
     if (!lockForWriting(file.get()) || ::ftruncate(file.get(), 0) != 0) return false;
     m_fd = file.Release();
@@ -91,7 +93,7 @@ void OutputFile::close() {
 }
 
 bool readWhole(const std::string& path, std::string& content, std::string& refusal) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | kCautious));
+    const Descriptor file(standard_streams::moveAbove(::open(path.c_str(), O_RDONLY | kCautious)));
     if (file.get() < 0) {
         if (errno == ELOOP) refusal = "it is a symbolic link, remove it";
         return false;
