@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "src/log/StandardWrite.h"
 #include "src/log/log.h"
 
 std::atomic<std::size_t> CSignalProcess::m_isExit{0};
@@ -44,7 +45,8 @@ int CSignalProcess::InitSignal() {
     return 0;
 }
 
-void CSignalProcess::SignalHandler(int sig, siginfo_t* /*info*/, void* /*ctx*/) {
+void CSignalProcess::SignalHandler(int sig, siginfo_t* info, void* ctx) {
+    if (!standard_write::stopFromHandler(sig, info, ctx)) return;
     elog_output_from_handler(ELOG_LVL_WARN, "fpga", kLogFile, __func__, __LINE__, "Received signal %d !!", sig);
     m_isExit.store(1, std::memory_order_relaxed);
 }
