@@ -5,6 +5,7 @@
                           heading counts the files; no walk visits more of them than its limit
     pages.py texts ROOT   the files in docs/quirks.md and in the typos of CONTRIBUTING.md hold what is said to be in them
     pages.py paths ROOT   every file and folder that a page names is there
+    pages.py keys ROOT    examples/zce.ini has every key that the configuration reads, and no other
 
 One line for each mistake; exit status 1 if there is any.
 """
@@ -132,7 +133,28 @@ def check_paths(root):
         yield f"only {count} paths were found"
 
 
-CHECKS = {"walks": check_walks, "texts": check_texts, "paths": check_paths}
+def check_keys(root):
+    reads, has = set(), set()
+    for source in sorted(glob.glob(os.path.join(root, "src/config/*.cpp"))):
+        text = read(root, os.path.relpath(source, root))
+        reads.update(key.lower() for key in re.findall(r'"((?:config|version):[\w.]+)"', text))
+        reads.update("channel:" + key for key in re.findall(r'channelKey\(\w+, "(\w+)"\)', text))
+    section = ""
+    for entry in read(root, "examples/zce.ini").splitlines():
+        begins = re.match(r"\[(config|version|channel)\d*\]$", entry)
+        section = begins.group(1) if begins else section
+        key = re.match(r";?([\w.]+)\s*=", entry)  # a key that is switched off is shown, too
+        if key:
+            has.add(f"{section}:{key.group(1).lower()}")
+    for key in sorted(reads - has):
+        yield f"examples/zce.ini does not tell of {key}"
+    for key in sorted(has - reads):
+        yield f"examples/zce.ini tells of {key}, which nothing reads"
+    if len(reads) < 20:
+        yield f"only {len(reads)} keys were found in src/config"
+
+
+CHECKS = {"walks": check_walks, "texts": check_texts, "paths": check_paths, "keys": check_keys}
 
 
 def main():

@@ -22,9 +22,10 @@ class Pages(unittest.TestCase):
         self.tree = tempfile.mkdtemp()
         self.addCleanup(shutil.rmtree, self.tree)
         for entry in os.listdir(ROOT):
-            if entry not in ("docs", "CONTRIBUTING.md"):
+            if entry not in ("docs", "examples", "CONTRIBUTING.md"):
                 os.symlink(os.path.join(ROOT, entry), os.path.join(self.tree, entry))
-        shutil.copytree(os.path.join(ROOT, "docs"), os.path.join(self.tree, "docs"))
+        for copied in ("docs", "examples"):
+            shutil.copytree(os.path.join(ROOT, copied), os.path.join(self.tree, copied))
         shutil.copy(os.path.join(ROOT, "CONTRIBUTING.md"), self.tree)
 
     def spoil(self, page, old, new):
@@ -87,6 +88,11 @@ class Pages(unittest.TestCase):
         self.spoil("CONTRIBUTING.md", "`examples/zce.ini`", "`examples/zce.conf`")
         self.assertEqual([m for m in self.mistakes("paths") if m not in before],
                          ["CONTRIBUTING.md: there is no examples/zce.conf"])
+
+    def test_a_key_that_the_example_lacks_or_invents_is_found(self):
+        self.spoil("examples/zce.ini", ";L5_DSTIP ", ";L5_DSTIQ ")
+        self.assertEqual(self.mistakes("keys"), ["examples/zce.ini does not tell of config:l5_dstip",
+                                                 "examples/zce.ini tells of config:l5_dstiq, which nothing reads"])
 
     def test_a_stale_picture_is_found(self):
         self.spoil("docs/figures/src/owners.txt", "packets: ", "quotes: ")
