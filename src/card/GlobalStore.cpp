@@ -27,10 +27,10 @@ void CZceFpgaServ::StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::
 void CZceFpgaServ::subscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id,
                                         std::uint32_t channels) {
     unsigned int mask = 0;
-    const std::string* name = nullptr;  // entries of the maps stay where they are
+    const std::string* name = nullptr;  // a map never moves its entries
     {
         const std::lock_guard<std::mutex> guard(subscribe_mutex);
-        // The card mostly announces its rows in ascending order: the end is where a map need not search.
+        // The card mostly announces its rows in ascending order: a hint at the map's end saves the search.
         IndexToChanBit& masks = type == 0 ? oneLegChanBits : combineChanBits;
         IndexToInstId& names = type == 0 ? oneLegNames : combineNames;
         unsigned short& stored = masks.try_emplace(masks.end(), index)->second;
