@@ -2,25 +2,30 @@
 # Builds the library with its simulated card and shows about 15 seconds of market data: the contract map being learned,
 # the subscription by the rules of examples/demo.ini, quotes, and what was received.
 #
-#     scripts/demo.sh [--built FOLDER]
+#     scripts/demo.sh [--built FOLDER] [--seconds N]
 #
 #   --built FOLDER   use the programs of this build folder; install and build nothing
+#   --seconds N      receive for N seconds (11)
 #
 # The demo builds in build/demo, a folder of its own. Logs and output are in run/demo.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 help_if_asked "$@"
 
-build=$vexo_root/build/demo
-case ${1:-} in
-    '')
-        need_packages "${build_packages[@]}"
-        echo "Building (a minute or two the first time); the whole output is in $build-build.log"
-        build_preset "$build-build.log" demo -- quote_printer
-        ;;
-    --built) build=$(cd "${2:?--built wants a folder}" && pwd) ;;
-    *) echo "Unknown argument $1; see scripts/demo.sh --help" >&2 && exit 2 ;;
-esac
+build=$vexo_root/build/demo built=no seconds=11
+while [ $# -gt 0 ]; do
+    case $1 in
+        --built) build=$(cd "${2:?--built wants a folder}" && pwd) built=yes ;;
+        --seconds) seconds=${2:?--seconds wants a number} ;;
+        *) echo "Unknown argument $1; see scripts/demo.sh --help" >&2 && exit 2 ;;
+    esac
+    shift 2
+done
+if [ "$built" = no ]; then
+    need_packages "${build_packages[@]}"
+    echo "Building (a minute or two the first time); the whole output is in $build-build.log"
+    build_preset "$build-build.log" demo -- quote_printer
+fi
 
 run_dir=${VEXO_DEMO_DIR:-$vexo_root/run/demo}
 mkdir -p "$run_dir"
@@ -56,7 +61,8 @@ logged() { grep -q -e "$1" output.log; }
 export VEXO_SIM_CARD=embedded  # whatever card is hosted on this machine
 unset VEXO_SIM_SCENARIO        # the demo's card is the ordinary one
 status=0
-"$build/bin/quote_printer" "$vexo_root/examples/demo.ini" --seconds 11 --quotes 2 | tee output.log | shorten || status=$?
+"$build/bin/quote_printer" "$vexo_root/examples/demo.ini" --seconds "$seconds" --quotes 2 |
+    tee output.log | shorten || status=$?
 
 received=$(sed -n 's/^received \([0-9]*\) quotes.*/\1/p' output.log)
 quoted=$(sed -n 's/^quote   type [0-9]*  \([^ ]*\) .*/\1/p' output.log | sort -u)
