@@ -87,7 +87,8 @@ else
     elif logged 'loading bin file is fail'; then
         map="$map; the day file $day_file that was there was not complete"
     fi
-    if logged 'open contract index file failed' || logged 'write contract index file failed'; then
+    if logged 'open contract index file failed' || logged 'write contract index file failed' ||
+        logged 'contract index file .* is not \(written\|complete\)'; then
         map="$map; the library could not write the day file $day_file"
     elif logged 'write bin file is success'; then
         map="$map and kept in the day file $day_file, $(grep -c '^[0-9]*,' "$day_file") instruments"
