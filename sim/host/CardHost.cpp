@@ -83,15 +83,7 @@ void CardHost::describe(const Plan& plan) {
     info.bus = plan.scenario.bus;
     copyText(info.scenario, plan.scenario.name);
     copyText(info.description, plan.scenario.description);
-    for (const scenario::CallFailure& failure : plan.scenario.callFailures) {
-        SharedFailure& shared = info.failures[info.failureCount++];
-        copyText(shared.call, failure.call);
-        shared.nth = failure.nth;
-        shared.times = failure.times;
-        shared.error = failure.error;
-        shared.hasResult = failure.result ? 1 : 0;
-        shared.result = failure.result.value_or(0);
-    }
+    for (const CallFailure& failure : plan.scenario.callFailures) info.failures[info.failureCount++] = failure;
 }
 
 bool CardHost::powerOn(const Plan& plan, std::string& error) {
@@ -107,7 +99,7 @@ bool CardHost::powerOn(const Plan& plan, std::string& error) {
         if (m_replay == nullptr) return false;
     }
     if (plan.record.empty()) return true;
-    m_recorder = std::make_unique<Recorder>(plan.record, m_block->state);
+    m_recorder = std::make_unique<CardRecorder>(plan.record, m_block->state);
     if (!m_recorder->isRecording()) error = "nothing would be recorded";
     return m_recorder->isRecording();
 }

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "sim/host/Recorder.h"
+#include "sim/host/CardRecorder.h"
 #include "sim/replay/CardReplay.h"
 #include "sim/scenario/Scenario.h"
 #include "sim/shm/CardFile.h"
@@ -50,7 +50,7 @@ private:
     HostClock m_clock;
     std::uint64_t m_nextOrphanCheckNs = 0;
     std::uint64_t m_knocks = 0;
-    std::unique_ptr<Recorder> m_recorder;
+    std::unique_ptr<CardRecorder> m_recorder;
     std::unique_ptr<CardReplay> m_replay;
 };
 

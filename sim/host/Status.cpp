@@ -6,6 +6,7 @@
 
 #include "sim/card/Registers.h"
 #include "sim/scenario/Pace.h"
+#include "sim/shm/AttachedCard.h"
 
 namespace vexo_sim {
 namespace {
@@ -73,7 +74,7 @@ CardStatus readStatus(CardBlock& block, const CardFile& file) {
     CardStatus status;
     readState(block, status);
     status.bus = block.host.bus;
-    status.host = describeProcess(file.holderOf({CardPart::kHost}).value_or(block.host.pid));
+    status.host = describeHost(file, block);
     status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - block.host.startedAt;
     status.scenario = block.host.scenario;
     status.description = block.host.description;

@@ -13,7 +13,7 @@
 #include "sim/host/CardHost.h"
 #include "sim/host/Status.h"
 #include "sim/scenario/Pace.h"
-#include "sim/shm/HostedCard.h"
+#include "sim/shm/AttachedCard.h"
 
 using namespace vexo_sim;
 
@@ -49,11 +49,11 @@ void catchStopSignals() {
 // What another process hosts, shown once.
 int showStatus(const Arguments& arguments) {
     const std::uint32_t bus = arguments.bus.value_or(0);
-    const std::unique_ptr<HostedCard> card = HostedCard::attach(bus);
-    if (card == nullptr)
+    const std::optional<AttachedCard> card = attachCard(bus);
+    if (!card)
         return fail("no card is hosted at bus " + std::to_string(bus) + ". Start one: vexo-simcard --bus " +
                     std::to_string(bus));
-    const CardStatus status = readStatus(card->block(), card->file());
+    const CardStatus status = readStatus(*card->block, card->file);
     std::fputs((arguments.json ? toJson(status) : toText(status)).c_str(), stdout);
     return 0;
 }

@@ -9,7 +9,7 @@
 #include <new>
 
 #include "sim/card/StreamRing.h"
-#include "sim/hw/Interface.h"
+#include "sim/hw/Exported.h"
 
 namespace vexo_sim {
 

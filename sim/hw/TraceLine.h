@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "sim/hw/Interface.h"
+#include "sim/hw/Exported.h"
 
 namespace vexo_sim {
 

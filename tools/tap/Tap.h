@@ -2,8 +2,8 @@
 
 #include "capture/RegisterAccess.h"
 #include "tools/tap/Origins.h"
-#include "tools/tap/Recorder.h"
 #include "tools/tap/StreamTable.h"
+#include "tools/tap/TapWriter.h"
 
 /// The tap of this process: at most one capture, begun by the first stream or register access.
 namespace tap {

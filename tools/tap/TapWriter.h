@@ -36,16 +36,16 @@ struct Source {
 
 /// Carries packets from the sources' rings into the files. Whoever polls only touches a ring; everything here runs in
 /// the writer's thread, but for add() and release().
-class Recorder {
+class TapWriter {
 public:
     static constexpr std::size_t kMaxSources = 128;
 
-    Recorder(const Settings& settings, capture::CaptureFiles::Settings files)
+    TapWriter(const Settings& settings, capture::CaptureFiles::Settings files)
         : m_ringBytes(settings.ringBytes), m_files(std::move(files)) {}
     /// Its sources end with it: nobody may be inside a poll of one.
-    ~Recorder();
-    Recorder(const Recorder&) = delete;
-    Recorder& operator=(const Recorder&) = delete;
+    ~TapWriter();
+    TapWriter(const TapWriter&) = delete;
+    TapWriter& operator=(const TapWriter&) = delete;
 
     /// The source for an interface: a new one, or the one that the same stream left when it was closed.
     /// @return null when there is no memory or no room for another; the caller tells.

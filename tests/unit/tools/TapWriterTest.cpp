@@ -6,12 +6,12 @@
 #include "capture/RegisterAccess.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
-#include "tools/tap/Recorder.h"
+#include "tools/tap/TapWriter.h"
 
 using namespace capture;
 using tap::PacketRing;
-using tap::Recorder;
 using tap::Source;
+using tap::TapWriter;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
@@ -33,11 +33,11 @@ protected:
         s.report = [](const std::string&) {};
         return s;
     }
-    Source& add(const std::string& name) { return *recorder.add({kStreamLink, name, ""}); }
+    Source& add(const std::string& name) { return *writer.add({kStreamLink, name, ""}); }
     ReadFile read() { return readPath(dir.Path("a.pcapng")); }
 
     test_support::TempDir dir;
-    Recorder recorder{settings(), files()};
+    TapWriter writer{settings(), files()};
 };
 
 }  // namespace
@@ -45,9 +45,9 @@ protected:
 TEST_F(RecorderTest, WhatDoesNotFitIntoTheRingIsCountedExactly) {
     Source& source = add("channel 0");
     for (std::uint64_t i = 0; i < 1000; ++i) source.ring.put(i, "0123456789", 10);
-    recorder.drain();
+    writer.drain();
     for (std::uint64_t i = 0; i < 100; ++i) source.ring.put(i, "0123456789", 10);
-    recorder.finish();
+    writer.finish();
     const ReadFile file = read();
     EXPECT_THAT(file.packets, SizeIs(4096 / 32 + 100));  // 16 bytes before each packet, which itself takes 16
     EXPECT_EQ(file.interfaces[0].counts->received, 1100U);
@@ -59,7 +59,7 @@ TEST_F(RecorderTest, PacketsOfSeveralStreamsAreWrittenInTheOrderOfTheirTimes) {
     Source& one = add("channel 1");
     for (const std::uint64_t ticks : {10, 30, 50}) zero.ring.put(ticks, "", 0);
     for (const std::uint64_t ticks : {20, 40, 60}) one.ring.put(ticks, "", 0);
-    recorder.finish();
+    writer.finish();
     std::vector<std::uint64_t> times;
     for (const ReadPacket& packet : read().packets) times.push_back(packet.timeNs);
     EXPECT_THAT(times, ElementsAre(10, 20, 30, 40, 50, 60));
@@ -67,7 +67,7 @@ TEST_F(RecorderTest, PacketsOfSeveralStreamsAreWrittenInTheOrderOfTheirTimes) {
 
 TEST_F(RecorderTest, AStreamIsInTheFileAlsoWithoutPackets) {
     add("channel 7");
-    recorder.finish();
+    writer.finish();
     ASSERT_THAT(read().interfaces, SizeIs(1));
     EXPECT_EQ(read().interfaces[0].info.name, "channel 7");
 }
@@ -75,16 +75,16 @@ TEST_F(RecorderTest, AStreamIsInTheFileAlsoWithoutPackets) {
 TEST_F(RecorderTest, AClosedStreamLeavesItsPlaceToTheSameStreamOnly) {
     Source& first = add("channel 7");
     EXPECT_NE(&add("channel 7"), &first);
-    Recorder::release(first);
+    TapWriter::release(first);
     EXPECT_NE(&add("channel 8"), &first);
     EXPECT_EQ(&add("channel 7"), &first);
-    recorder.finish();
+    writer.finish();
 }
 
 TEST_F(RecorderTest, ThereIsAnEndToTheStreamsOfAProcess) {
-    for (std::size_t i = 0; i < Recorder::kMaxSources; ++i) ASSERT_NE(recorder.add({kStreamLink, "x", ""}), nullptr);
-    EXPECT_EQ(recorder.add({kStreamLink, "x", ""}), nullptr);
-    recorder.finish();
+    for (std::size_t i = 0; i < TapWriter::kMaxSources; ++i) ASSERT_NE(writer.add({kStreamLink, "x", ""}), nullptr);
+    EXPECT_EQ(writer.add({kStreamLink, "x", ""}), nullptr);
+    writer.finish();
 }
 
 TEST(TapRing, CarriesPacketsOfEverySizeInOrderAndWhole) {

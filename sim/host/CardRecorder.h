@@ -12,13 +12,13 @@ namespace vexo_sim {
 /// The host's own record: every packet that the card puts into a stream, in a capture file, one interface a channel.
 /// Nothing of it depends on what becomes of the packet: to be compared with what a reader received. Between two calls
 /// of collect() the card has room for one ring of packets a stream, however fast the reader is.
-class Recorder {
+class CardRecorder {
 public:
     /// Another name is taken when @p path exists. What goes wrong is told on standard error.
-    Recorder(const std::string& path, CardState& s);
-    ~Recorder();
-    Recorder(const Recorder&) = delete;
-    Recorder& operator=(const Recorder&) = delete;
+    CardRecorder(const std::string& path, CardState& s);
+    ~CardRecorder();
+    CardRecorder(const CardRecorder&) = delete;
+    CardRecorder& operator=(const CardRecorder&) = delete;
 
     /// False when the first file could not be made.
     bool isRecording() const { return m_files.files() > 0; }
