@@ -31,7 +31,7 @@ void appendOption(BlockBuffer& out, std::uint16_t code, const std::string& text)
     if (!text.empty()) appendOption(out, code, text.data(), std::min(text.size(), kMaxText));
 }
 
-// Moments are two words, the high one first; counts are one number.
+// A time is two words, high word first. A count is one number.
 void appendTimeOption(BlockBuffer& out, std::uint16_t code, std::uint64_t ns) {
     const std::uint32_t words[] = {format::high(ns), format::low(ns)};
     appendOption(out, code, words, sizeof words);

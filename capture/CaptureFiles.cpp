@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kFlushBytes = 256 * 1024;
 constexpr unsigned kMaxNames = 1'000'000;
-constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 belong to the program, also when it has closed them
+constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 stay the program's, even when it closed them
 
 int aboveStandardDescriptors(int fd) {
     if (fd < 0 || fd >= kFirstFreeDescriptor) return fd;
@@ -51,7 +51,7 @@ void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, cons
     if (m_buffer.size() >= kFlushBytes) flush();
 }
 
-// A file that has no packet yet takes one of any size: otherwise none would ever be written.
+// A file without a packet takes one of any size; otherwise a large packet could never be written.
 bool CaptureFiles::wouldGrowTooBig(std::uint32_t size) const {
     if (m_settings.rotateBytes == 0) return false;
     const std::uint64_t tail = std::uint64_t{statisticsBlockBytes()} * m_interfaces.size();
@@ -91,7 +91,7 @@ void CaptureFiles::openNext() {
     startBuffer();
 }
 
-// An empty buffer but for what packets need and the file does not have yet: its head, and interfaces.
+// Starts the buffer with what the file still lacks before its next packet: its head and interfaces.
 void CaptureFiles::startBuffer() {
     m_buffer.clear();
     if (m_fileBytes == 0) appendSection(m_buffer, m_settings.section);
@@ -143,7 +143,7 @@ bool CaptureFiles::writeAll(const unsigned char* data, std::size_t size) {
     return true;
 }
 
-// Half a block must not stay in the file, or nothing behind it could be read.
+// Cuts off half a block: a reader could not read on behind it.
 void CaptureFiles::cutUnwritten() {
     const auto end = static_cast<off_t>(m_fileBytes);
     if (::ftruncate(m_fd, end) == 0 && ::lseek(m_fd, end, SEEK_SET) == end) return;
@@ -157,7 +157,7 @@ void CaptureFiles::close(std::uint64_t nowNs) {
         appendCounts(nowNs);
         flush();
     }
-    if (isOpen() && ::close(m_fd) != 0) {  // a network file system may tell only now
+    if (isOpen() && ::close(m_fd) != 0) {  // a network file system may report a failed write here
         reportOnce(m_writeFailureReported, "cannot write " + m_name + ": " + std::strerror(errno));
     }
     m_fd = -1;

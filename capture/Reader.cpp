@@ -73,7 +73,7 @@ bool Reader::cutOff(std::uint64_t wanted, std::uint64_t found) {
                 " bytes");
 }
 
-// Nothing more is the proper end, unless there was nothing at all.
+// The end of the file is no damage, unless the file is empty.
 void Reader::expectEndOfFile() {
     if (m_in.bad()) {
         fail("the file cannot be read");
@@ -149,7 +149,7 @@ bool Reader::takeSection() {
     return true;
 }
 
-// @return false when there is none any more, or it is damaged.
+// @return false after the last option, and when an option is damaged.
 bool Reader::nextOption(std::size_t& position, Option& option) {
     const std::size_t end = m_block.size() - sizeof(std::uint32_t);
     if (position + sizeof(format::OptionHead) > end) return false;

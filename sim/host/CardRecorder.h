@@ -9,12 +9,12 @@
 
 namespace vexo_sim {
 
-/// The host's own record: every packet that the card puts into a stream, in a capture file, one interface a channel.
-/// Nothing of it depends on what becomes of the packet: to be compared with what a reader received. Between two calls
-/// of collect() the card has room for one ring of packets a stream, however fast the reader is.
+/// Records every packet that the card puts into a stream, in a capture file with one interface a channel. The record
+/// does not depend on the readers, so it can be compared with what a reader received. Between two calls of collect()
+/// the card can send one ring of packets a stream, however fast its reader is.
 class CardRecorder {
 public:
-    /// Another name is taken when @p path exists. What goes wrong is told on standard error.
+    /// Uses another name when @p path exists. Reports failures on standard error.
     CardRecorder(const std::string& path, CardState& s);
     ~CardRecorder();
     CardRecorder(const CardRecorder&) = delete;
@@ -22,9 +22,9 @@ public:
 
     /// False when the first file could not be made.
     bool isRecording() const { return m_files.files() > 0; }
-    /// Takes what was put since the last call. To be called while the card's state is locked, after each advance.
+    /// Takes the packets since the last call. Call it after each advance, with the card's state locked.
     void collect(CardState& s);
-    /// Puts into the file what was collected. Not to be called while the state is locked: disks are slow.
+    /// Writes the collected packets. Do not call it with the state locked: disks are slow.
     void write();
 
 private:
@@ -36,7 +36,7 @@ private:
 
     capture::CaptureFiles m_files;
     std::vector<Packet> m_packets;       // collected
-    std::vector<unsigned char> m_bytes;  // of them, one after another
+    std::vector<unsigned char> m_bytes;  // of these packets, one after another
 };
 
 }  // namespace vexo_sim

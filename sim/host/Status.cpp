@@ -52,7 +52,7 @@ void append(std::string& text, const char* format, Values... values) {
     text += line;
 }
 
-// What is in the card's memory. Nothing slow may be done here: every user of the card waits.
+// Reads the card's memory. Do nothing slow here: every user of the card waits.
 void readState(CardBlock& block, CardStatus& status) {
     const BlockLock lock(block);
     const CardState& s = block.state;

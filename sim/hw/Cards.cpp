@@ -129,7 +129,7 @@ int Cards::powerCycle(const scenario::Scenario& scenario) {
     return powerOn(scenario);
 }
 
-// A process that switches its card on before anything else does not look for hosts, unless it was told to insist.
+// A process whose first call is a power cycle gets a card of its own, unless VEXO_SIM_CARD insists on a hosted one.
 int Cards::claimOwn() {
     std::call_once(m_firstUse, [this] {
         const char* wish = ::secure_getenv("VEXO_SIM_CARD");

@@ -1,6 +1,6 @@
-// The calls of the hardware library that the tap stands in front of. Each calls the library behind it with the same
-// arguments and returns its result and its errno; nothing is held back, and nothing changed, on the way. None of these
-// functions is noexcept: an exception of a packet handler, and the end of its thread, pass through.
+// The calls that the tap intercepts. Each makes the same call of the hardware library and returns its result and its
+// errno unchanged. None of these functions is noexcept: an exception of a packet handler, and the end of its thread,
+// pass through.
 
 #include <algorithm>
 #include <cstring>
@@ -27,7 +27,7 @@ struct NextCalls {
 };
 NextCalls g_next;
 
-// ---- which handle stands for what ----
+// ---- what each handle describes ----
 
 template <typename Descriptor>
 void learn(const enyx_hw_filter* filter, std::int64_t card, Descriptor** descriptors, std::size_t room, ssize_t found) {
@@ -43,7 +43,7 @@ void forgetAll(Descriptor** descriptors, std::size_t count) {
     for (std::size_t i = 0; descriptors != nullptr && i < count; ++i) origins().forget(descriptors[i]);
 }
 
-// What is made of a handle stands for the same thing.
+// A handle that is made from another one describes the same object.
 template <typename Child>
 Child* inherit(const void* parent, Child* child) {
     const KeepErrno keep;
@@ -216,27 +216,27 @@ void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) {
 
 namespace {
 
-// Packets that find the ring full, empty ones, and all of them where the processor's counter does not run evenly.
-[[gnu::noinline, gnu::cold]] void recordAndDeliverSlowly(const std::uint8_t* data, std::uint32_t size, void* context) {
+// Slow path: the ring looks full, the packet is empty, or the processor's counter does not run evenly.
+[[gnu::noinline, gnu::cold]] void recordAndDeliverSlow(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
     source.ring.put(clock_ticks::now(), data, size);
     source.handler(data, size, source.context);
 }
 
-// Goes into the poll in the place of the program's own handler.
+// Replaces the program's own handler in the poll.
 void recordAndDeliver(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
-    if (!clock_ticks::g_counterIsEven || size == 0) return recordAndDeliverSlowly(data, size, context);
+    if (!clock_ticks::g_counterIsEven || size == 0) return recordAndDeliverSlow(data, size, context);
     unsigned char* room = source.ring.reserve(__rdtsc(), size);
-    if (room == nullptr) return recordAndDeliverSlowly(data, size, context);
+    if (room == nullptr) return recordAndDeliverSlow(data, size, context);
     std::memcpy(room, data, size);
     source.ring.commit();
     source.handler(data, size, source.context);
 }
 
-// Streams that are not captured, and those whose place in the table was taken.
-[[gnu::noinline, gnu::cold]] int pollSlowly(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
-                                            void* context) {
+// Slow path: the stream is not captured, or it is not at its first place in the table.
+[[gnu::noinline, gnu::cold]] int pollSlow(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
+                                          void* context) {
     Source* source = g_streams.find(stream);
     if (source == nullptr || handler == nullptr) return g_next.enyx_hw_a2c_stream_poll_once(stream, handler, context);
     source->handler = handler;
@@ -248,7 +248,7 @@ void recordAndDeliver(const std::uint8_t* data, std::uint32_t size, void* contex
 
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     Source* source = g_streams.findAtOnce(stream);
-    if (source == nullptr || handler == nullptr) return pollSlowly(stream, handler, context);
+    if (source == nullptr || handler == nullptr) return pollSlow(stream, handler, context);
     source->handler = handler;
     source->context = context;
     return g_next.enyx_hw_a2c_stream_poll_once.known()(stream, recordAndDeliver, source);

@@ -24,7 +24,7 @@ PacketRing::PacketRing(std::size_t capacity) : m_capacity(powerOfTwo(capacity)),
                           -1, 0);
     if (memory == MAP_FAILED) return;
     m_bytes = static_cast<unsigned char*>(memory);
-    // All that packets of usual sizes reach; writing a zero makes the page.
+    // Touches all pages that packets of usual size reach. Writing a zero makes the page.
     const std::size_t touched = m_capacity + std::min<std::size_t>(m_capacity, kUsualPacket);
     for (std::size_t at = 0; at < touched; at += kPage) static_cast<volatile unsigned char*>(m_bytes)[at] = 0;
 }
@@ -33,7 +33,7 @@ PacketRing::~PacketRing() {
     if (m_bytes != nullptr) ::munmap(m_bytes, 2 * m_capacity);
 }
 
-unsigned char* PacketRing::reserveSlowly(std::uint64_t ticks, std::uint32_t size) {
+unsigned char* PacketRing::reserveSlow(std::uint64_t ticks, std::uint32_t size) {
     m_limit = m_tail.load(std::memory_order_acquire) + m_capacity;
     unsigned char* room = reserve(ticks, size);
     if (room == nullptr) m_lost.store(m_lost.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -42,7 +42,7 @@ unsigned char* PacketRing::reserveSlowly(std::uint64_t ticks, std::uint32_t size
 
 void PacketRing::put(std::uint64_t ticks, const void* data, std::uint32_t size) {
     unsigned char* room = reserve(ticks, size);
-    if (room == nullptr) room = reserveSlowly(ticks, size);
+    if (room == nullptr) room = reserveSlow(ticks, size);
     if (room == nullptr) return;
     if (size > 0) std::memcpy(room, data, size);
     commit();

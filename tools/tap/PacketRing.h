@@ -32,7 +32,7 @@ public:
     bool isUsable() const { return m_bytes != nullptr; }
 
     // ---- producer: one packet is reserve(), its bytes, commit() ----
-    /// Where the packet's bytes go, or null when there may be no room: try reserveSlowly() then.
+    /// Room for the packet's bytes. Null when there may be none: then try reserveSlow().
     unsigned char* reserve(std::uint64_t ticks, std::uint32_t size) {
         const std::uint64_t head = m_head.load(std::memory_order_relaxed);
         m_end = head + footprint(size);
@@ -42,14 +42,14 @@ public:
         std::memcpy(at, &prefix, sizeof prefix);
         return at + sizeof prefix;
     }
-    /// The same after a look at how far the consumer is. Null: there is no room, the packet is counted as lost.
-    unsigned char* reserveSlowly(std::uint64_t ticks, std::uint32_t size);
+    /// The same with the consumer's present position. Null: there is no room, and the packet is counted as lost.
+    unsigned char* reserveSlow(std::uint64_t ticks, std::uint32_t size);
     void commit() { m_head.store(m_end, std::memory_order_release); }
-    /// All of it at once.
+    /// Reserves, copies and commits.
     void put(std::uint64_t ticks, const void* data, std::uint32_t size);
 
     // ---- consumer ----
-    /// Everything that was put so far lies before this position.
+    /// The end of the packets that are there now.
     std::uint64_t published() const { return m_head.load(std::memory_order_acquire); }
     /// The oldest packet, when it lies before @p limit.
     bool front(std::uint64_t limit, Record& record) const;

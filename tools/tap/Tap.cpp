@@ -39,7 +39,7 @@ struct Capture {
 
 enum class State { kNotBegun, kRunning, kOff };
 
-// Never deleted while the process lives: a poll or an access may be under way while it ends.
+// Never deleted: a poll or an access may be under way when the process ends.
 std::atomic<Capture*> g_capture{nullptr};
 std::atomic<State> g_state{State::kNotBegun};
 std::mutex g_beginMutex;
@@ -91,7 +91,7 @@ void runWriter(Capture& capture) {
     capture.writer.finish();
 }
 
-// The application's signals are the application's business: none of its handlers may run in the writer.
+// All signals are blocked in the writer: the application's handlers must not run in its thread.
 bool startWriter(Capture& capture) {
     sigset_t all;
     sigset_t before;
@@ -114,7 +114,7 @@ void tellResult(const Capture& capture) {
            std::to_string(files.lost()) + " lost");
 }
 
-// Calls that come from now on go straight to the card.
+// From now on calls go to the card unrecorded.
 bool turnOff() {
     const bool wasRunning = g_state.exchange(State::kOff) == State::kRunning;
     g_streams.clear();
@@ -122,7 +122,7 @@ bool turnOff() {
     return wasRunning;
 }
 
-// The child of a fork has no writer, and its parent's file is none of its business.
+// A child of fork() has no writer, and must not write into its parent's file.
 void stopInChild() { turnOff(); }
 
 void begin() {
@@ -153,7 +153,7 @@ Capture* running() {
     g_cpusKnown = ::sched_getaffinity(0, sizeof g_cpusAtStart, &g_cpusAtStart) == 0;
 }
 
-// At exit: what is in the rings is written, and the file ended.
+// At exit: writes what is in the rings, and ends the file.
 [[gnu::destructor]] void end() {
     if (!turnOff()) return;
     Capture& capture = *g_capture.load();
@@ -164,7 +164,7 @@ Capture* running() {
 
 }  // namespace
 
-// Handles may be made while other libraries start and be forgotten while they end: never destroyed.
+// Never destroyed: other libraries may make handles before the tap's constructors and after its destructors.
 Origins& origins() {
     static auto* all = new Origins;
     return *all;
@@ -176,7 +176,7 @@ void openStream(const void* stream, const Origin& origin) {
     const capture::InterfaceInfo info = describeStream(origin);
     Source* source = capture->writer.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
-    // A handle may come back without a call of destroy: with a library that frees it some other way.
+    // The same handle may come back without a call of destroy, with a library that frees it in another way.
     if (Source* before = g_streams.remove(stream)) TapWriter::release(*before);
     if (source != nullptr && g_streams.insert(stream, source)) return;
     if (source != nullptr) TapWriter::release(*source);

@@ -12,7 +12,7 @@
 namespace tap {
 namespace {
 
-// Two readings of the clocks disagree by less; a greater step back is a clock that was set.
+// Two readings of the clocks differ by less. A greater step back means that the clock was set.
 constexpr std::uint64_t kClockNoiseNs = 100'000;
 
 }  // namespace
@@ -48,7 +48,7 @@ void TapWriter::describe(Source& source) {
     source.interface = m_files.addInterface(source.info, nowNs());
 }
 
-// Fills in the sources that have something, and how far to take it: what comes in meanwhile is for the next time.
+// Finds the sources that have packets, and the limit up to which to take them. Later packets wait for the next drain.
 std::size_t TapWriter::collect(std::array<Pending, kMaxSources>& pending) {
     std::size_t filled = 0;
     const std::size_t count = m_count.load(std::memory_order_acquire);
