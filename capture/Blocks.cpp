@@ -65,11 +65,11 @@ void appendInterface(BlockBuffer& out, const InterfaceInfo& info) {
     close(out, start);
 }
 
-void appendPacket(BlockBuffer& out, std::uint32_t interface, std::uint64_t timeNs, const void* data,
-                  std::uint32_t size) {
+void appendPacket(BlockBuffer& out, std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
+                  std::uint32_t trueSize) {
     const std::uint32_t length = packetBlockBytes(size);
     append(out, format::PacketHead{format::kEnhancedPacket, length, interface, format::high(timeNs),
-                                   format::low(timeNs), size, size});
+                                   format::low(timeNs), size, std::max(size, trueSize)});
     appendPadded(out, data, size);
     append(out, length);
 }

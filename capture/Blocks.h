@@ -38,9 +38,10 @@ using BlockBuffer = std::vector<unsigned char>;
 void appendSection(BlockBuffer& out, const SectionInfo& info);
 /// The n-th interface of a section, from 0, has the number n. Its packets' times are in nanoseconds.
 void appendInterface(BlockBuffer& out, const InterfaceInfo& info);
-/// @param timeNs  nanoseconds since 1970
-void appendPacket(BlockBuffer& out, std::uint32_t interface, std::uint64_t timeNs, const void* data,
-                  std::uint32_t size);
+/// @param timeNs    nanoseconds since 1970
+/// @param trueSize  what the packet's size was before it was cut; a smaller number than @p size: it was not cut
+void appendPacket(BlockBuffer& out, std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
+                  std::uint32_t trueSize = 0);
 void appendStatistics(BlockBuffer& out, std::uint32_t interface, const InterfaceCounts& counts);
 
 /// Bytes that a packet of @p size bytes takes in a file.

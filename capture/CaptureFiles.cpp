@@ -35,7 +35,8 @@ std::uint32_t CaptureFiles::addInterface(const InterfaceInfo& info, std::uint64_
     return static_cast<std::uint32_t>(m_interfaces.size() - 1);
 }
 
-void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size) {
+void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
+                             std::uint32_t trueSize) {
     if (isOpen() && wouldGrowTooBig(size)) {
         close(timeNs);
         openNext();
@@ -43,9 +44,10 @@ void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, cons
     Known& known = m_interfaces[interface];
     if (!isOpen()) {
         ++known.lost;
+        ++m_lostUnreported;
         return;
     }
-    appendPacket(m_buffer, interface, timeNs, data, size);
+    appendPacket(m_buffer, interface, timeNs, data, size, trueSize);
     ++known.buffered;
     ++m_filePackets;
     if (m_buffer.size() >= kFlushBytes) flush();
@@ -111,25 +113,43 @@ void CaptureFiles::flush() {
         return;
     }
     if (m_buffer.empty()) return;
-    const bool written = writeAll(m_buffer.data(), m_buffer.size());
-    if (written) {
+    if (writeAll(m_buffer.data(), m_buffer.size())) {
         m_fileBytes += m_buffer.size();
         m_described = m_interfaces.size();
+        countWritten();
+        reportLost();
     } else {
         reportOnce(m_writeFailureReported,
                    "cannot write " + m_name + ": " + std::strerror(errno) + "; packets are lost, and counted");
         cutUnwritten();
+        loseBuffered();
     }
-    countBuffered(written);
     startBuffer();
 }
 
-void CaptureFiles::countBuffered(bool written) {
+void CaptureFiles::countWritten() {
     for (Known& known : m_interfaces) {
-        (written ? known.received : known.lost) += known.buffered;
-        if (written) m_written += known.buffered;
+        known.received += known.buffered;
+        m_written += known.buffered;
         known.buffered = 0;
     }
+}
+
+void CaptureFiles::loseBuffered() {
+    for (Known& known : m_interfaces) {
+        known.lost += known.buffered;
+        m_lostUnreported += known.buffered;
+        known.buffered = 0;
+    }
+}
+
+// Ends a run of failures: the next one is reported anew.
+void CaptureFiles::reportLost() {
+    if (m_lostUnreported > 0)
+        m_settings.report(std::to_string(m_lostUnreported) + " packets were lost while " + m_name +
+                          " could not be written");
+    m_lostUnreported = 0;
+    m_openFailureReported = m_writeFailureReported = false;
 }
 
 bool CaptureFiles::writeAll(const unsigned char* data, std::size_t size) {
@@ -161,6 +181,7 @@ void CaptureFiles::close(std::uint64_t nowNs) {
         reportOnce(m_writeFailureReported, "cannot write " + m_name + ": " + std::strerror(errno));
     }
     m_fd = -1;
+    reportLost();
     m_lostBefore = lost();
     for (Known& known : m_interfaces) {
         known.startNs = nowNs;

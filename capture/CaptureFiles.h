@@ -11,7 +11,8 @@ namespace capture {
 
 /// Writes packets into capture files. With a size limit there are several: FILE.pcapng, FILE.1.pcapng, ... An existing
 /// file is never touched: the next free name is used. No packet is lost in silence: one that could not be written is
-/// counted in the statistics of its interface, and the first failure of a kind is reported.
+/// counted in the statistics of its interface. The start of a run of failures is reported, and at its end how many
+/// packets were lost.
 ///
 /// Each file can be read alone: it begins with all interfaces and ends with the counts of its own time.
 /// For one thread at a time.
@@ -32,7 +33,9 @@ public:
     /// @param startNs  when counting starts, nanoseconds since 1970
     /// @return the interface's number, for addPacket()
     std::uint32_t addInterface(const InterfaceInfo& info, std::uint64_t startNs);
-    void addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size);
+    /// @param trueSize  as for appendPacket()
+    void addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
+                   std::uint32_t trueSize = 0);
     /// Counts packets that were lost before they reached this object.
     void addLost(std::uint32_t interface, std::uint64_t packets) { m_interfaces[interface].lost += packets; }
     /// Writes all buffered packets: a reader then finds whole blocks.
@@ -61,10 +64,12 @@ private:
     bool wouldGrowTooBig(std::uint32_t size) const;
     void startBuffer();
     void appendCounts(std::uint64_t nowNs);
-    void countBuffered(bool written);
+    void countWritten();
     bool writeAll(const unsigned char* data, std::size_t size);
     void cutUnwritten();
     void reportOnce(bool& reported, const std::string& what);
+    void loseBuffered();
+    void reportLost();
 
     Settings m_settings;
     std::vector<Known> m_interfaces;
@@ -77,7 +82,8 @@ private:
     unsigned m_nextNumber = 0;    // of the next name to try
     unsigned m_files = 0;
     std::uint64_t m_written = 0;
-    std::uint64_t m_lostBefore = 0;  // in the time of files that are closed
+    std::uint64_t m_lostBefore = 0;      // in the time of files that are closed
+    std::uint64_t m_lostUnreported = 0;  // in the present run of failures
     bool m_openFailureReported = false;
     bool m_writeFailureReported = false;
 };

@@ -1,5 +1,6 @@
 #include "capture/Reader.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <utility>
@@ -204,8 +205,12 @@ bool Reader::takePacket(Packet& packet) {
         return fail("a packet of " + std::to_string(block.capturedLength) + " bytes in a block with room for " +
                     std::to_string(room));
     }
-    packet = {interface, nanoseconds(joined(block.timeHigh, block.timeLow), interface->unitsPerSecond),
-              m_block.data() + sizeof block, block.capturedLength, m_offset};
+    packet = {interface,
+              nanoseconds(joined(block.timeHigh, block.timeLow), interface->unitsPerSecond),
+              m_block.data() + sizeof block,
+              block.capturedLength,
+              std::max(block.capturedLength, block.originalLength),
+              m_offset};
     return true;
 }
 

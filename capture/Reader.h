@@ -23,7 +23,8 @@ struct Packet {
     std::uint64_t timeNs = 0;              // since 1970
     const unsigned char* data = nullptr;   // valid until the next packet is read
     std::uint32_t size = 0;
-    std::uint64_t offset = 0;  // of the packet's block in the file
+    std::uint32_t trueSize = 0;  // greater than size when the packet was cut
+    std::uint64_t offset = 0;    // of the packet's block in the file
 };
 
 /// Where a packet stands in its file: its block, and the interfaces of its section that precede it.

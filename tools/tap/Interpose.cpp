@@ -216,18 +216,43 @@ void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) {
 
 namespace {
 
-// Slow path: the ring looks full, the packet is empty, or the processor's counter does not run evenly.
+// Longer packets make readers of capture files give up the whole file.
+constexpr std::uint32_t kMostKept = 262'144;
+
+void keepUpTo(Source& source, std::uint32_t mtu) {
+    const std::uint32_t limit = mtu == 0 ? kMostKept : std::min(mtu, kMostKept);
+    source.limit.store(limit, std::memory_order_relaxed);
+}
+
+// For a program that did not ask for the stream's MTU.
+std::uint32_t askForLimit(Source& source) {
+    std::uint32_t mtu = 0;
+    const auto* stream = static_cast<const enyx_hw_a2c_stream*>(source.stream);
+    const bool known = g_next.enyx_hw_a2c_stream_get_mtu.isThere() &&
+                       g_next.enyx_hw_a2c_stream_get_mtu(stream, &mtu) == 0;
+    keepUpTo(source, known ? mtu : 0);
+    return source.limit.load(std::memory_order_relaxed);
+}
+
+// Slow path: the MTU is not known, the packet is empty or longer than the MTU, the ring looks full, or the processor's
+// counter does not run evenly. A length beyond the MTU is not believed: there may be no bytes behind it.
 [[gnu::noinline, gnu::cold]] void recordAndDeliverSlow(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
-    source.ring.put(clock_ticks::now(), data, size);
+    {
+        const KeepErrno keep;
+        std::uint32_t limit = source.limit.load(std::memory_order_relaxed);
+        if (limit == 0) limit = askForLimit(source);
+        source.ring.put(clock_ticks::now(), data, std::min(size, limit), size);
+    }
     source.handler(data, size, source.context);
 }
 
 // Replaces the program's own handler in the poll.
 void recordAndDeliver(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
-    if (!clock_ticks::g_counterIsEven || size == 0) return recordAndDeliverSlow(data, size, context);
-    unsigned char* room = source.ring.reserve(__rdtsc(), size);
+    const bool isUsual = size - 1 < source.limit.load(std::memory_order_relaxed);  // not empty, not too long
+    if (!clock_ticks::g_counterIsEven || !isUsual) return recordAndDeliverSlow(data, size, context);
+    unsigned char* room = source.ring.reserve(__rdtsc(), size, size);
     if (room == nullptr) return recordAndDeliverSlow(data, size, context);
     std::memcpy(room, data, size);
     source.ring.commit();
@@ -245,6 +270,13 @@ void recordAndDeliver(const std::uint8_t* data, std::uint32_t size, void* contex
 }
 
 }  // namespace
+
+int enyx_hw_a2c_stream_get_mtu(const enyx_hw_a2c_stream* stream, uint32_t* mtu) {
+    const int result = g_next.enyx_hw_a2c_stream_get_mtu(stream, mtu);
+    Source* source = g_streams.find(stream);
+    if (result == 0 && mtu != nullptr && source != nullptr) keepUpTo(*source, *mtu);
+    return result;
+}
 
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     Source* source = g_streams.findAtOnce(stream);

@@ -33,34 +33,19 @@ PacketRing::~PacketRing() {
     if (m_bytes != nullptr) ::munmap(m_bytes, 2 * m_capacity);
 }
 
-unsigned char* PacketRing::reserveSlow(std::uint64_t ticks, std::uint32_t size) {
+unsigned char* PacketRing::reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t trueSize) {
     m_limit = m_tail.load(std::memory_order_acquire) + m_capacity;
-    unsigned char* room = reserve(ticks, size);
+    unsigned char* room = reserve(ticks, size, trueSize);
     if (room == nullptr) m_lost.store(m_lost.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return room;
 }
 
-void PacketRing::put(std::uint64_t ticks, const void* data, std::uint32_t size) {
-    unsigned char* room = reserve(ticks, size);
-    if (room == nullptr) room = reserveSlow(ticks, size);
+void PacketRing::put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t trueSize) {
+    unsigned char* room = reserve(ticks, size, trueSize);
+    if (room == nullptr) room = reserveSlow(ticks, size, trueSize);
     if (room == nullptr) return;
     if (size > 0) std::memcpy(room, data, size);
     commit();
-}
-
-bool PacketRing::front(std::uint64_t limit, Record& record) const {
-    const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
-    if (tail == limit) return false;
-    const unsigned char* at = m_bytes + (tail & m_mask);
-    Prefix prefix;
-    std::memcpy(&prefix, at, sizeof prefix);
-    record = {prefix.ticks, at + sizeof prefix, static_cast<std::uint32_t>(prefix.size)};
-    return true;
-}
-
-void PacketRing::pop(const Record& record) {
-    const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
-    m_tail.store(tail + footprint(record.size), std::memory_order_release);
 }
 
 }  // namespace tap

@@ -178,6 +178,10 @@ void openStream(const void* stream, const Origin& origin) {
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
     // The same handle may come back without a call of destroy, with a library that frees it in another way.
     if (Source* before = g_streams.remove(stream)) TapWriter::release(*before);
+    if (source != nullptr) {
+        source->stream = stream;
+        source->limit.store(0, std::memory_order_relaxed);
+    }
     if (source != nullptr && g_streams.insert(stream, source)) return;
     if (source != nullptr) TapWriter::release(*source);
     report("no memory or no room for " + info.name + ": it is not captured");

@@ -84,7 +84,7 @@ void TapWriter::write(Source& source, const PacketRing::Record& record) {
     if (ns < source.lastNs && source.lastNs - ns < kClockNoiseNs) ns = source.lastNs;
     source.lastNs = ns;
     if (source.info.linkType != capture::kRegisterLink) {
-        m_files.addPacket(source.interface, ns, record.data, record.size);
+        m_files.addPacket(source.interface, ns, record.data, record.size, record.trueSize);
         return;
     }
     capture::RegisterAccess access;  // its duration is in ticks up to here

@@ -27,6 +27,9 @@ struct Source {
     Handler handler = nullptr;
     void* context = nullptr;
 
+    const void* stream = nullptr;         // the handle; null for registers
+    std::atomic<std::uint32_t> limit{0};  // bytes of a packet that are kept; 0 = the stream's MTU is not known yet
+
     // Writer's side.
     bool described = false;
     std::uint32_t interface = 0;

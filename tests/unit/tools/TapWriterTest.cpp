@@ -18,9 +18,9 @@ using ::testing::SizeIs;
 namespace {
 
 /// The writer's side with the test as the writer's thread: nothing is taken out of a ring before drain().
-class RecorderTest : public ::testing::Test {
+class TapWriterTest : public ::testing::Test {
 protected:
-    RecorderTest() { tap::clock_ticks::g_counterIsEven = false; }  // ticks are nanoseconds, as the test says them
+    TapWriterTest() { tap::clock_ticks::g_counterIsEven = false; }  // ticks are nanoseconds, as the test says them
 
     tap::Settings settings() const {
         tap::Settings s;
@@ -42,7 +42,7 @@ protected:
 
 }  // namespace
 
-TEST_F(RecorderTest, WhatDoesNotFitIntoTheRingIsCountedExactly) {
+TEST_F(TapWriterTest, WhatDoesNotFitIntoTheRingIsCountedExactly) {
     Source& source = add("channel 0");
     for (std::uint64_t i = 0; i < 1000; ++i) source.ring.put(i, "0123456789", 10);
     writer.drain();
@@ -54,7 +54,7 @@ TEST_F(RecorderTest, WhatDoesNotFitIntoTheRingIsCountedExactly) {
     EXPECT_EQ(file.interfaces[0].counts->dropped, 1100U - file.packets.size());
 }
 
-TEST_F(RecorderTest, PacketsOfSeveralStreamsAreWrittenInTheOrderOfTheirTimes) {
+TEST_F(TapWriterTest, PacketsOfSeveralStreamsAreWrittenInTheOrderOfTheirTimes) {
     Source& zero = add("channel 0");
     Source& one = add("channel 1");
     for (const std::uint64_t ticks : {10, 30, 50}) zero.ring.put(ticks, "", 0);
@@ -65,14 +65,14 @@ TEST_F(RecorderTest, PacketsOfSeveralStreamsAreWrittenInTheOrderOfTheirTimes) {
     EXPECT_THAT(times, ElementsAre(10, 20, 30, 40, 50, 60));
 }
 
-TEST_F(RecorderTest, AStreamIsInTheFileAlsoWithoutPackets) {
+TEST_F(TapWriterTest, AStreamIsInTheFileAlsoWithoutPackets) {
     add("channel 7");
     writer.finish();
     ASSERT_THAT(read().interfaces, SizeIs(1));
     EXPECT_EQ(read().interfaces[0].info.name, "channel 7");
 }
 
-TEST_F(RecorderTest, AClosedStreamLeavesItsPlaceToTheSameStreamOnly) {
+TEST_F(TapWriterTest, AClosedStreamLeavesItsPlaceToTheSameStreamOnly) {
     Source& first = add("channel 7");
     EXPECT_NE(&add("channel 7"), &first);
     TapWriter::release(first);
@@ -81,7 +81,7 @@ TEST_F(RecorderTest, AClosedStreamLeavesItsPlaceToTheSameStreamOnly) {
     writer.finish();
 }
 
-TEST_F(RecorderTest, ThereIsAnEndToTheStreamsOfAProcess) {
+TEST_F(TapWriterTest, ThereIsAnEndToTheStreamsOfAProcess) {
     for (std::size_t i = 0; i < TapWriter::kMaxSources; ++i) ASSERT_NE(writer.add({kStreamLink, "x", ""}), nullptr);
     EXPECT_EQ(writer.add({kStreamLink, "x", ""}), nullptr);
     writer.finish();
