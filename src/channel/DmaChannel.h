@@ -104,6 +104,7 @@ private:
     int checkConfigOfChannel(std::uint32_t chan, bool& allReceived);
     static void handleTheFullWay(const unsigned char* pkt, unsigned int len, PacketPath& path);
     static void keepCallbackError(PacketPath& path);
+    Vexo2_U50::StoredRow storeQuoteSub(const std::string& instId, unsigned short index);
     static void registerSignalsOnce();
     static int rejectShortPacket(unsigned int len);
     static int rejectUnknownPacket(const unsigned char* pkt, unsigned int len);
