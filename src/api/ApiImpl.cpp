@@ -1,6 +1,5 @@
 #include "src/api/ApiImpl.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <new>
@@ -8,6 +7,7 @@
 
 #include "src/log/Logger.h"
 #include "src/log/log.h"
+#include "src/util/StandardStreams.h"
 
 std::mutex g_brixLogInit_mutex;
 
@@ -32,7 +32,7 @@ IVexoZceMdApi* IVexoZceMdApi::CreateVexoZceMdApi() {
     CDrvEnyxReg* drv = sharedDriver();
     auto* api = drv != nullptr ? new (std::nothrow) CVexoZceMdApiImpl(drv) : nullptr;
     if (api == nullptr) {
-        std::printf("New vexo zce impl fail.\n");
+        standard_streams::print("New vexo zce impl fail.\n");
         throw std::runtime_error("CreateVexoZceMdApi failed");
     }
     api->m_bSharedDrv = true;
@@ -47,6 +47,27 @@ void IVexoZceMdApi::DestroyVexoZceMdApi(IVexoZceMdApi& api) {
     delete dynamic_cast<CVexoZceMdApiImpl*>(object);
 }
 
+// Room for the alignment, and in front of the object the address that the memory came with.
+void* CVexoZceMdApiImpl::operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    void* const memory = ::operator new(size + alignof(CVexoZceMdApiImpl), std::nothrow);
+    if (memory == nullptr) return nullptr;
+    const auto address = reinterpret_cast<std::uintptr_t>(memory) + alignof(CVexoZceMdApiImpl);
+    auto* const object = reinterpret_cast<void**>(address & ~std::uintptr_t{alignof(CVexoZceMdApiImpl) - 1});
+    static_assert(__STDCPP_DEFAULT_NEW_ALIGNMENT__ >= sizeof(void*), "what is left in front holds an address");
+    object[-1] = memory;
+    return object;
+}
+
+void* CVexoZceMdApiImpl::operator new(std::size_t size) {
+    void* const object = operator new(size, std::nothrow);
+    if (object == nullptr) throw std::bad_alloc();
+    return object;
+}
+
+void CVexoZceMdApiImpl::operator delete(void* object) noexcept {
+    if (object != nullptr) ::operator delete(static_cast<void**>(object)[-1]);
+}
+
 CVexoZceMdApiImpl::CVexoZceMdApiImpl(CDrvEnyxReg* drv)
     : m_pDmaChan(nullptr), m_pDrv(drv), m_pCfgFile(nullptr), m_pSpi(nullptr) {}
 
@@ -57,11 +78,11 @@ CVexoZceMdApiImpl::~CVexoZceMdApiImpl() {
 
 int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
     if (cfgPath == nullptr) {
-        std::printf("Error! lpConfig null pointer!\n");
+        standard_streams::print("Error! lpConfig null pointer!\n");
         endProcess();
     }
     if (LogInit(cfgPath) != 0) {
-        std::printf("Log init failed\n");
+        standard_streams::print("Log init failed\n");
         return -1;
     }
     m_pSpi = &spi;
@@ -82,8 +103,7 @@ int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
         endProcess();
     }
     m_pDmaChan = channel;
-    m_openPath = {channel->straightPath(spi), this};
-    m_paths[0] = &m_openPath;
+    openReceivePath(static_cast<CDrvDMAEnyx&>(*channel->m_pDma));
     return 0;
 }
 
@@ -96,20 +116,6 @@ int CVexoZceMdApiImpl::VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) {
     while (self->VexoRecv() != -1) {
     }
     return 0;
-}
-
-int CVexoZceMdApiImpl::VexoRecv() {
-    // The exit flag chooses what to poll: no branch, and nothing to poll answers like everything unusual.
-    OwnPath& path = *m_paths[m_isExit.load(std::memory_order_relaxed)];
-    const int handled = path.poll(path.stream, &CZceDmaChanImpl::streamEntrance, static_cast<PacketPath*>(&path));
-    if (static_cast<std::uint32_t>(handled) >= path.unusualFrom) return recvTheFullWay(path, handled);
-    return handled;
-}
-
-__attribute__((noinline, cold)) int CVexoZceMdApiImpl::recvTheFullWay(OwnPath& path, int handled) {
-    if (path.channel != nullptr) return path.channel->finishUnusual(path, handled);
-    if (m_isExit.load(std::memory_order_relaxed) != 0 || path.api->m_pDmaChan == nullptr) return -1;
-    return path.api->m_pDmaChan->PollOnce();
 }
 
 int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {
@@ -140,11 +146,11 @@ int CVexoZceMdApiImpl::LogInit(const char* /*cfgPath*/) {
     if (lpLog != nullptr) return 0;
     lpLog = new (std::nothrow) CKwLogger;
     if (lpLog == nullptr) {
-        std::printf("log inited fail, maybe lack memory.\n");
+        standard_streams::print("log inited fail, maybe lack memory.\n");
         return -1;
     }
     if (const int r = lpLog->Init(0, "./", "fpga")) {
-        std::printf("###Init log service failed! ret: %d###\n", r);
+        standard_streams::print("###Init log service failed! ret: %d###\n", r);
         return -1;
     }
     return 0;

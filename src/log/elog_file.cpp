@@ -16,6 +16,7 @@
 #include "src/log/ZoneOffsets.h"
 #include "src/log/elog_mutex.h"
 #include "src/util/LocalTime.h"
+#include "src/util/SafeFile.h"
 #include "src/util/StandardStreams.h"
 
 std::atomic<std::time_t> time_cache{0};
@@ -95,9 +96,9 @@ void datedPath(char (&path)[ELOG_PATH_SIZE], long date) {
 // closed: a log file there would get what others write to them.
 int openToAppend(const char* path) {
     // O_NONBLOCK for the open alone: a FIFO that nobody reads must fail here, not hold the process up.
-    const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+    const int fd = safe_file::openAboveStandard(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
     if (fd >= 0) ::fcntl(fd, F_SETFL, O_APPEND);
-    return standard_streams::moveAbove(fd);
+    return fd;
 }
 
 bool openFile(const char* path) {

@@ -164,19 +164,18 @@ TEST_F(LinePrefix, AMessageIsFormattedWithItsArguments) {
 TEST_F(LinePrefix, TheMacrosOfTheLibraryCarryItsTagAndThePlaceOfTheCall) {
     for (std::uint8_t level = 0; level < ELOG_LVL_TOTAL; ++level)
         elog_set_fmt(level, 255 & ~(ELOG_FMT_TIME | ELOG_FMT_PID | ELOG_FMT_TID));
-    int first = 0;
+    const std::string line = std::to_string(__LINE__ + 5);
 
-    const std::string printed = Printed([&first] {
-        first = __LINE__ + 1;
-        LOG_ERROR("a %d", 1);
-        LOG_WARN("b %d", 2);
-        LOG_INFO("c %d", 3);
+    // The three calls have to stand on one line, which they name.
+    // clang-format off
+    const std::string printed = Printed([] {
+        LOG_ERROR("a %d", 1); LOG_WARN("b %d", 2); LOG_INFO("c %d", 3);
     });
+    // clang-format on
 
-    const auto place = [first](int line) { return "operator():" + std::to_string(first + line) + ')'; };
-    EXPECT_THAT(Lines(printed), ElementsAre("[ERROR  ][fpga](VexoZceUpdmaImpl " + place(0) + "a 1",
-                                            "[WARN   ][fpga](VexoZceUpdmaImpl " + place(1) + "b 2",
-                                            "[INFO   ][fpga](VexoZceUpdmaImpl " + place(2) + "c 3"));
+    EXPECT_THAT(Lines(printed), ElementsAre("[ERROR  ][fpga](VexoZceUpdmaImpl operator():" + line + ")a 1",
+                                            "[WARN   ][fpga](VexoZceUpdmaImpl operator():" + line + ")b 2",
+                                            "[INFO   ][fpga](VexoZceUpdmaImpl operator():" + line + ")c 3"));
 }
 
 // ---- which messages are written ----

@@ -9,7 +9,6 @@
 #include <functional>
 
 #include "VexoZceUtil.h"
-#include "src/util/SafeFile.h"
 #include "src/util/StandardStreams.h"
 #include "tests/support/CaptureOutput.h"
 #include "tests/support/TempDir.h"
@@ -54,17 +53,6 @@ TEST_F(StandardStreams, ADescriptorMovesOutOfTheirNumbersWithCloseOnExec) {
 TEST_F(StandardStreams, AnotherDescriptorStaysWhereItIs) {
     EXPECT_EQ(standard_streams::moveAbove(3), 3);
     EXPECT_EQ(standard_streams::moveAbove(-1), -1);
-}
-
-TEST_F(StandardStreams, AFileThatIsWrittenOrReadHasNoneOfTheirNumbers) {
-    EXPECT_EQ(WithoutStandardStreams([] {
-                  safe_file::OutputFile file;
-                  const bool isWritten = file.open("day") && NextDescriptor() == 0 && file.write("text", 4);
-                  std::string content;
-                  std::string refusal;
-                  return isWritten && safe_file::readWhole("day", content, refusal) && content == "text" ? 0 : 1;
-              }),
-              0);
 }
 
 TEST_F(StandardStreams, NothingIsPrintedOnceStandardOutputWasFoundClosed) {
