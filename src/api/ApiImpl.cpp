@@ -7,6 +7,7 @@
 
 #include "src/log/Logger.h"
 #include "src/log/log.h"
+#include "src/util/ForkSafe.h"
 #include "src/util/StandardStreams.h"
 
 std::mutex g_brixLogInit_mutex;
@@ -14,6 +15,8 @@ std::mutex g_brixLogInit_mutex;
 namespace {
 
 constexpr char kLogFile[] = "VexoZceMdApiImpl";
+
+const fork_safe::Guard<g_brixLogInit_mutex> s_forkGuard(fork_safe::Rank::kLogStart);
 
 constexpr std::uint32_t kRegisterCoreId = 474;
 

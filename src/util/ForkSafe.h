@@ -8,7 +8,17 @@
 namespace fork_safe {
 
 /// The order in which the library takes its locks, outermost first. fork() takes them in this order.
-enum class Rank { kStart, kInstruments, kCard, kDriverStart, kCores, kLog, kLocalTime, kCount };
+enum class Rank {
+    kLogStart,
+    kInstruments,
+    kCard,
+    kDriverUsers,
+    kDriverStart,
+    kCores,
+    kLog,
+    kLocalTime,
+    kCount,
+};
 
 /// What fork() does with the lock of one rank.
 struct Actions {
@@ -17,16 +27,16 @@ struct Actions {
     void (*renew)();    ///< afterwards in the child
 };
 
-/// One lock a rank, registered once. Call it before the second thread starts: when the library is loaded.
+/// One lock a rank. @p actions stays valid for ever.
 void add(Rank rank, const Actions& actions);
 
 /// Registers a std::mutex of static storage duration:
 ///     const fork_safe::Guard<s_mutex> s_forkGuard(fork_safe::Rank::kCard);
 template <std::mutex& kMutex>
 struct Guard {
-    explicit Guard(Rank rank) {
-        add(rank, {[] { kMutex.lock(); }, [] { kMutex.unlock(); }, [] { new (&kMutex) std::mutex; }});
-    }
+    explicit Guard(Rank rank) { add(rank, kActions); }
+
+    static constexpr Actions kActions{[] { kMutex.lock(); }, [] { kMutex.unlock(); }, [] { new (&kMutex) std::mutex; }};
 };
 
 }  // namespace fork_safe
