@@ -17,15 +17,6 @@
 #include "src/log/LineBuilder.h"
 #include "src/util/StandardStreams.h"
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define VEXO_LOG_UNDER_TSAN 1
-#endif
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define VEXO_LOG_UNDER_TSAN 1
-#endif
-
 std::atomic<std::uint32_t> vexo_log_stopping{0};
 
 #ifndef VEXO_LOG_UNDER_TSAN

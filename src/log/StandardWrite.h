@@ -8,6 +8,20 @@
 #include <cstdint>
 #include <cstdio>
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VEXO_LOG_UNDER_TSAN 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define VEXO_LOG_UNDER_TSAN 1
+#endif
+
+#ifdef VEXO_LOG_UNDER_TSAN
+extern "C" void __tsan_acquire(void* lock);
+extern "C" void __tsan_release(void* lock);
+#endif
+
 /// 1 once a stop signal came. The assembly of the log's write reads it.
 extern __attribute__((visibility("hidden"))) std::atomic<std::uint32_t> vexo_log_stopping;
 
@@ -38,8 +52,14 @@ public:
         } else {
             ::flockfile(stdout);
         }
+#ifdef VEXO_LOG_UNDER_TSAN
+        if (m_isMine) __tsan_acquire(stdout);  // the sanitizer does not know the lock of stdio
+#endif
     }
     ~StdoutTurn() {
+#ifdef VEXO_LOG_UNDER_TSAN
+        if (m_isMine) __tsan_release(stdout);
+#endif
         if (m_isMine) ::funlockfile(stdout);
     }
     StdoutTurn(const StdoutTurn&) = delete;
