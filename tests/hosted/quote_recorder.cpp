@@ -26,9 +26,9 @@ std::time_t RealTime() {
     return now.tv_sec;
 }
 
-class Recorder : public QuoteCallbacks {
+class QuoteRecorder : public QuoteCallbacks {
 public:
-    explicit Recorder(std::FILE* file) : m_file(file) {}
+    explicit QuoteRecorder(std::FILE* file) : m_file(file) {}
 
 private:
     int OnQuote(int type, const unsigned char* payload) override {
@@ -61,7 +61,7 @@ int main(int argc, char** argv) {
     g_offset = kMorning - RealTime();
     std::FILE* file = std::fopen(argv[3], "wb");
     if (file == nullptr) return 2;
-    Recorder recorder(file);
+    QuoteRecorder recorder(file);
     IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
     if (api->VexoStart(recorder, argv[2]) != 0) return 3;
     // Sixteen of these share a machine: who has nothing to do lets the others work.
