@@ -114,7 +114,7 @@ Process StartHost(const std::vector<std::string>& options) {
 }
 
 std::string StatusJson(std::uint32_t bus) {
-    const std::string command = VEXO_SIMCARD " --json --bus " + std::to_string(bus) + " 2>/dev/null";
+    const std::string command = "'" VEXO_SIMCARD "' --json --bus " + std::to_string(bus) + " 2>/dev/null";
     FILE* pipe = popen(command.c_str(), "r");
     std::string text;
     char buffer[4096];
