@@ -7,7 +7,7 @@
 namespace cardtest {
 
 /// What the user asked for, and what is known of the card before the first check.
-struct Plan {
+struct TestPlan {
     std::uint32_t bus = 0;
     std::int32_t channel = -1;  // of the stream to use; -1 = none is free
     std::uint32_t seconds = 3;  // to wait for packets
@@ -30,7 +30,7 @@ struct Check {
     const char* group;
     const char* name;
     const char* promise;
-    void (*run)(const Plan& plan);  // returns when the promise is kept
+    void (*run)(const TestPlan& plan);  // returns when the promise is kept
     bool writes = false;
     const char* leaves = nullptr;  // what a writing check cannot put back
 };

@@ -32,8 +32,8 @@ bool isAsleep(const std::string& task);
 /// This program once more, as another user of the card: it holds something, and says over a pipe what it got.
 class Helper {
 public:
-    static Helper holdingStream(const Plan& plan, std::uint32_t channel);
-    static Helper holdingLock(const Plan& plan);
+    static Helper holdingStream(const TestPlan& plan, std::uint32_t channel);
+    static Helper holdingLock(const TestPlan& plan);
     ~Helper();
     Helper(const Helper&) = delete;
     Helper& operator=(const Helper&) = delete;

@@ -10,14 +10,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
 
 namespace cardtest {
@@ -132,7 +131,7 @@ Streams lookAtStreams(enyx_hw_accelerator* card, bool all) {
     return streams;
 }
 
-Words lookAtCard(const Plan& plan) {
+Words lookAtCard(const TestPlan& plan) {
     try {
         enyx_hw_accelerator* card = openCard(plan.bus);
         const bool shared = !isSimulated() || sharesMemory();
@@ -144,7 +143,7 @@ Words lookAtCard(const Plan& plan) {
     }
 }
 
-Words wordsOf(const Check& check, const Plan& plan) {
+Words wordsOf(const Check& check, const TestPlan& plan) {
     try {
         check.run(plan);
         return {"pass"};
@@ -157,28 +156,20 @@ Words wordsOf(const Check& check, const Plan& plan) {
 
 }  // namespace
 
-std::optional<Met> meetCard(const Plan& plan, std::string& error) {
+std::optional<MetCard> meetCard(const TestPlan& plan, std::string& error) {
     constexpr std::uint32_t kLimit = 60;
     const Answer found = askChild([&] { return lookAtCard(plan); }, kLimit, false);
     if (found.words.size() != 4) {
         error = found.words.empty() ? found.end : found.words.front();
         return std::nullopt;
     }
-    Met met{isSimulated(), libraryInUse(), plan, found.words[3]};
+    MetCard met{isSimulated(), libraryInUse(), plan, found.words[3]};
     met.plan.shared = found.words[1] == "shared";
     met.plan.channel = std::atoi(found.words[2].c_str());
     return met;
 }
 
-std::string libraryInUse() {
-    Dl_info info{};
-    void* call = dlsym(RTLD_DEFAULT, "enyx_hw_filter_create");
-    char path[PATH_MAX];
-    if (call == nullptr || dladdr(call, &info) == 0 || realpath(info.dli_fname, path) == nullptr) return {};
-    return path;
-}
-
-Result runCheck(const Check& check, const Plan& plan, const Limits& limits) {
+CheckResult runCheck(const Check& check, const TestPlan& plan, const CheckLimits& limits) {
     if (check.writes && !plan.write) return {&check, Verdict::kUntestable, {}, {}, "needs --write"};
     const Answer answer = askChild([&] { return wordsOf(check, plan); }, limits.seconds, !limits.verbose);
     const Words& words = answer.words;

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "tools/cardtest/Card.h"
-#include "tools/cardtest/Tables.h"
+#include "tools/cardtest/CardUnderTest.h"
+#include "tools/cardtest/SavedState.h"
 
 namespace cardtest {
 
@@ -12,15 +12,15 @@ namespace cardtest {
 class Traffic {
 public:
     /// Throws Untestable when the card has learned no instrument within the plan's time.
-    Traffic(const Plan& plan, std::uint32_t channel);
+    Traffic(const TestPlan& plan, std::uint32_t channel);
 
 private:
-    void subscribe(const Plan& plan, std::uint32_t channel);
+    void subscribe(const TestPlan& plan, std::uint32_t channel);
 
     struct Saved {
         explicit Saved(std::uint32_t bus);
-        Registers registers;
-        Tables tables;
+        RegisterCore registers;
+        TableAccess tables;
         RegisterSaved data;
         RegisterSaved decode;
         WordsSaved masks;
@@ -29,6 +29,6 @@ private:
 };
 
 /// Why no packet came: what the user can do about it.
-Untestable noPacket(const Plan& plan, std::uint32_t channel);
+Untestable noPacket(const TestPlan& plan, std::uint32_t channel);
 
 }  // namespace cardtest
