@@ -73,8 +73,8 @@ private:
 };
 
 /// The cards that the process sees. What they are is decided on first use: those that hosts offer, or else a card of
-/// the process's own, as the scenario file says that VEXO_SIM_SCENARIO may name. VEXO_SIM_CARD decides too: `hosted`
-/// and `embedded` insist on the one or the other.
+/// the process's own. VEXO_SIM_SCENARIO and VEXO_SIM_SET may say what that one is; with either, hosts are ignored.
+/// VEXO_SIM_CARD decides too: `hosted` and `embedded` insist on the one or the other.
 class Cards {
 public:
     static Cards& instance();

@@ -7,14 +7,19 @@
 
 namespace vexo {
 
+void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation) {
+    subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]");
+    invocation.takeProgram.push_back(&subcommand);
+}
+
 void requireProgram(const Program& program) {
-    if (program.empty()) throw Failure(kUsage, "no program to run: it stands after --, as in: -- ./app app.ini");
+    if (program.empty()) throw Failure(kUsage, "no program to run: put it after --, as in: -- ./app app.ini");
 }
 
 void prepend(const char* variable, const std::filesystem::path& path) {
     const std::string text = path.string();
     if (text.find_first_of(":; \t") != std::string::npos) {
-        throw Failure(kCannotRun, text + ": a blank, a colon or a semicolon in this path would mislead the loader");
+        throw Failure(kCannotRun, text + ": the loader cannot read a path with a blank, a colon or a semicolon");
     }
     const char* before = std::getenv(variable);
     set(variable, before != nullptr && *before != '\0' ? text + ":" + before : text);
