@@ -39,7 +39,7 @@ struct CardStatus {
     std::vector<ChannelStatus> channels;
 };
 
-/// Reads a card. @p file names the holders; it does not see what this process itself holds.
+/// Reads a card. The holders come from the locks on @p file, which do not show those of the calling process.
 CardStatus readStatus(CardBlock& block, const CardFile& file);
 
 /// One JSON object, indented.

@@ -22,8 +22,8 @@ KeySettings settingsOfEnvironment(const std::string& lines);
 /// The opposite: what the variable must hold.
 std::string linesOf(const KeySettings& settings);
 
-/// The settings with every path made absolute, for a process that may work in another directory. Throws nothing: a
-/// setting that cannot be taken apart stays as it is, for load() to reject.
+/// Makes every path absolute, for a process that may change its directory. A malformed setting stays as it is; load()
+/// rejects it.
 KeySettings withAbsolutePaths(const KeySettings& settings);
 
 }  // namespace vexo_sim::scenario

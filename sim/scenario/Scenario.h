@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/card/CallFailure.h"
 #include "sim/card/Card.h"
 #include "sim/scenario/KeySettings.h"
 
@@ -34,22 +35,13 @@ struct StreamErrors {
     std::uint32_t errors;
 };
 
-/// A call of the C interface that fails in every process on the card: counted per process.
-struct CallFailure {
-    std::string call;
-    std::uint32_t nth = 1;
-    std::uint32_t times = 1;  // 0 = all from the nth on
-    int error = 0;
-    std::optional<std::int64_t> result;
-};
-
 struct Scenario {
     std::string name;  // of the file, without directory and extension, then the settings
     std::string description;
     std::uint32_t bus = 0;
 
     CardConfig config;
-    DateChoice date = DateChoice::kGiven;  // other than kGiven: config.initialDate follows from the day of power-on
+    DateChoice date = DateChoice::kGiven;  // unless kGiven, the day of power-on decides
     std::optional<std::uint32_t> clock;    // second of the day that the exchange's clock shows at power-on
     std::optional<std::vector<Instrument>> instruments;  // a list of its own; otherwise config.instruments
 

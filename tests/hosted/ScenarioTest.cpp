@@ -134,7 +134,7 @@ TEST_F(Scenario, ThePagesCommandsHostACard) {
         host.Signal(SIGTERM);
         EXPECT_EQ(host.Wait(), 0) << line;
     }
-    EXPECT_EQ(commands, 2U);
+    EXPECT_EQ(commands, 3U);
 }
 
 TEST_F(Scenario, WrongOptionsAndSettingsEndTheHostWithTwoBeforeThereIsACard) {

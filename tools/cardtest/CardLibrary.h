@@ -4,42 +4,7 @@
 
 #include <string>
 
-#define CARDTEST_CALLS(X)                        \
-    X(enyx_hw_filter_create)                     \
-    X(enyx_hw_filter_set_index)                  \
-    X(enyx_hw_filter_set_name)                   \
-    X(enyx_hw_filter_destroy)                    \
-    X(enyx_hw_enumerate_accelerators)            \
-    X(enyx_hw_accelerator_get)                   \
-    X(enyx_hw_free_accelerator_descriptors)      \
-    X(enyx_hw_accelerator_enumerate_mmios)       \
-    X(enyx_hw_mmio_create)                       \
-    X(enyx_hw_mmio_destroy)                      \
-    X(enyx_hw_free_mmio_descriptors)             \
-    X(enyx_hw_enumerate_cores)                   \
-    X(enyx_hw_core_tree_get_root)                \
-    X(enyx_hw_core_reset)                        \
-    X(enyx_hw_core_enumerate)                    \
-    X(enyx_hw_core_lock)                         \
-    X(enyx_hw_core_unlock)                       \
-    X(enyx_hw_read)                              \
-    X(enyx_hw_write)                             \
-    X(enyx_hw_accelerator_enumerate_a2c_streams) \
-    X(enyx_hw_a2c_stream_create)                 \
-    X(enyx_hw_free_a2c_stream_descriptors)       \
-    X(enyx_hw_a2c_stream_get_mtu)                \
-    X(enyx_hw_a2c_stream_poll_once)              \
-    X(enyx_hw_a2c_stream_stats_get_backpressure) \
-    X(enyx_hw_a2c_stream_stats_get_packet_count) \
-    X(enyx_hw_a2c_stream_stats_get_fifo_errors)  \
-    X(enyx_hw_a2c_stream_stats_get_errors)       \
-    X(enyx_hw_a2c_stream_destroy)                \
-    X(enyx_hw_accelerator_enumerate_c2a_streams) \
-    X(enyx_hw_c2a_stream_create)                 \
-    X(enyx_hw_free_c2a_stream_descriptors)       \
-    X(enyx_hw_c2a_stream_get_mtu)                \
-    X(enyx_hw_c2a_stream_send)                   \
-    X(enyx_hw_c2a_stream_destroy)
+#include "interface/CallList.h"
 
 namespace cardtest {
 
@@ -83,8 +48,8 @@ public:
 };
 
 // Inside this namespace the name of a call means one of these, not the function that the header declares.
-#define CARDTEST_CALL(function) inline CardCall<decltype(::function)> function(#function);
-CARDTEST_CALLS(CARDTEST_CALL)
+#define CARDTEST_CALL(name, function, kind) inline CardCall<decltype(::function)> function(#function);
+ENYX_HW_CALLS(CARDTEST_CALL)
 #undef CARDTEST_CALL
 
 }  // namespace cardtest

@@ -36,6 +36,22 @@ std::string accessText(const char* verb, std::uint32_t word, int result) {
     return std::string(verb) + " of register " + hex(word) + " failed: " + resultText(result, errno);
 }
 
+// The stream of a channel, with the three calls of its direction. Leaves the errno of the call that creates it.
+template <typename Stream, typename Descriptor, typename Enumerate, typename Create, typename Free>
+Stream tryOpen(enyx_hw_accelerator* card, std::uint32_t channel, const Enumerate& enumerate, const Create& create,
+               const Free& free) {
+    const FilterHandle filter = nameFilter(streamName(channel));
+    auto* descriptor = theOne<Descriptor>(streamName(channel), [&](auto** found, std::size_t room) {
+        return enumerate(card, filter.get(), found, room);
+    });
+    errno = 0;
+    Stream stream(create(descriptor, nullptr));
+    const int error = errno;
+    free(&descriptor, 1);
+    errno = error;
+    return stream;
+}
+
 }  // namespace
 
 FilterHandle anyFilter() { return madeFilter(); }
@@ -95,29 +111,15 @@ enyx_hw_core* registerCoreOf(enyx_hw_mmio* mmio) {
 }
 
 UpStreamHandle tryOpenUp(enyx_hw_accelerator* card, std::uint32_t channel) {
-    const FilterHandle filter = nameFilter(streamName(channel));
-    auto* descriptor = theOne<enyx_hw_a2c_stream_descriptor>(streamName(channel), [&](auto** found, std::size_t room) {
-        return enyx_hw_accelerator_enumerate_a2c_streams(card, filter.get(), found, room);
-    });
-    errno = 0;
-    UpStreamHandle stream(enyx_hw_a2c_stream_create(descriptor, nullptr));
-    const int error = errno;
-    enyx_hw_free_a2c_stream_descriptors(&descriptor, 1);
-    errno = error;
-    return stream;
+    return tryOpen<UpStreamHandle, enyx_hw_a2c_stream_descriptor>(
+        card, channel, enyx_hw_accelerator_enumerate_a2c_streams, enyx_hw_a2c_stream_create,
+        enyx_hw_free_a2c_stream_descriptors);
 }
 
 DownStreamHandle tryOpenDown(enyx_hw_accelerator* card, std::uint32_t channel) {
-    const FilterHandle filter = nameFilter(streamName(channel));
-    auto* descriptor = theOne<enyx_hw_c2a_stream_descriptor>(streamName(channel), [&](auto** found, std::size_t room) {
-        return enyx_hw_accelerator_enumerate_c2a_streams(card, filter.get(), found, room);
-    });
-    errno = 0;
-    DownStreamHandle stream(enyx_hw_c2a_stream_create(descriptor, nullptr));
-    const int error = errno;
-    enyx_hw_free_c2a_stream_descriptors(&descriptor, 1);
-    errno = error;
-    return stream;
+    return tryOpen<DownStreamHandle, enyx_hw_c2a_stream_descriptor>(
+        card, channel, enyx_hw_accelerator_enumerate_c2a_streams, enyx_hw_c2a_stream_create,
+        enyx_hw_free_c2a_stream_descriptors);
 }
 
 std::uint32_t channelOf(const TestPlan& plan) {

@@ -49,7 +49,7 @@ void lockAgain(const TestPlan& plan) {
     }
 }
 
-// A second thread on the lock. On its own feet: when it never gets the lock, the check ends without it.
+// A second thread that wants the lock. It is detached: when it never gets the lock, the check ends without it.
 struct Waiter {
     std::atomic<long> thread{0};
     std::atomic<bool> locked{false};
@@ -75,7 +75,7 @@ void lockExcludesThreads(const TestPlan& plan) {
     {
         const HeldCoreLock lock(registers.core());
         waiter = Waiter::start(registers.core());
-        // It has had its chance once it sleeps inside the call, however busy this machine is.
+        // Once it sleeps inside the call it has had its chance, even on a busy machine.
         const std::int64_t watched = nowMs() + kWatchMs;
         within(kPatienceMs, [&] { return waiter->locked || (nowMs() >= watched && waiter->isAsleep()); });
         expect(!waiter->locked, "a thread that waits while another holds the lock",

@@ -17,12 +17,12 @@ struct Kind {
     std::function<void(Descriptor**, std::size_t)> release;
 };
 
-// What the array of an enumeration looked like afterwards.
+// The array after an enumeration.
 struct Outcome {
     ssize_t count = 0;
     int error = 0;
     std::size_t filled = 0;  // slots changed, from the first on
-    bool beyond = false;     // one behind the room was changed
+    bool beyond = false;     // a slot behind the room was changed
 };
 
 template <typename Descriptor>

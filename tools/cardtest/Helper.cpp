@@ -27,7 +27,7 @@ void say(const std::string& text) {
     std::fflush(stdout);
 }
 
-// What it is told; "die" ends the process on the spot.
+// Waits for a line from the checking process; "die" ends this process at once.
 bool isTold() {
     char text[16];
     if (std::fgets(text, sizeof text, stdin) == nullptr) return false;
@@ -95,7 +95,7 @@ Helper::Helper(const std::vector<std::string>& role) {
     arguments.push_back(nullptr);
     m_pid = fork();
     if (m_pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);  // it must not outlive a check that is ended from outside
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // it must not outlive a check that is killed
         dup2(in[0], STDIN_FILENO);
         dup2(out[1], STDOUT_FILENO);
         for (const int end : {in[0], in[1], out[0], out[1]}) close(end);

@@ -63,7 +63,7 @@ void lockExcludesProcesses(const TestPlan& plan) {
     auto lock = std::make_unique<HeldCoreLock>(registers.core());
     Helper other = Helper::holdingLock(plan);
     other.demand("ready");
-    // It has had its chance once it sleeps inside the call, however busy this machine is.
+    // Once it sleeps inside the call it has had its chance, even on a busy machine.
     std::string seen = other.line(kWatchMs);
     if (seen.empty() && within(kPatienceMs, [&] { return other.isAsleep(); })) seen = other.line(0);
     expect(seen.empty(), "another process that waits while this one holds the lock", "it was told " + seen);

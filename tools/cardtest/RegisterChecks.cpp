@@ -11,8 +11,8 @@
 namespace cardtest {
 namespace {
 
-// Pairs of registers that may be read without any effect on the card. Never 0x103: its first read after a start-up's
-// version check is the verdict that the start-up waits for. Each begins at an address that 64 bits may begin at.
+// Pairs of registers that can be read without an effect on the card. 0x103 must not be among them: its first read after
+// a version check is the verdict that a starting program waits for. Each pair begins where a 64-bit field may begin.
 constexpr std::uint32_t kPairs[] = {0x200C, 0x210C, card_reg::kExchangeTimeA, card_reg::kTradingDate};
 
 std::uint64_t lowBits(unsigned count) { return count >= 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << count) - 1; }
@@ -21,8 +21,8 @@ std::uint64_t readPair(const RegisterCore& registers, std::uint32_t word) {
     return registers.read(word) | std::uint64_t{registers.read(word + 1)} << 32;
 }
 
-// Reads a field, with the pair read whole before and after: clocks and counters move, so it is tried again until
-// both agree.
+// Reads a field, and the whole pair before and after it. Clocks and counters move, so it tries again until both reads
+// of the pair agree.
 void compareField(const RegisterCore& registers, std::uint32_t word, unsigned offset, unsigned width) {
     constexpr int kTries = 1000;
     for (int attempt = 0; attempt < kTries; ++attempt) {
@@ -120,7 +120,7 @@ void dateIsKept(const TestPlan& plan) {
         expect(seen[n] == dates[n], "register 0x106 keeps " + std::to_string(dates[n]), std::to_string(seen[n]));
 }
 
-// Two equal reads in a row: whatever verdict was still to be read is read by then.
+// Reads until two reads in a row are equal: by then a pending verdict has been read.
 std::uint32_t fibreStatus(const RegisterCore& registers) {
     std::uint32_t status = registers.read(card_reg::kVerdictOrFibre);
     const bool steady = within(kPatienceMs, [&] {

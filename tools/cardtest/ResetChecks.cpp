@@ -24,7 +24,7 @@ void resetRoot(const RegisterCore& registers) {
     expect(result == 0, "result 0 of the root core's reset", resultText(result, errno));
 }
 
-// The pulse is as long as the card's users make it.
+// The pulse has the length that the card's users give it.
 void pulseRegister(const RegisterCore& registers) {
     registers.write(card_reg::kReset, 1);
     restMs(1000);

@@ -24,7 +24,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// What a child process came to: its words, or none and how it ended.
+// The answer of a child process: its words, or how it ended when it has none.
 struct Answer {
     Words words;
     std::string end;
@@ -50,7 +50,7 @@ void writeAll(int file, const std::string& text) {
     _exit(0);
 }
 
-// False when the limit is over.
+// False when the time is over.
 bool readAll(int file, std::uint32_t seconds, std::string& text) {
     for (const std::int64_t end = nowMs() + std::int64_t{seconds} * 1000;;) {
         const std::int64_t left = end - nowMs();
@@ -92,7 +92,7 @@ Answer askChild(const std::function<Words()>& work, std::uint32_t seconds, bool 
     return result;
 }
 
-// A simulated card that shares no memory with anybody is this process's own.
+// A simulated card that shares no memory belongs to this process alone.
 bool sharesMemory() {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);)
@@ -105,7 +105,7 @@ bool isSimulated() { return dlsym(RTLD_DEFAULT, "enyx_sim_is_simulated") != null
 bool isFree(enyx_hw_accelerator* card, std::uint32_t channel) {
     try {
         return tryOpenUp(card, channel) != nullptr;
-    } catch (const Untestable&) {  // the card has no stream of that name: its checks will tell
+    } catch (const Untestable&) {  // the card has no stream of that name: another check reports it
         errno = 0;
         return false;
     }
@@ -116,9 +116,9 @@ struct Streams {
     std::string held;
 };
 
-// Each is opened once at most: a card whose streams do not close again must not look like one in use. Somebody else's
-// reader may be about to come for the first streams, so the search begins with the last, which are least likely to be
-// missed. Only a run that writes has to know them all.
+// Opens each stream at most once: otherwise a card whose streams do not close would look like one in use. The search
+// begins with the last stream, because other programs are most likely to want the first ones. Only a run that writes
+// needs to know them all.
 Streams lookAtStreams(enyx_hw_accelerator* card, bool all) {
     Streams streams;
     for (std::int32_t channel = kChannels - 1; channel >= 0 && (all || streams.lastFree < 0); --channel) {

@@ -21,19 +21,19 @@ struct CheckResult {
 struct MetCard {
     bool simulated = false;
     std::string library;      // file that the loader took the calls from
-    TestPlan plan;            // the user's, with what it left open filled in
+    TestPlan plan;            // the user's, completed
     std::string heldStreams;  // numbers of those that cannot be opened; looked for only when the plan writes
 };
 
-/// Looks at the card, in a process of its own. Null, with the reason in @p error, when there is none.
+/// Looks at the card in a process of its own. Nothing, with the reason in @p error, when there is no card.
 std::optional<MetCard> meetCard(const TestPlan& plan, std::string& error);
 
 struct CheckLimits {
     std::uint32_t seconds = 60;  // that one check may take
-    bool verbose = false;        // what the card's library writes to standard error is let through
+    bool verbose = false;        // show what the card's library writes to standard error
 };
 
-/// Runs one check in a process of its own, so that a card that crashes or hangs it fails that check only.
+/// Runs one check in a process of its own: a card that makes it crash or hang fails only that check.
 CheckResult runCheck(const Check& check, const TestPlan& plan, const CheckLimits& limits);
 
 }  // namespace cardtest

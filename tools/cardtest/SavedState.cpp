@@ -5,7 +5,7 @@ namespace {
 
 std::uint32_t place(std::uint32_t row, std::uint32_t word) { return row << card_reg::kRowShift | word; }
 
-// Putting back is done on the way out, perhaps of a failed check: a card that does not take it has no more to say.
+// Runs in destructors, perhaps after a failed check. A card that does not take the old value is not reported again.
 template <typename Write>
 void putBack(Write write) {
     try {

@@ -24,7 +24,7 @@ private:
     const RegisterCore& m_registers;
 };
 
-/// A register that can be read back: put back as it was found.
+/// Puts a register back as it was found. For registers that can be read.
 class RegisterSaved {
 public:
     RegisterSaved(const RegisterCore& registers, std::uint32_t word)
@@ -41,7 +41,7 @@ private:
     std::uint32_t m_found;
 };
 
-/// Words of the tables: put back as they were found.
+/// Puts words of the tables back as they were found.
 class WordsSaved {
 public:
     explicit WordsSaved(const TableAccess& tables) : m_tables(tables) {}
@@ -49,7 +49,7 @@ public:
     WordsSaved(const WordsSaved&) = delete;
     WordsSaved& operator=(const WordsSaved&) = delete;
 
-    /// Notes what the word holds now. @return that.
+    /// Saves the present value of the word. @return the value.
     std::uint32_t save(std::uint32_t table, std::uint32_t row, std::uint32_t word);
 
 private:
@@ -60,7 +60,7 @@ private:
     std::vector<Word> m_words;
 };
 
-/// All that a reset forgets and the host can know: the masks of both tables and the decode switch.
+/// Puts back what a reset forgets and the host can read: the masks of both tables, the decode switch and the date.
 class CardSaved {
 public:
     explicit CardSaved(const RegisterCore& registers);

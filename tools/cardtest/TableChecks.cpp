@@ -44,8 +44,8 @@ void fieldsAreWritten(const TestPlan& plan) {
     }
 }
 
-// The data word and, next to it, the read-back select take a wide field together. The select shows what it took: the
-// words that it names hold different values.
+// A wide field spans the data register and the read-back select next to it. The words that the select can name hold
+// different values, so the read-back shows what the select took.
 void wideFieldsAreWritten(const TestPlan& plan) {
     const RegisterCore registers(plan.bus);
     const TableAccess tables(registers);

@@ -21,7 +21,7 @@ const char* text(Verdict verdict) {
     return "not testable";
 }
 
-// What writing checks left behind, each thing once.
+// What writing checks could not put back, each thing once.
 std::vector<std::string> leftBehind(const std::vector<CheckResult>& results) {
     std::vector<std::string> left;
     for (const CheckResult& result : results) {

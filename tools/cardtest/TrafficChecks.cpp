@@ -15,12 +15,12 @@ constexpr unsigned kRowsSubscribed = 256;
 constexpr std::uint32_t kMapType = 2;
 constexpr std::uint32_t kMapHead = 14;
 
-// What the handlers below have seen. Not behind the context pointer: whether that one arrives has a check of its own.
+// What the handlers below have seen. Global, because another check tests whether the context pointer arrives.
 struct Seen {
     unsigned quotes = 0;
     unsigned maps = 0;
     unsigned messages = 0;
-    std::string broken;  // the first contract-map packet that is no row of messages
+    std::string broken;  // the first contract-map packet that does not consist of whole messages
 };
 thread_local Seen g_seen;
 
@@ -73,7 +73,7 @@ bool isMasked(const TestPlan& plan, std::uint32_t channel) {
     return false;
 }
 
-// First the masks name another channel only, then this one.
+// First the masks name only another channel, then this one.
 void quotesFollowMasks(const TestPlan& plan) {
     const std::uint32_t channel = channelOf(plan);
     const UpStreamHandle stream = openUp(openCard(plan.bus), plan.channel);
@@ -88,7 +88,7 @@ void quotesFollowMasks(const TestPlan& plan) {
     if (!pollUntil(stream.get(), plan.seconds, [] { return g_seen.quotes >= 10; })) throw noPacket(plan, channel);
 }
 
-// The contract map goes up channel 0's stream, whoever asked for it.
+// The contract map is always on channel 0's stream.
 void mapIsSentOnRequest(const TestPlan& plan) {
     const UpStreamHandle stream = openUp(openCard(plan.bus), 0);
     const RegisterCore registers(plan.bus);
@@ -100,7 +100,7 @@ void mapIsSentOnRequest(const TestPlan& plan) {
     if (!came && g_seen.maps == 0)
         throw Untestable{"no contract-map packet came within " + std::to_string(plan.seconds) + " s"};
     expect(g_seen.broken.empty(), "contract-map packets that are filled with whole messages", g_seen.broken);
-    // What was on its way is drained; then there must be a whole second without one.
+    // Drains the packets that are on their way. After that, a whole second must pass without one.
     std::int64_t quietSince = nowMs();
     const bool quiet = within(kPatienceMs, [&] {
         const unsigned before = g_seen.maps;

@@ -84,7 +84,7 @@ void countersAreReadable(const TestPlan& plan) {
     }
 }
 
-// What the handler below has seen. Not behind the context pointer: whether that one arrives has a check of its own.
+// What the handler below has seen. Global, because another check tests whether the context pointer arrives.
 struct Seen {
     unsigned calls = 0;
     std::uint32_t mtu = 0;
@@ -105,7 +105,7 @@ void look(const std::uint8_t* data, std::uint32_t size, void* context) {
         for (std::uint32_t n = 0; n < std::min(size, g_seen.mtu); ++n) g_seen.sum += data[n];
 }
 
-// Polls until so many polls have found a packet, or the time is over; judge(result) is asked after each poll.
+// Polls until so many polls have found a packet, or the time is over. Calls judge(result) after each poll.
 template <typename Judge>
 unsigned pollPackets(const TestPlan& plan, enyx_hw_a2c_stream* stream, void* context, unsigned wanted, Judge judge) {
     unsigned packets = 0;
@@ -170,7 +170,7 @@ std::uint32_t packetCount(const UpStreamHandle& stream) {
     return count;
 }
 
-// The count is taken before a poll that finds nothing: whatever is polled later had not been counted by then.
+// Reads the count before a poll that finds nothing: the count does not yet include any packet that is polled later.
 void packetCountGrows(const TestPlan& plan) {
     const OpenedWithTraffic opened(plan);
     std::uint32_t before = 0;

@@ -126,7 +126,7 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? kAllKept : kUsage;
     }
     if (arguments.list) return std::fputs(listText().c_str(), stdout) < 0 ? kUsage : kAllKept;
-    // A wait for packets must not run into the limit.
+    // Waiting for packets must not exceed the limit of a check.
     arguments.limits.seconds = std::max(arguments.limits.seconds, arguments.plan.seconds + 1);
     if (!arguments.library.empty())
         if (const int status = useLibrary(arguments.library, argv); status != kAllKept) return status;
