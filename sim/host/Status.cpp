@@ -99,11 +99,11 @@ using Channel = const ChannelStatus&;
 constexpr ChannelField kChannelFields[] = {
     {"channel", [](Channel c) { return Json(c.channel); }, "chan", 4},
     {"open", [](Channel c) { return Json(c.open); }, nullptr, 0},
+    {"holder", [](Channel c) { return c.holder ? toObject(*c.holder) : Json(); }, nullptr, 0},
     {"packets", [](Channel c) { return Json(c.packets); }, "packets", 12},
     {"drops", [](Channel c) { return Json(c.drops); }, "drops", 12},
     {"queued_bytes", [](Channel c) { return Json(c.queuedBytes); }, "queued", 12},
     {"sent_packets", [](Channel c) { return Json(c.sentPackets); }, nullptr, 0},
-    {"holder", [](Channel c) { return c.holder ? toObject(*c.holder) : Json(); }, nullptr, 0},
 };
 
 template <std::size_t n>

@@ -85,24 +85,24 @@ TEST(Status, AsJsonHasEveryFieldOfTheText) {
     {
       "channel": 0,
       "open": true,
-      "packets": 1000,
-      "drops": 2,
-      "queued_bytes": 300,
-      "sent_packets": 4,
       "holder": {
         "pid": 4712,
         "program": "trader",
         "user": "bob"
-      }
+      },
+      "packets": 1000,
+      "drops": 2,
+      "queued_bytes": 300,
+      "sent_packets": 4
     },
     {
       "channel": 1,
       "open": false,
+      "holder": null,
       "packets": 0,
       "drops": 0,
       "queued_bytes": 0,
-      "sent_packets": 0,
-      "holder": null
+      "sent_packets": 0
     }
   ]
 }
