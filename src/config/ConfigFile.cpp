@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <cctype>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
 #include "src/card/FpgaServ.h"
 #include "src/log/log.h"
+#include "src/util/StandardStreams.h"
 
 namespace Vexo2_U50 {
 
@@ -95,7 +95,7 @@ std::uint32_t CZceConfigFile::GetDmaChannel() {
     // The scanned channel stays even when it is refused below: the next call returns it without a scan.
     const int scanned = scanDevice(folded, m_uiChannelId);
     if (scanned != 2 || m_uiChannelId >= card_reg::kChannels || m_uiBusId > kMaxBus) {
-        std::printf("Error! Invalid parameter! Input: %s \n", device.c_str());
+        standard_streams::print("Error! Invalid parameter! Input: %s \n", device.c_str());
         return kFailure;
     }
     m_strDmaChanName = "CUSTOM_CHAN" + std::to_string(m_uiChannelId) + "_DATA";
