@@ -14,6 +14,15 @@ using InstIdToIndex = std::map<std::string, unsigned short>;
 using IndexToInstId = std::map<unsigned short, std::string>;
 using IndexToChanBit = std::map<unsigned short, unsigned short>;
 
+/// A row of a table whose instrument is stored and not yet subscribed.
+struct StoredRow {
+    std::uint8_t type;
+    std::uint16_t index;
+    std::uint32_t maskBefore;  ///< of the channels that had taken it earlier
+    std::uint32_t channels;    ///< that take it now
+    const std::string* name;   ///< in the store
+};
+
 /// The library's view of the card's two instrument tables and of the registers that start, stop and reset its decoding.
 /// Table type 0 is the single-leg table, any other the combination table; an index is the card's row number; a mask
 /// holds bit n for DMA channel n. An operation ignores the driver's results unless it says otherwise.
@@ -66,9 +75,12 @@ public:
     // ---- merged store of all channels ----
     void StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::string id, std::uint32_t chan);
     void StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan);
-    /// Stores an instrument for several channels, bit n for channel n, and subscribes one channel after the other. Each
-    /// step writes the row's mask so far and reads it back.
-    void subscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id, std::uint32_t channels);
+    /// Stores an instrument for several channels, bit n for channel n, without touching the card. Stores all of it or,
+    /// when memory runs out, throws and stores nothing.
+    StoredRow storeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id, std::uint32_t channels);
+    /// Subscribes a stored instrument for one channel after the other: each time the row is written with the mask that
+    /// it has by then, and read back. Needs no memory.
+    void subscribeRow(const StoredRow& row);
     /// Writes the merged masks to the card and reads them back.
     void SubsFromGlobInsts();
 

@@ -2,13 +2,15 @@
 // instrument subscribed.
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <exception>
+#include <utility>
 
 #include "src/channel/DmaChannel.h"
 #include "src/instruments/InstId.h"
 #include "src/log/log.h"
+#include "src/util/TentativeEntry.h"
 
 namespace {
 
@@ -36,6 +38,21 @@ constexpr std::uint64_t kAllReceivedCount = 24576;
 
 unsigned int bigEndian16(const unsigned char* p) { return static_cast<unsigned int>(p[0] << 8 | p[1]); }
 
+// An exception that ends a contract-map packet early leaves instruments out of the day file.
+class IncompleteUnlessRead {
+public:
+    explicit IncompleteUnlessRead(CBrixBinFile& file) : m_file(file) {}
+    ~IncompleteUnlessRead() {
+        if (std::uncaught_exceptions() > m_before) m_file.markIncomplete("its packet could not be read to the end");
+    }
+    IncompleteUnlessRead(const IncompleteUnlessRead&) = delete;
+    IncompleteUnlessRead& operator=(const IncompleteUnlessRead&) = delete;
+
+private:
+    CBrixBinFile& m_file;
+    const int m_before = std::uncaught_exceptions();
+};
+
 std::chrono::system_clock::time_point systemNow() {
     std::timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
@@ -52,6 +69,7 @@ int CZceDmaChanImpl::HandleContMapPkt(const unsigned char* pkt, unsigned int len
         ignoreContractMap();
         return 0;
     }
+    const IncompleteUnlessRead incomplete(*m_pBinFile);
     GetConfig();
     LoadtoMapFromMac(pkt, len);
     if (!m_bCfgInsSuccess && CheckConfigInst() == 0) {
@@ -114,17 +132,34 @@ void CZceDmaChanImpl::LoadtomapFrmParsedMsg(const std::string& instId, unsigned 
         LOG_INFO("Have parsed %u instrument id already, instnum:%u.", static_cast<unsigned int>(m_ulParsedCnt),
                  static_cast<unsigned int>(m_mapInstIdx.size()));
     }
-    if (!m_mapInstIdx.try_emplace(instId, index).second) return;  // the first index of an id wins
-    m_pBinFile->WriteBinFileInst(instId, index);
-    const std::string instClass = instId.substr(0, 2);
-    if (!contains(m_vecRecvClass, instClass)) m_vecRecvClass.push_back(instClass);
-    IncreQuoteSub(instId, index);
+    const auto [place, isNew] = m_mapInstIdx.try_emplace(instId, index);
+    if (!isNew) return;  // the first index of an id wins
+
+    // All that needs memory comes first: an instrument is learned as a whole or, when an exception ends this, not at
+    // all.
+    TentativeEntry<Vexo2_U50::InstIdToIndex> entry(m_mapInstIdx, place, isNew);
+    std::string lineId = instId;
+    std::string instClass = instId.substr(0, 2);
+    const bool newClass = !contains(m_vecRecvClass, instClass);
+    if (newClass) m_vecRecvClass.reserve(m_vecRecvClass.size() + 1);
+    const Vexo2_U50::StoredRow row = storeQuoteSub(instId, index);
+    entry.keep();
+
+    m_pBinFile->WriteBinFileInst(std::move(lineId), index);
+    if (newClass) m_vecRecvClass.push_back(std::move(instClass));
+    m_pFpgaServ->subscribeRow(row);
 }
 
 void CZceDmaChanImpl::IncreQuoteSub(const std::string& instId, unsigned short index) {
-    if (instId.size() < kMinSubscribedId) return;
-    const unsigned int channels = m_pContractServ->wantedBy(instId);
-    if (channels != 0) m_pFpgaServ->subscribeForChannels(tableOf(instId), index, instId, channels);
+    m_pFpgaServ->subscribeRow(storeQuoteSub(instId, index));
+}
+
+// Stores the instrument for the channels that want it. Without one nothing is stored, and there is no row to write.
+Vexo2_U50::StoredRow CZceDmaChanImpl::storeQuoteSub(const std::string& instId, unsigned short index) {
+    const bool subscribable = instId.size() >= kMinSubscribedId;
+    const unsigned int channels = subscribable ? m_pContractServ->wantedBy(instId) : 0;
+    if (channels == 0) return {};
+    return m_pFpgaServ->storeForChannels(tableOf(instId), index, instId, channels);
 }
 
 int CZceDmaChanImpl::CheckConfigInst() {

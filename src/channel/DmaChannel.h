@@ -102,6 +102,7 @@ private:
     int createServices();
     int checkVersionAndConfigure();
     int checkConfigOfChannel(std::uint32_t chan, bool& allReceived);
+    Vexo2_U50::StoredRow storeQuoteSub(const std::string& instId, unsigned short index);
     static void registerSignalsOnce();
     static int rejectShortPacket(unsigned int len);
     static int rejectUnknownPacket(const unsigned char* pkt, unsigned int len);
