@@ -110,7 +110,7 @@ private:
     }
 
     void addUsualPairs() {
-        for (std::size_t n = 0; n < kPairCount; ++n) addPair(kPairs[n].first, kPairs[n].second, true);
+        for (const auto& pair : kPairs) addPair(pair.first, pair.second, true);
     }
 
     // More than the table holds; add() stops at its last row.

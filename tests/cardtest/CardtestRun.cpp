@@ -38,8 +38,12 @@ Outcome RunCardtest(const std::vector<std::string>& options, const std::vector<s
 
 Outcome RunOnBrokenCard(const std::string& broken, const std::string& file, const std::vector<std::string>& options) {
     // Only a library that is linked to can be put in front of the sanitizer's own without this.
-    return RunCardtest(options, {"LD_PRELOAD=" VEXO_BROKEN_CARD, "CARDTEST_BREAKS=" + broken, "CARDTEST_FILE=" + file,
-                                 "ASAN_OPTIONS=verify_asan_link_order=0"});
+    // The directory apart from the name: LD_PRELOAD cannot hold a path with a blank.
+    const std::string library = VEXO_BROKEN_CARD;
+    const std::size_t slash = library.rfind('/');
+    return RunCardtest(options,
+                       {"LD_LIBRARY_PATH=" + library.substr(0, slash), "LD_PRELOAD=" + library.substr(slash + 1),
+                        "CARDTEST_BREAKS=" + broken, "CARDTEST_FILE=" + file, "ASAN_OPTIONS=verify_asan_link_order=0"});
 }
 
 std::vector<std::string> AllNames() {

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <cstdlib>
 
 #include "tests/cardtest/CardtestRun.h"
@@ -73,6 +75,16 @@ TEST_F(CommandLine, WriteTellsWhatItDidNotPutBack) {
 TEST_F(CommandLine, LibraryIsUsedInsteadOfWhatTheLoaderFinds) {
     const test_support::TempDir directory;
     const std::string copy = directory.Write("libenyx-hw-c.so.1", hosted::ReadFile(VEXO_CARD_LIBRARY));
+    const std::vector<std::string> sanitizer = {"ASAN_OPTIONS=verify_asan_link_order=0"};
+    const Outcome run = RunCardtest({"--json", "--library", copy, "--only", "core-root"}, sanitizer);
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(run.Report()["library"], copy);
+}
+
+TEST_F(CommandLine, LibraryMayLieInADirectoryWithABlank) {
+    const test_support::TempDir directory;
+    std::filesystem::create_directory(directory.Path("a card"));
+    const std::string copy = directory.Write("a card/libenyx-hw-c.so.1", hosted::ReadFile(VEXO_CARD_LIBRARY));
     const std::vector<std::string> sanitizer = {"ASAN_OPTIONS=verify_asan_link_order=0"};
     const Outcome run = RunCardtest({"--json", "--library", copy, "--only", "core-root"}, sanitizer);
     EXPECT_EQ(run.status, 0) << run.errors;

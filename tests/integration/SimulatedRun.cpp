@@ -16,17 +16,12 @@ namespace {
 constexpr char kReport[] = "REPORT ";
 
 // Follows the sequence numbers, as an application that looks for gaps does.
-class FollowingSpi : public IVexoZceMdSpi {
+class FollowingSpi : public QuoteCallbacks {
 public:
-    int OnUpSubsResult17(const unsigned char* data) override { return Take(data); }
-    int OnUpSubsResult18(const unsigned char* data) override { return Take(data); }
-    int OnUpSubsResult19(const unsigned char* data) override { return Take(data); }
-    int OnUpSubsResult20(const unsigned char* data) override { return Take(data); }
-
     Sight sight;
 
 private:
-    int Take(const unsigned char* data) {
+    int OnQuote(int, const unsigned char* data) override {
         enyx_sim::QuoteCommon quote;
         std::memcpy(&quote, data, sizeof quote);
         const std::uint64_t number = quote.sequence;

@@ -41,12 +41,21 @@ int useLibrary(const std::string& library, char** argv) {
     if (realpath(library.c_str(), path) == nullptr || access(path, R_OK) != 0)
         return fail(kUsage, "--library " + library + ": " + std::strerror(errno));
     if (libraryInUse() == path) return kAllKept;
+    // The loader splits LD_PRELOAD at blanks, but not LD_LIBRARY_PATH, where it looks for a name without a directory.
+    std::string name = path;
+    const bool blank = name.find_first_of(" \t") != std::string::npos;
+    if (blank) name.erase(0, name.rfind('/') + 1);
     const char* before = std::getenv("LD_PRELOAD");
     const std::string chain = before != nullptr ? before : "";
-    if (chain.rfind(path, 0) == 0)
+    if (chain.rfind(name, 0) == 0)
         return fail(kUsage, "--library " + library + ": the loader does not take the calls from it, but from " +
                                 libraryInUse());
-    setenv("LD_PRELOAD", (path + (chain.empty() ? "" : ":" + chain)).c_str(), 1);
+    if (blank) {
+        const char* directories = std::getenv("LD_LIBRARY_PATH");
+        const std::string own(path, std::strlen(path) - name.size() - 1);
+        setenv("LD_LIBRARY_PATH", directories != nullptr ? (own + ":" + directories).c_str() : own.c_str(), 1);
+    }
+    setenv("LD_PRELOAD", (name + (chain.empty() ? "" : ":" + chain)).c_str(), 1);
     execv("/proc/self/exe", argv);
     return fail(kUsage, std::string("cannot start anew: ") + std::strerror(errno));
 }

@@ -37,7 +37,7 @@ int run(const Options& options, const Program& program) {
     set(tap::kRegistersVariable, options.registers ? "1" : "0");
     set(tap::kRotateVariable, std::to_string(options.rotateMb));
     set(tap::kRingVariable, std::to_string(options.ringMb));
-    prepend("LD_PRELOAD", tapLibrary());
+    preload(tapLibrary());
     become(program);
 }
 

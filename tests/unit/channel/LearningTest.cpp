@@ -15,11 +15,11 @@
 #include "src/instruments/InstId.h"
 #include "tests/doubles/FakeDrv.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/support/DayFiles.h"
 #include "tests/support/FakeTime.h"
+#include "tests/support/MapPacket.h"
 #include "tests/support/TempDir.h"
-#include "tests/unit/channel/DayFiles.h"
 #include "tests/unit/channel/FailingMemory.h"
-#include "tests/unit/channel/MapPacket.h"
 
 namespace {
 

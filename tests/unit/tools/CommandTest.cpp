@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
 #include "tests/unit/tools/Program.h"
@@ -13,7 +15,7 @@ using ::testing::StartsWith;
 
 namespace {
 
-ProgramResult vexo(const std::string& words) { return runProgram(VEXO_COMMAND " " + words); }
+ProgramResult vexo(const std::string& words) { return runProgram(word(VEXO_COMMAND) + " " + words); }
 
 class Command : public ::testing::Test {
 protected:
@@ -75,7 +77,7 @@ TEST_F(Command, BecomesTheProgramWithItsArgumentsAndItsExitStatus) {
 }
 
 TEST_F(Command, SimRunPutsTheSimulatedCardBeforeEverythingElse) {
-    const ProgramResult result = runProgram("LD_LIBRARY_PATH=/opt/other " VEXO_COMMAND
+    const ProgramResult result = runProgram("LD_LIBRARY_PATH=/opt/other " + word(VEXO_COMMAND) +
                                             " sim run -- sh -c 'echo $LD_LIBRARY_PATH'");
     EXPECT_EQ(result.output, VEXO_SIM_DIRECTORY ":/opt/other\n");
 }
@@ -89,16 +91,29 @@ TEST_F(Command, SimRunHandsOnScenarioAndKindOfCard) {
 }
 
 TEST_F(Command, SimRunTakesAProgramThatWasLinkedWithAnotherCard) {
-    EXPECT_EQ(runProgram("VEXO_SIM_CARD=embedded " VEXO_TAP_APP " no-handler").status, 0);
-    const ProgramResult result = vexo("sim run -- " VEXO_SIM_APP);
+    EXPECT_EQ(runProgram("VEXO_SIM_CARD=embedded " + word(VEXO_TAP_APP) + " no-handler").status, 0);
+    const ProgramResult result = vexo("sim run -- " + word(VEXO_SIM_APP));
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.output, AllOf(HasSubstr("SIMULATED CARD"), HasSubstr("type 20 ")));
 }
 
 TEST_F(Command, TapWritesWhereItWasStartedWhereverTheProgramGoes) {
-    const ProgramResult result = runProgram(tapSettings("ignored") +
-                                            "SCRIPTED_PACKETS=4 " VEXO_COMMAND
-                                            " tap --output a.pcapng -- sh -c 'cd / && exec " VEXO_TAP_APP " receive'");
+    const ProgramResult result = runProgram(tapSettings("ignored") + "SCRIPTED_PACKETS=4 " + word(VEXO_COMMAND) +
+                                            " tap --output a.pcapng -- sh -c 'cd / && exec " + word(VEXO_TAP_APP) +
+                                            " receive'");
     EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(readPath(dir.Path("a.pcapng")).packetsOf("channel 3"), 4U);
+}
+
+TEST_F(Command, TapIsLoadedFromADirectoryWithABlank) {
+    namespace fs = std::filesystem;
+    fs::create_directories(dir.Path("a b/bin"));
+    fs::create_directories(dir.Path("a b/tools"));
+    fs::copy_file(VEXO_COMMAND, dir.Path("a b/bin/vexo"));
+    fs::copy_file(VEXO_TAP_LIBRARY, dir.Path("a b/tools/libvexo-tap.so"));
+    const ProgramResult result = runProgram(tapSettings("ignored") + "SCRIPTED_PACKETS=4 " +
+                                            word(dir.Path("a b/bin/vexo")) + " tap --output a.pcapng -- " +
+                                            word(VEXO_TAP_APP) + " receive");
+    EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_EQ(readPath(dir.Path("a.pcapng")).packetsOf("channel 3"), 4U);
 }

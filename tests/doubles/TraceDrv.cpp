@@ -1,4 +1,4 @@
-#include "tests/unit/channel/TraceDrv.h"
+#include "tests/doubles/TraceDrv.h"
 
 #include <cstdio>
 

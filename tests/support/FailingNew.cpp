@@ -1,4 +1,4 @@
-#include "tests/unit/channel/FailingNew.h"
+#include "tests/support/FailingNew.h"
 
 #include <cstddef>
 #include <new>

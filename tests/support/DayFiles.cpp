@@ -1,4 +1,4 @@
-#include "tests/unit/channel/DayFiles.h"
+#include "tests/support/DayFiles.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "tests/unit/channel/HostCalls.h"
+#include "tests/support/HostCalls.h"
 
 #include <dlfcn.h>
 #include <pwd.h>

@@ -1,4 +1,4 @@
-#include "tests/unit/channel/Child.h"
+#include "tests/support/Child.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
