@@ -31,7 +31,7 @@ void appendOption(BlockBuffer& out, std::uint16_t code, const std::string& text)
     if (!text.empty()) appendOption(out, code, text.data(), std::min(text.size(), kMaxText));
 }
 
-// Moments are two words, the high one first; counts are one number.
+// A time is two words, high word first. A count is one number.
 void appendTimeOption(BlockBuffer& out, std::uint16_t code, std::uint64_t ns) {
     const std::uint32_t words[] = {format::high(ns), format::low(ns)};
     appendOption(out, code, words, sizeof words);
@@ -65,11 +65,11 @@ void appendInterface(BlockBuffer& out, const InterfaceInfo& info) {
     close(out, start);
 }
 
-void appendPacket(BlockBuffer& out, std::uint32_t interface, std::uint64_t timeNs, const void* data,
-                  std::uint32_t size) {
+void appendPacket(BlockBuffer& out, std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
+                  std::uint32_t trueSize) {
     const std::uint32_t length = packetBlockBytes(size);
     append(out, format::PacketHead{format::kEnhancedPacket, length, interface, format::high(timeNs),
-                                   format::low(timeNs), size, size});
+                                   format::low(timeNs), size, std::max(size, trueSize)});
     appendPadded(out, data, size);
     append(out, length);
 }

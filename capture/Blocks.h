@@ -10,21 +10,21 @@ namespace capture {
 inline constexpr std::uint16_t kStreamLink = 147;    // LINKTYPE_USER0: packets of a card-to-host stream
 inline constexpr std::uint16_t kRegisterLink = 148;  // LINKTYPE_USER1: RegisterAccess records
 
-/// What the head of a file tells about where it was written.
+/// Where a file was written, as its head says.
 struct SectionInfo {
     std::string hardware;
     std::string os;
     std::string application;
 };
 
-/// What the packets of a file come from: a stream of the card, or the registers.
+/// The source of packets: a stream of the card, or the registers.
 struct InterfaceInfo {
     std::uint16_t linkType = kStreamLink;
     std::string name;  // "channel 0", or "card 1 channel 0" on any bus but 0; "registers"
     std::string description;
 };
 
-/// What became of an interface's packets between two moments, nanoseconds since 1970.
+/// Packets of an interface between two times, nanoseconds since 1970.
 struct InterfaceCounts {
     std::uint64_t startNs = 0;
     std::uint64_t endNs = 0;
@@ -38,9 +38,10 @@ using BlockBuffer = std::vector<unsigned char>;
 void appendSection(BlockBuffer& out, const SectionInfo& info);
 /// The n-th interface of a section, from 0, has the number n. Its packets' times are in nanoseconds.
 void appendInterface(BlockBuffer& out, const InterfaceInfo& info);
-/// @param timeNs  nanoseconds since 1970
-void appendPacket(BlockBuffer& out, std::uint32_t interface, std::uint64_t timeNs, const void* data,
-                  std::uint32_t size);
+/// @param timeNs    nanoseconds since 1970
+/// @param trueSize  what the packet's size was before it was cut; a smaller number than @p size: it was not cut
+void appendPacket(BlockBuffer& out, std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
+                  std::uint32_t trueSize = 0);
 void appendStatistics(BlockBuffer& out, std::uint32_t interface, const InterfaceCounts& counts);
 
 /// Bytes that a packet of @p size bytes takes in a file.

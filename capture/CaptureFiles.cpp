@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kFlushBytes = 256 * 1024;
 constexpr unsigned kMaxNames = 1'000'000;
-constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 belong to the program, also when it has closed them
+constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 stay the program's, even when it closed them
 
 int aboveStandardDescriptors(int fd) {
     if (fd < 0 || fd >= kFirstFreeDescriptor) return fd;
@@ -35,7 +35,8 @@ std::uint32_t CaptureFiles::addInterface(const InterfaceInfo& info, std::uint64_
     return static_cast<std::uint32_t>(m_interfaces.size() - 1);
 }
 
-void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size) {
+void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
+                             std::uint32_t trueSize) {
     if (isOpen() && wouldGrowTooBig(size)) {
         close(timeNs);
         openNext();
@@ -43,15 +44,16 @@ void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, cons
     Known& known = m_interfaces[interface];
     if (!isOpen()) {
         ++known.lost;
+        ++m_lostUnreported;
         return;
     }
-    appendPacket(m_buffer, interface, timeNs, data, size);
+    appendPacket(m_buffer, interface, timeNs, data, size, trueSize);
     ++known.buffered;
     ++m_filePackets;
     if (m_buffer.size() >= kFlushBytes) flush();
 }
 
-// A file that has no packet yet takes one of any size: otherwise none would ever be written.
+// A file without a packet takes one of any size; otherwise a large packet could never be written.
 bool CaptureFiles::wouldGrowTooBig(std::uint32_t size) const {
     if (m_settings.rotateBytes == 0) return false;
     const std::uint64_t tail = std::uint64_t{statisticsBlockBytes()} * m_interfaces.size();
@@ -91,7 +93,7 @@ void CaptureFiles::openNext() {
     startBuffer();
 }
 
-// An empty buffer but for what packets need and the file does not have yet: its head, and interfaces.
+// Starts the buffer with what the file still lacks before its next packet: its head and interfaces.
 void CaptureFiles::startBuffer() {
     m_buffer.clear();
     if (m_fileBytes == 0) appendSection(m_buffer, m_settings.section);
@@ -111,25 +113,43 @@ void CaptureFiles::flush() {
         return;
     }
     if (m_buffer.empty()) return;
-    const bool written = writeAll(m_buffer.data(), m_buffer.size());
-    if (written) {
+    if (writeAll(m_buffer.data(), m_buffer.size())) {
         m_fileBytes += m_buffer.size();
         m_described = m_interfaces.size();
+        countWritten();
+        reportLost();
     } else {
         reportOnce(m_writeFailureReported,
                    "cannot write " + m_name + ": " + std::strerror(errno) + "; packets are lost, and counted");
         cutUnwritten();
+        loseBuffered();
     }
-    countBuffered(written);
     startBuffer();
 }
 
-void CaptureFiles::countBuffered(bool written) {
+void CaptureFiles::countWritten() {
     for (Known& known : m_interfaces) {
-        (written ? known.received : known.lost) += known.buffered;
-        if (written) m_written += known.buffered;
+        known.received += known.buffered;
+        m_written += known.buffered;
         known.buffered = 0;
     }
+}
+
+void CaptureFiles::loseBuffered() {
+    for (Known& known : m_interfaces) {
+        known.lost += known.buffered;
+        m_lostUnreported += known.buffered;
+        known.buffered = 0;
+    }
+}
+
+// Ends a run of failures: the next one is reported anew.
+void CaptureFiles::reportLost() {
+    if (m_lostUnreported > 0)
+        m_settings.report(std::to_string(m_lostUnreported) + " packets were lost while " + m_name +
+                          " could not be written");
+    m_lostUnreported = 0;
+    m_openFailureReported = m_writeFailureReported = false;
 }
 
 bool CaptureFiles::writeAll(const unsigned char* data, std::size_t size) {
@@ -143,7 +163,7 @@ bool CaptureFiles::writeAll(const unsigned char* data, std::size_t size) {
     return true;
 }
 
-// Half a block must not stay in the file, or nothing behind it could be read.
+// Cuts off half a block: a reader could not read on behind it.
 void CaptureFiles::cutUnwritten() {
     const auto end = static_cast<off_t>(m_fileBytes);
     if (::ftruncate(m_fd, end) == 0 && ::lseek(m_fd, end, SEEK_SET) == end) return;
@@ -157,10 +177,11 @@ void CaptureFiles::close(std::uint64_t nowNs) {
         appendCounts(nowNs);
         flush();
     }
-    if (isOpen() && ::close(m_fd) != 0) {  // a network file system may tell only now
+    if (isOpen() && ::close(m_fd) != 0) {  // a network file system may report a failed write here
         reportOnce(m_writeFailureReported, "cannot write " + m_name + ": " + std::strerror(errno));
     }
     m_fd = -1;
+    reportLost();
     m_lostBefore = lost();
     for (Known& known : m_interfaces) {
         known.startNs = nowNs;

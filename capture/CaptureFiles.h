@@ -9,11 +9,12 @@
 
 namespace capture {
 
-/// Writes packets into capture files, one after another when a size is set: FILE.pcapng, FILE.1.pcapng, ... A file
-/// that exists is never touched: the next free name is taken. Nothing is ever thrown away in silence: a packet that
-/// could not be written is counted in the statistics of its interface, and the first failure of a kind is reported.
+/// Writes packets into capture files. With a size limit there are several: FILE.pcapng, FILE.1.pcapng, ... An existing
+/// file is never touched: the next free name is used. No packet is lost in silence: one that could not be written is
+/// counted in the statistics of its interface. The start of a run of failures is reported, and at its end how many
+/// packets were lost.
 ///
-/// Each file stands for itself: it begins with all interfaces, and ends with the counts of the time that it covers.
+/// Each file can be read alone: it begins with all interfaces and ends with the counts of its own time.
 /// For one thread at a time.
 class CaptureFiles {
 public:
@@ -21,7 +22,7 @@ public:
         std::string path;               // of the first file
         std::uint64_t rotateBytes = 0;  // no file grows beyond it; 0 = one file of any size
         SectionInfo section;
-        std::function<void(const std::string&)> report;  // told what a user should know, a line without its line feed
+        std::function<void(const std::string&)> report;  // gets each message for the user, without a line feed
     };
 
     explicit CaptureFiles(Settings settings) : m_settings(std::move(settings)) {}
@@ -29,18 +30,20 @@ public:
     CaptureFiles(const CaptureFiles&) = delete;
     CaptureFiles& operator=(const CaptureFiles&) = delete;
 
-    /// @param startNs  from when on its packets are counted, nanoseconds since 1970
-    /// @return the number that packets of this interface are added with
+    /// @param startNs  when counting starts, nanoseconds since 1970
+    /// @return the interface's number, for addPacket()
     std::uint32_t addInterface(const InterfaceInfo& info, std::uint64_t startNs);
-    void addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size);
-    /// Packets that were received but never came here.
+    /// @param trueSize  as for appendPacket()
+    void addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
+                   std::uint32_t trueSize = 0);
+    /// Counts packets that were lost before they reached this object.
     void addLost(std::uint32_t interface, std::uint64_t packets) { m_interfaces[interface].lost += packets; }
-    /// Puts everything into the file, so that whoever reads it finds whole blocks.
+    /// Writes all buffered packets: a reader then finds whole blocks.
     void flush();
-    /// Ends the file with its counts. Nothing may be added afterwards.
+    /// Ends the file with its counts. Add nothing afterwards.
     void close(std::uint64_t nowNs);
 
-    /// Of all files: packets that are in them, and packets that were lost on the way.
+    /// Totals of all files: packets written, and packets lost.
     std::uint64_t written() const { return m_written; }
     std::uint64_t lost() const;
     unsigned files() const { return m_files; }
@@ -61,10 +64,12 @@ private:
     bool wouldGrowTooBig(std::uint32_t size) const;
     void startBuffer();
     void appendCounts(std::uint64_t nowNs);
-    void countBuffered(bool written);
+    void countWritten();
     bool writeAll(const unsigned char* data, std::size_t size);
     void cutUnwritten();
     void reportOnce(bool& reported, const std::string& what);
+    void loseBuffered();
+    void reportLost();
 
     Settings m_settings;
     std::vector<Known> m_interfaces;
@@ -77,7 +82,8 @@ private:
     unsigned m_nextNumber = 0;    // of the next name to try
     unsigned m_files = 0;
     std::uint64_t m_written = 0;
-    std::uint64_t m_lostBefore = 0;  // in the time of files that are closed
+    std::uint64_t m_lostBefore = 0;      // in the time of files that are closed
+    std::uint64_t m_lostUnreported = 0;  // in the present run of failures
     bool m_openFailureReported = false;
     bool m_writeFailureReported = false;
 };

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-/// The parts of the pcapng format that capture files use: a file is a row of blocks, each with its type, its length in
-/// bytes at both ends, and a multiple of four bytes long. Numbers are in the byte order of the machine that wrote them.
+/// The parts of the pcapng format that capture files use. A file is a row of blocks. A block has its type first and its
+/// length in bytes at both ends; the length is a multiple of four. Numbers have the byte order of the writing machine.
 namespace capture::format {
 
 enum BlockType : std::uint32_t {
@@ -15,7 +15,7 @@ enum BlockType : std::uint32_t {
 
 inline constexpr std::uint32_t kByteOrderMagic = 0x1A2B3C4D;
 inline constexpr std::uint32_t kSwappedMagic = 0x4D3C2B1A;
-inline constexpr std::uint32_t kMaxBlockBytes = 16U << 20;  // more is taken for damage, not for a block
+inline constexpr std::uint32_t kMaxBlockBytes = 16U << 20;  // a greater length counts as damage
 inline constexpr std::uint32_t kFrameBytes = 12;            // type and both lengths: the smallest block
 
 enum OptionCode : std::uint16_t {
@@ -33,7 +33,7 @@ enum OptionCode : std::uint16_t {
 };
 
 inline constexpr std::uint8_t kNanoseconds = 9;   // negative power of ten
-inline constexpr std::uint8_t kMicroseconds = 6;  // what an interface has that says nothing
+inline constexpr std::uint8_t kMicroseconds = 6;  // the default of an interface
 inline constexpr std::uint8_t kPowerOfTwo = 0x80;
 
 struct SectionHead {

@@ -1,5 +1,6 @@
 #include "capture/Reader.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <utility>
@@ -73,7 +74,7 @@ bool Reader::cutOff(std::uint64_t wanted, std::uint64_t found) {
                 " bytes");
 }
 
-// Nothing more is the proper end, unless there was nothing at all.
+// The end of the file is no damage, unless the file is empty.
 void Reader::expectEndOfFile() {
     if (m_in.bad()) {
         fail("the file cannot be read");
@@ -149,7 +150,7 @@ bool Reader::takeSection() {
     return true;
 }
 
-// @return false when there is none any more, or it is damaged.
+// @return false after the last option, and when an option is damaged.
 bool Reader::nextOption(std::size_t& position, Option& option) {
     const std::size_t end = m_block.size() - sizeof(std::uint32_t);
     if (position + sizeof(format::OptionHead) > end) return false;
@@ -204,8 +205,12 @@ bool Reader::takePacket(Packet& packet) {
         return fail("a packet of " + std::to_string(block.capturedLength) + " bytes in a block with room for " +
                     std::to_string(room));
     }
-    packet = {interface, nanoseconds(joined(block.timeHigh, block.timeLow), interface->unitsPerSecond),
-              m_block.data() + sizeof block, block.capturedLength, m_offset};
+    packet = {interface,
+              nanoseconds(joined(block.timeHigh, block.timeLow), interface->unitsPerSecond),
+              m_block.data() + sizeof block,
+              block.capturedLength,
+              std::max(block.capturedLength, block.originalLength),
+              m_offset};
     return true;
 }
 

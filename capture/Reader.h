@@ -15,7 +15,7 @@ namespace capture {
 struct Interface {
     InterfaceInfo info;
     std::uint64_t unitsPerSecond = 1'000'000;
-    std::optional<InterfaceCounts> counts;  // once the reader has come past the statistics block, if there is one
+    std::optional<InterfaceCounts> counts;  // set when the reader has passed the statistics block
 };
 
 struct Packet {
@@ -23,13 +23,14 @@ struct Packet {
     std::uint64_t timeNs = 0;              // since 1970
     const unsigned char* data = nullptr;   // valid until the next packet is read
     std::uint32_t size = 0;
-    std::uint64_t offset = 0;  // of the packet's block in the file
+    std::uint32_t trueSize = 0;  // greater than size when the packet was cut
+    std::uint64_t offset = 0;    // of the packet's block in the file
 };
 
 /// Where a packet stands in its file: its block, and the interfaces of its section that precede it.
 struct Place {
     std::uint64_t offset = 0;
-    std::size_t firstInterface = 0;  // both count those of all sections, in the order of the file
+    std::size_t firstInterface = 0;  // both count over all sections, in file order
     std::size_t endInterface = 0;
 };
 
@@ -45,8 +46,8 @@ struct Damage {
     std::string text;          // "at byte 1234: ..."
 };
 
-/// Reads a capture file packet by packet: pcapng in this machine's byte order. Blocks of kinds that it does not know
-/// are passed over. Whatever the bytes are, all packets before the damaged block are returned; nothing after it is.
+/// Reads a capture file packet by packet: pcapng in this machine's byte order. It skips blocks of
+/// unknown kinds. It returns all packets before a damaged block and none behind it, whatever the bytes are.
 class Reader {
 public:
     /// @param in  opened in binary mode, at the start of the file; must live as long as the reader
@@ -58,7 +59,7 @@ public:
     /// @return false at the end of the file or where it is damaged: see damage().
     bool next(Packet& packet);
     enum class Step { kPacket, kOther, kEnd };
-    /// The same one block at a time, for callers that cannot wait until a packet comes.
+    /// Reads one block, for callers that must not read a long run of other blocks at once.
     Step step(Packet& packet);
 
     /// Of the packet that was read last.

@@ -9,7 +9,7 @@ namespace capture {
 enum class AccessKind : std::uint8_t {
     kRead = 0,
     kWrite = 1,
-    kCoreReset = 2,  // of a whole core: no address, no value
+    kCoreReset = 2,  // resets the whole core: no address, no value
 };
 
 inline constexpr std::uint32_t kAccessMagic = 0x41525856;  // "VXRA", read as text

@@ -15,7 +15,7 @@ std::optional<StreamPlace> placeOf(const std::string& name) {
         std::sscanf(name.c_str(), "card %5u channel %5u", &place.card, &place.channel) != 2) {
         return std::nullopt;
     }
-    if (nameOf(place) != name) return std::nullopt;  // something stands behind it, or a number is written otherwise
+    if (nameOf(place) != name) return std::nullopt;  // text follows the number, or the number has leading zeros
     return place;
 }
 

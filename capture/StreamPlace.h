@@ -6,7 +6,7 @@
 
 namespace capture {
 
-/// Which stream of which card an interface of a file stands for.
+/// The stream of a card that an interface of a file describes.
 struct StreamPlace {
     std::uint32_t card = 0;  // bus number
     std::uint32_t channel = 0;
@@ -14,7 +14,7 @@ struct StreamPlace {
 
 /// "channel 3"; "card 1 channel 3" on any bus but 0.
 std::string nameOf(const StreamPlace& place);
-/// @return nothing when the name is none that nameOf() makes.
+/// @return nothing for a name that nameOf() does not make.
 std::optional<StreamPlace> placeOf(const std::string& name);
 
 }  // namespace capture

@@ -12,9 +12,9 @@
 namespace vexo_sim {
 namespace {
 
-constexpr std::uint64_t kLongestRestNs = 1'000'000;  // a process's register access must not wait longer for its effect
+constexpr std::uint64_t kLongestRestNs = 1'000'000;  // the longest wait for the effect of a register access
 constexpr std::uint64_t kShortestRestNs = 20'000;
-constexpr std::uint64_t kStandBackNs = 60'000;  // so long a process needs to wake up and take the lock
+constexpr std::uint64_t kStandBackNs = 60'000;  // time for a waiting process to wake up and take the lock
 constexpr std::uint64_t kOrphanCheckNs = 50'000'000;
 
 std::string systemError(const std::string& what) { return what + ": " + std::strerror(errno); }
@@ -24,7 +24,7 @@ void copyText(char (&to)[size], const std::string& text) {
     std::snprintf(to, size, "%s", text.c_str());
 }
 
-// Why a card could not be given its name.
+// Who has the card's name already. Empty when nobody has it any more.
 std::string whoHasIt(const std::string& path, std::uint32_t bus) {
     const CardFile other = CardFile::open(path);
     if (!other) return path + " is in the way and no card of this vexo-simcard: remove it, or choose another bus.";
@@ -48,7 +48,7 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
     }
     const std::string directory = cardDirectory();
     const std::string path = cardPath(directory, geteuid(), plan.scenario.bus);
-    for (int attempt = 0; attempt < 100; ++attempt) {  // others may be starting, or clearing up, at the same time
+    for (int attempt = 0; attempt < 100; ++attempt) {  // other hosts may start or clean up at the same time
         removeStaleFiles(directory);
         const mode_t mode = plan.group ? 0660 : 0600;
         CardFile file = CardFile::create(directory, plan.scenario.bus, mode, plan.group.value_or(getegid()));
@@ -83,15 +83,7 @@ void CardHost::describe(const Plan& plan) {
     info.bus = plan.scenario.bus;
     copyText(info.scenario, plan.scenario.name);
     copyText(info.description, plan.scenario.description);
-    for (const scenario::CallFailure& failure : plan.scenario.callFailures) {
-        SharedFailure& shared = info.failures[info.failureCount++];
-        copyText(shared.call, failure.call);
-        shared.nth = failure.nth;
-        shared.times = failure.times;
-        shared.error = failure.error;
-        shared.hasResult = failure.result ? 1 : 0;
-        shared.result = failure.result.value_or(0);
-    }
+    for (const CallFailure& failure : plan.scenario.callFailures) info.failures[info.failureCount++] = failure;
 }
 
 bool CardHost::powerOn(const Plan& plan, std::string& error) {
@@ -107,12 +99,12 @@ bool CardHost::powerOn(const Plan& plan, std::string& error) {
         if (m_replay == nullptr) return false;
     }
     if (plan.record.empty()) return true;
-    m_recorder = std::make_unique<Recorder>(plan.record, m_block->state);
+    m_recorder = std::make_unique<CardRecorder>(plan.record, m_block->state);
     if (!m_recorder->isRecording()) error = "nothing would be recorded";
     return m_recorder->isRecording();
 }
 
-// A reader that died leaves its stream open: the card would go on filling it, and at the readers' pace wait for it.
+// Closes the streams of dead readers. The card would fill them further and, at pace max, wait for them.
 void CardHost::closeOrphans(std::uint64_t nowNs) {
     if (nowNs < m_nextOrphanCheckNs) return;
     m_nextOrphanCheckNs = nowNs + kOrphanCheckNs;

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "sim/host/Recorder.h"
+#include "sim/host/CardRecorder.h"
 #include "sim/replay/CardReplay.h"
 #include "sim/scenario/Scenario.h"
 #include "sim/shm/CardFile.h"
@@ -21,17 +21,18 @@ class CardHost {
 public:
     struct Plan {
         scenario::Scenario scenario;
-        std::optional<gid_t> group;  // whom the card is shared with, besides the host's own user
+        std::optional<gid_t> group;  // may use the card, besides the host's own user
         std::string record;          // capture file of all that the card sends; empty for none
     };
 
-    /// Switches a card on and offers it. Null, with the reason in @p error, when the bus has a host already or the
-    /// memory cannot be had. Removes what dead hosts of this user left behind.
+    /// Switches a card on and offers it. Removes files of this user's dead hosts first.
+    /// @return null, with the reason in @p error, when the bus has a host already or there is no memory
     static std::unique_ptr<CardHost> start(const Plan& plan, std::string& error);
-    /// Withdraws the card: its readers see idle streams from then on.
+    /// Removes the card. Its readers then see idle streams.
     ~CardHost();
 
-    /// Does what is due. @return nanoseconds that the caller may rest before the next turn.
+    /// Does what is due.
+    /// @return nanoseconds that the caller may rest before the next turn
     std::uint64_t turn();
 
     CardBlock& block() { return *m_block; }
@@ -50,7 +51,7 @@ private:
     HostClock m_clock;
     std::uint64_t m_nextOrphanCheckNs = 0;
     std::uint64_t m_knocks = 0;
-    std::unique_ptr<Recorder> m_recorder;
+    std::unique_ptr<CardRecorder> m_recorder;
     std::unique_ptr<CardReplay> m_replay;
 };
 

@@ -6,6 +6,7 @@
 
 #include "sim/card/Registers.h"
 #include "sim/scenario/Pace.h"
+#include "sim/shm/AttachedCard.h"
 
 namespace vexo_sim {
 namespace {
@@ -51,7 +52,7 @@ void append(std::string& text, const char* format, Values... values) {
     text += line;
 }
 
-// What is in the card's memory. Nothing slow may be done here: every user of the card waits.
+// Reads the card's memory. Do nothing slow here: every user of the card waits.
 void readState(CardBlock& block, CardStatus& status) {
     const BlockLock lock(block);
     const CardState& s = block.state;
@@ -73,7 +74,7 @@ CardStatus readStatus(CardBlock& block, const CardFile& file) {
     CardStatus status;
     readState(block, status);
     status.bus = block.host.bus;
-    status.host = describeProcess(file.holderOf({CardPart::kHost}).value_or(block.host.pid));
+    status.host = describeHost(file, block);
     status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - block.host.startedAt;
     status.scenario = block.host.scenario;
     status.description = block.host.description;

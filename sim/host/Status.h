@@ -39,7 +39,7 @@ struct CardStatus {
     std::vector<ChannelStatus> channels;
 };
 
-/// Reads a card. @p file tells who holds what; of a process's own holdings it tells nothing.
+/// Reads a card. The holders come from the locks on @p file, which do not show those of the calling process.
 CardStatus readStatus(CardBlock& block, const CardFile& file);
 
 /// One JSON object, indented.

@@ -1,4 +1,4 @@
-// Keeps a simulated card in shared memory, so that several processes use it as they would use the one card of a host.
+// Hosts a simulated card in shared memory for several processes, as a machine's one card would serve them.
 
 #include <grp.h>
 #include <signal.h>
@@ -13,7 +13,7 @@
 #include "sim/host/CardHost.h"
 #include "sim/host/Status.h"
 #include "sim/scenario/Pace.h"
-#include "sim/shm/HostedCard.h"
+#include "sim/shm/AttachedCard.h"
 
 using namespace vexo_sim;
 
@@ -46,14 +46,14 @@ void catchStopSignals() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
 }
 
-// What another process hosts, shown once.
+// Shows the card that another process hosts.
 int showStatus(const Arguments& arguments) {
     const std::uint32_t bus = arguments.bus.value_or(0);
-    const std::unique_ptr<HostedCard> card = HostedCard::attach(bus);
-    if (card == nullptr)
+    const std::optional<AttachedCard> card = attachCard(bus);
+    if (!card)
         return fail("no card is hosted at bus " + std::to_string(bus) + ". Start one: vexo-simcard --bus " +
                     std::to_string(bus));
-    const CardStatus status = readStatus(card->block(), card->file());
+    const CardStatus status = readStatus(*card->block, card->file);
     std::fputs((arguments.json ? toJson(status) : toText(status)).c_str(), stdout);
     return 0;
 }
@@ -64,7 +64,7 @@ void rest(std::uint64_t ns) {
     nanosleep(&duration, nullptr);
 }
 
-// The status on a terminal, always in the same place.
+// Shows the status on a terminal, always in the same place.
 void redraw(CardHost& host) {
     static bool first = true;
     std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J",

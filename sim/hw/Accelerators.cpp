@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "sim/hw/Cards.h"
@@ -29,8 +30,8 @@ ssize_t enumerateCards(const enyx_hw_filter* filter, enyx_hw_accelerator_descrip
 }
 
 std::string hostOf(const HwCard& card) {
-    if (card.hosted == nullptr) return {};
-    return ", hosted by " + toText(card.hosted->host());
+    const std::optional<Holder> host = card.backend->host();
+    return host ? ", hosted by " + toText(*host) : std::string();
 }
 
 void announceOnce(HwCard& card) {

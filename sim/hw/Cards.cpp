@@ -12,31 +12,22 @@
 #include <utility>
 
 #include "sim/hw/Hooks.h"
+#include "sim/hw/HostedCard.h"
+#include "sim/hw/OwnCard.h"
 
 namespace vexo_sim {
 namespace {
 
-bool hasMemory(HwCard& card) {
-    if (card.block != nullptr) return true;
-    card.memory.reset(new (std::nothrow) ZeroedMemory<CardBlock>);
-    card.block = card.memory != nullptr ? card.memory->get() : nullptr;
-    if (card.block != nullptr) card.block->init();
-    return card.block != nullptr;
-}
-
-// The card of its own that the process was given.
+// The scenario of a card of the process's own; null for none.
 const char* scenarioPath() {
     const char* path = ::secure_getenv("VEXO_SIM_SCENARIO");
     return path != nullptr && *path != '\0' ? path : nullptr;
 }
 
 void addFailures(const HwCard& card) {
-    const HostInfo& info = card.block->host;
-    for (std::uint32_t n = 0; n < std::min(info.failureCount, kMaxSharedFailures); ++n) {
-        const SharedFailure& f = info.failures[n];
-        const std::string call(f.call, strnlen(f.call, sizeof f.call));
-        hooks::addScript({call.c_str(), f.nth, f.times, f.error, f.hasResult, f.result}, &card);
-    }
+    const HostInfo& info = card.block().host;
+    for (std::uint32_t n = 0; n < std::min(info.failureCount, kMaxSharedFailures); ++n)
+        hooks::addScript(info.failures[n], &card);
 }
 
 std::unique_ptr<HwCard> makeHosted(std::uint32_t index) {
@@ -44,17 +35,14 @@ std::unique_ptr<HwCard> makeHosted(std::uint32_t index) {
     if (hosted == nullptr) return nullptr;
     auto card = std::make_unique<HwCard>();
     card->index = index;
-    card->block = &hosted->block();
-    addFailures(*card);
-    card->hosted = std::move(hosted);
+    card->backend = std::move(hosted);
     card->accelerator.card = card.get();
     card->accelerator.alive = true;
+    addFailures(*card);
     return card;
 }
 
-bool isUsable(const HwCard* card) {
-    return card != nullptr && card->hosted->isHostAlive() && card->hosted->isCurrent();
-}
+bool isUsable(const HwCard* card) { return card != nullptr && card->backend->isCurrent(); }
 
 }  // namespace
 
@@ -141,7 +129,7 @@ int Cards::powerCycle(const scenario::Scenario& scenario) {
     return powerOn(scenario);
 }
 
-// A process that switches its card on before anything else does not look for hosts, unless it was told to insist.
+// A process whose first call is a power cycle gets a card of its own, unless VEXO_SIM_CARD insists on a hosted one.
 int Cards::claimOwn() {
     std::call_once(m_firstUse, [this] {
         const char* wish = ::secure_getenv("VEXO_SIM_CARD");
@@ -157,6 +145,12 @@ int Cards::claimOwn() {
     return 0;
 }
 
+// Null when there is no memory for it.
+OwnCard* Cards::own(HwCard& card) {
+    if (card.backend == nullptr) card.backend = OwnCard::make();
+    return static_cast<OwnCard*>(card.backend.get());
+}
+
 template <typename SwitchOn>
 int Cards::powerOn(std::uint32_t buses, SwitchOn switchOn) {
     for (std::uint32_t index = 0; index < kMaxCards; ++index) {
@@ -169,41 +163,34 @@ int Cards::powerOn(std::uint32_t buses, SwitchOn switchOn) {
             pool<enyx_hw_mmio>().killIf([&card](const enyx_hw_mmio& mmio) { return mmio.card == &card; });
             continue;
         }
-        if (!hasMemory(card)) {
+        OwnCard* memory = own(card);
+        if (memory == nullptr) {
             errno = ENOMEM;
             return -1;
         }
-        const BlockLock lock(*card.block);
-        card.replay.reset();
-        Card state = card.card();
-        card.clock.forget();
-        switchOn(state, card.clock.now(), index);
+        memory->powerOn([&](Card& state, const CardTime& now) { switchOn(state, now, index); });
         m_cards[index] = &card;
     }
     return 0;
 }
 
 int Cards::powerOn(const scenario::Scenario& scenario) {
-    for (const scenario::CallFailure& failure : scenario.callFailures)
-        hooks::addScript({failure.call.c_str(), failure.nth, failure.times, failure.error, failure.result ? 1 : 0,
-                          failure.result.value_or(0)});
+    for (const CallFailure& failure : scenario.callFailures) hooks::addScript(failure);
     const int result = powerOn(1U << scenario.bus, [&](Card& card, const CardTime& now, std::uint32_t) {
         scenario::powerOn(card, scenario, now);
     });
     return result == 0 && !scenario.replayFile.empty() ? startReplay(scenario) : result;
 }
 
-// A card that has nothing to deliver is no card: its user wants that capture.
+// Nothing to replay: remove the card. Generated quotes would pass for those of the capture.
 int Cards::startReplay(const scenario::Scenario& scenario) {
-    HwCard& own = m_own[scenario.bus];
-    const BlockLock lock(*own.block);
-    Card card = own.card();
+    HwCard& card = m_own[scenario.bus];
     std::string problem;
-    own.replay = CardReplay::start(scenario, card, problem);
+    const bool replays = own(card)->replay(scenario, problem);
     if (!problem.empty()) std::fprintf(stderr, "libenyx-hw-c: %s\n", problem.c_str());
-    if (own.replay != nullptr) return 0;
+    if (replays) return 0;
     m_cards[scenario.bus] = nullptr;
-    own.accelerator.alive = false;
+    card.accelerator.alive = false;
     errno = EINVAL;
     return -1;
 }

@@ -5,8 +5,8 @@
 #include "sim/card/Registers.h"
 #include "sim/card/Tables.h"
 #include "sim/hw/Cards.h"
+#include "sim/hw/Exported.h"
 #include "sim/hw/Hooks.h"
-#include "sim/hw/Interface.h"
 
 namespace vexo_sim {
 namespace {
@@ -322,11 +322,16 @@ int enyx_sim_packet_fault_strikes(uint32_t card, uint32_t rule, uint64_t* strike
 }
 
 int enyx_sim_fail(const enyx_sim_failure* failure) {
-    return failure != nullptr ? hooks::addScript(*failure) : fail(EINVAL);
+    if (failure == nullptr || failure->call == nullptr) return fail(EINVAL);
+    const std::optional<Call> call = hw_calls::find(failure->call);
+    if (!call) return fail(EINVAL);
+    const std::uint32_t hasResult = failure->has_result != 0 ? 1 : 0;
+    return hooks::addScript({*call, failure->nth, failure->times, failure->error, hasResult, failure->result});
 }
 
 int enyx_sim_fail_call(const char* call, uint32_t nth, int error, int for_good) {
-    return hooks::addScript({call, nth, for_good != 0 ? 0U : 1U, error, 0, 0});
+    const enyx_sim_failure failure{call, nth, for_good != 0 ? 0U : 1U, error, 0, 0};
+    return enyx_sim_fail(&failure);
 }
 
 void enyx_sim_clear_failures() { hooks::clearScripts(); }

@@ -1,5 +1,7 @@
-#include "sim/hw/Cards.h"
+#include "interface/CardRegisters.h"
+#include "sim/card/Registers.h"
 #include "sim/hw/Hooks.h"
+#include "sim/hw/HwCard.h"
 
 namespace vexo_sim {
 namespace {
@@ -14,15 +16,15 @@ enyx_hw_core_tree* readTree(enyx_hw_mmio* mmio) { return usable(mmio) ? &mmio->t
 
 enyx_hw_core* rootOf(enyx_hw_core_tree* tree) { return usable(tree) ? &tree->mmio->root : nullptr; }
 
-// Whether a core may be accessed: not once the card's host has died, as if the card had fallen off the bus.
+// Whether a core answers. It does not once the card's host has died, as if the card had fallen off the bus.
 bool answers(enyx_hw_core* core) {
     if (!usable(core)) return false;
-    if (core->mmio->card->responds()) return true;
+    if (core->mmio->card->backend->responds()) return true;
     errno = EIO;
     return false;
 }
 
-// The card's logic is one piece: a reset of either core resets it all.
+// The card's logic is one piece: a reset of either core resets all of it.
 int resetCore(enyx_hw_core* core) {
     if (!answers(core)) return -1;
     CardAccess(*core->mmio->card)->reset();
@@ -41,7 +43,7 @@ ssize_t findCores(enyx_hw_core* root, std::uint16_t hardwareId, enyx_hw_core** c
 }
 
 CoreLock& lockOf(enyx_hw_core* core) {
-    CardBlock& block = *core->mmio->card->block;
+    CardBlock& block = core->mmio->card->block();
     return core->hardwareId == kRootCoreId ? block.rootLock : block.registerLock;
 }
 
@@ -49,7 +51,7 @@ int lockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).loc
 
 int unlockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).unlock()) : -1; }
 
-// Whether a field lies in the exchange-time registers, whose readers want this very moment.
+// The exchange-time registers show this very moment; other reads may use the clock of a second.
 bool showsTime(const enyx_hw_register_description& field) {
     return field.address / 4 >= card_reg::kExchangeTimeA && field.address / 4 <= card_reg::kExchangeTimeB;
 }
@@ -68,18 +70,19 @@ int readField(enyx_hw_core* core, const enyx_hw_register_description* field, std
     if (!isAccess(core, field)) return -1;
     if (value == nullptr) return report(EINVAL);
     HwCard& card = *core->mmio->card;
-    if (showsTime(*field)) {
-        const BlockLock lock(*card.block);
-        card.clock.forget();
-    }
+    if (showsTime(*field)) card.backend->forgetTime();
     CardAccess access(card);
-    return access->read(field->address, field->bit_offset, field->bit_width, *value) ? 0 : report(EINVAL);
+    const bool isField = registers::readField(access->state(), field->address, field->bit_offset, field->bit_width,
+                                              *value);
+    return isField ? 0 : report(EINVAL);
 }
 
 int writeField(enyx_hw_core* core, const enyx_hw_register_description* field, std::uint64_t value) {
     if (!isAccess(core, field)) return -1;
     CardAccess access(*core->mmio->card);
-    return access->write(field->address, field->bit_offset, field->bit_width, value) ? 0 : report(EINVAL);
+    const bool isField = registers::writeField(access->state(), field->address, field->bit_offset, field->bit_width,
+                                               value);
+    return isField ? 0 : report(EINVAL);
 }
 
 }  // namespace

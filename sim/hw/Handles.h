@@ -9,7 +9,7 @@
 #include <new>
 
 #include "sim/card/StreamRing.h"
-#include "sim/hw/Interface.h"
+#include "sim/hw/Exported.h"
 
 namespace vexo_sim {
 
@@ -17,8 +17,7 @@ struct HwCard;
 
 inline constexpr std::size_t kNameSize = 64;
 
-/// What every handle begins with. Handles live in pools that never give memory back, so that a handle which was
-/// destroyed can still be recognised as such.
+/// Start of every handle. Pools never free the memory of handles, so that a destroyed handle can still be recognised.
 struct Handle {
     std::atomic<bool> alive{false};
 };
@@ -46,7 +45,7 @@ struct enyx_hw_mmio_descriptor : vexo_sim::Handle {
     vexo_sim::HwCard* card = nullptr;
 };
 
-// Tree and cores have no destroying call; they live and die with their register space.
+// Tree and cores have no destroying call. They end with their register space.
 struct enyx_hw_core {
     enyx_hw_mmio* mmio = nullptr;
     std::uint16_t hardwareId = 0;
@@ -176,9 +175,9 @@ void freeDescriptors(T** descriptors, std::size_t count) {
 
 bool matches(const enyx_hw_filter& filter, std::uint32_t index, const char* name);
 
-/// Objects numbered from 0 to @p objects, of which those that are there and that the filter lets through are described:
-/// nameOf(index, char(&)[kNameSize]) returns false for a gap, describe(index) -> descriptor or null. @p none is the
-/// errno that explains a count of 0, which callers print although it is no failure.
+/// Describes the objects, numbered from 0, that exist and match the filter. nameOf(index, char(&)[kNameSize]) returns
+/// false when there is no object of that number; describe(index) returns a descriptor or null. @p none is the errno for
+/// a count of 0, which callers print although it is no failure.
 template <typename Descriptor, typename NameOf, typename Describe>
 ssize_t enumerate(const enyx_hw_filter* filter, Descriptor** descriptors, std::size_t room, std::uint32_t objects,
                   int none, NameOf nameOf, Describe describe) {

@@ -1,27 +1,41 @@
 #include "sim/hw/Hooks.h"
 
 #include <algorithm>
-#include <cstring>
 #include <mutex>
 #include <vector>
 
-#include "sim/hw/CallTable.h"
 #include "sim/hw/Cards.h"
 
 namespace vexo_sim {
 namespace {
 
-static_assert(sizeof kCalls / sizeof kCalls[0] == static_cast<std::size_t>(Call::kCount));
+template <typename Function>
+struct ResultOf;
+template <typename Result, typename... Arguments>
+struct ResultOf<Result(Arguments...)> {
+    using Type = Result;
+};
 
+template <typename Function>
+constexpr hw_calls::CallKind declaredKind() {
+    using Result = typename ResultOf<Function>::Type;
+    if (std::is_void_v<Result>) return hw_calls::CallKind::kVoid;
+    return std::is_pointer_v<Result> ? hw_calls::CallKind::kPointer : hw_calls::CallKind::kStatus;
+}
+
+// The list of calls and the header say the same of each result.
+#define ENYX_HW_CALL(name, function, kind) \
+    static_assert(declaredKind<decltype(function)>() == hw_calls::CallKind::k##kind, #function);
+ENYX_HW_CALLS(ENYX_HW_CALL)
+#undef ENYX_HW_CALL
+
+// A failure that still counts: nth and times go down.
 struct Script {
-    std::size_t call;
-    std::uint32_t wait;   // calls still to be let through
-    std::uint32_t times;  // calls still to fail; 0 = all
-    hooks::Outcome outcome;
+    CallFailure failure;
     const void* origin;
 };
 
-// Plain storage that is never destroyed, because calls may come from a program's last destructors.
+// Never destroyed: a program's last destructors may still make calls.
 struct Watch {
     std::mutex scriptMutex;
     std::vector<Script> scripts;
@@ -35,23 +49,14 @@ Watch& watch() {
     return instance;
 }
 
-bool isScriptable(const CallEntry& entry, const enyx_sim_failure& failure) {
-    if (failure.call == nullptr || std::strcmp(entry.name, failure.call) != 0) return false;
-    return canFail(entry, failure.has_result != 0);
-}
-
 // True when the script makes this call fail.
-bool step(Script& script) {
-    if (script.wait > 0) {
-        --script.wait;
-        return false;
-    }
-    return true;
+bool strikes(CallFailure& failure) {
+    if (failure.nth == 1) return true;
+    --failure.nth;
+    return false;
 }
 
 }  // namespace
-
-const char* nameOf(Call call) { return kCalls[static_cast<std::size_t>(call)].name; }
 
 namespace hooks {
 
@@ -70,18 +75,14 @@ void beforeFirstCall() {
     setActive(kFirstCall, false);
 }
 
-int addScript(const enyx_sim_failure& failure, const void* origin) {
-    const auto* entry = std::find_if(std::begin(kCalls), std::end(kCalls),
-                                     [&](const CallEntry& e) { return isScriptable(e, failure); });
-    if (entry == std::end(kCalls) || failure.nth == 0) {
+int addScript(const CallFailure& script, const void* origin) {
+    if (!isValid(script)) {
         errno = EINVAL;
         return -1;
     }
-    Outcome outcome{failure.error, std::nullopt};
-    if (failure.has_result != 0) outcome.result = failure.result;
     Watch& w = watch();
     const std::lock_guard<std::mutex> lock(w.scriptMutex);
-    w.scripts.push_back({static_cast<std::size_t>(entry - kCalls), failure.nth - 1, failure.times, outcome, origin});
+    w.scripts.push_back({script, origin});
     setActive(kScripts, true);
     return 0;
 }
@@ -102,18 +103,19 @@ void clearScripts() {
     setActive(kScripts, false);
 }
 
-std::optional<Outcome> next(Call call) {
+std::optional<CallFailure> next(Call call) {
     Watch& w = watch();
     const std::lock_guard<std::mutex> lock(w.scriptMutex);
-    std::optional<Outcome> outcome;
+    std::optional<CallFailure> failure;
     for (auto script = w.scripts.begin(); script != w.scripts.end();) {
-        const bool fails = script->call == static_cast<std::size_t>(call) && step(*script);
-        if (fails && !outcome) outcome = script->outcome;
-        const bool spent = fails && script->times > 0 && --script->times == 0;
+        CallFailure& rest = script->failure;
+        const bool fails = rest.call == call && strikes(rest);
+        if (fails && !failure) failure = rest;
+        const bool spent = fails && rest.times > 0 && --rest.times == 0;
         script = spent ? w.scripts.erase(script) : script + 1;
     }
     if (w.scripts.empty()) setActive(kScripts, false);
-    return outcome;
+    return failure;
 }
 
 void setTrace(enyx_sim_trace trace, void* context) {

@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "sim/hw/Cards.h"
 #include "sim/hw/Hooks.h"
+#include "sim/hw/HwCard.h"
 
 namespace vexo_sim {
 namespace {
@@ -15,10 +15,8 @@ struct Up {
     using Descriptor = enyx_hw_a2c_stream_descriptor;
     using Stream = enyx_hw_a2c_stream;
     static constexpr CardPart::Kind kPart = CardPart::kUp;
-    static bool open(Card& card, std::uint32_t channel) { return card.openUp(channel); }
-    static void close(Card& card, std::uint32_t channel) { card.closeUp(channel); }
     static void attach(Stream& stream) {
-        stream.ring = &stream.card->block->state.up[stream.channel].ring;
+        stream.ring = &stream.card->block().state.up[stream.channel].ring;
         stream.delivering = false;
     }
 };
@@ -27,8 +25,6 @@ struct Down {
     using Descriptor = enyx_hw_c2a_stream_descriptor;
     using Stream = enyx_hw_c2a_stream;
     static constexpr CardPart::Kind kPart = CardPart::kDown;
-    static bool open(Card& card, std::uint32_t channel) { return card.openDown(channel); }
-    static void close(Card& card, std::uint32_t channel) { card.closeDown(channel); }
     static void attach(Stream&) {}
 };
 
@@ -52,33 +48,12 @@ ssize_t enumerateStreams(const enyx_hw_accelerator* accelerator, const enyx_hw_f
         describe);
 }
 
-template <typename Direction>
-bool take(HwCard& card, std::uint32_t channel) {
-    if (card.hosted != nullptr && !card.hosted->claim({Direction::kPart, channel})) return false;
-    CardAccess access(card);
-    // A hosted stream that nobody owned may still be as its last owner left it, who died.
-    if (card.hosted != nullptr) Direction::close(*access, channel);
-    if (Direction::open(*access, channel)) return true;
-    if (card.hosted != nullptr) card.hosted->release({Direction::kPart, channel});
-    return false;
-}
-
-// A child of the process that opened a stream may destroy its handle: the stream is the parent's.
-template <typename Direction>
-void giveBack(HwCard& card, std::uint32_t channel) {
-    if (card.hosted != nullptr && !card.hosted->ownsHere({Direction::kPart, channel})) return;
-    Direction::close(*CardAccess(card), channel);
-    if (card.hosted != nullptr) card.hosted->release({Direction::kPart, channel});
-}
-
 std::string holderOf(const HwCard& card, CardPart stream) {
-    const std::uint32_t heldUp = card.block->state.faults.heldUp;
+    const CardBackend& backend = *card.backend;
+    const std::uint32_t heldUp = backend.block().state.faults.heldUp;
     const bool byScenario = stream.kind == CardPart::kUp && (heldUp >> stream.channel & 1) != 0;
-    if (byScenario)
-        return toText(card.hosted != nullptr ? card.hosted->host() : describeProcess(getpid())) +
-               ", as its scenario says";
-    if (card.hosted == nullptr) return toText(describeProcess(getpid()));
-    const std::optional<Holder> holder = card.hosted->holderOf(stream);
+    if (byScenario) return toText(backend.host().value_or(describeProcess(getpid()))) + ", as its scenario says";
+    const std::optional<Holder> holder = backend.holderOf(stream);
     return holder ? toText(*holder) : "a process that has just ended";
 }
 
@@ -97,7 +72,7 @@ typename Direction::Stream* openStream(const typename Direction::Descriptor* des
     stream->channel = descriptor->channel;
     Direction::attach(*stream);
     pool<Stream>().publish(stream);
-    if (take<Direction>(*stream->card, stream->channel)) return stream;
+    if (stream->card->backend->take({Direction::kPart, stream->channel})) return stream;
     tellHolder(*stream->card, {Direction::kPart, stream->channel});
     pool<Stream>().kill(stream);
     errno = EBUSY;
@@ -107,7 +82,7 @@ typename Direction::Stream* openStream(const typename Direction::Descriptor* des
 template <typename Direction>
 void closeStream(typename Direction::Stream* stream) {
     if (!usable(stream)) return;
-    giveBack<Direction>(*stream->card, stream->channel);
+    stream->card->backend->giveBack({Direction::kPart, stream->channel});
     pool<typename Direction::Stream>().kill(stream);
 }
 
@@ -132,8 +107,8 @@ int getCounter(const enyx_hw_a2c_stream* stream, std::uint32_t UpStreamState::*c
     return 0;
 }
 
-// Takes the packet out of the ring when its handler is through, also by an exception. A handler that destroyed
-// the stream has taken it out already.
+// Takes the packet out of the ring when its handler ends, also by an exception. A handler that destroyed the stream
+// has taken it out already.
 class Delivery {
 public:
     explicit Delivery(enyx_hw_a2c_stream& stream) : m_stream(stream) { m_stream.delivering = true; }
@@ -148,18 +123,6 @@ private:
     enyx_hw_a2c_stream& m_stream;
 };
 
-// Nothing waits: let the card work up to the present, unless its host does that, or another thread is just doing it.
-[[gnu::noinline]] PacketView advanceAndPeek(enyx_hw_a2c_stream& stream) {
-    HwCard& card = *stream.card;
-    if (card.hosted != nullptr) return {};
-    {
-        const BlockLock lock(*card.block, std::try_to_lock);
-        if (!lock.owns()) return {};
-        card.bringUpToDate();
-    }
-    return ring::peek(*stream.ring);
-}
-
 int poll(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     if (!usable(stream)) return -1;
     if (handler == nullptr) {
@@ -169,7 +132,7 @@ int poll(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* c
     if (stream->delivering) return 0;
     PacketView packet = ring::peek(*stream->ring);
     if (packet.data == nullptr) {
-        packet = advanceAndPeek(*stream);
+        packet = stream->card->backend->advanceAndPeek(*stream->ring);
         if (packet.data == nullptr) return 0;
     }
     const Delivery delivery(*stream);

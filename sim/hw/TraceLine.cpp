@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "sim/hw/Cards.h"
+#include "sim/hw/HwCard.h"
 
 namespace vexo_sim {
 namespace {

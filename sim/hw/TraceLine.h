@@ -3,14 +3,14 @@
 #include <cstdint>
 #include <string>
 
-#include "sim/hw/Interface.h"
+#include "sim/hw/Exported.h"
 
 namespace vexo_sim {
 
 struct HwCard;
 struct Handle;
 
-/// One line of the trace, put together only while somebody watches.
+/// One line of the trace. Made only while a trace is set.
 class TraceLine {
 public:
     explicit TraceLine(const char* call) : m_text(call) {}

@@ -9,7 +9,7 @@ std::unique_ptr<CardReplay> CardReplay::start(const scenario::Scenario& scenario
     const bool opened = self->m_replay.open(scenario.replayFile, config.mtu, scenario.bus, pace, scenario.replayMap);
     problem = self->m_replay.problem();
     if (!opened) return nullptr;
-    // Without a map in the capture a master would wait for ever: the card then sends its own, and no quotes.
+    // A capture without a map: the card sends its own, without quotes. Otherwise a master would wait for ever.
     const bool mapOfCapture = scenario.replayMap && self->m_replay.hasContractMap();
     mapOfCapture ? card.pauseFeed(true) : card.stopQuotes();
     return self;

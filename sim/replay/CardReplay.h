@@ -9,12 +9,12 @@
 
 namespace vexo_sim {
 
-/// A card that delivers what a scenario's capture holds, in place of what it would send by itself. For whoever advances
-/// the card, one thread at a time.
+/// Replays a scenario's capture through a card, in place of the card's own packets. The thread that advances the card
+/// uses it.
 class CardReplay {
 public:
-    /// To be called when the card has been switched on as the scenario says.
-    /// @param problem  what is to be told of the file, one line; empty when it is in order
+    /// Call it when the card has been switched on as the scenario says.
+    /// @param problem  what is wrong with the file, one line; empty when nothing is
     /// @return null when nothing can be replayed
     static std::unique_ptr<CardReplay> start(const scenario::Scenario& scenario, Card& card, std::string& problem);
 

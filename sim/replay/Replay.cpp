@@ -68,7 +68,7 @@ bool isContractMap(const capture::Packet& packet, std::uint32_t channel) {
     return channel == 0 && contract_map::isMapPacket(packet.data, packet.size);
 }
 
-/// What a file has of one channel.
+/// The packets of one channel in a file.
 struct Share {
     std::uint64_t packets = 0;
     capture::Place first;
@@ -81,7 +81,7 @@ struct Share {
     }
 };
 
-/// What a file has of one card.
+/// The packets of one card in a file.
 struct Content {
     Share channels[kStreams];
     bool hasContractMap = false;

@@ -9,20 +9,20 @@
 
 namespace vexo_sim {
 
-/// Delivers the stream packets of a capture file through a card, each on the channel that it was captured on.
+/// Delivers the packets of a capture file through a card, each on its own channel.
 ///
 /// A channel's packets begin when its stream is opened: the first is due at that moment, the others as long after it as
 /// they came after the first when they were captured. A stream that is opened again begins again. A full ring delays a
 /// packet and those behind it, and loses none.
 ///
-/// Faults of packets that the card has strike replayed packets as they would its own.
+/// Packet faults of the card apply to replayed packets as to its own.
 ///
-/// The card goes on answering register accesses by itself. What it sends by itself would mix with the replay: its
-/// owner pauses the feed (Card::pauseFeed), which also stops contract-map packets; a capture without them then leaves a
-/// master channel without its map, so its owner asks hasContractMap() first.
+/// The card still answers register accesses. Its own packets would mix with the replay, so the card's owner pauses the
+/// feed (Card::pauseFeed). That also stops contract-map packets: a capture without them would leave a master channel
+/// without its map, so the owner asks hasContractMap() first.
 ///
-/// For one thread at a time. Reads the file while it replays, each channel from its first packet on, and keeps no more
-/// than one packet of a channel in memory.
+/// For one thread at a time. It reads the file while it replays, each channel from its first packet on, and keeps at
+/// most one packet of a channel in memory.
 class Replay {
 public:
     enum class Pace {
@@ -43,7 +43,7 @@ public:
     ///         to there, and problem() tells the byte.
     bool open(const std::string& path, std::uint32_t mtu, std::uint32_t bus = 0, Pace pace = Pace::kOriginal,
               bool withContractMap = true);
-    /// What is to be told of the file, one line with its name; empty when it is in order.
+    /// What is wrong with the file, one line with its name. Empty when nothing is.
     const std::string& problem() const { return m_problem; }
 
     /// Whether channel 0 has contract-map packets (type 2).

@@ -1,8 +1,8 @@
 #include "sim/scenario/FaultKinds.h"
 
-#include <cstring>
+#include <optional>
 
-#include "sim/hw/CallTable.h"
+#include "interface/CallList.h"
 #include "sim/scenario/Parse.h"
 #include "sim/scenario/TextFile.h"
 
@@ -157,18 +157,17 @@ void takeResetIgnored(const Keys& keys, Scenario& s) {
 }
 
 void takeCallFails(const Keys& keys, Scenario& s) {
-    const Value& call = keys.require("call");
+    const Value& name = keys.require("call");
     const Value* result = keys.find("result");
-    bool known = false;
-    for (const CallEntry& entry : kCalls)
-        known = known || (call.text == entry.name && canFail(entry, result != nullptr));
-    if (!known && result != nullptr) call.reject("this call cannot fail with a result of its own; remove result");
-    if (!known) call.reject("\"" + call.text + "\" is no call that can fail; see enyx-hw-c/enyx_hw.h");
-    CallFailure failure;
-    failure.call = call.text;
-    failure.nth = keys.number("nth", 1, 1, kAnyNumber);
+    const std::optional<hw_calls::Call> call = hw_calls::find(name.text);
+    if (!call || !hw_calls::canFail(*call, result != nullptr)) {
+        if (result != nullptr) name.reject("this call cannot fail with a result of its own; remove result");
+        name.reject("\"" + name.text + "\" is no call that can fail; see enyx-hw-c/enyx_hw.h");
+    }
+    CallFailure failure{*call, keys.number("nth", 1, 1, kAnyNumber), 1, 0, 0, 0};
     if (const Value* times = keys.find("times")) failure.times = parse::numberOrAll(*times, 1, kAnyNumber, 0);
     failure.error = parse::errorNumber(keys.require("errno"));
+    failure.hasResult = result != nullptr ? 1 : 0;
     if (result != nullptr) failure.result = parse::signedNumber(*result, INT32_MIN, INT32_MAX);
     s.callFailures.push_back(failure);
 }

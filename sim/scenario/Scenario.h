@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/card/CallFailure.h"
 #include "sim/card/Card.h"
 
 /// Scenarios: ini files that say what a simulated card is, what it sends, and what is wrong with it. All that a file
@@ -31,15 +32,6 @@ struct StreamErrors {
     std::uint32_t channels;
     std::uint32_t fifoErrors;
     std::uint32_t errors;
-};
-
-/// A call of the C interface that fails in every process on the card: counted per process.
-struct CallFailure {
-    std::string call;
-    std::uint32_t nth = 1;
-    std::uint32_t times = 1;  // 0 = all from the nth on
-    int error = 0;
-    std::optional<std::int64_t> result;
 };
 
 struct Scenario {

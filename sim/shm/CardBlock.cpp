@@ -8,7 +8,7 @@
 namespace vexo_sim {
 namespace {
 
-constexpr std::uint32_t kLayout = 1;
+constexpr std::uint32_t kLayout = 2;
 
 void pauseBriefly(unsigned round) {
     constexpr unsigned kYields = 16;

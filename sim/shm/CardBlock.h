@@ -6,6 +6,7 @@
 #include <mutex>
 #include <type_traits>
 
+#include "sim/card/CallFailure.h"
 #include "sim/card/Card.h"
 #include "sim/shm/Locks.h"
 
@@ -14,15 +15,6 @@ namespace vexo_sim {
 /// The first bytes of every card in shared memory, of whatever version.
 inline constexpr char kCardMagic[8] = {'V', 'E', 'X', 'O', 'C', 'A', 'R', 'D'};
 
-/// A call of the hardware interface that fails in each process on the card, counted in each by itself.
-struct SharedFailure {
-    char call[48];
-    std::uint32_t nth;
-    std::uint32_t times;  // 0 = all from the nth on
-    std::int32_t error;
-    std::int32_t hasResult;
-    std::int64_t result;
-};
 inline constexpr std::uint32_t kMaxSharedFailures = 32;
 
 /// What the host of a card tells those who look at it. Written once, before anybody can see it.
@@ -33,7 +25,7 @@ struct HostInfo {
     char scenario[256];
     char description[256];
     std::uint32_t failureCount;
-    SharedFailure failures[kMaxSharedFailures];
+    CallFailure failures[kMaxSharedFailures];
 };
 
 /// A card and all that its users share, in one piece of memory: on the heap of a process, or in memory shared by

@@ -6,7 +6,7 @@
 
 namespace vexo_sim {
 
-/// A process as an operator would look for it.
+/// A process as an operator looks for it.
 struct Holder {
     pid_t pid = 0;        // 0: in another container, which hides it
     std::string program;  // empty when it cannot be told

@@ -25,7 +25,8 @@ struct StoredRow {
 
 /// The library's view of the card's two instrument tables and of the registers that start, stop and reset its decoding.
 /// Table type 0 is the single-leg table, any other the combination table; an index is the card's row number; a mask
-/// holds bit n for DMA channel n. Driver results are not reported but where an operation says so.
+/// holds bit n for DMA channel n. An operation ignores the driver's results unless it says otherwise.
+/// Implemented in CardTables.cpp, InstDiscovery.cpp and GlobalStore.cpp.
 class CZceFpgaServ {
 public:
     /// @param idToIndex  shared with the channel that owns it; must outlive this object
@@ -62,13 +63,13 @@ public:
     void UpdateTimeStamp();  ///< writes today's date into the card
     /// Reads the card's date and computes today's. @return whether they agree
     bool bDataEqual(std::uint32_t* cardDate, std::uint32_t* sysDate);
-    /// Exchange time as HHMMSS: the card's while it is today's trading time and within 1799 of the system's as a
-    /// number, else the system's (0 up to 00:17:99). 0xFFFFFFFF when the card's time cannot be read.
+    /// Exchange time as HHMMSS. It is the card's time when a trading session is on, the card's date is today and the
+    /// two times differ, as numbers, by at most 1799; otherwise the system's. Up to 00:17:59 it is 0.
+    /// 0xFFFFFFFF when the card's time cannot be read.
     std::uint32_t GetRealTime();
-    /// Whether decoding is on and the card's parser counters stand still; takes two seconds when decoding is on.
+    /// Whether decoding is on and the card's parser counters stand still. Takes two seconds when decoding is on.
     bool FpgaCounterEqual();
-    /// Adds every id that rows 0 to 4094 of both tables hold to the map. Start-up only: it reads each row up to 8
-    /// times.
+    /// Adds every id in rows 0 to 4094 of both tables to the map. Slow, for start-up only: reads a row up to 8 times.
     void FetchAllInst();
 
     // ---- merged store of all channels ----
@@ -91,10 +92,10 @@ public:
     IndexToChanBit oneLegChanBits;
     IndexToChanBit combineChanBits;
 
-    static std::atomic<bool> m_bReseted;  ///< the card has been reset by this process; never cleared
-    /// What StartDecode writes: bit 1 Level-1, bit 0 Level-5. The configuration decides it.
+    static std::atomic<bool> m_bReseted;  ///< this process has reset the card; never cleared
+    /// What StartDecode writes: bit 1 Level-1, bit 0 Level-5. The configuration sets it.
     static std::atomic<std::uint32_t> decodeSwitch;
-    /// Keeps the select, read, data and command sequences of several channels apart.
+    /// Held while several register accesses form one table access, so that those of several channels do not mix.
     static std::mutex subscribe_mutex;
 
 private:

@@ -26,7 +26,7 @@ constexpr int kDefaultBinDelay = 15;  // minutes
 constexpr int kNoCpu = -1;
 constexpr std::size_t kChannelNameSize = sizeof "CUSTOM_CHAN15_DATA";
 
-// A number of the device value in 32 bits. One that does not fit must not come out as a valid bus or channel.
+// Narrows a number of `config:device`. One that does not fit must not become a valid bus or channel.
 std::uint32_t narrow(long number) {
     return number >= INT_MIN && number <= INT_MAX ? static_cast<std::uint32_t>(number) : kFailure;
 }
@@ -83,7 +83,7 @@ std::uint32_t CZceConfigFile::load() {
     return 0;
 }
 
-// Scans "xilinx<bus>:<channel>" and keeps the bus. Returns how many of the two numbers there were.
+// Scans "xilinx<bus>:<channel>" and keeps the bus. Returns how many of the two numbers it found.
 int CZceConfigFile::scanDevice(const std::string& device, std::uint32_t& channel) {
     long busNumber = 0;
     long channelNumber = 0;
@@ -133,7 +133,7 @@ void CZceConfigFile::BindCpu() {
         LOG_INFO("[channel:%d] Doesn't need to bind cpu.", channel);
         return;
     }
-    // A number outside the set still reaches the system call, which refuses the empty set.
+    // A CPU number that does not fit leaves the set empty. The system call refuses an empty set.
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     if (static_cast<unsigned int>(cpu) < CPU_SETSIZE) CPU_SET(static_cast<std::size_t>(cpu), &cpus);

@@ -27,9 +27,9 @@ std::time_t RealTime() {
     return now.tv_sec;
 }
 
-class Recorder : public IVexoZceMdSpi {
+class QuoteRecorder : public IVexoZceMdSpi {
 public:
-    explicit Recorder(std::FILE* file) : m_file(file) {}
+    explicit QuoteRecorder(std::FILE* file) : m_file(file) {}
     int OnUpSubsResult17(const unsigned char* data) override { return Keep(17, data, sizeof(enyx_sim::Level1Quote)); }
     int OnUpSubsResult18(const unsigned char* data) override { return Keep(18, data, sizeof(enyx_sim::Level5Quote)); }
     int OnUpSubsResult19(const unsigned char* data) override { return Keep(19, data, sizeof(enyx_sim::Level1Quote)); }
@@ -64,7 +64,7 @@ int main(int argc, char** argv) {
     g_offset = kMorning - RealTime();
     std::FILE* file = std::fopen(argv[3], "wb");
     if (file == nullptr) return 2;
-    Recorder recorder(file);
+    QuoteRecorder recorder(file);
     IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
     if (api->VexoStart(recorder, argv[2]) != 0) return 3;
     // Sixteen of these share a machine: who has nothing to do lets the others work.

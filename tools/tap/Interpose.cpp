@@ -1,6 +1,6 @@
-// The calls of the hardware library that the tap stands in front of. Each calls the library behind it with the same
-// arguments and returns its result and its errno; nothing is held back, and nothing changed, on the way. None of these
-// functions is noexcept: an exception of a packet handler, and the end of its thread, pass through.
+// The calls that the tap intercepts. Each makes the same call of the hardware library and returns its result and its
+// errno unchanged. None of these functions is noexcept: an exception of a packet handler, and the end of its thread,
+// pass through.
 
 #include <algorithm>
 #include <cstring>
@@ -10,6 +10,7 @@
 #include <enyx-hw-c/enyx_hw.h>
 #pragma GCC visibility pop
 
+#include "interface/CallList.h"
 #include "tools/tap/NextCall.h"
 #include "tools/tap/Tap.h"
 
@@ -17,31 +18,16 @@ using namespace tap;
 
 namespace {
 
-#define TAP_NEXT(function) \
-    NextCall<decltype(::function)> next_##function { #function }
+// Each call of the library behind the tap, under the name of its function.
+struct NextCalls {
+    constexpr NextCalls() = default;  // a call may come before any constructor of the tap ran
+#define ENYX_HW_CALL(name, function, kind) NextCall<decltype(::function)> function{#function};
+    ENYX_HW_CALLS(ENYX_HW_CALL)
+#undef ENYX_HW_CALL
+};
+NextCalls g_next;
 
-TAP_NEXT(enyx_hw_filter_set_index);
-TAP_NEXT(enyx_hw_filter_set_name);
-TAP_NEXT(enyx_hw_filter_destroy);
-TAP_NEXT(enyx_hw_enumerate_accelerators);
-TAP_NEXT(enyx_hw_free_accelerator_descriptors);
-TAP_NEXT(enyx_hw_accelerator_get);
-TAP_NEXT(enyx_hw_accelerator_enumerate_mmios);
-TAP_NEXT(enyx_hw_free_mmio_descriptors);
-TAP_NEXT(enyx_hw_mmio_create);
-TAP_NEXT(enyx_hw_enumerate_cores);
-TAP_NEXT(enyx_hw_core_tree_get_root);
-TAP_NEXT(enyx_hw_core_enumerate);
-TAP_NEXT(enyx_hw_core_reset);
-TAP_NEXT(enyx_hw_read);
-TAP_NEXT(enyx_hw_write);
-TAP_NEXT(enyx_hw_accelerator_enumerate_a2c_streams);
-TAP_NEXT(enyx_hw_free_a2c_stream_descriptors);
-TAP_NEXT(enyx_hw_a2c_stream_create);
-TAP_NEXT(enyx_hw_a2c_stream_destroy);
-TAP_NEXT(enyx_hw_a2c_stream_poll_once);
-
-// ---- which handle stands for what ----
+// ---- what each handle describes ----
 
 template <typename Descriptor>
 void learn(const enyx_hw_filter* filter, std::int64_t card, Descriptor** descriptors, std::size_t room, ssize_t found) {
@@ -57,7 +43,7 @@ void forgetAll(Descriptor** descriptors, std::size_t count) {
     for (std::size_t i = 0; descriptors != nullptr && i < count; ++i) origins().forget(descriptors[i]);
 }
 
-// What is made of a handle stands for the same thing.
+// A handle that is made from another one describes the same object.
 template <typename Child>
 Child* inherit(const void* parent, Child* child) {
     const KeepErrno keep;
@@ -78,23 +64,23 @@ int changeFilter(const enyx_hw_filter* filter, int result, Change change) {
 }  // namespace
 
 int enyx_hw_filter_set_index(enyx_hw_filter* filter, uint32_t index) {
-    return changeFilter(filter, next_enyx_hw_filter_set_index(filter, index),
+    return changeFilter(filter, g_next.enyx_hw_filter_set_index(filter, index),
                         [index](Origin& wanted) { wanted.index = index; });
 }
 
 int enyx_hw_filter_set_name(enyx_hw_filter* filter, const char* name) {
-    return changeFilter(filter, next_enyx_hw_filter_set_name(filter, name),
+    return changeFilter(filter, g_next.enyx_hw_filter_set_name(filter, name),
                         [name](Origin& wanted) { wanted.name = name != nullptr ? name : ""; });
 }
 
 void enyx_hw_filter_destroy(enyx_hw_filter* filter) {
     origins().forget(filter);
-    next_enyx_hw_filter_destroy(filter);
+    g_next.enyx_hw_filter_destroy(filter);
 }
 
 ssize_t enyx_hw_enumerate_accelerators(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors,
                                        size_t count) {
-    const ssize_t found = next_enyx_hw_enumerate_accelerators(filter, descriptors, count);
+    const ssize_t found = g_next.enyx_hw_enumerate_accelerators(filter, descriptors, count);
     const KeepErrno keep;
     if (descriptors == nullptr || found <= 0) return found;
     const Origin wanted = origins().find(filter);
@@ -108,39 +94,39 @@ ssize_t enyx_hw_enumerate_accelerators(const enyx_hw_filter* filter, enyx_hw_acc
 
 void enyx_hw_free_accelerator_descriptors(enyx_hw_accelerator_descriptor** descriptors, size_t count) {
     forgetAll(descriptors, count);
-    next_enyx_hw_free_accelerator_descriptors(descriptors, count);
+    g_next.enyx_hw_free_accelerator_descriptors(descriptors, count);
 }
 
 enyx_hw_accelerator* enyx_hw_accelerator_get(const enyx_hw_accelerator_descriptor* descriptor) {
-    return inherit(descriptor, next_enyx_hw_accelerator_get(descriptor));
+    return inherit(descriptor, g_next.enyx_hw_accelerator_get(descriptor));
 }
 
 ssize_t enyx_hw_accelerator_enumerate_mmios(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
                                             enyx_hw_mmio_descriptor** descriptors, size_t count) {
-    const ssize_t found = next_enyx_hw_accelerator_enumerate_mmios(accelerator, filter, descriptors, count);
+    const ssize_t found = g_next.enyx_hw_accelerator_enumerate_mmios(accelerator, filter, descriptors, count);
     learn(filter, origins().find(accelerator).card, descriptors, count, found);
     return found;
 }
 
 void enyx_hw_free_mmio_descriptors(enyx_hw_mmio_descriptor** descriptors, size_t count) {
     forgetAll(descriptors, count);
-    next_enyx_hw_free_mmio_descriptors(descriptors, count);
+    g_next.enyx_hw_free_mmio_descriptors(descriptors, count);
 }
 
 enyx_hw_mmio* enyx_hw_mmio_create(const enyx_hw_mmio_descriptor* descriptor) {
-    return inherit(descriptor, next_enyx_hw_mmio_create(descriptor));
+    return inherit(descriptor, g_next.enyx_hw_mmio_create(descriptor));
 }
 
 enyx_hw_core_tree* enyx_hw_enumerate_cores(enyx_hw_mmio* mmio) {
-    return inherit(mmio, next_enyx_hw_enumerate_cores(mmio));
+    return inherit(mmio, g_next.enyx_hw_enumerate_cores(mmio));
 }
 
 enyx_hw_core* enyx_hw_core_tree_get_root(enyx_hw_core_tree* tree) {
-    return inherit(tree, next_enyx_hw_core_tree_get_root(tree));
+    return inherit(tree, g_next.enyx_hw_core_tree_get_root(tree));
 }
 
 ssize_t enyx_hw_core_enumerate(enyx_hw_core* root, uint16_t hardware_id, enyx_hw_core** cores, size_t count) {
-    const ssize_t found = next_enyx_hw_core_enumerate(root, hardware_id, cores, count);
+    const ssize_t found = g_next.enyx_hw_core_enumerate(root, hardware_id, cores, count);
     const KeepErrno keep;
     if (cores == nullptr || found <= 0) return found;
     Origin core;
@@ -186,37 +172,38 @@ int recorded(capture::AccessKind kind, enyx_hw_core* core, const enyx_hw_registe
 
 int enyx_hw_core_reset(enyx_hw_core* core) {
     return recorded(capture::AccessKind::kCoreReset, core, nullptr, nullptr,
-                    [=] { return next_enyx_hw_core_reset(core); });
+                    [=] { return g_next.enyx_hw_core_reset(core); });
 }
 
 int enyx_hw_read(enyx_hw_core* core, const enyx_hw_register_description* reg, uint64_t* value) {
-    return recorded(capture::AccessKind::kRead, core, reg, value, [=] { return next_enyx_hw_read(core, reg, value); });
+    return recorded(capture::AccessKind::kRead, core, reg, value,
+                    [=] { return g_next.enyx_hw_read(core, reg, value); });
 }
 
 int enyx_hw_write(enyx_hw_core* core, const enyx_hw_register_description* reg, uint64_t value) {
     return recorded(capture::AccessKind::kWrite, core, reg, &value,
-                    [=] { return next_enyx_hw_write(core, reg, value); });
+                    [=] { return g_next.enyx_hw_write(core, reg, value); });
 }
 
 // ---- streams ----
 
 ssize_t enyx_hw_accelerator_enumerate_a2c_streams(const enyx_hw_accelerator* accelerator, const enyx_hw_filter* filter,
                                                   enyx_hw_a2c_stream_descriptor** descriptors, size_t count) {
-    const ssize_t found = next_enyx_hw_accelerator_enumerate_a2c_streams(accelerator, filter, descriptors, count);
+    const ssize_t found = g_next.enyx_hw_accelerator_enumerate_a2c_streams(accelerator, filter, descriptors, count);
     learn(filter, origins().find(accelerator).card, descriptors, count, found);
     return found;
 }
 
 void enyx_hw_free_a2c_stream_descriptors(enyx_hw_a2c_stream_descriptor** descriptors, size_t count) {
     forgetAll(descriptors, count);
-    next_enyx_hw_free_a2c_stream_descriptors(descriptors, count);
+    g_next.enyx_hw_free_a2c_stream_descriptors(descriptors, count);
 }
 
 enyx_hw_a2c_stream* enyx_hw_a2c_stream_create(const enyx_hw_a2c_stream_descriptor* descriptor,
                                               const void* configuration) {
-    enyx_hw_a2c_stream* stream = next_enyx_hw_a2c_stream_create(descriptor, configuration);
+    enyx_hw_a2c_stream* stream = g_next.enyx_hw_a2c_stream_create(descriptor, configuration);
     const KeepErrno keep;
-    if (stream != nullptr && next_enyx_hw_a2c_stream_poll_once.isThere()) {
+    if (stream != nullptr && g_next.enyx_hw_a2c_stream_poll_once.isThere()) {
         openStream(stream, origins().find(descriptor));
     }
     return stream;
@@ -224,45 +211,77 @@ enyx_hw_a2c_stream* enyx_hw_a2c_stream_create(const enyx_hw_a2c_stream_descripto
 
 void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) {
     closeStream(stream);
-    next_enyx_hw_a2c_stream_destroy(stream);
+    g_next.enyx_hw_a2c_stream_destroy(stream);
 }
 
 namespace {
 
-// Packets that find the ring full, empty ones, and all of them where the processor's counter does not run evenly.
-[[gnu::noinline, gnu::cold]] void recordAndDeliverSlowly(const std::uint8_t* data, std::uint32_t size, void* context) {
+// Longer packets make readers of capture files give up the whole file.
+constexpr std::uint32_t kMostKept = 262'144;
+
+void keepUpTo(Source& source, std::uint32_t mtu) {
+    const std::uint32_t limit = mtu == 0 ? kMostKept : std::min(mtu, kMostKept);
+    source.limit.store(limit, std::memory_order_relaxed);
+}
+
+// For a program that did not ask for the stream's MTU.
+std::uint32_t askForLimit(Source& source) {
+    std::uint32_t mtu = 0;
+    const auto* stream = static_cast<const enyx_hw_a2c_stream*>(source.stream);
+    const bool known = g_next.enyx_hw_a2c_stream_get_mtu.isThere() &&
+                       g_next.enyx_hw_a2c_stream_get_mtu(stream, &mtu) == 0;
+    keepUpTo(source, known ? mtu : 0);
+    return source.limit.load(std::memory_order_relaxed);
+}
+
+// Slow path: the MTU is not known, the packet is empty or longer than the MTU, the ring looks full, or the processor's
+// counter does not run evenly. A length beyond the MTU is not believed: there may be no bytes behind it.
+[[gnu::noinline, gnu::cold]] void recordAndDeliverSlow(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
-    source.ring.put(clock_ticks::now(), data, size);
+    {
+        const KeepErrno keep;
+        std::uint32_t limit = source.limit.load(std::memory_order_relaxed);
+        if (limit == 0) limit = askForLimit(source);
+        source.ring.put(clock_ticks::now(), data, std::min(size, limit), size);
+    }
     source.handler(data, size, source.context);
 }
 
-// Goes into the poll in the place of the program's own handler.
+// Replaces the program's own handler in the poll.
 void recordAndDeliver(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
-    if (!clock_ticks::g_counterIsEven || size == 0) return recordAndDeliverSlowly(data, size, context);
-    unsigned char* room = source.ring.reserve(__rdtsc(), size);
-    if (room == nullptr) return recordAndDeliverSlowly(data, size, context);
+    const bool isUsual = size - 1 < source.limit.load(std::memory_order_relaxed);  // not empty, not too long
+    if (!clock_ticks::g_counterIsEven || !isUsual) return recordAndDeliverSlow(data, size, context);
+    unsigned char* room = source.ring.reserve(__rdtsc(), size, size);
+    if (room == nullptr) return recordAndDeliverSlow(data, size, context);
     std::memcpy(room, data, size);
     source.ring.commit();
     source.handler(data, size, source.context);
 }
 
-// Streams that are not captured, and those whose place in the table was taken.
-[[gnu::noinline, gnu::cold]] int pollSlowly(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
-                                            void* context) {
+// Slow path: the stream is not captured, or it is not at its first place in the table.
+[[gnu::noinline, gnu::cold]] int pollSlow(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
+                                          void* context) {
     Source* source = g_streams.find(stream);
-    if (source == nullptr || handler == nullptr) return next_enyx_hw_a2c_stream_poll_once(stream, handler, context);
+    if (source == nullptr || handler == nullptr) return g_next.enyx_hw_a2c_stream_poll_once(stream, handler, context);
     source->handler = handler;
     source->context = context;
-    return next_enyx_hw_a2c_stream_poll_once(stream, recordAndDeliver, source);
+    return g_next.enyx_hw_a2c_stream_poll_once(stream, recordAndDeliver, source);
 }
 
 }  // namespace
 
+int enyx_hw_a2c_stream_get_mtu(const enyx_hw_a2c_stream* stream, uint32_t* mtu) {
+    const int result = g_next.enyx_hw_a2c_stream_get_mtu(stream, mtu);
+    Source* source = g_streams.find(stream);
+    if (result == 0 && mtu != nullptr && source != nullptr) keepUpTo(*source, *mtu);
+    return result;
+}
+
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     Source* source = g_streams.findAtOnce(stream);
-    if (source == nullptr || handler == nullptr) return pollSlowly(stream, handler, context);
+    if (source == nullptr || handler == nullptr) return pollSlow(stream, handler, context);
     source->handler = handler;
     source->context = context;
-    return next_enyx_hw_a2c_stream_poll_once.known()(stream, recordAndDeliver, source);
+    return g_next.enyx_hw_a2c_stream_poll_once.known()(stream, recordAndDeliver, source);
 }

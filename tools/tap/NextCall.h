@@ -7,8 +7,8 @@
 
 namespace tap {
 
-/// A function of the hardware library behind this one, looked up when it is first called: the library may be loaded
-/// later than the tap.
+/// A function of the hardware library behind the tap. It is looked up at its first call, because that library may be
+/// loaded after the tap.
 template <typename Function>
 class NextCall;
 
@@ -24,7 +24,7 @@ public:
     }
 
     using Function = Result(Arguments...);
-    /// The function itself; null as long as nobody called it and it was not looked for.
+    /// The function itself. Null before the first call or isThere().
     Function* known() const { return m_function.load(std::memory_order_relaxed); }
     bool isThere() { return known() != nullptr || find() != nullptr; }
 
@@ -35,7 +35,7 @@ private:
         return function;
     }
 
-    // A program that calls what its hardware library does not have would not have started without the tap.
+    // The hardware library lacks the function. Without the tap the program would not have started.
     static Result missing() {
         errno = ENOSYS;
         if constexpr (std::is_pointer_v<Result>) {
@@ -49,7 +49,7 @@ private:
     std::atomic<Function*> m_function{nullptr};
 };
 
-/// Puts errno back: what the tap does must not show in it.
+/// Restores errno at the end, so that the application does not see the tap's own errors.
 class KeepErrno {
 public:
     KeepErrno() : m_error(errno) {}

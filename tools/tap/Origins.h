@@ -10,8 +10,8 @@
 
 namespace tap {
 
-/// What is known of one of the hardware library's handles. Its handles are opaque: what a handle stands for is learned
-/// from the calls that led to it.
+/// What the tap knows of a handle of the hardware library. Handles are opaque, so the tap learns it from the calls that
+/// led to the handle.
 struct Origin {
     static constexpr std::int64_t kUnknown = -1;
 
@@ -21,7 +21,7 @@ struct Origin {
     std::string name;               // of a filter: what it asks for; of a stream: the name it was found by
 };
 
-/// The same for all handles of the process. May be used from any thread.
+/// The origins of all handles of the process. Any thread may use it.
 class Origins {
 public:
     Origin find(const void* handle) const {
@@ -40,7 +40,8 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_known.erase(handle);
     }
-    /// Nothing is learned nor known any more, and no lock taken: after a fork it may be held by a thread that is gone.
+    /// From now on nothing is learned or found, and the lock is not used: a child of fork() may find it locked for
+    /// ever.
     void end() { m_ended.store(true, std::memory_order_relaxed); }
 
 private:
@@ -49,10 +50,10 @@ private:
     std::unordered_map<const void*, Origin> m_known;
 };
 
-/// What the n-th object, from 0, is that an enumeration found with @p filter.
+/// The n-th object, from 0, of an enumeration with @p filter.
 Origin enumerated(const Origin& filter, std::int64_t card, std::size_t n);
 
-/// How the packets of a stream are called in a file.
+/// The interface of a stream in a capture file.
 capture::InterfaceInfo describeStream(const Origin& stream);
 
 }  // namespace tap

@@ -24,7 +24,7 @@ PacketRing::PacketRing(std::size_t capacity) : m_capacity(powerOfTwo(capacity)),
                           -1, 0);
     if (memory == MAP_FAILED) return;
     m_bytes = static_cast<unsigned char*>(memory);
-    // All that packets of usual sizes reach; writing a zero makes the page.
+    // Touches all pages that packets of usual size reach. Writing a zero makes the page.
     const std::size_t touched = m_capacity + std::min<std::size_t>(m_capacity, kUsualPacket);
     for (std::size_t at = 0; at < touched; at += kPage) static_cast<volatile unsigned char*>(m_bytes)[at] = 0;
 }
@@ -33,34 +33,19 @@ PacketRing::~PacketRing() {
     if (m_bytes != nullptr) ::munmap(m_bytes, 2 * m_capacity);
 }
 
-unsigned char* PacketRing::reserveSlowly(std::uint64_t ticks, std::uint32_t size) {
+unsigned char* PacketRing::reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t trueSize) {
     m_limit = m_tail.load(std::memory_order_acquire) + m_capacity;
-    unsigned char* room = reserve(ticks, size);
+    unsigned char* room = reserve(ticks, size, trueSize);
     if (room == nullptr) m_lost.store(m_lost.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return room;
 }
 
-void PacketRing::put(std::uint64_t ticks, const void* data, std::uint32_t size) {
-    unsigned char* room = reserve(ticks, size);
-    if (room == nullptr) room = reserveSlowly(ticks, size);
+void PacketRing::put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t trueSize) {
+    unsigned char* room = reserve(ticks, size, trueSize);
+    if (room == nullptr) room = reserveSlow(ticks, size, trueSize);
     if (room == nullptr) return;
     if (size > 0) std::memcpy(room, data, size);
     commit();
-}
-
-bool PacketRing::front(std::uint64_t limit, Record& record) const {
-    const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
-    if (tail == limit) return false;
-    const unsigned char* at = m_bytes + (tail & m_mask);
-    Prefix prefix;
-    std::memcpy(&prefix, at, sizeof prefix);
-    record = {prefix.ticks, at + sizeof prefix, static_cast<std::uint32_t>(prefix.size)};
-    return true;
-}
-
-void PacketRing::pop(const Record& record) {
-    const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
-    m_tail.store(tail + footprint(record.size), std::memory_order_release);
 }
 
 }  // namespace tap

@@ -20,6 +20,7 @@ public:
         std::uint64_t ticks;
         const unsigned char* data;
         std::uint32_t size;
+        std::uint32_t trueSize;  // greater than size when the packet was cut
     };
 
     /// @param capacity  bytes, rounded up to a power of two; the memory is touched here, so that no poll waits for it
@@ -32,35 +33,48 @@ public:
     bool isUsable() const { return m_bytes != nullptr; }
 
     // ---- producer: one packet is reserve(), its bytes, commit() ----
-    /// Where the packet's bytes go, or null when there may be no room: try reserveSlowly() then.
-    unsigned char* reserve(std::uint64_t ticks, std::uint32_t size) {
+    /// Room for the packet's bytes. Null when there may be none: then try reserveSlow().
+    /// @param trueSize  the packet's own size, of which @p size bytes are kept
+    unsigned char* reserve(std::uint64_t ticks, std::uint32_t size, std::uint32_t trueSize) {
         const std::uint64_t head = m_head.load(std::memory_order_relaxed);
         m_end = head + footprint(size);
         if (m_end > m_limit) return nullptr;
         unsigned char* at = m_bytes + (head & m_mask);
-        const Prefix prefix{ticks, size};
+        const Prefix prefix{ticks, size, trueSize};
         std::memcpy(at, &prefix, sizeof prefix);
         return at + sizeof prefix;
     }
-    /// The same after a look at how far the consumer is. Null: there is no room, the packet is counted as lost.
-    unsigned char* reserveSlowly(std::uint64_t ticks, std::uint32_t size);
+    /// The same with the consumer's present position. Null: there is no room, and the packet is counted as lost.
+    unsigned char* reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t trueSize);
     void commit() { m_head.store(m_end, std::memory_order_release); }
-    /// All of it at once.
-    void put(std::uint64_t ticks, const void* data, std::uint32_t size);
+    /// Reserves, copies and commits.
+    void put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t trueSize = 0);
 
     // ---- consumer ----
-    /// Everything that was put so far lies before this position.
+    /// The end of the packets that are there now.
     std::uint64_t published() const { return m_head.load(std::memory_order_acquire); }
     /// The oldest packet, when it lies before @p limit.
-    bool front(std::uint64_t limit, Record& record) const;
-    void pop(const Record& record);
+    bool front(std::uint64_t limit, Record& record) const {
+        const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
+        if (tail == limit) return false;
+        const unsigned char* at = m_bytes + (tail & m_mask);
+        Prefix prefix;
+        std::memcpy(&prefix, at, sizeof prefix);
+        record = {prefix.ticks, at + sizeof prefix, prefix.size, prefix.trueSize};
+        return true;
+    }
+    void pop(const Record& record) {
+        const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
+        m_tail.store(tail + footprint(record.size), std::memory_order_release);
+    }
     /// Since the ring was made.
     std::uint64_t lost() const { return m_lost.load(std::memory_order_relaxed); }
 
 private:
     struct Prefix {
         std::uint64_t ticks;
-        std::uint64_t size;
+        std::uint32_t size;
+        std::uint32_t trueSize;
     };
     static_assert(sizeof(Prefix) == 16);
 

@@ -5,7 +5,7 @@
 
 namespace tap {
 
-/// One line on standard error: the application's own output stays as it is.
+/// Writes one line to standard error. Standard output is the application's.
 inline void report(const std::string& line) { std::fprintf(stderr, "vexo tap: %s\n", line.c_str()); }
 
 }  // namespace tap

@@ -10,7 +10,8 @@ namespace tap {
 inline constexpr char kFileVariable[] = "VEXO_TAP_FILE";            // path of the first file
 inline constexpr char kRegistersVariable[] = "VEXO_TAP_REGISTERS";  // 1: register accesses too
 inline constexpr char kRotateVariable[] = "VEXO_TAP_ROTATE_MB";     // no file grows beyond; 0 = any size
-inline constexpr char kRingVariable[] = "VEXO_TAP_RING_MB";         // memory for packets on their way, a stream
+inline constexpr char kRingVariable[] =
+    "VEXO_TAP_RING_MB";  // memory of each stream for packets that wait for the writer
 
 inline constexpr char kDefaultFile[] = "vexo.pcapng";
 inline constexpr std::uint64_t kDefaultRingMb = 16;
@@ -18,7 +19,7 @@ inline constexpr std::uint64_t kMaxRingMb = 4096;
 inline constexpr std::uint64_t kMaxRotateMb = 1U << 20;
 inline constexpr std::uint64_t kMegabyte = 1U << 20;
 
-/// What is to be captured, and where to.
+/// What the tap captures, and the file for it.
 struct Settings {
     std::string file = kDefaultFile;
     bool registers = false;
@@ -26,7 +27,7 @@ struct Settings {
     std::size_t ringBytes = kDefaultRingMb * kMegabyte;
 };
 
-/// A value that cannot be used is reported on standard error, and the default stands.
+/// Reports an invalid value on standard error and uses the default instead.
 Settings settingsFromEnvironment();
 
 }  // namespace tap

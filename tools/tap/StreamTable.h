@@ -9,8 +9,8 @@ namespace tap {
 
 struct Source;
 
-/// Which open stream is captured into which source. Looked up at every poll, by any thread, without a lock; changed by
-/// one thread at a time.
+/// Finds the source that an open stream is captured into. Any thread looks it up at every poll, without a lock. One
+/// thread at a time changes it.
 class StreamTable {
 public:
     static constexpr std::size_t kSlots = 256;
@@ -61,9 +61,9 @@ public:
     }
 
 private:
-    // Neither is an address of anything, nor null: a program's null stream is not found.
+    // No object has these addresses, and neither is null: a null stream is not found.
     static constexpr std::uintptr_t kEmpty = 1;
-    static constexpr std::uintptr_t kRemoved = 2;  // a search must go on behind it
+    static constexpr std::uintptr_t kRemoved = 2;  // a search continues behind it
     static const void* empty() { return reinterpret_cast<const void*>(kEmpty); }
     static const void* removed() { return reinterpret_cast<const void*>(kRemoved); }
 

@@ -14,8 +14,8 @@
 #include <system_error>
 #include <thread>
 
-#include "tap/Version.h"
 #include "tools/tap/Report.h"
+#include "tools/tap/Version.h"
 
 namespace tap {
 
@@ -27,19 +27,19 @@ constexpr auto kIdle = std::chrono::milliseconds(1);
 constexpr auto kFlushEvery = std::chrono::milliseconds(100);
 
 struct Capture {
-    Capture(const Settings& s, capture::CaptureFiles::Settings files) : settings(s), recorder(s, std::move(files)) {}
+    Capture(const Settings& s, capture::CaptureFiles::Settings files) : settings(s), writer(s, std::move(files)) {}
 
     Settings settings;
-    Recorder recorder;
+    TapWriter writer;
     std::mutex registerMutex;  // register accesses come from any thread; they are rare
     Source* registers = nullptr;
     std::atomic<bool> ending{false};
-    std::thread writer;
+    std::thread thread;
 };
 
 enum class State { kNotBegun, kRunning, kOff };
 
-// Never deleted while the process lives: a poll or an access may be under way while it ends.
+// Never deleted: a poll or an access may be under way when the process ends.
 std::atomic<Capture*> g_capture{nullptr};
 std::atomic<State> g_state{State::kNotBegun};
 std::mutex g_beginMutex;
@@ -79,19 +79,19 @@ capture::CaptureFiles::Settings fileSettings(const Settings& settings) {
 void runWriter(Capture& capture) {
     if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
     ::pthread_setname_np(::pthread_self(), "vexo-tap");
-    capture.recorder.startClock();
+    capture.writer.startClock();
     auto flushed = std::chrono::steady_clock::now();
     while (!capture.ending.load(std::memory_order_acquire)) {
-        if (!capture.recorder.drain()) std::this_thread::sleep_for(kIdle);
+        if (!capture.writer.drain()) std::this_thread::sleep_for(kIdle);
         const auto now = std::chrono::steady_clock::now();
         if (now - flushed < kFlushEvery) continue;
-        capture.recorder.flush();
+        capture.writer.flush();
         flushed = now;
     }
-    capture.recorder.finish();
+    capture.writer.finish();
 }
 
-// The application's signals are the application's business: none of its handlers may run in the writer.
+// All signals are blocked in the writer: the application's handlers must not run in its thread.
 bool startWriter(Capture& capture) {
     sigset_t all;
     sigset_t before;
@@ -99,7 +99,7 @@ bool startWriter(Capture& capture) {
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
     bool started = true;
     try {
-        capture.writer = std::thread([&capture] { runWriter(capture); });
+        capture.thread = std::thread([&capture] { runWriter(capture); });
     } catch (const std::system_error& error) {
         report(std::string("cannot start the writer: ") + error.what() + "; nothing is captured");
         started = false;
@@ -109,12 +109,12 @@ bool startWriter(Capture& capture) {
 }
 
 void tellResult(const Capture& capture) {
-    const capture::CaptureFiles& files = capture.recorder.files();
+    const capture::CaptureFiles& files = capture.writer.files();
     report(std::to_string(files.written()) + " packets in " + std::to_string(files.files()) + " file(s), " +
            std::to_string(files.lost()) + " lost");
 }
 
-// Calls that come from now on go straight to the card.
+// From now on calls go to the card unrecorded.
 bool turnOff() {
     const bool wasRunning = g_state.exchange(State::kOff) == State::kRunning;
     g_streams.clear();
@@ -122,7 +122,7 @@ bool turnOff() {
     return wasRunning;
 }
 
-// The child of a fork has no writer, and its parent's file is none of its business.
+// A child of fork() has no writer, and must not write into its parent's file.
 void stopInChild() { turnOff(); }
 
 void begin() {
@@ -133,7 +133,7 @@ void begin() {
     const Settings settings = settingsFromEnvironment();
     auto capture = std::make_unique<Capture>(settings, fileSettings(settings));
     if (settings.registers) {
-        capture->registers = capture->recorder.add({capture::kRegisterLink, "registers", "register accesses"});
+        capture->registers = capture->writer.add({capture::kRegisterLink, "registers", "register accesses"});
         if (capture->registers == nullptr) report("no memory for register accesses: they are not captured");
     }
     if (startWriter(*capture)) {
@@ -153,18 +153,18 @@ Capture* running() {
     g_cpusKnown = ::sched_getaffinity(0, sizeof g_cpusAtStart, &g_cpusAtStart) == 0;
 }
 
-// At exit: what is in the rings is written, and the file ended.
+// At exit: writes what is in the rings, and ends the file.
 [[gnu::destructor]] void end() {
     if (!turnOff()) return;
     Capture& capture = *g_capture.load();
     capture.ending.store(true, std::memory_order_release);
-    capture.writer.join();
+    capture.thread.join();
     tellResult(capture);
 }
 
 }  // namespace
 
-// Handles may be made while other libraries start and be forgotten while they end: never destroyed.
+// Never destroyed: other libraries may make handles before the tap's constructors and after its destructors.
 Origins& origins() {
     static auto* all = new Origins;
     return *all;
@@ -174,12 +174,16 @@ void openStream(const void* stream, const Origin& origin) {
     Capture* capture = running();
     if (capture == nullptr) return;
     const capture::InterfaceInfo info = describeStream(origin);
-    Source* source = capture->recorder.add(info);
+    Source* source = capture->writer.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
-    // A handle may come back without a call of destroy: with a library that frees it some other way.
-    if (Source* before = g_streams.remove(stream)) Recorder::release(*before);
+    // The same handle may come back without a call of destroy, with a library that frees it in another way.
+    if (Source* before = g_streams.remove(stream)) TapWriter::release(*before);
+    if (source != nullptr) {
+        source->stream = stream;
+        source->limit.store(0, std::memory_order_relaxed);
+    }
     if (source != nullptr && g_streams.insert(stream, source)) return;
-    if (source != nullptr) Recorder::release(*source);
+    if (source != nullptr) TapWriter::release(*source);
     report("no memory or no room for " + info.name + ": it is not captured");
 }
 
@@ -187,7 +191,7 @@ void closeStream(const void* stream) {
     if (g_state.load(std::memory_order_acquire) != State::kRunning) return;
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
     Source* source = g_streams.remove(stream);
-    if (source != nullptr) Recorder::release(*source);
+    if (source != nullptr) TapWriter::release(*source);
 }
 
 bool recordsRegisters() {

@@ -2,8 +2,8 @@
 
 #include "capture/RegisterAccess.h"
 #include "tools/tap/Origins.h"
-#include "tools/tap/Recorder.h"
 #include "tools/tap/StreamTable.h"
+#include "tools/tap/TapWriter.h"
 
 /// The tap of this process: at most one capture, begun by the first stream or register access.
 namespace tap {
@@ -13,11 +13,11 @@ Origins& origins();
 /// The streams that are captured at this moment.
 [[gnu::visibility("hidden")]] extern StreamTable g_streams;
 
-/// Captures what @p stream delivers from now on, unless this process does not capture (any more).
+/// Captures what @p stream delivers from now on, unless the capture of this process has ended.
 void openStream(const void* stream, const Origin& origin);
 void closeStream(const void* stream);
 
-/// Whether register accesses are to be recorded; begins the capture if need be.
+/// Whether register accesses are recorded. Begins the capture if that has not been done.
 bool recordsRegisters();
 /// Records one access: @p startTicks before the call, access.durationNs in ticks.
 void recordAccess(std::uint64_t startTicks, const capture::RegisterAccess& access);

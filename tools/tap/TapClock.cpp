@@ -31,11 +31,11 @@ std::uint64_t timeOfDay() {
 namespace {
 
 constexpr double kSampleEveryNs = 1e6;
-constexpr double kMaxDeviation = 0.01;  // beyond it, somebody set the system's clock
+constexpr double kMaxDeviation = 0.01;  // a greater one means that the system's clock was set
 
 }  // namespace
 
-// The thread may lose its processor between the two clocks: the closest of a few readings counts.
+// The thread may lose its processor between the two clocks. Of a few readings the closest pair counts.
 WallClock::Moment WallClock::readBoth() {
     Moment best;
     std::uint64_t bestGap = ~std::uint64_t{0};

@@ -5,11 +5,11 @@
 
 namespace tap {
 
-/// The polling thread only notes the processor's time-stamp counter, one instruction; the writer's thread finds out
-/// later which time of day that was. Where the counter does not run evenly, ticks are the time of day itself.
+/// The polling thread notes the processor's time-stamp counter, one instruction. The writer's thread later turns it
+/// into the time of day. On a processor whose counter does not run evenly, ticks are the time of day.
 namespace clock_ticks {
 
-[[gnu::visibility("hidden")]] extern bool g_counterIsEven;  // set by choose(), before the first ticks()
+[[gnu::visibility("hidden")]] extern bool g_counterIsEven;  // set by choose(), before the first now()
 
 void choose();
 std::uint64_t timeOfDay();  // nanoseconds since 1970
@@ -18,8 +18,8 @@ inline std::uint64_t now() { return g_counterIsEven ? __rdtsc() : timeOfDay(); }
 
 }  // namespace clock_ticks
 
-/// Turns ticks into nanoseconds since 1970: a straight line through two moments at which both clocks were read, drawn
-/// anew every millisecond, so that it follows every correction of the system's clock. For one thread.
+/// Turns ticks into nanoseconds since 1970, by a straight line through two readings of both clocks. The line is renewed
+/// every millisecond, so that it follows corrections of the system's clock. For one thread.
 class WallClock {
 public:
     /// Reads both clocks, if it is time.

@@ -60,6 +60,9 @@ stream.experts = { broken }
 
 local head_size = 12
 
+-- The text of an id: it ends at its first zero byte or with the range. Ids are plain ASCII; other bytes become dots.
+local function text_of(range) return (range:raw():match("^%Z*"):gsub("[^ -~]", ".")) end
+
 -- The message area of a contract map; the first message has a longer header than the others.
 local function show_map(buffer, info, tree)
     if buffer:len() < 15 then
@@ -87,7 +90,7 @@ local function show_map(buffer, info, tree)
         message:add(f.map_row, buffer(at + header - 2, 2))
         local id = buffer(at + header, length - header)
         if id:len() > 0 then message:add(f.map_id, id) end
-        local name = id:len() > 0 and id:string() or "(empty)"
+        local name = id:len() > 0 and text_of(id) or "(empty)"
         message:set_text(string.format("Message: row %d, %s", buffer(at + header - 2, 2):uint(), name))
         at, messages = at + length, messages + 1
     end
@@ -112,8 +115,9 @@ local function add_money(tree, field, range) tree:add(field, range, range:le_int
 
 local function show_quote(buffer, info, tree)
     local quote = buffer(head_size)
+    local id = text_of(quote(8, 32))
     tree:add_le(f.quote_sequence, quote(0, 8))
-    tree:add(f.quote_id, quote(8, 32), quote(8, 32):stringz())
+    tree:add(f.quote_id, quote(8, 32), id)
     tree:add_le(f.quote_row, quote(40, 2))
     tree:add_le(f.quote_table, quote(42, 1))
     tree:add_le(f.quote_level, quote(43, 1))
@@ -136,7 +140,7 @@ local function show_quote(buffer, info, tree)
         add_money(tree, f.quote_ask_price, quote(common_size + 8 * (depth + i), 8))
         tree:add_le(f.quote_ask_volume, quote(volumes + 4 * (depth + i), 4))
     end
-    info.cols.info:append(", " .. quote(8, 32):stringz())
+    info.cols.info:append(", " .. id)
 end
 
 -- Of the head the market-data library reads the type only; the simulated card's carries the packet's length.

@@ -164,8 +164,56 @@ TEST_F(CaptureFilesTest, AFullDiskIsToldOnceAndCostsCountedPacketsOnly) {
     EXPECT_EQ(file.packets[2].timeNs, 6U);
     EXPECT_EQ(file.interfaces[0].counts->received, 7U);
     EXPECT_EQ(file.interfaces[0].counts->dropped, 4U);
-    ASSERT_THAT(reports, SizeIs(2));
-    EXPECT_EQ(reports[1], "cannot write " + dir.Path("a.pcapng") + ": File too large; packets are lost, and counted");
+    EXPECT_THAT(reports,
+                ElementsAre(StartsWith("writing "),
+                            "cannot write " + dir.Path("a.pcapng") + ": File too large; packets are lost, and counted",
+                            "4 packets were lost while " + dir.Path("a.pcapng") + " could not be written"));
+}
+
+TEST_F(CaptureFilesTest, EachFullDiskIsToldAndThePacketsThatItCost) {
+    CaptureFiles files(settings("a.pcapng"));
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    const std::string bytes(1000, 'x');
+    for (std::uint64_t round = 0; round < 2; ++round) {
+        files.addPacket(channel, round, "kept", 4);
+        files.flush();
+        const FullDisk full(500);
+        for (std::uint64_t i = 0; i < round + 1; ++i) files.addPacket(channel, round, bytes.data(), 1000);
+        files.flush();
+    }
+    files.close(7);
+    const ReadFile file = read("a.pcapng");
+    EXPECT_FALSE(file.damage);
+    EXPECT_THAT(file.packets, SizeIs(2));
+    EXPECT_EQ(file.interfaces[0].counts->dropped, 3U);
+    const std::string cannot = "cannot write " + dir.Path("a.pcapng") + ": ";
+    EXPECT_THAT(reports, ElementsAre(StartsWith("writing "), StartsWith(cannot), StartsWith("1 packets were lost"),
+                                     StartsWith(cannot), StartsWith("2 packets were lost")));
+}
+
+TEST_F(CaptureFilesTest, ADiskThatStaysFullUntilTheEndIsToldWithThePacketsThatItCost) {
+    CaptureFiles files(settings("a.pcapng"));
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    files.flush();
+    const FullDisk full(1);
+    files.addPacket(channel, 1, "lost", 4);
+    files.close(7);
+    EXPECT_FALSE(read("a.pcapng").damage);
+    EXPECT_THAT(reports, ElementsAre(StartsWith("writing "), StartsWith("cannot write "),
+                                     "1 packets were lost while " + dir.Path("a.pcapng") + " could not be written"));
+}
+
+TEST_F(CaptureFilesTest, APacketThatWasCutKeepsItsTrueSize) {
+    CaptureFiles files(settings("a.pcapng"));
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    files.addPacket(channel, 1, "whole", 5);
+    files.addPacket(channel, 2, "head", 4, 9'000'000);
+    files.close(3);
+    const ReadFile file = read("a.pcapng");
+    ASSERT_THAT(file.packets, SizeIs(2));
+    EXPECT_EQ(file.packets[0].trueSize, 5U);
+    EXPECT_EQ(file.packets[1].bytes, "head");
+    EXPECT_EQ(file.packets[1].trueSize, 9'000'000U);
 }
 
 TEST_F(CaptureFilesTest, AnInterfaceThatAFullDiskRefusedIsDescribedBeforeItsNextPacket) {
@@ -196,5 +244,5 @@ TEST_F(CaptureFilesTest, AFileThatCannotBeCreatedIsToldOnceAndTriedAgain) {
     ASSERT_THAT(file.packets, SizeIs(1));
     EXPECT_EQ(file.interfaces[0].counts->dropped, 1U);
     EXPECT_THAT(reports, ElementsAre("cannot create " + dir.Path("later/a.pcapng") + ": No such file or directory",
-                                     StartsWith("writing ")));
+                                     StartsWith("writing "), StartsWith("1 packets were lost while ")));
 }

@@ -19,6 +19,7 @@ struct ReadPacket {
     std::uint64_t timeNs;
     std::string bytes;
     std::uint64_t offset;
+    std::uint32_t trueSize;
 
     bool operator==(const ReadPacket& other) const {
         return interface == other.interface && timeNs == other.timeNs && bytes == other.bytes && offset == other.offset;
@@ -48,7 +49,8 @@ inline ReadFile readAll(std::istream& in) {
     Reader reader(in);
     for (Packet packet; reader.next(packet);) {
         file.packets.push_back({packet.interface->info.name, packet.timeNs,
-                                std::string(reinterpret_cast<const char*>(packet.data), packet.size), packet.offset});
+                                std::string(reinterpret_cast<const char*>(packet.data), packet.size), packet.offset,
+                                packet.trueSize});
     }
     file.interfaces = reader.interfaces();
     file.damage = reader.damage();

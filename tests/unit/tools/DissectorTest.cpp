@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <random>
 #include <regex>
 #include <sstream>
 
@@ -200,6 +201,65 @@ TEST_F(Dissector, NoLengthOfAPacketMakesItStumble) {
     write(blocks);
     EXPECT_THAT(tshark("-V"), AllOf(HasSubstr("Too short for a packet's head"), Not(HasSubstr("Lua Error"))));
     EXPECT_EQ(count("vexo || vexo_reg"), packets);
+}
+
+// A quote of the simulated card, by its lengths and its marks, whose other bytes are all the same.
+std::string quoteOf(char type, char filler) {
+    const bool isLevel5 = type == 18 || type == 20;
+    std::string packet(isLevel5 ? 12 + 224 : 12 + 128, filler);
+    packet.replace(0, 8, std::string({type, 0, 0, 0, static_cast<char>(packet.size()), 0, 0, 0}));
+    packet[12 + 42] = type >= 19 ? 1 : 0;
+    packet[12 + 43] = isLevel5 ? 5 : 1;
+    return packet;
+}
+
+TEST_F(Dissector, AnIdWithoutAnEndIsShownToItsLastByteAndNoFurther) {
+    write(fileWith(kStreamLink, quoteOf(17, 'A')));
+    EXPECT_EQ(tshark("-T fields -e vexo.quote.id"), std::string(32, 'A') + "\n");
+    EXPECT_THAT(tshark(""), HasSubstr(", " + std::string(32, 'A') + "\n"));
+    std::string packet = quoteOf(18, 'B');
+    packet[12 + 8 + 5] = 0;
+    write(fileWith(kStreamLink, packet));
+    EXPECT_EQ(tshark("-T fields -e vexo.quote.id"), "BBBBB\n");
+}
+
+TEST_F(Dissector, NoBytesOfAPacketMakeItStumble) {
+    BlockBuffer blocks;
+    appendSection(blocks, {});
+    appendInterface(blocks, {kStreamLink, "channel 0", ""});
+    appendInterface(blocks, {kRegisterLink, "registers", ""});
+    std::mt19937 random(20250115);
+    std::uint64_t packets = 0;
+    for (int round = 0; round < 400; ++round) {
+        for (const char type : {'\x11', '\x12', '\x13', '\x14', '\x02'}) {
+            std::string packet = quoteOf(type, round % 2 == 0 ? '\xff' : '\x80');
+            for (std::size_t i = 12; round > 1 && i < packet.size(); ++i) {
+                const bool isMark = type != 2 && (i == 12 + 42 || i == 12 + 43);
+                if (!isMark) packet[i] = static_cast<char>(random());
+            }
+            if (type == 2) packet[12] = 0;
+            appendPacket(blocks, 0, packets++, packet.data(), static_cast<std::uint32_t>(packet.size()));
+        }
+        RegisterAccess access;
+        std::string record(reinterpret_cast<const char*>(&access), sizeof access);
+        for (std::size_t i = 6; i < record.size(); ++i) record[i] = static_cast<char>(round == 0 ? 0xFF : random());
+        appendPacket(blocks, 1, packets++, record.data(), static_cast<std::uint32_t>(record.size()));
+    }
+    write(blocks);
+    EXPECT_THAT(tshark("-V"), Not(HasSubstr("Lua Error")));
+    EXPECT_EQ(count("vexo || vexo_reg"), packets);
+}
+
+TEST_F(Dissector, APacketThatWasCutIsShownWithWhatThereIs) {
+    BlockBuffer blocks;
+    appendSection(blocks, {});
+    appendInterface(blocks, {kStreamLink, "channel 0", ""});
+    const std::string packet = quoteOf(17, 'A');
+    for (std::uint32_t size = 0; size <= packet.size(); ++size)
+        appendPacket(blocks, 0, size, packet.data(), size, 9'000'000);
+    write(blocks);
+    EXPECT_THAT(tshark("-V"), Not(HasSubstr("Lua Error")));
+    EXPECT_EQ(count("vexo && frame.len == 9000000"), packet.size() + 1);
 }
 
 TEST_F(Dissector, ShowsARegisterAccessWithItsName) {

@@ -76,6 +76,12 @@ enyx_hw_a2c_stream* enyx_hw_a2c_stream_create(const enyx_hw_a2c_stream_descripto
 }
 void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) { free(stream); }
 
+int enyx_hw_a2c_stream_get_mtu(const enyx_hw_a2c_stream* stream, uint32_t* mtu) {
+    if (stream == NULL || number("SCRIPTED_NO_MTU", 0) != 0) return -1;
+    *mtu = SCRIPTED_MAX_SIZE;
+    return 0;
+}
+
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     if (handler == NULL) {
         errno = EINVAL;

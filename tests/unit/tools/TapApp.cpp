@@ -136,6 +136,12 @@ void pollWithoutHandler(enyx_hw_a2c_stream* stream) {
     if (enyx_hw_a2c_stream_poll_once(stream, nullptr, nullptr) != -1 || errno != EINVAL) fail("no handler, no error");
 }
 
+void receiveAfterAskingForMtu(enyx_hw_a2c_stream* stream) {
+    std::uint32_t mtu = 0;
+    if (enyx_hw_a2c_stream_get_mtu(stream, &mtu) != 0 || mtu != SCRIPTED_MAX_SIZE) fail("the MTU is another one");
+    receiveAll(stream, count);
+}
+
 void accessRegisters() {
     enyx_hw_mmio_descriptor* descriptor = nullptr;
     enyx_hw_accelerator_enumerate_mmios(openCard(2), nullptr, &descriptor, 1);
@@ -208,6 +214,7 @@ int main(int argc, char** argv) {
     if (way == "twice") receiveTwice(third);
     if (way == "without-disk") receiveWithoutDisk(third);
     if (way == "no-handler") pollWithoutHandler(openStream(third).get());
+    if (way == "ask-mtu") receiveAfterAskingForMtu(openStream(third).get());
     if (way == "registers") accessRegisters();
     if (way == "look-at-writer") lookAtWriter(third);
     if (way == "wait") receiveAndWait(openStream(third).get());

@@ -187,6 +187,34 @@ TEST_F(Tap, WhenTheWriterFallsBehindEveryPacketIsEitherInTheFileOrCounted) {
     EXPECT_EQ(counts->dropped, kPackets - file.packets.size());
 }
 
+TEST_F(Tap, ALengthBeyondTheMtuIsCutToItAndTheTrueLengthIsKept) {
+    const ProgramResult program = run("receive", "SCRIPTED_PACKETS=3 SCRIPTED_SIZE=12000000");
+    EXPECT_EQ(program.status, 0) << program.output;
+    EXPECT_THAT(program.output, HasSubstr("received 3\n"));
+    const ReadFile file = read();
+    EXPECT_FALSE(file.damage);
+    ASSERT_THAT(file.packets, SizeIs(3));
+    for (std::uint32_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(numberOf(file.packets[i]), i + 1);
+        EXPECT_EQ(file.packets[i].bytes.size(), std::size_t{SCRIPTED_MAX_SIZE});
+        EXPECT_EQ(file.packets[i].trueSize, 12'000'000U);
+    }
+}
+
+TEST_F(Tap, TheMtuThatTheProgramAskedForIsTheSame) {
+    const ProgramResult program = run("ask-mtu", "SCRIPTED_PACKETS=3 SCRIPTED_SIZE=12000000");
+    EXPECT_EQ(program.status, 0) << program.output;
+    ASSERT_THAT(read().packets, SizeIs(3));
+    EXPECT_EQ(read().packets[0].bytes.size(), std::size_t{SCRIPTED_MAX_SIZE});
+}
+
+TEST_F(Tap, APacketOfAStreamWithoutMtuIsKeptWhole) {
+    const ProgramResult program = run("receive", "SCRIPTED_NO_MTU=1 SCRIPTED_PACKETS=3 SCRIPTED_SIZE=1500");
+    EXPECT_EQ(program.status, 0) << program.output;
+    ASSERT_THAT(read().packets, SizeIs(3));
+    EXPECT_EQ(read().packets[0].bytes.size(), 1500U);
+}
+
 TEST_F(Tap, RotatesBySize) {
     EXPECT_EQ(run("receive", "SCRIPTED_PACKETS=2000 SCRIPTED_SIZE=2000 VEXO_TAP_ROTATE_MB=1").status, 0);
     std::uint32_t next = 1;

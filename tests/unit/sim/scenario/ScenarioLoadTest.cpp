@@ -177,7 +177,7 @@ TEST_F(ScenarioTest, CallsFailWithAnErrnoByNameOrNumberOrWithAResult) {
                               "result = -2\n")
                               .callFailures;
     ASSERT_THAT(failures, SizeIs(3));
-    EXPECT_EQ(failures[0].call, "enyx_hw_read");
+    EXPECT_STREQ(hw_calls::nameOf(failures[0].call), "enyx_hw_read");
     EXPECT_EQ(failures[0].nth, 3U);
     EXPECT_EQ(failures[0].times, 1U);
     EXPECT_EQ(failures[0].error, EIO);

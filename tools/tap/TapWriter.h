@@ -12,20 +12,23 @@
 
 namespace tap {
 
-/// What a program gives to a poll.
+/// A program's packet handler.
 using Handler = void (*)(const std::uint8_t* data, std::uint32_t size, void* context);
 
-/// One stream of the card, or its registers: where packets come in.
+/// A source of packets: one stream of the card, or its registers.
 struct Source {
     Source(capture::InterfaceInfo what, std::size_t ringBytes) : info(std::move(what)), ring(ringBytes) {}
 
     const capture::InterfaceInfo info;
     PacketRing ring;
-    std::atomic<bool> open{true};  // false: nobody puts anything any more, the source may be taken for the same stream
+    std::atomic<bool> open{true};  // false: closed; the same stream may use it again
 
-    // Whom the poll that is under way is for: one thread at a time polls a stream.
+    // Handler and context of the poll that is under way. One thread at a time polls a stream.
     Handler handler = nullptr;
     void* context = nullptr;
+
+    const void* stream = nullptr;         // the handle; null for registers
+    std::atomic<std::uint32_t> limit{0};  // bytes of a packet that are kept; 0 = the stream's MTU is not known yet
 
     // Writer's side.
     bool described = false;
@@ -34,30 +37,30 @@ struct Source {
     std::uint64_t lastNs = 0;
 };
 
-/// Carries packets from the sources' rings into the files. Whoever polls only touches a ring; everything here runs in
-/// the writer's thread, but for add() and release().
-class Recorder {
+/// Carries packets from the sources' rings into the files. Polling threads touch only the rings. All else runs in the
+/// writer's thread, except add() and release().
+class TapWriter {
 public:
     static constexpr std::size_t kMaxSources = 128;
 
-    Recorder(const Settings& settings, capture::CaptureFiles::Settings files)
+    TapWriter(const Settings& settings, capture::CaptureFiles::Settings files)
         : m_ringBytes(settings.ringBytes), m_files(std::move(files)) {}
-    /// Its sources end with it: nobody may be inside a poll of one.
-    ~Recorder();
-    Recorder(const Recorder&) = delete;
-    Recorder& operator=(const Recorder&) = delete;
+    /// Its sources end with it. No thread may be inside a poll of one.
+    ~TapWriter();
+    TapWriter(const TapWriter&) = delete;
+    TapWriter& operator=(const TapWriter&) = delete;
 
-    /// The source for an interface: a new one, or the one that the same stream left when it was closed.
-    /// @return null when there is no memory or no room for another; the caller tells.
+    /// The source for an interface: a new one, or the closed one of the same stream.
+    /// @return null when there is no memory or no room for another; the caller reports it
     Source* add(const capture::InterfaceInfo& info);
     static void release(Source& source) { source.open.store(false, std::memory_order_release); }
 
-    /// Makes the clock usable; takes a millisecond.
+    /// Must be called before the first drain(). Takes a millisecond.
     void startClock();
-    /// Takes what lies in the rings at this moment, oldest first. @return false when nothing did.
+    /// Writes the packets that are in the rings now, oldest first. @return false when there were none.
     bool drain();
     void flush() { m_files.flush(); }
-    /// The last drain, and the end of the file.
+    /// Writes the last packets and ends the file.
     void finish();
 
     const capture::CaptureFiles& files() const { return m_files; }

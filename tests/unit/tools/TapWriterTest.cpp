@@ -6,21 +6,21 @@
 #include "capture/RegisterAccess.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
-#include "tools/tap/Recorder.h"
+#include "tools/tap/TapWriter.h"
 
 using namespace capture;
 using tap::PacketRing;
-using tap::Recorder;
 using tap::Source;
+using tap::TapWriter;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
 namespace {
 
 /// The writer's side with the test as the writer's thread: nothing is taken out of a ring before drain().
-class RecorderTest : public ::testing::Test {
+class TapWriterTest : public ::testing::Test {
 protected:
-    RecorderTest() { tap::clock_ticks::g_counterIsEven = false; }  // ticks are nanoseconds, as the test says them
+    TapWriterTest() { tap::clock_ticks::g_counterIsEven = false; }  // ticks are nanoseconds, as the test says them
 
     tap::Settings settings() const {
         tap::Settings s;
@@ -33,58 +33,58 @@ protected:
         s.report = [](const std::string&) {};
         return s;
     }
-    Source& add(const std::string& name) { return *recorder.add({kStreamLink, name, ""}); }
+    Source& add(const std::string& name) { return *writer.add({kStreamLink, name, ""}); }
     ReadFile read() { return readPath(dir.Path("a.pcapng")); }
 
     test_support::TempDir dir;
-    Recorder recorder{settings(), files()};
+    TapWriter writer{settings(), files()};
 };
 
 }  // namespace
 
-TEST_F(RecorderTest, WhatDoesNotFitIntoTheRingIsCountedExactly) {
+TEST_F(TapWriterTest, WhatDoesNotFitIntoTheRingIsCountedExactly) {
     Source& source = add("channel 0");
     for (std::uint64_t i = 0; i < 1000; ++i) source.ring.put(i, "0123456789", 10);
-    recorder.drain();
+    writer.drain();
     for (std::uint64_t i = 0; i < 100; ++i) source.ring.put(i, "0123456789", 10);
-    recorder.finish();
+    writer.finish();
     const ReadFile file = read();
     EXPECT_THAT(file.packets, SizeIs(4096 / 32 + 100));  // 16 bytes before each packet, which itself takes 16
     EXPECT_EQ(file.interfaces[0].counts->received, 1100U);
     EXPECT_EQ(file.interfaces[0].counts->dropped, 1100U - file.packets.size());
 }
 
-TEST_F(RecorderTest, PacketsOfSeveralStreamsAreWrittenInTheOrderOfTheirTimes) {
+TEST_F(TapWriterTest, PacketsOfSeveralStreamsAreWrittenInTheOrderOfTheirTimes) {
     Source& zero = add("channel 0");
     Source& one = add("channel 1");
     for (const std::uint64_t ticks : {10, 30, 50}) zero.ring.put(ticks, "", 0);
     for (const std::uint64_t ticks : {20, 40, 60}) one.ring.put(ticks, "", 0);
-    recorder.finish();
+    writer.finish();
     std::vector<std::uint64_t> times;
     for (const ReadPacket& packet : read().packets) times.push_back(packet.timeNs);
     EXPECT_THAT(times, ElementsAre(10, 20, 30, 40, 50, 60));
 }
 
-TEST_F(RecorderTest, AStreamIsInTheFileAlsoWithoutPackets) {
+TEST_F(TapWriterTest, AStreamIsInTheFileAlsoWithoutPackets) {
     add("channel 7");
-    recorder.finish();
+    writer.finish();
     ASSERT_THAT(read().interfaces, SizeIs(1));
     EXPECT_EQ(read().interfaces[0].info.name, "channel 7");
 }
 
-TEST_F(RecorderTest, AClosedStreamLeavesItsPlaceToTheSameStreamOnly) {
+TEST_F(TapWriterTest, AClosedStreamLeavesItsPlaceToTheSameStreamOnly) {
     Source& first = add("channel 7");
     EXPECT_NE(&add("channel 7"), &first);
-    Recorder::release(first);
+    TapWriter::release(first);
     EXPECT_NE(&add("channel 8"), &first);
     EXPECT_EQ(&add("channel 7"), &first);
-    recorder.finish();
+    writer.finish();
 }
 
-TEST_F(RecorderTest, ThereIsAnEndToTheStreamsOfAProcess) {
-    for (std::size_t i = 0; i < Recorder::kMaxSources; ++i) ASSERT_NE(recorder.add({kStreamLink, "x", ""}), nullptr);
-    EXPECT_EQ(recorder.add({kStreamLink, "x", ""}), nullptr);
-    recorder.finish();
+TEST_F(TapWriterTest, ThereIsAnEndToTheStreamsOfAProcess) {
+    for (std::size_t i = 0; i < TapWriter::kMaxSources; ++i) ASSERT_NE(writer.add({kStreamLink, "x", ""}), nullptr);
+    EXPECT_EQ(writer.add({kStreamLink, "x", ""}), nullptr);
+    writer.finish();
 }
 
 TEST(TapRing, CarriesPacketsOfEverySizeInOrderAndWhole) {

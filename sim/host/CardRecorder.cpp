@@ -1,4 +1,4 @@
-#include "sim/host/Recorder.h"
+#include "sim/host/CardRecorder.h"
 
 #include <cstdio>
 #include <ctime>
@@ -22,7 +22,7 @@ capture::CaptureFiles::Settings settingsFor(const std::string& path) {
 
 }  // namespace
 
-Recorder::Recorder(const std::string& path, CardState& s) : m_files(settingsFor(path)) {
+CardRecorder::CardRecorder(const std::string& path, CardState& s) : m_files(settingsFor(path)) {
     const std::uint64_t now = wallClockNs();
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) {
         m_files.addInterface({capture::kStreamLink, "channel " + std::to_string(channel), "as the card sent it"}, now);
@@ -30,12 +30,12 @@ Recorder::Recorder(const std::string& path, CardState& s) : m_files(settingsFor(
     }
 }
 
-Recorder::~Recorder() {
+CardRecorder::~CardRecorder() {
     write();
     m_files.close(wallClockNs());
 }
 
-void Recorder::collect(CardState& s) {
+void CardRecorder::collect(CardState& s) {
     const std::uint64_t now = wallClockNs();
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) {
         ring::forEachKept(s.up[channel].ring, [&](const PacketView& packet) {
@@ -45,7 +45,7 @@ void Recorder::collect(CardState& s) {
     }
 }
 
-void Recorder::write() {
+void CardRecorder::write() {
     const unsigned char* bytes = m_bytes.data();
     for (const Packet& packet : m_packets) {
         m_files.addPacket(packet.channel, packet.timeNs, bytes, packet.size);

@@ -1,9 +1,8 @@
-#include "sim/shm/HostedCard.h"
+#include "sim/hw/HostedCard.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <utility>
 
 namespace vexo_sim {
@@ -13,31 +12,18 @@ std::size_t slotOf(CardPart stream) { return (stream.kind == CardPart::kUp ? 0 :
 
 }  // namespace
 
-HostedCard::HostedCard(CardFile file, CardBlock& block) : m_file(std::move(file)), m_block(&block) {}
-
 std::unique_ptr<HostedCard> HostedCard::attach(std::uint32_t bus) {
-    for (const std::string& path : findCardFiles(cardDirectory(), bus)) {
-        CardFile file = CardFile::open(path);
-        if (!file || !file.holderOf({CardPart::kHost})) continue;
-        CardBlock* block = file.map();
-        if (block == nullptr) continue;
-        if (!block->isCompatible()) {
-            std::fprintf(stderr,
-                         "libenyx-hw-c: the host of the simulated card at bus %u is of another version, its "
-                         "card is not used. Restart vexo-simcard.\n",
-                         bus);
-            continue;
-        }
-        return std::unique_ptr<HostedCard>(new HostedCard(std::move(file), *block));
-    }
-    return nullptr;
+    std::optional<AttachedCard> card = attachCard(bus);
+    return card ? std::unique_ptr<HostedCard>(new HostedCard(std::move(*card))) : nullptr;
 }
 
 bool HostedCard::isCurrent() const {
     struct stat named {};
-    return stat(m_file.path().c_str(), &named) == 0 && named.st_dev == m_file.device() &&
+    return responds() && stat(m_file.path().c_str(), &named) == 0 && named.st_dev == m_file.device() &&
            named.st_ino == m_file.inode();
 }
+
+std::optional<Holder> HostedCard::host() const { return describeHost(m_file, block()); }
 
 bool HostedCard::ownsHere(CardPart stream) const { return m_owner[slotOf(stream)] == getpid(); }
 
@@ -56,14 +42,29 @@ void HostedCard::release(CardPart stream) {
     m_owner[slotOf(stream)] = 0;
 }
 
+bool HostedCard::take(CardPart stream) {
+    if (!claim(stream)) return false;
+    const BlockLock lock(block());
+    const Card card(block().state);
+    close(card, stream);  // its last owner may have died and left it open
+    if (open(card, stream)) return true;
+    release(stream);
+    return false;
+}
+
+void HostedCard::giveBack(CardPart stream) {
+    if (!ownsHere(stream)) return;
+    {
+        const BlockLock lock(block());
+        close(Card(block().state), stream);
+    }
+    release(stream);
+}
+
 std::optional<Holder> HostedCard::holderOf(CardPart stream) const {
     if (const std::optional<pid_t> other = m_file.holderOf(stream)) return describeProcess(*other);
     if (ownsHere(stream)) return describeProcess(getpid());
     return std::nullopt;
-}
-
-Holder HostedCard::host() const {
-    return describeProcess(m_file.holderOf({CardPart::kHost}).value_or(m_block->host.pid));
 }
 
 }  // namespace vexo_sim

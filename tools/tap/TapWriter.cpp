@@ -1,4 +1,4 @@
-#include "tools/tap/Recorder.h"
+#include "tools/tap/TapWriter.h"
 
 #include <algorithm>
 #include <chrono>
@@ -12,16 +12,16 @@
 namespace tap {
 namespace {
 
-// Two readings of the clocks disagree by less; a greater step back is a clock that was set.
+// Two readings of the clocks differ by less. A greater step back means that the clock was set.
 constexpr std::uint64_t kClockNoiseNs = 100'000;
 
 }  // namespace
 
-Recorder::~Recorder() {
+TapWriter::~TapWriter() {
     for (std::size_t i = 0; i < m_count.load(); ++i) delete m_sources[i].load();
 }
 
-Source* Recorder::add(const capture::InterfaceInfo& info) {
+Source* TapWriter::add(const capture::InterfaceInfo& info) {
     const std::lock_guard<std::mutex> lock(m_addMutex);
     const std::size_t count = m_count.load(std::memory_order_relaxed);
     for (std::size_t i = 0; i < count; ++i) {
@@ -37,19 +37,19 @@ Source* Recorder::add(const capture::InterfaceInfo& info) {
     return source.release();
 }
 
-void Recorder::startClock() {
+void TapWriter::startClock() {
     m_clock.sample();
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     m_clock.sample();
 }
 
-void Recorder::describe(Source& source) {
+void TapWriter::describe(Source& source) {
     source.described = true;
     source.interface = m_files.addInterface(source.info, nowNs());
 }
 
-// Fills in the sources that have something, and how far to take it: what comes in meanwhile is for the next time.
-std::size_t Recorder::collect(std::array<Pending, kMaxSources>& pending) {
+// Finds the sources that have packets, and the limit up to which to take them. Later packets wait for the next drain.
+std::size_t TapWriter::collect(std::array<Pending, kMaxSources>& pending) {
     std::size_t filled = 0;
     const std::size_t count = m_count.load(std::memory_order_acquire);
     for (std::size_t i = 0; i < count; ++i) {
@@ -62,7 +62,7 @@ std::size_t Recorder::collect(std::array<Pending, kMaxSources>& pending) {
     return filled;
 }
 
-bool Recorder::drain() {
+bool TapWriter::drain() {
     std::array<Pending, kMaxSources> pending;
     std::size_t left = collect(pending);
     const bool any = left > 0;
@@ -79,12 +79,12 @@ bool Recorder::drain() {
     return any;
 }
 
-void Recorder::write(Source& source, const PacketRing::Record& record) {
+void TapWriter::write(Source& source, const PacketRing::Record& record) {
     std::uint64_t ns = m_clock.at(record.ticks);
     if (ns < source.lastNs && source.lastNs - ns < kClockNoiseNs) ns = source.lastNs;
     source.lastNs = ns;
     if (source.info.linkType != capture::kRegisterLink) {
-        m_files.addPacket(source.interface, ns, record.data, record.size);
+        m_files.addPacket(source.interface, ns, record.data, record.size, record.trueSize);
         return;
     }
     capture::RegisterAccess access;  // its duration is in ticks up to here
@@ -93,7 +93,7 @@ void Recorder::write(Source& source, const PacketRing::Record& record) {
     m_files.addPacket(source.interface, ns, &access, sizeof access);
 }
 
-void Recorder::countLost() {
+void TapWriter::countLost() {
     const std::size_t count = m_count.load(std::memory_order_acquire);
     for (std::size_t i = 0; i < count; ++i) {
         Source& source = *m_sources[i].load(std::memory_order_relaxed);
@@ -104,7 +104,7 @@ void Recorder::countLost() {
     }
 }
 
-void Recorder::finish() {
+void TapWriter::finish() {
     while (drain()) {
     }
     m_clock.sample();

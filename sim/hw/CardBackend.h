@@ -1,0 +1,55 @@
+#pragma once
+
+#include <optional>
+
+#include "sim/shm/CardBlock.h"
+#include "sim/shm/CardFile.h"
+#include "sim/shm/Holder.h"
+
+namespace vexo_sim {
+
+/// How this process reaches a card. There are two ways: OwnCard lives in this process and is advanced by its calls;
+/// HostedCard lies in shared memory and is advanced by its host. All that differs between the two is here.
+class CardBackend {
+public:
+    virtual ~CardBackend() = default;
+
+    CardBlock& block() { return *m_block; }
+    const CardBlock& block() const { return *m_block; }
+
+    /// False when the card's host has died: registers no longer answer, streams stay idle.
+    virtual bool responds() const = 0;
+    /// False when a new enumeration would find another card at this bus.
+    virtual bool isCurrent() const = 0;
+    /// The process that hosts the card, when that is another one.
+    virtual std::optional<Holder> host() const = 0;
+
+    /// Lets the card do what is due. Call it with the block locked.
+    virtual void bringUpToDate() = 0;
+    /// The next use of the card reads the clock anew, also within a second.
+    virtual void forgetTime() = 0;
+    /// The next packet of a ring that was empty: the card is advanced first, unless somebody else advances it.
+    virtual PacketView advanceAndPeek(RingState& ring) = 0;
+
+    /// Opens a stream for this process. False when somebody holds it, this process included.
+    virtual bool take(CardPart stream) = 0;
+    /// Closes a stream that this process holds. In a child of fork() the parent's streams stay open.
+    virtual void giveBack(CardPart stream) = 0;
+    /// Who holds a stream, this process included.
+    virtual std::optional<Holder> holderOf(CardPart stream) const = 0;
+
+protected:
+    explicit CardBackend(CardBlock& block) : m_block(&block) {}
+
+    static bool open(Card card, CardPart stream) {
+        return stream.kind == CardPart::kUp ? card.openUp(stream.channel) : card.openDown(stream.channel);
+    }
+    static void close(Card card, CardPart stream) {
+        stream.kind == CardPart::kUp ? card.closeUp(stream.channel) : card.closeDown(stream.channel);
+    }
+
+private:
+    CardBlock* m_block;
+};
+
+}  // namespace vexo_sim

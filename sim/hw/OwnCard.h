@@ -1,0 +1,54 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "sim/card/ZeroedMemory.h"
+#include "sim/hw/CardBackend.h"
+#include "sim/replay/CardReplay.h"
+#include "sim/scenario/Scenario.h"
+#include "sim/shm/HostClock.h"
+
+namespace vexo_sim {
+
+/// A card of this process's own, in its own memory.
+class OwnCard final : public CardBackend {
+public:
+    /// A card that is switched off. Null when there is no memory for it.
+    static std::unique_ptr<OwnCard> make();
+
+    /// Switches the card on: switchOn(Card&, now) does it. The replay of a capture ends.
+    template <typename SwitchOn>
+    void powerOn(SwitchOn switchOn) {
+        const BlockLock lock(block());
+        m_replay.reset();
+        m_clock.forget();
+        Card card(block().state);
+        switchOn(card, m_clock.now());
+    }
+    /// Replays the scenario's capture. False, with the reason in @p problem, when that is not possible; @p problem may
+    /// also say what is wrong with a capture that is replayed.
+    bool replay(const scenario::Scenario& scenario, std::string& problem);
+
+    bool responds() const override { return true; }
+    bool isCurrent() const override { return true; }
+    std::optional<Holder> host() const override { return std::nullopt; }
+    void bringUpToDate() override;
+    void forgetTime() override;
+    PacketView advanceAndPeek(RingState& ring) override;
+    bool take(CardPart stream) override;
+    void giveBack(CardPart stream) override;
+    std::optional<Holder> holderOf(CardPart stream) const override;
+
+private:
+    using Memory = ZeroedMemory<CardBlock>;
+    explicit OwnCard(std::unique_ptr<Memory> memory) : CardBackend(*memory->get()), m_memory(std::move(memory)) {}
+
+    void advance(CardState& state);
+
+    std::unique_ptr<Memory> m_memory;
+    HostClock m_clock;
+    std::unique_ptr<CardReplay> m_replay;
+};
+
+}  // namespace vexo_sim
