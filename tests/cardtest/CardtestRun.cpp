@@ -22,18 +22,31 @@ std::string Outcome::Reason(const std::string& check) const {
     return "no such check";
 }
 
-Outcome RunCardtest(const std::vector<std::string>& options, const std::vector<std::string>& environment) {
+namespace {
+
+Outcome RunProgram(const char* program, const std::vector<std::string>& options,
+                   const std::vector<std::string>& environment) {
     const test_support::TempDir directory;
     const std::string output = directory.Path() + "/out", errors = directory.Path() + "/err";
     std::vector<std::string> command = {"/usr/bin/env"};
     command.insert(command.end(), environment.begin(), environment.end());
-    command.push_back(VEXO_CARDTEST);
+    command.push_back(program);
     command.insert(command.end(), options.begin(), options.end());
     Outcome run;
     run.status = hosted::Process(command, output, errors).Wait();
     run.output = hosted::ReadFile(output);
     run.errors = hosted::ReadFile(errors);
     return run;
+}
+
+}  // namespace
+
+Outcome RunCardtest(const std::vector<std::string>& options, const std::vector<std::string>& environment) {
+    return RunProgram(VEXO_CARDTEST, options, environment);
+}
+
+Outcome RunWithoutCardLibrary(const std::vector<std::string>& options, const std::vector<std::string>& environment) {
+    return RunProgram(VEXO_BARE_CARDTEST, options, environment);
 }
 
 Outcome RunOnBrokenCard(const std::string& broken, const std::string& file, const std::vector<std::string>& options) {

@@ -55,7 +55,7 @@ TEST_F(Sharing, AMemberOfTheGroupUsesTheCardThatIsSharedWithIt) {
 
 TEST_F(Sharing, AGroupThatDoesNotExistIsAnError) {
     Process host({VEXO_SIMCARD, "--group", "no-such-group"}, {}, directory.Path() + "/err");
-    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_EQ(host.Wait(), 2);
     EXPECT_EQ(ReadFile(directory.Path() + "/err"), "vexo-simcard: there is no group no-such-group\n");
 }
 

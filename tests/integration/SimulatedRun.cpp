@@ -4,6 +4,7 @@
 #include <enyx-sim/md_payload.h>
 #include <gtest/gtest.h>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -60,8 +61,11 @@ void ReadReport(Sight& s) {
 
 int RunHere(const SimulatedRun& run) {
     test_support::FakeTime clock(run.year, run.month, run.day, run.hour, run.minute, run.second);
+    for (const auto& [name, value] : run.environment) ::setenv(name.c_str(), value.c_str(), 1);
     char reason[512] = "";
-    EXPECT_EQ(enyx_sim_load_scenario(run.cardIni.c_str(), reason, sizeof reason), 0) << reason;
+    if (!run.cardIni.empty()) {
+        EXPECT_EQ(enyx_sim_load_scenario(run.cardIni.c_str(), reason, sizeof reason), 0) << reason;
+    }
     std::ofstream("zce.ini") << run.libraryIni;
     FollowingSpi spi;
     IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();

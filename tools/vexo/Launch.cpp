@@ -7,8 +7,13 @@
 
 namespace vexo {
 
+void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation) {
+    subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]");
+    invocation.takeProgram.push_back(&subcommand);
+}
+
 void requireProgram(const Program& program) {
-    if (program.empty()) throw Failure(kUsage, "no program to run: it stands after --, as in: -- ./app app.ini");
+    if (program.empty()) throw Failure(kUsage, "no program to run: put it after --, as in: -- ./app app.ini");
 }
 
 void prepend(const char* variable, const std::filesystem::path& path) {

@@ -1,4 +1,4 @@
-#include "tools/cardtest/Report.h"
+#include "tools/cardtest/TestReport.h"
 
 #include <algorithm>
 #include <cstring>
@@ -21,10 +21,10 @@ const char* text(Verdict verdict) {
     return "not testable";
 }
 
-// What writing checks left behind, each thing once.
-std::vector<std::string> leftBehind(const std::vector<Result>& results) {
+// What writing checks could not put back, each thing once.
+std::vector<std::string> leftBehind(const std::vector<CheckResult>& results) {
     std::vector<std::string> left;
-    for (const Result& result : results) {
+    for (const CheckResult& result : results) {
         const bool ran = result.verdict != Verdict::kUntestable || result.reason != "needs --write";
         if (!ran || result.check->leaves == nullptr) continue;
         const std::string thing = result.check->leaves;
@@ -33,7 +33,7 @@ std::vector<std::string> leftBehind(const std::vector<Result>& results) {
     return left;
 }
 
-std::string kindOf(const Met& met) {
+std::string kindOf(const MetCard& met) {
     if (!met.simulated) return "a card";
     return met.plan.shared ? "a simulated card that its host shares" : "a simulated card of the process's own";
 }
@@ -51,7 +51,7 @@ std::string listText() {
     return out.str();
 }
 
-std::string headText(const Met& met) {
+std::string headText(const MetCard& met) {
     std::ostringstream out;
     out << "Bus " << met.plan.bus << ": " << kindOf(met) << ", through " << met.library << '\n';
     if (met.plan.channel >= 0)
@@ -62,7 +62,7 @@ std::string headText(const Met& met) {
     return out.str();
 }
 
-std::string resultText(const Result& result, const Result* before) {
+std::string resultText(const CheckResult& result, const CheckResult* before) {
     std::ostringstream out;
     if (before == nullptr || std::strcmp(before->check->group, result.check->group) != 0)
         out << '\n' << result.check->group << '\n';
@@ -74,7 +74,7 @@ std::string resultText(const Result& result, const Result* before) {
     return out.str();
 }
 
-std::string footText(const std::vector<Result>& results) {
+std::string footText(const std::vector<CheckResult>& results) {
     std::ostringstream out;
     out << '\n'
         << count(results, Verdict::kPass) << " pass, " << count(results, Verdict::kFail) << " fail, "
@@ -85,9 +85,9 @@ std::string footText(const std::vector<Result>& results) {
     return out.str();
 }
 
-std::string toJson(const Met& met, const std::vector<Result>& results) {
+std::string toJson(const MetCard& met, const std::vector<CheckResult>& results) {
     nlohmann::ordered_json checks = nlohmann::ordered_json::array();
-    for (const Result& result : results) {
+    for (const CheckResult& result : results) {
         nlohmann::ordered_json entry = {{"group", result.check->group},
                                         {"name", result.check->name},
                                         {"promise", result.check->promise},
@@ -110,9 +110,9 @@ std::string toJson(const Met& met, const std::vector<Result>& results) {
     return report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
 
-unsigned count(const std::vector<Result>& results, Verdict verdict) {
-    return static_cast<unsigned>(
-        std::count_if(results.begin(), results.end(), [=](const Result& result) { return result.verdict == verdict; }));
+unsigned count(const std::vector<CheckResult>& results, Verdict verdict) {
+    return static_cast<unsigned>(std::count_if(results.begin(), results.end(),
+                                               [=](const CheckResult& result) { return result.verdict == verdict; }));
 }
 
 }  // namespace cardtest

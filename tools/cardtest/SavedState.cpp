@@ -1,11 +1,11 @@
-#include "tools/cardtest/Tables.h"
+#include "tools/cardtest/SavedState.h"
 
 namespace cardtest {
 namespace {
 
 std::uint32_t place(std::uint32_t row, std::uint32_t word) { return row << card_reg::kRowShift | word; }
 
-// Putting back is done on the way out, perhaps of a failed check: a card that does not take it has no more to say.
+// Runs in destructors, perhaps after a failed check. A card that does not take the old value is not reported again.
 template <typename Write>
 void putBack(Write write) {
     try {
@@ -16,23 +16,23 @@ void putBack(Write write) {
 
 }  // namespace
 
-std::uint32_t Tables::read(std::uint32_t table, std::uint32_t row, std::uint32_t word) const {
+std::uint32_t TableAccess::read(std::uint32_t table, std::uint32_t row, std::uint32_t word) const {
     m_registers.write(card_reg::kTables[table].select, place(row, word));
     return m_registers.read(card_reg::kTables[table].readBack);
 }
 
-void Tables::write(std::uint32_t table, std::uint32_t row, std::uint32_t word, std::uint32_t value) const {
+void TableAccess::write(std::uint32_t table, std::uint32_t row, std::uint32_t word, std::uint32_t value) const {
     m_registers.write(card_reg::kTables[table].data, value);
     m_registers.write(card_reg::kTables[table].command, place(row, word));
 }
 
-bool Tables::isNamed(std::uint32_t table, std::uint32_t row) const {
+bool TableAccess::isNamed(std::uint32_t table, std::uint32_t row) const {
     for (std::uint32_t word = card_reg::kFirstIdWord; word < card_reg::kFirstIdWord + card_reg::kIdWords; ++word)
         if (read(table, row, word) != 0) return true;
     return false;
 }
 
-std::uint32_t Tables::freeRow(std::uint32_t table) const {
+std::uint32_t TableAccess::freeRow(std::uint32_t table) const {
     for (std::uint32_t row = card_reg::kRows; row-- > 0;)
         if (read(table, row, card_reg::kMaskWord) == 0 && !isNamed(table, row)) return row;
     throw Untestable{"every row of a table is in use"};
@@ -53,7 +53,7 @@ WordsSaved::~WordsSaved() {
     });
 }
 
-CardSaved::CardSaved(const Registers& registers)
+CardSaved::CardSaved(const RegisterCore& registers)
     : m_tables(registers),
       m_switch(registers, card_reg::kDecodeSwitch),
       m_date(registers, card_reg::kTradingDate),

@@ -4,14 +4,14 @@
 #include <vector>
 
 #include "interface/CardRegisters.h"
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 
 namespace cardtest {
 
 /// The card's two instrument tables, word by word.
-class Tables {
+class TableAccess {
 public:
-    explicit Tables(const Registers& registers) : m_registers(registers) {}
+    explicit TableAccess(const RegisterCore& registers) : m_registers(registers) {}
 
     std::uint32_t read(std::uint32_t table, std::uint32_t row, std::uint32_t word) const;
     void write(std::uint32_t table, std::uint32_t row, std::uint32_t word, std::uint32_t value) const;
@@ -21,13 +21,13 @@ public:
     std::uint32_t freeRow(std::uint32_t table) const;
 
 private:
-    const Registers& m_registers;
+    const RegisterCore& m_registers;
 };
 
-/// A register that can be read back: put back as it was found.
+/// Puts a register back as it was found. For registers that can be read.
 class RegisterSaved {
 public:
-    RegisterSaved(const Registers& registers, std::uint32_t word)
+    RegisterSaved(const RegisterCore& registers, std::uint32_t word)
         : m_registers(registers), m_word(word), m_found(registers.read(word)) {}
     ~RegisterSaved();
     RegisterSaved(const RegisterSaved&) = delete;
@@ -36,37 +36,37 @@ public:
     std::uint32_t found() const { return m_found; }
 
 private:
-    const Registers& m_registers;
+    const RegisterCore& m_registers;
     std::uint32_t m_word;
     std::uint32_t m_found;
 };
 
-/// Words of the tables: put back as they were found.
+/// Puts words of the tables back as they were found.
 class WordsSaved {
 public:
-    explicit WordsSaved(const Tables& tables) : m_tables(tables) {}
+    explicit WordsSaved(const TableAccess& tables) : m_tables(tables) {}
     ~WordsSaved();
     WordsSaved(const WordsSaved&) = delete;
     WordsSaved& operator=(const WordsSaved&) = delete;
 
-    /// Notes what the word holds now. @return that.
+    /// Saves the present value of the word. @return the value.
     std::uint32_t save(std::uint32_t table, std::uint32_t row, std::uint32_t word);
 
 private:
     struct Word {
         std::uint32_t table, row, word, value;
     };
-    const Tables& m_tables;
+    const TableAccess& m_tables;
     std::vector<Word> m_words;
 };
 
-/// All that a reset forgets and the host can know: the masks of both tables and the decode switch.
+/// Puts back what a reset forgets and the host can read: the masks of both tables, the decode switch and the date.
 class CardSaved {
 public:
-    explicit CardSaved(const Registers& registers);
+    explicit CardSaved(const RegisterCore& registers);
 
 private:
-    Tables m_tables;
+    TableAccess m_tables;
     RegisterSaved m_switch;
     RegisterSaved m_date;
     WordsSaved m_masks;

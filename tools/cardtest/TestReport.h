@@ -11,14 +11,14 @@ namespace cardtest {
 std::string listText();
 
 /// The first lines: which card it is, and what is done to it.
-std::string headText(const Met& met);
+std::string headText(const MetCard& met);
 /// One result, under the heading of its group when @p before is of another one.
-std::string resultText(const Result& result, const Result* before);
+std::string resultText(const CheckResult& result, const CheckResult* before);
 /// The last lines: the sums, and what a writing run could not put back.
-std::string footText(const std::vector<Result>& results);
+std::string footText(const std::vector<CheckResult>& results);
 
-std::string toJson(const Met& met, const std::vector<Result>& results);
+std::string toJson(const MetCard& met, const std::vector<CheckResult>& results);
 
-unsigned count(const std::vector<Result>& results, Verdict verdict);
+unsigned count(const std::vector<CheckResult>& results, Verdict verdict);
 
 }  // namespace cardtest
