@@ -68,7 +68,7 @@ commands=0
 blocks=$(grep -c '^```sh$' "$page")
 for ((n = 1; n <= blocks; ++n)); do
     case $(block "$n" | tail -1) in
-        vexo-simcard\ sim/*) host_block=$n ;;
+        vexo-simcard\ --quiet) host_block=$n ;;
         vexo-simcard*) user_block=$n ;;
         *)
             while read -r command; do
