@@ -33,7 +33,7 @@ unsigned char* put16(unsigned char* at, std::uint32_t value) {
 unsigned char* put32(unsigned char* at, std::uint32_t value) { return put16(put16(at, value >> 16), value & 0xFFFF); }
 
 unsigned char* putMessage(unsigned char* at, const CardState& s, const Instrument& instrument, bool first) {
-    const std::uint32_t idLength = static_cast<std::uint32_t>(std::strlen(instrument.id));
+    const auto idLength = static_cast<std::uint32_t>(std::strlen(instrument.id));
     at = put16(at, (first ? kFirstHeader : kHeader) + idLength);
     if (first) at = put32(at, s.parser.learned);
     *at++ = instrument.table;
@@ -58,7 +58,7 @@ std::uint32_t fillPacket(CardState& s, unsigned char* packet) {
         ++s.map.cursor;
     }
     if (s.map.cursor >= s.parser.learned) s.map.cursor = 0;
-    const std::uint32_t length = static_cast<std::uint32_t>(at - packet);
+    const auto length = static_cast<std::uint32_t>(at - packet);
     put16(packet + 12, length - kAreaOffset);
     return length;
 }
