@@ -1,12 +1,12 @@
 #include "sim/host/Status.h"
 
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "sim/card/Registers.h"
 #include "sim/scenario/Pace.h"
-#include "sim/shm/AttachedCard.h"
 
 namespace vexo_sim {
 namespace {
@@ -45,6 +45,12 @@ nlohmann::ordered_json toObject(const ChannelStatus& c) {
             {"sent_packets", c.sentPackets}};
 }
 
+// A text in shared memory, which may lack its end.
+template <std::size_t size>
+std::string textOf(const char (&text)[size]) {
+    return {text, strnlen(text, size)};
+}
+
 template <typename... Values>
 void append(std::string& text, const char* format, Values... values) {
     char line[512];
@@ -53,9 +59,11 @@ void append(std::string& text, const char* format, Values... values) {
 }
 
 // Reads the card's memory. Do nothing slow here: every user of the card waits.
-void readState(CardBlock& block, CardStatus& status) {
-    const BlockLock lock(block);
-    const CardState& s = block.state;
+bool readState(SharedCard& card, CardStatus& status) {
+    const CardState& s = card.block().state;
+    const StateLock lock(card.locks(), card.block().state);
+    if (!lock.owns()) card.tellStuckHolder();
+    if (!lock.owns()) return false;
     status.pace = paceName(s.config.pace);
     status.instruments = s.parser.count;
     status.learned = s.parser.learned;
@@ -66,20 +74,22 @@ void readState(CardBlock& block, CardStatus& status) {
     status.exchangeTime = registers::exchangeTime(s);
     status.inReset = s.registers.heldInReset;
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) status.channels.push_back(readChannel(s, channel));
+    return true;
 }
 
 }  // namespace
 
-CardStatus readStatus(CardBlock& block, const CardFile& file) {
+std::optional<CardStatus> readStatus(SharedCard& card) {
     CardStatus status;
-    readState(block, status);
-    status.bus = block.host.bus;
-    status.host = describeHost(file, block);
-    status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - block.host.startedAt;
-    status.scenario = block.host.scenario;
-    status.description = block.host.description;
+    if (!readState(card, status)) return std::nullopt;
+    const HostInfo& info = card.block().host;
+    status.bus = info.bus;
+    status.host = card.host();
+    status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - info.startedAt;
+    status.scenario = textOf(info.scenario);
+    status.description = textOf(info.description);
     for (ChannelStatus& channel : status.channels)
-        if (const std::optional<pid_t> holder = file.holderOf({CardPart::kUp, channel.channel}))
+        if (const std::optional<pid_t> holder = card.file().holderOf({CardPart::kUp, channel.channel}))
             channel.holder = describeProcess(*holder);
     return status;
 }

@@ -13,7 +13,7 @@
 #include "sim/host/CardHost.h"
 #include "sim/host/Status.h"
 #include "sim/scenario/Pace.h"
-#include "sim/shm/AttachedCard.h"
+#include "sim/shm/CardPlaces.h"
 
 using namespace vexo_sim;
 
@@ -25,6 +25,7 @@ struct Arguments {
     std::string pace;
     std::string group;
     std::string record;
+    std::string user;
     std::uint32_t seconds = 0;
     bool json = false;
     bool status = false;
@@ -49,12 +50,15 @@ void catchStopSignals() {
 // Shows the card that another process hosts.
 int showStatus(const Arguments& arguments) {
     const std::uint32_t bus = arguments.bus.value_or(0);
-    const std::optional<AttachedCard> card = attachCard(bus);
-    if (!card)
+    const std::optional<uid_t> user = arguments.user.empty() ? geteuid() : findUser(arguments.user);
+    if (!user) return fail("there is no user " + arguments.user);
+    const std::unique_ptr<SharedCard> card = attachCard(bus, *user, "vexo-simcard");
+    if (card == nullptr)
         return fail("no card is hosted at bus " + std::to_string(bus) + ". Start one: vexo-simcard --bus " +
                     std::to_string(bus));
-    const CardStatus status = readStatus(*card->block, card->file);
-    std::fputs((arguments.json ? toJson(status) : toText(status)).c_str(), stdout);
+    const std::optional<CardStatus> status = readStatus(*card);
+    if (!status) return fail("the card cannot be read now");
+    std::fputs((arguments.json ? toJson(*status) : toText(*status)).c_str(), stdout);
     return 0;
 }
 
@@ -67,8 +71,9 @@ void rest(std::uint64_t ns) {
 // Shows the status on a terminal, always in the same place.
 void redraw(CardHost& host) {
     static bool first = true;
-    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J",
-                toText(readStatus(host.block(), host.file())).c_str());
+    const std::optional<CardStatus> status = readStatus(host.card());
+    if (!status) return;
+    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J", toText(*status).c_str());
     std::fflush(stdout);
     first = false;
 }
@@ -116,7 +121,8 @@ int hostCard(const Arguments& arguments) {
         std::fflush(stdout);
     }
     run(*host, arguments);
-    if (!arguments.quiet) std::fputs(toText(readStatus(host->block(), host->file())).c_str(), stdout);
+    if (arguments.quiet) return 0;
+    if (const std::optional<CardStatus> status = readStatus(host->card())) std::fputs(toText(*status).c_str(), stdout);
     return 0;
 }
 
@@ -136,6 +142,7 @@ int main(int argc, char** argv) {
     app.add_option("--seconds", arguments.seconds, "End after that many seconds");
     app.add_flag("--quiet", arguments.quiet, "Show nothing while hosting");
     app.add_flag("--status", arguments.status, "Show the status of the card that is hosted at the bus, and end");
+    app.add_option("--user", arguments.user, "Whose card --status and --json show; your own without it");
     app.add_flag("--json", arguments.json, "The same as JSON");
     CLI11_PARSE(app, argc, argv);
     return arguments.json || arguments.status ? showStatus(arguments) : hostCard(arguments);
