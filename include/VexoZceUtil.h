@@ -10,8 +10,8 @@
 #endif
 
 // ---- host checks ----
-// They look at the host through shell commands, found along PATH, that run for some milliseconds each. Meant to be
-// called from one thread before start-up. The host's PCI name database decides what the board commands match.
+// They run shell commands, found along PATH, that take some milliseconds each. Call them from one thread, before
+// start-up. The host's PCI name database decides what the board commands match.
 
 /// Board type that CheckEnvBoard() found: 0 no supported board, 1 one E board (Enyx), 2 one Xi board (Xilinx),
 /// 3 several E boards, 4 several Xi boards, 5 both kinds, 6 not yet detected (initial value).
@@ -21,13 +21,13 @@ extern VEXO_ZCE_API unsigned int g_curEnvBrdType;
 /// The shell commands that list the boards, one line per board: E boards, then Xi boards.
 extern VEXO_ZCE_API const char* g_szBrdChkCmd[2];
 
-/// Which supported boards the host carries. Runs the commands of g_szBrdChkCmd once; from then on the process is
-/// answered from g_curEnvBrdType, whatever happens to the cards.
+/// Which supported boards the host carries. Runs the commands of g_szBrdChkCmd once; later calls return
+/// g_curEnvBrdType, even when a card has come or gone since.
 /// @return the board type, 0 to 5, as listed at g_curEnvBrdType; 0 also when the commands cannot be run.
 VEXO_ZCE_API int CheckEnvBoard();
 
-/// Whether the E board driver (hfp) is taken as loaded: true whenever a shell can be started, whether or not the
-/// module is there; false only when it cannot.
+/// Meant to tell whether the E board driver (hfp) is loaded. It does not: true whenever a shell can be started, with or
+/// without the module; false only when no shell can be started.
 VEXO_ZCE_API bool IsEDriverInstalled();
 
 /// Whether the Xi board driver (xdma) is loaded. @return false also when lsmod cannot be run.
@@ -35,14 +35,13 @@ VEXO_ZCE_API bool IsXiDriverInstalled();
 
 /// Whether the host has a supported board and the driver that goes with it.
 /// @return -1, with one line printed that says why, when there is no board or the driver of the only kind of board is
-///         not loaded; otherwise 0. A host with both kinds is always allowed: one line names the drivers that are
-///         not loaded, and is just a blank when both are. A value above 6 in g_curEnvBrdType is printed and
-///         allowed.
+///         not loaded; otherwise 0. A host with both kinds always passes: one line names the drivers that are not
+///         loaded, or is a single blank when both are. A value above 6 in g_curEnvBrdType is printed and passes.
 VEXO_ZCE_API int CheckBeforeRun();
 
 /// Whether the delivery service RwDeliverDmaServer is running on this host.
 /// @return true when exactly one such process is listed, or exactly two when the caller's own program name
-///         begins with RwDeliverDmaServer. More than that count as not running; so does a ps that cannot be run.
+///         begins with RwDeliverDmaServer. False for more processes than that, and when ps cannot be run.
 VEXO_ZCE_API bool IsProdProgRunning();
 
 /// Whether the name of the real user id is "root". @return false also when the user database does not know the id.
@@ -71,8 +70,8 @@ VEXO_ZCE_API unsigned long BrixDiffTimeTamp(long start);
 /// Monotonic time in ns, counted from an unspecified point (usually power-on). Not touched by setting the clock.
 VEXO_ZCE_API unsigned long get_time_since_powerof();
 
-/// Busy-waits on the real-time clock until it shows at least @p start + @p ns. Never sleeps or yields: the CPU is
-/// fully used meanwhile. A clock set back prolongs the wait.
+/// Busy-waits until the real-time clock shows at least @p start + @p ns. Never sleeps or yields: it uses the CPU
+/// fully. A clock that is set back makes the wait longer.
 /// @param start ns since 1970, as get_time() gave it.
 /// @param ns    ns to wait from @p start; 0 or a negative number reads the clock once.
 ///              The sum must stay below 2^63.
@@ -80,8 +79,8 @@ VEXO_ZCE_API unsigned long get_time_since_powerof();
 VEXO_ZCE_API unsigned long NS_Sleep(long start, long ns);
 
 // ---- calendar ----
-// In the process's time zone (TZ). Both use the C library's static localtime result: safe against each other from any
-// thread, but not against a call of localtime or gmtime that another thread of the application makes meanwhile.
+// In the process's time zone (TZ). Both use the static result of the C library's localtime. Any thread may call them,
+// but not while another thread of the application calls localtime or gmtime.
 
 /// Whether the local calendar day has advanced past the caller's last one.
 /// @param lastDay the day seen last as decimal YYYYMMDD, 0 for none yet. Set to today by the first call and
@@ -122,13 +121,13 @@ extern VEXO_ZCE_API unsigned int g_uiPktCnt;
 VEXO_ZCE_API long FillDebugFileHex(char* buffer, unsigned int bufferSize, int fd, unsigned char const* data,
                                    unsigned int length);
 
-/// Checks that the sequence numbers of a slot rise by exactly 1, and remembers the new one.
+/// Checks that the sequence numbers of a slot rise by exactly 1, and stores the new one.
 /// @param lastSeqNums the caller's table of 256 last numbers, 0 for none yet. Not to be shared between threads
 ///                    without a lock.
 /// @param seqNum      the new number; stored in the slot in every case.
 /// @param slot        index into the table.
-/// @return the last number plus 1 when it equals @p seqNum or when there was none yet (then 1). On a gap one line is
-///         printed and its number of characters returned; so only the printed line tells a gap for certain.
+/// @return the last number plus 1 when that is @p seqNum, and 1 when there was none yet. On a gap, the number of
+///         characters of the one line that is printed. Only the printed line tells a gap for certain.
 VEXO_ZCE_API int CheckSeqNumIncre(unsigned int* lastSeqNums, unsigned int seqNum, unsigned char slot);
 
 /// Shifts the high 32-bit half of @p v left inside that half; the low half stays, nothing carries over.

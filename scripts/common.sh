@@ -1,6 +1,13 @@
-# What the other scripts share: installing what a step needs, and building quietly. Sourced, not run.
+# What the other scripts share: help, installing packages, building and testing with a short report. Sourced, not run.
 
 vexo_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# Prints the comment at the top of the running script and ends it when the first argument asks for help.
+help_if_asked() {
+    case ${1:-} in
+        -h | --help) sed -n -e '1d' -e '/^#/!q' -e 's/^# \{0,1\}//p' "$0" && exit 0 ;;
+    esac
+}
 
 # Runs a command and keeps its output to itself unless it fails.
 quietly() {
@@ -17,42 +24,124 @@ quietly() {
 
 # Installs the Debian packages that are missing, as root or through sudo.
 need_packages() {
-    local package missing=() as_root=()
+    local package status=0 missing=() as_root=()
     for package in "$@"; do
         dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
+    # No package may ask a question, as tshark does otherwise.
+    local install=(env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}")
     if [ "$(id -u)" -ne 0 ]; then
         if ! command -v sudo >/dev/null; then
-            echo "These packages are missing and neither root nor sudo is at hand. As root, run:" >&2
-            echo "    apt-get install ${missing[*]}" >&2
+            printf '%s\n' "These packages are missing. This user is not root, and there is no sudo. As root, run:" \
+                "    ${install[*]}" >&2
             return 1
         fi
         as_root=(sudo)
     fi
     echo "Installing: ${missing[*]}"
-    quietly "${as_root[@]}" apt-get update &&
-        quietly "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}" || {
-        echo "Installing failed. Check the network and the package sources, then run this again." >&2
-        return 1
-    }
+    quietly "${as_root[@]}" apt-get update </dev/null && quietly "${as_root[@]}" "${install[@]}" </dev/null || status=$?
+    [ "$status" -ne 0 ] || return 0
+    # apt-get itself fails with 100; any other status is sudo's.
+    if [ ${#as_root[@]} -gt 0 ] && [ "$status" -ne 100 ]; then
+        printf '%s\n' "These packages are missing, and sudo refused to install them. As root, run:" \
+            "    ${install[*]}" "Then run this script again." >&2
+    else
+        printf '%s\n' "These packages could not be installed: ${missing[*]}" \
+            "Check the network and the package sources, then run this script again." >&2
+    fi
+    return 1
 }
 
 build_packages=(g++ cmake ninja-build libiniparser-dev)
 # What the tools need on top, unless -DVEXO_BUILD_TOOLS=OFF, and what the tests do.
 tool_packages=(libcli11-dev nlohmann-json3-dev)
-test_packages=(clang pkg-config libgtest-dev libgmock-dev binutils tshark valgrind python3)
+test_packages=(clang clang-format clang-tidy pkg-config libgtest-dev libgmock-dev binutils tshark valgrind python3)
 
-# build_preset PRESET [CMAKE ARGUMENT...] [-- TARGET...]
+# Shows how far a long step is: in place on a terminal, a line a minute elsewhere.
+on_terminal() { [ -t 1 ] && [ "${TERM:-dumb}" != dumb ]; }
+next_progress=0
+show_progress() {
+    if on_terminal; then
+        printf '\r\033[K%s' "$1"
+    elif [ "$SECONDS" -ge "$next_progress" ]; then
+        printf '%s\n' "$1"
+        next_progress=$((SECONDS + 60))
+    fi
+}
+end_progress() {
+    if on_terminal; then printf '\r\033[K'; fi
+    next_progress=$((SECONDS + 60))
+}
+
+# Reads the output of a build, keeps it in LOG and shows the number of steps done.
+report_build() {
+    local log=$1 line
+    next_progress=$((SECONDS + 60))
+    while IFS= read -r line || [ -n "$line" ]; do
+        printf '%s\n' "$line" >>"$log"
+        if [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]]; then
+            show_progress "  built ${BASH_REMATCH[1]} of ${BASH_REMATCH[2]} steps"
+        fi
+    done
+    end_progress
+}
+
+# Reads the output of ctest and keeps it in LOG. Shows the number of tests done, each failure with its output, and ctest's
+# summary; tests that passed are in LOG only.
+report_tests() {
+    local log=$1 line show=yes
+    next_progress=$((SECONDS + 60))
+    while IFS= read -r line || [ -n "$line" ]; do
+        printf '%s\n' "$line" >>"$log"
+        if [[ $line =~ ^[0-9]+%\ tests\ passed ]]; then
+            show=yes
+            end_progress
+        elif [[ $line =~ ^\ +Start\ +[0-9]+: ]]; then
+            show=no
+        elif [[ $line =~ ^\ *([0-9]+)/([0-9]+)\ Test\ +# ]]; then
+            show=no
+            case $line in *'***'*) show=yes && end_progress ;; esac
+            [ "$show" = yes ] || show_progress "  ran ${BASH_REMATCH[1]} of ${BASH_REMATCH[2]} tests"
+        fi
+        if [ "$show" = yes ]; then printf '%s\n' "$line"; fi
+    done
+}
+
+# build_preset LOG PRESET [CMAKE ARGUMENT...] [-- TARGET...]
+# The whole output is in LOG; a failure shows its end.
 build_preset() {
-    local preset=$1 settings=()
-    shift
+    local log=$1 preset=$2 settings=()
+    shift 2
     while [ $# -gt 0 ] && [ "$1" != -- ]; do
         settings+=("$1")
         shift
     done
     [ $# -eq 0 ] || shift
     cd "$vexo_root"
-    quietly cmake --preset "$preset" "${settings[@]}"
-    quietly cmake --build --preset "$preset" ${1:+--target "$@"}
+    mkdir -p "$(dirname "$log")"
+    : >"$log"
+    if ! cmake --preset "$preset" "${settings[@]}" >>"$log" 2>&1; then
+        cat "$log" >&2
+        echo "Configuring failed: cmake --preset $preset ${settings[*]}" >&2
+        return 1
+    fi
+    if ! cmake --build --preset "$preset" ${1:+--target "$@"} 2>&1 | report_build "$log"; then
+        sed -n '/^FAILED: /,$p' "$log" | head -n 100 >&2
+        echo "Building failed. The whole output is in $log" >&2
+        return 1
+    fi
+}
+
+# test_preset LOG PRESET [CTEST ARGUMENT...]
+test_preset() {
+    local log=$1 preset=$2
+    shift 2
+    cd "$vexo_root"
+    case " $* " in
+        # The user asks to see more, or for something else than a test run: that output is shown as it is.
+        *' -V'* | *' --verbose '* | *' --extra-verbose '* | *' -N '* | *' --show-only'* | *' --print-labels '*)
+            ctest --preset "$preset" -j2 "$@" ;;
+        *) ctest --preset "$preset" -j2 "$@" 2>&1 | report_tests "$log" ;;
+    esac
 }

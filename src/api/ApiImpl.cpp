@@ -47,6 +47,27 @@ void IVexoZceMdApi::DestroyVexoZceMdApi(IVexoZceMdApi& api) {
     delete dynamic_cast<CVexoZceMdApiImpl*>(object);
 }
 
+// Room for the alignment, and in front of the object the address that the memory came with.
+void* CVexoZceMdApiImpl::operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    void* const memory = ::operator new(size + alignof(CVexoZceMdApiImpl), std::nothrow);
+    if (memory == nullptr) return nullptr;
+    const auto address = reinterpret_cast<std::uintptr_t>(memory) + alignof(CVexoZceMdApiImpl);
+    auto* const object = reinterpret_cast<void**>(address & ~std::uintptr_t{alignof(CVexoZceMdApiImpl) - 1});
+    static_assert(__STDCPP_DEFAULT_NEW_ALIGNMENT__ >= sizeof(void*), "what is left in front holds an address");
+    object[-1] = memory;
+    return object;
+}
+
+void* CVexoZceMdApiImpl::operator new(std::size_t size) {
+    void* const object = operator new(size, std::nothrow);
+    if (object == nullptr) throw std::bad_alloc();
+    return object;
+}
+
+void CVexoZceMdApiImpl::operator delete(void* object) noexcept {
+    if (object != nullptr) ::operator delete(static_cast<void**>(object)[-1]);
+}
+
 CVexoZceMdApiImpl::CVexoZceMdApiImpl(CDrvEnyxReg* drv)
     : m_pDmaChan(nullptr), m_pDrv(drv), m_pCfgFile(nullptr), m_pSpi(nullptr) {}
 
@@ -82,8 +103,7 @@ int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
         endProcess();
     }
     m_pDmaChan = channel;
-    m_openPath = {channel->straightPath(spi), this};
-    m_paths[0] = &m_openPath;
+    openReceivePath(static_cast<CDrvDMAEnyx&>(*channel->m_pDma));
     return 0;
 }
 
@@ -96,20 +116,6 @@ int CVexoZceMdApiImpl::VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) {
     while (self->VexoRecv() != -1) {
     }
     return 0;
-}
-
-int CVexoZceMdApiImpl::VexoRecv() {
-    // The exit flag chooses what to poll: no branch, and nothing to poll answers like everything unusual.
-    OwnPath& path = *m_paths[m_isExit.load(std::memory_order_relaxed)];
-    const int handled = path.poll(path.stream, &CZceDmaChanImpl::streamEntrance, static_cast<PacketPath*>(&path));
-    if (static_cast<std::uint32_t>(handled) >= path.unusualFrom) return recvTheFullWay(path, handled);
-    return handled;
-}
-
-__attribute__((noinline, cold)) int CVexoZceMdApiImpl::recvTheFullWay(OwnPath& path, int handled) {
-    if (path.channel != nullptr) return path.channel->finishUnusual(path, handled);
-    if (m_isExit.load(std::memory_order_relaxed) != 0 || path.api->m_pDmaChan == nullptr) return -1;
-    return path.api->m_pDmaChan->PollOnce();
 }
 
 int CVexoZceMdApiImpl::InitCfgInfo(const char* cfgPath) {

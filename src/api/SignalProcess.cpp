@@ -5,9 +5,9 @@
 
 #include "src/log/log.h"
 
-std::atomic<std::size_t> CSignalProcess::m_isExit{0};
+std::atomic<bool> CSignalProcess::m_isExit{false};
 
-static_assert(std::atomic<std::size_t>::is_always_lock_free, "a signal handler sets it");
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
 namespace {
 
@@ -46,5 +46,5 @@ int CSignalProcess::InitSignal() {
 
 void CSignalProcess::SignalHandler(int sig, siginfo_t* /*info*/, void* /*ctx*/) {
     elog_output_from_handler(ELOG_LVL_WARN, "fpga", kLogFile, __func__, __LINE__, "Received signal %d !!", sig);
-    m_isExit.store(1, std::memory_order_relaxed);
+    m_isExit.store(true, std::memory_order_relaxed);
 }

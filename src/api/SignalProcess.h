@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstddef>
 
 /// Turns SIGINT and SIGTERM into a flag that the receive path checks, and makes a broken pipe harmless.
 class CSignalProcess {
@@ -11,7 +10,7 @@ public:
     static int InitSignal();
     static void SignalHandler(int sig, siginfo_t* info, void* ctx);
 
-    /// 0 or 1; set by the handler, never cleared. A whole word, because VexoRecv indexes with it; hidden, so that it is
-    /// read without a look into the global offset table.
-    __attribute__((visibility("hidden"))) static std::atomic<std::size_t> m_isExit;
+    /// Set by the handler, never cleared. Hidden, so that VexoRecv reads it without a look into the global offset
+    /// table.
+    __attribute__((visibility("hidden"))) static std::atomic<bool> m_isExit;
 };

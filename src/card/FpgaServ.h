@@ -14,9 +14,19 @@ using InstIdToIndex = std::map<std::string, unsigned short>;
 using IndexToInstId = std::map<unsigned short, std::string>;
 using IndexToChanBit = std::map<unsigned short, unsigned short>;
 
+/// A row of a table whose instrument is stored and not yet subscribed.
+struct StoredRow {
+    std::uint8_t type;
+    std::uint16_t index;
+    std::uint32_t maskBefore;  ///< of the channels that had taken it earlier
+    std::uint32_t channels;    ///< that take it now
+    const std::string* name;   ///< in the store
+};
+
 /// The library's view of the card's two instrument tables and of the registers that start, stop and reset its decoding.
 /// Table type 0 is the single-leg table, any other the combination table; an index is the card's row number; a mask
-/// holds bit n for DMA channel n. Driver results are not reported but where an operation says so.
+/// holds bit n for DMA channel n. An operation ignores the driver's results unless it says otherwise.
+/// Implemented in CardTables.cpp, InstDiscovery.cpp and GlobalStore.cpp.
 class CZceFpgaServ {
 public:
     /// @param idToIndex  shared with the channel that owns it; must outlive this object
@@ -53,21 +63,24 @@ public:
     void UpdateTimeStamp();  ///< writes today's date into the card
     /// Reads the card's date and computes today's. @return whether they agree
     bool bDataEqual(std::uint32_t* cardDate, std::uint32_t* sysDate);
-    /// Exchange time as HHMMSS: the card's while it is today's trading time and within 1799 of the system's as a
-    /// number, else the system's (0 up to 00:17:99). 0xFFFFFFFF when the card's time cannot be read.
+    /// Exchange time as HHMMSS. It is the card's time when a trading session is on, the card's date is today and the
+    /// two times differ, as numbers, by at most 1799; otherwise the system's. Up to 00:17:59 it is 0.
+    /// 0xFFFFFFFF when the card's time cannot be read.
     std::uint32_t GetRealTime();
-    /// Whether decoding is on and the card's parser counters stand still; takes two seconds when decoding is on.
+    /// Whether decoding is on and the card's parser counters stand still. Takes two seconds when decoding is on.
     bool FpgaCounterEqual();
-    /// Adds every id that rows 0 to 4094 of both tables hold to the map. Start-up only: it reads each row up to 8
-    /// times.
+    /// Adds every id in rows 0 to 4094 of both tables to the map. Slow, for start-up only: reads a row up to 8 times.
     void FetchAllInst();
 
     // ---- merged store of all channels ----
     void StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::string id, std::uint32_t chan);
     void StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan);
-    /// Stores an instrument for several channels, bit n for channel n, and subscribes it for one after the other: each
-    /// time the row is written with the mask that it has by then, and read back.
-    void subscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id, std::uint32_t channels);
+    /// Stores an instrument for several channels, bit n for channel n, without touching the card. Stores all of it or,
+    /// when memory runs out, throws and stores nothing.
+    StoredRow storeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id, std::uint32_t channels);
+    /// Subscribes a stored instrument for one channel after the other: each time the row is written with the mask that
+    /// it has by then, and read back. Needs no memory.
+    void subscribeRow(const StoredRow& row);
     /// Writes the merged masks to the card and reads them back.
     void SubsFromGlobInsts();
 
@@ -79,10 +92,10 @@ public:
     IndexToChanBit oneLegChanBits;
     IndexToChanBit combineChanBits;
 
-    static std::atomic<bool> m_bReseted;  ///< the card has been reset by this process; never cleared
-    /// What StartDecode writes: bit 1 Level-1, bit 0 Level-5. The configuration decides it.
+    static std::atomic<bool> m_bReseted;  ///< this process has reset the card; never cleared
+    /// What StartDecode writes: bit 1 Level-1, bit 0 Level-5. The configuration sets it.
     static std::atomic<std::uint32_t> decodeSwitch;
-    /// Keeps the select, read, data and command sequences of several channels apart.
+    /// Held while several register accesses form one table access, so that those of several channels do not mix.
     static std::mutex subscribe_mutex;
 
 private:

@@ -3,6 +3,7 @@
 #include "interface/CardRegisters.h"
 #include "src/card/FpgaServ.h"
 #include "src/log/log.h"
+#include "src/util/TentativeEntry.h"
 
 namespace Vexo2_U50 {
 
@@ -12,6 +13,15 @@ constexpr char kLogFile[] = "DataType";
 
 unsigned int count(const IndexToInstId& insts) { return static_cast<unsigned int>(insts.size()); }
 unsigned int count(const IndexToChanBit& rows) { return static_cast<unsigned int>(rows.size()); }
+
+// The entry of a row, made when there is none. The card mostly announces its rows in ascending order: at the end a map
+// need not search.
+template <typename Map>
+TentativeEntry<Map> entryOf(Map& map, std::uint16_t index) {
+    const std::size_t before = map.size();
+    const auto entry = map.try_emplace(map.end(), index);
+    return {map, entry, map.size() != before};
+}
 
 }  // namespace
 
@@ -24,25 +34,29 @@ void CZceFpgaServ::StoreInstToGlob(std::uint8_t type, std::uint16_t index, std::
     names[index] = std::move(id);
 }
 
-void CZceFpgaServ::subscribeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id,
-                                        std::uint32_t channels) {
-    unsigned int mask = 0;
-    const std::string* name = nullptr;  // entries of the maps stay where they are
-    {
-        const std::lock_guard<std::mutex> guard(subscribe_mutex);
-        // The card mostly announces its rows in ascending order: the end is where a map need not search.
-        IndexToChanBit& masks = type == 0 ? oneLegChanBits : combineChanBits;
-        IndexToInstId& names = type == 0 ? oneLegNames : combineNames;
-        unsigned short& stored = masks.try_emplace(masks.end(), index)->second;
-        mask = stored;
-        stored = static_cast<unsigned short>(stored | channels);
-        name = &(names.insert_or_assign(names.end(), index, id)->second);
-    }
+StoredRow CZceFpgaServ::storeForChannels(std::uint8_t type, std::uint16_t index, const std::string& id,
+                                         std::uint32_t channels) {
+    const std::lock_guard<std::mutex> guard(subscribe_mutex);
+    std::string name = id;
+    auto mask = entryOf(type == 0 ? oneLegChanBits : combineChanBits, index);
+    auto stored = entryOf(type == 0 ? oneLegNames : combineNames, index);
+    // The error line of such a row names the single-leg instrument: its entry is made here, where memory may run out.
+    if (index > card_reg::kRows) oneLegNames.try_emplace(index);
+    mask.keep();
+    stored.keep();
+    const StoredRow row{type, index, mask.value(), channels, &stored.value()};
+    mask.value() = static_cast<unsigned short>(mask.value() | channels);
+    stored.value().swap(name);
+    return row;
+}
+
+void CZceFpgaServ::subscribeRow(const StoredRow& row) {
+    std::uint32_t mask = row.maskBefore;
     for (std::uint32_t chan = 0; chan < card_reg::kChannels; ++chan) {
-        if ((channels >> chan & 1) == 0) continue;
+        if ((row.channels >> chan & 1) == 0) continue;
         mask |= 1U << chan;
-        writeMask(type, index, static_cast<std::uint16_t>(mask), *name);
-        IsSubscribeOk(type, index, static_cast<std::uint16_t>(mask));
+        writeMask(row.type, row.index, static_cast<std::uint16_t>(mask), *row.name);
+        IsSubscribeOk(row.type, row.index, static_cast<std::uint16_t>(mask));
     }
 }
 

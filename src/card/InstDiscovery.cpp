@@ -90,7 +90,7 @@ bool CZceFpgaServ::FpgaCounterEqual() {
     return equal;
 }
 
-// The card gives the id back last word first.
+// The card returns the id's last word first.
 std::string CZceFpgaServ::readRowId(std::uint8_t type, std::uint32_t row) {
     const card_reg::TableRegisters& table = card_reg::kTables[type];
     char id[kIdBytes + 1] = {};
@@ -107,8 +107,8 @@ std::string CZceFpgaServ::readRowId(std::uint8_t type, std::uint32_t row) {
 
 void CZceFpgaServ::FetchAllInst() {
     const std::lock_guard<std::mutex> guard(subscribe_mutex);
-    // Two equal reads in a row make an id good. The id read last lives on from row to row and from table to table, so
-    // a row that first reads empty is taken at once when it then shows that id.
+    // An id is good when two reads in a row give it. `previous` lives on from row to row and from table to table: a row
+    // that first reads empty and then shows the id of the row before it is taken at once.
     std::string previous;
     for (std::uint8_t type = 0; type < std::size(card_reg::kTables); ++type) {
         for (std::uint32_t row = 0; row < kFetchedRows; ++row) fetchRow(type, row, previous);

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "src/api/PacketPath.h"
 #include "src/card/FpgaServ.h"
 #include "src/config/ConfigFile.h"
 #include "src/dayfile/DayFile.h"
@@ -48,22 +47,16 @@ public:
     /// Polls once. @return 1 when a market-data packet reached the application, else 0. What a callback threw leaves
     /// here.
     int PollOnce();
-    /// The straight way of this channel's packets, once the stream is open.
-    PacketPath straightPath(IVexoZceMdSpi& spi);
-    /// The result of a poll that the straight way did not see through; throws on what a callback threw.
-    int finishUnusual(PacketPath& path, int handled);
-    /// Polls until @p run is false. The given handler is kept, not called: packets go the usual way.
-    int KeepRecv(DmaPacketHandler handler, bool* run, void* ctx);
+    /// Keeps the exception that a callback has just thrown, until the card's library has returned.
+    void keepCallbackError();
+    /// Throws the exception that was kept, if there is one.
+    void rethrowCallbackError();
     void ChkAndRst();
     int ChkBinFileAuthority();
     void GetConfig();
-    /// Whether the exchange's time has entered the window of a call auction; the first call only takes a reference.
-    int IsCallTimeExpired();
 
     // ---- packets ----
     static void DmaEntrance(const unsigned char* pkt, unsigned int len, void* ctx);
-    /// The same for a PacketPath: an ordinary market-data packet goes straight to its callback, others to DmaEntrance.
-    static void streamEntrance(const unsigned char* pkt, unsigned int len, void* ctx);
     int HandleContMapPkt(const unsigned char* pkt, unsigned int len, void* ctx);
     int HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* ctx);
     int CheckConfigInst();
@@ -74,6 +67,12 @@ public:
     int LoadtoMapFromEachMsg(const unsigned char* msg, unsigned int room, unsigned int msgNo, unsigned int& msgLen);
     void LoadtomapFrmParsedMsg(const std::string& instId, unsigned char flag, unsigned short index, unsigned int msgNo);
     void IncreQuoteSub(const std::string& instId, unsigned short index);
+
+    // ---- what the library offers and does not use itself ----
+    /// Polls until @p run is false. The given handler is kept, not called: packets go the usual way.
+    int KeepRecv(DmaPacketHandler handler, bool* run, void* ctx);
+    /// Whether the exchange's time has entered the window of a call auction; the first call only takes a reference.
+    int IsCallTimeExpired();
 
     bool m_bCfgParsed = false;
     bool m_bCfgInsSuccess = false;  ///< every configured class and instrument has been announced
@@ -102,13 +101,11 @@ private:
     int createServices();
     int checkVersionAndConfigure();
     int checkConfigOfChannel(std::uint32_t chan, bool& allReceived);
-    static void handleTheFullWay(const unsigned char* pkt, unsigned int len, PacketPath& path);
-    static void keepCallbackError(PacketPath& path);
+    Vexo2_U50::StoredRow storeQuoteSub(const std::string& instId, unsigned short index);
     static void registerSignalsOnce();
     static int rejectShortPacket(unsigned int len);
     static int rejectUnknownPacket(const unsigned char* pkt, unsigned int len);
     void ignoreContractMap();
-    void rethrowCallbackError();
 
     std::exception_ptr m_callbackError;  ///< what a callback threw inside the poll that is under way
     bool m_bMapIgnoredLogged = false;

@@ -1,77 +1,45 @@
-#include <cxxabi.h>
-#include <algorithm>
-#include <cstdio>
-#include <cstring>
-#include <ctime>
+// The slow path of a packet: the poll through the driver, the entry that every packet can take, and what is refused.
+// An ordinary market-data packet does not come here, see src/api/ReceivePath.cpp.
 
-#include "src/api/ApiImpl.h"
+#include "src/channel/Packet.h"
+
+#include <cxxabi.h>
+
+#include <cstdio>
+#include <string>
+
 #include "src/channel/DmaChannel.h"
-#include "src/instruments/InstId.h"
 #include "src/log/log.h"
 
 namespace {
 
 constexpr char kLogFile[] = "VexoZceUpdmaImpl";
 
-// Layout of the card's packets: a 12-byte head whose first word is the type (host order), then the payload.
-constexpr unsigned int kTypeSize = 4;
-constexpr unsigned int kPacketHeadSize = 12;
-
-constexpr std::uint32_t kTypeContractMap = 2;
-constexpr std::uint32_t kFirstMarketData = 17;
-constexpr std::uint32_t kLastMarketData = 20;
-
-// Contract-map packet: behind the head the length of the message area, then the messages, all numbers big-endian.
-constexpr unsigned int kMapPacketMinSize = 15;
-constexpr unsigned int kMapAreaLength = 12;
-constexpr unsigned int kMapArea = 14;
-
-// A message begins with its own length; the first of a packet has four bytes more in its header than the others.
-struct MessageHeader {
-    unsigned int flag;
-    unsigned int index;
-    unsigned int id;  // and so the size of the header
-};
-constexpr MessageHeader kFirstHeader = {6, 7, 9};
-constexpr MessageHeader kLaterHeader = {2, 3, 5};
-
-constexpr unsigned int kMessageLengthSize = 2;
-constexpr std::size_t kMaxIdLength = 63;
-constexpr std::size_t kMinSubscribedId = 5;
-constexpr std::uint64_t kProgressStep = 8192;
-constexpr std::uint64_t kAllReceivedCount = 24576;
-
-std::uint32_t packetType(const unsigned char* pkt) {
-    std::uint32_t type;
-    std::memcpy(&type, pkt, sizeof type);
-    return type;
-}
-
-unsigned int bigEndian16(const unsigned char* p) { return static_cast<unsigned int>(p[0] << 8 | p[1]); }
-
-std::chrono::system_clock::time_point systemNow() {
-    std::timespec now{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    const auto sinceEpoch = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-    return std::chrono::system_clock::time_point(
-        std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
-}
-
 }  // namespace
+
+std::atomic<bool> CZceDmaChanImpl::m_bSignalRegister{false};
+
+int CZceDmaChanImpl::PollOnce() {
+    m_pDma->RecvOnce(reinterpret_cast<void*>(&CZceDmaChanImpl::DmaEntrance), this);
+    rethrowCallbackError();
+    const std::uint32_t received = m_bRecvData;
+    m_bRecvData = 0;
+    return static_cast<int>(received);
+}
 
 // The C++ runtime gives a forced unwind's handler a reference to nothing, which the sanitizer would take for an error.
 __attribute__((no_sanitize("null"))) void CZceDmaChanImpl::DmaEntrance(const unsigned char* pkt, unsigned int len,
                                                                        void* ctx) {
     auto* self = static_cast<CZceDmaChanImpl*>(ctx);
     try {
-        if (len < kTypeSize) {
-            self->rejectShortPacket(len);
+        if (len < packet::kTypeSize) {
+            rejectShortPacket(len);
             return;
         }
-        const std::uint32_t type = packetType(pkt);
-        if (type >= kFirstMarketData && type <= kLastMarketData) {
+        const std::uint32_t type = packet::typeOf(pkt);
+        if (packet::isMarketData(type)) {
             self->HandleUpSubsResult(pkt, len, ctx);
-        } else if (type == kTypeContractMap) {
+        } else if (type == packet::kContractMap) {
             self->HandleContMapPkt(pkt, len, ctx);
         } else {
             LOG_ERROR("Unsupported dma type 0x%x", type);
@@ -79,74 +47,26 @@ __attribute__((no_sanitize("null"))) void CZceDmaChanImpl::DmaEntrance(const uns
     } catch (const abi::__forced_unwind&) {
         throw;  // the thread is being cancelled: stopping that would end the process
     } catch (...) {
-        // Nothing may unwind through the card's C library; the poll throws it again once that has returned.
-        self->m_callbackError = std::current_exception();
+        self->keepCallbackError();
     }
 }
 
-// The packets of a day but a few hundred end here: what an ordinary one does not need is elsewhere.
-__attribute__((no_sanitize("null"))) void CZceDmaChanImpl::streamEntrance(const unsigned char* pkt, unsigned int len,
-                                                                          void* ctx) {
-    auto& path = *static_cast<PacketPath*>(ctx);
-    if (len < kPacketHeadSize) return handleTheFullWay(pkt, len, path);
-    const std::uint32_t slot = packetType(pkt) - kFirstMarketData;
-    if (slot >= path.straightTypes) return handleTheFullWay(pkt, len, path);
-    try {
-        path.callbacks[slot](path.spi, pkt + kPacketHeadSize);
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (...) {
-        keepCallbackError(path);
-    }
+void CZceDmaChanImpl::keepCallbackError() { m_callbackError = std::current_exception(); }
+
+void CZceDmaChanImpl::rethrowCallbackError() {
+    if (!m_callbackError) return;
+    std::exception_ptr error;
+    error.swap(m_callbackError);
+    std::rethrow_exception(error);
 }
 
-__attribute__((noinline, cold)) void CZceDmaChanImpl::handleTheFullWay(const unsigned char* pkt, unsigned int len,
-                                                                       PacketPath& path) {
-    CZceDmaChanImpl& self = *path.channel;
-    DmaEntrance(pkt, len, &self);
-    if (self.m_bRecvData == 0) path.unusualFrom = 0;
-    self.m_bRecvData = 0;
-    if (m_bSignalRegister.load(std::memory_order_relaxed)) path.straightTypes = PacketPath::kTypes;
-}
-
-__attribute__((noinline, cold)) void CZceDmaChanImpl::keepCallbackError(PacketPath& path) {
-    path.channel->m_callbackError = std::current_exception();
-    path.unusualFrom = 0;
-}
-
-int CZceDmaChanImpl::HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {
-    if (len < kTypeSize) return rejectShortPacket(len);
-    const std::uint32_t type = packetType(pkt);
-    if (type < kFirstMarketData || type > kLastMarketData) return rejectUnknownPacket(pkt, len);
-    if (!m_bSignalRegister.load(std::memory_order_relaxed)) registerSignalsOnce();
-    if (len < kPacketHeadSize) return rejectShortPacket(len);
-
-    IVexoZceMdSpi* spi = m_pApi->m_pSpi;
-    const unsigned char* payload = pkt + kPacketHeadSize;
-    int result = 0;
-    switch (type) {
-        case 17: result = spi->OnUpSubsResult17(payload); break;
-        case 18: result = spi->OnUpSubsResult18(payload); break;
-        case 19: result = spi->OnUpSubsResult19(payload); break;
-        default: result = spi->OnUpSubsResult20(payload); break;
-    }
-    m_bRecvData = 1;
-    return result;
-}
-
-// Caught only from here on: until market data flows, a stop signal ends a hanging start-up at once.
-__attribute__((noinline, cold)) void CZceDmaChanImpl::registerSignalsOnce() {
-    if (m_bSignalRegister.exchange(true)) return;
-    CSignalProcess::InitSignal();
-}
-
-__attribute__((noinline, cold)) int CZceDmaChanImpl::rejectShortPacket(unsigned int len) {
+int CZceDmaChanImpl::rejectShortPacket(unsigned int len) {
     LOG_WARN("Unexpect dma size, size %u", len);
     return 0;
 }
 
-__attribute__((noinline, cold)) int CZceDmaChanImpl::rejectUnknownPacket(const unsigned char* pkt, unsigned int len) {
-    LOG_ERROR("Unsupported dma type, type:%u.", packetType(pkt));
+int CZceDmaChanImpl::rejectUnknownPacket(const unsigned char* pkt, unsigned int len) {
+    LOG_ERROR("Unsupported dma type, type:%u.", packet::typeOf(pkt));
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::string dump;  // written at once: other threads' lines stay out of it
     for (unsigned int i = 0; i < len; ++i) {
@@ -154,121 +74,5 @@ __attribute__((noinline, cold)) int CZceDmaChanImpl::rejectUnknownPacket(const u
         dump += kDigits[pkt[i] & 15];
     }
     std::printf("%s\n", dump.c_str());
-    return 0;
-}
-
-int CZceDmaChanImpl::HandleContMapPkt(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {
-    if (len < kMapPacketMinSize) return rejectShortPacket(len);
-    if (m_pContractServ == nullptr) {
-        ignoreContractMap();
-        return 0;
-    }
-    GetConfig();
-    LoadtoMapFromMac(pkt, len);
-    if (!m_bCfgInsSuccess && CheckConfigInst() == 0) {
-        m_bCfgInsSuccess = true;
-        m_tCfgSuccTime = systemNow();
-        LOG_INFO("check config is success. m_bCfgInsSuccess is %d.", 1);
-    }
-    if (!m_bCfgInsSuccess) return 0;
-
-    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(systemNow() - m_tCfgSuccTime).count();
-    if (elapsed > static_cast<long>(m_pCfgFile->m_binDelayTime) * 60) {
-        m_pFpgaServ->FpgaCloseTrans();
-        m_pBinFile->WriteBinFileEnd();
-        LOG_INFO("write bin file is success, snapInitIntervelSeconds is %d.", static_cast<int>(elapsed));
-    }
-    return 0;
-}
-
-void CZceDmaChanImpl::ignoreContractMap() {
-    if (m_bMapIgnoredLogged) return;
-    m_bMapIgnoredLogged = true;
-    LOG_WARN("[channel:%d] Contract map packets are ignored, only channel 0 learns the map!",
-             static_cast<int>(m_pCfgFile->m_uiChannelId));
-}
-
-void CZceDmaChanImpl::LoadtoMapFromMac(const unsigned char* pkt, unsigned int len) {
-    if (len < kMapArea) return;
-    const unsigned int end = kMapArea + bigEndian16(pkt + kMapAreaLength) - 1;
-    unsigned int pos = kMapArea;
-    for (unsigned int msgNo = 0; pos < end; ++msgNo) {
-        unsigned int msgLen = 0;
-        if (LoadtoMapFromEachMsg(pkt + pos, len - pos, msgNo, msgLen) != 0) {
-            LOG_WARN(
-                "Bad contract map message, number:%u, offset:%u, packet size:%u! The rest of the packet is dropped.",
-                msgNo, pos, len);
-            return;
-        }
-        pos += msgLen;
-    }
-}
-
-int CZceDmaChanImpl::LoadtoMapFromEachMsg(const unsigned char* msg, unsigned int room, unsigned int msgNo,
-                                          unsigned int& msgLen) {
-    const MessageHeader& header = msgNo == 0 ? kFirstHeader : kLaterHeader;
-    if (room < kMessageLengthSize) return -1;
-    msgLen = bigEndian16(msg);
-    if (msgLen < header.id || msgLen > room) return -1;
-
-    const auto* text = reinterpret_cast<const char*>(msg + header.id);
-    const std::string instId(text, ::strnlen(text, std::min<std::size_t>(msgLen - header.id, kMaxIdLength)));
-    LoadtomapFrmParsedMsg(instId, msg[header.flag], static_cast<unsigned short>(bigEndian16(msg + header.index)),
-                          msgNo);
-    return 0;
-}
-
-void CZceDmaChanImpl::LoadtomapFrmParsedMsg(const std::string& instId, unsigned char /*flag*/, unsigned short index,
-                                            unsigned int /*msgNo*/) {
-    ++m_ulParsedCnt;
-    if (m_ulParsedCnt % kProgressStep == 0) {
-        LOG_INFO("Have parsed %u instrument id already, instnum:%u.", static_cast<unsigned int>(m_ulParsedCnt),
-                 static_cast<unsigned int>(m_mapInstIdx.size()));
-    }
-    if (!m_mapInstIdx.try_emplace(instId, index).second) return;  // the first index of an id wins
-    m_pBinFile->WriteBinFileInst(instId, index);
-    const std::string instClass = instId.substr(0, 2);
-    if (!contains(m_vecRecvClass, instClass)) m_vecRecvClass.push_back(instClass);
-    IncreQuoteSub(instId, index);
-}
-
-void CZceDmaChanImpl::IncreQuoteSub(const std::string& instId, unsigned short index) {
-    if (instId.size() < kMinSubscribedId) return;
-    const unsigned int channels = m_pContractServ->wantedBy(instId);
-    if (channels != 0) m_pFpgaServ->subscribeForChannels(tableOf(instId), index, instId, channels);
-}
-
-int CZceDmaChanImpl::CheckConfigInst() {
-    for (std::uint32_t chan = 0; chan < card_reg::kChannels; ++chan) {
-        bool allReceived = false;
-        const int result = checkConfigOfChannel(chan, allReceived);
-        if (result != 0 || allReceived) return result;
-    }
-    return 0;
-}
-
-// 0 when the channel's classes and ids have all been announced. @p allReceived: the whole exchange has been, which
-// settles the channels behind this one too.
-int CZceDmaChanImpl::checkConfigOfChannel(std::uint32_t chan, bool& allReceived) {
-    const Vexo2_U50::ZceSubsInfo_t& rules = m_pCfgFile->getArrayReference()[chan];
-    LOG_INFO("channel is %d, m_SubsContractClass size is %d, m_SubsContractId is %d.", static_cast<int>(chan),
-             static_cast<int>(rules.m_SubsContractClass.size()), static_cast<int>(rules.m_SubsContractId.size()));
-    for (const std::string& cls : rules.m_SubsContractClass) {
-        if (cls == "all") {
-            allReceived = m_ulParsedCnt > kAllReceivedCount;
-            if (allReceived) return 0;
-            LOG_INFO("all inst not recv success, inst type is %s.", cls.c_str());
-            return -2;
-        }
-        if (!contains(m_vecRecvClass, cls)) {
-            LOG_INFO("Prefix is %s.", cls.c_str());
-            return -1;
-        }
-    }
-    for (const std::string& id : rules.m_SubsContractId) {
-        if (m_mapInstIdx.find(id) != m_mapInstIdx.end()) continue;
-        LOG_INFO("instId is %s .", id.c_str());
-        return -2;
-    }
     return 0;
 }

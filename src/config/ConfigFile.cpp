@@ -24,12 +24,12 @@ constexpr std::uint32_t kMaxBus = 4;
 constexpr int kDefaultBinDelay = 15;  // minutes
 constexpr int kNoCpu = -1;
 
-// A number of the device value in 32 bits. One that does not fit must not come out as a valid bus or channel.
+// Narrows a number of `config:device`. One that does not fit must not become a valid bus or channel.
 std::uint32_t narrow(long number) {
     return number >= INT_MIN && number <= INT_MAX ? static_cast<std::uint32_t>(number) : kFailure;
 }
 
-// iniparser reads whatever it is given to its end: a device or a FIFO may have none.
+// iniparser reads a file to its end. A device or a FIFO may have no end.
 bool isReadableToItsEnd(const char* path) {
     struct stat status;
     return ::stat(path, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
@@ -73,7 +73,7 @@ std::uint32_t CZceConfigFile::Init() {
     return 0;
 }
 
-// Scans "xilinx<bus>:<channel>" and keeps the bus. Returns how many of the two numbers there were.
+// Scans "xilinx<bus>:<channel>" and keeps the bus. Returns how many of the two numbers it found.
 int CZceConfigFile::scanDevice(const std::string& device, std::uint32_t& channel) {
     long busNumber = 0;
     long channelNumber = 0;
@@ -92,7 +92,7 @@ std::uint32_t CZceConfigFile::GetDmaChannel() {
     std::transform(folded.begin(), folded.end(), folded.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
 
-    // What the scan stored stays, also when it is refused below: a later call then returns it unparsed.
+    // The scanned channel stays even when it is refused below: the next call returns it without a scan.
     const int scanned = scanDevice(folded, m_uiChannelId);
     if (scanned != 2 || m_uiChannelId >= card_reg::kChannels || m_uiBusId > kMaxBus) {
         std::printf("Error! Invalid parameter! Input: %s \n", device.c_str());
@@ -122,7 +122,7 @@ void CZceConfigFile::BindCpu() {
         LOG_INFO("[channel:%d] Doesn't need to bind cpu.", channel);
         return;
     }
-    // A number outside the set still reaches the system call, which refuses the empty set.
+    // A CPU number that does not fit leaves the set empty. The system call refuses an empty set.
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     if (static_cast<unsigned int>(cpu) < CPU_SETSIZE) CPU_SET(static_cast<std::size_t>(cpu), &cpus);

@@ -13,8 +13,9 @@ class CVexoZceMdApiImpl;
 
 namespace Vexo2_U50 {
 
-/// The ini file and everything that is decided by it alone: the card and the DMA channel of this process, the CPU,
-/// the card's network outputs, the version check and the 16 channels' subscription rules.
+/// The ini file, and what it alone decides: the card and the DMA channel of this process, the CPU, the card's network
+/// outputs, the version check and the 16 channels' subscription rules.
+/// Implemented in ConfigFile.cpp, NetOutput.cpp, SubsRules.cpp and VersionCheck.cpp.
 /// Used on the application's thread during start-up; read-only afterwards. 32-bit results are 0 or 0xFFFFFFFF.
 class CZceConfigFile {
 public:
@@ -26,8 +27,8 @@ public:
 
     std::uint32_t Init();           ///< loads the file and fixes card and channel
     std::uint32_t GetDmaChannel();  ///< 0 to 15, parsed from `config:device` once, in any letter case
-    /// Card number, scanned afresh and case-sensitively: a device written "Xilinx0:0" serves, but is logged as an
-    /// error here each time.
+    /// Card number. Scans `config:device` again, and case-sensitively: a device written "Xilinx0:0" works, but each
+    /// call logs an error.
     std::uint32_t GetBusId();
     bool bIsMasterChannel() const { return m_uiChannelId == 0; }  ///< channel 0, the only one that programs the card
     ZceSubsInfo_t (&getArrayReference())[card_reg::kChannels] { return m_stSubsInfo; }
@@ -45,7 +46,7 @@ public:
     void CfgNetIPAndPort();
 
     // ---- subscription rules ----
-    /// Appends to the channels' records, never clears them: a second run leaves every list entry twice.
+    /// Appends to the channels' records and never clears them. A second call adds every list entry again.
     std::uint32_t ParseSubsInst();
     void ParseRawInsts(std::string value, std::uint32_t channel);
 
@@ -60,15 +61,15 @@ public:
     ZceSubsInfo_t m_stSubsInfo[card_reg::kChannels];
     std::uint32_t m_binDelayTime;  ///< minutes
 
-    /// Feeds that are switched on: bit 1 Level-1, bit 0 Level-5. Class-wide: the last DumpDevInfo wins. The word itself
-    /// is the card service's, which writes it into the card.
+    /// Feeds that are switched on: bit 1 Level-1, bit 0 Level-5. One word for the whole process: the last DumpDevInfo
+    /// wins. Another name of CZceFpgaServ::decodeSwitch, which StartDecode writes into the card.
     static std::atomic<std::uint32_t>& m_SwitchReg;
     static std::string m_ini_path;
 
 private:
     /// Value of a key as written; null when the key is absent.
     const char* getString(const char* key) const { return iniparser_getstring(m_pDict, key, nullptr); }
-    /// Number of a key. A section that is named as the key has no value and counts as an absent key.
+    /// Number of a key. A section with the key's name has no value; it counts as an absent key.
     int getInt(const char* key, int absent) const {
         return getString(key) != nullptr ? iniparser_getint(m_pDict, key, absent) : absent;
     }

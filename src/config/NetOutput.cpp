@@ -51,8 +51,8 @@ constexpr KeyedRegister kMulticastPorts[] = {
     {"config:L1_PORT", card_reg::kL1MulticastPort},
 };
 
-// Scan buffers live through a whole operation: a number that a later value does not give keeps what an earlier one
-// left, and is written all the same.
+// The scan buffers live through a whole operation. When a value gives too few numbers, the rest keep those of an
+// earlier value, and are written too.
 struct MacScan {
     unsigned char bytes[6] = {};
 
@@ -73,7 +73,7 @@ struct IpScan {
     void scan(const char* text) {
         std::sscanf(text, "%d.%d.%d.%d", &numbers[0], &numbers[1], &numbers[2], &numbers[3]);
     }
-    // First number in the lowest byte; each number counts by its low eight bits.
+    // First number in the lowest byte. Only the low eight bits of each number count.
     std::uint32_t littleEndian() const {
         std::uint32_t packed = 0;
         for (unsigned int i = 0; i < 4; ++i) packed |= (static_cast<std::uint32_t>(numbers[i]) & 0xFF) << (8 * i);

@@ -12,13 +12,13 @@ namespace {
 constexpr char kLogFile[] = "DataType";
 
 constexpr std::uint32_t kFailure = 0xFFFFFFFF;
-constexpr char kReceive[] = "recv";  // exactly so: "RECV" refuses
+constexpr char kReceive[] = "recv";  // case-sensitive: "RECV" means norecv
 
 std::string channelKey(std::uint32_t channel, const char* name) {
     return "channel" + std::to_string(channel) + ":" + name;
 }
 
-// Appends a token to its list and to the text that joins them.
+// Appends a token to its list and to the list's joined text.
 void addToken(const std::string& token, NameList& list, std::string& joined) {
     if (!joined.empty()) joined += ',';
     joined += token;
@@ -43,7 +43,7 @@ std::uint32_t CZceConfigFile::ParseSubsInst() {
     return 0;
 }
 
-// The channel's `insts` and `options`. False when `options` is missing, which ends the whole parse.
+// Reads the channel's `insts` and `options`. False when `options` is missing: that ends the whole parse.
 bool CZceConfigFile::parseChannelInsts(std::uint32_t channel) {
     const char* value = getString(channelKey(channel, "insts").c_str());
     if (value == nullptr) return true;

@@ -19,13 +19,13 @@ constexpr char kSoftVersion[] = "1.1.2.13";
 constexpr char kVersionSection[] = "version:";
 constexpr std::size_t kValueLength = 8;  // characters of a version value that count
 
-// Least hardware version of the value of a version key.
+// The lowest hardware version that the value of a version key allows.
 std::uint32_t requiredVersion(const char* value) {
     const std::string text(value, ::strnlen(value, kValueLength));
     return static_cast<std::uint32_t>(std::strtol(text.c_str(), nullptr, 10));
 }
 
-// Tells the card the software version; it answers in the verdict register.
+// Tells the card the software version. The next read of the verdict register is the card's answer.
 void announceSoftVersion(IDrv& drv) {
     unsigned int a = 0;
     unsigned int b = 0;

@@ -1,7 +1,6 @@
 #include "src/dayfile/DayFile.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <iterator>
@@ -16,10 +15,13 @@ namespace {
 
 constexpr char kLogFile[] = "VexoZceBinFile";
 
-constexpr char kHeader[] = "inst_index,inst_id";
-constexpr char kEndTag[] = "bin_file_over_tag";
+constexpr std::string_view kHeaderLine = "inst_index,inst_id\n";
+constexpr std::string_view kEndTagLine = "bin_file_over_tag\n";
 constexpr int kFirstEveningHour = 17;
 constexpr std::size_t kIndexDigits = 5;
+constexpr std::size_t kUsualLine = 128;  // an id of the card has up to 63 characters
+
+constexpr std::string_view withoutLineFeed(std::string_view line) { return line.substr(0, line.size() - 1); }
 
 // Path of the current half-day's file.
 std::string dayFilePath() {
@@ -29,8 +31,8 @@ std::string dayFilePath() {
     return std::string(path) + (now.tm_hour < kFirstEveningHour ? "_am" : "_pm");
 }
 
-// More lines than the exchange has instruments are sorted in portions: a file of nothing but lines must not take many
-// times its size in memory.
+// Lines are sorted in portions of more than the exchange has instruments: a file of nothing but short lines must not
+// take many times its size in memory.
 constexpr std::size_t kPortion = 32768;
 
 struct DayLine {
@@ -38,8 +40,8 @@ struct DayLine {
     unsigned short index;
 };
 
-// The file has the order in which the card announced the instruments; a map takes its entries fastest in its own order.
-// Of several lines with one id the first stays first, and is the one that counts.
+// The file has the order in which the card announced the instruments. A map takes its entries fastest in its own order.
+// The sort keeps lines of one id in their order: the first one wins.
 void insert(std::vector<DayLine>& insts, std::map<std::string, unsigned short>& map) {
     std::stable_sort(insts.begin(), insts.end(), [](const DayLine& a, const DayLine& b) { return a.id < b.id; });
     auto behind = map.begin();
@@ -54,39 +56,96 @@ CBrixBinFile::CBrixBinFile(std::map<std::string, unsigned short>& map, unsigned 
 
 CBrixBinFile::~CBrixBinFile() {
     closeIntraday();
+    reportLostLines();
     m_dayFile.close();
 }
 
 int CBrixBinFile::InstBinFileInit() {
+    reportLostLines();
     m_strDayPath = dayFilePath();
-    if (!m_dayFile.open(m_strDayPath)) {
+    m_incomplete = false;
+    m_sizeBeforeEndTag = 0;
+    std::string refusal;
+    m_begun = m_dayFile.open(m_strDayPath, refusal);
+    if (!m_begun) {
+        LOG_WARN("contract index file %s is not written, %s.", m_strDayPath.c_str(), refusal.c_str());
         LOG_WARN("open contract index file failed %s.", m_strDayPath.c_str());
         return -1;
     }
-    writeToDayFile(std::string(kHeader) + '\n');
+    writeToDayFile(kHeaderLine);
     return 0;
 }
 
 void CBrixBinFile::WriteBinFileInst(std::string id, unsigned short index) {
-    const std::size_t room = kIndexDigits + 1 + id.size() + 1;
-    if (m_lineRoom.size() < room) m_lineRoom.resize(room);
-    char* const line = m_lineRoom.data();
-    char* end = std::to_chars(line, line + kIndexDigits, index).ptr;
-    *end++ = ',';
-    for (const char c : id) {
-        if (c == '\n') return;  // no id of the exchange: it would forge lines, the end tag among them
-        *end++ = c;
+    if (!m_begun) return;
+    if (id.find('\n') != std::string::npos) {
+        ++m_lostLines;
+        // No id of the exchange has one. Written, it would forge lines, the end tag among them.
+        markIncomplete("its id has a line feed");
+        return;
     }
-    *end++ = '\n';
-    writeToDayFile({line, static_cast<std::size_t>(end - line)});
+    char line[kUsualLine];
+    char* const behindIndex = std::to_chars(line, line + kIndexDigits, index).ptr;
+    const auto indexLength = static_cast<std::size_t>(behindIndex - line);
+    if (indexLength + id.size() + 2 > sizeof line) {
+        writeInstLine(std::string(line, indexLength) + ',' + id + '\n');
+        return;
+    }
+    *behindIndex = ',';
+    std::memcpy(behindIndex + 1, id.data(), id.size());
+    behindIndex[1 + id.size()] = '\n';
+    writeInstLine({line, indexLength + id.size() + 2});
 }
 
-void CBrixBinFile::WriteBinFileEnd() { writeToDayFile(std::string(kEndTag) + '\n'); }
+void CBrixBinFile::writeInstLine(std::string_view line) {
+    if (!writeToDayFile(line)) ++m_lostLines;
+}
 
-void CBrixBinFile::writeToDayFile(std::string_view text) {
-    if (m_dayFile.write(text.data(), text.size())) return;
+void CBrixBinFile::WriteBinFileEnd() {
+    if (!m_begun) return;
+    if (m_incomplete) {
+        reportLostLines();
+        return;
+    }
+    const std::size_t before = m_dayFile.size();
+    if (writeToDayFile(kEndTagLine) && m_sizeBeforeEndTag == 0) m_sizeBeforeEndTag = before;
+}
+
+// Nothing is written behind a gap: the first failure closes the file.
+bool CBrixBinFile::writeToDayFile(std::string_view text) {
+    if (!m_dayFile.isOpen()) return false;
+    const char* const why = m_dayFile.write(text.data(), text.size());
+    if (why == nullptr) return true;
     LOG_WARN("write contract index file failed %s, msg:%s. It stays without its end tag, the next start won't load it.",
-             m_strDayPath.c_str(), std::strerror(errno));
+             m_strDayPath.c_str(), why);
+    m_incomplete = true;
+    withdrawEndTag();
+    m_dayFile.close();
+    return false;
+}
+
+void CBrixBinFile::markIncomplete(const char* why) {
+    if (!m_begun || m_incomplete) return;
+    m_incomplete = true;
+    LOG_WARN(
+        "contract index file %s lacks an instrument, %s. It stays without its end tag, the next start won't load it.",
+        m_strDayPath.c_str(), why);
+    withdrawEndTag();
+}
+
+// Contract-map packets may still arrive behind the end tag, and bring instruments that then cannot be written.
+void CBrixBinFile::withdrawEndTag() {
+    if (m_sizeBeforeEndTag == 0) return;
+    if (!m_dayFile.cut(m_sizeBeforeEndTag)) {
+        LOG_WARN("contract index file %s keeps the end tag that it has already, remove it.", m_strDayPath.c_str());
+    }
+    m_sizeBeforeEndTag = 0;
+}
+
+void CBrixBinFile::reportLostLines() {
+    if (m_lostLines == 0) return;
+    LOG_WARN("contract index file %s is not complete, lost lines: %lu.", m_strDayPath.c_str(), m_lostLines);
+    m_lostLines = 0;
 }
 
 int CBrixBinFile::CheckOrLoadBinFile() {
@@ -109,7 +168,7 @@ int CBrixBinFile::CheckOrLoadBinFile() {
     return 0;
 }
 
-// Takes every line of a day file into the map, lines behind an end tag too. Returns whether there was an end tag.
+// Puts every line of a day file into the map, also those behind an end tag. Returns whether there was an end tag.
 bool CBrixBinFile::loadDayLines(const std::string& content) {
     bool tagSeen = false;
     std::vector<DayLine> insts;
@@ -118,10 +177,10 @@ bool CBrixBinFile::loadDayLines(const std::string& content) {
         rest.remove_prefix(std::min(line.size() + 1, rest.size()));
 
         const std::size_t comma = line.find(',');
-        if (line == kEndTag) {
+        if (line == withoutLineFeed(kEndTagLine)) {
             LOG_INFO("Get file end flag is success.");
             tagSeen = true;
-        } else if (line != kHeader && comma != std::string_view::npos) {
+        } else if (line != withoutLineFeed(kHeaderLine) && comma != std::string_view::npos) {
             // The comma ends the number: it is read in place.
             insts.push_back({line.substr(comma + 1), leadingDecimal<unsigned short>(line.data())});
             if (insts.size() == kPortion) insert(insts, m_Intrade_AllInstMap);

@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -17,9 +19,22 @@ constexpr char kTimeKey[] = "contract's_corresponding_time=";
 constexpr char kEndTag[] = "bin_file_over_tag";
 
 constexpr int kInstLineSize = 128;             // a longer line is cut
-constexpr int kReadLineSize = 256;             // a longer line is read in pieces
+constexpr int kReadLineSize = 256;             // Intrade_GetAllInstFromBin takes a longer line in pieces
 constexpr unsigned long kTimeOfDay = 1000000;  // YYYYMMDDhhmmss: date above, time of day below
 constexpr int kLastMorningHour = 14;
+
+// Reads a line to its end and keeps its first 255 characters: marks count only at the beginning of a line. False at the
+// end of the file.
+bool readLineStart(std::FILE* file, char (&start)[kReadLineSize]) {
+    std::size_t length = 0;
+    int c = std::getc(file);
+    if (c == EOF) return false;
+    for (; c != EOF && c != '\n'; c = std::getc(file)) {
+        if (length < sizeof start - 1) start[length++] = static_cast<char>(c);
+    }
+    start[length] = '\0';
+    return true;
+}
 
 bool beginsWith(const char* line, const char* text) { return std::strncmp(line, text, std::strlen(text)) == 0; }
 
@@ -29,9 +44,12 @@ unsigned long stamp(const std::tm& t) {
 
 }  // namespace
 
-bool CBrixBinFile::openIntraday(const char* mode) {
+bool CBrixBinFile::openIntraday(int flags, const char* mode) {
     closeIntraday();
-    m_lpIntradeFile = std::fopen(kBinName, mode);
+    const int fd = safe_file::openAboveStandard(kBinName, flags | O_CLOEXEC, 0666);
+    if (fd < 0) return false;
+    m_lpIntradeFile = ::fdopen(fd, mode);
+    if (m_lpIntradeFile == nullptr) ::close(fd);
     return m_lpIntradeFile != nullptr;
 }
 
@@ -41,7 +59,7 @@ void CBrixBinFile::closeIntraday() {
 }
 
 int CBrixBinFile::Normal_FileInit() {
-    if (openIntraday("w")) return 0;
+    if (openIntraday(O_WRONLY | O_CREAT | O_TRUNC, "w")) return 0;
     LOG_WARN("Fail! Unable to open file %s,msg:%s", kBinName, std::strerror(errno));
     return -1;
 }
@@ -69,7 +87,7 @@ int CBrixBinFile::WriteEndToBin() {
     if (m_lpIntradeFile == nullptr) return -1;
     const unsigned long today = static_cast<unsigned long>(local_time::date(local_time::now())) * kTimeOfDay;
     const unsigned long settled = today + m_uiSettleTime;
-    // The sum goes back into the 32-bit global as well, as it always has; what reads it there takes its low bits.
+    // The sum is also stored in the 32-bit global, which keeps its low bits.
     m_uiSettleTime = static_cast<unsigned int>(settled);
     std::fprintf(m_lpIntradeFile, "%s%lu\n", kTimeKey, settled);
     std::fputs(kEndTag, m_lpIntradeFile);
@@ -82,7 +100,7 @@ bool CBrixBinFile::Intrade_IsBinComplete() {
     char line[kReadLineSize];
     if (m_lpIntradeFile != nullptr) {
         std::rewind(m_lpIntradeFile);
-        while (std::fgets(line, sizeof line, m_lpIntradeFile) != nullptr) {
+        while (readLineStart(m_lpIntradeFile, line)) {
             if (beginsWith(line, kEndTag)) return true;
         }
     }
@@ -95,7 +113,7 @@ int CBrixBinFile::Intrade_ExtractBinCreTime() {
     char line[kReadLineSize];
     if (m_lpIntradeFile != nullptr) {
         std::rewind(m_lpIntradeFile);
-        while (std::fgets(line, sizeof line, m_lpIntradeFile) != nullptr) {
+        while (readLineStart(m_lpIntradeFile, line)) {
             if (!beginsWith(line, kTimeKey)) continue;
             m_ulCreateTime = std::strtoul(line + std::strlen(kTimeKey), nullptr, 10);
             LOG_INFO("%s%lu", kTimeKey, m_ulCreateTime);
@@ -111,7 +129,7 @@ int CBrixBinFile::Intrade_ChkBinTimeValidate() {
     const unsigned long current = stamp(now);
     if (current / kTimeOfDay != m_ulCreateTime / kTimeOfDay) return -1;
 
-    // Wider than the messages say: the file of the hour before the session and of its first part both serve.
+    // Wider than the messages say: a file of the hour before the session is as good as one of its first part.
     const unsigned long created = m_ulCreateTime % kTimeOfDay;
     if (now.tm_hour <= kLastMorningHour) {
         if (created >= 80000 && created < 103000) return 0;
@@ -150,7 +168,7 @@ int CBrixBinFile::Intrade_GetAllInstFromBin() {
 }
 
 int CBrixBinFile::Intrade_CheckAndGetAllInstFromBin() {
-    if (!openIntraday("r")) {
+    if (!openIntraday(O_RDONLY, "r")) {
         LOG_WARN("Cannot open file:%s, errmsg:%s", kBinName, std::strerror(errno));
         return -1;
     }

@@ -20,7 +20,7 @@ enyx_hw_core_tree* s_lpTree[kBusCount];
 enyx_hw_core* s_lpEnyxCoreRoot[kBusCount];
 MOSK2::CThreadMutex s_coreMutex;  // guards the four arrays
 
-// Opens the accelerator; null after logging why. Every early return frees what it holds, but for one descriptor.
+// Opens the accelerator; null after logging why. Every early return frees what it holds, except one descriptor.
 enyx_hw_accelerator* openAccelerator(unsigned short busId) {
     hw::Filter filter(enyx_hw_filter_create());
     if (!filter) {
@@ -71,7 +71,7 @@ enyx_hw_mmio* openMmio(const enyx_hw_accelerator* acc) {
         const int why = errno;
         LOG_ERROR("Could not create mmio, errmsg:%s.", std::strerror(why));
         descriptor.freeNow();
-        // Said twice: once for the call, once for the bus that is left without a register space.
+        // Logged twice: once for the call, once for the bus that has no register space now.
         LOG_ERROR("Could not create mmio, errmsg:%s.", std::strerror(why));
     }
     return mmio;
@@ -96,7 +96,7 @@ enyx_hw_core* DrvEnyxGetRoot(unsigned short busId) {
     const enyx_hw_accelerator* acc = DrvEnyxCoreGetAcc(busId);
     if (acc == nullptr) return nullptr;
 
-    // Taken into the cache only when it opened: what an earlier failed look-up left there has been destroyed already.
+    // Cached only when it opened. After a failed look-up the cache holds a destroyed handle, which is never used.
     enyx_hw_mmio* mmio = openMmio(acc);
     if (mmio == nullptr) return nullptr;
     s_lpMMIO[busId] = mmio;
@@ -115,7 +115,7 @@ enyx_hw_core* DrvEnyxGetRoot(unsigned short busId) {
 
 enyx_hw_accelerator* DrvEnyxCoreGetAcc(unsigned short busId) {
     if (busId >= kBusCount) {
-        errno = ENODEV;  // what the callers' own lines tell
+        errno = ENODEV;  // the callers log it too
         LOG_ERROR("Could not find accelerator. ernno:%d, msg:%s, get acc num:%d.", errno, std::strerror(errno), 0);
         return nullptr;
     }

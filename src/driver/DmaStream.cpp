@@ -39,7 +39,7 @@ int CDrvDMAEnyx::Init(void* record) {
 
     const std::size_t mark = m_strCfgName.find(kChannelMark);
     if (mark == std::string::npos) {
-        LOG_INFO("Extract dma channel fail.");  // INFO although it is a failure: operators' filters expect it so
+        LOG_INFO("Extract dma channel fail.");  // INFO, although it is a failure: operators' filters expect this level
         return -1;
     }
     const char* number = m_strCfgName.c_str() + mark + std::strlen(kChannelMark);
@@ -162,7 +162,7 @@ void CDrvDMAEnyx::reportCounters() const {
     if (enyx_hw_a2c_stream_stats_get_packet_count(m_lpA2c, &packets) != 0)
         LOG_INFO("get a2c stream packet count fail.");
     if (enyx_hw_a2c_stream_stats_get_fifo_errors(m_lpA2c, &fifo) != 0) LOG_INFO("get a2c stream fifo count fail.");
-    // The same text as for the FIFO counter, as operators know it.
+    // Same text as for the FIFO counter: operators know it so.
     if (enyx_hw_a2c_stream_stats_get_errors(m_lpA2c, &error) != 0) LOG_INFO("get a2c stream fifo count fail.");
     LOG_INFO("[channel:%d] DMA count info: backpress:%u, dma2soft:%u, fifo:%u, error:%u.", m_iChannel, backpress,
              packets, fifo, error);

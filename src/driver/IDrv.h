@@ -17,10 +17,10 @@ public:
     virtual int WriteInt8(unsigned long addr, unsigned char value) = 0;
     virtual int WriteInt16(unsigned long addr, unsigned short value) = 0;
     virtual int WriteInt32(unsigned long addr, unsigned int value) = 0;
-    /// As WriteInt32; the name is the interface's, nothing is logged on success.
+    /// Same as WriteInt32. Despite its name it logs nothing on success.
     virtual int WriteInt32_Log(unsigned long addr, unsigned int value) = 0;
     /// Writes, then reads the register back so that the write has reached the card when this returns.
-    /// @return the result of the read-back alone: 0 also when the write failed and was logged.
+    /// @return the result of the read-back alone. A failed write is logged, but does not change the result.
     virtual int WriteInt32_LogWithRead(unsigned long addr, unsigned int value) = 0;
     virtual int WriteInt64(unsigned long addr, unsigned long value) = 0;
     /// Writes @p buf, of up to 128 bytes, as a big-endian field.

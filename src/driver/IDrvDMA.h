@@ -1,6 +1,6 @@
 #pragma once
 
-/// What a DMA driver hands each packet to. The bytes belong to the card's library and are valid only during the call.
+/// Takes each packet of a DMA driver. The bytes belong to the card's library and are valid only during the call.
 using DmaPacketHandler = void (*)(const unsigned char* pkt, unsigned int len, void* ctx);
 
 /// The DMA streams of one channel. One object serves one thread. Results are 0 or -1 unless said otherwise.

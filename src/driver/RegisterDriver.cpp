@@ -159,7 +159,7 @@ long CDrvEnyxReg::ReadBytes(unsigned long addr, unsigned char* buf, unsigned lon
         return 0;
     }
     for (unsigned long done = 0; done < len; done += kChunkBytes) {
-        // The tail is read a full word wide too: the card has nothing narrower to give here.
+        // The tail too is read as a full word. Only the bytes that remain are copied.
         const auto reg = describe(addr * kWordBytes + done, kChunkBytes);
         std::uint64_t word = 0;
         if (enyx_hw_read(m_lpCore, &reg, &word) < 0) {
@@ -178,7 +178,7 @@ long CDrvEnyxReg::WriteBytes(unsigned long addr, unsigned char* buf, unsigned lo
         return 0;
     }
     for (unsigned long done = 0; done < len; done += kChunkBytes) {
-        // The tail is written only as wide as what is left, and nothing behind the caller's buffer is read for it.
+        // The tail's write is only as wide as the bytes that remain: nothing behind the caller's buffer is read.
         const unsigned long bytes = std::min(len - done, kChunkBytes);
         std::uint64_t word = 0;
         std::memcpy(&word, buf + done, bytes);

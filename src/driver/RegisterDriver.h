@@ -12,16 +12,16 @@ struct EnyxRegInitParms_t {
 };
 
 /// The register driver over the hardware interface. Each operation holds the core's own lock for its whole duration,
-/// so a block transfer never mixes with another access to the core, from whichever thread or process.
+/// so a block transfer never mixes with another access to the core, from any thread or process.
 /// Reads and writes before a successful Init are not allowed.
 class CDrvEnyxReg : public IDrv {
 public:
     CDrvEnyxReg() = default;
-    /// The core, its register space and the accelerator stay open. A driver that is `instance` clears it, so that
-    /// the next user of the library makes a new one.
+    /// The core, its register space and the accelerator stay open. If `instance` is this driver, it becomes null: the
+    /// next user of the library makes a new driver.
     ~CDrvEnyxReg() override;
 
-    /// @param param  an EnyxRegInitParms_t. A second call after a success changes nothing, whatever its ids.
+    /// @param param  an EnyxRegInitParms_t. After a success further calls do nothing, whatever their ids.
     int Init(void* param) override;
     int ReadInt8(unsigned long addr, unsigned char& value) override;
     int ReadInt16(unsigned long addr, unsigned short& value) override;

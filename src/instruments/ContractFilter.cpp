@@ -12,8 +12,8 @@ namespace {
 
 constexpr char kLogFile[] = "DataType";
 
-// One list of all channels. Remembers its last answer: instruments that follow one another in the order of their ids
-// mostly share their class, and options their future.
+// The same list of all channels. Keeps its last answer: neighbours in the order of their ids mostly share their class,
+// and options share their future.
 class ListOfAllChannels {
 public:
     ListOfAllChannels(const ZceSubsInfo_t (&rules)[card_reg::kChannels], NameList ZceSubsInfo_t::*list)
@@ -41,11 +41,11 @@ private:
     const ZceSubsInfo_t (&m_rules)[card_reg::kChannels];
     NameList ZceSubsInfo_t::*m_list;
     bool m_asked = false;
-    std::string m_name;           // that was asked for last
-    unsigned int m_channels = 0;  // and the answer
+    std::string m_name;           // the last question
+    unsigned int m_channels = 0;  // its answer
 };
 
-// The rules of all channels, asked at once.
+// Asks the rules of all channels in one pass.
 class AllRules {
 public:
     explicit AllRules(const ZceSubsInfo_t (&rules)[card_reg::kChannels])
@@ -104,8 +104,7 @@ void CContractServ::JudgeAndFilterSubsInst() {
     std::vector<Decided> insts;
     insts.reserve(instIdToIndex.size());
     for (const auto& [id, index] : instIdToIndex) insts.push_back({index, tableOf(id), rules.wantedBy(id), &id});
-    // A map takes its entries fastest in its own order. Of an index that several ids share the last id stays last, and
-    // is the one kept.
+    // A map fills fastest in its own order. The sort is stable: when several ids share an index, the last one wins.
     std::stable_sort(insts.begin(), insts.end(), [](const Decided& a, const Decided& b) { return a.index < b.index; });
     for (std::uint32_t chan = 0; chan < card_reg::kChannels; ++chan) {
         IndexToInstId* const chosen[] = {&oneLegByChannel[chan], &combineByChannel[chan]};

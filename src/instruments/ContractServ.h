@@ -14,8 +14,9 @@ namespace Vexo2_U50 {
 
 class CZceConfigFile;
 
-/// Decides which of the instruments that the card announced each of the 16 channels subscribes, and recovers the
-/// announced instruments at start. 32-bit results are 0 or 0xFFFFFFFF unless said otherwise.
+/// Decides which instruments each of the 16 channels subscribes, and recovers the instrument map at start-up. 32-bit
+/// results are 0 or 0xFFFFFFFF unless said otherwise.
+/// Implemented in ContractFilter.cpp and ContractRecovery.cpp.
 class CContractServ {
 public:
     /// Owns none of what it is given; all of it must outlive this object.
@@ -27,11 +28,11 @@ public:
 
     // ---- filtering ----
     /// Reports missing ids, matches every instrument against every channel's rules and merges the result into the
-    /// card service's store. Passes of several channels do not overlap.
+    /// card service's store. One thread at a time: order_mutex is held.
     void FilterAndStoreToGlobMap();
     void JudgeAndFilterSubsInst();
     bool StoreAllSubsInstToFpga();  ///< always true
-    /// The channels whose rules take the instrument, of whichever kind: bit n for channel n.
+    /// The channels whose rules take the instrument: bit n for channel n.
     unsigned short wantedBy(const std::string& id) const;
     bool OptionIsMeetCondition(std::string id, std::uint32_t chan);
     bool bOrderedClass(std::string cls, std::uint32_t chan);
@@ -40,11 +41,11 @@ public:
     // ---- recovery ----
     std::uint32_t RecoverInstsFromBin();
     std::uint32_t RecoverInstsFromFpga();  ///< always 1
-    /// Minutes to wait until the card has gathered its instruments: 0 unless this process has reset it.
+    /// Minutes to wait until the card has gathered its instruments. 0 unless this process has reset the card.
     std::uint32_t GetExpireTime();
-    /// The whole recovery: from the day file, else, after waiting, from the card's tables. Always 0.
+    /// The whole recovery: from the day file, or else, after a wait, from the card's tables. Always 0.
     std::uint32_t RecoverAllInst();
-    /// Whether every id that the channel subscribes is known; those that are not are left in lackIds.
+    /// Whether every id that the channel subscribes is known. Stores the unknown ones in lackIds.
     bool Id_chkPresent(std::uint32_t chan);
     int DumpLackId();  ///< 0 when no instrument is known at all, else 1
 

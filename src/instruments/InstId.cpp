@@ -13,7 +13,7 @@ std::string lower(std::string text) {
     return text;
 }
 
-// Position of the C or P that makes the id an option, a digit on either side of it; npos when it is none.
+// Position of an option's C or P, which has a digit on either side; npos when the id is no option.
 std::size_t optionMark(const std::string& id) {
     for (std::size_t pos = 1; pos + 1 < id.size(); ++pos) {
         if ((id[pos] == 'C' || id[pos] == 'P') && isDigit(id[pos - 1]) && isDigit(id[pos + 1])) return pos;
@@ -68,7 +68,7 @@ bool isInterProductSpread(const std::string& id) { return id.compare(0, 4, "IPS-
 std::uint8_t tableOf(const std::string& id) { return isCalendarSpread(id) || isInterProductSpread(id) ? 1 : 0; }
 
 bool contains(const std::vector<std::string>& list, const std::string& entry) {
-    // From the end: instruments come product by product, so that the code added last is mostly the one asked for.
+    // From the end: instruments come product by product, so the code added last is the likely one.
     return std::find(list.rbegin(), list.rend(), entry) != list.rend();
 }
 

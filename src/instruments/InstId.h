@@ -22,7 +22,7 @@ std::string ExtractClass(const char* text, std::uint32_t length);
 /// The same for a whole id.
 std::string ExtractClass(const std::string& id);
 
-// Combinations are told by their first four characters alone.
+// The first four characters alone make an id a combination.
 bool isCalendarSpread(const std::string& id);      ///< begins "SPD-"
 bool isInterProductSpread(const std::string& id);  ///< begins "IPS-"
 /// The card's table that holds the instrument: 1 for a combination, 0 for everything else.

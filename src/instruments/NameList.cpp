@@ -5,13 +5,13 @@
 
 namespace {
 
-// Mostly a name is not listed: with few places taken one look tells.
+// Most names are not in the list. A sparse index finds that out with one look.
 constexpr std::size_t kSlotsPerName = 8;
 constexpr std::size_t kFirstSlots = 64;
 
 }  // namespace
 
-// A name stands at the place that its hash tells, or behind it at the first that was free.
+// Linear probing: a name takes the slot that its hash names, or the next free one.
 std::size_t NameList::find(const HashedName& name) const {
     const std::size_t mask = m_slots.size() - 1;
     std::size_t place = name.hash & mask;

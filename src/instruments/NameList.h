@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-/// A text and its hash, taken once where many lists are asked for the same text. Does not own the text.
+/// A text and its hash, computed once for look-ups in many lists. Does not own the text.
 struct HashedName {
     explicit HashedName(std::string_view name) : text(name), hash(std::hash<std::string_view>{}(name)) {}
 
@@ -16,8 +16,8 @@ struct HashedName {
     std::size_t hash;
 };
 
-/// A list of names, in the order in which they were added and with their repeats, that tells without a search whether
-/// it holds a name. An entry never changes once it is in, so that the index beside the list is never out of step.
+/// A list of names in the order in which they were added, repeats included, with a hash index: contains() does not
+/// search the list. Entries never change, so list and index always agree.
 class NameList {
 public:
     using value_type = std::string;
@@ -44,14 +44,14 @@ public:
     bool empty() const { return m_names.empty(); }
 
 private:
-    /// Where the name stands in the index, or the free place where it would.
+    /// The name's slot in the index, or the free slot that it would take.
     std::size_t find(const HashedName& name) const;
     void enter(std::size_t number);
     void grow();
 
     std::vector<std::string> m_names;
-    /// The index: places that hold the number of a name in the list, counted from 1; 0 = free. A power of two of them,
-    /// or none.
+    /// The index. A slot holds a name's position in the list, counted from 1; 0 = free. The number of slots is a power
+    /// of two, or 0.
     std::vector<std::uint32_t> m_slots;
     std::size_t m_taken = 0;
 };

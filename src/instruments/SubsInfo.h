@@ -23,7 +23,7 @@ struct ZceSubsInfo_t {
     std::string strSpd;      ///< raw value of the key
 };
 
-/// A second set of records under the namespace's name; the live ones are the configuration object's.
+/// A second set of records at namespace scope. Nothing uses it: the live ones are the configuration object's.
 extern ZceSubsInfo_t m_stSubsInfo[card_reg::kChannels];
 
 }  // namespace Vexo2_U50

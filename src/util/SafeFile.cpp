@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstring>
+#include <utility>
 
 namespace safe_file {
 
@@ -13,6 +15,11 @@ namespace {
 constexpr int kCautious = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr std::size_t kChunk = 65536;
 constexpr std::size_t kMaxSize = 64U << 20;  // both tables full take half a megabyte
+constexpr int kStandardStreams = 3;
+constexpr int kAttempts = 10;  // where another process may interfere between two calls
+
+constexpr char kSymbolicLink[] = "it is a symbolic link, remove it";
+constexpr char kNotRegular[] = "it is not a regular file, remove it";
 
 class Descriptor {
 public:
@@ -20,68 +27,168 @@ public:
     ~Descriptor() {
         if (m_fd >= 0) ::close(m_fd);
     }
+    Descriptor(Descriptor&& other) noexcept : m_fd(other.release()) {}
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     int get() const { return m_fd; }
-    int Release() {
-        const int fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
+    int release() { return std::exchange(m_fd, -1); }
 
 private:
     int m_fd;
 };
 
-bool isTrusted(uid_t owner) { return owner == 0 || owner == ::geteuid(); }
+// Takes the free descriptors below 3 while it lives. Nobody can write to them: they only name the root directory.
+class Placeholders {
+public:
+    Placeholders() {
+        for (int& fd : m_fds) {
+            const int next = static_cast<int>(&fd - m_fds);
+            fd = ::fcntl(next, F_GETFD) < 0 ? ::open("/", O_PATH | O_CLOEXEC) : -1;
+        }
+    }
+    ~Placeholders() {
+        for (const int fd : m_fds) {
+            if (fd >= 0) ::close(fd);
+        }
+    }
+    Placeholders(const Placeholders&) = delete;
+    Placeholders& operator=(const Placeholders&) = delete;
 
-// Why the open file is not to be used; empty when it is.
-std::string distrust(int fd) {
-    struct stat status;
-    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return "it is not a regular file, remove it";
-    if (!isTrusted(status.st_uid)) return "another user owns it, remove it";
+private:
+    int m_fds[kStandardStreams];
+};
+
+// The same open file at a descriptor above the standard streams.
+int moveAboveStandard(int fd) {
+    if (fd < 0 || fd >= kStandardStreams) return fd;
+    const Descriptor low(fd);
+    return ::fcntl(fd, F_DUPFD_CLOEXEC, kStandardStreams);
+}
+
+// Why the open file is not one of its own; empty when it is.
+std::string oddity(const struct stat& status) {
+    if (!S_ISREG(status.st_mode)) return kNotRegular;
     if (status.st_nlink != 1) return "it has another name too, remove it";
     return {};
 }
 
-// A lock of the process, not of the descriptor: a later user of the library in the same process gets it again.
-bool lockForWriting(int fd) {
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    return ::fcntl(fd, F_SETLK, &whole) == 0;
+// Why the open file must not be written.
+std::string objectionToWriting(int fd) {
+    struct stat status;
+    return ::fstat(fd, &status) == 0 ? oddity(status) : kNotRegular;
 }
 
-void removeForeignFile(const char* path) {
+// Why what stands in the open file is not to be trusted.
+std::string distrust(int fd) {
     struct stat status;
-    if (::lstat(path, &status) == 0 && S_ISREG(status.st_mode) && !isTrusted(status.st_uid)) ::unlink(path);
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return kNotRegular;
+    if (status.st_uid != 0 && status.st_uid != ::geteuid()) return "another user owns it, remove it";
+    return oddity(status);
+}
+
+enum class Lock { kHeld, kNotHeld, kOtherWriter };
+
+// A lock of the process, not of the descriptor: a later user of the library in the same process gets it again.
+// Whoever may read the file can hold a read lock on it, and so keep others from a write lock: that stops nobody here.
+Lock lockForWriting(int fd, pid_t& writer) {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        whole.l_whence = SEEK_SET;
+        if (::fcntl(fd, F_SETLK, &whole) == 0) return Lock::kHeld;
+        if (::fcntl(fd, F_GETLK, &whole) != 0 || whole.l_type == F_RDLCK) return Lock::kNotHeld;
+        writer = whole.l_pid;
+        if (whole.l_type == F_WRLCK) return Lock::kOtherWriter;
+    }
+    return Lock::kNotHeld;
+}
+
+std::string writtenBy(pid_t writer) {
+    // The kernel gives no id for a process outside this one's namespace.
+    return (writer > 0 ? "process " + std::to_string(writer) : std::string("another process")) + " is writing it";
+}
+
+std::string openFailure() {
+    if (errno == ELOOP) return kSymbolicLink;
+    if (errno == ENXIO || errno == EISDIR) return kNotRegular;
+    return std::strerror(errno);
+}
+
+// Not with O_CREAT at once: where fs.protected_regular is set, that keeps root out of another user's file in /tmp.
+int openToWrite(const char* path) {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const int fd = openAboveStandard(path, O_WRONLY | kCautious);
+        if (fd >= 0 || errno != ENOENT) return fd;
+        const int created = openAboveStandard(path, O_WRONLY | O_CREAT | O_EXCL | kCautious, 0644);
+        if (created >= 0 || errno != EEXIST) return created;
+    }
+    return -1;
 }
 
 }  // namespace
 
-bool OutputFile::open(const std::string& path) {
+int openAboveStandard(const char* path, int flags, mode_t mode) {
+    // Reading needs no placeholders, nobody can write to the file. They would also turn a closed /dev/stdin into "/".
+    if ((flags & O_ACCMODE) == O_RDONLY) return moveAboveStandard(::open(path, flags, mode));
+    int fd = -1;
+    int why = 0;
+    {
+        const Placeholders placeholders;
+        fd = moveAboveStandard(::open(path, flags, mode));
+        why = errno;
+    }
+    if (fd < 0) errno = why;
+    return fd;
+}
+
+bool OutputFile::open(const std::string& path, std::string& refusal) {
     close();
-    removeForeignFile(path.c_str());
-    Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | kCautious, 0644));
-    if (file.get() < 0 || !distrust(file.get()).empty()) return false;
-    if (!lockForWriting(file.get()) || ::ftruncate(file.get(), 0) != 0) return false;
-    m_fd = file.Release();
+    Descriptor file(openToWrite(path.c_str()));
+    refusal = file.get() < 0 ? openFailure() : objectionToWriting(file.get());
+    if (!refusal.empty()) return false;
+    pid_t writer = 0;
+    const Lock lock = lockForWriting(file.get(), writer);
+    if (lock == Lock::kOtherWriter) {
+        refusal = writtenBy(writer);
+        return false;
+    }
+    if (::ftruncate(file.get(), 0) != 0) {
+        refusal = std::strerror(errno);
+        return false;
+    }
+    m_locked = lock == Lock::kHeld;
+    m_fd = file.release();
+    m_size = 0;
     return true;
 }
 
-bool OutputFile::write(const char* data, std::size_t size) {
-    while (m_fd >= 0 && size > 0) {
+// Without the lock a second process may empty the file as well. The size then is no longer what this one wrote.
+bool OutputFile::isOnlyWriter() {
+    if (m_locked) return true;
+    pid_t writer = 0;
+    m_locked = lockForWriting(m_fd, writer) == Lock::kHeld;
+    struct stat status;
+    return ::fstat(m_fd, &status) == 0 && status.st_size == static_cast<off_t>(m_size);
+}
+
+const char* OutputFile::write(const char* data, std::size_t size) {
+    if (!isOnlyWriter()) return "another process writes it too";
+    while (size > 0) {
         const ssize_t written = ::write(m_fd, data, size);
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) {
-            const int why = written < 0 ? errno : EIO;
-            close();
-            errno = why;
-            return false;
-        }
+        if (written <= 0) return std::strerror(written < 0 ? errno : EIO);
         data += written;
         size -= static_cast<std::size_t>(written);
+        m_size += static_cast<std::size_t>(written);
     }
+    return nullptr;
+}
+
+bool OutputFile::cut(std::size_t size) {
+    const auto end = static_cast<off_t>(size);
+    if (!isOnlyWriter()) return false;  // the file is somebody else's now
+    if (::ftruncate(m_fd, end) != 0 || ::lseek(m_fd, end, SEEK_SET) != end) return false;
+    m_size = size;
     return true;
 }
 
@@ -91,9 +198,9 @@ void OutputFile::close() {
 }
 
 bool readWhole(const std::string& path, std::string& content, std::string& refusal) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | kCautious));
+    const Descriptor file(openAboveStandard(path.c_str(), O_RDONLY | kCautious));
     if (file.get() < 0) {
-        if (errno == ELOOP) refusal = "it is a symbolic link, remove it";
+        if (errno == ELOOP) refusal = kSymbolicLink;
         return false;
     }
     refusal = distrust(file.get());

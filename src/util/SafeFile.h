@@ -1,13 +1,19 @@
 #pragma once
 
+#include <sys/types.h>
 #include <cstddef>
 #include <string>
 
-/// Files in a directory that every user of the host may write to: a path there is opened only when it names a regular
-/// file itself, never through a symbolic link, and what other ordinary users left there is not believed.
+/// Files that other processes and users have a say in: descriptors that nobody takes for a standard stream, and files
+/// in a directory that every user of the host may write to.
 namespace safe_file {
 
-/// A file written front to back. One failed or short write ends it: nothing is written behind a gap.
+/// Opens a file as open() does, but never as descriptor 0, 1 or 2: a daemon may have closed these, and what others
+/// write to standard output or standard error would land in the file.
+/// @return the descriptor, or -1 with errno set
+int openAboveStandard(const char* path, int flags, mode_t mode = 0);
+
+/// A file in a directory of everybody, written front to back by one process at a time.
 class OutputFile {
 public:
     OutputFile() = default;
@@ -15,20 +21,30 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    /// Creates the file or empties it; one that another ordinary user left is replaced. Until it is closed no other
-    /// process can open it so.
-    /// @return false when that cannot be done
-    bool open(const std::string& path);
-    /// @return false, with errno set, for the write that failed; later writes do nothing and return true
-    bool write(const char* data, std::size_t size);
+    /// Creates the file, or empties the one that is there, whoever owns it. Only a regular file without a second name
+    /// is opened, and never through a symbolic link.
+    /// @param refusal  why it failed, for a log line
+    bool open(const std::string& path, std::string& refusal);
+    /// Needs no memory.
+    /// @return null when all is written, else why not. The file may then end in the middle of @p data: write no more.
+    const char* write(const char* data, std::size_t size);
+    /// Drops what was written behind the first @p size bytes. @return whether that worked
+    bool cut(std::size_t size);
     void close();
 
+    bool isOpen() const { return m_fd >= 0; }
+    std::size_t size() const { return m_size; }  ///< bytes written since open()
+
 private:
+    bool isOnlyWriter();
+
     int m_fd = -1;
+    bool m_locked = false;
+    std::size_t m_size = 0;
 };
 
 /// Reads a whole file that this user or root owns.
-/// @param refusal  why a file that is there is not believed; empty when the system could not open or read it
+/// @param refusal  why a file that is there is not trusted; empty when the system could not open or read it
 /// @return whether it was read
 bool readWhole(const std::string& path, std::string& content, std::string& refusal);
 

@@ -15,9 +15,9 @@ fail() {
 }
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
-# The build's own prefix is not this one: pkg-config is told, as for any relocated package.
+# The prefix that the build was configured for is another one; the package finds its own by itself.
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
-package() { pkg-config --define-prefix "$@" vexo-zce-md; }
+package() { pkg-config "$@" vexo-zce-md; }
 
 cmake -G Ninja -S "$consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null

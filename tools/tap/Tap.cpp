@@ -14,8 +14,8 @@
 #include <system_error>
 #include <thread>
 
-#include "tap/Version.h"
 #include "tools/tap/Report.h"
+#include "tools/tap/Version.h"
 
 namespace tap {
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <system_error>
 
-#include "Layout.h"
 #include "tools/vexo/Command.h"
+#include "tools/vexo/Layout.h"
 
 namespace vexo {
 namespace {

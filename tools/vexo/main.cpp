@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "Version.h"
 #include "tools/vexo/Command.h"
+#include "tools/vexo/Version.h"
 
 namespace {
 

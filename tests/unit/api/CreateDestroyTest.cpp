@@ -3,8 +3,12 @@
 #include "tests/unit/channel/FailingNew.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <stdexcept>
+#include <vector>
 
 namespace {
 
@@ -181,6 +185,21 @@ TEST(ApiLayout, FieldsLieInTheirDocumentedOrder) {
     EXPECT_EQ(at(&api.m_pDrv), 16);
     EXPECT_EQ(at(&api.m_pCfgFile), 24);
     EXPECT_EQ(at(&api.m_pSpi), 32);
+}
+
+// A packet touches the object's first 64 bytes, which are one cache line only if the object begins on one.
+TEST(ApiLayout, EveryObjectBeginsOnACacheLine) {
+    std::vector<std::unique_ptr<CVexoZceMdApiImpl>> apis;
+    for (int n = 0; n < 32; ++n) {
+        apis.emplace_back(new CVexoZceMdApiImpl(nullptr));
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(apis.back().get()) % 64, 0U);
+    }
+}
+
+TEST(ApiLayout, AnObjectThatThereIsNoMemoryForIsABadAlloc) {
+    const FailingNew failing(1);
+
+    EXPECT_THROW(delete new CVexoZceMdApiImpl(nullptr), std::bad_alloc);
 }
 
 }  // namespace

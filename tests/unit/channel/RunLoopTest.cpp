@@ -206,7 +206,7 @@ TEST_F(RunLoop, LinesNameTheirSourceAndFunction) {
 
     ExpectTimeline({"ERROR (VexoZceUpdmaImpl InitDma)Init dma null fail",
                     "ERROR (VexoZceUpdmaImpl DmaEntrance)Unsupported dma type 0x15",
-                    "WARN (VexoZceUpdmaImpl RejectShortPacket)Unexpect dma size, size 11"});
+                    "WARN (VexoZceUpdmaImpl rejectShortPacket)Unexpect dma size, size 11"});
 }
 
 // ---- subscription rules ----

@@ -2,9 +2,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -25,6 +27,9 @@ namespace fs = std::filesystem;
 constexpr uid_t kNobody = 65534;
 constexpr uid_t kOtherUser = 65533;
 
+constexpr char kLink[] = "it is a symbolic link, remove it";
+constexpr char kNotRegular[] = "it is not a regular file, remove it";
+constexpr char kAfresh[] = "inst_index,inst_id\n2,SR507\nbin_file_over_tag\n";
 constexpr char kGood[] = "inst_index,inst_id\n1,SR505\nbin_file_over_tag\n";
 
 /// The effective user of the process, which files are opened as, while it lives. For root only.
@@ -65,7 +70,7 @@ protected:
         EXPECT_THAT(log, ElementsAre("INFO bin file is not exists , [" + morning + "]."));
     }
 
-    void ExpectRefusedForWriting() {
+    void ExpectRefusedForWriting(const std::string& why) {
         int result = 0;
 
         log = LogOf([&] {
@@ -75,7 +80,16 @@ protected:
         });
 
         EXPECT_EQ(result, -1);
-        EXPECT_THAT(log, ElementsAre("WARN open contract index file failed " + morning + "."));
+        EXPECT_THAT(log, ElementsAre("WARN contract index file " + morning + " is not written, " + why + '.',
+                                     "WARN open contract index file failed " + morning + "."));
+    }
+
+    /// The whole life of a file that is written: what stands in it afterwards.
+    std::string Written() {
+        EXPECT_EQ(bin.InstBinFileInit(), 0);
+        bin.WriteBinFileInst("SR507", 2);
+        bin.WriteBinFileEnd();
+        return ReadFile(morning);
     }
 
     void MakeSocket() const {
@@ -100,13 +114,13 @@ protected:
 TEST_F(DayFileTrust, ASymbolicLinkIsNotFollowedForLoading) {
     fs::create_symlink(dir.Write("target", kGood), morning);
 
-    ExpectRefusedForLoading("it is a symbolic link, remove it");
+    ExpectRefusedForLoading(kLink);
 }
 
 TEST_F(DayFileTrust, ASymbolicLinkIsNotFollowedForWriting) {
     fs::create_symlink(dir.Write("target", "precious"), morning);
 
-    ExpectRefusedForWriting();
+    ExpectRefusedForWriting(kLink);
 
     EXPECT_EQ(dir.Read("target"), "precious");
     EXPECT_TRUE(fs::is_symlink(morning));
@@ -115,7 +129,7 @@ TEST_F(DayFileTrust, ASymbolicLinkIsNotFollowedForWriting) {
 TEST_F(DayFileTrust, ALinkToNothingCreatesNothing) {
     fs::create_symlink(dir.Path("target"), morning);
 
-    ExpectRefusedForWriting();
+    ExpectRefusedForWriting(kLink);
 
     EXPECT_FALSE(fs::exists(dir.Path("target")));
 }
@@ -123,7 +137,7 @@ TEST_F(DayFileTrust, ALinkToNothingCreatesNothing) {
 TEST_F(DayFileTrust, ALinkToNothingIsNotTakenForAMissingFile) {
     fs::create_symlink(dir.Path("target"), morning);
 
-    ExpectRefusedForLoading("it is a symbolic link, remove it");
+    ExpectRefusedForLoading(kLink);
 }
 
 // ---- what is not a regular file ----
@@ -131,28 +145,28 @@ TEST_F(DayFileTrust, ALinkToNothingIsNotTakenForAMissingFile) {
 TEST_F(DayFileTrust, ADirectoryIsNotLoaded) {
     fs::create_directory(morning);
 
-    ExpectRefusedForLoading("it is not a regular file, remove it");
+    ExpectRefusedForLoading(kNotRegular);
 }
 
 TEST_F(DayFileTrust, ADirectoryIsNotWritten) {
     fs::create_directory(morning);
 
-    ExpectRefusedForWriting();
+    ExpectRefusedForWriting(kNotRegular);
 }
 
 // Waits for ever when the open does.
 TEST_F(DayFileTrust, AFifoBlocksNeitherLoadingNorWriting) {
     MakeFifo();
 
-    ExpectRefusedForLoading("it is not a regular file, remove it");
-    ExpectRefusedForWriting();
+    ExpectRefusedForLoading(kNotRegular);
+    ExpectRefusedForWriting(kNotRegular);
 }
 
 TEST_F(DayFileTrust, AFifoThatSomebodyReadsGetsNothing) {
     MakeFifo();
     const int reader = ::open(morning.c_str(), O_RDONLY | O_NONBLOCK);
 
-    ExpectRefusedForWriting();
+    ExpectRefusedForWriting(kNotRegular);
 
     char byte = 0;
     EXPECT_EQ(::read(reader, &byte, 1), 0);
@@ -163,7 +177,7 @@ TEST_F(DayFileTrust, ASocketIsNeitherLoadedNorWritten) {
     MakeSocket();
 
     ExpectNotReadable();
-    ExpectRefusedForWriting();
+    ExpectRefusedForWriting(kNotRegular);
 }
 
 // ---- owners ----
@@ -211,38 +225,146 @@ TEST_F(DayFileTrust, AFileThatMayNotBeReadOrWrittenCountsAsMissing) {
     const EffectiveUser ordinary(kNobody);
 
     ExpectNotReadable();
-    ExpectRefusedForWriting();
+    ExpectRefusedForWriting("Permission denied");
 }
 
-TEST_F(DayFileTrust, AFileOfAnotherOrdinaryUserIsReplacedForWriting) {
+TEST_F(DayFileTrust, RootEmptiesAnotherUsersFileInPlaceSoThatThisUserCanStillWriteIt) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file to another user";
     WriteFile(morning, kGood);
     ASSERT_EQ(::chown(morning.c_str(), kOtherUser, kOtherUser), 0);
-    const int left = ::open(morning.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat before {};
+    ASSERT_EQ(::stat(morning.c_str(), &before), 0);
 
-    EXPECT_EQ(bin.InstBinFileInit(), 0);
-    bin.WriteBinFileInst("SR507", 2);
+    EXPECT_EQ(Written(), kAfresh);
 
-    char seen[sizeof kGood] = {};
-    EXPECT_EQ(::read(left, seen, sizeof seen), static_cast<ssize_t>(sizeof kGood - 1)) << "their file is not touched";
-    ::close(left);
-    EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n2,SR507\n");
-    struct stat status {};
-    ASSERT_EQ(::stat(morning.c_str(), &status), 0);
-    EXPECT_EQ(status.st_uid, 0u);
+    struct stat after {};
+    ASSERT_EQ(::stat(morning.c_str(), &after), 0);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    EXPECT_EQ(after.st_uid, kOtherUser);
+    const EffectiveUser owner(kOtherUser);
+    EXPECT_EQ(Written(), kAfresh);
 }
 
-TEST_F(DayFileTrust, AnOrdinaryUserCannotReplaceAnotherOnesFile) {
+TEST_F(DayFileTrust, WhatIsWrittenIntoAnotherUsersFileIsNotLoaded) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file to another user";
+    WriteFile(morning, kGood);
+    ASSERT_EQ(::chown(morning.c_str(), kOtherUser, kOtherUser), 0);
+    EXPECT_EQ(Written(), kAfresh);
+
+    ExpectRefusedForLoading("another user owns it, remove it");
+}
+
+TEST_F(DayFileTrust, AFileThatItsOwnerLetsEverybodyWriteIsEmptiedInPlace) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file to another user";
     WriteFile(morning, kGood);
     fs::permissions(morning, fs::perms{0666});
     ASSERT_EQ(::chown(morning.c_str(), kOtherUser, kOtherUser), 0);
+    const EffectiveUser ordinary(kNobody);
+
+    EXPECT_EQ(Written(), kAfresh);
+}
+
+// ---- locks ----
+
+/// A lock of another open file, which conflicts with those of this process as a lock of another process does.
+class ForeignLock {
+public:
+    ForeignLock(const std::string& path, int flags, short type) : m_fd(::open(path.c_str(), flags | O_CLOEXEC)) {
+        struct flock whole {};
+        whole.l_type = type;
+        held = ::fcntl(m_fd, F_OFD_SETLK, &whole) == 0;
+    }
+    ~ForeignLock() { ::close(m_fd); }
+    ForeignLock(const ForeignLock&) = delete;
+    ForeignLock& operator=(const ForeignLock&) = delete;
+
+    bool held;
+
+private:
+    int m_fd;
+};
+
+TEST_F(DayFileTrust, AReadersLockDoesNotKeepTheFileFromBeingRewritten) {
+    WriteFile(morning, kGood);
+    const ForeignLock reader(morning, O_RDONLY, F_RDLCK);
+    ASSERT_TRUE(reader.held);
+
+    log = LogOf([this] { EXPECT_EQ(Written(), kAfresh); });
+
+    EXPECT_THAT(log, IsEmpty());
+}
+
+TEST_F(DayFileTrust, TheFileIsLockedAsSoonAsItsReaderGoes) {
+    WriteFile(morning, kGood);
     {
-        const EffectiveUser ordinary(kNobody);
-        ExpectRefusedForWriting();
+        const ForeignLock reader(morning, O_RDONLY, F_RDLCK);
+        bin.InstBinFileInit();
+        EXPECT_TRUE(ForeignLock(morning, O_RDONLY, F_RDLCK).held);
     }
 
-    EXPECT_EQ(ReadFile(morning), kGood);
+    bin.WriteBinFileInst("SR507", 2);
+
+    EXPECT_FALSE(ForeignLock(morning, O_RDONLY, F_RDLCK).held);
+}
+
+// Two writers can only meet while a reader keeps both from the lock.
+TEST_F(DayFileTrust, AWriterThatFindsAnotherOnesTextInTheFileStopsAndLeavesItAlone) {
+    for (const bool atEnd : {false, true}) {
+        WriteFile(morning, kGood);
+        const ForeignLock reader(morning, O_RDONLY, F_RDLCK);
+        bin.InstBinFileInit();
+        bin.WriteBinFileInst("SR507", 2);
+        WriteFile(morning, "inst_index,inst_id\n");
+
+        log = LogOf([&] {
+            if (!atEnd) bin.WriteBinFileInst("SR509", 3);
+            bin.WriteBinFileEnd();
+        });
+
+        EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n");
+        ASSERT_FALSE(log.empty());
+        EXPECT_EQ(log[0], "WARN write contract index file failed " + morning +
+                              ", msg:another process writes it too. It stays without its end tag, the next start "
+                              "won't load it.");
+    }
+}
+
+TEST_F(DayFileTrust, AFileThatAnotherProcessIsWritingIsLeftAlone) {
+    WriteFile(morning, "1,SR505\n");
+    const ForeignLock writer(morning, O_RDWR, F_WRLCK);
+    ASSERT_TRUE(writer.held);
+
+    ExpectRefusedForWriting("another process is writing it");
+
+    EXPECT_EQ(ReadFile(morning), "1,SR505\n");
+}
+
+TEST_F(DayFileTrust, TheProcessThatWritesTheFileIsNamed) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        bin.InstBinFileInit();
+        ::close(ready[1]);
+        ::pause();
+    }
+    ::close(ready[1]);
+    char byte;
+    EXPECT_EQ(::read(ready[0], &byte, 1), 0);
+
+    ExpectRefusedForWriting("process " + std::to_string(child) + " is writing it");
+
+    ::close(ready[0]);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(Written(), kAfresh) << "its lock ends with it";
+}
+
+TEST_F(DayFileTrust, AFileThatIsBeingWrittenIsLockedForOthers) {
+    bin.InstBinFileInit();
+
+    EXPECT_FALSE(ForeignLock(morning, O_RDWR, F_WRLCK).held);
 }
 
 // ---- other names and sizes ----
@@ -253,7 +375,7 @@ TEST_F(DayFileTrust, AFileWithASecondNameIsNeitherLoadedNorWritten) {
     fs::create_hard_link(morning, other);
 
     ExpectRefusedForLoading("it has another name too, remove it");
-    ExpectRefusedForWriting();
+    ExpectRefusedForWriting("it has another name too, remove it");
     EXPECT_EQ(ReadFile(other), kGood);
 
     fs::remove(other);
@@ -298,8 +420,8 @@ TEST_F(DayFileTrust, AFileWhoseKindCannotBeHadIsNotUsed) {
     WriteFile(morning, kGood);
     const FailingCall unknown(FailingCall::kFstat, EIO);
 
-    ExpectRefusedForLoading("it is not a regular file, remove it");
-    ExpectRefusedForWriting();
+    ExpectRefusedForLoading(kNotRegular);
+    ExpectRefusedForWriting(kNotRegular);
     EXPECT_EQ(ReadFile(morning), kGood);
 }
 

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +21,13 @@ class DayFileWrite : public DayFile {
 protected:
     std::string FailedWrite(const std::string& why) const {
         return "WARN write contract index file failed " + morning + ", msg:" + why +
+               ". It stays without its end tag, the next start won't load it.";
+    }
+    std::string LostLines(int count) const {
+        return "WARN contract index file " + morning + " is not complete, lost lines: " + std::to_string(count) + '.';
+    }
+    std::string Incomplete(const std::string& why) const {
+        return "WARN contract index file " + morning + " lacks an instrument, " + why +
                ". It stays without its end tag, the next start won't load it.";
     }
 };
@@ -143,20 +149,24 @@ private:
     WriteHook m_hook;
 };
 
-TEST_F(DayFileWrite, AFullDiskIsLoggedOnceAndTheFileGetsNoEndTag) {
+TEST_F(DayFileWrite, AFullDiskIsLoggedOnceWithTheLostLinesAndTheFileGetsNoEndTag) {
     const std::string whole = "inst_index,inst_id\n1,SR505\n22,SR507\nbin_file_over_tag\n";
-    for (std::size_t room = 0; room <= whole.size(); ++room) {
+    const std::size_t first = whole.find("22,");
+    const std::size_t second = whole.find("bin");
+    for (std::size_t room = 0; room < whole.size(); ++room) {
         log = LogOf([this, room] {
             const FullDisk disk(room);
             EXPECT_EQ(bin.InstBinFileInit(), 0);
             bin.WriteBinFileInst("SR505", 1);
             bin.WriteBinFileInst("SR507", 22);
             bin.WriteBinFileEnd();
+            bin.WriteBinFileEnd();
         });
 
         EXPECT_EQ(ReadFile(morning), whole.substr(0, room));
         std::vector<std::string> expected;
         if (room < whole.size()) expected.push_back(FailedWrite("No space left on device"));
+        if (room < second) expected.push_back(LostLines(room < first ? 2 : 1));
         EXPECT_EQ(log, expected) << "room for " << room << " bytes";
     }
 }
@@ -216,17 +226,131 @@ TEST_F(DayFileWrite, AFileThatCannotBeEmptiedIsNotUsed) {
     log = LogOf([&] { result = bin.InstBinFileInit(); });
 
     EXPECT_EQ(result, -1);
-    EXPECT_THAT(log, ElementsAre("WARN open contract index file failed " + morning + "."));
+    EXPECT_THAT(log, ElementsAre("WARN contract index file " + morning + " is not written, Read-only file system.",
+                                 "WARN open contract index file failed " + morning + "."));
 }
 
-TEST_F(DayFileWrite, AnIdentifierWithALineFeedIsLeftOut) {
+TEST_F(DayFileWrite, LostLinesAreReportedAtTheLatestWhenTheObjectEnds) {
+    auto writer = std::make_unique<CBrixBinFile>(insts, 0);
+    log = LogOf([&] {
+        const FullDisk disk(std::string(kHeader).size());
+        writer->InstBinFileInit();
+        writer->WriteBinFileInst("SR505", 1);
+    });
+    EXPECT_THAT(log, ElementsAre(FailedWrite("No space left on device")));
+
+    log = LogOf([&] { writer.reset(); });
+
+    EXPECT_THAT(log, ElementsAre(LostLines(1)));
+}
+
+TEST_F(DayFileWrite, AFileBegunAfreshAfterAFullDiskGetsItsEndTag) {
+    LogOf([this] {
+        const FullDisk disk(0);
+        bin.InstBinFileInit();
+    });
+
+    bin.InstBinFileInit();
+    bin.WriteBinFileInst("SR505", 1);
+    bin.WriteBinFileEnd();
+
+    EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n1,SR505\nbin_file_over_tag\n");
+}
+
+// ---- a file that lacks an instrument ----
+
+TEST_F(DayFileWrite, AnIdentifierWithALineFeedIsLeftOutAndTheFileGetsNoEndTag) {
     bin.InstBinFileInit();
 
-    bin.WriteBinFileInst("SR505\nbin_file_over_tag", 1);
-    bin.WriteBinFileInst("SR507\n", 2);
-    bin.WriteBinFileInst("SR509", 3);
+    log = LogOf([this] {
+        bin.WriteBinFileInst("SR505\nbin_file_over_tag", 1);
+        bin.WriteBinFileInst("SR507\n", 2);
+        bin.WriteBinFileInst("SR509", 3);
+        bin.WriteBinFileEnd();
+        bin.WriteBinFileEnd();
+    });
 
     EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n3,SR509\n");
+    EXPECT_THAT(log, ElementsAre(Incomplete("its id has a line feed"), LostLines(2)));
+}
+
+TEST_F(DayFileWrite, AnIdentifierWithALineFeedIsNotMentionedWithoutAFile) {
+    log = LogOf([this] {
+        bin.WriteBinFileInst("SR507\n", 2);
+        bin.WriteBinFileEnd();
+    });
+
+    EXPECT_THAT(log, IsEmpty());
+}
+
+TEST_F(DayFileWrite, AFileThatIsMarkedIncompleteGetsNoEndTag) {
+    bin.InstBinFileInit();
+
+    log = LogOf([this] {
+        bin.markIncomplete("memory is short");
+        bin.markIncomplete("memory is short");
+        bin.WriteBinFileInst("SR509", 3);
+        bin.WriteBinFileEnd();
+    });
+
+    EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n3,SR509\n");
+    EXPECT_THAT(log, ElementsAre(Incomplete("memory is short")));
+}
+
+TEST_F(DayFileWrite, AnInstrumentThatIsMissingBehindTheEndTagTakesTheTagAway) {
+    bin.InstBinFileInit();
+    bin.WriteBinFileInst("SR505", 1);
+    bin.WriteBinFileEnd();
+    bin.WriteBinFileInst("SR506", 2);
+    bin.WriteBinFileEnd();
+
+    log = LogOf([this] {
+        bin.WriteBinFileInst("SR507\n", 3);
+        bin.WriteBinFileInst("SR509", 4);
+        bin.WriteBinFileEnd();
+    });
+
+    EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n1,SR505\n4,SR509\n");
+    EXPECT_THAT(log, ElementsAre(Incomplete("its id has a line feed"), LostLines(1)));
+}
+
+TEST_F(DayFileWrite, ALineThatDoesNotFitBehindTheEndTagTakesTheTagAway) {
+    bin.InstBinFileInit();
+    bin.WriteBinFileInst("SR505", 1);
+    bin.WriteBinFileEnd();
+
+    log = LogOf([this] {
+        const FullDisk disk(3);
+        bin.WriteBinFileInst("SR507", 22);
+    });
+
+    EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n1,SR505\n");
+    EXPECT_THAT(log, ElementsAre(FailedWrite("No space left on device")));
+}
+
+TEST_F(DayFileWrite, AnEndTagThatCannotBeTakenAwayIsReported) {
+    bin.InstBinFileInit();
+    bin.WriteBinFileEnd();
+
+    log = LogOf([this] {
+        const FailingCall broken(FailingCall::kFtruncate, EIO);
+        bin.markIncomplete("memory is short");
+    });
+
+    EXPECT_THAT(log, ElementsAre(Incomplete("memory is short"), "WARN contract index file " + morning +
+                                                                    " keeps the end tag that it has already, remove "
+                                                                    "it."));
+}
+
+TEST_F(DayFileWrite, AnIdentifierOfAnyLengthIsWrittenWhole) {
+    bin.InstBinFileInit();
+    std::string expected = kHeader;
+    for (std::size_t length = 0; length <= 300; ++length) {
+        bin.WriteBinFileInst(std::string(length, 'A'), 65535);
+        expected += "65535," + std::string(length, 'A') + '\n';
+    }
+
+    EXPECT_EQ(ReadFile(morning), expected);
 }
 
 TEST_F(DayFileWrite, OthersMayReadTheFileAndNotWriteIt) {
@@ -235,38 +359,6 @@ TEST_F(DayFileWrite, OthersMayReadTheFileAndNotWriteIt) {
     ::umask(before);
 
     EXPECT_EQ(fs::status(morning).permissions(), fs::perms{0644});
-}
-
-// An open-file lock conflicts with the writer's as a lock of another process does.
-TEST_F(DayFileWrite, AFileThatAnotherProcessIsWritingIsLeftAlone) {
-    WriteFile(morning, "1,SR505\n");
-    const int other = ::open(morning.c_str(), O_RDWR | O_CLOEXEC);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    ASSERT_EQ(::fcntl(other, F_OFD_SETLK, &whole), 0);
-    int result = 0;
-
-    log = LogOf([&] {
-        result = bin.InstBinFileInit();
-        bin.WriteBinFileInst("SR507", 2);
-    });
-    ::close(other);
-
-    EXPECT_EQ(result, -1);
-    EXPECT_THAT(log, ElementsAre("WARN open contract index file failed " + morning + "."));
-    EXPECT_EQ(ReadFile(morning), "1,SR505\n");
-}
-
-TEST_F(DayFileWrite, AFileThatIsBeingWrittenIsLockedForOthers) {
-    bin.InstBinFileInit();
-
-    const int other = ::open(morning.c_str(), O_RDWR | O_CLOEXEC);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    const int locked = ::fcntl(other, F_OFD_SETLK, &whole);
-    ::close(other);
-
-    EXPECT_EQ(locked, -1);
 }
 
 }  // namespace

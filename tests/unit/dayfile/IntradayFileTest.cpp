@@ -308,6 +308,33 @@ TEST_F(IntradayFile, LoadingOverwritesAndSkipsWhatIsNoInstrument) {
                             "WARN Invalid format!we skip line 10: bin_file_over_tag", "INFO Loading over!"));
 }
 
+TEST_F(IntradayFile, AMarkInTheMiddleOfALongLineIsNone) {
+    for (const std::size_t before : {1, 254, 255, 256, 510, 765}) {
+        const std::string filler(before, 'x');
+        OpenForReading(filler + "bin_file_over_tag\n" + filler + kKey + "20250303091011\n");
+
+        LogOf([this] {
+            EXPECT_FALSE(bin->Intrade_IsBinComplete());
+            EXPECT_EQ(bin->Intrade_ExtractBinCreTime(), -1);
+        });
+
+        std::fclose(bin->m_lpIntradeFile);
+        bin->m_lpIntradeFile = nullptr;
+    }
+}
+
+TEST_F(IntradayFile, AMarkAtTheBeginningOfALineCountsBehindLongLinesAndAtTheBeginningOfALongLine) {
+    const std::string filler(1000, 'x');
+    OpenForReading(filler + '\n' + kKey + "20250303091011" + filler + "\n\n" + filler + "\nbin_file_over_tag" + filler);
+
+    LogOf([this] {
+        EXPECT_TRUE(bin->Intrade_IsBinComplete());
+        EXPECT_EQ(bin->Intrade_ExtractBinCreTime(), 0);
+    });
+
+    EXPECT_EQ(bin->m_ulCreateTime, 20250303091011u);
+}
+
 TEST_F(IntradayFile, ALineOfMoreThan255CharactersIsReadInPieces) {
     const std::string id(252, 'x');
     OpenForReading("1," + id + "\n2," + id + "x\n");

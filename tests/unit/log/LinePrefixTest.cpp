@@ -164,13 +164,14 @@ TEST_F(LinePrefix, AMessageIsFormattedWithItsArguments) {
 TEST_F(LinePrefix, TheMacrosOfTheLibraryCarryItsTagAndThePlaceOfTheCall) {
     for (std::uint8_t level = 0; level < ELOG_LVL_TOTAL; ++level)
         elog_set_fmt(level, 255 & ~(ELOG_FMT_TIME | ELOG_FMT_PID | ELOG_FMT_TID));
-    const std::string line = std::to_string(__LINE__ + 2);
+    const std::string line = std::to_string(__LINE__ + 5);
 
+    // The three calls have to stand on one line, which they name.
+    // clang-format off
     const std::string printed = Printed([] {
-        LOG_ERROR("a %d", 1);
-        LOG_WARN("b %d", 2);
-        LOG_INFO("c %d", 3);
+        LOG_ERROR("a %d", 1); LOG_WARN("b %d", 2); LOG_INFO("c %d", 3);
     });
+    // clang-format on
 
     EXPECT_THAT(Lines(printed), ElementsAre("[ERROR  ][fpga](VexoZceUpdmaImpl operator():" + line + ")a 1",
                                             "[WARN   ][fpga](VexoZceUpdmaImpl operator():" + line + ")b 2",

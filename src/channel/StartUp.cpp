@@ -1,3 +1,5 @@
+// The channel comes up: the card is brought into a known state, the map restored or learning begun, the stream opened.
+
 #include "src/channel/DmaChannel.h"
 
 #include <pwd.h>
@@ -11,32 +13,18 @@
 
 #include "VexoZceUtil.h"
 #include "interface/CardRegisters.h"
+#include "src/channel/TimeWindow.h"
 #include "src/driver/DmaStream.h"
 #include "src/log/log.h"
 #include "src/util/LocalTime.h"
-
-std::atomic<bool> CZceDmaChanImpl::m_bSignalRegister{false};
-std::atomic<std::uint32_t>& CZceDmaChanImpl::g_uiContractSettleTm = CBrixBinFile::m_uiSettleTime;
 
 namespace {
 
 constexpr char kLogFile[] = "VexoZceUpdmaImpl";
 
-// Inclusive range of decimal-coded HHMMSS times.
-struct TimeWindow {
-    std::uint32_t first;
-    std::uint32_t last;
-
-    bool contains(std::uint32_t t) const { return t >= first && t <= last; }
-};
-
 constexpr std::uint32_t kBeforeMorning = 80000;  // up to here the card still holds yesterday's instruments
 constexpr TimeWindow kTradingWindows[] = {{90000, 101450}, {103000, 113000}, {133000, 160000}, {210000, 233000}};
 constexpr TimeWindow kClosedWindows[] = {{160000, 201500}, {233000, 235959}};
-
-constexpr int kLastAfternoonHour = 14;
-constexpr TimeWindow kEveningAuction = {205510, 213000};
-constexpr TimeWindow kMorningAuction = {85510, 93000};
 
 // Channel-0 objects share the one register driver of the process; the last of them ends it.
 class DriverUsers {
@@ -203,67 +191,8 @@ int CZceDmaChanImpl::InitDma(Vexo2_U50::ZceDmaInitParms_t* parms) {
     return 0;
 }
 
-int CZceDmaChanImpl::PollOnce() {
-    m_pDma->RecvOnce(reinterpret_cast<void*>(&CZceDmaChanImpl::DmaEntrance), this);
-    if (m_callbackError) rethrowCallbackError();
-    const std::uint32_t received = m_bRecvData;
-    m_bRecvData = 0;
-    return static_cast<int>(received);
-}
-
-PacketPath CZceDmaChanImpl::straightPath(IVexoZceMdSpi& spi) {
-    return PacketPath::open(CDrvDMAEnyx::kPoll, static_cast<CDrvDMAEnyx*>(m_pDma)->stream(), &spi, this);
-}
-
-int CZceDmaChanImpl::finishUnusual(PacketPath& path, int handled) {
-    const bool delivered = handled > 0 && path.unusualFrom != 0;
-    path.unusualFrom = PacketPath::kFirstFailure;
-    if (m_callbackError) rethrowCallbackError();
-    return delivered ? 1 : 0;
-}
-
-int CZceDmaChanImpl::KeepRecv(DmaPacketHandler handler, bool* run, void* ctx) {
-    if (handler == nullptr || run == nullptr) {
-        std::printf("Invalid parameter. \n");
-        return -1;
-    }
-    m_pfnHandler = handler;
-    m_pHandlerCtx = ctx;
-    m_pDma->RegisterHandler(reinterpret_cast<void*>(&CZceDmaChanImpl::DmaEntrance), this);
-    while (*run) {
-        m_pDma->RecvOnceCb();
-        if (m_callbackError) rethrowCallbackError();
-    }
-    return 0;
-}
-
-void CZceDmaChanImpl::rethrowCallbackError() {
-    std::exception_ptr error;
-    error.swap(m_callbackError);
-    std::rethrow_exception(error);
-}
-
 void CZceDmaChanImpl::GetConfig() {
     if (m_bCfgParsed) return;
     m_pCfgFile->ParseSubsInst();
     m_bCfgParsed = true;
-}
-
-int CZceDmaChanImpl::IsCallTimeExpired() {
-    static std::atomic<bool> referenceTaken{false};
-    static std::atomic<std::uint32_t> reference{0};
-    std::uint32_t a = 0;
-    std::uint32_t b = 0;
-    m_pDrv->ReadInt32(card_reg::kExchangeTimeA, a);
-    m_pDrv->ReadInt32(card_reg::kExchangeTimeB, b);
-    if (!referenceTaken.exchange(true)) {
-        reference = a;
-        return 0;
-    }
-    // A feed whose stamp has not moved since the first call is dead: the other one tells the time.
-    const std::uint32_t v = a == reference ? b : a;
-    const TimeWindow& auction = local_time::now().tm_hour > kLastAfternoonHour ? kEveningAuction : kMorningAuction;
-    if (!auction.contains(v)) return 0;
-    g_uiContractSettleTm = v;
-    return 1;
 }

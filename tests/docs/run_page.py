@@ -1,0 +1,181 @@
+#!/usr/bin/env python3
+"""Types the commands of a page, literally and in their order, and fails for the first one that does not work.
+
+    run_page.py PAGE --sources DIR --build DIR --preload LIBRARY
+
+A command is a line of an indented block, or of a block fenced as `sh`. A fenced block that names a file (```ini card.ini)
+is written to that file. Commands start at the top of a copy of the sources, whose build/release is the build under
+test, with a home directory and day files of their own. not_run.txt lists the lines that are not typed, with the reasons.
+"""
+import argparse
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+
+HERE = pathlib.Path(__file__).resolve().parent
+
+# A start-up that fails ends a program with status 0, and a filter may find nothing: what a command has to print.
+EXPECTED_OUTPUT = [
+    (r"^quote_printer|-- quote_printer", r"received [1-9][0-9]* quotes"),
+    (r"^tshark ", r"[^ ]"),
+    (r"^vexo-simcard --status", r"learned [0-9]"),
+    (r"^vexo-cardtest(?! --json)", r"[0-9]+ pass"),
+]
+# Programs that run until they are stopped, and how one sees that they work.
+UNTIL_STOPPED = [
+    (r"^vexo-simcard(?! --(status|json|help))", "vexo-simcard --json >/dev/null 2>&1"),
+    (r"^vexo sim run -- \./app", "grep -q '^[1-9][0-9]* quotes' background.log"),
+]
+
+PRELUDE = """\
+set -euo pipefail
+background=
+stop() {
+    [ -n "$background" ] || return 0
+    kill "$background"
+    wait "$background" || { echo "the program in the background ended with status $?"; cat background.log; exit 1; }
+    background=
+}
+trap '[ -z "$background" ] || kill "$background" || true' EXIT
+"""
+
+
+def blocks(text):
+    """Yields (line number, kind, lines): kind is "sh" for commands, "file NAME", or the fence's language."""
+    fence, lines, start, previous_blank = None, [], 0, True
+    for number, line in enumerate(text.split("\n") + [""], 1):
+        if fence is not None:
+            if line == "```":
+                yield start, fence, lines
+                fence, lines = None, []
+            else:
+                lines.append(line)
+            continue
+        if line.startswith("    ") and (lines or previous_blank):
+            start = start if lines else number
+            lines.append(line[4:])
+        else:
+            if lines:
+                yield start, "sh", lines
+            lines = []
+            if line.startswith("```"):
+                words = line[3:].split()
+                fence, start = "file " + words[1] if len(words) > 1 else "".join(words), number + 1
+        previous_blank = not line.strip()
+
+
+def commands(number, lines):
+    """Yields (line number, command) with continued lines joined."""
+    command = ""
+    for offset, line in enumerate(lines):
+        if not command:
+            start = number + offset
+        command += line
+        if command.endswith("\\"):
+            command += "\n"
+            continue
+        if command.strip():
+            yield start, command
+        command = ""
+
+
+def not_run():
+    """The lines that are not typed: {(page, line's text)}; * stands for any page."""
+    found = {}
+    for line in (HERE / "not_run.txt").read_text().splitlines():
+        if line and not line.startswith("#"):
+            page, command, reason = (part.strip() for part in line.split(" | "))
+            if not reason:
+                sys.exit(f"not_run.txt: no reason: {line}")
+            found[page, command] = False
+    return found
+
+
+def bare(command):
+    return re.sub(r"\s+#.*", "", command).strip()
+
+
+def matching(table, command):
+    return next((value for pattern, value in table if re.search(pattern, command, re.S)), None)
+
+
+def script(page, text, skipped):
+    """The page as one bash script, whose every step says where it is."""
+    out = [PRELUDE]
+    typed = 0
+    for number, kind, lines in blocks(text):
+        if kind.startswith("file "):
+            body = "\n".join(lines) + "\n"
+            out.append(f"printf %s {shlex.quote(body)} >{shlex.quote(kind[5:])}\n")
+        if kind != "sh":
+            continue
+        for line, command in commands(number, lines):
+            key = next((k for k in ((page, bare(command)), ("*", bare(command))) if k in skipped), None)
+            if key:
+                skipped[key] = True
+                continue
+            typed += 1
+            out.append(f"echo {shlex.quote(f'--- {page}:{line}: {command}')}\n")
+            ready = matching(UNTIL_STOPPED, command)
+            expected = matching(EXPECTED_OUTPUT, command)
+            if ready:
+                out.append(f"stop\n( exec {bare(command)} ) >background.log 2>&1 &\nbackground=$!\n"
+                           f"until {ready}; do\n"
+                           f"    kill -0 $background 2>/dev/null || {{ cat background.log; background=; exit 1; }}\n"
+                           f"    sleep 0.1\ndone\n")
+            elif expected:
+                out.append(f"{{ {command}\n}} >output.log 2>&1 || {{ status=$?; cat output.log; exit $status; }}\n"
+                           f"grep -qE {shlex.quote(expected)} output.log ||\n"
+                           f"    {{ cat output.log; echo 'not shown: '{shlex.quote(expected)}; exit 1; }}\n")
+            else:
+                out.append(command + "\n")
+    out.append("stop\necho 'all commands work'\n")
+    return typed, "".join(out)
+
+
+def sandbox(work, sources, build):
+    top = work / "project"
+    top.mkdir()
+    for entry in sources.iterdir():
+        if entry.name not in ("build", "run", ".git"):
+            (top / entry.name).symlink_to(entry)
+    (top / "build").mkdir()
+    (top / "build" / "release").symlink_to(build)
+    for name in ("home", "cards", "day-files"):
+        (work / name).mkdir()
+    return top
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("page")
+    parser.add_argument("--sources", type=pathlib.Path, required=True)
+    parser.add_argument("--build", type=pathlib.Path, required=True)
+    parser.add_argument("--preload", type=pathlib.Path, required=True)
+    arguments = parser.parse_args()
+    skipped = not_run()
+    typed, text = script(arguments.page, (arguments.sources / arguments.page).read_text(), skipped)
+    stale = [command for (page, command), used in skipped.items() if page == arguments.page and not used]
+    if stale:
+        sys.exit(f"not_run.txt has lines that are not on {arguments.page}: {stale}")
+    if typed == 0:
+        print("no command of this page is typed, see not_run.txt")
+        return 77
+    with tempfile.TemporaryDirectory() as name:
+        work = pathlib.Path(name)
+        top = sandbox(work, arguments.sources, arguments.build)
+        preload = work / "preload.so"  # LD_PRELOAD takes no path with a blank
+        shutil.copy(arguments.preload, preload)
+        environment = {k: v for k, v in os.environ.items() if not k.startswith("VEXO_")}
+        environment |= {"HOME": str(work / "home"), "VEXO_SIM_DIR": str(work / "cards"), "LD_PRELOAD": str(preload),
+                        "VEXO_TEST_DAY_FILES": str(work / "day-files")}
+        return subprocess.run(["bash", "-c", text], cwd=top, env=environment, check=False).returncode
+
+
+if __name__ == "__main__":
+    sys.exit(main())
