@@ -23,12 +23,13 @@ std::int32_t threadId() {
 constexpr std::uint32_t kYields = 16;
 constexpr std::uint32_t kShortNaps = 1000;
 
-void pauseBriefly(std::uint32_t round) {
+// @p waited  rounds with the same holder
+void pauseBriefly(std::uint32_t round, std::uint32_t waited) {
     if (round < kYields) {
         sched_yield();
         return;
     }
-    const timespec nap{0, round < kYields + kShortNaps ? 20'000 : 1'000'000};
+    const timespec nap{0, waited < kShortNaps ? 20'000 : 1'000'000};
     nanosleep(&nap, nullptr);
 }
 
@@ -43,19 +44,25 @@ CardLock::Result CardLock::finish(ThreadMutex::Result here, std::uint32_t rounds
     return result == kLocked && threadDied ? kHolderDied : result;
 }
 
-// @p rounds is the number of tries, 0 for no limit. A holder that timed out once gets a short wait only.
+// Gives up after so many rounds with one and the same holder, 0 for never: a long queue of holders is no reason. A
+// holder that was given up on once gets a short wait only.
 CardLock::Result CardLock::enter(std::uint32_t rounds) {
     Result result = tryEnter(false);
-    for (std::uint32_t round = 0; result == kBusy && (rounds == 0 || round + 1 < rounds); ++round) {
+    std::uint64_t holder = 0;
+    std::uint32_t waited = 0;
+    for (std::uint32_t round = 0; result == kBusy && rounds != kOneTry; ++round) {
         m_contended->fetch_add(1, std::memory_order_relaxed);
-        pauseBriefly(rounds == 0 && round > kYields + kShortNaps ? kYields + kShortNaps : round);
-        result = tryEnter(round >= kYields);
+        pauseBriefly(round, waited);
         const std::uint64_t word = m_word->load(std::memory_order_relaxed);
-        if (rounds > 1 && round > 2 * kYields && word == m_stuckAt && word != 0) break;
+        waited = word == holder ? waited + 1 : 0;
+        holder = word;
+        result = tryEnter(round >= kYields);
+        const std::uint32_t patience = word == m_stuckAt ? 2 * kYields : rounds;
+        if (result != kBusy || rounds == 0 || waited < patience) continue;
+        m_stuckAt = word;
+        return kTimedOut;
     }
-    if (result != kBusy || rounds == 1) return result;
-    m_stuckAt = m_word->load(std::memory_order_relaxed);
-    return kTimedOut;
+    return result;
 }
 
 CardLock::Result CardLock::tryEnter(bool looksForTheDead) {

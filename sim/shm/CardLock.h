@@ -36,9 +36,9 @@ public:
     Result tryLock() {
         const ThreadMutex::Result here = m_threads.tryLock();
         if (m_word == nullptr && here == ThreadMutex::kLocked) return kLocked;
-        return finish(here, 1);
+        return finish(here, kOneTry);
     }
-    /// Waits a few seconds for another process, and for threads of this one as long as it takes.
+    /// Waits a few seconds for a process that does not go on, and for all others as long as it takes.
     Result lock() { return finish(m_threads.lock(), kPatience); }
     /// Waits as long as it takes.
     Result lockPatiently() { return finish(m_threads.lock(), 0); }
@@ -52,7 +52,8 @@ public:
     std::optional<pid_t> stuckHolder();
 
 private:
-    static constexpr std::uint32_t kPatience = 3000;  // rounds of waiting, 2 seconds and more
+    static constexpr std::uint32_t kOneTry = 1;
+    static constexpr std::uint32_t kPatience = 3000;  // rounds with one and the same holder: 2 seconds and more
 
     Result finish(ThreadMutex::Result here, std::uint32_t rounds);
     Result enter(std::uint32_t rounds);
