@@ -16,7 +16,7 @@
 namespace vexo_sim {
 namespace {
 
-// A step back of the host's clock (a test's fake clock, mostly) must not stop the card for as long.
+// The host's clock may step back, mostly a test's fake clock. The card must not stand still until it has caught up.
 void moveClock(CardState& s, const CardTime& now) {
     const std::uint64_t pace = s.config.pace == kPaceOfReaders ? 1 : s.config.pace;
     if (now.monotonicNs > s.now.monotonicNs) s.clockNs += (now.monotonicNs - s.now.monotonicNs) * pace;

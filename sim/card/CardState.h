@@ -99,7 +99,7 @@ struct FeedState {
     PriceWalk prices[kMaxInstruments];
 };
 
-/// Card to host. Everything but the ring is touched only by whoever advances the card.
+/// Card to host. Only the process that advances the card touches anything but the ring.
 struct UpStreamState {
     bool open;
     std::uint32_t opened;        // how often, since power-on
@@ -132,17 +132,17 @@ struct FaultState {
     bool armed;    // packets need a look: there are rules, or a number of packets to stop after
     bool stopped;  // its clock stands and nothing leaves it; registers still answer
     CounterMode counters;
-    std::uint32_t heldUp;         // bit n = card-to-host stream n is taken by somebody else
+    std::uint32_t heldUp;         // bit n = another program holds card-to-host stream n
     std::uint32_t resetsIgnored;  // that many resets of the root core do nothing; kForGood = all
     std::uint64_t packetsLeft;    // until the card stops, or kNever
     std::uint64_t stopNs;         // when it stops, on its own clock, or kNever
-    std::uint64_t random;         // of its own: rules that leave a packet alone do not change the prices
+    std::uint64_t random;         // a generator of its own, so that rules do not change the prices
     std::uint32_t count;
     PacketFaultState rules[kPacketFaults];
 };
 
-/// All of a card. No pointer and no resource inside: zero bytes are a valid card that is switched off, so the
-/// state may live on the heap or in memory shared between processes.
+/// All of a card. It holds no pointer and no resource, and zero bytes are a valid card that is switched off. So the
+/// state may be on the heap or in memory that processes share.
 struct CardState {
     CardConfig config;
     CardTime now;             // last moment the card was advanced to

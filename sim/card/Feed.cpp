@@ -105,7 +105,7 @@ void fillBook(const BookEdge& edge, std::int64_t tick, enyx_sim::Level5Quote& qu
     }
 }
 
-// A copy is spoiled: the quote goes to other streams too.
+// The fault strikes a copy: the quote goes to other streams too.
 [[gnu::noinline, gnu::cold]] void deliverSpoiled(CardState& s, std::uint32_t channel, const void* packet,
                                                  std::uint32_t size) {
     unsigned char copy[sizeof(Packet<enyx_sim::Level5Quote>)];
@@ -114,7 +114,7 @@ void fillBook(const BookEdge& edge, std::int64_t tick, enyx_sim::Level5Quote& qu
     for (std::uint32_t n = 0; n < verdict.copies; ++n) put(s.up[channel], copy, verdict.size);
 }
 
-// The numbers of a quote that is lost are used up: its reader sees the gap.
+// A lost quote uses up its numbers, so that its reader sees the gap.
 template <typename Quote>
 void deliver(CardState& s, std::uint32_t channel, Packet<Quote>& packet) {
     UpStreamState& stream = s.up[channel];
@@ -151,7 +151,7 @@ bool haveRoom(CardState& s, std::uint32_t targets) {
     return true;
 }
 
-// False when the readers set the pace and one of those that the quote is for has no room: it waits.
+// False when the readers set the pace and one of this quote's readers has no room: the quote waits.
 bool quoteNext(CardState& s, std::uint32_t open) {
     const std::uint32_t number = nextInstrument(s.feed);
     const Instrument& instrument = s.parser.instruments[number];
@@ -172,8 +172,8 @@ std::uint32_t usualRate(const CardState& s) {
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(s.config.quotesPerSecond, each * s.feed.subscribedCount));
 }
 
-// How much of the bursts' height lies in the first @p ns nanoseconds of the feed, as nanoseconds at full height: each
-// falls in a straight line from its full height to nothing.
+// The area under the bursts in the first @p ns nanoseconds of the feed, in nanoseconds at full height. Each burst falls
+// in a straight line from full height to nothing.
 std::uint64_t burstNs(const CardConfig& config, std::uint64_t ns) {
     const std::uint64_t lengthUs = std::max(config.burstMs, 1U) * std::uint64_t{1000};
     const std::uint64_t everyUs = std::max(config.burstEveryMs, 1U) * std::uint64_t{1000};
@@ -182,7 +182,7 @@ std::uint64_t burstNs(const CardConfig& config, std::uint64_t ns) {
     return us / everyUs * (lengthUs * 500) + (lengthUs - leftUs * leftUs / lengthUs) * 500;
 }
 
-// Quotes owed since the last look. A pause of more than a second is not made up for.
+// Adds the quotes owed since the last call. After a pause of more than a second they are dropped.
 void collectCredit(CardState& s) {
     FeedState& feed = s.feed;
     const std::uint64_t from = std::max(feed.lastNs, s.clockNs - std::min(s.clockNs, kLongestGapNs));

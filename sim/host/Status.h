@@ -9,7 +9,7 @@
 
 namespace vexo_sim {
 
-/// One stream as an operator looks at it.
+/// One stream, as an operator sees it.
 struct ChannelStatus {
     std::uint32_t channel = 0;
     bool open = false;
@@ -45,7 +45,7 @@ std::optional<CardStatus> readStatus(SharedCard& card);
 
 /// One JSON object, indented.
 std::string toJson(const CardStatus& status);
-/// A few lines for a terminal: the card, and each stream that somebody holds or held.
+/// A few lines for a terminal: the card, and each stream that is open or held.
 std::string toText(const CardStatus& status);
 
 }  // namespace vexo_sim

@@ -21,10 +21,16 @@
 namespace vexo_sim {
 namespace {
 
-// The scenario of a card of the process's own; null for none.
-const char* scenarioPath() {
-    const char* path = ::secure_getenv("VEXO_SIM_SCENARIO");
-    return path != nullptr && *path != '\0' ? path : nullptr;
+constexpr char kScenarioVariable[] = "VEXO_SIM_SCENARIO";
+
+std::string environment(const char* variable) {
+    const char* value = ::secure_getenv(variable);
+    return value != nullptr ? value : "";
+}
+
+// Whether the environment describes a card of the process's own: by a scenario file, by settings, or by both.
+bool hasScenario() {
+    return !environment(kScenarioVariable).empty() || !environment(scenario::kSettingsVariable).empty();
 }
 
 void addFailures(const HwCard& card, const HostInfo& info) {
@@ -59,7 +65,7 @@ std::optional<Wish> readWish() {
     constexpr std::string_view kHostedBy = "hosted:";
     const char* variable = ::secure_getenv("VEXO_SIM_CARD");
     const std::string_view text = variable != nullptr ? variable : "";
-    if (text == "" || text == "auto") return Wish{true, scenarioPath() == nullptr};
+    if (text == "" || text == "auto") return Wish{true, !hasScenario()};
     if (text == "embedded") return Wish{true, false};
     if (text == "hosted") return Wish{false, true};
     if (text.substr(0, kHostedBy.size()) != kHostedBy) {
@@ -102,11 +108,12 @@ void Cards::decide() {
 }
 
 bool Cards::makeOwn() {
-    const char* path = scenarioPath();
-    if (path == nullptr)
+    if (!hasScenario())
         return powerOn(1, [](Card& card, const CardTime& now, std::uint32_t) { card.powerOn(CardConfig{}, now); }) == 0;
     std::string error;
-    const std::optional<scenario::Scenario> scenario = scenario::load(path, error);
+    const std::optional<scenario::Scenario> scenario = scenario::load(
+        environment(kScenarioVariable), scenario::settingsOfEnvironment(environment(scenario::kSettingsVariable)),
+        error);
     if (!scenario) std::fprintf(stderr, "libenyx-hw-c: %s\nlibenyx-hw-c: no simulated card.\n", error.c_str());
     return scenario && powerOn(*scenario) == 0;
 }

@@ -17,8 +17,9 @@ inline constexpr std::uint32_t kMaxCards = 5;
 class OwnCard;
 
 /// The cards that the process sees. The first use decides which: those that hosts offer, or else a card of the
-/// process's own, as the scenario file in VEXO_SIM_SCENARIO says. VEXO_SIM_CARD, `hosted` or `embedded`, insists on the
-/// one or the other. Hosts are those of the process's own user, unless `hosted:USER` names another one.
+/// process's own. VEXO_SIM_SCENARIO and VEXO_SIM_SET may describe that one; with either, hosts are ignored.
+/// VEXO_SIM_CARD, `hosted` or `embedded`, insists on the one or the other. Hosts are those of the
+/// process's own user, unless `hosted:USER` names another one.
 class Cards {
 public:
     static Cards& instance();

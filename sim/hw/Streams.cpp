@@ -152,6 +152,14 @@ int send(enyx_hw_c2a_stream* stream, const void* data, std::uint32_t size) {
     return card->send(stream->channel, size) ? 0 : EAGAIN;
 }
 
+// The poll of a process that is traced, or that has failures to come.
+[[gnu::noinline, gnu::cold]] int pollSlow(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
+                                          void* context) {
+    return perform(
+        Call::kA2cStreamPollOnce, [=] { return poll(stream, handler, context); },
+        [=](TraceLine& line) { line.stream(stream); });
+}
+
 template <typename Stream>
 int performGet(Call call, const Stream* stream, std::uint32_t* value, int (*get)(const Stream*, std::uint32_t*)) {
     return perform(
@@ -195,9 +203,8 @@ int enyx_hw_a2c_stream_get_mtu(const enyx_hw_a2c_stream* stream, uint32_t* mtu) 
 }
 
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
-    return perform(
-        Call::kA2cStreamPollOnce, [=] { return poll(stream, handler, context); },
-        [=](TraceLine& line) { line.stream(stream); });
+    if (hooks::g_active.load(std::memory_order_relaxed) != 0) return pollSlow(stream, handler, context);
+    return poll(stream, handler, context);
 }
 
 int enyx_hw_a2c_stream_stats_get_backpressure(const enyx_hw_a2c_stream* stream, uint32_t* value) {

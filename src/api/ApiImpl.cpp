@@ -1,6 +1,5 @@
 #include "src/api/ApiImpl.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <new>
@@ -8,12 +7,16 @@
 
 #include "src/log/Logger.h"
 #include "src/log/log.h"
+#include "src/util/ForkSafe.h"
+#include "src/util/StandardStreams.h"
 
 std::mutex g_brixLogInit_mutex;
 
 namespace {
 
 constexpr char kLogFile[] = "VexoZceMdApiImpl";
+
+const fork_safe::Guard<g_brixLogInit_mutex> s_forkGuard(fork_safe::Rank::kLogStart);
 
 constexpr std::uint32_t kRegisterCoreId = 474;
 
@@ -32,7 +35,7 @@ IVexoZceMdApi* IVexoZceMdApi::CreateVexoZceMdApi() {
     CDrvEnyxReg* drv = sharedDriver();
     auto* api = drv != nullptr ? new (std::nothrow) CVexoZceMdApiImpl(drv) : nullptr;
     if (api == nullptr) {
-        std::printf("New vexo zce impl fail.\n");
+        standard_streams::print("New vexo zce impl fail.\n");
         throw std::runtime_error("CreateVexoZceMdApi failed");
     }
     api->m_bSharedDrv = true;
@@ -78,11 +81,11 @@ CVexoZceMdApiImpl::~CVexoZceMdApiImpl() {
 
 int CVexoZceMdApiImpl::VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) {
     if (cfgPath == nullptr) {
-        std::printf("Error! lpConfig null pointer!\n");
+        standard_streams::print("Error! lpConfig null pointer!\n");
         endProcess();
     }
     if (LogInit(cfgPath) != 0) {
-        std::printf("Log init failed\n");
+        standard_streams::print("Log init failed\n");
         return -1;
     }
     m_pSpi = &spi;
@@ -146,11 +149,11 @@ int CVexoZceMdApiImpl::LogInit(const char* /*cfgPath*/) {
     if (lpLog != nullptr) return 0;
     lpLog = new (std::nothrow) CKwLogger;
     if (lpLog == nullptr) {
-        std::printf("log inited fail, maybe lack memory.\n");
+        standard_streams::print("log inited fail, maybe lack memory.\n");
         return -1;
     }
     if (const int r = lpLog->Init(0, "./", "fpga")) {
-        std::printf("###Init log service failed! ret: %d###\n", r);
+        standard_streams::print("###Init log service failed! ret: %d###\n", r);
         return -1;
     }
     return 0;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "src/log/StandardWrite.h"
 #include "src/log/log.h"
 
 std::atomic<bool> CSignalProcess::m_isExit{false};
@@ -44,7 +45,8 @@ int CSignalProcess::InitSignal() {
     return 0;
 }
 
-void CSignalProcess::SignalHandler(int sig, siginfo_t* /*info*/, void* /*ctx*/) {
+void CSignalProcess::SignalHandler(int sig, siginfo_t* info, void* ctx) {
+    if (!standard_write::stopFromHandler(sig, info, ctx)) return;
     elog_output_from_handler(ELOG_LVL_WARN, "fpga", kLogFile, __func__, __LINE__, "Received signal %d !!", sig);
     m_isExit.store(true, std::memory_order_relaxed);
 }

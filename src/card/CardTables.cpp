@@ -3,6 +3,7 @@
 #include "interface/CardRegisters.h"
 #include "src/card/RowId.h"
 #include "src/log/log.h"
+#include "src/util/ForkSafe.h"
 #include "src/util/Sleep.h"
 
 namespace Vexo2_U50 {
@@ -28,6 +29,7 @@ std::uint32_t rowAddress(std::uint32_t row, std::uint32_t word = card_reg::kMask
 
 std::atomic<bool> CZceFpgaServ::m_bReseted{false};
 std::mutex CZceFpgaServ::subscribe_mutex;
+static const fork_safe::Guard<CZceFpgaServ::subscribe_mutex> s_forkGuard(fork_safe::Rank::kCard);
 std::atomic<std::uint32_t> CZceFpgaServ::decodeSwitch{card_reg::kSwitchLevel1 | card_reg::kSwitchLevel5};
 
 CZceFpgaServ::CZceFpgaServ(InstIdToIndex& idToIndex, std::uint32_t chan)

@@ -1,11 +1,10 @@
 // What the channel offers and the library itself does not use.
 
-#include <cstdio>
-
 #include "interface/CardRegisters.h"
 #include "src/channel/DmaChannel.h"
 #include "src/channel/TimeWindow.h"
 #include "src/util/LocalTime.h"
+#include "src/util/StandardStreams.h"
 
 std::atomic<std::uint32_t>& CZceDmaChanImpl::g_uiContractSettleTm = CBrixBinFile::m_uiSettleTime;
 
@@ -19,7 +18,7 @@ constexpr TimeWindow kMorningAuction = {85510, 93000};
 
 int CZceDmaChanImpl::KeepRecv(DmaPacketHandler handler, bool* run, void* ctx) {
     if (handler == nullptr || run == nullptr) {
-        std::printf("Invalid parameter. \n");
+        standard_streams::print("Invalid parameter. \n");
         return -1;
     }
     m_pfnHandler = handler;

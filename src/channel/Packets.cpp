@@ -5,11 +5,11 @@
 
 #include <cxxabi.h>
 
-#include <cstdio>
 #include <string>
 
 #include "src/channel/DmaChannel.h"
 #include "src/log/log.h"
+#include "src/util/StandardStreams.h"
 
 namespace {
 
@@ -73,6 +73,6 @@ int CZceDmaChanImpl::rejectUnknownPacket(const unsigned char* pkt, unsigned int 
         dump += kDigits[pkt[i] >> 4];
         dump += kDigits[pkt[i] & 15];
     }
-    std::printf("%s\n", dump.c_str());
+    standard_streams::print("%s\n", dump.c_str());
     return 0;
 }

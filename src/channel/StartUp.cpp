@@ -16,6 +16,7 @@
 #include "src/channel/TimeWindow.h"
 #include "src/driver/DmaStream.h"
 #include "src/log/log.h"
+#include "src/util/ForkSafe.h"
 #include "src/util/LocalTime.h"
 
 namespace {
@@ -27,21 +28,23 @@ constexpr TimeWindow kTradingWindows[] = {{90000, 101450}, {103000, 113000}, {13
 constexpr TimeWindow kClosedWindows[] = {{160000, 201500}, {233000, 235959}};
 
 // Channel-0 objects share the one register driver of the process; the last of them ends it.
+std::mutex s_usersMutex;
+const fork_safe::Guard<s_usersMutex> s_forkGuard(fork_safe::Rank::kDriverUsers);
+
 class DriverUsers {
 public:
     void add(IDrv* drv) {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const std::lock_guard<std::mutex> guard(s_usersMutex);
         ++m_users[drv];
     }
     void remove(IDrv* drv) {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const std::lock_guard<std::mutex> guard(s_usersMutex);
         if (--m_users[drv] > 0) return;
         m_users.erase(drv);
         delete drv;
     }
 
 private:
-    std::mutex m_mutex;
     std::map<IDrv*, int> m_users;
 };
 

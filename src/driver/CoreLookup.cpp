@@ -6,6 +6,7 @@
 #include "src/driver/HwHandles.h"
 #include "src/log/ThreadMutex.h"
 #include "src/log/log.h"
+#include "src/util/ForkSafe.h"
 #include "src/util/Sleep.h"
 
 namespace {
@@ -19,6 +20,11 @@ enyx_hw_mmio* s_lpMMIO[kBusCount];
 enyx_hw_core_tree* s_lpTree[kBusCount];
 enyx_hw_core* s_lpEnyxCoreRoot[kBusCount];
 MOSK2::CThreadMutex s_coreMutex;  // guards the four arrays
+constexpr fork_safe::Actions kForkActions{[] { s_coreMutex.Acquire(); }, [] { s_coreMutex.Release(); },
+                                          [] { s_coreMutex.renew(); }};
+const struct ForkGuard {
+    ForkGuard() { fork_safe::add(fork_safe::Rank::kCores, kForkActions); }
+} s_forkGuard;
 
 // Opens the accelerator; null after logging why. Every early return frees what it holds, except one descriptor.
 enyx_hw_accelerator* openAccelerator(unsigned short busId) {

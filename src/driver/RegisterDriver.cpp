@@ -7,6 +7,7 @@
 
 #include "src/driver/CoreLookup.h"
 #include "src/log/log.h"
+#include "src/util/ForkSafe.h"
 
 CDrvEnyxReg* CDrvEnyxReg::instance = nullptr;
 
@@ -19,6 +20,7 @@ constexpr unsigned long kChunkBytes = 8;
 constexpr unsigned long kMaxFieldSize = 128;
 
 std::mutex s_initMutex;
+const fork_safe::Guard<s_initMutex> s_forkGuard(fork_safe::Rank::kDriverStart);
 
 class CoreLock {
 public:

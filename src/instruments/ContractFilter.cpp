@@ -5,6 +5,7 @@
 
 #include "src/instruments/InstId.h"
 #include "src/log/log.h"
+#include "src/util/ForkSafe.h"
 
 namespace Vexo2_U50 {
 
@@ -86,7 +87,9 @@ std::mutex CContractServ::order_mutex;
 
 CContractServ::CContractServ(InstIdToIndex& idToIndex, CZceConfigFile* cfg, CBrixBinFile* bin, CZceFpgaServ* fpga,
                              std::uint32_t chan, ZceSubsInfo_t (&rules)[card_reg::kChannels])
-    : channel(chan), instIdToIndex(idToIndex), fpgaServ(fpga), binFile(bin), config(cfg), subsInfo(rules) {}
+    : channel(chan), instIdToIndex(idToIndex), fpgaServ(fpga), binFile(bin), config(cfg), subsInfo(rules) {
+    static const fork_safe::Guard<order_mutex> s_forkGuard(fork_safe::Rank::kInstruments);
+}
 
 CContractServ::~CContractServ() = default;
 

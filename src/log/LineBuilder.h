@@ -5,7 +5,7 @@
 #include <cstring>
 #include <ctime>
 
-/// Builds one log line in a caller's buffer; what does not fit is cut. Everything but AppendFormatted may be called
+/// Builds one log line in a caller's buffer; what does not fit is cut. Everything but appendFormatted may be called
 /// from a signal handler.
 class LineBuilder {
 public:
@@ -20,12 +20,16 @@ public:
         std::memcpy(m_buf + m_pos, text, length);
         m_pos += length;
     }
-    /// The same for a length that the compiler knows.
-    template <std::size_t kLength>
-    void appendFixed(const char* text) {
-        if (kLength > m_size - m_pos) return append(text, kLength);
-        std::memcpy(m_buf + m_pos, text, kLength);
-        m_pos += kLength;
+    /// The same for a text of a few characters.
+    void appendShort(const char* text) {
+        while (*text != '\0') append(*text++);
+    }
+    /// Begins an empty line with a head, whose first characters are @p start instead. The line must have room for it.
+    template <std::size_t kHead, std::size_t kStart>
+    void begin(const char* head, const char* start) {
+        std::memcpy(m_buf, head, kHead);
+        std::memcpy(m_buf, start, kStart);
+        m_pos = kHead;
     }
     void appendNumber(long value, int minDigits);
     void appendHexByte(unsigned char byte);  ///< "%02X "
@@ -33,6 +37,8 @@ public:
     void appendLineNumber(long value);       ///< its first four characters: the field of the line has room for no more
     /// What vsnprintf makes of @p format, cut at the end of the buffer.
     void appendFormatted(const char* format, std::va_list args);
+
+    std::size_t size() const { return m_pos; }
 
     /// Ends the line with a newline, in the buffer's last byte at the latest. @return its length, newline included.
     std::size_t finishLine() {

@@ -3,20 +3,58 @@
 #include <cstddef>
 #include <ctime>
 
-/// The local calendar of one second, as log lines need it. Breaking a time down costs more than writing the line; the
+/// The local calendar of the last second that was asked for. Breaking a time down costs more than writing the line; the
 /// lines of one second share it.
-struct LocalSecond {
+class LocalSecond {
+public:
     static constexpr std::size_t kTextSize = 17;
+    /// "[level  ][YYYYMMDD-HH:MM:SS][", what a line begins with up to its tag; the level is the caller's.
+    static constexpr std::size_t kLevelSize = 9;
+    static constexpr std::size_t kHeadSize = kLevelSize + 1 + kTextSize + 2;
 
-    std::time_t when;
-    char text[kTextSize];  ///< YYYYMMDD-HH:MM:SS, not terminated
-    long date;             ///< YYYYMMDD
-    long utcOffset;        ///< seconds east of UTC
+    /// Breaks @p when down in the process's time zone. A changed TZ shows in the next second; after a tzset() of the
+    /// application it shows at once, but for zones of the same name and standard offset.
+    /// @return false when the C library cannot tell the local time
+    bool set(std::time_t when) {
+        const bool isZoneAlike = m_zone.west == ::timezone && m_zone.name == ::tzname[0];
+        return (m_when == when && m_isKnown && isZoneAlike) || breakDown(when);
+    }
+    void forget() { m_isKnown = false; }
+
+    const char* head() const { return m_head; }
+    const char* text() const { return m_head + kLevelSize + 1; }  ///< YYYYMMDD-HH:MM:SS, not terminated
+    long date() const { return m_date; }                          ///< YYYYMMDD
+    long utcOffset() const { return m_utcOffset; }                ///< seconds east of UTC
+    /// Whether the zone was another one the time before.
+    bool isNewZone() const { return m_isNewZone; }
+
+private:
+    // What tzset() changes when the zone does.
+    struct Zone {
+        long west;
+        int hasSummer;
+        const char* name;
+        const char* summerName;
+
+        static Zone current() { return {::timezone, ::daylight, ::tzname[0], ::tzname[1]}; }
+        bool operator==(const Zone& other) const {
+            return west == other.west && hasSummer == other.hasSummer && name == other.name &&
+                   summerName == other.summerName;
+        }
+    };
+
+    bool breakDown(std::time_t when);
+
+    std::time_t m_when = 0;
+    char m_head[kHeadSize + 3] = "[       ][YYYYMMDD-HH:MM:SS][";
+    bool m_isKnown = false;
+    bool m_isNewZone = false;
+    long m_date = 0;
+    long m_utcOffset = 0;
+    Zone m_zone{};
 };
 
-/// @return the second @p when in the process's time zone; null when the C library cannot tell the local time. A zone
-///         that the process changed since the last call shows at once, or in the next second where both zones have
-///         the same names and standard offset. The log lock is held, and the result valid, until it is released.
-const LocalSecond* localSecondOf(std::time_t when);
-/// Forgets the last one. The log lock is held.
-void forgetLocalSecond();
+/// The second of the line that is being made. Belongs to the thread that holds standard output's lock.
+extern LocalSecond g_lineSecond;
+/// The second that dates the log file. Belongs to the thread that holds the log lock.
+extern LocalSecond g_fileSecond;

@@ -2,7 +2,9 @@
 
 namespace MOSK2 {
 
-CThreadMutex::CThreadMutex() {
+CThreadMutex::CThreadMutex() { renew(); }
+
+void CThreadMutex::renew() {
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);

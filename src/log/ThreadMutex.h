@@ -17,6 +17,8 @@ public:
     int Acquire() { return pthread_mutex_lock(&m_mutex); }
     int TryAcquire();  ///< non-zero at once when another thread holds it
     int Release() { return pthread_mutex_unlock(&m_mutex); }
+    /// Makes it free in a child of fork(), whose only thread does not count as the one that locked it before the fork.
+    void renew();
 
 private:
     pthread_mutex_t m_mutex;

@@ -6,7 +6,10 @@
 #include <cstring>
 
 #include "src/log/LineBuilder.h"
+#include "src/log/LinePrefix.h"
 #include "src/log/LocalSecond.h"
+#include "src/log/StandardWrite.h"
+#include "src/log/ZoneOffsets.h"
 #include "src/log/elog_mutex.h"
 #include "src/util/LocalTime.h"
 
@@ -24,11 +27,7 @@ struct ElogRecord {
 };
 
 ElogRecord elog;
-char log_buf[ELOG_LINE_SIZE];
-char log_buf_huge[ELOG_HUGE_SIZE];
-
-// Seconds east of UTC at the last line: a handler may not call the time-zone functions of the C library.
-std::atomic<long> utc_offset{0};
+char log_buf_huge[ELOG_HUGE_SIZE];  // used by the thread that holds the lock of standard output
 
 constexpr std::size_t kLevelTagSize = 9;
 constexpr char level_output_info[ELOG_LVL_TOTAL][kLevelTagSize + 1] = {
@@ -104,23 +103,29 @@ void appendPrefix(LineBuilder& line, std::uint8_t level, const char* tag, const 
     if (mask & (ELOG_FMT_FILE | ELOG_FMT_FUNC | ELOG_FMT_LINE)) appendSourceGroup(line, mask, file, func, number);
 }
 
-// The local time of a line, kept in time_cache; null when it cannot be had.
-const char* stampTime() {
-    const LocalSecond* now = localSecondOf(::time(nullptr));
-    if (now == nullptr) return nullptr;
-    time_cache.store(now->when, std::memory_order_relaxed);
-    utc_offset.store(now->utcOffset, std::memory_order_relaxed);
-    return now->text;
+// Sets the second of a line to now, and time_cache with it. @return false when the local time cannot be had
+inline bool stampTime(LocalSecond& second) {
+    const std::time_t now = ::time(nullptr);
+    if (!second.set(now)) return false;
+    time_cache.store(now, std::memory_order_relaxed);
+    return true;
 }
 
-// The prefix of nearly all lines, with nothing left to decide.
-inline void appendBriefPrefix(LineBuilder& line, std::uint8_t level, const char* time, const char* tag) {
-    line.appendFixed<kLevelTagSize>(level_output_info[level]);
-    line.appendFixed<1>("[");
-    line.appendFixed<LocalSecond::kTextSize>(time);
-    line.appendFixed<2>("][");
-    line.append(tag);
-    line.appendFixed<1>("]");
+// The prefix of nearly all lines, with nothing left to decide. @return false when it is another one
+inline bool beginBriefLine(LineBuilder& text, LocalSecond& second, std::uint8_t level, const char* tag) {
+    if (elog.format_masks[level].load(std::memory_order_relaxed) != kBriefFormat || !stampTime(second)) return false;
+    text.begin<LocalSecond::kHeadSize, kLevelTagSize>(second.head(), level_output_info[level]);
+    text.appendShort(tag);
+    text.append(']');
+    return true;
+}
+
+// The part of a line before its message, with the current time.
+__attribute__((noinline)) void beginLine(LineBuilder& text, LocalSecond& second, std::uint8_t level, const char* tag,
+                                         const char* file, const char* func, long line) {
+    const std::uint64_t mask = elog.format_masks[level].load(std::memory_order_relaxed);
+    const bool isTimed = (mask & ELOG_FMT_TIME) != 0 && stampTime(second);
+    appendPrefix(text, level, tag, file, func, line, isTimed ? second.text() : nullptr);
 }
 
 // What both raw outputs do; the length handed on is the one that the text would have, up to the buffer's size.
@@ -135,7 +140,8 @@ void hexdumpLine(const char* name, unsigned int width, const unsigned char* data
                  unsigned int size) {
     char head[ELOG_LINE_SIZE];
     std::snprintf(head, sizeof head, "[DEBUG  ]HEX %s: %04X-%04X: ", name, offset, offset + width);
-    LineBuilder line(log_buf, sizeof log_buf);
+    char buf[ELOG_LINE_SIZE];
+    LineBuilder line(buf, sizeof buf);
     line.append(head);
     for (unsigned int i = 0; i < width; ++i) {
         if (offset + i < size) {
@@ -150,7 +156,7 @@ void hexdumpLine(const char* name, unsigned int width, const unsigned char* data
         const unsigned char byte = data[offset + i];
         line.append(byte >= 32 && byte <= 126 ? static_cast<char>(byte) : '.');
     }
-    elog_port_output(log_buf, line.finishLine());
+    elog_port_output(buf, line.finishLine());
 }
 
 }  // namespace
@@ -175,22 +181,33 @@ void elog_output(std::uint8_t level, const char* tag, const char* file, const ch
                  ...) {
     if (!isWritten(level)) return;
     const ErrnoKeeper keep;
-    const LogLock lock;
-
-    const std::uint64_t mask = elog.format_masks[level].load(std::memory_order_relaxed);
-    const char* time = mask & ELOG_FMT_TIME ? stampTime() : nullptr;
-    LineBuilder text(log_buf, sizeof log_buf);
-    if (mask == kBriefFormat && time != nullptr) {
-        appendBriefPrefix(text, level, time, tag);
-    } else {
-        appendPrefix(text, level, tag, file, func, line, time);
+    const standard_write::StdoutTurn out;
+    char buf[ELOG_LINE_SIZE];
+    LineBuilder text(buf, sizeof buf);
+    if (!out.isMine()) {
+        const LogLock lock;
+        beginLine(text, g_fileSecond, level, tag, file, func, line);
+    } else if (!beginBriefLine(text, g_lineSecond, level, tag)) {
+        beginLine(text, g_lineSecond, level, tag, file, func, line);
     }
-
     std::va_list args;
     va_start(args, format);
     text.appendFormatted(format, args);
     va_end(args);
-    elog_port_output_locked(log_buf, text.finishLine());
+    const std::size_t size = text.finishLine();
+    out.write(buf, size);
+    elog_file_write(buf, size);
+}
+
+std::size_t ownWarning(char* buf, std::size_t size, const char* func, long line, const char* format, ...) {
+    if (!isWritten(ELOG_LVL_WARN)) return 0;
+    LineBuilder text(buf, size);
+    beginLine(text, g_fileSecond, ELOG_LVL_WARN, "log", kLogFile, func, line);
+    std::va_list args;
+    va_start(args, format);
+    text.appendFormatted(format, args);
+    va_end(args);
+    return text.finishLine();
 }
 
 void elog_output_from_handler(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
@@ -199,10 +216,11 @@ void elog_output_from_handler(std::uint8_t level, const char* tag, const char* f
     const ErrnoKeeper keep;
 
     std::tm local;
-    breakDownWithOffset(::time(nullptr), utc_offset.load(std::memory_order_relaxed), local);
+    const std::time_t now = ::time(nullptr);
+    breakDownWithOffset(now, zone_offsets::at(now), local);
     char time[LocalSecond::kTextSize];
     LineBuilder(time, sizeof time).appendTime(local);
-    char buf[ELOG_LINE_SIZE];  // log_buf may be half-written under us
+    char buf[ELOG_LINE_SIZE];
     LineBuilder text(buf, sizeof buf);
     appendPrefix(text, level, tag, file, func, line, time);
     for (const char* p = format; *p != '\0'; ++p) {
@@ -213,33 +231,38 @@ void elog_output_from_handler(std::uint8_t level, const char* tag, const char* f
             text.append(*p);
         }
     }
-    elog_port_output_from_handler(buf, text.finishLine());
+    elog_port_output_from_handler(buf, text.finishLine(), local_time::date(local));
 }
 
 void elog_raw(const char* format, ...) {
     if (!elog_get_output_enabled()) return;
     const ErrnoKeeper keep;
-    const LogLock lock;
+    char buf[ELOG_LINE_SIZE];
     std::va_list args;
     va_start(args, format);
-    rawOutput(log_buf, sizeof log_buf, format, args);
+    rawOutput(buf, sizeof buf, format, args);
     va_end(args);
 }
 
 void elog_raw_huge(const char* format, ...) {
     if (!elog_get_output_enabled()) return;
     const ErrnoKeeper keep;
-    const LogLock lock;
+    const standard_write::StdoutTurn out;
     std::va_list args;
     va_start(args, format);
-    rawOutput(log_buf_huge, sizeof log_buf_huge, format, args);
+    if (out.isMine()) {
+        rawOutput(log_buf_huge, sizeof log_buf_huge, format, args);
+    } else {
+        char buf[ELOG_LINE_SIZE];  // a thread that is stuck in its output has the large one; better cut than lost
+        rawOutput(buf, sizeof buf, format, args);
+    }
     va_end(args);
 }
 
 void elog_hexdump(const char* name, std::uint8_t width, const void* buf, std::uint16_t size) {
     if (!isWritten(ELOG_LVL_DEBUG) || width == 0) return;
     const ErrnoKeeper keep;
-    const LogLock lock;
+    const standard_write::StdoutTurn out;  // keeps the lines together
     for (unsigned int offset = 0; offset < size; offset += width)
         hexdumpLine(name, width, static_cast<const unsigned char*>(buf), offset, size);
 }

@@ -9,7 +9,7 @@
 
 /// The log core: formats one line a message, writes it to standard output and appends it to
 /// <dir>/<name>_YYYYMMDD.log, a new file each local calendar day. All state is process-global.
-/// Any thread may log; lines from several threads never mix.
+/// Any thread may log; lines from several threads never mix. Locks, in this order: standard output's, the log's.
 
 constexpr std::uint8_t ELOG_LVL_ASSERT = 0;
 constexpr std::uint8_t ELOG_LVL_ERROR = 1;
@@ -46,7 +46,8 @@ void elog_fini();
 /// A line of more than ELOG_LINE_SIZE bytes is cut there. Leaves errno as it found it.
 void elog_output(std::uint8_t level, const char* tag, const char* file, const char* func, long line, const char* format,
                  ...) __attribute__((format(printf, 6, 7)));
-/// The same from inside a signal handler: takes no lock, calls nothing that a handler may not call.
+/// The same from inside a signal handler: takes no lock, calls nothing that a handler may not call. Standard output
+/// gets the line only when it takes it at once.
 /// @param format  text with at most one "%d", which @p value replaces
 void elog_output_from_handler(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
                               const char* format, int value);
@@ -84,15 +85,17 @@ extern int time_zone;
 extern std::FILE* elog_file_fp;
 extern std::atomic<int> elog_file_fd;           ///< -1 while no file is open
 extern std::atomic<int> elog_handlers_writing;  ///< signal handlers that use elog_file_fd at this moment
-extern bool elog_file_init_ok;
+extern std::atomic<bool> elog_file_init_ok;
 extern ElogFileCfg local_cfg;
-extern long last_rotate_day;  ///< YYYYMMDD of the open file, 0 before the first write
+extern std::atomic<long> last_rotate_day;  ///< YYYYMMDD of the open file, 0 before the first write
 extern bool is_rotating;
 
 int elog_file_init(const char* dir, const char* name);
 int elog_file_config(const ElogFileCfg* cfg);  ///< @return the descriptor of the file, -1 on failure
 void elog_file_write(const char* buf, std::size_t size);
-void elog_file_write_locked(const char* buf, std::size_t size);  ///< the caller holds the log lock
+/// The same from inside a signal handler. When @p date (YYYYMMDD) lies behind the day of the open file, the line goes
+/// into the file of its own day; the log itself switches with its next line.
+void elog_file_write_from_handler(const char* buf, std::size_t size, long date);
 void elog_file_rotate();
 void elog_file_rotate_day();
 void elog_file_fini();
@@ -102,8 +105,8 @@ void elog_file_fini();
 int elog_port_init(const char* dir, const char* name);
 void elog_port_fini();
 void elog_port_output(const char* buf, std::size_t size);
-void elog_port_output_locked(const char* buf, std::size_t size);  ///< the caller holds the log lock
-/// Writes a finished line to both places with write(2) alone.
-void elog_port_output_from_handler(const char* buf, std::size_t size);
-/// Writes all of @p buf, going on after a short write or an interruption; gives up at any other error.
-void elog_write_fully(int fd, const char* buf, std::size_t size);
+/// Writes a finished line of the day @p date to both places from inside a signal handler.
+void elog_port_output_from_handler(const char* buf, std::size_t size, long date);
+
+/// In a child of fork(): forgets the handlers that other threads of the parent were in.
+void elog_renew_after_fork();

@@ -5,27 +5,63 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
-#include <string>
+#include <limits>
 
+#include "src/log/LineBuilder.h"
+#include "src/log/LinePrefix.h"
 #include "src/log/LocalSecond.h"
+#include "src/log/StandardWrite.h"
+#include "src/log/ZoneOffsets.h"
 #include "src/log/elog_mutex.h"
 #include "src/util/LocalTime.h"
+#include "src/util/SafeFile.h"
+#include "src/util/StandardStreams.h"
 
 std::atomic<std::time_t> time_cache{0};
 int time_zone = 0;
 std::FILE* elog_file_fp = nullptr;
 std::atomic<int> elog_file_fd{-1};
 std::atomic<int> elog_handlers_writing{0};
-bool elog_file_init_ok = false;
+std::atomic<bool> elog_file_init_ok{false};
 ElogFileCfg local_cfg{};
-long last_rotate_day = 0;
+std::atomic<long> last_rotate_day{0};
 bool is_rotating = false;
 
 namespace {
 
 constexpr std::uint64_t kUnusedMaxSize = 4294967294;
 constexpr std::size_t kMaxDirPath = 512;  // longer paths are cut
+
+// The time_cache for which the file is known to be the right one.
+constexpr std::time_t kNoSecond = std::numeric_limits<std::time_t>::min();
+std::time_t g_settledSecond = kNoSecond;
+
+// What a full disk left behind. A handler reads and sets them, too.
+std::atomic<unsigned long> g_lostLines{0};  // since the last line that was written whole
+std::atomic<int> g_lossReason{0};
+std::atomic<bool> g_isMidLine{false};  // the file does not end with a newline
+
+// A thread that is cancelled in its write counts no longer either: closing the log file waits for the count.
+struct HandlerWriting {
+    HandlerWriting() { ++elog_handlers_writing; }
+    ~HandlerWriting() { --elog_handlers_writing; }
+    HandlerWriting(const HandlerWriting&) = delete;
+    HandlerWriting& operator=(const HandlerWriting&) = delete;
+};
+
+// Without the lock of stdio, which the application may hold while it logs, and which is not ours to wait for here.
+__attribute__((format(printf, 1, 2))) void complain(const char* format, ...) {
+    char text[kMaxDirPath + 256];
+    std::va_list args;
+    va_start(args, format);
+    const int length = std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    if (length <= 0) return;
+    const auto size = static_cast<std::size_t>(length);
+    standard_write::write(STDERR_FILENO, text, size < sizeof text ? size : sizeof text - 1);
+}
 
 // Stop signals may find a thread anywhere: their handler writes to elog_file_fd without a lock. Closing waits until no
 // handler is at it, so that its line never reaches a descriptor that has become somebody else's. A handler on this very
@@ -35,42 +71,97 @@ void closeFile() {
     while (elog_handlers_writing != 0) ::sched_yield();
     if (elog_file_fp != nullptr) std::fclose(elog_file_fp);
     elog_file_fp = nullptr;
+    g_isMidLine = false;
 }
 
-// The configured path with the date in the place of its "%s". Done by hand: a directory name may hold a '%' as well.
-std::string datedPath(const ElogFileCfg& cfg, const std::tm& local) {
-    char date[16];
-    std::snprintf(date, sizeof date, "%08u", local_time::date(local));
-    std::string path = cfg.name;
-    const std::size_t mark = path.rfind("%s");
-    if (mark != std::string::npos) path.replace(mark, 2, date);
-    if (path.size() >= ELOG_PATH_SIZE) path.resize(ELOG_PATH_SIZE - 1);
-    return path;
+// The configured path with the date in the place of its last "%s"; a directory name may hold a '%' as well. Done by
+// hand because a handler does it, too.
+void datedPath(char (&path)[ELOG_PATH_SIZE], long date) {
+    const char* mark = nullptr;
+    for (const char* p = local_cfg.name; *p != '\0'; ++p) {
+        if (p[0] == '%' && p[1] == 's') mark = p;
+    }
+    LineBuilder text(path, sizeof path - 1);
+    if (mark == nullptr) {
+        text.append(local_cfg.name);
+    } else {
+        text.append(local_cfg.name, static_cast<std::size_t>(mark - local_cfg.name));
+        text.appendNumber(date, 8);
+        text.append(mark + 2);
+    }
+    path[text.size()] = '\0';
 }
 
-// Opens for appending. Not one of the three standard descriptors, which a daemon may have closed: a log file there
-// would get what others write to them.
-int openAbove(const char* path) {
+// Opens for appending; a handler may call it. Not one of the three standard descriptors, which a daemon may have
+// closed: a log file there would get what others write to them.
+int openToAppend(const char* path) {
     // O_NONBLOCK for the open alone: a FIFO that nobody reads must fail here, not hold the process up.
-    const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
-    if (fd < 0) return -1;
-    ::fcntl(fd, F_SETFL, O_APPEND);
-    if (fd > STDERR_FILENO) return fd;
-    const int above = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    ::close(fd);
-    return above;
+    const int fd = safe_file::openAboveStandard(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+    if (fd >= 0) ::fcntl(fd, F_SETFL, O_APPEND);
+    return fd;
 }
 
-bool openFile(const std::string& path) {
-    const int fd = openAbove(path.c_str());
+bool openFile(const char* path) {
+    const int fd = openToAppend(path);
     if (fd >= 0) elog_file_fp = ::fdopen(fd, "ab");
     if (elog_file_fp == nullptr) {
-        std::fprintf(stderr, "Error! Create file %s fail, errmsg:%s. \n", path.c_str(), std::strerror(errno));
+        complain("Error! Create file %s fail, errmsg:%s. \n", path, std::strerror(errno));
         if (fd >= 0) ::close(fd);
         return false;
     }
     elog_file_fd = fd;
     return true;
+}
+
+// Goes on after a first write that was short, interrupted or failed. @return false when the text is not whole, with the
+// reason kept
+__attribute__((noinline)) bool appendRest(int fd, const char* text, std::size_t size, ssize_t written) {
+    for (;;) {
+        if (written == 0 || (written < 0 && errno != EINTR)) {
+            g_lossReason = written < 0 ? errno : EIO;
+            return false;
+        }
+        if (written > 0) {
+            g_isMidLine = text[written - 1] != '\n';
+            text += written;
+            size -= static_cast<std::size_t>(written);
+        }
+        if (size == 0) return true;
+        written = ::write(fd, text, size);
+    }
+}
+
+// Appends all of a text. @return false when that fails
+inline bool append(int fd, const char* text, std::size_t size) {
+    const ssize_t written = ::write(fd, text, size);
+    if (written != static_cast<ssize_t>(size)) return appendRest(fd, text, size, written);
+    if (size != 0) g_isMidLine.store(text[size - 1] != '\n', std::memory_order_relaxed);
+    return true;
+}
+
+// After lost lines: ends the line that was cut short, and tells how many are missing. @return false when the disk does
+// not take that either
+bool endLoss(int fd) {
+    if (g_isMidLine && !append(fd, "\n", 1)) return false;
+    char line[ELOG_LINE_SIZE];
+    const unsigned long lost = g_lostLines;
+    const std::size_t size = ownWarning(line, sizeof line, __func__, __LINE__,
+                                        "Lines lost in the log file: %lu, errmsg:%s.", lost,
+                                        std::strerror(g_lossReason));
+    if (!append(fd, line, size)) return false;
+    g_lostLines -= lost;
+    return true;
+}
+
+void appendLine(int fd, const char* buf, std::size_t size) {
+    if (fd < 0) return;
+    const bool isReady = g_lostLines.load(std::memory_order_relaxed) == 0 || endLoss(fd);
+    if (!isReady || !append(fd, buf, size)) ++g_lostLines;
+}
+
+void appendLineFromHandler(int fd, const char* buf, std::size_t size) {
+    const bool isReady = g_lostLines == 0 || !g_isMidLine || append(fd, "\n", 1);
+    if (!isReady || !append(fd, buf, size)) ++g_lostLines;
 }
 
 struct Rotating {
@@ -98,14 +189,13 @@ int elog_mkdirs(const char* path, mode_t mode) {
 
 int elog_file_init(const char* dir, const char* name) {
     if (elog_file_init_ok) return 0;
+    standard_streams::noteClosed();
     if (::access(dir, F_OK) == 0 && ::access(dir, W_OK) != 0) {
-        std::fprintf(stderr,
-                     "Error! file or dir: [%s] already exist and havn't write authority. use root try again ?\n", dir);
+        complain("Error! file or dir: [%s] already exist and havn't write authority. use root try again ?\n", dir);
         return -1;
     }
     if (::access(dir, W_OK) != 0 && elog_mkdirs(dir, 0755) != 0) {
-        std::fprintf(stderr,
-                     "Error! make file or log dir:[%s] failed! Maybe no access authority.use root try again ?\n", dir);
+        complain("Error! make file or log dir:[%s] failed! Maybe no access authority.use root try again ?\n", dir);
         return -1;
     }
     time_cache = ::time(nullptr);
@@ -115,7 +205,7 @@ int elog_file_init(const char* dir, const char* name) {
     std::snprintf(cfg.name, sizeof cfg.name, "%s/%s_%%s.log", dir, name);
     cfg.max_size = kUnusedMaxSize;
     if (elog_file_config(&cfg) == -1) {
-        std::fprintf(stderr, "Error! log init fail.\n");
+        complain("Error! log init fail.\n");
         return -1;
     }
     elog_file_init_ok = true;
@@ -127,22 +217,41 @@ int elog_file_config(const ElogFileCfg* cfg) {
     if (cfg != &local_cfg) local_cfg = *cfg;
     std::tm local{};
     if (!local_time::breakDown(time_cache, local)) return -1;
-    return openFile(datedPath(local_cfg, local)) ? elog_file_fd.load() : -1;
+    char path[ELOG_PATH_SIZE];
+    datedPath(path, local_time::date(local));
+    return openFile(path) ? elog_file_fd.load() : -1;
 }
 
 void elog_file_write(const char* buf, std::size_t size) {
-    const LogLock lock;
-    elog_file_write_locked(buf, size);
+    {
+        const LogLock lock;
+        if (!is_rotating) {
+            if (time_cache.load(std::memory_order_relaxed) != g_settledSecond) elog_file_rotate_day();
+            appendLine(elog_file_fd, buf, size);
+            return;
+        }
+    }
+    constexpr char kNotice[] = "======================log file is rotating, exit log file!===================\n";
+    const standard_write::StdoutTurn out;
+    out.write(kNotice, sizeof kNotice - 1);
 }
 
-void elog_file_write_locked(const char* buf, std::size_t size) {
-    if (is_rotating) {
-        std::puts("======================log file is rotating, exit log file!===================");
-        return;
+void elog_file_write_from_handler(const char* buf, std::size_t size, long date) {
+    if (!elog_file_init_ok) return;
+    const long day = last_rotate_day;
+    int ofItsDay = -1;
+    if (day != 0 && date > day) {
+        char path[ELOG_PATH_SIZE];
+        datedPath(path, date);
+        ofItsDay = openToAppend(path);
     }
-    elog_file_rotate_day();
-    elog_write_fully(elog_file_fd, buf, size);
+    const HandlerWriting writing;
+    const int fd = ofItsDay >= 0 ? ofItsDay : elog_file_fd.load();
+    if (fd >= 0) appendLineFromHandler(fd, buf, size);
+    if (ofItsDay >= 0) ::close(ofItsDay);
 }
+
+void elog_renew_after_fork() { elog_handlers_writing = 0; }
 
 void elog_file_rotate() {
     const LogLock lock;
@@ -150,23 +259,25 @@ void elog_file_rotate() {
 }
 
 void elog_file_rotate_day() {
-    if (!elog_file_init_ok) return;
-    const LocalSecond* lastStamp = localSecondOf(time_cache.load(std::memory_order_relaxed));
-    if (lastStamp == nullptr) return;
-    const long day = lastStamp->date;
-    if (last_rotate_day == 0) {
+    const std::time_t lastStamp = time_cache.load(std::memory_order_relaxed);
+    if (lastStamp == g_settledSecond || !elog_file_init_ok || !g_fileSecond.set(lastStamp)) return;
+    zone_offsets::learn(lastStamp, g_fileSecond.utcOffset(), g_fileSecond.isNewZone());
+    const long day = g_fileSecond.date();
+    if (last_rotate_day == 0) last_rotate_day = day;
+    if (day > last_rotate_day) {
+        const Rotating rotating;
+        // A day whose file cannot be opened is not taken as begun, so that the next line tries again.
+        if (elog_file_config(&local_cfg) == -1) return;
         last_rotate_day = day;
-        return;
     }
-    if (day <= last_rotate_day) return;
-    const Rotating rotating;
-    // A day whose file cannot be opened is not taken as begun, so that the next line tries again.
-    if (elog_file_config(&local_cfg) != -1) last_rotate_day = day;
+    g_settledSecond = lastStamp;
 }
 
 void elog_file_fini() {
     const LogLock lock;
     closeFile();
-    forgetLocalSecond();
+    g_lostLines = 0;
+    g_fileSecond.forget();
+    g_settledSecond = kNoSecond;
     elog_file_init_ok = false;
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "VexoZceUtil.h"
+#include "src/util/StandardStreams.h"
 
 namespace {
 
@@ -83,7 +84,8 @@ long FillDebugFileHex(char* buffer, unsigned int bufferSize, int fd, unsigned ch
     encodeHex(buffer, data, encoded);
     if (encoded < length) {
         const unsigned int left = length - encoded;
-        std::printf("Left %u bytes not write into file. totalSizes:%u, writed:%u.\n", left, length, encoded);
+        standard_streams::print("Left %u bytes not write into file. totalSizes:%u, writed:%u.\n", left, length,
+                                encoded);
     }
 
     // Without a buffer the line still has to end, or the next line's head would follow on it.
@@ -98,7 +100,7 @@ int CheckSeqNumIncre(unsigned int* lastSeqNums, unsigned int seqNum, unsigned ch
     const unsigned int old = lastSeqNums[slot];
     lastSeqNums[slot] = seqNum;
     if (old != 0 && old + 1 != seqNum) {
-        return std::printf("ERROR! not equal!! old_seq %u, current seq %u. \n", old, seqNum);
+        return standard_streams::print("ERROR! not equal!! old_seq %u, current seq %u. \n", old, seqNum);
     }
     return static_cast<int>(old + 1);
 }

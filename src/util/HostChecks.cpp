@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "VexoZceUtil.h"
+#include "src/util/StandardStreams.h"
 
 namespace {
 
@@ -60,13 +61,13 @@ unsigned int boardType(unsigned int eBoards, unsigned int xiBoards) {
 
 int requireEDriver() {
     if (IsEDriverInstalled()) return 0;
-    std::printf("There exist E board, but the E driver not installed, please install first.\n");
+    standard_streams::print("There exist E board, but the E driver not installed, please install first.\n");
     return -1;
 }
 
 int requireXiDriver() {
     if (IsXiDriverInstalled()) return 0;
-    std::printf("There exist Xi board, but the Xi driver not installed, please install first.\n");
+    standard_streams::print("There exist Xi board, but the Xi driver not installed, please install first.\n");
     return -1;
 }
 
@@ -74,7 +75,7 @@ int requireXiDriver() {
 int noticeMissingDrivers() {
     const char* const eNotice = IsEDriverInstalled() ? "" : "Attention! the E driver not installed!";
     const char* const xiNotice = IsXiDriverInstalled() ? "" : "Attention! the Xi driver not installed!";
-    std::printf("%s%s \n", eNotice, xiNotice);
+    standard_streams::print("%s%s \n", eNotice, xiNotice);
     return 0;
 }
 
@@ -101,14 +102,15 @@ bool IsXiDriverInstalled() { return countLines("lsmod | grep xdma", kBoardLineSi
 int CheckBeforeRun() {
     switch (CheckEnvBoard()) {
         case kNoBoard:
-            std::printf("Unable to recongnize fpga board! if there indeed exist fpga board, firmware maybe error.\n");
+            standard_streams::print(
+                "Unable to recongnize fpga board! if there indeed exist fpga board, firmware maybe error.\n");
             return -1;
         case kOneEBoard:
         case kSeveralEBoards: return requireEDriver();
         case kOneXiBoard:
         case kSeveralXiBoards: return requireXiDriver();
         case kBothKinds: return noticeMissingDrivers();
-        default: std::printf("Unsupport board type.%d\n", static_cast<int>(g_curEnvBrdType)); return 0;
+        default: standard_streams::print("Unsupport board type.%d\n", static_cast<int>(g_curEnvBrdType)); return 0;
     }
 }
 

@@ -2,12 +2,14 @@
 
 #include <ctime>
 
-/// Local calendar time in the decimal forms that the card, the trading windows and the file names use.
-/// Safe to call from any thread, unlike the exported trading-hours test, which is bound to localtime().
+/// Local calendar time in the decimal forms that the card, the trading windows and the file names use. All local time
+/// of the library comes from here, so that everything shows a changed time zone alike.
+/// Safe to call from any thread; not from a signal handler.
 namespace local_time {
 
-/// Breaks @p when down. @return false when the C library cannot (the year does not fit).
-inline bool breakDown(std::time_t when, std::tm& out) { return ::localtime_r(&when, &out) != nullptr; }
+/// Breaks @p when down, in the zone that TZ names now: the application may have changed it without a call of tzset().
+/// @return false when the C library cannot (the year does not fit).
+bool breakDown(std::time_t when, std::tm& out);
 
 /// The current local time; all zero when the C library cannot break it down.
 inline std::tm now() {
@@ -15,6 +17,11 @@ inline std::tm now() {
     breakDown(::time(nullptr), now);
     return now;
 }
+
+/// The current local time from the plain localtime(), which the exported functions promise to call. Its result is
+/// static: another thread of the application must not call localtime() or gmtime() meanwhile.
+/// @return false when the C library cannot
+bool plainNow(std::tm& out);
 
 /// YYYYMMDD
 inline unsigned int date(const std::tm& t) {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "VexoZceUtil.h"
+#include "src/util/StandardStreams.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isHexDigit(char c) { return isDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
 bool refuse(const char* message) {
-    std::printf("%s\n", message);
+    standard_streams::print("%s\n", message);
     return false;
 }
 

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include "src/util/StandardStreams.h"
+
 namespace safe_file {
 
 namespace {
@@ -57,13 +59,6 @@ public:
 private:
     int m_fds[kStandardStreams];
 };
-
-// The same open file at a descriptor above the standard streams.
-int moveAboveStandard(int fd) {
-    if (fd < 0 || fd >= kStandardStreams) return fd;
-    const Descriptor low(fd);
-    return ::fcntl(fd, F_DUPFD_CLOEXEC, kStandardStreams);
-}
 
 // Why the open file is not one of its own; empty when it is.
 std::string oddity(const struct stat& status) {
@@ -129,12 +124,12 @@ int openToWrite(const char* path) {
 
 int openAboveStandard(const char* path, int flags, mode_t mode) {
     // Reading needs no placeholders, nobody can write to the file. They would also turn a closed /dev/stdin into "/".
-    if ((flags & O_ACCMODE) == O_RDONLY) return moveAboveStandard(::open(path, flags, mode));
+    if ((flags & O_ACCMODE) == O_RDONLY) return standard_streams::moveAbove(::open(path, flags, mode));
     int fd = -1;
     int why = 0;
     {
         const Placeholders placeholders;
-        fd = moveAboveStandard(::open(path, flags, mode));
+        fd = standard_streams::moveAbove(::open(path, flags, mode));
         why = errno;
     }
     if (fd < 0) errno = why;

@@ -10,6 +10,7 @@ namespace safe_file {
 
 /// Opens a file as open() does, but never as descriptor 0, 1 or 2: a daemon may have closed these, and what others
 /// write to standard output or standard error would land in the file.
+/// A signal handler may call it.
 /// @return the descriptor, or -1 with errno set
 int openAboveStandard(const char* path, int flags, mode_t mode = 0);
 

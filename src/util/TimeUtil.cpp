@@ -1,5 +1,4 @@
 #include <ctime>
-#include <mutex>
 
 #include "VexoZceUtil.h"
 #include "src/util/LocalTime.h"
@@ -17,16 +16,6 @@ unsigned long readNs(clockid_t clock) {
     timespec now{};
     ::clock_gettime(clock, &now);
     return static_cast<unsigned long>(now.tv_sec) * 1000000000UL + static_cast<unsigned long>(now.tv_nsec);
-}
-
-/// The plain localtime, as an application that replaces or fakes it expects. Its result is static, hence the lock.
-bool localNow(std::tm& out) {
-    static std::mutex mutex;
-    const std::lock_guard<std::mutex> lock(mutex);
-    const std::time_t now = ::time(nullptr);
-    const std::tm* const local = ::localtime(&now);
-    if (local != nullptr) out = *local;
-    return local != nullptr;
 }
 
 }  // namespace
@@ -49,7 +38,7 @@ unsigned long NS_Sleep(long start, long ns) {
 
 unsigned long CheckIsRotateDay(unsigned long& lastDay) {
     std::tm now{};
-    if (!localNow(now)) return 0;
+    if (!local_time::plainNow(now)) return 0;
     const unsigned long today = local_time::date(now);
     const bool rotates = lastDay != 0 && today > lastDay;
     if (lastDay == 0 || rotates) lastDay = today;
@@ -58,7 +47,7 @@ unsigned long CheckIsRotateDay(unsigned long& lastDay) {
 
 bool ZceIsInTradeTime() {
     std::tm now{};
-    if (!localNow(now)) return false;
+    if (!local_time::plainNow(now)) return false;
     const unsigned int timeOfDay = local_time::timeOfDay(now);
     for (const Session& session : kSessions) {
         if (session.first <= timeOfDay && timeOfDay <= session.last) return true;

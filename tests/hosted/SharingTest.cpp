@@ -79,7 +79,7 @@ TEST_F(Sharing, UsersInTwoContainersTakeTurnsOnTheCard) {
 
 TEST_F(Sharing, AGroupThatDoesNotExistIsAnError) {
     Process host({VEXO_SIMCARD, "--group", "no-such-group"}, {}, directory.Path() + "/err");
-    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_EQ(host.Wait(), 2);
     EXPECT_EQ(ReadFile(directory.Path() + "/err"), "vexo-simcard: there is no group no-such-group\n");
 }
 
@@ -92,10 +92,13 @@ TEST_F(Sharing, ARecordThatCannotBeMadeIsAnError) {
 
 TEST_F(Sharing, TheHostShowsItsCardOnATerminalAndLeavesWhatItLastWas) {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_GE(terminal, 0);
-    ASSERT_EQ(grantpt(terminal), 0);
-    ASSERT_EQ(unlockpt(terminal), 0);
-    Process host({VEXO_SIMCARD, "--seconds", "2"}, ptsname(terminal));
+    const bool usable = terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0;
+    const char* name = usable ? ptsname(terminal) : nullptr;
+    if (name == nullptr || access(name, R_OK | W_OK) != 0) {
+        close(terminal);
+        GTEST_SKIP() << "there are no terminals here: /dev/pts is not mounted";
+    }
+    Process host({VEXO_SIMCARD, "--seconds", "2"}, name);
     std::string shown;
     char buffer[4096];
     for (ssize_t length; (length = read(terminal, buffer, sizeof buffer)) > 0;)

@@ -1,9 +1,10 @@
 #include "src/log/elog.h"
 #include "src/log/elog_mutex.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/support/HostCalls.h"
 #include "tests/unit/api/ApiFixture.h"
-#include "tests/unit/channel/HostCalls.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -11,7 +12,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -235,6 +238,15 @@ TEST_F(StopSignal, BrokenPipeIsAnErrorOnceMarketDataHasCome) {
 
 // ---- a signal at a bad moment ----
 
+/// "S" when the first thread of a process sleeps.
+std::string StateOf(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    const std::size_t name = stat.rfind(") ");
+    return name != std::string::npos ? stat.substr(name + 2, 1) : "";
+}
+
 TEST_F(StopSignal, ErrnoOfTheInterruptedCodeSurvives) {
     const ChildResult child = Armed([](IVexoZceMdApi&) {
         ::close(STDOUT_FILENO);  // the handler's own write now fails
@@ -274,6 +286,54 @@ TEST_F(StopSignal, ArrivesWhileAnotherThreadHoldsTheLogLock) {
     });
     EXPECT_TRUE(child.returned) << child.err;
     EXPECT_THAT(Warnings(child), ElementsAre("WARN Received signal 2 !!"));
+}
+
+/// A pipe in the place of standard output, full and never read.
+void StallStandardOutput() {
+    int ends[2];
+    if (::pipe2(ends, O_NONBLOCK) != 0) return;
+    const std::string block(4096, '.');
+    while (::write(ends[1], block.data(), block.size()) > 0) {
+    }
+    ::fcntl(ends[1], F_SETFL, 0);
+    ::dup2(ends[1], STDOUT_FILENO);
+}
+
+// What waits for the reader here waits for ever.
+TEST_F(StopSignal, OneEndsAProcessWhoseStandardOutputNobodyReads) {
+    const ChildResult child = Armed([this](IVexoZceMdApi& api) {
+        hw.counters[Stream(3)].packets = 1;
+        StallStandardOutput();
+        std::raise(SIGTERM);
+        EXPECT_EQ(api.VexoRecv(), -1);
+    });
+    EXPECT_TRUE(child.returned) << child.err;
+    EXPECT_THAT(dir.Read("fpga_" + day.Text() + ".log"),
+                testing::HasSubstr("Received signal 15 !!\n[INFO   ][" + day.Text() +
+                                   "-12:00:00][fpga][channel:3] DMA count info: backpress:0, dma2soft:1, fifo:0, "
+                                   "error:0.\n[INFO   ][" +
+                                   day.Text() + "-12:00:00][fpga]dma channel CUSTOM_CHAN3_DATA has released.\n"));
+}
+
+TEST_F(StopSignal, OneEndsALineThatWaitsForAReader) {
+    const ChildResult child = Armed([](IVexoZceMdApi& api) {
+        StallStandardOutput();
+        std::atomic<bool> sent{false};
+        std::thread sender([&sent, pid = ::getpid()] {
+            while (!sent) {
+                const std::string state = StateOf(pid);
+                if (state == "S") sent = ::kill(pid, SIGTERM) == 0;
+            }
+        });
+        elog_output(ELOG_LVL_INFO, "fpga", "SignalTest", "f", 1, "a line of the %s", "application");
+        sender.join();
+        EXPECT_EQ(api.VexoRecv(), -1);
+    });
+    EXPECT_TRUE(child.returned) << child.err;
+    const std::string log = dir.Read("fpga_" + day.Text() + ".log");
+    EXPECT_THAT(log, testing::HasSubstr("a line of the application\n"));
+    const std::regex told("Received signal 15 !!\n");
+    EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), told), {}), 1);
 }
 
 // Wherever in the log core they strike, every line stays whole and nothing hangs.

@@ -1,6 +1,6 @@
 #include "tests/doubles/LogLines.h"
+#include "tests/support/FailingNew.h"
 #include "tests/unit/api/ApiFixture.h"
-#include "tests/unit/channel/FailingNew.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -92,9 +92,13 @@ TEST_F(ApiStart, CardOfTheConfigurationIsTheOneOpened) {
 
 TEST_F(ApiStart, MakesNoThread) {
     const ChildResult child = RunInChild([&] {
+        const auto threads = [] {  // a sanitizer may have one of its own
+            const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+            return std::distance(begin(tasks), end(tasks));
+        };
+        const auto before = threads();
         IVexoZceMdApi* api = Started(0);
-        const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
-        EXPECT_EQ(std::distance(begin(tasks), end(tasks)), 1);
+        EXPECT_EQ(threads(), before);
         IVexoZceMdApi::DestroyVexoZceMdApi(*api);
     });
     EXPECT_TRUE(child.returned) << child.err;

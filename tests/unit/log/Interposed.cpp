@@ -19,9 +19,6 @@ std::atomic<pid_t> g_pid{0};
 std::atomic<pid_t> g_tid{0};
 std::function<void()> g_onYield;
 std::atomic<bool> g_yieldsAreTold{false};
-constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
-std::atomic<std::size_t> g_stdoutLimit{kNoLimit};
-std::atomic<bool> g_stdoutInterrupted{false};
 std::atomic<int> g_errors[FailingCall::kCount]{};
 std::atomic<int> g_timesLeft[FailingCall::kCount]{};
 
@@ -31,23 +28,12 @@ bool Fails(FailingCall::Name name) {
     return true;
 }
 
-ssize_t WriteStdout(const void* buf, std::size_t size) {
-    if (g_stdoutInterrupted.exchange(false)) {
-        errno = EINTR;
-        return -1;
-    }
-    const std::size_t limit = g_stdoutLimit.exchange(kNoLimit);
-    g_stdoutInterrupted = limit < size;
-    return WriteHook::Real(STDOUT_FILENO, buf, limit < size ? limit : size);
-}
-
 }  // namespace
 
 extern "C" {
 
 ssize_t write(int fd, const void* buf, std::size_t size) {
-    if (fd == STDOUT_FILENO) return WriteStdout(buf, size);
-    return g_answers.load() ? g_answer(fd, buf, size) : WriteHook::Real(fd, buf, size);
+    return fd != STDOUT_FILENO && g_answers.load() ? g_answer(fd, buf, size) : WriteHook::Real(fd, buf, size);
 }
 
 pid_t getpid() noexcept {
@@ -95,10 +81,6 @@ WriteHook::~WriteHook() {
 }
 
 ssize_t WriteHook::Real(int fd, const void* buf, std::size_t size) { return ::syscall(SYS_write, fd, buf, size); }
-
-InterruptedStdout::InterruptedStdout(std::size_t bytes) { g_stdoutLimit.store(bytes); }
-
-InterruptedStdout::~InterruptedStdout() { g_stdoutLimit.store(kNoLimit); }
 
 YieldHook::YieldHook(std::function<void()> callback) {
     g_onYield = std::move(callback);

@@ -9,8 +9,8 @@
 /// Calls of the C library that the code under test makes and that a test answers itself. Without an object of the
 /// classes below they reach the system.
 
-/// Answers every `write` while it lives, but for those to standard output. The answer may come from any thread
-/// and from a signal handler.
+/// Answers every `write` while it lives, but for those to standard output, which the log makes without the C library.
+/// The answer may come from any thread and from a signal handler.
 class WriteHook {
 public:
     using Answer = std::function<ssize_t(int fd, const void* buf, std::size_t size)>;
@@ -21,16 +21,6 @@ public:
     WriteHook& operator=(const WriteHook&) = delete;
 
     static ssize_t Real(int fd, const void* buf, std::size_t size);
-};
-
-/// The first `write` to standard output while it lives writes only so many bytes; a signal interrupts the one for the
-/// rest.
-class InterruptedStdout {
-public:
-    explicit InterruptedStdout(std::size_t bytes);
-    ~InterruptedStdout();
-    InterruptedStdout(const InterruptedStdout&) = delete;
-    InterruptedStdout& operator=(const InterruptedStdout&) = delete;
 };
 
 /// Tells of every `sched_yield` while it lives, from whatever thread.

@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +29,51 @@ std::vector<std::string> Lines(const std::string& text);
 
 /// The last of them; empty when there is none.
 std::string LastLine(const std::string& text);
+
+/// Returns when a thread of this process sleeps: it waits for a lock or for a slow reader.
+void WaitUntilAsleep(pid_t tid);
+
+/// A file in the place of a descriptor while it lives.
+class Redirected {
+public:
+    Redirected(int fd, int target);
+    ~Redirected();
+    Redirected(const Redirected&) = delete;
+    Redirected& operator=(const Redirected&) = delete;
+
+private:
+    int m_fd;
+    int m_saved;
+};
+
+/// Standard output is a pipe that is full, whose reader has stopped.
+class StalledPipe {
+public:
+    StalledPipe();
+    ~StalledPipe();
+    StalledPipe(const StalledPipe&) = delete;
+    StalledPipe& operator=(const StalledPipe&) = delete;
+
+    /// What standard output brought beyond the filling. Makes room.
+    std::string Drain();
+    int Flags() const;  ///< those of the writing end
+
+private:
+    int m_ends[2] = {-1, -1};
+    int m_savedStdout = -1;
+};
+
+/// The process's time zone while it lives.
+class Zone {
+public:
+    explicit Zone(const char* name);
+    ~Zone();
+    Zone(const Zone&) = delete;
+    Zone& operator=(const Zone&) = delete;
+
+private:
+    std::optional<std::string> m_old;
+};
 
 /// How many descriptors the process has open.
 std::size_t OpenDescriptors();

@@ -2,6 +2,7 @@
 #include <stdio_ext.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -9,7 +10,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <optional>
+#include <fstream>
+#include <iterator>
 #include <system_error>
 
 #include "tests/unit/log/Interposed.h"
@@ -19,6 +21,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
 namespace fs = std::filesystem;
@@ -37,29 +40,6 @@ public:
 
 private:
     const bool m_wasRoot = ::getuid() == 0;
-};
-
-/// The process's time zone while it lives.
-class Zone {
-public:
-    explicit Zone(const char* name) {
-        if (const char* old = ::getenv("TZ")) m_old = old;
-        ::setenv("TZ", name, 1);
-        ::tzset();
-    }
-    ~Zone() {
-        if (m_old) {
-            ::setenv("TZ", m_old->c_str(), 1);
-        } else {
-            ::unsetenv("TZ");
-        }
-        ::tzset();
-    }
-    Zone(const Zone&) = delete;
-    Zone& operator=(const Zone&) = delete;
-
-private:
-    std::optional<std::string> m_old;
 };
 
 class LogSetUp : public LogCore {
@@ -264,6 +244,54 @@ TEST_F(LogSetUp, TheFileNeverGetsAStandardDescriptor) {
     EXPECT_EQ(taken, STDIN_FILENO) << "the descriptor is free for its owner";
 }
 
+/// In a child: which descriptors are closed is of the process. @return the content of a file that the application opens
+/// under the number of standard output
+std::string FileInThePlaceOfStandardOutput(void (*closeAndLog)(void (*log)())) {
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        closeAndLog([] { elog_output(kInfo, "fpga", "file", "func", 1, "text"); });
+        ::_exit(::open("data", O_WRONLY | O_CREAT, 0600) == STDOUT_FILENO ? elog_start(), 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    std::ifstream data("data");
+    return {std::istreambuf_iterator<char>(data), {}};
+}
+
+TEST_F(LogSetUp, LinesStayOutOfAFileThatTakesTheNumberOfAStandardOutputClosedBefore) {
+    EXPECT_THAT(FileInThePlaceOfStandardOutput([](void (*)()) {
+                    ::close(STDOUT_FILENO);
+                    elog_init("./", "fpga");
+                }),
+                IsEmpty());
+    EXPECT_THAT(Lines(dir.Read("fpga_20250303.log")), SizeIs(1));
+}
+
+TEST_F(LogSetUp, LinesStayOutOfAFileThatTakesTheNumberOfAStandardOutputClosedLater) {
+    EXPECT_THAT(FileInThePlaceOfStandardOutput([](void (*log)()) {
+                    elog_init("./", "fpga");
+                    elog_set_output_enabled(true);
+                    ::close(STDOUT_FILENO);
+                    log();
+                }),
+                IsEmpty());
+    EXPECT_THAT(Lines(dir.Read("fpga_20250303.log")), SizeIs(2));
+}
+
+TEST_F(LogSetUp, LinesFollowARedirectionOfTheApplication) {
+    elog_init("./", "fpga");
+    const int target = ::open("redirected", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    {
+        const Redirected out(STDOUT_FILENO, target);
+        elog_start();
+    }
+    ::close(target);
+
+    EXPECT_EQ(dir.Read("redirected"), "[INFO   ][20250303-10:00:00][log]log is initialized successfully.\n");
+}
+
 TEST_F(LogSetUp, TheFileIsAppendedToBlocksAndStaysWithTheProcess) {
     elog_init("./", "fpga");
 
@@ -443,6 +471,23 @@ TEST(TimeZone, IsTheLocalHourAtTheEpochAndNegativeFrom13On) {
 
         EXPECT_EQ(get_time_zone(), entry.second) << entry.first;
     }
+}
+
+TEST_F(StartedLog, ATimeZoneThatIsSetWithoutTzsetShowsInTheNextSecond) {
+    clock.SetEpoch(1741039200);  // 2025-03-03 22:00:00 UTC
+    const char* const before = ::getenv("TZ");
+    const std::string saved = before != nullptr ? before : "";
+    const auto log = [] { elog_output(kInfo, "fpga", "file", "func", 1, "text"); };
+    ::setenv("TZ", "UTC0", 1);
+    Printed(log);
+    clock.Advance(1);
+
+    ::setenv("TZ", "XST-8", 1);
+    const std::string printed = Printed(log);
+    ::setenv("TZ", saved.c_str(), 1);
+
+    EXPECT_EQ(printed, "[INFO   ][20250304-06:00:01][fpga]text\n");
+    EXPECT_EQ(dir.Read(kTomorrow), printed);
 }
 
 TEST_F(StartedLog, AChangedTimeZoneShowsInTheNextLineOfTheSameSecond) {

@@ -1,10 +1,14 @@
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <set>
 #include <thread>
 
+#include "src/log/elog_mutex.h"
 #include "tests/support/Sanitizers.h"
 #include "tests/unit/log/Interposed.h"
 #include "tests/unit/log/LogFixture.h"
@@ -138,6 +142,87 @@ TEST_F(LogThreads, AThreadThatIsCancelledInsideALineLeavesTheLogUsable) {
     Printed([] { std::thread(LogAll, 1).join(); });
 
     EXPECT_EQ(Lines(dir.Read(kToday)).size(), std::size_t{kLines});
+}
+
+// ---- a fork meanwhile ----
+
+/// Forks a child that logs one line. @return its exit status
+int LogInAChild() {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        elog_output(kInfo, "fpga", "file", "func", 1, "child");
+        ::_exit(0);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status;
+}
+
+/// Does @p held on another thread, which goes on to @p release once this thread sleeps or has forked.
+template <typename Hold, typename Release>
+void ForkWhile(Hold hold, Release release) {
+    const pid_t self = ::gettid();
+    std::atomic<bool> isHeld{false};
+    std::thread holder([&] {
+        hold();
+        isHeld = true;
+        WaitUntilAsleep(self);
+        release();
+    });
+    while (!isHeld) std::this_thread::yield();
+    EXPECT_EQ(LogInAChild(), 0);
+    holder.join();
+}
+
+// A child that finds the lock taken waits for ever.
+TEST_F(LogThreads, AChildThatIsForkedWhileAnotherThreadHoldsTheLogMayLog) {
+    elog_set_fmt(kInfo, 0);
+
+    Printed([] { ForkWhile(elog_mutex_lock, elog_mutex_unlock); });
+
+    EXPECT_EQ(dir.Read(kToday), "child\n");
+}
+
+TEST_F(LogThreads, AChildThatIsForkedWhileAnotherThreadHoldsStandardOutputMayLog) {
+    elog_set_fmt(kInfo, 0);
+
+    Printed([] { ForkWhile([] { ::flockfile(stdout); }, [] { ::funlockfile(stdout); }); });
+
+    EXPECT_EQ(dir.Read(kToday), "child\n");
+}
+
+TEST_F(LogThreads, AChildMayEndTheLogAlthoughAHandlerOfItsParentWasWriting) {
+    Printed([] {
+        ++elog_handlers_writing;
+        const pid_t child = ::fork();
+        if (child == 0) {
+            elog_fini();
+            ::_exit(0);
+        }
+        --elog_handlers_writing;
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    });
+}
+
+TEST_F(LogThreads, ChildrenThatAreForkedWhileThreadsLogAllFinishTheirLine) {
+    if (kWithThreadSanitizer) GTEST_SKIP() << "the thread sanitizer does not follow a fork of several threads";
+    constexpr int kChildren = 40;
+
+    Printed([] {
+        std::atomic<bool> done{false};
+        std::thread logging([&done] {
+            while (!done) elog_output(kInfo, "fpga", "file", "func", 1, "parent");
+        });
+        for (int child = 0; child < kChildren; ++child) EXPECT_EQ(LogInAChild(), 0);
+        done = true;
+        logging.join();
+    });
+
+    const std::vector<std::string> lines = Lines(dir.Read(kToday));
+    const std::string line = "[INFO   ][20250303-10:00:00][fpga]child";
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), line), kChildren);
 }
 
 }  // namespace

@@ -139,14 +139,6 @@ TEST_F(RawOutput, AWriteOfNothingEndsTheAttempt) {
     EXPECT_EQ(writes, 1);
 }
 
-// Its reader may have stopped, and the signal may be the one that ends the process.
-TEST_F(RawOutput, AnInterruptedStandardOutputIsNotTriedAgainAndTheFileGetsTheLine) {
-    const InterruptedStdout signal(2);
-
-    EXPECT_EQ(Printed([] { elog_port_output("text\n", 5); }), "te");
-    EXPECT_EQ(dir.Read(kToday), "text\n");
-}
-
 // ---- errno ----
 
 TEST_F(RawOutput, NoOutputChangesErrno) {

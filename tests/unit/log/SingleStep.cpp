@@ -9,9 +9,11 @@ namespace {
 // Only the one thread that steps touches them, its own handler included.
 volatile unsigned long g_steps = 0;
 void (*volatile g_handler)() = nullptr;
+void* volatile g_context = nullptr;
 
-void OnTrap(int) {
+void OnTrap(int, siginfo_t*, void* context) {
     g_steps = g_steps + 1;
+    g_context = context;
     g_handler();
 }
 
@@ -37,7 +39,8 @@ unsigned long Run(void (*code)(), void (*handler)()) {
     g_handler = handler;
     struct sigaction action {};
     struct sigaction before {};
-    action.sa_handler = OnTrap;
+    action.sa_sigaction = OnTrap;
+    action.sa_flags = SA_SIGINFO;
     ::sigaction(SIGTRAP, &action, &before);
     TrapFlagOn();
     code();
@@ -45,5 +48,7 @@ unsigned long Run(void (*code)(), void (*handler)()) {
     ::sigaction(SIGTRAP, &before, nullptr);
     return g_steps;
 }
+
+void* Context() { return g_context; }
 
 }  // namespace SingleStep

@@ -11,4 +11,7 @@ bool Works();
 /// @return how many instructions that were
 unsigned long Run(void (*code)(), void (*handler)());
 
+/// Inside @p handler: what a signal handler gets as its third argument.
+void* Context();
+
 }  // namespace SingleStep

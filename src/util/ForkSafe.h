@@ -1,0 +1,42 @@
+#pragma once
+
+#include <mutex>
+#include <new>
+
+/// Locks that a child of fork() finds free. Without help the child has a copy of every lock as it was, and a lock that
+/// another thread held stays locked for ever, because that thread is not in the child.
+namespace fork_safe {
+
+/// The order in which the library takes its locks, outermost first. fork() takes them in this order.
+enum class Rank {
+    kLogStart,
+    kInstruments,
+    kCard,
+    kDriverUsers,
+    kDriverStart,
+    kCores,
+    kLog,
+    kLocalTime,
+    kCount,
+};
+
+/// What fork() does with the lock of one rank.
+struct Actions {
+    void (*take)();     ///< before the fork: waits until no other thread holds the lock
+    void (*release)();  ///< afterwards in the parent
+    void (*renew)();    ///< afterwards in the child
+};
+
+/// One lock a rank. @p actions stays valid for ever.
+void add(Rank rank, const Actions& actions);
+
+/// Registers a std::mutex of static storage duration:
+///     const fork_safe::Guard<s_mutex> s_forkGuard(fork_safe::Rank::kCard);
+template <std::mutex& kMutex>
+struct Guard {
+    explicit Guard(Rank rank) { add(rank, kActions); }
+
+    static constexpr Actions kActions{[] { kMutex.lock(); }, [] { kMutex.unlock(); }, [] { new (&kMutex) std::mutex; }};
+};
+
+}  // namespace fork_safe
