@@ -174,13 +174,13 @@ void Card::closeUp(std::uint32_t channel) {
 }
 
 bool Card::push(std::uint32_t channel, const void* data, std::uint32_t size) {
-    if (size > m_state.config.mtu) return false;
+    if (size > safeMtu(m_state.config.mtu)) return false;
     return put(m_state.up[channel], data, size);
 }
 
 bool Card::deliver(std::uint32_t channel, const void* data, std::uint32_t size) {
     if (!packet_faults::armed(m_state)) return push(channel, data, size);
-    if (size > m_state.config.mtu) return false;
+    if (size > safeMtu(m_state.config.mtu)) return false;
     UpStreamState& stream = m_state.up[channel];
     unsigned char* room = ring::reserve(stream.ring, size);
     if (room == nullptr) {

@@ -25,6 +25,17 @@ struct Instrument {
     std::uint8_t table = 0;  // card_reg::kSingleLegTable or kCombinationTable
 };
 
+// A card may lie in shared memory, where others can write any value at any time. What is used there as an index or a
+// length goes through these first: a wrong value then gives a wrong quote, and nothing worse.
+static_assert((kMaxInstruments & (kMaxInstruments - 1)) == 0 && (card_reg::kRows & (card_reg::kRows - 1)) == 0);
+inline std::uint32_t safeNumber(std::uint32_t instrument) { return instrument & (kMaxInstruments - 1); }
+inline std::uint32_t safeTable(std::uint32_t table) { return table & (kTables - 1); }
+inline std::uint32_t safeRow(std::uint32_t row) { return row & (card_reg::kRows - 1); }
+inline std::uint32_t safeCount(std::uint32_t instruments) {
+    return instruments < kMaxInstruments ? instruments : kMaxInstruments;
+}
+inline std::uint32_t safeMtu(std::uint32_t mtu) { return mtu < kMinMtu ? kMinMtu : mtu < kMaxMtu ? mtu : kMaxMtu; }
+
 /// Running prices of one instrument; every amount of money in 1/10000 yuan.
 struct PriceWalk {
     std::int64_t last;

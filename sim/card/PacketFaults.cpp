@@ -125,7 +125,7 @@ bool countDown(CardState& s, std::uint32_t copies) {
 }  // namespace
 
 int add(CardState& s, const PacketFault& rule) {
-    if (!isValid(rule) || s.faults.count == kPacketFaults) return -1;
+    if (!isValid(rule) || s.faults.count >= kPacketFaults) return -1;
     s.faults.rules[s.faults.count] = {rule, 0, 0};
     s.faults.armed = true;
     return static_cast<int>(s.faults.count++);
@@ -143,7 +143,8 @@ void stopAfter(CardState& s, std::uint64_t packets) {
 
 Verdict spoil(CardState& s, std::uint32_t channel, std::uint32_t sort, unsigned char* packet, std::uint32_t size) {
     Verdict verdict{1, size};
-    for (std::uint32_t n = 0; n < s.faults.count; ++n) {
+    const std::uint32_t count = std::min(s.faults.count, kPacketFaults);
+    for (std::uint32_t n = 0; n < count; ++n) {
         PacketFaultState& fault = s.faults.rules[n];
         if (!concerns(fault.rule, channel, sort) || !isDue(fault, s.faults.random)) continue;
         ++fault.strikes;

@@ -1,6 +1,7 @@
 #include "sim/host/Status.h"
 
 #include <algorithm>
+#include <cstring>
 #include <ctime>
 #include <iomanip>
 #include <nlohmann/json.hpp>
@@ -8,7 +9,6 @@
 
 #include "sim/card/Registers.h"
 #include "sim/scenario/Pace.h"
-#include "sim/shm/AttachedCard.h"
 
 namespace vexo_sim {
 namespace {
@@ -43,6 +43,12 @@ std::string number(std::uint64_t value) { return std::to_string(value); }
 std::string timeOfDay(std::uint32_t time) {
     const std::string digits = number(time);
     return std::string(6 - std::min<std::size_t>(6, digits.size()), '0') + digits;
+}
+
+// A text in shared memory, which may lack its end.
+template <std::size_t size>
+std::string textOf(const char (&text)[size]) {
+    return {text, strnlen(text, size)};
 }
 
 // A field of the status: its JSON key and value, and its words in the text. JSON has all fields, in this order; the
@@ -138,9 +144,11 @@ std::string rowOf(Cell cell, const std::string& holder) {
 }
 
 // Reads the card's memory. Do nothing slow here: every user of the card waits.
-void readState(CardBlock& block, CardStatus& status) {
-    const BlockLock lock(block);
-    const CardState& s = block.state;
+bool readState(SharedCard& card, CardStatus& status) {
+    const CardState& s = card.block().state;
+    const StateLock lock(card.locks(), card.block().state);
+    if (!lock.owns()) card.tellStuckHolder();
+    if (!lock.owns()) return false;
     status.pace = paceName(s.config.pace);
     status.instruments = s.parser.count;
     status.learned = s.parser.learned;
@@ -151,20 +159,22 @@ void readState(CardBlock& block, CardStatus& status) {
     status.exchangeTime = registers::exchangeTime(s);
     status.inReset = s.registers.heldInReset;
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) status.channels.push_back(readChannel(s, channel));
+    return true;
 }
 
 }  // namespace
 
-CardStatus readStatus(CardBlock& block, const CardFile& file) {
+std::optional<CardStatus> readStatus(SharedCard& card) {
     CardStatus status;
-    readState(block, status);
-    status.bus = block.host.bus;
-    status.host = describeHost(file, block);
-    status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - block.host.startedAt;
-    status.scenario = block.host.scenario;
-    status.description = block.host.description;
+    if (!readState(card, status)) return std::nullopt;
+    const HostInfo& info = card.block().host;
+    status.bus = info.bus;
+    status.host = card.host();
+    status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - info.startedAt;
+    status.scenario = textOf(info.scenario);
+    status.description = textOf(info.description);
     for (ChannelStatus& channel : status.channels)
-        if (const std::optional<pid_t> holder = file.holderOf({CardPart::kUp, channel.channel}))
+        if (const std::optional<pid_t> holder = card.file().holderOf({CardPart::kUp, channel.channel}))
             channel.holder = describeProcess(*holder);
     return status;
 }

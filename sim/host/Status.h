@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/shm/CardFile.h"
+#include "sim/shm/SharedCard.h"
 
 namespace vexo_sim {
 
@@ -39,8 +39,9 @@ struct CardStatus {
     std::vector<ChannelStatus> channels;
 };
 
-/// Reads a card. The holders come from the locks on @p file, which do not show those of the calling process.
-CardStatus readStatus(CardBlock& block, const CardFile& file);
+/// Reads a card. The holders come from the locks on its file, which do not show those of the calling process. Nothing
+/// when the card cannot be locked: a line on standard error says who holds it.
+std::optional<CardStatus> readStatus(SharedCard& card);
 
 /// One JSON object, indented.
 std::string toJson(const CardStatus& status);

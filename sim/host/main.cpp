@@ -14,7 +14,7 @@
 #include "sim/host/CardHost.h"
 #include "sim/host/Status.h"
 #include "sim/scenario/Pace.h"
-#include "sim/shm/AttachedCard.h"
+#include "sim/shm/CardPlaces.h"
 
 using namespace vexo_sim;
 
@@ -30,6 +30,7 @@ struct Arguments {
     std::string pace;
     std::string group;
     std::string record;
+    std::string user;
     std::uint32_t seconds = 0;
     bool json = false;
     bool status = false;
@@ -54,12 +55,15 @@ void catchStopSignals() {
 // Shows the card that another process hosts.
 int showStatus(const Arguments& arguments) {
     const std::uint32_t bus = arguments.bus.value_or(0);
-    const std::optional<AttachedCard> card = attachCard(bus);
-    if (!card)
+    const std::optional<uid_t> user = arguments.user.empty() ? geteuid() : findUser(arguments.user);
+    if (!user) return fail(kUsage, "there is no user " + arguments.user);
+    const std::unique_ptr<SharedCard> card = attachCard(bus, *user, "vexo-simcard");
+    if (card == nullptr)
         return fail(kFailed, "no card is hosted at bus " + std::to_string(bus) + ". Start one: vexo-simcard --bus " +
                                  std::to_string(bus));
-    const CardStatus status = readStatus(*card->block, card->file);
-    std::fputs((arguments.json ? toJson(status) : toText(status)).c_str(), stdout);
+    const std::optional<CardStatus> status = readStatus(*card);
+    if (!status) return fail(kFailed, "the card cannot be read now");
+    std::fputs((arguments.json ? toJson(*status) : toText(*status)).c_str(), stdout);
     return 0;
 }
 
@@ -72,8 +76,9 @@ void rest(std::uint64_t ns) {
 // Shows the status on a terminal, always in the same place.
 void redraw(CardHost& host) {
     static bool first = true;
-    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J",
-                toText(readStatus(host.block(), host.file())).c_str());
+    const std::optional<CardStatus> status = readStatus(host.card());
+    if (!status) return;
+    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J", toText(*status).c_str());
     std::fflush(stdout);
     first = false;
 }
@@ -117,7 +122,8 @@ int hostCard(const Arguments& arguments) {
         std::fflush(stdout);
     }
     run(*host, arguments);
-    if (!arguments.quiet) std::fputs(toText(readStatus(host->block(), host->file())).c_str(), stdout);
+    if (arguments.quiet) return 0;
+    if (const std::optional<CardStatus> status = readStatus(host->card())) std::fputs(toText(*status).c_str(), stdout);
     return 0;
 }
 
@@ -136,6 +142,7 @@ void addOptions(CLI::App& app, Arguments& arguments) {
     app.add_option("--seconds", arguments.seconds, "End after so many seconds");
     app.add_flag("--quiet", arguments.quiet, "Show nothing while hosting");
     app.add_flag("--status", arguments.status, "Show the status of the card at the bus, and end");
+    app.add_option("--user", arguments.user, "Whose card --status and --json show; without it your own");
     app.add_flag("--json", arguments.json, "Show the same as JSON, and end");
     app.footer("Exit status: 0 the card was hosted or shown, 1 it was not, 2 wrong usage or a wrong scenario.");
 }
