@@ -141,7 +141,7 @@ test_preset() {
     case " $* " in
         # The user asks to see more, or for something else than a test run: that output is shown as it is.
         *' -V'* | *' --verbose '* | *' --extra-verbose '* | *' -N '* | *' --show-only'* | *' --print-labels '*)
-            ctest --preset "$preset" -j2 "$@" ;;
-        *) ctest --preset "$preset" -j2 "$@" 2>&1 | report_tests "$log" ;;
+            ctest --preset "$preset" "$@" ;;
+        *) ctest --preset "$preset" "$@" 2>&1 | report_tests "$log" ;;
     esac
 }

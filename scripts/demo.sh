@@ -81,19 +81,19 @@ if logged 'loading bin file is success'; then
     fi
 else
     map="learned from the card"
-    refusal=$(sed -n 's/.*contract index file .* is not used, \(.*\)\.$/\1/p' output.log)
-    if [ -n "$refusal" ]; then
-        map="$map; the day file $day_file that was there was not used ($refusal)"
-    elif logged 'loading bin file is fail'; then
-        map="$map; the day file $day_file that was there was not complete"
-    fi
     if logged 'open contract index file failed' || logged 'write contract index file failed' ||
-        logged 'contract index file .* is not \(written\|complete\)'; then
+        logged 'contract index file .* is not written' || logged 'contract index file .* is not complete'; then
         map="$map; the library could not write the day file $day_file"
-    elif logged 'write bin file is success'; then
+    elif logged 'write bin file is success' && ! logged 'contract index file .* lacks an instrument'; then
         map="$map and kept in the day file $day_file, $(grep -c '^[0-9]*,' "$day_file") instruments"
     else
         map="$map; the day file $day_file is not complete, the next start learns the map again"
+    fi
+    refusal=$(sed -n 's/.*contract index file .* is not used, \(.*\)\.$/\1/p' output.log)
+    if [ -n "$refusal" ]; then
+        map="$map; the file that was there before was not used ($refusal)"
+    elif logged 'loading bin file is fail'; then
+        map="$map; the file that was there before was not complete"
     fi
     [ -z "$strange" ] || fail "The demo received quotes of instruments that it did not subscribe: $strange"
 fi

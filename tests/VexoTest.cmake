@@ -4,9 +4,9 @@ function(vexo_test_code target)
     # Position-independent as a program is: all test code has to agree, or the precompiled headers do not fit.
     set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
     target_compile_options(${target} PRIVATE -fPIE -O0 $<$<CONFIG:RelWithDebInfo>:-g1>)
-    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-        target_compile_options(${target} PRIVATE -fpch-preprocess)  # ccache needs it
-    endif()
+    # What ccache needs to cache a source that uses precompiled headers.
+    target_compile_options(${target} PRIVATE
+        $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess> "$<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>")
 endfunction()
 
 # GoogleTest and what most tests include besides it, compiled once for all test programs.

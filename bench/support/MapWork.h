@@ -25,7 +25,7 @@
 #include "src/api/ApiImpl.h"
 #include "src/channel/DmaChannel.h"
 #include "src/log/elog.h"
-#include "tests/unit/channel/MapPacket.h"
+#include "tests/support/MapPacket.h"
 
 namespace bench {
 

@@ -16,7 +16,7 @@
 namespace vexo_sim {
 namespace {
 
-// A step back of the host's clock (a test's fake clock, mostly) must not stop the card for as long.
+// The host's clock may step back, mostly a test's fake clock. The card must not stand still until it has caught up.
 void moveClock(CardState& s, const CardTime& now) {
     const std::uint64_t pace = s.config.pace == kPaceOfReaders ? 1 : s.config.pace;
     if (now.monotonicNs > s.now.monotonicNs) s.clockNs += (now.monotonicNs - s.now.monotonicNs) * pace;
@@ -174,13 +174,13 @@ void Card::closeUp(std::uint32_t channel) {
 }
 
 bool Card::push(std::uint32_t channel, const void* data, std::uint32_t size) {
-    if (size > m_state.config.mtu) return false;
+    if (size > safeMtu(m_state.config.mtu)) return false;
     return put(m_state.up[channel], data, size);
 }
 
 bool Card::deliver(std::uint32_t channel, const void* data, std::uint32_t size) {
     if (!packet_faults::armed(m_state)) return push(channel, data, size);
-    if (size > m_state.config.mtu) return false;
+    if (size > safeMtu(m_state.config.mtu)) return false;
     UpStreamState& stream = m_state.up[channel];
     unsigned char* room = ring::reserve(stream.ring, size);
     if (room == nullptr) {

@@ -25,6 +25,17 @@ struct Instrument {
     std::uint8_t table = 0;  // card_reg::kSingleLegTable or kCombinationTable
 };
 
+// A card may lie in shared memory, where others can write any value at any time. What is used there as an index or a
+// length goes through these first: a wrong value then gives a wrong quote, and nothing worse.
+static_assert((kMaxInstruments & (kMaxInstruments - 1)) == 0 && (card_reg::kRows & (card_reg::kRows - 1)) == 0);
+inline std::uint32_t safeNumber(std::uint32_t instrument) { return instrument & (kMaxInstruments - 1); }
+inline std::uint32_t safeTable(std::uint32_t table) { return table & (kTables - 1); }
+inline std::uint32_t safeRow(std::uint32_t row) { return row & (card_reg::kRows - 1); }
+inline std::uint32_t safeCount(std::uint32_t instruments) {
+    return instruments < kMaxInstruments ? instruments : kMaxInstruments;
+}
+inline std::uint32_t safeMtu(std::uint32_t mtu) { return mtu < kMinMtu ? kMinMtu : mtu < kMaxMtu ? mtu : kMaxMtu; }
+
 /// Running prices of one instrument; every amount of money in 1/10000 yuan.
 struct PriceWalk {
     std::int64_t last;
@@ -88,7 +99,7 @@ struct FeedState {
     PriceWalk prices[kMaxInstruments];
 };
 
-/// Card to host. Everything but the ring is touched only by whoever advances the card.
+/// Card to host. Only the process that advances the card touches anything but the ring.
 struct UpStreamState {
     bool open;
     std::uint32_t opened;        // how often, since power-on
@@ -121,17 +132,17 @@ struct FaultState {
     bool armed;    // packets need a look: there are rules, or a number of packets to stop after
     bool stopped;  // its clock stands and nothing leaves it; registers still answer
     CounterMode counters;
-    std::uint32_t heldUp;         // bit n = card-to-host stream n is taken by somebody else
+    std::uint32_t heldUp;         // bit n = another program holds card-to-host stream n
     std::uint32_t resetsIgnored;  // that many resets of the root core do nothing; kForGood = all
     std::uint64_t packetsLeft;    // until the card stops, or kNever
     std::uint64_t stopNs;         // when it stops, on its own clock, or kNever
-    std::uint64_t random;         // of its own: rules that leave a packet alone do not change the prices
+    std::uint64_t random;         // a generator of its own, so that rules do not change the prices
     std::uint32_t count;
     PacketFaultState rules[kPacketFaults];
 };
 
-/// All of a card. No pointer and no resource inside: zero bytes are a valid card that is switched off, so the
-/// state may live on the heap or in memory shared between processes.
+/// All of a card. It holds no pointer and no resource, and zero bytes are a valid card that is switched off. So the
+/// state may be on the heap or in memory that processes share.
 struct CardState {
     CardConfig config;
     CardTime now;             // last moment the card was advanced to

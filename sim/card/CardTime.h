@@ -4,7 +4,7 @@
 
 namespace vexo_sim {
 
-/// A moment, as the card's owner hands it over: the card itself never asks an operating system.
+/// A moment. The card's owner passes it in; the card never asks the operating system.
 struct CardTime {
     std::uint64_t monotonicNs = 0;  // any clock that does not go back; a step back counts as no time passed
     std::uint32_t date = 0;         // local YYYYMMDD

@@ -32,8 +32,8 @@ unsigned char* put16(unsigned char* at, std::uint32_t value) {
 
 unsigned char* put32(unsigned char* at, std::uint32_t value) { return put16(put16(at, value >> 16), value & 0xFFFF); }
 
-unsigned char* putMessage(unsigned char* at, const CardState& s, const Instrument& instrument, bool first) {
-    const std::uint32_t idLength = static_cast<std::uint32_t>(std::strlen(instrument.id));
+unsigned char* putMessage(unsigned char* at, const CardState& s, const Instrument& instrument, std::uint32_t idLength,
+                          bool first) {
     at = put16(at, (first ? kFirstHeader : kHeader) + idLength);
     if (first) at = put32(at, s.parser.learned);
     *at++ = instrument.table;
@@ -43,21 +43,24 @@ unsigned char* putMessage(unsigned char* at, const CardState& s, const Instrumen
 }
 
 std::uint32_t packetsPerRound(const CardState& s) {
-    return (s.parser.learned + s.config.mapMessagesPerPacket - 1) / s.config.mapMessagesPerPacket;
+    const std::uint64_t messages = std::max(s.config.mapMessagesPerPacket, 1U);
+    return static_cast<std::uint32_t>((safeCount(s.parser.learned) + messages - 1) / messages);
 }
 
 // Messages from the cursor on, until the packet is full or the round ends. Returns the packet's length.
 std::uint32_t fillPacket(CardState& s, unsigned char* packet) {
-    const std::uint32_t limit = std::min(s.config.mtu, kAreaOffset + kMaxArea);
+    const std::uint32_t limit = std::min(safeMtu(s.config.mtu), kAreaOffset + kMaxArea);
     unsigned char* at = packet + kAreaOffset;
-    for (std::uint32_t n = 0; n < s.config.mapMessagesPerPacket && s.map.cursor < s.parser.learned; ++n) {
-        const Instrument& instrument = s.parser.instruments[s.map.cursor];
-        const std::size_t length = (n == 0 ? kFirstHeader : kHeader) + std::strlen(instrument.id);
+    const std::uint32_t learned = safeCount(s.parser.learned);
+    for (std::uint32_t n = 0; n < s.config.mapMessagesPerPacket && s.map.cursor < learned; ++n) {
+        const Instrument& instrument = s.parser.instruments[safeNumber(s.map.cursor)];
+        const auto idLength = static_cast<std::uint32_t>(strnlen(instrument.id, sizeof instrument.id));
+        const std::size_t length = (n == 0 ? kFirstHeader : kHeader) + idLength;
         if (static_cast<std::size_t>(at - packet) + length > limit) break;
-        at = putMessage(at, s, instrument, n == 0);
+        at = putMessage(at, s, instrument, idLength, n == 0);
         ++s.map.cursor;
     }
-    if (s.map.cursor >= s.parser.learned) s.map.cursor = 0;
+    if (s.map.cursor >= learned) s.map.cursor = 0;
     const std::uint32_t length = static_cast<std::uint32_t>(at - packet);
     put16(packet + 12, length - kAreaOffset);
     return length;
@@ -65,7 +68,7 @@ std::uint32_t fillPacket(CardState& s, unsigned char* packet) {
 
 bool sendPacket(CardState& s) {
     UpStreamState& stream = s.up[0];
-    unsigned char* packet = ring::reserve(stream.ring, s.config.mtu);
+    unsigned char* packet = ring::reserve(stream.ring, safeMtu(s.config.mtu));
     if (packet == nullptr) return false;
     const std::uint32_t length = fillPacket(s, packet);
     const enyx_sim::PacketHead head{kPacketType, length, ++stream.headSequence};
@@ -101,7 +104,7 @@ void refresh(CardState& s) {
 void advance(CardState& s) {
     MapState& map = s.map;
     if (!map.active) return;
-    const std::uint32_t most = packetsPerRound(s);
+    const std::uint32_t most = std::max(packetsPerRound(s), 1U);
     const std::uint64_t interval = nsFromMs(s.config.mapRoundMs) / most;
     std::uint32_t sent = 0;
     // A full ring only delays: the same messages are tried again at the next look.

@@ -31,18 +31,20 @@ bool mayQuote(const CardState& s) {
            s.feed.subscribedCount > 0;
 }
 
-void subscribe(FeedState& feed, std::uint16_t number) {
-    if (feed.position[number] != kNoInstrument) return;
-    feed.position[number] = static_cast<std::uint16_t>(feed.subscribedCount);
-    feed.subscribed[feed.subscribedCount++] = number;
+void subscribe(FeedState& feed, std::uint32_t number) {
+    const std::uint32_t count = feed.subscribedCount;
+    if (feed.position[number] != kNoInstrument || count >= kMaxInstruments) return;
+    feed.position[number] = static_cast<std::uint16_t>(count);
+    feed.subscribed[count] = static_cast<std::uint16_t>(number);
+    feed.subscribedCount = count + 1;
 }
 
-void unsubscribe(FeedState& feed, std::uint16_t number) {
+void unsubscribe(FeedState& feed, std::uint32_t number) {
     const std::uint16_t hole = feed.position[number];
     if (hole == kNoInstrument) return;
-    const std::uint16_t last = feed.subscribed[--feed.subscribedCount];
-    feed.subscribed[hole] = last;
-    feed.position[last] = hole;
+    const std::uint16_t last = feed.subscribed[safeNumber(--feed.subscribedCount)];
+    feed.subscribed[safeNumber(hole)] = last;
+    feed.position[safeNumber(last)] = hole;
     feed.position[number] = kNoInstrument;
 }
 
@@ -55,15 +57,15 @@ std::uint32_t nextLevel(const CardState& s) {
     return level1 ? 1 : level5 ? 5 : 0;
 }
 
-std::uint16_t nextInstrument(FeedState& feed) {
+std::uint32_t nextInstrument(FeedState& feed) {
     if (feed.cursor >= feed.subscribedCount) {
         feed.cursor = 0;
         ++feed.pass;
     }
-    return feed.subscribed[feed.cursor];
+    return safeNumber(feed.subscribed[safeNumber(feed.cursor)]);
 }
 
-void fillCommon(const CardState& s, std::uint16_t number, std::uint32_t level, enyx_sim::QuoteCommon& quote) {
+void fillCommon(const CardState& s, std::uint32_t number, std::uint32_t level, enyx_sim::QuoteCommon& quote) {
     const Instrument& instrument = s.parser.instruments[number];
     const PriceWalk& prices = s.feed.prices[number];
     static_assert(sizeof quote.id == sizeof instrument.id, "an id is copied whole");
@@ -103,7 +105,7 @@ void fillBook(const BookEdge& edge, std::int64_t tick, enyx_sim::Level5Quote& qu
     }
 }
 
-// A copy is spoiled: the quote goes to other streams too.
+// The fault strikes a copy: the quote goes to other streams too.
 [[gnu::noinline, gnu::cold]] void deliverSpoiled(CardState& s, std::uint32_t channel, const void* packet,
                                                  std::uint32_t size) {
     unsigned char copy[sizeof(Packet<enyx_sim::Level5Quote>)];
@@ -112,7 +114,7 @@ void fillBook(const BookEdge& edge, std::int64_t tick, enyx_sim::Level5Quote& qu
     for (std::uint32_t n = 0; n < verdict.copies; ++n) put(s.up[channel], copy, verdict.size);
 }
 
-// The numbers of a quote that is lost are used up: its reader sees the gap.
+// A lost quote uses up its numbers, so that its reader sees the gap.
 template <typename Quote>
 void deliver(CardState& s, std::uint32_t channel, Packet<Quote>& packet) {
     UpStreamState& stream = s.up[channel];
@@ -123,7 +125,7 @@ void deliver(CardState& s, std::uint32_t channel, Packet<Quote>& packet) {
 }
 
 template <typename Quote>
-void quote(CardState& s, std::uint16_t number, std::uint32_t level, std::uint32_t targets) {
+void quote(CardState& s, std::uint32_t number, std::uint32_t level, std::uint32_t targets) {
     PriceWalk& prices = s.feed.prices[number];
     const BookEdge edge = walk(prices, s.feed.random);
     Packet<Quote> packet;
@@ -149,11 +151,12 @@ bool haveRoom(CardState& s, std::uint32_t targets) {
     return true;
 }
 
-// False when the readers set the pace and one of those that the quote is for has no room: it waits.
+// False when the readers set the pace and one of this quote's readers has no room: the quote waits.
 bool quoteNext(CardState& s, std::uint32_t open) {
-    const std::uint16_t number = nextInstrument(s.feed);
+    const std::uint32_t number = nextInstrument(s.feed);
     const Instrument& instrument = s.parser.instruments[number];
-    const std::uint32_t targets = s.tables[instrument.table].words[instrument.row][card_reg::kMaskWord] & open;
+    const std::uint32_t targets =
+        s.tables[safeTable(instrument.table)].words[safeRow(instrument.row)][card_reg::kMaskWord] & open;
     if (s.config.pace == kPaceOfReaders && !haveRoom(s, targets)) return false;
     const std::uint32_t level = nextLevel(s);
     ++s.feed.cursor;
@@ -169,17 +172,17 @@ std::uint32_t usualRate(const CardState& s) {
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(s.config.quotesPerSecond, each * s.feed.subscribedCount));
 }
 
-// How much of the bursts' height lies in the first @p ns nanoseconds of the feed, as nanoseconds at full height: each
-// falls in a straight line from its full height to nothing.
+// The area under the bursts in the first @p ns nanoseconds of the feed, in nanoseconds at full height. Each burst falls
+// in a straight line from full height to nothing.
 std::uint64_t burstNs(const CardConfig& config, std::uint64_t ns) {
-    const std::uint64_t lengthUs = std::uint64_t{config.burstMs} * 1000;
-    const std::uint64_t everyUs = std::uint64_t{config.burstEveryMs} * 1000;
+    const std::uint64_t lengthUs = std::max(config.burstMs, 1U) * std::uint64_t{1000};
+    const std::uint64_t everyUs = std::max(config.burstEveryMs, 1U) * std::uint64_t{1000};
     const std::uint64_t us = ns / 1000;
     const std::uint64_t leftUs = lengthUs - std::min(us % everyUs, lengthUs);
     return us / everyUs * (lengthUs * 500) + (lengthUs - leftUs * leftUs / lengthUs) * 500;
 }
 
-// Quotes owed since the last look. A pause of more than a second is not made up for.
+// Adds the quotes owed since the last call. After a pause of more than a second they are dropped.
 void collectCredit(CardState& s) {
     FeedState& feed = s.feed;
     const std::uint64_t from = std::max(feed.lastNs, s.clockNs - std::min(s.clockNs, kLongestGapNs));
@@ -202,7 +205,8 @@ std::uint64_t takeDue(CardState& s) {
 // Not later than the next quote; inside and before a burst it may be earlier.
 std::uint64_t nextQuoteNs(const CardState& s) {
     if (s.config.pace == kPaceOfReaders || s.feed.credit >= kCreditPerPacket) return s.clockNs;
-    const std::uint64_t most = std::uint64_t{s.feed.rate} * (s.config.burstEveryMs != 0 ? s.config.burstFactor : 1);
+    const std::uint64_t height = s.config.burstEveryMs != 0 ? s.config.burstFactor : 1;
+    const std::uint64_t most = std::max<std::uint64_t>(s.feed.rate * height, 1);
     return s.clockNs + (kCreditPerPacket - s.feed.credit + most - 1) / most;
 }
 
@@ -237,14 +241,16 @@ void forgetInstruments(CardState& s) {
 }
 
 void instrumentLearned(CardState& s, std::uint32_t number) {
-    const Instrument& instrument = s.parser.instruments[number];
+    Instrument instrument = s.parser.instruments[number];
+    instrument.id[kIdCapacity - 1] = '\0';
     s.feed.prices[number] = openingPrices(instrument.id, s.config.seed);
-    maskChanged(s, instrument.table, instrument.row);
+    maskChanged(s, safeTable(instrument.table), safeRow(instrument.row));
 }
 
 void maskChanged(CardState& s, std::uint32_t table, std::uint32_t row) {
-    const std::uint16_t number = s.tables[table].instrumentOfRow[row];
-    if (number == kNoInstrument) return;
+    const std::uint16_t ofRow = s.tables[table].instrumentOfRow[row];
+    if (ofRow == kNoInstrument) return;
+    const std::uint32_t number = safeNumber(ofRow);
     const bool wanted = (s.tables[table].words[row][card_reg::kMaskWord] & kChannelBits) != 0;
     wanted ? subscribe(s.feed, number) : unsubscribe(s.feed, number);
     refresh(s);

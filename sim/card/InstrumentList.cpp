@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint32_t kContracts = 10;  // delivery months listed at a time
 constexpr std::uint32_t kFallbackDate = 20250101;
 
-// How much of everything a built-in list has. Strikes lie around the product's usual price.
+// The sizes of a built-in list. Strikes lie around the product's usual price.
 struct Extent {
     std::uint32_t optionMonths;
     std::int32_t strikesBelow;
@@ -110,7 +110,7 @@ private:
     }
 
     void addUsualPairs() {
-        for (std::size_t n = 0; n < kPairCount; ++n) addPair(kPairs[n].first, kPairs[n].second, true);
+        for (const auto& pair : kPairs) addPair(pair.first, pair.second, true);
     }
 
     // More than the table holds; add() stops at its last row.

@@ -25,8 +25,8 @@ inline constexpr std::uint32_t kMapPackets = 2;
 inline constexpr std::uint32_t kMillion = 1'000'000;
 inline constexpr std::uint32_t kPacketFaults = 32;
 
-/// A rule: which packets of those that the card sends by itself are spoiled, and how. It counts the packets of its
-/// channels and sort, from 1; a quote that goes to three channels is three packets.
+/// A rule: which of the packets that the card sends by itself are changed, and how. It counts the packets of its
+/// channels and sort from 1. A quote that goes to three channels is three packets.
 struct PacketFault {
     PacketFaultKind kind = PacketFaultKind::kDrop;
     std::uint32_t channels = 0xFFFF;                      // bit n = channel n

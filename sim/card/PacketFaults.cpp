@@ -52,8 +52,8 @@ std::uint32_t get16(const unsigned char* packet, std::uint32_t at) {
     return static_cast<std::uint32_t>(packet[at] << 8 | packet[at + 1]);
 }
 
-// Where a message begins, or the packet's size when it has no such message (any more: an earlier rule may have
-// spoiled the way there).
+// Where a message begins, or the packet's size when there is no such message. An earlier rule may have changed a length
+// on the way to it.
 std::uint32_t messageAt(const unsigned char* packet, std::uint32_t size, std::uint32_t number) {
     std::uint32_t at = kArea;
     while (number > 0 && at + 2 <= size) {
@@ -109,7 +109,7 @@ void apply(CardState& s, const PacketFaultState& fault, unsigned char* packet, V
     }
 }
 
-// Counts the packet that is about to be delivered; false when the card has come to its end before it.
+// Counts the packet that is about to be delivered. False when the card stops before it.
 bool countDown(CardState& s, std::uint32_t copies) {
     FaultState& faults = s.faults;
     if (faults.stopped) return false;
@@ -125,7 +125,7 @@ bool countDown(CardState& s, std::uint32_t copies) {
 }  // namespace
 
 int add(CardState& s, const PacketFault& rule) {
-    if (!isValid(rule) || s.faults.count == kPacketFaults) return -1;
+    if (!isValid(rule) || s.faults.count >= kPacketFaults) return -1;
     s.faults.rules[s.faults.count] = {rule, 0, 0};
     s.faults.armed = true;
     return static_cast<int>(s.faults.count++);
@@ -143,7 +143,8 @@ void stopAfter(CardState& s, std::uint64_t packets) {
 
 Verdict spoil(CardState& s, std::uint32_t channel, std::uint32_t sort, unsigned char* packet, std::uint32_t size) {
     Verdict verdict{1, size};
-    for (std::uint32_t n = 0; n < s.faults.count; ++n) {
+    const std::uint32_t count = std::min(s.faults.count, kPacketFaults);
+    for (std::uint32_t n = 0; n < count; ++n) {
         PacketFaultState& fault = s.faults.rules[n];
         if (!concerns(fault.rule, channel, sort) || !isDue(fault, s.faults.random)) continue;
         ++fault.strikes;

@@ -4,7 +4,7 @@
 
 #include "sim/card/CardState.h"
 
-/// Spoils packets on their way into a stream, by the rules in the card's state. The same rules, seed and packets give
+/// Changes packets on their way into a stream, by the rules in the card's state. The same rules, seed and packets give
 /// the same bytes.
 namespace vexo_sim::packet_faults {
 
@@ -15,10 +15,10 @@ void clear(CardState& s);
 /// Stops the card with the packet after the next @p packets; 0 = never.
 void stopAfter(CardState& s, std::uint64_t packets);
 
-/// Whether packets need a look at all; the feed asks nothing else of this file while they do not.
+/// Whether any rule or planned stop is active. While none is, the feed calls nothing else here.
 inline bool armed(const CardState& s) { return s.faults.armed; }
 
-/// What becomes of one packet.
+/// The result for one packet.
 struct Verdict {
     std::uint32_t copies;  // 0, 1 or more
     std::uint32_t size;    // never larger than it was
@@ -27,7 +27,7 @@ struct Verdict {
 /// Changes the packet in place. @p sort is kQuotePackets or kMapPackets.
 Verdict spoil(CardState& s, std::uint32_t channel, std::uint32_t sort, unsigned char* packet, std::uint32_t size);
 
-/// The same for a packet that lies in its ring, reserved: commits what becomes of it.
+/// The same for a packet that is reserved in its ring. Commits the result.
 void commitSpoiled(CardState& s, std::uint32_t channel, std::uint32_t sort, unsigned char* packet, std::uint32_t size);
 
 }  // namespace vexo_sim::packet_faults

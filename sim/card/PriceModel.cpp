@@ -106,7 +106,7 @@ PriceWalk openingPrices(const char* id, std::uint64_t seed) {
 BookEdge walk(PriceWalk& prices, std::uint64_t& random) {
     std::uint64_t bits = nextRandom(random);
     const auto take = [&bits](std::uint32_t range) {
-        const std::uint32_t value = static_cast<std::uint32_t>(bits % range);
+        const auto value = static_cast<std::uint32_t>(bits % range);
         bits /= range;
         return value;
     };

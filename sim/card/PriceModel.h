@@ -14,7 +14,7 @@ struct BookEdge {
     std::uint32_t askVolume[5];
 };
 
-/// Prices, limits and volumes that an instrument opens the day with; a function of its id and the card's seed only.
+/// Prices, limits and volumes at the open. They depend only on the instrument's id and the card's seed.
 PriceWalk openingPrices(const char* id, std::uint64_t seed);
 
 /// One trade: the price moves by a few ticks, volume and turnover grow. All five prices of both sides stay inside

@@ -113,7 +113,7 @@ template <typename Visit>
 void forEachPart(const Field& field, Visit visit) {
     for (std::uint32_t done = 0; done < field.width;) {
         const std::uint64_t bit = field.firstBit + done;
-        const std::uint32_t shift = static_cast<std::uint32_t>(bit % 32);
+        const auto shift = static_cast<std::uint32_t>(bit % 32);
         const std::uint32_t bits = std::min(32 - shift, field.width - done);
         visit(static_cast<std::uint32_t>(bit / 32), shift, bits, done);
         done += bits;

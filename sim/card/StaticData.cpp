@@ -13,20 +13,21 @@ namespace vexo_sim::static_data {
 namespace {
 
 void count(ParserState& parser, const Instrument& instrument) {
-    std::uint32_t* counters = parser.counters + std::size_t{instrument.table} * 4;
-    counters[0] += 1;                                                       // messages
-    counters[1] += 1;                                                       // instruments
-    counters[2] += static_cast<std::uint32_t>(std::strlen(instrument.id));  // bytes of their ids
-    counters[3] += card_reg::kIdWords;                                      // words written into rows
+    std::uint32_t* counters = parser.counters + std::size_t{safeTable(instrument.table)} * 4;
+    counters[0] += 1;                                                                         // messages
+    counters[1] += 1;                                                                         // instruments
+    counters[2] += static_cast<std::uint32_t>(strnlen(instrument.id, sizeof instrument.id));  // bytes of their ids
+    counters[3] += card_reg::kIdWords;                                                        // words written into rows
 }
 
 void learnOne(CardState& s) {
     ParserState& parser = s.parser;
-    const std::uint32_t number = parser.learned++;
+    const std::uint32_t number = safeNumber(parser.learned++);
     const Instrument& instrument = parser.instruments[number];
-    TableState& table = s.tables[instrument.table];
-    table.instrumentOfRow[instrument.row] = static_cast<std::uint16_t>(number);
-    tables::storeId(table, instrument.row, instrument.id);
+    TableState& table = s.tables[safeTable(instrument.table)];
+    const std::uint32_t row = safeRow(instrument.row);
+    table.instrumentOfRow[row] = static_cast<std::uint16_t>(number);
+    tables::storeId(table, row, instrument.id);
     if (s.faults.counters != CounterMode::kFrozen) count(parser, instrument);
     feed::instrumentLearned(s, number);
 }
@@ -35,14 +36,16 @@ void learnOne(CardState& s) {
 std::uint32_t dueCount(const CardState& s) {
     const std::uint64_t length = nsFromMs(s.config.learningMs);
     const std::uint64_t elapsed = s.clockNs - s.parser.startNs;
-    if (elapsed >= length) return s.parser.count;
-    return static_cast<std::uint32_t>(elapsed * s.parser.count / length);
+    const std::uint32_t count = safeCount(s.parser.count);
+    if (elapsed >= length) return count;
+    return static_cast<std::uint32_t>(elapsed * count / length);
 }
 
 std::uint64_t nextLearningNs(const CardState& s) {
-    if (s.parser.learned >= s.parser.count) return kNever;
+    const std::uint64_t count = safeCount(s.parser.count);
+    if (s.parser.learned >= count) return kNever;
     const std::uint64_t length = nsFromMs(s.config.learningMs);
-    return s.parser.startNs + (length * (s.parser.learned + 1) + s.parser.count - 1) / s.parser.count;
+    return s.parser.startNs + (length * (s.parser.learned + 1) + count - 1) / count;
 }
 
 void learnDue(CardState& s) {
@@ -57,7 +60,7 @@ void repairTable(const ParserState& parser, TableState& table) {
         if (table.overwrittenIds[group] == 0) continue;
         for (std::uint32_t row = group * 64; row < group * 64 + 64; ++row) {
             if (!tables::testBit(table.overwrittenIds, row)) continue;
-            tables::storeId(table, row, parser.instruments[table.instrumentOfRow[row]].id);
+            tables::storeId(table, row, parser.instruments[safeNumber(table.instrumentOfRow[row])].id);
         }
         table.overwrittenIds[group] = 0;
     }
@@ -102,12 +105,15 @@ void repair(CardState& s) {
     feed::forgetInstruments(s);
     for (TableState& table : s.tables)
         std::fill(std::begin(table.instrumentOfRow), std::end(table.instrumentOfRow), kNoInstrument);
-    s.parser.learned = std::min(s.parser.learned, s.parser.count);
-    for (std::uint32_t number = 0; number < s.parser.learned; ++number) {
+    const std::uint32_t learned = safeCount(std::min(s.parser.learned, s.parser.count));
+    s.parser.learned = learned;
+    for (std::uint32_t number = 0; number < learned; ++number) {
         const Instrument& instrument = s.parser.instruments[number];
-        s.tables[instrument.table].instrumentOfRow[instrument.row] = static_cast<std::uint16_t>(number);
-        tables::storeId(s.tables[instrument.table], instrument.row, instrument.id);
-        feed::maskChanged(s, instrument.table, instrument.row);
+        const std::uint32_t table = safeTable(instrument.table);
+        const std::uint32_t row = safeRow(instrument.row);
+        s.tables[table].instrumentOfRow[row] = static_cast<std::uint16_t>(number);
+        tables::storeId(s.tables[table], row, instrument.id);
+        feed::maskChanged(s, table, row);
     }
     contract_map::refresh(s);
 }
@@ -117,7 +123,7 @@ void idOverwritten(CardState& s, std::uint32_t table, std::uint32_t row) {
     if (t.instrumentOfRow[row] == kNoInstrument) return;
     tables::setBit(t.overwrittenIds, row, true);
     if (s.parser.nextRoundNs != kNever) return;
-    const std::uint64_t round = nsFromMs(s.config.staticRoundMs);
+    const std::uint64_t round = nsFromMs(std::max(s.config.staticRoundMs, 1U));
     s.parser.nextRoundNs = s.parser.startNs + ((s.clockNs - s.parser.startNs) / round + 1) * round;
     wakeAt(s, s.parser.nextRoundNs);
 }

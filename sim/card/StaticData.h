@@ -4,8 +4,8 @@
 
 #include "sim/card/CardState.h"
 
-/// The card's static-data parser: the exchange repeats the list of its instruments all day, the card gives each
-/// a row of a table as it meets it.
+/// The card's static-data parser. The exchange repeats the list of its instruments all day; the card gives each
+/// instrument a table row when it first meets it.
 namespace vexo_sim::static_data {
 
 /// Forgets all instruments, the masks and ids of all rows, and the counters.
@@ -16,7 +16,7 @@ void restart(CardState& s);
 /// Learns what is due, and repairs the ids that the host overwrote when the static data comes round again.
 void advance(CardState& s);
 
-/// Derives anew what follows from the learned instruments and the masks of their rows.
+/// Recomputes what depends on the learned instruments and the masks of their rows.
 void repair(CardState& s);
 
 /// The host changed an id word of the row.

@@ -12,7 +12,14 @@ constexpr std::uint32_t kWrapMarker = 0xFFFFFFFF;
 
 std::uint64_t footprint(std::uint32_t size) { return kPrefix + ((std::uint64_t{size} + 7) & ~std::uint64_t{7}); }
 
-std::uint64_t offsetOf(const RingState& ring, std::uint64_t position) { return position & (ring.capacity - 1); }
+// Always inside the ring's bytes and on 8 of them, whatever another process has written into the capacity or a
+// position.
+std::uint64_t offsetOf(const RingState& ring, std::uint64_t position) {
+    return position & (ring.capacity - 1) & (kMaxRingBytes - kPrefix);
+}
+
+// Whether a packet of that size lies inside the ring's bytes.
+bool fits(std::uint64_t offset, std::uint32_t size) { return size <= kMaxRingBytes - kPrefix - offset; }
 
 void storeSize(RingState& ring, std::uint64_t position, std::uint32_t size) {
     std::memcpy(ring.bytes + offsetOf(ring, position), &size, sizeof size);
@@ -45,7 +52,7 @@ unsigned char* reserve(RingState& ring, std::uint32_t size) {
     const std::uint64_t offset = offsetOf(ring, head);
     const bool wraps = offset + footprint(size) > ring.capacity;
     const std::uint64_t start = wraps ? head + (ring.capacity - offset) : head;
-    if (!hasRoom(ring, start + footprint(size))) return nullptr;
+    if (!hasRoom(ring, start + footprint(size)) || !fits(offsetOf(ring, start), size)) return nullptr;
     if (wraps) storeSize(ring, head, kWrapMarker);
     ring.reserved = start;
     return ring.bytes + offsetOf(ring, start) + kPrefix;
@@ -54,6 +61,12 @@ unsigned char* reserve(RingState& ring, std::uint32_t size) {
 void commit(RingState& ring, std::uint32_t size) {
     storeSize(ring, ring.reserved, size);
     ring.head.store(ring.reserved + footprint(size), std::memory_order_release);
+}
+
+// A size that cannot be: only another process can have written it. The packets that are there are given up.
+[[gnu::cold, gnu::noinline]] static PacketView skipDamage(RingState& ring) {
+    drain(ring);
+    return {};
 }
 
 PacketView peek(RingState& ring) {
@@ -68,16 +81,20 @@ PacketView peek(RingState& ring) {
         ring.tail.store(tail, std::memory_order_release);
         size = loadSize(ring, tail);
     }
-    return {ring.bytes + offsetOf(ring, tail) + kPrefix, size};
+    const std::uint64_t offset = offsetOf(ring, tail);
+    if (!fits(offset, size)) return skipDamage(ring);
+    return {ring.bytes + offset + kPrefix, size};
 }
 
 void keep(RingState& ring) { ring.keptFrom = ring.head.load(std::memory_order_relaxed); }
 
 PacketView next(RingState& ring, std::uint64_t& position) {
     if (loadSize(ring, position) == kWrapMarker) position += ring.capacity - offsetOf(ring, position);
-    const PacketView packet{ring.bytes + offsetOf(ring, position) + kPrefix, loadSize(ring, position)};
-    position += footprint(packet.size);
-    return packet;
+    const std::uint64_t offset = offsetOf(ring, position);
+    const std::uint32_t size = loadSize(ring, position);
+    position += footprint(size);
+    if (!fits(offset, size)) return {};
+    return {ring.bytes + offset + kPrefix, size};
 }
 
 void release(RingState& ring) {

@@ -64,7 +64,14 @@ PacketView next(RingState& ring, std::uint64_t& position);
 
 template <typename Visit>
 void forEachKept(RingState& ring, Visit visit) {
-    while (ring.keptFrom != ring.head.load(std::memory_order_relaxed)) visit(next(ring, ring.keptFrom));
+    const std::uint64_t head = ring.head.load(std::memory_order_relaxed);
+    // Positions that cannot be were written by another process: nothing is kept then.
+    std::uint64_t position = ring.keptFrom;
+    while (head - position - 1 < kMaxRingBytes) {
+        const PacketView packet = next(ring, position);
+        if (packet.data != nullptr) visit(packet);
+    }
+    ring.keptFrom = head;
 }
 
 }  // namespace ring

@@ -37,7 +37,7 @@ std::uint32_t readBack(const TableState& table, std::uint32_t select) {
 
 std::uint32_t idWord(const char* id, std::uint32_t word) {
     unsigned char text[card_reg::kIdWords * 4] = {};
-    std::memcpy(text, id, std::min(std::strlen(id), sizeof text));
+    for (std::size_t n = 0; n < sizeof text && id[n] != '\0'; ++n) text[n] = static_cast<unsigned char>(id[n]);
     const unsigned char* c = text + std::size_t{word - card_reg::kFirstIdWord} * 4;
     return std::uint32_t{c[0]} << 24 | std::uint32_t{c[1]} << 16 | std::uint32_t{c[2]} << 8 | c[3];
 }

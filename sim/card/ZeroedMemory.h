@@ -6,9 +6,9 @@
 
 namespace vexo_sim {
 
-/// Zeroed heap memory for one object that zero bytes make, such as a card's state. calloc() leaves the pages
-/// untouched, so the unused part of the sixteen rings costs nothing; the memory is over-long because calloc() does
-/// not align to a cache line.
+/// Zeroed heap memory for one object that is valid when all bytes are zero, such as a card's state. calloc() leaves the
+/// pages untouched, so the unused part of the sixteen rings costs nothing; the memory is over-long because calloc()
+/// does not align to a cache line.
 template <typename T>
 class ZeroedMemory {
 public:

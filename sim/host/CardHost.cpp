@@ -1,5 +1,6 @@
 #include "sim/host/CardHost.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,8 @@
 #include <ctime>
 #include <utility>
 
+#include "sim/shm/CardPlaces.h"
+
 namespace vexo_sim {
 namespace {
 
@@ -16,6 +19,16 @@ constexpr std::uint64_t kLongestRestNs = 1'000'000;  // the longest wait for the
 constexpr std::uint64_t kShortestRestNs = 20'000;
 constexpr std::uint64_t kStandBackNs = 60'000;  // time for a waiting process to wake up and take the lock
 constexpr std::uint64_t kOrphanCheckNs = 50'000'000;
+
+std::string whatItIs(const std::string& path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) return std::strerror(errno);
+    const char* kind = S_ISREG(status.st_mode)   ? "a file"
+                       : S_ISDIR(status.st_mode) ? "a directory"
+                       : S_ISLNK(status.st_mode) ? "a link"
+                                                 : "no ordinary file";
+    return std::string(kind) + " of user " + userName(status.st_uid);
+}
 
 std::string systemError(const std::string& what) { return what + ": " + std::strerror(errno); }
 
@@ -26,12 +39,26 @@ void copyText(char (&to)[size], const std::string& text) {
 
 // Who has the card's name already. Empty when nobody has it any more.
 std::string whoHasIt(const std::string& path, std::uint32_t bus) {
-    const CardFile other = CardFile::open(path);
-    if (!other) return path + " is in the way and no card of this vexo-simcard: remove it, or choose another bus.";
+    const CardFile other = CardFile::open(path, geteuid());
+    if (!other)
+        return path + " is in the way and no card of this user: " + whatItIs(path) +
+               ". Remove it, or choose another bus.";
     const std::optional<pid_t> host = other.holderOf({CardPart::kHost});
     if (!host) return {};
+    const BlockHeader header = other.header();
     return "bus " + std::to_string(bus) + " has a card already, hosted by " + toText(describeProcess(*host)) +
+           (isCompatible(header) ? "" : ", " + describeVersion(header)) +
            ". Stop that one, or choose another bus with --bus.";
+}
+
+// A host of this user may have its card in another directory: shared with a group, or not.
+std::string whoElseHasBus(std::uint32_t bus) {
+    for (const std::string& directory : cardDirectories(geteuid())) {
+        const std::string path = cardPath(directory, geteuid(), bus);
+        const CardFile other = CardFile::open(path, geteuid());
+        if (other && other.holderOf({CardPart::kHost})) return whoHasIt(path, bus);
+    }
+    return {};
 }
 
 std::string groupHint(const CardHost::Plan& plan) {
@@ -46,10 +73,16 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
         error = "a hosted card's scenario has room for " + std::to_string(kMaxSharedFailures) + " failing calls";
         return nullptr;
     }
-    const std::string directory = cardDirectory();
+    error = whoElseHasBus(plan.scenario.bus);
+    if (!error.empty()) return nullptr;
+    const NewCardPlace place = makeCardDirectory(plan.group);
+    if (!place.notice.empty()) std::fprintf(stderr, "vexo-simcard: %s\n", place.notice.c_str());
+    error = place.error;
+    if (place.directory.empty()) return nullptr;
+    const std::string& directory = place.directory;
     const std::string path = cardPath(directory, geteuid(), plan.scenario.bus);
     for (int attempt = 0; attempt < 100; ++attempt) {  // other hosts may start or clean up at the same time
-        removeStaleFiles(directory);
+        for (const std::string& own : cardDirectories(geteuid())) removeStaleFiles(own);
         const mode_t mode = plan.group ? 0660 : 0600;
         CardFile file = CardFile::create(directory, plan.scenario.bus, mode, plan.group.value_or(getegid()));
         CardBlock* block = file && file.claim({CardPart::kHost}) ? file.map() : nullptr;
@@ -61,7 +94,7 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
         std::unique_ptr<CardHost> host(new CardHost(std::move(file), *block));
         host->describe(plan);
         if (!host->powerOn(plan, error)) return nullptr;
-        if (host->m_file.publish(path)) return host;
+        if (host->m_card.file().publish(path)) return host;
         if (errno != EEXIST && errno != ENOENT) {
             error = systemError("cannot make " + path);
             return nullptr;
@@ -73,11 +106,11 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
     return nullptr;
 }
 
-CardHost::~CardHost() { m_file.remove(); }
+CardHost::~CardHost() { m_card.file().remove(); }
 
 void CardHost::describe(const Plan& plan) {
-    m_block->init();
-    HostInfo& info = m_block->host;
+    m_card.block().init();
+    HostInfo& info = m_card.block().host;
     info.startedAt = static_cast<std::uint64_t>(time(nullptr));
     info.pid = getpid();
     info.bus = plan.scenario.bus;
@@ -87,7 +120,7 @@ void CardHost::describe(const Plan& plan) {
 }
 
 bool CardHost::powerOn(const Plan& plan, std::string& error) {
-    Card card(m_block->state);
+    Card card(m_card.block().state);
     scenario::powerOn(card, plan.scenario, m_clock.now());
     if (!plan.scenario.replayFile.empty()) {
         std::string problem;
@@ -99,7 +132,7 @@ bool CardHost::powerOn(const Plan& plan, std::string& error) {
         if (m_replay == nullptr) return false;
     }
     if (plan.record.empty()) return true;
-    m_recorder = std::make_unique<CardRecorder>(plan.record, m_block->state);
+    m_recorder = std::make_unique<CardRecorder>(plan.record, m_card.block().state);
     if (!m_recorder->isRecording()) error = "nothing would be recorded";
     return m_recorder->isRecording();
 }
@@ -108,30 +141,38 @@ bool CardHost::powerOn(const Plan& plan, std::string& error) {
 void CardHost::closeOrphans(std::uint64_t nowNs) {
     if (nowNs < m_nextOrphanCheckNs) return;
     m_nextOrphanCheckNs = nowNs + kOrphanCheckNs;
-    Card card(m_block->state);
+    Card card(m_card.block().state);
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) {
-        if (card.state().up[channel].open && !m_file.holderOf({CardPart::kUp, channel})) card.closeUp(channel);
-        if (card.state().down[channel].open && !m_file.holderOf({CardPart::kDown, channel})) card.closeDown(channel);
+        if (card.state().up[channel].open && !m_card.file().holderOf({CardPart::kUp, channel})) card.closeUp(channel);
+        if (card.state().down[channel].open && !m_card.file().holderOf({CardPart::kDown, channel}))
+            card.closeDown(channel);
     }
 }
 
+// A user that was stopped inside an access keeps the lock: the card stands still until it goes on.
 std::uint64_t CardHost::turn() {
     if (m_recorder != nullptr) m_recorder->write();
-    const BlockLock lock(*m_block);
+    CardState& state = m_card.block().state;
+    const StateLock lock(m_card.locks(), state);
+    if (!lock.owns()) {
+        m_card.tellStuckHolder();
+        return kLongestRestNs;
+    }
     const CardTime now = m_clock.now();
-    Card card(m_block->state);
+    Card card(state);
     const bool again = card.advance(now);
     if (m_replay != nullptr) m_replay->advance(card);
-    if (m_recorder != nullptr) m_recorder->collect(m_block->state);
+    if (m_recorder != nullptr) m_recorder->collect(state);
     closeOrphans(now.monotonicNs);
     return rest(again);
 }
 
+// At pace max the host locks again at once and would starve the card's users: it backs off when `contended` has grown.
 std::uint64_t CardHost::rest(bool again) {
-    const std::uint64_t knocks = m_block->knocks.load(std::memory_order_relaxed);
-    if (std::exchange(m_knocks, knocks) != knocks) return kStandBackNs;
+    const std::uint64_t contended = m_card.block().contended.load(std::memory_order_relaxed);
+    if (std::exchange(m_contended, contended) != contended) return kStandBackNs;
     if (again) return 0;
-    const CardState& s = m_block->state;
+    const CardState& s = m_card.block().state;
     if (s.faults.stopped) return kLongestRestNs;
     const std::uint64_t pace = std::max(s.config.pace, std::uint32_t{1});
     const std::uint64_t due = m_replay != nullptr ? std::min(s.nextDueNs, m_replay->nextDue()) : s.nextDueNs;

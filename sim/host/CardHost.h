@@ -11,8 +11,8 @@
 #include "sim/host/CardRecorder.h"
 #include "sim/replay/CardReplay.h"
 #include "sim/scenario/Scenario.h"
-#include "sim/shm/CardFile.h"
 #include "sim/shm/HostClock.h"
+#include "sim/shm/SharedCard.h"
 
 namespace vexo_sim {
 
@@ -35,22 +35,20 @@ public:
     /// @return nanoseconds that the caller may rest before the next turn
     std::uint64_t turn();
 
-    CardBlock& block() { return *m_block; }
-    const CardFile& file() const { return m_file; }
+    SharedCard& card() { return m_card; }
 
 private:
-    CardHost(CardFile file, CardBlock& block) : m_file(std::move(file)), m_block(&block) {}
+    CardHost(CardFile file, CardBlock& block) : m_card(std::move(file), block, "vexo-simcard") {}
 
     void describe(const Plan& plan);
     bool powerOn(const Plan& plan, std::string& error);
     void closeOrphans(std::uint64_t nowNs);
     std::uint64_t rest(bool again);
 
-    CardFile m_file;
-    CardBlock* m_block;
+    SharedCard m_card;
     HostClock m_clock;
     std::uint64_t m_nextOrphanCheckNs = 0;
-    std::uint64_t m_knocks = 0;
+    std::uint64_t m_contended = 0;
     std::unique_ptr<CardRecorder> m_recorder;
     std::unique_ptr<CardReplay> m_replay;
 };

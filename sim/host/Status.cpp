@@ -1,17 +1,17 @@
 #include "sim/host/Status.h"
 
-#include <cstdio>
+#include <algorithm>
+#include <cstring>
 #include <ctime>
+#include <iomanip>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "sim/card/Registers.h"
 #include "sim/scenario/Pace.h"
-#include "sim/shm/AttachedCard.h"
 
 namespace vexo_sim {
 namespace {
-
-constexpr const char* kTableNames[] = {"single_leg", "combination"};
 
 std::uint32_t countMasks(const TableState& table) {
     std::uint32_t count = 0;
@@ -31,31 +31,124 @@ ChannelStatus readChannel(const CardState& s, std::uint32_t channel) {
     return status;
 }
 
-nlohmann::ordered_json toObject(const Holder& holder) {
+using Json = nlohmann::ordered_json;
+
+Json toObject(const Holder& holder) {
     return {{"pid", holder.pid}, {"program", holder.program}, {"user", holder.user}};
 }
 
-nlohmann::ordered_json toObject(const ChannelStatus& c) {
-    return {{"channel", c.channel},
-            {"open", c.open},
-            {"holder", c.holder ? toObject(*c.holder) : nlohmann::ordered_json()},
-            {"packets", c.packets},
-            {"drops", c.drops},
-            {"queued_bytes", c.queuedBytes},
-            {"sent_packets", c.sentPackets}};
+std::string number(std::uint64_t value) { return std::to_string(value); }
+
+// Six digits: the card shows 09:05:00 as 90500.
+std::string timeOfDay(std::uint32_t time) {
+    const std::string digits = number(time);
+    return std::string(6 - std::min<std::size_t>(6, digits.size()), '0') + digits;
 }
 
-template <typename... Values>
-void append(std::string& text, const char* format, Values... values) {
-    char line[512];
-    std::snprintf(line, sizeof line, format, values...);
-    text += line;
+// A text in shared memory, which may lack its end.
+template <std::size_t size>
+std::string textOf(const char (&text)[size]) {
+    return {text, strnlen(text, size)};
+}
+
+// A field of the status: its JSON key and value, and its words in the text. JSON has all fields, in this order; the
+// text leaves out those whose words are empty.
+struct CardField {
+    const char* key;
+    Json (*value)(const CardStatus& s);
+    std::string (*words)(const CardStatus& s);
+};
+
+std::string none(const CardStatus&) { return {}; }
+
+using Status = const CardStatus&;
+constexpr CardField kFirstLine[] = {
+    {"bus", [](Status s) { return Json(s.bus); }, [](Status s) { return "simulated card at bus " + number(s.bus); }},
+    {"host", [](Status s) { return toObject(s.host); }, [](Status s) { return toText(s.host); }},
+    {"pace", [](Status s) { return Json(s.pace); }, [](Status s) { return "pace " + s.pace; }},
+    {"uptime_s", [](Status s) { return Json(s.uptimeSeconds); },
+     [](Status s) { return "up " + number(s.uptimeSeconds) + "s"; }},
+    {"scenario", [](Status s) { return Json(s.scenario); },
+     [](Status s) { return s.scenario.empty() ? "" : "scenario " + s.scenario; }},
+    {"description", [](Status s) { return Json(s.description); }, none},
+};
+constexpr CardField kSecondLine[] = {
+    {"learned", [](Status s) { return Json(s.learned); },
+     [](Status s) { return "learned " + number(s.learned) + " of " + number(s.instruments); }},
+    {"instruments", [](Status s) { return Json(s.instruments); }, none},
+    {"masks",
+     [](Status s) {
+         return Json{{"single_leg", s.masks[0]}, {"combination", s.masks[1]}};
+     },
+     [](Status s) { return "masks " + number(s.masks[0]) + " single-leg " + number(s.masks[1]) + " combination"; }},
+    {"decode_switch", [](Status s) { return Json(s.decodeSwitch); },
+     [](Status s) { return "decode switch " + number(s.decodeSwitch); }},
+    {"map_transmit", [](Status s) { return Json(s.mapTransmit); },
+     [](Status s) -> std::string { return s.mapTransmit == 1 ? "map on" : "map off"; }},
+    {"trading_date", [](Status s) { return Json(s.tradingDate); },
+     [](Status s) { return "date " + number(s.tradingDate); }},
+    {"exchange_time", [](Status s) { return Json(s.exchangeTime); },
+     [](Status s) { return "time " + timeOfDay(s.exchangeTime); }},
+    {"in_reset", [](Status s) { return Json(s.inReset); },
+     [](Status s) -> std::string { return s.inReset ? "held in reset" : ""; }},
+};
+
+// A field of a stream: its JSON key and value, and the heading of its column in the text; none when it has no column.
+struct ChannelField {
+    const char* key;
+    Json (*value)(const ChannelStatus& c);
+    const char* heading;
+    int width;
+};
+
+using Channel = const ChannelStatus&;
+constexpr ChannelField kChannelFields[] = {
+    {"channel", [](Channel c) { return Json(c.channel); }, "chan", 4},
+    {"open", [](Channel c) { return Json(c.open); }, nullptr, 0},
+    {"holder", [](Channel c) { return c.holder ? toObject(*c.holder) : Json(); }, nullptr, 0},
+    {"packets", [](Channel c) { return Json(c.packets); }, "packets", 12},
+    {"drops", [](Channel c) { return Json(c.drops); }, "drops", 12},
+    {"queued_bytes", [](Channel c) { return Json(c.queuedBytes); }, "queued", 12},
+    {"sent_packets", [](Channel c) { return Json(c.sentPackets); }, nullptr, 0},
+};
+
+template <std::size_t n>
+void addFields(Json& object, const CardField (&fields)[n], const CardStatus& status) {
+    for (const CardField& field : fields) object[field.key] = field.value(status);
+}
+
+template <std::size_t n>
+std::string lineOf(const CardField (&fields)[n], const CardStatus& status) {
+    std::string line;
+    for (const CardField& field : fields) {
+        const std::string words = field.words(status);
+        if (!words.empty()) line += (line.empty() ? "" : ", ") + words;
+    }
+    return line + '\n';
+}
+
+Json toObject(const ChannelStatus& channel) {
+    Json object;
+    for (const ChannelField& field : kChannelFields) object[field.key] = field.value(channel);
+    return object;
+}
+
+// One line of the table of streams. @p cell gives the text of a field.
+template <typename Cell>
+std::string rowOf(Cell cell, const std::string& holder) {
+    std::ostringstream row;
+    for (const ChannelField& field : kChannelFields)
+        if (field.heading != nullptr) row << (row.tellp() > 0 ? " " : "") << std::setw(field.width) << cell(field);
+    row << "  " << holder << '\n';
+    return row.str();
 }
 
 // Reads the card's memory. Do nothing slow here: every user of the card waits.
-void readState(CardBlock& block, CardStatus& status) {
-    const BlockLock lock(block);
-    const CardState& s = block.state;
+bool readState(SharedCard& card, CardStatus& status) {
+    const CardState& s = card.block().state;
+    const StateLock lock(card.locks(), card.block().state);
+    if (!lock.owns()) card.tellStuckHolder();
+    if (!lock.owns()) return false;
     status.pace = paceName(s.config.pace);
     status.instruments = s.parser.count;
     status.learned = s.parser.learned;
@@ -66,63 +159,42 @@ void readState(CardBlock& block, CardStatus& status) {
     status.exchangeTime = registers::exchangeTime(s);
     status.inReset = s.registers.heldInReset;
     for (std::uint32_t channel = 0; channel < kStreams; ++channel) status.channels.push_back(readChannel(s, channel));
+    return true;
 }
 
 }  // namespace
 
-CardStatus readStatus(CardBlock& block, const CardFile& file) {
+std::optional<CardStatus> readStatus(SharedCard& card) {
     CardStatus status;
-    readState(block, status);
-    status.bus = block.host.bus;
-    status.host = describeHost(file, block);
-    status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - block.host.startedAt;
-    status.scenario = block.host.scenario;
-    status.description = block.host.description;
+    if (!readState(card, status)) return std::nullopt;
+    const HostInfo& info = card.block().host;
+    status.bus = info.bus;
+    status.host = card.host();
+    status.uptimeSeconds = static_cast<std::uint64_t>(time(nullptr)) - info.startedAt;
+    status.scenario = textOf(info.scenario);
+    status.description = textOf(info.description);
     for (ChannelStatus& channel : status.channels)
-        if (const std::optional<pid_t> holder = file.holderOf({CardPart::kUp, channel.channel}))
+        if (const std::optional<pid_t> holder = card.file().holderOf({CardPart::kUp, channel.channel}))
             channel.holder = describeProcess(*holder);
     return status;
 }
 
 std::string toJson(const CardStatus& status) {
-    nlohmann::ordered_json masks;
-    for (std::uint32_t table = 0; table < kTables; ++table) masks[kTableNames[table]] = status.masks[table];
-    nlohmann::ordered_json channels = nlohmann::ordered_json::array();
-    for (const ChannelStatus& channel : status.channels) channels.push_back(toObject(channel));
-    const nlohmann::ordered_json all = {{"bus", status.bus},
-                                        {"host", toObject(status.host)},
-                                        {"uptime_s", status.uptimeSeconds},
-                                        {"scenario", status.scenario},
-                                        {"description", status.description},
-                                        {"pace", status.pace},
-                                        {"instruments", status.instruments},
-                                        {"learned", status.learned},
-                                        {"masks", masks},
-                                        {"decode_switch", status.decodeSwitch},
-                                        {"map_transmit", status.mapTransmit},
-                                        {"trading_date", status.tradingDate},
-                                        {"exchange_time", status.exchangeTime},
-                                        {"in_reset", status.inReset},
-                                        {"channels", channels}};
-    return all.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+    Json all;
+    addFields(all, kFirstLine, status);
+    addFields(all, kSecondLine, status);
+    all["channels"] = Json::array();
+    for (const ChannelStatus& channel : status.channels) all["channels"].push_back(toObject(channel));
+    return all.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 std::string toText(const CardStatus& status) {
-    std::string text;
-    append(text, "simulated card at bus %u, %s, pace %s, up %llus%s%s\n", status.bus, toText(status.host).c_str(),
-           status.pace.c_str(), static_cast<unsigned long long>(status.uptimeSeconds),
-           status.scenario.empty() ? "" : ", scenario ", status.scenario.c_str());
-    append(text,
-           "learned %u of %u, masks %u single-leg %u combination, decode switch %u, map %s, date %u, time %06u%s\n",
-           status.learned, status.instruments, status.masks[0], status.masks[1], status.decodeSwitch,
-           status.mapTransmit == 1 ? "on" : "off", status.tradingDate, status.exchangeTime,
-           status.inReset ? ", held in reset" : "");
-    append(text, "%4s %12s %12s %12s  %s\n", "chan", "packets", "drops", "queued", "held by");
-    for (const ChannelStatus& c : status.channels) {
-        if (!c.open && !c.holder) continue;
-        append(text, "%4u %12u %12u %12llu  %s\n", c.channel, c.packets, c.drops,
-               static_cast<unsigned long long>(c.queuedBytes), c.holder ? toText(*c.holder).c_str() : "nobody");
-    }
+    std::string text = lineOf(kFirstLine, status) + lineOf(kSecondLine, status);
+    text += rowOf([](const ChannelField& field) { return std::string(field.heading); }, "held by");
+    for (const ChannelStatus& c : status.channels)
+        if (c.open || c.holder)
+            text += rowOf([&c](const ChannelField& field) { return field.value(c).dump(); },
+                          c.holder ? toText(*c.holder) : "nobody");
     return text;
 }
 

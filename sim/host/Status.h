@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "sim/shm/CardFile.h"
+#include "sim/shm/SharedCard.h"
 
 namespace vexo_sim {
 
-/// One stream as an operator looks at it.
+/// One stream, as an operator sees it.
 struct ChannelStatus {
     std::uint32_t channel = 0;
     bool open = false;
@@ -39,12 +39,13 @@ struct CardStatus {
     std::vector<ChannelStatus> channels;
 };
 
-/// Reads a card. The holders come from the locks on @p file, which do not show those of the calling process.
-CardStatus readStatus(CardBlock& block, const CardFile& file);
+/// Reads a card. The holders come from the locks on its file, which do not show those of the calling process. Nothing
+/// when the card cannot be locked: a line on standard error says who holds it.
+std::optional<CardStatus> readStatus(SharedCard& card);
 
 /// One JSON object, indented.
 std::string toJson(const CardStatus& status);
-/// A few lines for a terminal: the card, and each stream that somebody holds or held.
+/// A few lines for a terminal: the card, and each stream that is open or held.
 std::string toText(const CardStatus& status);
 
 }  // namespace vexo_sim

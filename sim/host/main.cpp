@@ -1,4 +1,5 @@
-// Hosts a simulated card in shared memory for several processes, as a machine's one card would serve them.
+// vexo-simcard: hosts a simulated card in shared memory for several processes, as a machine's one card would serve
+// them.
 
 #include <grp.h>
 #include <signal.h>
@@ -13,18 +14,23 @@
 #include "sim/host/CardHost.h"
 #include "sim/host/Status.h"
 #include "sim/scenario/Pace.h"
-#include "sim/shm/AttachedCard.h"
+#include "sim/shm/CardPlaces.h"
 
 using namespace vexo_sim;
 
 namespace {
 
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+
 struct Arguments {
     std::string scenario;
+    scenario::KeySettings settings{"--set", {}};
     std::optional<std::uint32_t> bus;
     std::string pace;
     std::string group;
     std::string record;
+    std::string user;
     std::uint32_t seconds = 0;
     bool json = false;
     bool status = false;
@@ -35,9 +41,9 @@ volatile sig_atomic_t g_stop = 0;
 
 void stop(int) { g_stop = 1; }
 
-int fail(const std::string& text) {
+int fail(int status, const std::string& text) {
     std::fprintf(stderr, "vexo-simcard: %s\n", text.c_str());
-    return 1;
+    return status;
 }
 
 void catchStopSignals() {
@@ -49,12 +55,15 @@ void catchStopSignals() {
 // Shows the card that another process hosts.
 int showStatus(const Arguments& arguments) {
     const std::uint32_t bus = arguments.bus.value_or(0);
-    const std::optional<AttachedCard> card = attachCard(bus);
-    if (!card)
-        return fail("no card is hosted at bus " + std::to_string(bus) + ". Start one: vexo-simcard --bus " +
-                    std::to_string(bus));
-    const CardStatus status = readStatus(*card->block, card->file);
-    std::fputs((arguments.json ? toJson(status) : toText(status)).c_str(), stdout);
+    const std::optional<uid_t> user = arguments.user.empty() ? geteuid() : findUser(arguments.user);
+    if (!user) return fail(kUsage, "there is no user " + arguments.user);
+    const std::unique_ptr<SharedCard> card = attachCard(bus, *user, "vexo-simcard");
+    if (card == nullptr)
+        return fail(kFailed, "no card is hosted at bus " + std::to_string(bus) + ". Start one: vexo-simcard --bus " +
+                                 std::to_string(bus));
+    const std::optional<CardStatus> status = readStatus(*card);
+    if (!status) return fail(kFailed, "the card cannot be read now");
+    std::fputs((arguments.json ? toJson(*status) : toText(*status)).c_str(), stdout);
     return 0;
 }
 
@@ -67,8 +76,9 @@ void rest(std::uint64_t ns) {
 // Shows the status on a terminal, always in the same place.
 void redraw(CardHost& host) {
     static bool first = true;
-    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J",
-                toText(readStatus(host.block(), host.file())).c_str());
+    const std::optional<CardStatus> status = readStatus(host.card());
+    if (!status) return;
+    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J", toText(*status).c_str());
     std::fflush(stdout);
     first = false;
 }
@@ -94,49 +104,59 @@ bool findGroup(const std::string& name, gid_t& group) {
 }
 
 int hostCard(const Arguments& arguments) {
-    CardHost::Plan plan;
     std::string error;
-    if (!arguments.scenario.empty()) {
-        const std::optional<scenario::Scenario> scenario = scenario::load(arguments.scenario, error);
-        if (!scenario) return fail(error);
-        plan.scenario = *scenario;
-    }
-    plan.record = arguments.record;
+    const std::optional<scenario::Scenario> scenario = scenario::load(arguments.scenario, arguments.settings, error);
+    if (!scenario) return fail(kUsage, error);
+    CardHost::Plan plan{*scenario, {}, arguments.record};
     if (arguments.bus) plan.scenario.bus = *arguments.bus;
     if (!arguments.pace.empty()) plan.scenario.config.pace = *parsePace(arguments.pace);
     gid_t group = 0;
     if (!arguments.group.empty() && !findGroup(arguments.group, group))
-        return fail("there is no group " + arguments.group);
+        return fail(kUsage, "there is no group " + arguments.group);
     if (!arguments.group.empty()) plan.group = group;
     catchStopSignals();
     const std::unique_ptr<CardHost> host = CardHost::start(plan, error);
-    if (host == nullptr) return fail(error);
+    if (host == nullptr) return fail(kFailed, error);
     if (!arguments.quiet) {
         std::printf("Simulated card at bus %u: every quote is made up. Ctrl-C ends it.\n", plan.scenario.bus);
         std::fflush(stdout);
     }
     run(*host, arguments);
-    if (!arguments.quiet) std::fputs(toText(readStatus(host->block(), host->file())).c_str(), stdout);
+    if (arguments.quiet) return 0;
+    if (const std::optional<CardStatus> status = readStatus(host->card())) std::fputs(toText(*status).c_str(), stdout);
     return 0;
+}
+
+void addOptions(CLI::App& app, Arguments& arguments) {
+    app.add_option("scenario", arguments.scenario, "Scenario file; without one the card has an ordinary day")
+        ->type_name("SCENARIO.ini");
+    app.add_option("--set", arguments.settings.texts, "Set one key of the scenario; may be given several times")
+        ->type_name("SECTION.KEY=VALUE")
+        ->allow_extra_args(false);
+    app.add_option("--bus", arguments.bus, "Bus number of the card, 0 to 4; overrides the scenario's")
+        ->check(CLI::Range(0, 4));
+    app.add_option("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take the quotes")
+        ->check([](const std::string& text) { return parsePace(text) ? "" : "must be real, xN or max"; });
+    app.add_option("--group", arguments.group, "Share the card with the members of this group");
+    app.add_option("--record", arguments.record, "Write all that the card sends to a capture file")->type_name("FILE");
+    app.add_option("--seconds", arguments.seconds, "End after so many seconds");
+    app.add_flag("--quiet", arguments.quiet, "Show nothing while hosting");
+    app.add_flag("--status", arguments.status, "Show the status of the card at the bus, and end");
+    app.add_option("--user", arguments.user, "Whose card --status and --json show; without it your own");
+    app.add_flag("--json", arguments.json, "Show the same as JSON, and end");
+    app.footer("Exit status: 0 the card was hosted or shown, 1 it was not, 2 wrong usage or a wrong scenario.");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     Arguments arguments;
-    CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes."};
-    app.add_option("scenario", arguments.scenario, "Scenario file; without one the card is an ordinary day's")
-        ->type_name("SCENARIO.ini");
-    app.add_option("--bus", arguments.bus, "Bus number of the card, 0 to 4; goes before the scenario's")
-        ->check(CLI::Range(0, 4));
-    app.add_option("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take")
-        ->check([](const std::string& text) { return parsePace(text) ? "" : "must be real, xN or max"; });
-    app.add_option("--group", arguments.group, "Share the card with the members of this group");
-    app.add_option("--record", arguments.record, "Keep all that the card sends in a capture file")->type_name("FILE");
-    app.add_option("--seconds", arguments.seconds, "End after that many seconds");
-    app.add_flag("--quiet", arguments.quiet, "Show nothing while hosting");
-    app.add_flag("--status", arguments.status, "Show the status of the card that is hosted at the bus, and end");
-    app.add_flag("--json", arguments.json, "The same as JSON");
-    CLI11_PARSE(app, argc, argv);
+    CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes.", "vexo-simcard"};
+    addOptions(app, arguments);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsage;
+    }
     return arguments.json || arguments.status ? showStatus(arguments) : hostCard(arguments);
 }

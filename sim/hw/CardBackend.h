@@ -2,8 +2,8 @@
 
 #include <optional>
 
-#include "sim/shm/CardBlock.h"
 #include "sim/shm/CardFile.h"
+#include "sim/shm/CardLock.h"
 #include "sim/shm/Holder.h"
 
 namespace vexo_sim {
@@ -14,8 +14,9 @@ class CardBackend {
 public:
     virtual ~CardBackend() = default;
 
-    CardBlock& block() { return *m_block; }
-    const CardBlock& block() const { return *m_block; }
+    CardState& state() { return *m_state; }
+    const CardState& state() const { return *m_state; }
+    CardLocks& locks() { return *m_locks; }
 
     /// False when the card's host has died: registers no longer answer, streams stay idle.
     virtual bool responds() const = 0;
@@ -24,7 +25,12 @@ public:
     /// The process that hosts the card, when that is another one.
     virtual std::optional<Holder> host() const = 0;
 
-    /// Lets the card do what is due. Call it with the block locked.
+    /// Says why a lock failed, when that is worth a line.
+    virtual void tellFailure(CardLock::Result) {}
+    /// Says who makes the wait for a core lock long.
+    virtual void tellCoreHolder(pid_t) {}
+
+    /// Lets the card do what is due. Call it with the state locked.
     virtual void bringUpToDate() = 0;
     /// The next use of the card reads the clock anew, also within a second.
     virtual void forgetTime() = 0;
@@ -39,7 +45,7 @@ public:
     virtual std::optional<Holder> holderOf(CardPart stream) const = 0;
 
 protected:
-    explicit CardBackend(CardBlock& block) : m_block(&block) {}
+    CardBackend(CardState& state, CardLocks& locks) : m_state(&state), m_locks(&locks) {}
 
     static bool open(Card card, CardPart stream) {
         return stream.kind == CardPart::kUp ? card.openUp(stream.channel) : card.openDown(stream.channel);
@@ -49,7 +55,8 @@ protected:
     }
 
 private:
-    CardBlock* m_block;
+    CardState* m_state;
+    CardLocks* m_locks;
 };
 
 }  // namespace vexo_sim

@@ -1,5 +1,7 @@
 #include "sim/hw/Cards.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -14,32 +16,71 @@
 #include "sim/hw/Hooks.h"
 #include "sim/hw/HostedCard.h"
 #include "sim/hw/OwnCard.h"
+#include "sim/shm/CardPlaces.h"
 
 namespace vexo_sim {
 namespace {
 
-// The scenario of a card of the process's own; null for none.
-const char* scenarioPath() {
-    const char* path = ::secure_getenv("VEXO_SIM_SCENARIO");
-    return path != nullptr && *path != '\0' ? path : nullptr;
+constexpr char kScenarioVariable[] = "VEXO_SIM_SCENARIO";
+
+std::string environment(const char* variable) {
+    const char* value = ::secure_getenv(variable);
+    return value != nullptr ? value : "";
 }
 
-void addFailures(const HwCard& card) {
-    const HostInfo& info = card.block().host;
-    for (std::uint32_t n = 0; n < std::min(info.failureCount, kMaxSharedFailures); ++n)
-        hooks::addScript(info.failures[n], &card);
+// Whether the environment describes a card of the process's own: by a scenario file, by settings, or by both.
+bool hasScenario() {
+    return !environment(kScenarioVariable).empty() || !environment(scenario::kSettingsVariable).empty();
 }
 
-std::unique_ptr<HwCard> makeHosted(std::uint32_t index) {
-    std::unique_ptr<HostedCard> hosted = HostedCard::attach(index);
+void addFailures(const HwCard& card, const HostInfo& info) {
+    const std::uint32_t count = std::min(info.failureCount, kMaxSharedFailures);
+    for (std::uint32_t n = 0; n < count; ++n) {
+        const CallFailure failure = info.failures[n];
+        hooks::addScript(failure, &card);  // refuses what is no failure
+    }
+}
+
+std::unique_ptr<HwCard> makeHosted(std::uint32_t index, uid_t user) {
+    std::unique_ptr<HostedCard> hosted = HostedCard::attach(index, user);
     if (hosted == nullptr) return nullptr;
     auto card = std::make_unique<HwCard>();
     card->index = index;
-    card->backend = std::move(hosted);
     card->accelerator.card = card.get();
     card->accelerator.alive = true;
-    addFailures(*card);
+    addFailures(*card, hosted->info());
+    card->backend = std::move(hosted);
     return card;
+}
+
+// What VEXO_SIM_CARD asks for.
+struct Wish {
+    bool own = true;     // a card of the process's own is welcome
+    bool hosted = true;  // a hosted one is
+    uid_t user = geteuid();
+};
+
+// Nothing, with a line on standard error, when the variable cannot be understood.
+std::optional<Wish> readWish() {
+    constexpr std::string_view kHostedBy = "hosted:";
+    const char* variable = ::secure_getenv("VEXO_SIM_CARD");
+    const std::string_view text = variable != nullptr ? variable : "";
+    if (text == "" || text == "auto") return Wish{true, !hasScenario()};
+    if (text == "embedded") return Wish{true, false};
+    if (text == "hosted") return Wish{false, true};
+    if (text.substr(0, kHostedBy.size()) != kHostedBy) {
+        std::fprintf(stderr,
+                     "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded, hosted or hosted:USER: "
+                     "no simulated card.\n",
+                     variable);
+        return std::nullopt;
+    }
+    const std::string name(text.substr(kHostedBy.size()));
+    const std::optional<uid_t> user = findUser(name);
+    if (user) return Wish{false, true, *user};
+    std::fprintf(stderr, "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", there is no user %s: no simulated card.\n", variable,
+                 name.c_str());
+    return std::nullopt;
 }
 
 bool isUsable(const HwCard* card) { return card != nullptr && card->backend->isCurrent(); }
@@ -52,33 +93,27 @@ Cards& Cards::instance() {
 }
 
 void Cards::decide() {
-    const char* variable = ::secure_getenv("VEXO_SIM_CARD");
-    const std::string_view wish = variable != nullptr ? variable : "";
-    if (wish != "" && wish != "auto" && wish != "embedded" && wish != "hosted") {
-        std::fprintf(stderr,
-                     "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded or hosted: "
-                     "no simulated card.\n",
-                     variable);
-        return;
-    }
-    const bool mayBeHosted = wish == "hosted" || (wish != "embedded" && scenarioPath() == nullptr);
-    if (mayBeHosted) attachHosted();
+    const std::optional<Wish> wish = readWish();
+    if (!wish) return;
+    m_hostUser = wish->user;
+    if (wish->hosted) attachHosted();
     const bool found = std::any_of(std::begin(m_cards), std::end(m_cards),
                                    [](HwCard* card) { return card != nullptr; });
-    if (wish == "hosted" && !found)
+    if (!wish->own && !found)
         std::fprintf(stderr, "libenyx-hw-c: no card is hosted that this user may use. Start one: vexo-simcard\n");
-    if (wish == "hosted" || found)
+    if (!wish->own || found)
         m_kind = Kind::kHosted;
     else if (makeOwn())
         m_kind = Kind::kEmbedded;
 }
 
 bool Cards::makeOwn() {
-    const char* path = scenarioPath();
-    if (path == nullptr)
+    if (!hasScenario())
         return powerOn(1, [](Card& card, const CardTime& now, std::uint32_t) { card.powerOn(CardConfig{}, now); }) == 0;
     std::string error;
-    const std::optional<scenario::Scenario> scenario = scenario::load(path, error);
+    const std::optional<scenario::Scenario> scenario = scenario::load(
+        environment(kScenarioVariable), scenario::settingsOfEnvironment(environment(scenario::kSettingsVariable)),
+        error);
     if (!scenario) std::fprintf(stderr, "libenyx-hw-c: %s\nlibenyx-hw-c: no simulated card.\n", error.c_str());
     return scenario && powerOn(*scenario) == 0;
 }
@@ -87,7 +122,7 @@ void Cards::attachHosted() {
     for (std::uint32_t index = 0; index < kMaxCards; ++index) {
         if (isUsable(m_cards[index])) continue;
         if (m_cards[index] != nullptr) hooks::removeScripts(m_cards[index]);
-        std::unique_ptr<HwCard> card = makeHosted(index);
+        std::unique_ptr<HwCard> card = makeHosted(index, m_hostUser);
         if (card == nullptr) continue;
         m_cards[index] = card.get();
         m_attached.push_back(std::move(card));
@@ -133,7 +168,8 @@ int Cards::powerCycle(const scenario::Scenario& scenario) {
 int Cards::claimOwn() {
     std::call_once(m_firstUse, [this] {
         const char* wish = ::secure_getenv("VEXO_SIM_CARD");
-        m_kind = wish != nullptr && std::string_view(wish) == "hosted" ? Kind::kHosted : Kind::kEmbedded;
+        const std::string_view text = wish != nullptr ? wish : "";
+        m_kind = text.substr(0, 6) == "hosted" ? Kind::kHosted : Kind::kEmbedded;
     });
     if (m_kind == Kind::kHosted) {
         errno = EPERM;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -15,8 +17,9 @@ inline constexpr std::uint32_t kMaxCards = 5;
 class OwnCard;
 
 /// The cards that the process sees. The first use decides which: those that hosts offer, or else a card of the
-/// process's own, as the scenario file in VEXO_SIM_SCENARIO says. VEXO_SIM_CARD, `hosted` or `embedded`, insists on the
-/// one or the other.
+/// process's own. VEXO_SIM_SCENARIO and VEXO_SIM_SET may describe that one; with either, hosts are ignored.
+/// VEXO_SIM_CARD, `hosted` or `embedded`, insists on the one or the other. Hosts are those of the
+/// process's own user, unless `hosted:USER` names another one.
 class Cards {
 public:
     static Cards& instance();
@@ -50,6 +53,7 @@ private:
     std::once_flag m_firstUse;
     std::mutex m_mutex;  // over a change of the cards
     Kind m_kind = Kind::kNone;
+    uid_t m_hostUser = 0;  // whose hosted cards are used
     std::atomic<HwCard*> m_cards[kMaxCards] = {};
     HwCard m_own[kMaxCards];                          // each with an OwnCard, from its first power-on
     std::vector<std::unique_ptr<HwCard>> m_attached;  // of dead hosts too: handles may point at them

@@ -26,6 +26,7 @@ int onCard(std::uint32_t index, bool valid, Work work) {
     if (card == nullptr) return -1;
     if (!valid) return fail(EINVAL);
     CardAccess access(*card);
+    if (!access) return -1;
     return work(*access);
 }
 

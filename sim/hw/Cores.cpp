@@ -27,7 +27,9 @@ bool answers(enyx_hw_core* core) {
 // The card's logic is one piece: a reset of either core resets all of it.
 int resetCore(enyx_hw_core* core) {
     if (!answers(core)) return -1;
-    CardAccess(*core->mmio->card)->reset();
+    CardAccess access(*core->mmio->card);
+    if (!access) return -1;
+    access->reset();
     return 0;
 }
 
@@ -43,11 +45,15 @@ ssize_t findCores(enyx_hw_core* root, std::uint16_t hardwareId, enyx_hw_core** c
 }
 
 CoreLock& lockOf(enyx_hw_core* core) {
-    CardBlock& block = core->mmio->card->block();
-    return core->hardwareId == kRootCoreId ? block.rootLock : block.registerLock;
+    CardLocks& locks = core->mmio->card->backend->locks();
+    return core->hardwareId == kRootCoreId ? locks.rootCore : locks.registerCore;
 }
 
-int lockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).lock()) : -1; }
+int lockCore(enyx_hw_core* core) {
+    if (!usable(core)) return -1;
+    CardBackend& backend = *core->mmio->card->backend;
+    return report(lockOf(core).lock([&](pid_t holder) { backend.tellCoreHolder(holder); }));
+}
 
 int unlockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).unlock()) : -1; }
 
@@ -72,6 +78,7 @@ int readField(enyx_hw_core* core, const enyx_hw_register_description* field, std
     HwCard& card = *core->mmio->card;
     if (showsTime(*field)) card.backend->forgetTime();
     CardAccess access(card);
+    if (!access) return -1;
     const bool isField = registers::readField(access->state(), field->address, field->bit_offset, field->bit_width,
                                               *value);
     return isField ? 0 : report(EINVAL);
@@ -80,6 +87,7 @@ int readField(enyx_hw_core* core, const enyx_hw_register_description* field, std
 int writeField(enyx_hw_core* core, const enyx_hw_register_description* field, std::uint64_t value) {
     if (!isAccess(core, field)) return -1;
     CardAccess access(*core->mmio->card);
+    if (!access) return -1;
     const bool isField = registers::writeField(access->state(), field->address, field->bit_offset, field->bit_width,
                                                value);
     return isField ? 0 : report(EINVAL);

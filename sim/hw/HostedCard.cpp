@@ -12,57 +12,66 @@ std::size_t slotOf(CardPart stream) { return (stream.kind == CardPart::kUp ? 0 :
 
 }  // namespace
 
-std::unique_ptr<HostedCard> HostedCard::attach(std::uint32_t bus) {
-    std::optional<AttachedCard> card = attachCard(bus);
-    return card ? std::unique_ptr<HostedCard>(new HostedCard(std::move(*card))) : nullptr;
+std::unique_ptr<HostedCard> HostedCard::attach(std::uint32_t bus, uid_t user) {
+    std::unique_ptr<SharedCard> card = attachCard(bus, user, "libenyx-hw-c");
+    return card != nullptr ? std::unique_ptr<HostedCard>(new HostedCard(std::move(card))) : nullptr;
 }
 
 bool HostedCard::isCurrent() const {
+    const CardFile& file = m_card->file();
     struct stat named {};
-    return responds() && stat(m_file.path().c_str(), &named) == 0 && named.st_dev == m_file.device() &&
-           named.st_ino == m_file.inode();
+    return responds() && stat(file.path().c_str(), &named) == 0 && named.st_dev == file.device() &&
+           named.st_ino == file.inode();
 }
 
-std::optional<Holder> HostedCard::host() const { return describeHost(m_file, block()); }
+std::optional<Holder> HostedCard::host() const { return m_card->host(); }
 
-bool HostedCard::ownsHere(CardPart stream) const { return m_owner[slotOf(stream)] == getpid(); }
+void HostedCard::tellFailure(CardLock::Result result) {
+    if (result == CardLock::kTimedOut) m_card->tellStuckHolder();
+}
+
+bool HostedCard::ownsHere(CardPart stream) const { return m_owner[slotOf(stream)] == forkGeneration() + 1; }
 
 bool HostedCard::claim(CardPart stream) {
-    std::atomic<pid_t>& owner = m_owner[slotOf(stream)];
-    const pid_t self = getpid();
-    pid_t before = owner;
+    std::atomic<std::uint32_t>& owner = m_owner[slotOf(stream)];
+    const std::uint32_t self = forkGeneration() + 1;
+    std::uint32_t before = owner;
     if (before == self || !owner.compare_exchange_strong(before, self)) return false;
-    if (m_file.claim(stream)) return true;
+    if (m_card->file().claim(stream)) return true;
     owner = before;
     return false;
 }
 
 void HostedCard::release(CardPart stream) {
-    m_file.release(stream);
+    m_card->file().release(stream);
     m_owner[slotOf(stream)] = 0;
 }
 
 bool HostedCard::take(CardPart stream) {
     if (!claim(stream)) return false;
-    const BlockLock lock(block());
-    const Card card(block().state);
-    close(card, stream);  // its last owner may have died and left it open
-    if (open(card, stream)) return true;
+    {
+        const StateLock lock(locks(), state());
+        if (!lock.owns()) tellFailure(lock.result());
+        if (lock.owns()) close(Card(state()), stream);  // its last owner may have died and left it open
+        if (lock.owns() && open(Card(state()), stream)) return true;
+    }
     release(stream);
     return false;
 }
 
+// The kernel's lock goes in any case. When the state cannot be locked, the host closes the stream, as one whose owner
+// died.
 void HostedCard::giveBack(CardPart stream) {
     if (!ownsHere(stream)) return;
     {
-        const BlockLock lock(block());
-        close(Card(block().state), stream);
+        const StateLock lock(locks(), state());
+        if (lock.owns()) close(Card(state()), stream);
     }
     release(stream);
 }
 
 std::optional<Holder> HostedCard::holderOf(CardPart stream) const {
-    if (const std::optional<pid_t> other = m_file.holderOf(stream)) return describeProcess(*other);
+    if (const std::optional<pid_t> other = m_card->file().holderOf(stream)) return describeProcess(*other);
     if (ownsHere(stream)) return describeProcess(getpid());
     return std::nullopt;
 }

@@ -7,19 +7,24 @@
 #include <memory>
 
 #include "sim/hw/CardBackend.h"
-#include "sim/shm/AttachedCard.h"
+#include "sim/shm/SharedCard.h"
 
 namespace vexo_sim {
 
 /// A card that another process hosts.
 class HostedCard final : public CardBackend {
 public:
-    /// The card of a living host at @p bus. Null when there is none that this process may use.
-    static std::unique_ptr<HostedCard> attach(std::uint32_t bus);
+    /// The card of a living host of @p user at @p bus. Null when there is none.
+    static std::unique_ptr<HostedCard> attach(std::uint32_t bus, uid_t user);
 
-    bool responds() const override { return m_file.holderOf({CardPart::kHost}).has_value(); }
+    /// What the host says of the card. Others may change it at any time: copy a value before you check it.
+    const HostInfo& info() const { return m_card->block().host; }
+
+    bool responds() const override { return m_card->file().holderOf({CardPart::kHost}).has_value(); }
     bool isCurrent() const override;
     std::optional<Holder> host() const override;
+    void tellFailure(CardLock::Result result) override;
+    void tellCoreHolder(pid_t holder) override { m_card->tellCoreHolder(holder); }
     void bringUpToDate() override {}
     void forgetTime() override {}
     PacketView advanceAndPeek(RingState&) override { return {}; }
@@ -28,16 +33,17 @@ public:
     std::optional<Holder> holderOf(CardPart stream) const override;
 
 private:
-    explicit HostedCard(AttachedCard card) : CardBackend(*card.block), m_file(std::move(card.file)) {}
+    explicit HostedCard(std::unique_ptr<SharedCard> card)
+        : CardBackend(card->block().state, card->locks()), m_card(std::move(card)) {}
 
     bool claim(CardPart stream);
     void release(CardPart stream);
     bool ownsHere(CardPart stream) const;
 
-    CardFile m_file;
-    // The process that owns each stream through this object, 0 for none. The kernel's locks do not tell handles of one
-    // process apart, and after a fork() the child finds its parent's number here.
-    std::array<std::atomic<pid_t>, 2 * kStreams> m_owner{};
+    std::unique_ptr<SharedCard> m_card;
+    // Whether this process owns each stream through this object: forkGeneration() + 1, 0 for no. The kernel's locks do
+    // not tell handles of one process apart, and after a fork() the child finds its parent's number here.
+    std::array<std::atomic<std::uint32_t>, 2 * kStreams> m_owner{};
 };
 
 }  // namespace vexo_sim

@@ -17,8 +17,6 @@ struct HwCard {
     std::unique_ptr<CardBackend> backend;
     enyx_hw_accelerator accelerator;
     std::atomic<bool> announced{false};  // the banner was written
-
-    CardBlock& block() const { return backend->block(); }
 };
 
 /// Whether a card can be opened. errno is ENODEV if not: it went with a power cycle, or with its host.
@@ -28,21 +26,31 @@ inline bool isPresent(const HwCard& card) {
     return false;
 }
 
-/// Exclusive use of a card.
+/// Exclusive use of a card. It may fail: then errno says why, and the card must be left alone.
 class CardAccess {
 public:
     enum When {
         kPresent,  // brought up to the present moment first
         kAsItIs,   // for what does not depend on the time: saves a look at the clock
     };
-    explicit CardAccess(HwCard& card, When when = kPresent) : m_lock(card.block()), m_card(card.block().state) {
-        if (when == kPresent) card.backend->bringUpToDate();
+    explicit CardAccess(HwCard& card, When when = kPresent)
+        : m_lock(card.backend->locks(), card.backend->state()), m_card(card.backend->state()) {
+        if (!m_lock.owns())
+            fail(*card.backend);
+        else if (when == kPresent)
+            card.backend->bringUpToDate();
     }
+    explicit operator bool() const { return m_lock.owns(); }
     Card* operator->() { return &m_card; }
     Card& operator*() { return m_card; }
 
 private:
-    BlockLock m_lock;
+    [[gnu::cold, gnu::noinline]] void fail(CardBackend& backend) {
+        backend.tellFailure(m_lock.result());
+        errno = CardLock::errorOf(m_lock.result());
+    }
+
+    StateLock m_lock;
     Card m_card;
 };
 

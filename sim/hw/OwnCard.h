@@ -20,10 +20,10 @@ public:
     /// Switches the card on: switchOn(Card&, now) does it. The replay of a capture ends.
     template <typename SwitchOn>
     void powerOn(SwitchOn switchOn) {
-        const BlockLock lock(block());
+        const StateLock lock(m_ownLocks, state());
         m_replay.reset();
         m_clock.forget();
-        Card card(block().state);
+        Card card(state());
         switchOn(card, m_clock.now());
     }
     /// Replays the scenario's capture. False, with the reason in @p problem, when that is not possible; @p problem may
@@ -41,12 +41,14 @@ public:
     std::optional<Holder> holderOf(CardPart stream) const override;
 
 private:
-    using Memory = ZeroedMemory<CardBlock>;
-    explicit OwnCard(std::unique_ptr<Memory> memory) : CardBackend(*memory->get()), m_memory(std::move(memory)) {}
+    using Memory = ZeroedMemory<CardState>;
+    explicit OwnCard(std::unique_ptr<Memory> memory)
+        : CardBackend(*memory->get(), m_ownLocks), m_memory(std::move(memory)) {}
 
-    void advance(CardState& state);
+    void advance();
 
     std::unique_ptr<Memory> m_memory;
+    CardLocks m_ownLocks;
     HostClock m_clock;
     std::unique_ptr<CardReplay> m_replay;
 };

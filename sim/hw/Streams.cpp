@@ -16,7 +16,7 @@ struct Up {
     using Stream = enyx_hw_a2c_stream;
     static constexpr CardPart::Kind kPart = CardPart::kUp;
     static void attach(Stream& stream) {
-        stream.ring = &stream.card->block().state.up[stream.channel].ring;
+        stream.ring = &stream.card->backend->state().up[stream.channel].ring;
         stream.delivering = false;
     }
 };
@@ -50,7 +50,7 @@ ssize_t enumerateStreams(const enyx_hw_accelerator* accelerator, const enyx_hw_f
 
 std::string holderOf(const HwCard& card, CardPart stream) {
     const CardBackend& backend = *card.backend;
-    const std::uint32_t heldUp = backend.block().state.faults.heldUp;
+    const std::uint32_t heldUp = backend.state().faults.heldUp;
     const bool byScenario = stream.kind == CardPart::kUp && (heldUp >> stream.channel & 1) != 0;
     if (byScenario) return toText(backend.host().value_or(describeProcess(getpid()))) + ", as its scenario says";
     const std::optional<Holder> holder = backend.holderOf(stream);
@@ -93,7 +93,9 @@ int getMtu(const Stream* stream, std::uint32_t* mtu) {
         errno = EINVAL;
         return -1;
     }
-    *mtu = CardAccess(*stream->card, CardAccess::kAsItIs)->state().config.mtu;
+    CardAccess card(*stream->card, CardAccess::kAsItIs);
+    if (!card) return -1;
+    *mtu = card->state().config.mtu;
     return 0;
 }
 
@@ -103,7 +105,9 @@ int getCounter(const enyx_hw_a2c_stream* stream, std::uint32_t UpStreamState::*c
         errno = EINVAL;
         return -1;
     }
-    *value = CardAccess(*stream->card)->state().up[stream->channel].*counter;
+    CardAccess card(*stream->card);
+    if (!card) return -1;
+    *value = card->state().up[stream->channel].*counter;
     return 0;
 }
 
@@ -143,8 +147,17 @@ int poll(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* c
 int send(enyx_hw_c2a_stream* stream, const void* data, std::uint32_t size) {
     if (!usable(stream) || data == nullptr || size == 0) return EINVAL;
     CardAccess card(*stream->card, CardAccess::kAsItIs);
+    if (!card) return errno;
     if (size > card->state().config.mtu) return EMSGSIZE;
     return card->send(stream->channel, size) ? 0 : EAGAIN;
+}
+
+// The poll of a process that is traced, or that has failures to come.
+[[gnu::noinline, gnu::cold]] int pollSlow(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
+                                          void* context) {
+    return perform(
+        Call::kA2cStreamPollOnce, [=] { return poll(stream, handler, context); },
+        [=](TraceLine& line) { line.stream(stream); });
 }
 
 template <typename Stream>
@@ -190,9 +203,8 @@ int enyx_hw_a2c_stream_get_mtu(const enyx_hw_a2c_stream* stream, uint32_t* mtu) 
 }
 
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
-    return perform(
-        Call::kA2cStreamPollOnce, [=] { return poll(stream, handler, context); },
-        [=](TraceLine& line) { line.stream(stream); });
+    if (hooks::g_active.load(std::memory_order_relaxed) != 0) return pollSlow(stream, handler, context);
+    return poll(stream, handler, context);
 }
 
 int enyx_hw_a2c_stream_stats_get_backpressure(const enyx_hw_a2c_stream* stream, uint32_t* value) {

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::uint32_t kAnyNumber = ~std::uint32_t{0};
 
-// One key: what becomes of its value.
+// One key and the function that takes over its value.
 struct Key {
     const char* section;
     const char* name;
@@ -26,8 +26,12 @@ void takeNumber(const Value& value, Scenario& s) {
     s.config.*field = parse::number32(value, least, most);
 }
 
-std::string besideScenario(const Value& value) {
-    return (std::filesystem::path(value.file).parent_path() / value.text).string();
+// A path in a file is relative to the file's directory, one in a setting to the working directory.
+std::string pathOf(const Value& value) {
+    const std::filesystem::path directory = value.isSetting() ? "" : std::filesystem::path(value.file).parent_path();
+    const std::string path = (directory / value.text).string();
+    requireFile(path, value.file, value.line, value.isSetting() ? "the working directory" : "the scenario's directory");
+    return path;
 }
 
 void takeDescription(const Value& value, Scenario& s) { s.description = value.text; }
@@ -58,9 +62,7 @@ void takeList(const Value& value, Scenario& s) {
 }
 
 void takeInstruments(const Value& value, Scenario& s, std::vector<Instrument> (*read)(const std::string&)) {
-    const std::string path = besideScenario(value);
-    requireFile(path, value.file, value.line);
-    s.instruments = read(path);
+    s.instruments = read(pathOf(value));
 }
 void takeInstrumentFile(const Value& value, Scenario& s) { takeInstruments(value, s, readInstrumentList); }
 void takeDayFile(const Value& value, Scenario& s) { takeInstruments(value, s, readDayFile); }
@@ -75,10 +77,7 @@ void takePace(const Value& value, Scenario& s) {
     s.config.pace = *pace;
 }
 
-void takeReplayFile(const Value& value, Scenario& s) {
-    s.replayFile = besideScenario(value);
-    requireFile(s.replayFile, value.file, value.line);
-}
+void takeReplayFile(const Value& value, Scenario& s) { s.replayFile = pathOf(value); }
 
 void takeReplayMap(const Value& value, Scenario& s) {
     s.replayMap = parse::word(value, {{"capture", 1}, {"card", 0}}) != 0;
@@ -160,26 +159,29 @@ void checkBursts(const IniFile& file, const CardConfig& c) {
 void checkReplay(const IniFile& file, const Scenario& scenario) {
     const Section* replay = sectionOf(file, "replay");
     if (replay == nullptr) return;
-    if (scenario.replayFile.empty())
-        throw Rejected(file.path(), replay->line, "[replay] needs the key file; give it, or remove the section");
+    if (scenario.replayFile.empty()) replay->reject("[replay] needs the key file; give it, or remove the section");
     const Section* quotes = sectionOf(file, "quotes");
     if (quotes != nullptr && !quotes->values.empty())
-        throw Rejected(file.path(), quotes->line,
-                       "a card that replays a capture sends no quotes of its own; remove [quotes] or [replay]");
+        quotes->reject("a card that replays a capture sends no quotes of its own; remove [quotes] or [replay]");
 }
 
 }  // namespace
 
-void readCardSection(const Section& section, const std::string& path, Scenario& scenario) {
+bool isPath(const std::string& section, const std::string& key) {
+    const Key* found = find(section, key);
+    return found != nullptr &&
+           (found->take == takeInstrumentFile || found->take == takeDayFile || found->take == takeReplayFile);
+}
+
+void readCardSection(const Section& section, Scenario& scenario) {
     const std::string keys = keysOf(section.name);
     if (keys.empty())
-        throw Rejected(path, section.line,
-                       "there is no section [" + section.name +
-                           "]; use scenario, card, instruments, quotes, pace, replay or fault NAME");
+        section.reject("there is no section [" + section.name +
+                       "]; use scenario, card, instruments, quotes, pace, replay or fault NAME");
     for (const auto& [name, value] : section.values) {
         const Key* key = find(section.name, name);
         if (key == nullptr)
-            throw Rejected(path, value.line, "[" + section.name + "] has no key " + name + "; use " + keys);
+            throw Rejected(value.file, value.line, "[" + section.name + "] has no key " + name + "; use " + keys);
         key->take(value, scenario);
     }
 }

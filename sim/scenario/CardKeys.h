@@ -6,9 +6,12 @@
 namespace vexo_sim::scenario {
 
 /// Takes over a section other than [fault NAME]. Throws Rejected.
-void readCardSection(const Section& section, const std::string& path, Scenario& scenario);
+void readCardSection(const Section& section, Scenario& scenario);
 
-/// What no key alone can tell: values that exclude each other. Throws Rejected.
+/// Whether the value of a key is a path.
+bool isPath(const std::string& section, const std::string& key);
+
+/// Rejects values that exclude each other. Throws Rejected.
 void checkTogether(const IniFile& file, const Scenario& scenario);
 
 std::vector<KeyName> cardKeys();

@@ -16,7 +16,7 @@ constexpr std::uint32_t kMapChannel = 1;  // bit of channel 0: contract-map pack
 // The keys of one fault section.
 class Keys {
 public:
-    explicit Keys(const Section& section, const std::string& path) : m_section(section), m_path(path) {}
+    explicit Keys(const Section& section) : m_section(section) {}
 
     const Value* find(const char* key) const {
         const auto found = m_section.values.find(key);
@@ -24,8 +24,7 @@ public:
     }
     const Value& require(const char* key) const {
         const Value* value = find(key);
-        if (value == nullptr)
-            throw Rejected(m_path, m_section.line, "[" + m_section.name + "] needs the key " + key + "; give it");
+        if (value == nullptr) reject("[" + m_section.name + "] needs the key " + key + "; give it");
         return *value;
     }
     std::uint32_t number(const char* key, std::uint32_t absent, std::uint32_t least, std::uint32_t most) const {
@@ -36,11 +35,10 @@ public:
         const Value* value = find("channels");
         return value != nullptr ? parse::channels(*value) : (1U << kStreams) - 1;
     }
-    [[noreturn]] void reject(const std::string& what) const { throw Rejected(m_path, m_section.line, what); }
+    [[noreturn]] void reject(const std::string& what) const { m_section.reject(what); }
 
 private:
     const Section& m_section;
-    const std::string& m_path;
 };
 
 using Names = std::vector<const char*>;
@@ -172,14 +170,14 @@ void takeCallFails(const Keys& keys, Scenario& s) {
     s.callFailures.push_back(failure);
 }
 
-// Keys that every packet fault has, with those of its own.
+// The keys of every packet fault, then its own.
 Names packetKeys(Names own = {}) {
     Names keys = {"channels", "packets", "first", "every", "times", "per_million"};
     keys.insert(keys.end(), own.begin(), own.end());
     return keys;
 }
 
-// Of faults of contract-map packets, which are on one channel: there is nothing to choose.
+// Faults of contract-map packets have no channel to choose: the packets are on channel 0 alone.
 Names mapKeys(Names own) {
     Names keys = {"first", "every", "times", "per_million"};
     keys.insert(keys.end(), own.begin(), own.end());
@@ -229,14 +227,14 @@ bool has(const Kind& kind, const std::string& key) {
 
 }  // namespace
 
-void readFault(const Section& section, const std::string& path, Scenario& scenario) {
-    const Keys keys(section, path);
+void readFault(const Section& section, Scenario& scenario) {
+    const Keys keys(section);
     const Kind& kind = kindOf(keys.require("kind"));
     for (const auto& [name, value] : section.values) {
         if (name == "kind" || has(kind, name)) continue;
         std::string known = "kind";
         for (const char* key : kind.keys) known += std::string(", ") + key;
-        throw Rejected(path, value.line,
+        throw Rejected(value.file, value.line,
                        std::string("a fault of kind ") + kind.name + " has no key " + name + "; use " + known);
     }
     kind.take(keys, scenario);

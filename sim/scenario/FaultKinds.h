@@ -6,7 +6,7 @@
 namespace vexo_sim::scenario {
 
 /// Takes over a [fault NAME] section. Throws Rejected.
-void readFault(const Section& section, const std::string& path, Scenario& scenario);
+void readFault(const Section& section, Scenario& scenario);
 
 std::vector<FaultKindName> faultKinds();
 

@@ -16,7 +16,7 @@ std::string lowered(std::string text) {
     return text;
 }
 
-// What iniparser takes for a name without surprises: a colon would be its own separator.
+// Names that iniparser reads without surprises. A colon is its own separator.
 bool isName(const std::string& text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
         return std::isalnum(c) != 0 || c == '_' || c == '-' || c == ' ' || c == '.';
@@ -27,9 +27,42 @@ bool isName(const std::string& text) {
 
 void Value::reject(const std::string& what) const { throw Rejected(file, line, key + ": " + what); }
 
-IniFile::IniFile(const std::string& path) : m_path(path) {
-    scan(readLines(path));
-    readValues();
+void Section::reject(const std::string& what) const { throw Rejected(file, line, what); }
+
+SettingParts partsOf(const KeySettings& settings, const std::string& text) {
+    if (!isPlainText(text)) throw Rejected(settings.option, 0, "a setting has a control character; write plain text");
+    if (text.size() > kLongestLine)
+        throw Rejected(settings.option, 0, "a setting is too long; keep it below 1,000 characters");
+    const std::size_t equals = text.find('=');
+    const std::string name = lowered(text.substr(0, equals));
+    const std::size_t dot = name.rfind('.');  // the name of a fault may have one too
+    if (equals == std::string::npos || dot == std::string::npos)
+        throw Rejected(settings.placeOf(text), 0, "this sets no key; write section.key=value");
+    SettingParts parts{trimmed(name.substr(0, dot)), trimmed(name.substr(dot + 1)), trimmed(text.substr(equals + 1))};
+    if (!isName(parts.section) || !isName(parts.key))
+        throw Rejected(settings.placeOf(text), 0, "this sets no key; write section.key=value");
+    return parts;
+}
+
+IniFile::IniFile(const std::string& path, const KeySettings& settings) : m_path(path) {
+    if (!path.empty()) {
+        scan(readLines(path));
+        readValues();
+    }
+    for (const std::string& text : settings.texts) apply(settings, text);
+}
+
+void IniFile::apply(const KeySettings& settings, const std::string& text) {
+    const SettingParts parts = partsOf(settings, text);
+    const auto sameName = [&](const Section& section) { return section.name == parts.section; };
+    auto section = std::find_if(m_sections.begin(), m_sections.end(), sameName);
+    if (section == m_sections.end())
+        section = m_sections.insert(section, {parts.section, settings.placeOf(text), 0, {}});
+    Value& value = section->values[parts.key];
+    if (!value.key.empty() && value.isSetting())
+        throw Rejected(settings.placeOf(text), 0, value.file + " sets the same key; remove one of the two");
+    value = {parts.value, settings.placeOf(text), 0, parts.key};
+    if (value.text.empty()) value.reject("there is no value; give one, or remove the setting");
 }
 
 void IniFile::scan(const std::vector<std::string>& lines) {
@@ -56,7 +89,7 @@ void IniFile::openSection(const std::string& line, std::size_t number) {
             throw Rejected(m_path, number,
                            "section [" + name + "] begins in line " + std::to_string(other.line) +
                                " already; put its keys together, or choose another name");
-    m_sections.push_back({name, number, {}});
+    m_sections.push_back({name, m_path, number, {}});
 }
 
 void IniFile::addKey(const std::string& line, std::size_t number) {

@@ -8,7 +8,7 @@
 
 #include "sim/scenario/IniFile.h"
 
-/// Values of a scenario. Each function throws Rejected for what is no such value.
+/// Values of a scenario. Each function throws Rejected for any other text.
 namespace vexo_sim::scenario::parse {
 
 /// Decimal, or hexadecimal with 0x.

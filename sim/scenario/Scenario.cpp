@@ -15,15 +15,21 @@ namespace {
 
 bool isFault(const Section& section) { return section.name == "fault" || section.name.rfind("fault ", 0) == 0; }
 
-Scenario read(const std::string& path) {
-    const IniFile file(path);
+std::string nameOf(const std::string& path, const KeySettings& settings) {
+    std::string name = std::filesystem::path(path).stem().string();
+    for (const std::string& text : settings.texts) name += (name.empty() ? "" : ", ") + text;
+    return name;
+}
+
+Scenario read(const std::string& path, const KeySettings& settings) {
+    const IniFile file(path, settings);
     Scenario scenario;
-    scenario.name = std::filesystem::path(path).stem().string();
+    scenario.name = nameOf(path, settings);
     for (const Section& section : file.sections()) {
         if (isFault(section))
-            readFault(section, path, scenario);
+            readFault(section, scenario);
         else
-            readCardSection(section, path, scenario);
+            readCardSection(section, scenario);
     }
     checkTogether(file, scenario);
     return scenario;
@@ -55,16 +61,23 @@ void spoil(CardState& s, const Scenario& scenario) {
 
 }  // namespace
 
-std::optional<Scenario> load(const std::string& path, std::string& error) {
+std::optional<Scenario> load(const std::string& path, const KeySettings& settings, std::string& error) {
+    const std::string& whole = path.empty() ? settings.option : path;
     try {
-        return read(path);
+        return read(path, settings);
     } catch (const Rejected& rejected) {
         error = rejected.what();
     } catch (const std::bad_alloc&) {
-        error = path + ": there is not enough memory to read it";
+        error = whole + ": there is not enough memory to read the scenario";
     } catch (const std::filesystem::filesystem_error&) {
-        error = path + ": this is no path; check it";
+        error = whole + ": this is no path; check it";
     }
+    return std::nullopt;
+}
+
+std::optional<Scenario> load(const std::string& path, std::string& error) {
+    if (!path.empty()) return load(path, {}, error);
+    error = "no scenario file is named; give its path";
     return std::nullopt;
 }
 

@@ -7,9 +7,10 @@
 
 #include "sim/card/CallFailure.h"
 #include "sim/card/Card.h"
+#include "sim/scenario/KeySettings.h"
 
-/// Scenarios: ini files that say what a simulated card is, what it sends, and what is wrong with it. All that a file
-/// may contain is told in sim/scenarios/README.md.
+/// Scenarios: ini files that say what a simulated card is, what it sends, and what is wrong with it.
+/// sim/scenarios/README.md lists all keys.
 namespace vexo_sim::scenario {
 
 inline constexpr std::uint32_t kMaxBus = 4;
@@ -35,12 +36,12 @@ struct StreamErrors {
 };
 
 struct Scenario {
-    std::string name;  // of the file, without directory and extension
+    std::string name;  // of the file, without directory and extension, then the settings
     std::string description;
     std::uint32_t bus = 0;
 
     CardConfig config;
-    DateChoice date = DateChoice::kGiven;  // other than kGiven: config.initialDate follows from the day of power-on
+    DateChoice date = DateChoice::kGiven;  // unless kGiven, the day of power-on decides
     std::optional<std::uint32_t> clock;    // second of the day that the exchange's clock shows at power-on
     std::optional<std::vector<Instrument>> instruments;  // a list of its own; otherwise config.instruments
 
@@ -59,9 +60,14 @@ struct Scenario {
     bool replayMap = true;   // contract-map packets come from the capture, not from the card
 };
 
-/// Reads a scenario. A path in the file is relative to the file's own directory.
-/// @param error  when there is one: "FILE:LINE: what is wrong; what to do", in one line without its end
-/// @return nothing when the file, or a file that it names, cannot be used
+/// Reads a scenario file, then the settings. A path in the file is relative to the file's directory, one in a setting
+/// to the working directory.
+/// @param path   empty = settings alone
+/// @param error  set on failure: "FILE:LINE: what is wrong; what to do", one line without its line feed. An error of a
+///               setting names the setting instead of file and line.
+/// @return nothing when the file, a setting, or a file that one of them names cannot be used
+std::optional<Scenario> load(const std::string& path, const KeySettings& settings, std::string& error);
+/// The same of a file alone.
 std::optional<Scenario> load(const std::string& path, std::string& error);
 
 /// The configuration of a card that is switched on at @p now.
@@ -71,7 +77,7 @@ CardConfig configAt(const Scenario& scenario, const CardTime& now);
 /// @param seedShift  added to the seed, so that several cards of one scenario differ
 void powerOn(Card& card, const Scenario& scenario, const CardTime& now, std::uint64_t seedShift = 0);
 
-/// All that a file may contain. The keys of [fault NAME] sections are told by kind.
+/// All keys of a scenario. knownFaultKinds() has those of [fault NAME] sections.
 struct KeyName {
     std::string section;
     std::string key;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -11,7 +12,6 @@ namespace vexo_sim::scenario {
 namespace {
 
 constexpr std::size_t kMostBytes = 4U << 20;  // both tables full take half a megabyte
-constexpr std::size_t kLongestLine = 1000;    // iniparser takes 1,023 characters
 
 class Descriptor {
 public:
@@ -52,9 +52,7 @@ std::string readWhole(const std::string& path) {
 void requireText(const std::string& line, const std::string& path, std::size_t number) {
     if (line.size() > kLongestLine)
         throw Rejected(path, number, "the line is too long; keep it below 1,000 characters");
-    for (const char c : line)
-        if (static_cast<unsigned char>(c) < ' ' && c != '\t')
-            throw Rejected(path, number, "the line has a control character in it; write plain text");
+    if (!isPlainText(line)) throw Rejected(path, number, "the line has a control character in it; write plain text");
 }
 
 }  // namespace
@@ -73,13 +71,16 @@ std::vector<std::string> readLines(const std::string& path) {
     return lines;
 }
 
-void requireFile(const std::string& path, const std::string& namedIn, std::size_t line) {
+void requireFile(const std::string& path, const std::string& namedIn, std::size_t line, const std::string& base) {
     const Descriptor file(path);
     if (file.get() < 0)
-        throw Rejected(
-            namedIn, line,
-            "file " + path + ": " + std::strerror(errno) + "; paths are relative to the scenario's directory");
+        throw Rejected(namedIn, line, "file " + path + ": " + std::strerror(errno) + "; paths are relative to " + base);
     if (!isRegular(file.get())) throw Rejected(namedIn, line, "file " + path + " is not a regular file; name one");
+}
+
+bool isPlainText(const std::string& text) {
+    return std::none_of(text.begin(), text.end(),
+                        [](char c) { return static_cast<unsigned char>(c) < ' ' && c != '\t'; });
 }
 
 std::string trimmed(const std::string& text) {

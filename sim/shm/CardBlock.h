@@ -3,17 +3,24 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <type_traits>
 
 #include "sim/card/CallFailure.h"
 #include "sim/card/Card.h"
-#include "sim/shm/Locks.h"
 
 namespace vexo_sim {
 
-/// The first bytes of every card in shared memory, of whatever version.
+/// The start of every card in shared memory, of whatever version. Never changes.
+struct BlockHeader {
+    char magic[8];
+    std::uint32_t layout;  // version of all that follows
+    std::uint32_t bytes;   // of the whole block
+};
 inline constexpr char kCardMagic[8] = {'V', 'E', 'X', 'O', 'C', 'A', 'R', 'D'};
+inline constexpr std::uint32_t kCardLayout = 3;
+
+/// Who holds a lock: 0 for nobody, else a word that OwnerBook makes. Other users of the card can write anything here.
+using OwnerWord = std::atomic<std::uint64_t>;
 
 inline constexpr std::uint32_t kMaxSharedFailures = 32;
 
@@ -28,45 +35,25 @@ struct HostInfo {
     CallFailure failures[kMaxSharedFailures];
 };
 
-/// A card and all that its users share, in one piece of memory: on the heap of a process, or in memory shared by
-/// several. Zero bytes and init() make a card that is switched off.
+/// A card and all that its users share, in memory shared by several processes. Zero bytes and init() make a card that
+/// is switched off. There is no pointer inside and no object of the C library: whoever may write here is not trusted
+/// with more than the card's own values, and what is read here is checked before it is used as an index or a length.
 struct CardBlock {
-    char magic[8];
-    std::uint32_t layout;
-    std::uint32_t bytes;
+    BlockHeader header;
     HostInfo host;
-    RobustMutex mutex;                  // over the state, but for the reader's side of the rings
-    std::atomic<std::uint64_t> knocks;  // how often somebody found the mutex taken
-    CoreLock rootLock;
-    CoreLock registerLock;
+    OwnerWord stateOwner;
+    OwnerWord rootOwner;
+    OwnerWord registerOwner;
+    std::atomic<std::uint64_t> tickets;    // makes owner words unique
+    std::atomic<std::uint64_t> contended;  // how often a process found a lock taken
     CardState state;
 
     void init();
-    /// Whether memory made by another program has this very layout.
-    bool isCompatible() const;
 };
 static_assert(std::is_standard_layout_v<CardBlock>, "the block is shared between programs");
+static_assert(std::is_trivially_destructible_v<CardBlock>, "nothing of it belongs to one process");
 
-/// Exclusive use of a card's state; repairs what a user left half done who died in the middle of it.
-class BlockLock {
-public:
-    explicit BlockLock(CardBlock& block) : m_block(block) { acquire(); }
-    /// Gives up at once when somebody else is at it.
-    BlockLock(CardBlock& block, std::try_to_lock_t) : m_block(block) { settle(block.mutex.tryLock()); }
-    ~BlockLock() {
-        if (m_owned) m_block.mutex.unlock();
-    }
-    BlockLock(const BlockLock&) = delete;
-    BlockLock& operator=(const BlockLock&) = delete;
-
-    bool owns() const { return m_owned; }
-
-private:
-    void acquire();
-    void settle(RobustMutex::Result result);
-
-    CardBlock& m_block;
-    bool m_owned = false;
-};
+/// Whether a header is that of a card of this version.
+bool isCompatible(const BlockHeader& header);
 
 }  // namespace vexo_sim

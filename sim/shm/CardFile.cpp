@@ -31,21 +31,6 @@ struct flock byteOf(CardPart part, short type) {
     return lock;
 }
 
-std::vector<gid_t> ownGroups() {
-    const int count = getgroups(0, nullptr);
-    std::vector<gid_t> groups(static_cast<std::size_t>(std::max(count, 0)));
-    groups.resize(static_cast<std::size_t>(std::max(getgroups(count, groups.data()), 0)));
-    groups.push_back(getegid());
-    return groups;
-}
-
-// A card is believed when it is one's own, or offered by its owner to a group that one is in.
-bool isTrusted(const struct stat& file) {
-    if (file.st_uid == geteuid()) return true;
-    const std::vector<gid_t> groups = ownGroups();
-    return (file.st_mode & 0060) == 0060 && std::find(groups.begin(), groups.end(), file.st_gid) != groups.end();
-}
-
 // The names in a directory that begin with the prefix of the cards.
 std::vector<std::string> listCards(const std::string& directory) {
     std::vector<std::string> names;
@@ -63,10 +48,6 @@ int reserveRange(int fd, std::size_t offset, std::size_t length) {
     int error = EINTR;
     while (error == EINTR) error = posix_fallocate(fd, static_cast<off_t>(offset), static_cast<off_t>(length));
     return error;
-}
-
-bool endsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 }  // namespace
@@ -105,22 +86,24 @@ CardFile CardFile::openIf(const std::string& path, Accept accept) {
     return file;
 }
 
-CardFile CardFile::open(const std::string& path) {
-    return openIf(path, [](const CardFile&, const struct stat& status) {
-        return status.st_size == static_cast<off_t>(sizeof(CardBlock)) && isTrusted(status);
+CardFile CardFile::open(const std::string& path, uid_t owner) {
+    return openIf(path, [=](const CardFile& file, const struct stat& status) {
+        return status.st_uid == owner && file.header().layout != 0;
     });
 }
 
 CardFile CardFile::openLeftover(const std::string& path) {
     const bool unpublished = path.find(kUnpublished) != std::string::npos;
     return openIf(path, [=](const CardFile& file, const struct stat& status) {
-        return status.st_uid == geteuid() && (unpublished || file.hasMagic());
+        return status.st_uid == geteuid() && (unpublished || file.header().layout != 0);
     });
 }
 
-bool CardFile::hasMagic() const {
-    char begin[sizeof kCardMagic] = {};
-    return pread(m_fd, begin, sizeof begin, 0) == sizeof begin && std::memcmp(begin, kCardMagic, sizeof begin) == 0;
+BlockHeader CardFile::header() const {
+    BlockHeader header{};
+    const bool whole = pread(m_fd, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
+    if (!whole || std::memcmp(header.magic, kCardMagic, sizeof header.magic) != 0) return BlockHeader{};
+    return header;
 }
 
 CardFile CardFile::create(const std::string& directory, std::uint32_t bus, mode_t mode, gid_t group) {
@@ -145,6 +128,14 @@ CardFile CardFile::create(const std::string& directory, std::uint32_t bus, mode_
 }
 
 CardBlock* CardFile::map() {
+    struct stat status {};
+    const BlockHeader begin = header();
+    const bool isNew = m_path.find(kUnpublished) != std::string::npos;
+    if (fstat(m_fd, &status) != 0) return nullptr;
+    if (status.st_size != static_cast<off_t>(sizeof(CardBlock)) || (!isNew && !isCompatible(begin))) {
+        errno = EPROTO;
+        return nullptr;
+    }
     void* memory = mmap(nullptr, sizeof(CardBlock), PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, 0);
     return memory == MAP_FAILED ? nullptr : static_cast<CardBlock*>(memory);
 }
@@ -188,24 +179,8 @@ std::optional<pid_t> CardFile::holderOf(CardPart part) const {
     return lock.l_pid;
 }
 
-std::string cardDirectory() {
-    const char* configured = ::secure_getenv("VEXO_SIM_DIR");
-    return configured != nullptr && *configured != '\0' ? configured : "/dev/shm";
-}
-
 std::string cardPath(const std::string& directory, uid_t user, std::uint32_t bus) {
     return directory + "/" + kPrefix + std::to_string(user) + "-" + std::to_string(bus);
-}
-
-std::vector<std::string> findCardFiles(const std::string& directory, std::uint32_t bus) {
-    const std::string own = cardPath(directory, geteuid(), bus);
-    std::vector<std::string> paths = {own};
-    for (const std::string& name : listCards(directory)) {
-        const std::string path = directory + "/" + name;
-        if (path != own && endsWith(name, "-" + std::to_string(bus)) && name.find(kUnpublished) == std::string::npos)
-            paths.push_back(path);
-    }
-    return paths;
 }
 
 unsigned removeStaleFiles(const std::string& directory) {
@@ -213,8 +188,8 @@ unsigned removeStaleFiles(const std::string& directory) {
     for (const std::string& name : listCards(directory)) {
         CardFile file = CardFile::openLeftover(directory + "/" + name);
         if (!file) continue;
-        // Whoever removes holds the part for it, so that a new host's file of the same name is never taken for this
-        // one.
+        // The part for removal is held meanwhile: two hosts that clean up do not both remove the name, the second one
+        // of which may already be a new card's.
         if (file.holderOf({CardPart::kHost}) || !file.claim({CardPart::kRemoval})) continue;
         file.remove();
         ++removed;

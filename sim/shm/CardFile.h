@@ -12,10 +12,13 @@
 
 namespace vexo_sim {
 
-/// What can be owned of a hosted card, each by one process at a time.
+/// How many processes can use a card at the same time, its host and those that show its status included.
+inline constexpr std::uint32_t kMaxUsers = 200;
+
+/// What a process can own of a hosted card, each by one process at a time.
 struct CardPart {
-    enum Kind { kHost, kRemoval, kUp, kDown } kind;
-    std::uint32_t channel = 0;
+    enum Kind { kHost, kRemoval, kUp, kDown, kUser } kind;
+    std::uint32_t channel = 0;  // of kUser: the slot in the owner book
 };
 
 /// The file in shared memory that holds one card. A process owns a part of it by a lock on one of the file's bytes:
@@ -28,10 +31,9 @@ public:
     CardFile& operator=(CardFile&& other) noexcept;
     ~CardFile();
 
-    /// Empty with errno set when the file cannot be opened, is no card of this version, or is nobody's whom this
-    /// process trusts.
-    static CardFile open(const std::string& path);
-    /// The same for what a host of this user left behind, of whatever version, finished or not.
+    /// The file of a card of whatever version that belongs to @p owner. Empty with errno set when there is none.
+    static CardFile open(const std::string& path, uid_t owner);
+    /// What a host of this user left behind, of whatever version, finished or not.
     static CardFile openLeftover(const std::string& path);
     /// A new file, visible to nobody else before publish(). @p mode and @p group as for chmod and chown.
     static CardFile create(const std::string& directory, std::uint32_t bus, mode_t mode, gid_t group);
@@ -41,7 +43,11 @@ public:
     dev_t device() const { return m_device; }
     ino_t inode() const { return m_inode; }
 
-    /// Maps the card; null with errno set. The mapping lasts as long as the process.
+    /// The start of the block. Its layout is 0 when it is no card.
+    BlockHeader header() const;
+    /// Maps the card; null with errno set: EPROTO when it is of another version. The mapping lasts as long as the
+    /// process. Until then nothing of the file is believed; from then on whoever may write to the file could also cut
+    /// it.
     CardBlock* map();
     /// Reserves the memory behind the card, so that a full file system shows here and not at some later write.
     bool reserve(std::uint32_t ringBytes);
@@ -58,7 +64,6 @@ public:
 private:
     template <typename Accept>
     static CardFile openIf(const std::string& path, Accept accept);
-    bool hasMagic() const;
     void close();
 
     int m_fd = -1;
@@ -67,12 +72,8 @@ private:
     ino_t m_inode = 0;
 };
 
-/// Where the files of hosted cards lie: shared memory, or the directory that VEXO_SIM_DIR names.
-std::string cardDirectory();
 /// The name of a card's file: one card a bus and user.
 std::string cardPath(const std::string& directory, uid_t user, std::uint32_t bus);
-/// The files of cards at @p bus that the calling process may use: its own user's first.
-std::vector<std::string> findCardFiles(const std::string& directory, std::uint32_t bus);
 /// Removes what dead hosts of the calling user left behind. @return how many files.
 unsigned removeStaleFiles(const std::string& directory);
 

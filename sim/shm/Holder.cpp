@@ -7,8 +7,6 @@
 #include <vector>
 
 namespace vexo_sim {
-namespace {
-
 std::string userName(uid_t uid) {
     std::vector<char> room(4096);
     passwd entry{};
@@ -16,8 +14,6 @@ std::string userName(uid_t uid) {
     if (getpwuid_r(uid, &entry, room.data(), room.size(), &found) == 0 && found != nullptr) return found->pw_name;
     return std::to_string(uid);
 }
-
-}  // namespace
 
 Holder describeProcess(pid_t pid) {
     Holder holder;

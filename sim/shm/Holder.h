@@ -8,12 +8,15 @@ namespace vexo_sim {
 
 /// A process as an operator looks for it.
 struct Holder {
-    pid_t pid = 0;        // 0: in another container, which hides it
+    pid_t pid = 0;        // 0: in another container, which hides its number
     std::string program;  // empty when it cannot be told
     std::string user;
 };
 
 Holder describeProcess(pid_t pid);
+
+/// The name of a user, or the number when there is no name.
+std::string userName(uid_t uid);
 
 /// "process 4711 (trader, user alice)"
 std::string toText(const Holder& holder);

@@ -5,11 +5,8 @@
 
 #include "src/api/ApiImpl.h"
 #include "src/channel/Packet.h"
-#include "src/log/log.h"
 
 namespace {
-
-constexpr char kLogFile[] = "VexoZceUpdmaImpl";
 
 // The one place that tells the market-data types apart. A switch, not a table of functions: its conditional branches
 // are predicted well where types alternate, an indirect call is not. The virtual table is read at each packet, because

@@ -62,8 +62,8 @@ void CZceFpgaServ::subscribeRow(const StoredRow& row) {
 
 void CZceFpgaServ::StoreInstsToGlob(IndexToInstId& oneLeg, IndexToInstId& combine, std::uint32_t chan) {
     // Copies, because a caller may hand in this object's own maps, which grow below.
-    const IndexToInstId oneLegInsts = oneLeg;
-    const IndexToInstId combineInsts = combine;
+    const IndexToInstId oneLegInsts = oneLeg;    // NOLINT(performance-unnecessary-copy-initialization)
+    const IndexToInstId combineInsts = combine;  // NOLINT(performance-unnecessary-copy-initialization)
     const auto number = static_cast<int>(chan);
     LOG_INFO("[channel:%d] Record func:Meeting conditions count is:OneLeg:%u, Combine:%u.", number, count(oneLegInsts),
              count(combineInsts));

@@ -110,7 +110,7 @@ void CZceFpgaServ::FetchAllInst() {
     // An id is good when two reads in a row give it. `previous` lives on from row to row and from table to table: a row
     // that first reads empty and then shows the id of the row before it is taken at once.
     std::string previous;
-    for (std::uint8_t type = 0; type < std::size(card_reg::kTables); ++type) {
+    for (const auto type : {std::uint8_t{card_reg::kSingleLegTable}, std::uint8_t{card_reg::kCombinationTable}}) {
         for (std::uint32_t row = 0; row < kFetchedRows; ++row) fetchRow(type, row, previous);
     }
     LOG_INFO("New round, fetch from fpga, inst count:%u.", static_cast<unsigned int>(instIdToIndex.size()));

@@ -31,6 +31,7 @@ struct ZceDmaInitParms_t {
 /// One DMA channel of the card: brings the card into a known state at start-up (channel 0 only), restores or learns the
 /// instrument map, and hands every packet of the stream on. Everything runs on the caller's thread.
 /// Results are 0 or -1 after logging why.
+/// Implemented in StartUp.cpp, ContractMap.cpp, Packets.cpp, Offered.cpp and src/api/ReceivePath.cpp.
 class CZceDmaChanImpl {
 public:
     /// @param drv  owned by the objects of channel 0, the last of which deletes it
@@ -77,8 +78,8 @@ public:
     bool m_bCfgParsed = false;
     bool m_bCfgInsSuccess = false;  ///< every configured class and instrument has been announced
     std::chrono::system_clock::time_point m_tCfgSuccTime;
-    std::uint32_t m_bRecvData = 0;    ///< 1 when market data reached the application since the last PollOnce, but for
-                                      ///< what went the straight way
+    std::uint32_t m_bRecvData = 0;    ///< 1 when market data reached the application on the slow path since the last
+                                      ///< PollOnce
     std::uint64_t m_ulParsedCnt = 0;  ///< instrument entries in contract-map packets so far, repeats included
     DmaPacketHandler m_pfnHandler = nullptr;
     void* m_pHandlerCtx = nullptr;

@@ -1,14 +1,15 @@
 #include "src/config/ConfigFile.h"
 
 #include <sched.h>
-#include <sys/stat.h>
 #include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "src/card/FpgaServ.h"
+#include "src/config/IniFile.h"
 #include "src/log/log.h"
 #include "src/util/StandardStreams.h"
 
@@ -23,16 +24,11 @@ constexpr std::uint32_t kChannelNotParsed = 255;
 constexpr std::uint32_t kMaxBus = 4;
 constexpr int kDefaultBinDelay = 15;  // minutes
 constexpr int kNoCpu = -1;
+constexpr std::size_t kChannelNameSize = sizeof "CUSTOM_CHAN15_DATA";
 
 // Narrows a number of `config:device`. One that does not fit must not become a valid bus or channel.
 std::uint32_t narrow(long number) {
     return number >= INT_MIN && number <= INT_MAX ? static_cast<std::uint32_t>(number) : kFailure;
-}
-
-// iniparser reads a file to its end. A device or a FIFO may have no end.
-bool isReadableToItsEnd(const char* path) {
-    struct stat status;
-    return ::stat(path, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
 }
 
 }  // namespace
@@ -57,12 +53,26 @@ std::uint32_t CZceConfigFile::Init() {
         LOG_ERROR("Null config name");
         return kFailure;
     }
-    iniparser_freedict(m_pDict);
-    m_pDict = isReadableToItsEnd(m_strIniPath.c_str()) ? iniparser_load(m_strIniPath.c_str()) : nullptr;
-    if (m_pDict == nullptr) {
-        LOG_ERROR("Failed to load file %s", m_strIniPath.c_str());
-        return kFailure;
+    try {
+        return load();
+    } catch (const std::bad_alloc&) {
+        // A configuration that lacks keys would start, and subscribe too little.
+        return refuse("memory is short");
     }
+}
+
+std::uint32_t CZceConfigFile::refuse(const char* why) {
+    iniparser_freedict(std::exchange(m_pDict, nullptr));
+    if (why != nullptr) LOG_ERROR("config file %s is not used, %s.", m_strIniPath.c_str(), why);
+    LOG_ERROR("Failed to load file %s", m_strIniPath.c_str());
+    return kFailure;
+}
+
+std::uint32_t CZceConfigFile::load() {
+    iniparser_freedict(std::exchange(m_pDict, nullptr));
+    const char* why = nullptr;
+    m_pDict = loadIniFile(m_strIniPath, why);
+    if (m_pDict == nullptr) return refuse(why);
     if (GetDmaChannel() == kFailure) {
         LOG_ERROR("Get dma chan fail!");
         return kFailure;
@@ -92,13 +102,14 @@ std::uint32_t CZceConfigFile::GetDmaChannel() {
     std::transform(folded.begin(), folded.end(), folded.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
 
-    // The scanned channel stays even when it is refused below: the next call returns it without a scan.
+    m_strDmaChanName.reserve(kChannelNameSize);  // memory may run out here, but not behind the scan
+    // What the scan stored stays, also when it is refused below: a later call then returns it unparsed.
     const int scanned = scanDevice(folded, m_uiChannelId);
     if (scanned != 2 || m_uiChannelId >= card_reg::kChannels || m_uiBusId > kMaxBus) {
         standard_streams::print("Error! Invalid parameter! Input: %s \n", device.c_str());
         return kFailure;
     }
-    m_strDmaChanName = "CUSTOM_CHAN" + std::to_string(m_uiChannelId) + "_DATA";
+    m_strDmaChanName.assign("CUSTOM_CHAN").append(std::to_string(m_uiChannelId)).append("_DATA");
     return m_uiChannelId;
 }
 

@@ -73,6 +73,8 @@ private:
     int getInt(const char* key, int absent) const {
         return getString(key) != nullptr ? iniparser_getint(m_pDict, key, absent) : absent;
     }
+    std::uint32_t load();
+    std::uint32_t refuse(const char* why);
     int scanDevice(const std::string& device, std::uint32_t& channel);
     bool isFeedDisabled(const char* key) const;
     bool parseChannelInsts(std::uint32_t channel);

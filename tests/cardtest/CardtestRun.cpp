@@ -22,12 +22,15 @@ std::string Outcome::Reason(const std::string& check) const {
     return "no such check";
 }
 
-Outcome RunCardtest(const std::vector<std::string>& options, const std::vector<std::string>& environment) {
+namespace {
+
+Outcome RunProgram(const char* program, const std::vector<std::string>& options,
+                   const std::vector<std::string>& environment) {
     const test_support::TempDir directory;
     const std::string output = directory.Path() + "/out", errors = directory.Path() + "/err";
     std::vector<std::string> command = {"/usr/bin/env"};
     command.insert(command.end(), environment.begin(), environment.end());
-    command.push_back(VEXO_CARDTEST);
+    command.push_back(program);
     command.insert(command.end(), options.begin(), options.end());
     Outcome run;
     run.status = hosted::Process(command, output, errors).Wait();
@@ -36,10 +39,24 @@ Outcome RunCardtest(const std::vector<std::string>& options, const std::vector<s
     return run;
 }
 
+}  // namespace
+
+Outcome RunCardtest(const std::vector<std::string>& options, const std::vector<std::string>& environment) {
+    return RunProgram(VEXO_CARDTEST, options, environment);
+}
+
+Outcome RunWithoutCardLibrary(const std::vector<std::string>& options, const std::vector<std::string>& environment) {
+    return RunProgram(VEXO_BARE_CARDTEST, options, environment);
+}
+
 Outcome RunOnBrokenCard(const std::string& broken, const std::string& file, const std::vector<std::string>& options) {
     // Only a library that is linked to can be put in front of the sanitizer's own without this.
-    return RunCardtest(options, {"LD_PRELOAD=" VEXO_BROKEN_CARD, "CARDTEST_BREAKS=" + broken, "CARDTEST_FILE=" + file,
-                                 "ASAN_OPTIONS=verify_asan_link_order=0"});
+    // The directory apart from the name: LD_PRELOAD cannot hold a path with a blank.
+    const std::string library = VEXO_BROKEN_CARD;
+    const std::size_t slash = library.rfind('/');
+    return RunCardtest(options,
+                       {"LD_LIBRARY_PATH=" + library.substr(0, slash), "LD_PRELOAD=" + library.substr(slash + 1),
+                        "CARDTEST_BREAKS=" + broken, "CARDTEST_FILE=" + file, "ASAN_OPTIONS=verify_asan_link_order=0"});
 }
 
 std::vector<std::string> AllNames() {

@@ -20,6 +20,9 @@ struct Outcome {
 
 /// Runs vexo-cardtest. @p environment are settings NAME=VALUE of its own.
 Outcome RunCardtest(const std::vector<std::string>& options, const std::vector<std::string>& environment = {});
+/// The same where the loader finds no card library.
+Outcome RunWithoutCardLibrary(const std::vector<std::string>& options,
+                              const std::vector<std::string>& environment = {});
 
 /// The same on a card whose library breaks one promise, see broken_card.cpp; with its notes in @p file.
 Outcome RunOnBrokenCard(const std::string& broken, const std::string& file, const std::vector<std::string>& options);

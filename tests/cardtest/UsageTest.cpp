@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <cstdlib>
 
 #include "tests/cardtest/CardtestRun.h"
@@ -79,12 +81,56 @@ TEST_F(CommandLine, LibraryIsUsedInsteadOfWhatTheLoaderFinds) {
     EXPECT_EQ(run.Report()["library"], copy);
 }
 
+TEST_F(CommandLine, LibraryMayLieInADirectoryWithABlank) {
+    const test_support::TempDir directory;
+    std::filesystem::create_directory(directory.Path("a card"));
+    const std::string copy = directory.Write("a card/libenyx-hw-c.so.1", hosted::ReadFile(VEXO_CARD_LIBRARY));
+    const std::vector<std::string> sanitizer = {"ASAN_OPTIONS=verify_asan_link_order=0"};
+    const Outcome run = RunCardtest({"--json", "--library", copy, "--only", "core-root"}, sanitizer);
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(run.Report()["library"], copy);
+}
+
 TEST_F(CommandLine, LibraryThatIsMissingOrNoCardsIsRefused) {
     EXPECT_EQ(RunCardtest({"--library", "/nowhere/libenyx-hw-c.so.1"}).status, 2);
     const std::vector<std::string> sanitizer = {"ASAN_OPTIONS=verify_asan_link_order=0"};
     const Outcome run = RunCardtest({"--library", "/lib/x86_64-linux-gnu/libm.so.6"}, sanitizer);
     EXPECT_EQ(run.status, 2);
     EXPECT_THAT(run.errors, HasSubstr("the loader does not take the calls from it"));
+}
+
+TEST_F(CommandLine, WithoutACardLibraryStillShowsOptionsAndChecks) {
+    const Outcome help = RunWithoutCardLibrary({"--help"});
+    EXPECT_EQ(help.status, 0) << help.errors;
+    EXPECT_EQ(help.output, RunCardtest({"--help"}).output);
+    const Outcome list = RunWithoutCardLibrary({"--list"});
+    EXPECT_EQ(list.status, 0) << list.errors;
+    EXPECT_EQ(list.output, RunCardtest({"--list"}).output);
+    EXPECT_EQ(RunWithoutCardLibrary({"--frobnicate"}).status, 2);
+}
+
+TEST_F(CommandLine, WithoutACardLibrarySaysWhatToDo) {
+    const Outcome run = RunWithoutCardLibrary({});
+    EXPECT_EQ(run.status, 3);
+    EXPECT_EQ(run.errors,
+              "vexo-cardtest: no card to test: libenyx-hw-c.so.1: cannot open shared object file: No such file or "
+              "directory. Name the card's library with --library FILE.\n");
+}
+
+TEST_F(CommandLine, WithoutACardLibraryTestsTheOneThatIsNamed) {
+    const std::vector<std::string> sanitizer = {"ASAN_OPTIONS=verify_asan_link_order=0"};
+    const Outcome run = RunWithoutCardLibrary(
+        {"--json", "--library", VEXO_CARD_LIBRARY, "--only", "core-root", "a2c-busy"}, sanitizer);
+    EXPECT_EQ(run.status, 0) << run.errors;
+    EXPECT_EQ(run.Report()["library"], VEXO_CARD_LIBRARY);
+    EXPECT_EQ(run.Report()["passed"], 2);
+}
+
+TEST_F(CommandLine, WithoutACardLibraryOneThatIsNoCardsIsRefused) {
+    const std::vector<std::string> sanitizer = {"ASAN_OPTIONS=verify_asan_link_order=0"};
+    const Outcome run = RunWithoutCardLibrary({"--library", "/lib/x86_64-linux-gnu/libm.so.6"}, sanitizer);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_THAT(run.errors, HasSubstr("the loader does not take the calls from it, but from no library\n"));
 }
 
 }  // namespace

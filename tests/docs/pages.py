@@ -5,6 +5,7 @@
                           heading counts the files; no walk visits more of them than its limit
     pages.py texts ROOT   the files in docs/quirks.md and in the typos of CONTRIBUTING.md hold what is said to be in them
     pages.py paths ROOT   every file and folder that a page names is there
+    pages.py tests ROOT   every test that CONTRIBUTING.md names as a guard is there
     pages.py keys ROOT    examples/zce.ini has every key that the configuration reads, and no other
 
 One line for each mistake; exit status 1 if there is any.
@@ -133,6 +134,18 @@ def check_paths(root):
         yield f"only {count} paths were found"
 
 
+def check_tests(root):
+    sources = "".join(read(root, os.path.relpath(path, root)) for pattern in ("*.cpp", "CMakeLists.txt")
+                      for path in glob.glob(os.path.join(root, "tests/**", pattern), recursive=True))
+    names = re.findall(r"\(`([A-Z]\w+)(?:\.(\w+))?`\)", read(root, "CONTRIBUTING.md"))
+    for suite, test in names:
+        found = re.search(r"TEST(?:_[FP])?\(%s, %s" % (suite, test), sources)
+        if not found and not (suite == "Docs" and test in sources):
+            yield f"CONTRIBUTING.md: there is no test {suite}.{test or '*'}"
+    if len(names) < 5:
+        yield f"only {len(names)} tests were found"
+
+
 def check_keys(root):
     reads, has = set(), set()
     for source in sorted(glob.glob(os.path.join(root, "src/config/*.cpp"))):
@@ -154,7 +167,8 @@ def check_keys(root):
         yield f"only {len(reads)} keys were found in src/config"
 
 
-CHECKS = {"walks": check_walks, "texts": check_texts, "paths": check_paths, "keys": check_keys}
+CHECKS = {"walks": check_walks, "texts": check_texts, "paths": check_paths, "tests": check_tests,
+          "keys": check_keys}
 
 
 def main():

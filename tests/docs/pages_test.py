@@ -89,6 +89,11 @@ class Pages(unittest.TestCase):
         self.assertEqual([m for m in self.mistakes("paths") if m not in before],
                          ["CONTRIBUTING.md: there is no examples/zce.conf"])
 
+    def test_a_guard_that_is_gone_is_found(self):
+        self.spoil("CONTRIBUTING.md", "(`CallList.Has", "(`CallLists.Has")
+        self.assertEqual(self.mistakes("tests"),
+                         ["CONTRIBUTING.md: there is no test CallLists.HasEveryCallOfTheHeaderInItsOrder"])
+
     def test_a_key_that_the_example_lacks_or_invents_is_found(self):
         self.spoil("examples/zce.ini", ";L5_DSTIP ", ";L5_DSTIQ ")
         self.assertEqual(self.mistakes("keys"), ["examples/zce.ini does not tell of config:l5_dstip",

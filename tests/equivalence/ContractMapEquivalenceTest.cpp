@@ -11,11 +11,11 @@
 #include "src/api/ApiImpl.h"
 #include "src/channel/DmaChannel.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/doubles/TraceDrv.h"
 #include "tests/equivalence/RandomMarket.h"
+#include "tests/support/DayFiles.h"
 #include "tests/support/FakeTime.h"
-#include "tests/unit/channel/DayFiles.h"
-#include "tests/unit/channel/MapPacket.h"
-#include "tests/unit/channel/TraceDrv.h"
+#include "tests/support/MapPacket.h"
 
 namespace {
 

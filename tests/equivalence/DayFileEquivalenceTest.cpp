@@ -10,8 +10,8 @@
 #include "src/dayfile/DayFile.h"
 #include "tests/doubles/LogLines.h"
 #include "tests/equivalence/RandomMarket.h"
+#include "tests/support/DayFiles.h"
 #include "tests/support/FakeTime.h"
-#include "tests/unit/channel/DayFiles.h"
 
 namespace {
 

@@ -6,9 +6,11 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -37,10 +39,19 @@ int ExitCode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 
 }  // namespace
 
 CardDirectory::CardDirectory() {
-    char path[] = "/dev/shm/vexo-test-XXXXXX";
-    if (mkdtemp(path) == nullptr) throw std::runtime_error("no directory in /dev/shm");
-    m_path = path;
-    setenv("VEXO_SIM_DIR", path, 1);
+    // Several tests run at once, each with cards. A container's /dev/shm may be too small for that, or read-only.
+    constexpr std::uint64_t kRoom = 256U << 20;
+    struct statvfs memory {};
+    const bool fits = statvfs("/dev/shm", &memory) == 0 && std::uint64_t{memory.f_bavail} * memory.f_bsize >= kRoom;
+    for (const std::string parent : {"/dev/shm", "/tmp"}) {
+        if (parent == "/dev/shm" && !fits) continue;
+        m_path = parent + "/vexo-test-XXXXXX";
+        if (mkdtemp(m_path.data()) != nullptr) {
+            setenv("VEXO_SIM_DIR", m_path.c_str(), 1);
+            return;
+        }
+    }
+    throw std::runtime_error("no directory for cards in /dev/shm, nor in /tmp");
 }
 
 CardDirectory::~CardDirectory() {
@@ -103,7 +114,7 @@ Process StartHost(const std::vector<std::string>& options) {
 }
 
 std::string StatusJson(std::uint32_t bus) {
-    const std::string command = VEXO_SIMCARD " --json --bus " + std::to_string(bus) + " 2>/dev/null";
+    const std::string command = "'" VEXO_SIMCARD "' --json --bus " + std::to_string(bus) + " 2>/dev/null";
     FILE* pipe = popen(command.c_str(), "r");
     std::string text;
     char buffer[4096];

@@ -8,8 +8,8 @@
 
 namespace hosted {
 
-/// A directory in shared memory that stands for the machine's own: cards of other tests, and of the user, are not
-/// seen. Set in the environment for all that the test starts; gone with all its content at the end.
+/// A directory, in shared memory where there is enough, that stands for the machine's own: cards of other tests, and of
+/// the user, are not seen. Set in the environment for all that the test starts; gone with all its content at the end.
 class CardDirectory {
 public:
     CardDirectory();

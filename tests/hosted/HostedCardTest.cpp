@@ -1,5 +1,6 @@
 // A card that another process hosts, as a process sees it that uses the hardware interface.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -21,9 +22,11 @@
 namespace hosted {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 struct HostedCard : ::testing::Test {
     CardDirectory directory;
@@ -221,9 +224,9 @@ TEST_F(HostedCard, AFileInTheWayThatIsNoCardIsNamed) {
     WriteFile(path, "not a card");
     Process host({VEXO_SIMCARD}, {}, directory.Path() + "/err");
     EXPECT_EQ(host.Wait(), 1);
-    EXPECT_EQ(ReadFile(directory.Path() + "/err"),
-              "vexo-simcard: " + path +
-                  " is in the way and no card of this vexo-simcard: remove it, or choose another bus.\n");
+    EXPECT_EQ(ReadFile(directory.Path() + "/err"), "vexo-simcard: " + path +
+                                                       " is in the way and no card of this user: a file of user " +
+                                                       UserName() + ". Remove it, or choose another bus.\n");
 }
 
 TEST_F(HostedCard, AFileThatIsNoCardIsLeftAlone) {
@@ -371,6 +374,48 @@ TEST(ChoiceOfCard, WhoInsistsOnACardOfItsOwnLeavesAHostedOneAlone) {
     EXPECT_THAT(StatusJson(), HasSubstr("\"trading_date\": 0"));
 }
 
+TEST(ChoiceOfCard, AUserThatDoesNotExistIsRefused) {
+    const CardDirectory directory;
+    setenv("VEXO_SIM_CARD", "hosted:no-such-user", 1);
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"}, {}, directory.Path() + "/err");
+    EXPECT_EQ(user.Wait(), ENODEV);
+    unsetenv("VEXO_SIM_CARD");
+    EXPECT_EQ(ReadFile(directory.Path() + "/err"),
+              "libenyx-hw-c: VEXO_SIM_CARD is \"hosted:no-such-user\", there is no user no-such-user: "
+              "no simulated card.\n");
+}
+
+// A host's card becomes one of another version: of another size too, as another version's would be.
+void MakeAnotherVersion(const std::string& path) {
+    const int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    const std::uint32_t header[] = {9, 12345};
+    EXPECT_EQ(pwrite(file, header, sizeof header, 8), static_cast<ssize_t>(sizeof header));
+    close(file);
+}
+
+TEST(OtherVersion, ItsCardIsNotUsedAndBothVersionsAreNamed) {
+    const CardDirectory directory;
+    const Process host = StartHost({});
+    MakeAnotherVersion(directory.Path() + "/vexo-simcard-" + std::to_string(geteuid()) + "-0");
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"}, {}, directory.Path() + "/err");
+    EXPECT_EQ(user.Wait(), 0) << "it has a card of its own";
+    EXPECT_THAT(
+        ReadFile(directory.Path() + "/err"),
+        AllOf(HasSubstr("libenyx-hw-c: the card at bus 0 is not used. Its host, process " + std::to_string(host.Id())),
+              HasSubstr("its card has layout 9 of 12345 bytes, this program's has layout ")));
+}
+
+TEST(OtherVersion, ASecondHostDoesNotAdviseToRemoveALiveCard) {
+    const CardDirectory directory;
+    const Process host = StartHost({});
+    MakeAnotherVersion(directory.Path() + "/vexo-simcard-" + std::to_string(geteuid()) + "-0");
+    Process second({VEXO_SIMCARD}, {}, directory.Path() + "/err");
+    EXPECT_EQ(second.Wait(), 1);
+    EXPECT_THAT(ReadFile(directory.Path() + "/err"),
+                AllOf(HasSubstr("bus 0 has a card already, hosted by process " + std::to_string(host.Id())),
+                      HasSubstr("of another version: its card has layout 9 of 12345 bytes"), Not(HasSubstr("emove"))));
+}
+
 TEST(ChoiceOfCard, AnotherWordIsRefusedWithTheWordsThatExist) {
     const CardDirectory directory;
     setenv("VEXO_SIM_CARD", "remote", 1);
@@ -378,7 +423,8 @@ TEST(ChoiceOfCard, AnotherWordIsRefusedWithTheWordsThatExist) {
     EXPECT_EQ(user.Wait(), ENODEV);
     unsetenv("VEXO_SIM_CARD");
     EXPECT_EQ(ReadFile(directory.Path() + "/err"),
-              "libenyx-hw-c: VEXO_SIM_CARD is \"remote\", it must be auto, embedded or hosted: no simulated card.\n");
+              "libenyx-hw-c: VEXO_SIM_CARD is \"remote\", it must be auto, embedded, hosted or hosted:USER: "
+              "no simulated card.\n");
 }
 
 }  // namespace

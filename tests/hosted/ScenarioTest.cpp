@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <sstream>
 
 #include "interface/CardRegisters.h"
 #include "tests/hosted/CardAccess.h"
@@ -23,6 +24,7 @@ struct Scenario : ::testing::Test {
     void TearDown() override {
         unsetenv("VEXO_SIM_CARD");
         unsetenv("VEXO_SIM_SCENARIO");
+        unsetenv("VEXO_SIM_SET");
     }
 
     Process Host(const std::string& content) {
@@ -102,8 +104,79 @@ TEST_F(Scenario, TheCommandLinesBusAndPaceGoBeforeItsOwn) {
 TEST_F(Scenario, OneThatCannotBeUsedEndsTheHostWithItsFileAndLine) {
     WriteFile(path, "[card]\nseed = 1\nhardwareversion = 3\n");
     Process host({VEXO_SIMCARD, path}, {}, directory.Path() + "/err");
-    EXPECT_EQ(host.Wait(), 1);
+    EXPECT_EQ(host.Wait(), 2);
     EXPECT_THAT(ReadFile(directory.Path() + "/err"), HasSubstr(path + ":3: [card] has no key hardwareversion"));
+}
+
+TEST_F(Scenario, SettingsGoBeforeItsKeysAndShowInTheStatus) {
+    WriteFile(path, "[scenario]\ndescription = an old card\n[card]\nhardware_version = 3\n");
+    setenv("VEXO_SIM_CARD", "hosted", 1);
+    const Process host = StartHost({path, "--bus", "0", "--set", "card.hardware_version=11"});
+    std::uint64_t version = 0;
+    ASSERT_EQ(Read(OpenRegisters(0), card_reg::kHardwareVersion, version), 0);
+    EXPECT_EQ(version, 11U);
+    EXPECT_THAT(StatusJson(), HasSubstr("\"scenario\": \"rehearsal, card.hardware_version=11\",\n"
+                                        "  \"description\": \"an old card\""));
+}
+
+// The commands of the page on scenarios, typed where the scenarios are.
+TEST_F(Scenario, ThePagesCommandsHostACard) {
+    setenv("VEXO_SIM_CARD", "hosted", 1);
+    std::istringstream page(ReadFile(VEXO_SCENARIO_DIR "/README.md"));
+    unsigned commands = 0;
+    for (std::string line; std::getline(page, line);) {
+        if (line.rfind("    vexo-simcard ", 0) != 0) continue;
+        ++commands;
+        const std::string words = line.substr(line.find_first_not_of(' ') + sizeof "vexo-simcard");
+        Process host({"/bin/sh", "-c", "cd '" VEXO_SCENARIO_DIR "' && exec '" VEXO_SIMCARD "' --quiet " + words});
+        EXPECT_TRUE(Eventually([&] { return !host.IsRunning() || !StatusJson().empty(); }));
+        ASSERT_TRUE(host.IsRunning()) << line;
+        host.Signal(SIGTERM);
+        EXPECT_EQ(host.Wait(), 0) << line;
+    }
+    EXPECT_EQ(commands, 3U);
+}
+
+TEST_F(Scenario, WrongOptionsAndSettingsEndTheHostWithTwoBeforeThereIsACard) {
+    const std::vector<std::string> wrong[] = {{"--set", "card.hardwareversion=3"},
+                                              {"--set", "card.seed"},
+                                              {"--set"},
+                                              {"--bus", "5"},
+                                              {"--pace", "fast"},
+                                              {"--frobnicate"},
+                                              {"--group", "no-such-group"},
+                                              {"a.ini", "b.ini"},
+                                              {"--seconds", "-1"}};
+    for (const std::vector<std::string>& options : wrong) {
+        std::vector<std::string> command = {VEXO_SIMCARD, "--quiet"};
+        command.insert(command.end(), options.begin(), options.end());
+        Process host(command, {}, directory.Path() + "/err");
+        EXPECT_EQ(host.Wait(), 2) << options.back();
+    }
+    EXPECT_THAT(ReadFile(directory.Path() + "/err"),
+                HasSubstr("vexo-simcard: --set card.hardwareversion=3: [card] has no key hardwareversion; use bus, "));
+    EXPECT_THAT(directory.Files(), ::testing::ElementsAre("err"));
+}
+
+TEST_F(Scenario, SettingsOfTheEnvironmentGoBeforeItsScenario) {
+    WriteFile(path, "[fault all]\nkind = call_fails\ncall = enyx_hw_write\nerrno = ENOSPC\n");
+    setenv("VEXO_SIM_SCENARIO", path.c_str(), 1);
+    setenv("VEXO_SIM_SET", "fault all.errno=EIO\n", 1);
+    Process user({VEXO_CARD_USER, "write", "262", "20310305"});
+    EXPECT_EQ(user.Wait(), EIO);
+}
+
+TEST_F(Scenario, SettingsOfTheEnvironmentThatAreWrongLeaveTheProcessWithoutACard) {
+    const std::string wrong[] = {"card.bus=7", "nonsense", std::string(100'000, 'x'), "\033]0;title\007", "a=b\n=\n."};
+    for (const std::string& settings : wrong) {
+        setenv("VEXO_SIM_SET", settings.c_str(), 1);
+        Process user({VEXO_CARD_USER, "write", "262", "20310305"}, {}, directory.Path() + "/err");
+        EXPECT_EQ(user.Wait(), ENODEV);
+    }
+    const std::string errors = ReadFile(directory.Path() + "/err");
+    EXPECT_THAT(errors, HasSubstr("libenyx-hw-c: VEXO_SIM_SET card.bus=7: bus: \"7\" will not do"));
+    EXPECT_THAT(errors, ::testing::Not(HasSubstr("\033")));
+    EXPECT_LT(errors.size(), 2000U);
 }
 
 TEST_F(Scenario, TheEnvironmentAloneGivesAProcessACardOfThatScenario) {

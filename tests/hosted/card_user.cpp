@@ -3,9 +3,10 @@
 //     card_user write WORD VALUE    writes a register; ends with 0, or with errno when there is no card
 //     card_user hold CHANNEL        opens a stream and keeps it
 //     card_user lock                takes the register core's lock, writes a line, and keeps it
-//     card_user receive COUNT       receives so many packets on channel 0; `quotes` sets the quotes of 50 rows going
-//     first card_user quotes COUNT card_user abuse SEED          uses everything in turn, for ever; ends only on an
-//     error
+//     card_user take-turns COUNT    changes registers under the core lock; fails when another process was in between
+//     card_user receive COUNT       receives so many packets on channel 0
+//     card_user quotes COUNT        the same, after it has set the quotes of 50 rows going
+//     card_user abuse SEED          uses everything in turn, for ever; ends only on an error
 
 #include <unistd.h>
 
@@ -47,6 +48,24 @@ void UseStream(std::mt19937& random) {
     enyx_hw_a2c_stream_destroy(stream);
 }
 
+// Each turn changes two registers under the core lock and finds them as it left them. Status 2: a lock or an access
+// failed. Status 3: another process was in between.
+int TakeTurns(unsigned turns) {
+    enyx_hw_core* core = OpenRegisters(0);
+    if (core == nullptr) return errno;
+    std::mt19937 random(static_cast<unsigned>(std::random_device{}()));
+    for (unsigned turn = 0; turn < turns; ++turn) {
+        const std::uint32_t date = 20000000 + Below(random, 100000);
+        std::uint64_t found = 0;
+        if (enyx_hw_core_lock(core) != 0) return 2;
+        if (Write(core, card_reg::kTradingDate, date) != 0) return 2;
+        if (Read(core, card_reg::kTradingDate, found) != 0) return 2;
+        if (found != date) return 3;
+        if (enyx_hw_core_unlock(core) != 0) return 2;
+    }
+    return 0;
+}
+
 void Count(const std::uint8_t*, std::uint32_t, void* count) { ++*static_cast<unsigned*>(count); }
 
 int Receive(bool startQuotes, unsigned count) {
@@ -84,6 +103,7 @@ int main(int argc, char** argv) {
     const std::string what = argc > 1 ? argv[1] : "";
     if (what == "abuse" && argc == 3) Abuse(Number(argv[2]));
     if (what == "hold" && argc == 3 && OpenStream(0, Number(argv[2])) != nullptr) Keep();
+    if (what == "take-turns" && argc == 3) return TakeTurns(Number(argv[2]));
     if ((what == "quotes" || what == "receive") && argc == 3) return Receive(what == "quotes", Number(argv[2]));
     enyx_hw_core* core = OpenRegisters(0);
     if (core == nullptr) return errno;

@@ -12,9 +12,8 @@
 #include <ctime>
 #include <vector>
 
-#include <VexoZceMdApi.h>
-
 #include "tests/hosted/QuoteRecord.h"
+#include "tests/support/QuoteCallbacks.h"
 
 namespace {
 
@@ -27,17 +26,15 @@ std::time_t RealTime() {
     return now.tv_sec;
 }
 
-class QuoteRecorder : public IVexoZceMdSpi {
+class QuoteRecorder : public QuoteCallbacks {
 public:
     explicit QuoteRecorder(std::FILE* file) : m_file(file) {}
-    int OnUpSubsResult17(const unsigned char* data) override { return Keep(17, data, sizeof(enyx_sim::Level1Quote)); }
-    int OnUpSubsResult18(const unsigned char* data) override { return Keep(18, data, sizeof(enyx_sim::Level5Quote)); }
-    int OnUpSubsResult19(const unsigned char* data) override { return Keep(19, data, sizeof(enyx_sim::Level1Quote)); }
-    int OnUpSubsResult20(const unsigned char* data) override { return Keep(20, data, sizeof(enyx_sim::Level5Quote)); }
 
 private:
-    int Keep(std::uint32_t type, const unsigned char* payload, std::size_t size) {
-        const hosted::QuoteRecord record = hosted::MakeRecord(type, payload, size);
+    int OnQuote(int type, const unsigned char* payload) override {
+        const bool levelOne = type == 17 || type == 19;
+        const std::size_t size = levelOne ? sizeof(enyx_sim::Level1Quote) : sizeof(enyx_sim::Level5Quote);
+        const hosted::QuoteRecord record = hosted::MakeRecord(static_cast<std::uint32_t>(type), payload, size);
         return std::fwrite(&record, sizeof record, 1, m_file) == 1 ? 0 : -1;
     }
 

@@ -19,7 +19,7 @@ TEST(Channel, OtherThanTheMasterTouchesNoRegister) {
         test_support::FakeTime clock(2066, 1, 5, 9, 30, 0);
         SmallCard({{"SR705", 0}}, {});
         const std::string ini = WriteIni("", "xilinx0:5");
-        RecordingSpi spi;
+        PayloadSpi spi;
         HardwareCalls trace;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         EXPECT_EQ(api->VexoStart(spi, ini.c_str()), 0);
@@ -45,7 +45,7 @@ TEST(Channel, OtherThanTheMasterWarnsOnceOfContractMaps) {
         test_support::FakeTime clock(2066, 1, 5, 9, 30, 0);
         SmallCard({}, {});
         const std::string ini = WriteIni("", "xilinx0:5");
-        RecordingSpi spi;
+        PayloadSpi spi;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         EXPECT_EQ(api->VexoStart(spi, ini.c_str()), 0);
         for (int i = 0; i < 3; ++i) {
@@ -67,7 +67,7 @@ TEST(Channel, EveryPacketReachesTheCallbackOfItsTypeUntouched) {
         test_support::FakeTime clock(2066, 1, 6, 9, 30, 0);
         SmallCard({}, {});
         const std::string ini = WriteIni("");
-        RecordingSpi spi(1000);
+        PayloadSpi spi(1000);
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         EXPECT_EQ(api->VexoStart(spi, ini.c_str()), 0);
         for (std::uint32_t type : {20u, 17u, 19u, 18u}) {
@@ -160,7 +160,7 @@ TEST(Channel, MasterSubscribesAnnouncedInstrumentsForAllSixteenChannels) {
         test_support::FakeTime clock(2066, 1, 7, 9, 30, 0);
         SmallCard(kRuleOneLeg, kRuleCombine);
         const std::string ini = WriteIni(RulesOfAllChannels());
-        RecordingSpi spi;
+        PayloadSpi spi;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         EXPECT_EQ(api->VexoStart(spi, ini.c_str()), 0);
         EXPECT_EQ(enyx_sim_pause_feed(0, 0), 0);
@@ -185,7 +185,7 @@ TEST(Channel, MasterSubscribesTheDayFilesInstrumentsForAllSixteenChannels) {
         test_support::FakeTime clock(2066, 1, 8, 9, 30, 0);
         SmallCard(kRuleOneLeg, kRuleCombine);
         const std::string ini = WriteIni(RulesOfAllChannels());
-        RecordingSpi spi;
+        PayloadSpi spi;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         EXPECT_EQ(api->VexoStart(spi, ini.c_str()), 0);
         ExpectCardMasks();
@@ -205,7 +205,7 @@ TEST(Channel, RowThatDoesNotTakeItsMaskIsWarnedOf) {
         SmallCard({{"SR705", 6}}, {});
         EXPECT_EQ(enyx_sim_row_ignores_mask(0, 0, 6, 1), 0);
         const std::string ini = WriteIni("[channel0]\ninsts = SR\noptions = no\n");
-        RecordingSpi spi;
+        PayloadSpi spi;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         const int result = api->VexoStart(spi, ini.c_str());
         IVexoZceMdApi::DestroyVexoZceMdApi(*api);
@@ -221,7 +221,7 @@ TEST(Stop, SignalBeforeTheFirstMarketDataEndsTheProcess) {
         test_support::FakeTime clock(2066, 1, 5, 9, 30, 0);
         SmallCard({}, {});
         const std::string ini = WriteIni("", "xilinx0:5");
-        RecordingSpi spi;
+        PayloadSpi spi;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         EXPECT_EQ(api->VexoStart(spi, ini.c_str()), 0);
         std::raise(SIGINT);
@@ -239,12 +239,12 @@ TEST_P(StopSignal, EndsTheReceivingInOrder) {
         test_support::FakeTime clock(2066, 1, 5, 9, 30, 0);
         SmallCard({}, {});
         const std::string ini = WriteIni("", "xilinx0:5");
-        class StoppingSpi : public RecordingSpi {
+        class StoppingSpi : public PayloadSpi {
         public:
             explicit StoppingSpi(int sig) : m_signal(sig) {}
             int OnUpSubsResult17(const unsigned char* data) override {
                 std::raise(m_signal);
-                return RecordingSpi::OnUpSubsResult17(data);
+                return PayloadSpi::OnUpSubsResult17(data);
             }
 
         private:
@@ -275,7 +275,7 @@ Outcome FailingStart(const std::function<void()>& arrange, const std::string& de
         SmallCard({}, {});
         arrange();
         const std::string ini = WriteIni("", device);
-        RecordingSpi spi;
+        PayloadSpi spi;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         api->VexoStart(spi, ini.c_str());
         return 55;
@@ -319,7 +319,7 @@ TEST(Restart, NewApiObjectInTheSameProcessStartsAfresh) {
         SmallCard({}, {});
         const std::string ini = WriteIni("");
         for (int round = 0; round < 2; ++round) {
-            RecordingSpi spi;
+            PayloadSpi spi;
             IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
             EXPECT_EQ(api->VexoStart(spi, ini.c_str()), 0);
             Push(0, MarketDataPacket(17, "payload!"));

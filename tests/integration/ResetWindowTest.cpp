@@ -43,7 +43,7 @@ TEST_P(ResetWindow, DecidesTheReset) {
         SmallCard({{"SR705", 0}}, {});
         RunningCard(clock, c);
         const std::string ini = WriteIni("");
-        RecordingSpi spi;
+        PayloadSpi spi;
         IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
         const int result = api->VexoStart(spi, ini.c_str());
         IVexoZceMdApi::DestroyVexoZceMdApi(*api);

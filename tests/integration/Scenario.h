@@ -5,9 +5,8 @@
 #include <string>
 #include <vector>
 
-#include <VexoZceMdApi.h>
-
 #include "tests/support/FakeTime.h"
+#include "tests/support/QuoteCallbacks.h"
 
 namespace scenario {
 
@@ -50,14 +49,9 @@ private:
 };
 
 /// Keeps every payload that it is called with.
-class RecordingSpi : public IVexoZceMdSpi {
+class PayloadSpi : public QuoteCallbacks {
 public:
-    explicit RecordingSpi(std::size_t payloadSize = 8) : m_size(payloadSize) {}
-    int OnUpSubsResult17(const unsigned char* data) override { return Keep(17, data); }
-    int OnUpSubsResult18(const unsigned char* data) override { return Keep(18, data); }
-    int OnUpSubsResult19(const unsigned char* data) override { return Keep(19, data); }
-    int OnUpSubsResult20(const unsigned char* data) override { return Keep(20, data); }
-
+    explicit PayloadSpi(std::size_t payloadSize = 8) : m_size(payloadSize) {}
     struct Packet {
         int type;
         std::string payload;
@@ -65,7 +59,7 @@ public:
     std::vector<Packet> packets;
 
 private:
-    int Keep(int type, const unsigned char* data) {
+    int OnQuote(int type, const unsigned char* data) override {
         packets.push_back({type, std::string(reinterpret_cast<const char*>(data), m_size)});
         return 0;
     }

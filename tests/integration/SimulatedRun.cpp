@@ -4,6 +4,7 @@
 #include <enyx-sim/md_payload.h>
 #include <gtest/gtest.h>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -16,17 +17,12 @@ namespace {
 constexpr char kReport[] = "REPORT ";
 
 // Follows the sequence numbers, as an application that looks for gaps does.
-class FollowingSpi : public IVexoZceMdSpi {
+class FollowingSpi : public QuoteCallbacks {
 public:
-    int OnUpSubsResult17(const unsigned char* data) override { return Take(data); }
-    int OnUpSubsResult18(const unsigned char* data) override { return Take(data); }
-    int OnUpSubsResult19(const unsigned char* data) override { return Take(data); }
-    int OnUpSubsResult20(const unsigned char* data) override { return Take(data); }
-
     Sight sight;
 
 private:
-    int Take(const unsigned char* data) {
+    int OnQuote(int, const unsigned char* data) override {
         enyx_sim::QuoteCommon quote;
         std::memcpy(&quote, data, sizeof quote);
         const std::uint64_t number = quote.sequence;
@@ -65,8 +61,11 @@ void ReadReport(Sight& s) {
 
 int RunHere(const SimulatedRun& run) {
     test_support::FakeTime clock(run.year, run.month, run.day, run.hour, run.minute, run.second);
+    for (const auto& [name, value] : run.environment) ::setenv(name.c_str(), value.c_str(), 1);
     char reason[512] = "";
-    EXPECT_EQ(enyx_sim_load_scenario(run.cardIni.c_str(), reason, sizeof reason), 0) << reason;
+    if (!run.cardIni.empty()) {
+        EXPECT_EQ(enyx_sim_load_scenario(run.cardIni.c_str(), reason, sizeof reason), 0) << reason;
+    }
     std::ofstream("zce.ini") << run.libraryIni;
     FollowingSpi spi;
     IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();

@@ -1,19 +1,21 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "tests/integration/Scenario.h"
 
 namespace scenario {
 
-/// One run of the library over a card that a scenario file describes.
+/// One run of the library over a card that a scenario file, or else the environment, describes.
 struct SimulatedRun {
     int year = 2067, month = 1, day = 1;
     int hour = 9, minute = 30, second = 0;
-    std::string cardIni;     // path of the scenario
-    std::string libraryIni;  // content
-    int secondsBefore = 0;   // between start-up and the first poll
+    std::string cardIni;                             // path of the scenario
+    std::map<std::string, std::string> environment;  // of the process
+    std::string libraryIni;                          // content
+    int secondsBefore = 0;                           // between start-up and the first poll
     int milliseconds = 1500;
     int pollsEach = 8;  // in each of them
 };

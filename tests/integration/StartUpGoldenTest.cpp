@@ -36,7 +36,7 @@ int StartAndFeed(int day, const std::function<void(IVexoZceMdApi&, test_support:
     test_support::FakeTime clock(2064, 5, day, 9, 30, 0);
     SmallCard(kOneLeg, kCombine);
     const std::string ini = WriteIni(kRules);
-    RecordingSpi spi;
+    PayloadSpi spi;
     std::string calls;
     {
         HardwareCalls trace;

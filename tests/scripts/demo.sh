@@ -52,7 +52,7 @@ foreign)
     as_nobody
     demo
     [ "$status" -eq 0 ] || fail "another user's day file: ended with $status"
-    says 'Contract map: learned from the card; the day file .* was not used (another user owns it'
+    says 'Contract map: learned from the card.*; the file that was there before was not used (another user owns it'
     ;;
 unreadable)
     # A directory in the day file's place: neither readable nor writable for anybody.

@@ -1,13 +1,13 @@
 #include <cerrno>
 
 #include "interface/CardRegisters.h"
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 
 namespace cardtest {
 namespace {
 
-void cardOpens(const Plan& plan) {
-    const Filter filter = indexFilter(plan.bus);
+void cardOpens(const TestPlan& plan) {
+    const FilterHandle filter = indexFilter(plan.bus);
     enyx_hw_accelerator_descriptor* found[8] = {};
     const ssize_t count = enyx_hw_enumerate_accelerators(filter.get(), found, 1);
     if (count < 1 || found[0] == nullptr) throw Untestable{"there is no descriptor of the card"};
@@ -18,9 +18,9 @@ void cardOpens(const Plan& plan) {
     enyx_hw_free_accelerator_descriptors(found, 1);
 }
 
-void cardOutlivesDescriptor(const Plan& plan) {
+void cardOutlivesDescriptor(const TestPlan& plan) {
     enyx_hw_accelerator* card = openCard(plan.bus);  // its descriptor is freed by now
-    const Filter filter = indexFilter(0);
+    const FilterHandle filter = indexFilter(0);
     enyx_hw_mmio_descriptor* found[8] = {};
     errno = 0;
     const ssize_t count = enyx_hw_accelerator_enumerate_mmios(card, filter.get(), found, 1);
@@ -28,22 +28,22 @@ void cardOutlivesDescriptor(const Plan& plan) {
     if (count > 0) enyx_hw_free_mmio_descriptors(found, 1);
 }
 
-void spaceIsFound(const Plan& plan) {
+void spaceIsFound(const TestPlan& plan) {
     enyx_hw_accelerator* card = openCard(plan.bus);
-    const Filter filter = indexFilter(0);
+    const FilterHandle filter = indexFilter(0);
     enyx_hw_mmio_descriptor* found[8] = {};
     errno = 0;
     const ssize_t count = enyx_hw_accelerator_enumerate_mmios(card, filter.get(), found, 1);
     if (count < 0) throw Untestable{"the card's register spaces cannot be enumerated: " + errnoText(errno)};
     expect(count == 1, "1 register space of index 0", std::to_string(count));
-    Mmio mmio(enyx_hw_mmio_create(found[0]));
+    MmioHandle mmio(enyx_hw_mmio_create(found[0]));
     expect(mmio != nullptr, "a register space", "null, " + errnoText(errno));
     enyx_hw_free_mmio_descriptors(found, 1);
     expect(enyx_hw_enumerate_cores(mmio.get()) != nullptr, "a core tree, its descriptor freed",
            "null, " + errnoText(errno));
 }
 
-Mmio demandMmio(enyx_hw_accelerator* card, const char* expected) {
+MmioHandle demandMmio(enyx_hw_accelerator* card, const char* expected) {
     try {
         return openMmio(card);
     } catch (const Untestable& barred) {
@@ -51,16 +51,16 @@ Mmio demandMmio(enyx_hw_accelerator* card, const char* expected) {
     }
 }
 
-void spaceOpensAgain(const Plan& plan) {
+void spaceOpensAgain(const TestPlan& plan) {
     enyx_hw_accelerator* card = openCard(plan.bus);
     openMmio(card).reset();
-    const Mmio again = demandMmio(card, "a register space that opens again");
+    const MmioHandle again = demandMmio(card, "a register space that opens again");
     rootOf(again.get());
 }
 
-void spacesAgree(const Plan& plan) {
-    const Registers first(plan.bus);
-    const Mmio second = demandMmio(openCard(plan.bus), "a second register space beside the first");
+void spacesAgree(const TestPlan& plan) {
+    const RegisterCore first(plan.bus);
+    const MmioHandle second = demandMmio(openCard(plan.bus), "a second register space beside the first");
     const std::uint32_t value = first.read(card_reg::kHardwareVersion);
     enyx_hw_core* core = registerCoreOf(second.get());
     const enyx_hw_register_description version{std::uint64_t{card_reg::kHardwareVersion} * 4, 0, 32};

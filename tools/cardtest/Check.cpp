@@ -8,8 +8,8 @@ namespace cardtest {
 const std::vector<Check>& allChecks() {
     static const std::vector<Check> checks = [] {
         std::vector<Check> all;
-        // The checks of other processes come last: a card that does not let go of what a dead process held spoils
-        // whatever follows.
+        // The checks with other processes come last. A card that keeps what a dead process held would spoil any check
+        // after them.
         for (const auto& part :
              {filterChecks(), enumerationChecks(), acceleratorChecks(), coreChecks(), registerChecks(), tableChecks(),
               resetChecks(), upStreamChecks(), trafficChecks(), downStreamChecks(), processChecks()})

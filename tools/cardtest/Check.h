@@ -6,13 +6,13 @@
 
 namespace cardtest {
 
-/// What the user asked for, and what is known of the card before the first check.
-struct Plan {
+/// What the user asked for, and what is known about the card before the first check.
+struct TestPlan {
     std::uint32_t bus = 0;
     std::int32_t channel = -1;  // of the stream to use; -1 = none is free
     std::uint32_t seconds = 3;  // to wait for packets
     bool write = false;
-    bool shared = true;  // false: an embedded simulated card, of which every process has one of its own
+    bool shared = true;  // false: an embedded simulated card, one for each process
 };
 
 /// Thrown by a check: the promise is broken.
@@ -21,7 +21,7 @@ struct Failed {
     std::string seen;
 };
 
-/// Thrown by a check: this card, at this moment, does not let the promise be seen kept or broken.
+/// Thrown by a check: in its present state the card cannot show whether the promise is kept.
 struct Untestable {
     std::string reason;
 };
@@ -30,7 +30,7 @@ struct Check {
     const char* group;
     const char* name;
     const char* promise;
-    void (*run)(const Plan& plan);  // returns when the promise is kept
+    void (*run)(const TestPlan& plan);  // returns when the promise is kept
     bool writes = false;
     const char* leaves = nullptr;  // what a writing check cannot put back
 };

@@ -6,40 +6,40 @@
 #include <memory>
 #include <thread>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
 
 namespace cardtest {
 namespace {
 
-void treeHasRoot(const Plan& plan) {
-    const Mmio mmio = openMmio(openCard(plan.bus));
+void treeHasRoot(const TestPlan& plan) {
+    const MmioHandle mmio = openMmio(openCard(plan.bus));
     errno = 0;
     enyx_hw_core_tree* tree = enyx_hw_enumerate_cores(mmio.get());
     expect(tree != nullptr, "a core tree", "null, " + errnoText(errno));
     expect(enyx_hw_core_tree_get_root(tree) != nullptr, "a root core", "null, " + errnoText(errno));
 }
 
-void registerCoreIsFound(const Plan& plan) {
-    const Mmio mmio = openMmio(openCard(plan.bus));
+void registerCoreIsFound(const TestPlan& plan) {
+    const MmioHandle mmio = openMmio(openCard(plan.bus));
     enyx_hw_core* found[8] = {};
     errno = 0;
-    const ssize_t count = enyx_hw_core_enumerate(rootOf(mmio.get()), kRegisterCore, found, 1);
+    const ssize_t count = enyx_hw_core_enumerate(rootOf(mmio.get()), kRegisterCoreId, found, 1);
     expect(count == 1 && found[0] != nullptr, "1 core of hardware id 474", resultText(count, errno));
 }
 
-void unknownCoreIsNone(const Plan& plan) {
+void unknownCoreIsNone(const TestPlan& plan) {
     constexpr std::uint16_t kNoCore = 0xFFFF;
-    const Mmio mmio = openMmio(openCard(plan.bus));
+    const MmioHandle mmio = openMmio(openCard(plan.bus));
     enyx_hw_core* found[8] = {};
     errno = 0;
     const ssize_t count = enyx_hw_core_enumerate(rootOf(mmio.get()), kNoCore, found, 1);
     expect(count == 0, "0 cores of hardware id 65535", resultText(count, errno));
 }
 
-void lockAgain(const Plan& plan) {
+void lockAgain(const TestPlan& plan) {
     constexpr int kRounds = 1000;
-    const Registers registers(plan.bus);
+    const RegisterCore registers(plan.bus);
     for (int round = 0; round < kRounds; ++round) {
         errno = 0;
         const int locked = enyx_hw_core_lock(registers.core());
@@ -49,7 +49,7 @@ void lockAgain(const Plan& plan) {
     }
 }
 
-// A second thread on the lock. On its own feet: when it never gets the lock, the check ends without it.
+// A second thread that wants the lock. It is detached: when it never gets the lock, the check ends without it.
 struct Waiter {
     std::atomic<long> thread{0};
     std::atomic<bool> locked{false};
@@ -69,13 +69,13 @@ struct Waiter {
     bool isAsleep() const { return cardtest::isAsleep("self/task/" + std::to_string(thread)); }
 };
 
-void lockExcludesThreads(const Plan& plan) {
-    const Registers registers(plan.bus);
+void lockExcludesThreads(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
     std::shared_ptr<Waiter> waiter;
     {
-        const CoreLock lock(registers.core());
+        const HeldCoreLock lock(registers.core());
         waiter = Waiter::start(registers.core());
-        // It has had its chance once it sleeps inside the call, however busy this machine is.
+        // Once it sleeps inside the call it has had its chance, even on a busy machine.
         const std::int64_t watched = nowMs() + kWatchMs;
         within(kPatienceMs, [&] { return waiter->locked || (nowMs() >= watched && waiter->isAsleep()); });
         expect(!waiter->locked, "a thread that waits while another holds the lock",

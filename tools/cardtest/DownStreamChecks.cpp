@@ -1,26 +1,26 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
 
 namespace cardtest {
 namespace {
 
-DownStream openDown(const Plan& plan) {
-    DownStream stream = tryOpenDown(openCard(plan.bus), channelOf(plan));
+DownStreamHandle openDown(const TestPlan& plan) {
+    DownStreamHandle stream = tryOpenDown(openCard(plan.bus), channelOf(plan));
     if (!stream) throw Untestable{"the host-to-card stream could not be opened: " + errnoText(errno)};
     return stream;
 }
 
-void opensAgain(const Plan& plan) {
+void opensAgain(const TestPlan& plan) {
     openDown(plan).reset();
-    const DownStream again = tryOpenDown(openCard(plan.bus), channelOf(plan));
+    const DownStreamHandle again = tryOpenDown(openCard(plan.bus), channelOf(plan));
     expect(again != nullptr, "a stream that was destroyed opens again", "null, " + errnoText(errno));
 }
 
-void mtuIsSteady(const Plan& plan) {
-    const DownStream stream = openDown(plan);
+void mtuIsSteady(const TestPlan& plan) {
+    const DownStreamHandle stream = openDown(plan);
     std::uint32_t first = 0;
     for (int n = 0; n < 100; ++n) {
         std::uint32_t mtu = 0;
@@ -33,8 +33,8 @@ void mtuIsSteady(const Plan& plan) {
     }
 }
 
-void sends(const Plan& plan) {
-    const DownStream stream = openDown(plan);
+void sends(const TestPlan& plan) {
+    const DownStreamHandle stream = openDown(plan);
     const char nothing[64] = {};
     int result = EAGAIN;
     const bool sent = within(static_cast<int>(std::max(plan.seconds, 1U)) * 1000, [&] {

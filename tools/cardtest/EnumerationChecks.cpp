@@ -2,7 +2,7 @@
 #include <cerrno>
 #include <functional>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 
 namespace cardtest {
 namespace {
@@ -17,12 +17,12 @@ struct Kind {
     std::function<void(Descriptor**, std::size_t)> release;
 };
 
-// What the array of an enumeration looked like afterwards.
+// The array after an enumeration.
 struct Outcome {
     ssize_t count = 0;
     int error = 0;
     std::size_t filled = 0;  // slots changed, from the first on
-    bool beyond = false;     // one behind the room was changed
+    bool beyond = false;     // a slot behind the room was changed
 };
 
 template <typename Descriptor>
@@ -41,28 +41,28 @@ Outcome enumerateInto(const Kind<Descriptor>& kind, std::size_t room) {
 }
 
 template <typename Visit>
-void forEachKind(const Plan& plan, const Filter& filter, Visit visit) {
+void forEachKind(const TestPlan& plan, const FilterHandle& filter, Visit visit) {
     enyx_hw_accelerator* card = openCard(plan.bus);
-    const Mmio mmio = openMmio(card);
+    const MmioHandle mmio = openMmio(card);
     enyx_hw_core* root = rootOf(mmio.get());
     const enyx_hw_filter* f = filter.get();
     visit(Kind<enyx_hw_accelerator_descriptor>{
         "accelerators", [=](auto** d, std::size_t n) { return enyx_hw_enumerate_accelerators(f, d, n); },
-        enyx_hw_free_accelerator_descriptors});
+        std::ref(enyx_hw_free_accelerator_descriptors)});
     visit(Kind<enyx_hw_mmio_descriptor>{
         "register spaces", [=](auto** d, std::size_t n) { return enyx_hw_accelerator_enumerate_mmios(card, f, d, n); },
-        enyx_hw_free_mmio_descriptors});
-    visit(Kind<enyx_hw_core>{"cores",
-                             [=](auto** d, std::size_t n) { return enyx_hw_core_enumerate(root, kRegisterCore, d, n); },
-                             [](enyx_hw_core**, std::size_t) {}});
+        std::ref(enyx_hw_free_mmio_descriptors)});
+    visit(Kind<enyx_hw_core>{
+        "cores", [=](auto** d, std::size_t n) { return enyx_hw_core_enumerate(root, kRegisterCoreId, d, n); },
+        [](enyx_hw_core**, std::size_t) {}});
     visit(Kind<enyx_hw_a2c_stream_descriptor>{
         "card-to-host streams",
         [=](auto** d, std::size_t n) { return enyx_hw_accelerator_enumerate_a2c_streams(card, f, d, n); },
-        enyx_hw_free_a2c_stream_descriptors});
+        std::ref(enyx_hw_free_a2c_stream_descriptors)});
     visit(Kind<enyx_hw_c2a_stream_descriptor>{
         "host-to-card streams",
         [=](auto** d, std::size_t n) { return enyx_hw_accelerator_enumerate_c2a_streams(card, f, d, n); },
-        enyx_hw_free_c2a_stream_descriptors});
+        std::ref(enyx_hw_free_c2a_stream_descriptors)});
 }
 
 // Room for none, one, some and more than there are.
@@ -72,7 +72,7 @@ std::string in(const char* kind, std::size_t room) {
     return std::string(" (") + kind + ", room for " + std::to_string(room) + ")";
 }
 
-void countIsWhatMatched(const Plan& plan) {
+void countIsWhatMatched(const TestPlan& plan) {
     forEachKind(plan, anyFilter(), [](const auto& kind) {
         const ssize_t all = enumerateInto(kind, 48).count;
         for (const std::size_t room : kRooms) {
@@ -83,7 +83,7 @@ void countIsWhatMatched(const Plan& plan) {
     });
 }
 
-void roomIsKept(const Plan& plan) {
+void roomIsKept(const TestPlan& plan) {
     forEachKind(plan, anyFilter(), [](const auto& kind) {
         for (const std::size_t room : kRooms) {
             const Outcome outcome = enumerateInto(kind, room);
@@ -97,8 +97,8 @@ void roomIsKept(const Plan& plan) {
     });
 }
 
-void noneIsZero(const Plan& plan) {
-    Filter filter = nameFilter("NOTHING_HAS_THIS_NAME");
+void noneIsZero(const TestPlan& plan) {
+    FilterHandle filter = nameFilter("NOTHING_HAS_THIS_NAME");
     if (enyx_hw_filter_set_index(filter.get(), 0xFFFF) != 0)
         throw Untestable{"a filter did not take an index and a name"};
     forEachKind(plan, filter, [](const auto& kind) {
@@ -109,9 +109,9 @@ void noneIsZero(const Plan& plan) {
     });
 }
 
-void failureIsMinusOne(const Plan& plan) {
+void failureIsMinusOne(const TestPlan& plan) {
     bool failed = false;
-    const Filter filter = indexFilter(0xFFFFFFFF);
+    const FilterHandle filter = indexFilter(0xFFFFFFFF);
     forEachKind(plan, filter, [&failed](const auto& kind) {
         const Outcome outcome = enumerateInto(kind, 4);
         if (outcome.count >= 0) return;
@@ -122,7 +122,7 @@ void failureIsMinusOne(const Plan& plan) {
     if (!failed) throw Untestable{"no enumeration of this card failed"};
 }
 
-void descriptorsAreFreed(const Plan& plan) {
+void descriptorsAreFreed(const TestPlan& plan) {
     constexpr int kRounds = 2000;
     forEachKind(plan, anyFilter(), [](const auto& kind) {
         const Outcome first = enumerateInto(kind, 4);

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 
 namespace cardtest {
 namespace {
@@ -10,24 +10,24 @@ constexpr std::size_t kRoom = 64;
 constexpr std::uint32_t kNoIndex = 0xFFFF;
 constexpr char kNoName[] = "NO_STREAM_HAS_THIS_NAME";
 
-ssize_t countCards(const Filter& filter) {
+ssize_t countCards(const FilterHandle& filter) {
     enyx_hw_accelerator_descriptor* found[kRoom + 1] = {};
     const ssize_t count = enyx_hw_enumerate_accelerators(filter.get(), found, kRoom);
     if (count > 0) enyx_hw_free_accelerator_descriptors(found, std::min(static_cast<std::size_t>(count), kRoom));
     return count;
 }
 
-ssize_t countStreams(enyx_hw_accelerator* card, const Filter& filter) {
+ssize_t countStreams(enyx_hw_accelerator* card, const FilterHandle& filter) {
     enyx_hw_a2c_stream_descriptor* found[kRoom + 1] = {};
     const ssize_t count = enyx_hw_accelerator_enumerate_a2c_streams(card, filter.get(), found, kRoom);
     if (count > 0) enyx_hw_free_a2c_stream_descriptors(found, std::min(static_cast<std::size_t>(count), kRoom));
     return count;
 }
 
-void filterCreate(const Plan&) {
+void filterCreate(const TestPlan&) {
     errno = 0;
-    const Filter first(enyx_hw_filter_create());
-    const Filter second(enyx_hw_filter_create());
+    const FilterHandle first(enyx_hw_filter_create());
+    const FilterHandle second(enyx_hw_filter_create());
     expect(first && second, "two filters", errnoText(errno));
     expect(first.get() != second.get(), "two filters", "the same one twice");
     const int index = enyx_hw_filter_set_index(first.get(), 0);
@@ -36,7 +36,7 @@ void filterCreate(const Plan&) {
     expect(name == 0, "result 0 of setting a name", resultText(name, errno));
 }
 
-void emptyMatchesEverything(const Plan& plan) {
+void emptyMatchesEverything(const TestPlan& plan) {
     const ssize_t cards = countCards(anyFilter());
     expect(cards >= 1, "every card, so at least 1", std::to_string(cards));
     enyx_hw_accelerator* card = openCard(plan.bus);
@@ -48,14 +48,14 @@ void emptyMatchesEverything(const Plan& plan) {
            std::to_string(streams) + " streams");
 }
 
-void indexMatchesOne(const Plan& plan) {
+void indexMatchesOne(const TestPlan& plan) {
     const ssize_t here = countCards(indexFilter(plan.bus));
     expect(here == 1, "1 card at bus " + std::to_string(plan.bus), std::to_string(here));
     const ssize_t nowhere = countCards(indexFilter(kNoIndex));
     expect(nowhere <= 0, "no card at bus " + std::to_string(kNoIndex), std::to_string(nowhere));
 }
 
-void nameMatchesOne(const Plan& plan) {
+void nameMatchesOne(const TestPlan& plan) {
     enyx_hw_accelerator* card = openCard(plan.bus);
     const ssize_t one = countStreams(card, nameFilter(streamName(0)));
     expect(one == 1, "1 stream of the name " + streamName(0), std::to_string(one));
@@ -63,10 +63,10 @@ void nameMatchesOne(const Plan& plan) {
     expect(none <= 0, std::string("no stream of the name ") + kNoName, std::to_string(none));
 }
 
-void filtersAreIndependent(const Plan& plan) {
-    const Filter here = indexFilter(plan.bus);
+void filtersAreIndependent(const TestPlan& plan) {
+    const FilterHandle here = indexFilter(plan.bus);
     const ssize_t before = countCards(here);
-    const Filter nowhere = indexFilter(kNoIndex);
+    const FilterHandle nowhere = indexFilter(kNoIndex);
     const ssize_t after = countCards(here);
     expect(before == after, std::to_string(before) + " cards whatever is set in another filter", std::to_string(after));
 }

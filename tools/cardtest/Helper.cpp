@@ -13,7 +13,8 @@
 #include <fstream>
 #include <utility>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardLibrary.h"
+#include "tools/cardtest/CardUnderTest.h"
 
 namespace cardtest {
 namespace {
@@ -26,7 +27,7 @@ void say(const std::string& text) {
     std::fflush(stdout);
 }
 
-// What it is told; "die" ends the process on the spot.
+// Waits for a line from the checking process; "die" ends this process at once.
 bool isTold() {
     char text[16];
     if (std::fgets(text, sizeof text, stdin) == nullptr) return false;
@@ -35,7 +36,7 @@ bool isTold() {
 }
 
 int holdStream(std::uint32_t bus, std::uint32_t channel) {
-    UpStream stream = tryOpenUp(openCard(bus), channel);
+    UpStreamHandle stream = tryOpenUp(openCard(bus), channel);
     say(stream ? "got" : errnoText(errno));
     isTold();
     stream.reset();
@@ -44,7 +45,7 @@ int holdStream(std::uint32_t bus, std::uint32_t channel) {
 }
 
 int holdLock(std::uint32_t bus) {
-    const Registers registers(bus);
+    const RegisterCore registers(bus);
     say("ready");
     errno = 0;
     const int locked = enyx_hw_core_lock(registers.core());
@@ -94,7 +95,7 @@ Helper::Helper(const std::vector<std::string>& role) {
     arguments.push_back(nullptr);
     m_pid = fork();
     if (m_pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);  // it must not outlive a check that is ended from outside
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // it must not outlive a check that is killed
         dup2(in[0], STDIN_FILENO);
         dup2(out[1], STDOUT_FILENO);
         for (const int end : {in[0], in[1], out[0], out[1]}) close(end);
@@ -108,11 +109,11 @@ Helper::Helper(const std::vector<std::string>& role) {
     if (m_pid < 0) throw Untestable{"no second process: " + errnoText(errno)};
 }
 
-Helper Helper::holdingStream(const Plan& plan, std::uint32_t channel) {
+Helper Helper::holdingStream(const TestPlan& plan, std::uint32_t channel) {
     return Helper({kStreamRole, std::to_string(plan.bus), std::to_string(channel)});
 }
 
-Helper Helper::holdingLock(const Plan& plan) { return Helper({kLockRole, std::to_string(plan.bus), "0"}); }
+Helper Helper::holdingLock(const TestPlan& plan) { return Helper({kLockRole, std::to_string(plan.bus), "0"}); }
 
 Helper::~Helper() {
     end();
@@ -164,7 +165,10 @@ bool Helper::isAsleep() const { return cardtest::isAsleep(std::to_string(m_pid))
 int runRole(int argc, char** argv) {
     if (argc != 5 || std::string(argv[1]) != kRoleOption) return -1;
     const auto number = [](const char* text) { return static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10)); };
-    const int status = play(argv[2], number(argv[3]), number(argv[4]));
+    std::string error;
+    const bool loaded = loadCardLibrary(error);
+    if (!loaded) say(error);
+    const int status = !loaded ? 1 : play(argv[2], number(argv[3]), number(argv[4]));
     std::fflush(stdout);
     _exit(status);
 }

@@ -10,15 +10,15 @@
 
 namespace cardtest {
 
-/// How long a step may take that a healthy card does at once.
+/// Timeout of a step that a healthy card does at once.
 inline constexpr int kPatienceMs = 10'000;
-/// How long a lock is watched that must not be given away.
+/// How long a check watches that a held lock stays held.
 inline constexpr int kWatchMs = 300;
 
 std::int64_t nowMs();
 void restMs(int ms);
 
-/// Looks again and again until @p condition holds; false after @p ms milliseconds.
+/// Polls until @p condition holds; false after @p ms milliseconds.
 template <typename Condition>
 bool within(int ms, Condition condition) {
     for (const std::int64_t end = nowMs() + ms; !condition(); restMs(2))
@@ -26,23 +26,23 @@ bool within(int ms, Condition condition) {
     return true;
 }
 
-/// Whether the thread that /proc knows under @p task waits in the kernel, and so can do nothing by itself.
+/// Whether the thread @p task of /proc waits in the kernel.
 bool isAsleep(const std::string& task);
 
-/// This program once more, as another user of the card: it holds something, and says over a pipe what it got.
+/// A second process of this program that uses the card too. It holds a stream or the lock and reports over a pipe.
 class Helper {
 public:
-    static Helper holdingStream(const Plan& plan, std::uint32_t channel);
-    static Helper holdingLock(const Plan& plan);
+    static Helper holdingStream(const TestPlan& plan, std::uint32_t channel);
+    static Helper holdingLock(const TestPlan& plan);
     ~Helper();
     Helper(const Helper&) = delete;
     Helper& operator=(const Helper&) = delete;
 
-    /// The next line it says; empty when it says none within @p ms milliseconds or has ended.
+    /// Its next line; empty when none comes within @p ms milliseconds or the process has ended.
     std::string line(int ms = kPatienceMs);
-    /// What it says next, or throws Untestable.
+    /// Its next line. Throws Untestable when that is not @p what.
     std::string demand(const char* what);
-    /// Lets it go on: it gives back what it holds, or with "die" ends without doing so.
+    /// Lets it go on. It releases what it holds; told "die", it ends without releasing.
     void tell(const std::string& text);
     void kill();
     bool isAsleep() const;
@@ -58,7 +58,7 @@ private:
 
 inline constexpr char kRoleOption[] = "--role";
 
-/// The part of such a helper: runs it when the arguments name one. @return the exit status, or -1 when they do not.
+/// Runs this process as such a helper when the arguments say so. @return the exit status, or -1 when they do not.
 int runRole(int argc, char** argv);
 
 }  // namespace cardtest

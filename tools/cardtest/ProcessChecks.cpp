@@ -1,22 +1,22 @@
 #include <cerrno>
 #include <memory>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
 
 namespace cardtest {
 namespace {
 
-void needSharedCard(const Plan& plan) {
+void needSharedCard(const TestPlan& plan) {
     if (!plan.shared)
         throw Untestable{"an embedded simulated card: every process has one of its own. Host one: vexo-simcard"};
 }
 
-void streamExcludesProcesses(const Plan& plan) {
+void streamExcludesProcesses(const TestPlan& plan) {
     needSharedCard(plan);
     const std::uint32_t channel = channelOf(plan);
     enyx_hw_accelerator* card = openCard(plan.bus);
-    UpStream mine = openUp(card, plan.channel);
+    UpStreamHandle mine = openUp(card, plan.channel);
     const std::string busy = errnoText(EBUSY);
     {
         Helper other = Helper::holdingStream(plan, channel);
@@ -35,7 +35,7 @@ void streamExcludesProcesses(const Plan& plan) {
            mine ? "a stream" : errnoText(error));
 }
 
-void streamOutlivesNoHolder(const Plan& plan) {
+void streamOutlivesNoHolder(const TestPlan& plan) {
     needSharedCard(plan);
     const std::uint32_t channel = channelOf(plan);
     enyx_hw_accelerator* card = openCard(plan.bus);
@@ -48,7 +48,7 @@ void streamOutlivesNoHolder(const Plan& plan) {
             holder.tell("die");
         int error = 0;
         const bool opened = within(kPatienceMs, [&] {
-            const UpStream stream = tryOpenUp(card, channel);
+            const UpStreamHandle stream = tryOpenUp(card, channel);
             error = errno;
             return stream != nullptr;
         });
@@ -57,13 +57,13 @@ void streamOutlivesNoHolder(const Plan& plan) {
     }
 }
 
-void lockExcludesProcesses(const Plan& plan) {
+void lockExcludesProcesses(const TestPlan& plan) {
     needSharedCard(plan);
-    const Registers registers(plan.bus);
-    auto lock = std::make_unique<CoreLock>(registers.core());
+    const RegisterCore registers(plan.bus);
+    auto lock = std::make_unique<HeldCoreLock>(registers.core());
     Helper other = Helper::holdingLock(plan);
     other.demand("ready");
-    // It has had its chance once it sleeps inside the call, however busy this machine is.
+    // Once it sleeps inside the call it has had its chance, even on a busy machine.
     std::string seen = other.line(kWatchMs);
     if (seen.empty() && within(kPatienceMs, [&] { return other.isAsleep(); })) seen = other.line(0);
     expect(seen.empty(), "another process that waits while this one holds the lock", "it was told " + seen);
@@ -75,7 +75,7 @@ void lockExcludesProcesses(const Plan& plan) {
     other.demand("gone");
 }
 
-void lockOutlivesNoHolder(const Plan& plan) {
+void lockOutlivesNoHolder(const TestPlan& plan) {
     needSharedCard(plan);
     for (const bool killed : {true, false}) {
         Helper holder = Helper::holdingLock(plan);

@@ -5,25 +5,25 @@
 #include <thread>
 
 #include "interface/CardRegisters.h"
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
 
 namespace cardtest {
 namespace {
 
-// Pairs of registers that may be read without any effect on the card. Never 0x103: its first read after a start-up's
-// version check is the verdict that the start-up waits for. Each begins at an address that 64 bits may begin at.
+// Pairs of registers that can be read without an effect on the card. 0x103 must not be among them: its first read after
+// a version check is the verdict that a starting program waits for. Each pair begins where a 64-bit field may begin.
 constexpr std::uint32_t kPairs[] = {0x200C, 0x210C, card_reg::kExchangeTimeA, card_reg::kTradingDate};
 
 std::uint64_t lowBits(unsigned count) { return count >= 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << count) - 1; }
 
-std::uint64_t readPair(const Registers& registers, std::uint32_t word) {
+std::uint64_t readPair(const RegisterCore& registers, std::uint32_t word) {
     return registers.read(word) | std::uint64_t{registers.read(word + 1)} << 32;
 }
 
-// Reads a field, with the pair read whole before and after: clocks and counters move, so it is tried again until
-// both agree.
-void compareField(const Registers& registers, std::uint32_t word, unsigned offset, unsigned width) {
+// Reads a field, and the whole pair before and after it. Clocks and counters move, so it tries again until both reads
+// of the pair agree.
+void compareField(const RegisterCore& registers, std::uint32_t word, unsigned offset, unsigned width) {
     constexpr int kTries = 1000;
     for (int attempt = 0; attempt < kTries; ++attempt) {
         const std::uint64_t before = readPair(registers, word);
@@ -39,21 +39,21 @@ void compareField(const Registers& registers, std::uint32_t word, unsigned offse
     throw Untestable{"register " + hex(word) + " never stood still"};
 }
 
-void widthsAgree(const Plan& plan) {
-    const Registers registers(plan.bus);
+void widthsAgree(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
     for (const std::uint32_t word : kPairs)
         for (unsigned width = 8; width <= 64; width += 8) compareField(registers, word, 0, width);
 }
 
-void offsetsAgree(const Plan& plan) {
-    const Registers registers(plan.bus);
+void offsetsAgree(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
     for (const std::uint32_t word : kPairs)
         for (unsigned offset = 8; offset < 32; offset += 8)
             for (unsigned width = 8; offset + width <= 32; width += 8) compareField(registers, word, offset, width);
 }
 
-void readsRepeat(const Plan& plan) {
-    const Registers registers(plan.bus);
+void readsRepeat(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
     const std::uint64_t version = registers.readField(card_reg::kHardwareVersion, 0, 32);
     for (int n = 0; n < 1000; ++n) {
         const std::uint64_t again = registers.readField(card_reg::kHardwareVersion, 0, 32);
@@ -61,10 +61,10 @@ void readsRepeat(const Plan& plan) {
     }
 }
 
-void readsFromThreads(const Plan& plan) {
+void readsFromThreads(const TestPlan& plan) {
     constexpr int kThreads = 4;
     constexpr int kReads = 2000;
-    const Registers registers(plan.bus);
+    const RegisterCore registers(plan.bus);
     const std::uint64_t version = registers.read(card_reg::kHardwareVersion);
     std::atomic<int> failed{0}, differing{0};
     const auto work = [&] {
@@ -93,21 +93,21 @@ bool isDate(std::uint32_t date) {
     return date == 0 || (year >= 1990 && year < 2200 && month >= 1 && month <= 12 && day >= 1 && day <= 31);
 }
 
-void timesAreDecimal(const Plan& plan) {
-    const Registers registers(plan.bus);
+void timesAreDecimal(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
     for (const std::uint32_t word : {card_reg::kExchangeTimeA, card_reg::kExchangeTimeB}) {
         const std::uint32_t time = registers.read(word);
         expect(isTime(time), "a time HHMMSS in register " + hex(word), std::to_string(time));
     }
 }
 
-void dateIsDecimal(const Plan& plan) {
-    const std::uint32_t date = Registers(plan.bus).read(card_reg::kTradingDate);
+void dateIsDecimal(const TestPlan& plan) {
+    const std::uint32_t date = RegisterCore(plan.bus).read(card_reg::kTradingDate);
     expect(isDate(date), "0 or a date YYYYMMDD in register 0x106", std::to_string(date));
 }
 
-void dateIsKept(const Plan& plan) {
-    const Registers registers(plan.bus);
+void dateIsKept(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
     const std::uint32_t found = registers.read(card_reg::kTradingDate);
     std::uint32_t seen[2];
     const std::uint32_t dates[] = {20310305, 20320917};
@@ -120,8 +120,8 @@ void dateIsKept(const Plan& plan) {
         expect(seen[n] == dates[n], "register 0x106 keeps " + std::to_string(dates[n]), std::to_string(seen[n]));
 }
 
-// Two equal reads in a row: whatever verdict was still to be read is read by then.
-std::uint32_t fibreStatus(const Registers& registers) {
+// Reads until two reads in a row are equal: by then a pending verdict has been read.
+std::uint32_t fibreStatus(const RegisterCore& registers) {
     std::uint32_t status = registers.read(card_reg::kVerdictOrFibre);
     const bool steady = within(kPatienceMs, [&] {
         const std::uint32_t before = status;
@@ -132,9 +132,9 @@ std::uint32_t fibreStatus(const Registers& registers) {
     return status;
 }
 
-void verdictComesOnce(const Plan& plan) {
+void verdictComesOnce(const TestPlan& plan) {
     constexpr std::uint32_t kVersion = 0x01010213;
-    const Registers registers(plan.bus);
+    const RegisterCore registers(plan.bus);
     const std::uint32_t fibres = fibreStatus(registers);
     std::uint32_t verdicts[2], after[2];
     for (int n = 0; n < 2; ++n) {

@@ -3,38 +3,38 @@
 #include <iterator>
 
 #include "interface/CardRegisters.h"
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
-#include "tools/cardtest/Tables.h"
+#include "tools/cardtest/SavedState.h"
 
 namespace cardtest {
 namespace {
 
 constexpr std::uint32_t kTable = card_reg::kSingleLegTable;
 
-std::vector<std::uint32_t> counters(const Registers& registers) {
+std::vector<std::uint32_t> counters(const RegisterCore& registers) {
     std::vector<std::uint32_t> values;
     for (const std::uint32_t word : card_reg::kParserCounters) values.push_back(registers.read(word));
     return values;
 }
 
-void resetRoot(const Registers& registers) {
+void resetRoot(const RegisterCore& registers) {
     errno = 0;
     const int result = enyx_hw_core_reset(registers.root());
     expect(result == 0, "result 0 of the root core's reset", resultText(result, errno));
 }
 
-// The pulse is as long as the card's users make it.
-void pulseRegister(const Registers& registers) {
+// The pulse has the length that the card's users give it.
+void pulseRegister(const RegisterCore& registers) {
     registers.write(card_reg::kReset, 1);
     restMs(1000);
     registers.write(card_reg::kReset, 0);
 }
 
 template <typename Reset>
-void resetForgets(const Plan& plan, Reset reset) {
-    const Registers registers(plan.bus);
-    const Tables tables(registers);
+void resetForgets(const TestPlan& plan, Reset reset) {
+    const RegisterCore registers(plan.bus);
+    const TableAccess tables(registers);
     const CardSaved saved(registers);
     const std::uint32_t row = tables.freeRow(kTable);
     tables.write(kTable, row, card_reg::kMaskWord, 1);
@@ -53,13 +53,13 @@ void resetForgets(const Plan& plan, Reset reset) {
            "mask " + hex(mask) + ", decode switch " + hex(decode));
 }
 
-void rootResetForgets(const Plan& plan) { resetForgets(plan, resetRoot); }
+void rootResetForgets(const TestPlan& plan) { resetForgets(plan, resetRoot); }
 
-void registerResetForgets(const Plan& plan) { resetForgets(plan, pulseRegister); }
+void registerResetForgets(const TestPlan& plan) { resetForgets(plan, pulseRegister); }
 
-void countersSettle(const Plan& plan) {
+void countersSettle(const TestPlan& plan) {
     constexpr int kStillMs = 1000;
-    const Registers registers(plan.bus);
+    const RegisterCore registers(plan.bus);
     const CardSaved saved(registers);
     const std::vector<std::uint32_t> before = counters(registers);
     resetRoot(registers);

@@ -10,14 +10,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
 
 namespace cardtest {
@@ -25,7 +24,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// What a child process came to: its words, or none and how it ended.
+// The answer of a child process: its words, or how it ended when it has none.
 struct Answer {
     Words words;
     std::string end;
@@ -51,7 +50,7 @@ void writeAll(int file, const std::string& text) {
     _exit(0);
 }
 
-// False when the limit is over.
+// False when the time is over.
 bool readAll(int file, std::uint32_t seconds, std::string& text) {
     for (const std::int64_t end = nowMs() + std::int64_t{seconds} * 1000;;) {
         const std::int64_t left = end - nowMs();
@@ -93,7 +92,7 @@ Answer askChild(const std::function<Words()>& work, std::uint32_t seconds, bool 
     return result;
 }
 
-// A simulated card that shares no memory with anybody is this process's own.
+// A simulated card that shares no memory belongs to this process alone.
 bool sharesMemory() {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);)
@@ -106,7 +105,7 @@ bool isSimulated() { return dlsym(RTLD_DEFAULT, "enyx_sim_is_simulated") != null
 bool isFree(enyx_hw_accelerator* card, std::uint32_t channel) {
     try {
         return tryOpenUp(card, channel) != nullptr;
-    } catch (const Untestable&) {  // the card has no stream of that name: its checks will tell
+    } catch (const Untestable&) {  // the card has no stream of that name: another check reports it
         errno = 0;
         return false;
     }
@@ -117,9 +116,9 @@ struct Streams {
     std::string held;
 };
 
-// Each is opened once at most: a card whose streams do not close again must not look like one in use. Somebody else's
-// reader may be about to come for the first streams, so the search begins with the last, which are least likely to be
-// missed. Only a run that writes has to know them all.
+// Opens each stream at most once: otherwise a card whose streams do not close would look like one in use. The search
+// begins with the last stream, because other programs are most likely to want the first ones. Only a run that writes
+// needs to know them all.
 Streams lookAtStreams(enyx_hw_accelerator* card, bool all) {
     Streams streams;
     for (std::int32_t channel = kChannels - 1; channel >= 0 && (all || streams.lastFree < 0); --channel) {
@@ -132,7 +131,7 @@ Streams lookAtStreams(enyx_hw_accelerator* card, bool all) {
     return streams;
 }
 
-Words lookAtCard(const Plan& plan) {
+Words lookAtCard(const TestPlan& plan) {
     try {
         enyx_hw_accelerator* card = openCard(plan.bus);
         const bool shared = !isSimulated() || sharesMemory();
@@ -144,7 +143,7 @@ Words lookAtCard(const Plan& plan) {
     }
 }
 
-Words wordsOf(const Check& check, const Plan& plan) {
+Words wordsOf(const Check& check, const TestPlan& plan) {
     try {
         check.run(plan);
         return {"pass"};
@@ -157,28 +156,20 @@ Words wordsOf(const Check& check, const Plan& plan) {
 
 }  // namespace
 
-std::optional<Met> meetCard(const Plan& plan, std::string& error) {
+std::optional<MetCard> meetCard(const TestPlan& plan, std::string& error) {
     constexpr std::uint32_t kLimit = 60;
     const Answer found = askChild([&] { return lookAtCard(plan); }, kLimit, false);
     if (found.words.size() != 4) {
         error = found.words.empty() ? found.end : found.words.front();
         return std::nullopt;
     }
-    Met met{isSimulated(), libraryInUse(), plan, found.words[3]};
+    MetCard met{isSimulated(), libraryInUse(), plan, found.words[3]};
     met.plan.shared = found.words[1] == "shared";
     met.plan.channel = std::atoi(found.words[2].c_str());
     return met;
 }
 
-std::string libraryInUse() {
-    Dl_info info{};
-    void* call = dlsym(RTLD_DEFAULT, "enyx_hw_filter_create");
-    char path[PATH_MAX];
-    if (call == nullptr || dladdr(call, &info) == 0 || realpath(info.dli_fname, path) == nullptr) return {};
-    return path;
-}
-
-Result runCheck(const Check& check, const Plan& plan, const Limits& limits) {
+CheckResult runCheck(const Check& check, const TestPlan& plan, const CheckLimits& limits) {
     if (check.writes && !plan.write) return {&check, Verdict::kUntestable, {}, {}, "needs --write"};
     const Answer answer = askChild([&] { return wordsOf(check, plan); }, limits.seconds, !limits.verbose);
     const Words& words = answer.words;

@@ -9,7 +9,7 @@ namespace cardtest {
 
 enum class Verdict { kPass, kFail, kUntestable };
 
-struct Result {
+struct CheckResult {
     const Check* check = nullptr;
     Verdict verdict = Verdict::kPass;
     std::string expected;  // of a failure
@@ -18,25 +18,22 @@ struct Result {
 };
 
 /// What is found out before the first check.
-struct Met {
+struct MetCard {
     bool simulated = false;
     std::string library;      // file that the loader took the calls from
-    Plan plan;                // the user's, with what it left open filled in
+    TestPlan plan;            // the user's, completed
     std::string heldStreams;  // numbers of those that cannot be opened; looked for only when the plan writes
 };
 
-/// Looks at the card, in a process of its own. Null, with the reason in @p error, when there is none.
-std::optional<Met> meetCard(const Plan& plan, std::string& error);
+/// Looks at the card in a process of its own. Nothing, with the reason in @p error, when there is no card.
+std::optional<MetCard> meetCard(const TestPlan& plan, std::string& error);
 
-/// The file that the calls of the hardware interface come from.
-std::string libraryInUse();
-
-struct Limits {
+struct CheckLimits {
     std::uint32_t seconds = 60;  // that one check may take
-    bool verbose = false;        // what the card's library writes to standard error is let through
+    bool verbose = false;        // show what the card's library writes to standard error
 };
 
-/// Runs one check in a process of its own, so that a card that crashes or hangs it fails that check only.
-Result runCheck(const Check& check, const Plan& plan, const Limits& limits);
+/// Runs one check in a process of its own: a card that makes it crash or hang fails only that check.
+CheckResult runCheck(const Check& check, const TestPlan& plan, const CheckLimits& limits);
 
 }  // namespace cardtest

@@ -1,6 +1,6 @@
 #include "interface/CardRegisters.h"
-#include "tools/cardtest/Card.h"
-#include "tools/cardtest/Tables.h"
+#include "tools/cardtest/CardUnderTest.h"
+#include "tools/cardtest/SavedState.h"
 
 namespace cardtest {
 namespace {
@@ -13,8 +13,8 @@ std::string at(std::uint32_t table, std::uint32_t row, std::uint32_t word) {
     return std::string(" in ") + kTableNames[table] + ", row " + std::to_string(row) + ", word " + std::to_string(word);
 }
 
-void dataRegisterIsKept(const Plan& plan) {
-    const Registers registers(plan.bus);
+void dataRegisterIsKept(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
     for (const card_reg::TableRegisters& table : card_reg::kTables) {
         const RegisterSaved saved(registers, table.data);
         for (const std::uint32_t pattern : kPatterns) {
@@ -25,8 +25,8 @@ void dataRegisterIsKept(const Plan& plan) {
     }
 }
 
-void fieldsAreWritten(const Plan& plan) {
-    const Registers registers(plan.bus);
+void fieldsAreWritten(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
     const std::uint32_t word = card_reg::kTables[0].data;
     const RegisterSaved saved(registers, word);
     for (unsigned offset = 0; offset < 32; offset += 8) {
@@ -44,11 +44,11 @@ void fieldsAreWritten(const Plan& plan) {
     }
 }
 
-// The data word and, next to it, the read-back select take a wide field together. The select shows what it took: the
-// words that it names hold different values.
-void wideFieldsAreWritten(const Plan& plan) {
-    const Registers registers(plan.bus);
-    const Tables tables(registers);
+// A wide field spans the data register and the read-back select next to it. The words that the select can name hold
+// different values, so the read-back shows what the select took.
+void wideFieldsAreWritten(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
+    const TableAccess tables(registers);
     const card_reg::TableRegisters& table = card_reg::kTables[0];
     const RegisterSaved data(registers, table.data);
     const std::uint32_t row = tables.freeRow(0);
@@ -69,9 +69,9 @@ void wideFieldsAreWritten(const Plan& plan) {
     }
 }
 
-void wordsAreKept(const Plan& plan, std::uint32_t word, const std::vector<std::uint32_t>& values) {
-    const Registers registers(plan.bus);
-    const Tables tables(registers);
+void wordsAreKept(const TestPlan& plan, std::uint32_t word, const std::vector<std::uint32_t>& values) {
+    const RegisterCore registers(plan.bus);
+    const TableAccess tables(registers);
     for (std::uint32_t table = 0; table < 2; ++table) {
         const RegisterSaved data(registers, card_reg::kTables[table].data);
         const std::uint32_t row = tables.freeRow(table);
@@ -85,18 +85,20 @@ void wordsAreKept(const Plan& plan, std::uint32_t word, const std::vector<std::u
     }
 }
 
-void spareWordIsKept(const Plan& plan) { wordsAreKept(plan, kSpareWord, {std::begin(kPatterns), std::end(kPatterns)}); }
+void spareWordIsKept(const TestPlan& plan) {
+    wordsAreKept(plan, kSpareWord, {std::begin(kPatterns), std::end(kPatterns)});
+}
 
-void maskIsKept(const Plan& plan) {
+void maskIsKept(const TestPlan& plan) {
     std::vector<std::uint32_t> masks;
     for (std::uint32_t channel = 0; channel < kChannels; ++channel) masks.push_back(1U << channel);
     masks.insert(masks.end(), {0xFFFF, 0});
     wordsAreKept(plan, card_reg::kMaskWord, masks);
 }
 
-void idIsReadBackwards(const Plan& plan) {
-    const Registers registers(plan.bus);
-    const Tables tables(registers);
+void idIsReadBackwards(const TestPlan& plan) {
+    const RegisterCore registers(plan.bus);
+    const TableAccess tables(registers);
     constexpr std::uint32_t first = card_reg::kFirstIdWord, last = first + card_reg::kIdWords - 1;
     for (std::uint32_t table = 0; table < 2; ++table) {
         const RegisterSaved data(registers, card_reg::kTables[table].data);

@@ -2,25 +2,25 @@
 
 #include <memory>
 
-#include "tools/cardtest/Card.h"
-#include "tools/cardtest/Tables.h"
+#include "tools/cardtest/CardUnderTest.h"
+#include "tools/cardtest/SavedState.h"
 
 namespace cardtest {
 
-/// Quotes for one channel: rows of the single-leg table get its bit in their masks, and the decode switch is turned
-/// on. Both are put back at the end. Does nothing when the plan does not allow writing.
+/// Makes the card send quotes to one channel: sets the channel's bit in masks of single-leg rows and turns the decode
+/// switch on. Puts both back at the end. Does nothing when the plan does not allow writing.
 class Traffic {
 public:
     /// Throws Untestable when the card has learned no instrument within the plan's time.
-    Traffic(const Plan& plan, std::uint32_t channel);
+    Traffic(const TestPlan& plan, std::uint32_t channel);
 
 private:
-    void subscribe(const Plan& plan, std::uint32_t channel);
+    void subscribe(const TestPlan& plan, std::uint32_t channel);
 
     struct Saved {
         explicit Saved(std::uint32_t bus);
-        Registers registers;
-        Tables tables;
+        RegisterCore registers;
+        TableAccess tables;
         RegisterSaved data;
         RegisterSaved decode;
         WordsSaved masks;
@@ -28,7 +28,7 @@ private:
     std::unique_ptr<Saved> m_saved;
 };
 
-/// Why no packet came: what the user can do about it.
-Untestable noPacket(const Plan& plan, std::uint32_t channel);
+/// Says why no packet came and what the user can do.
+Untestable noPacket(const TestPlan& plan, std::uint32_t channel);
 
 }  // namespace cardtest

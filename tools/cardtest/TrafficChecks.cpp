@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "interface/CardRegisters.h"
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
 #include "tools/cardtest/Traffic.h"
 
@@ -15,12 +15,12 @@ constexpr unsigned kRowsSubscribed = 256;
 constexpr std::uint32_t kMapType = 2;
 constexpr std::uint32_t kMapHead = 14;
 
-// What the handlers below have seen. Not behind the context pointer: whether that one arrives has a check of its own.
+// What the handlers below have seen. Global, because another check tests whether the context pointer arrives.
 struct Seen {
     unsigned quotes = 0;
     unsigned maps = 0;
     unsigned messages = 0;
-    std::string broken;  // the first contract-map packet that is no row of messages
+    std::string broken;  // the first contract-map packet that does not consist of whole messages
 };
 thread_local Seen g_seen;
 
@@ -64,19 +64,19 @@ bool pollUntil(enyx_hw_a2c_stream* stream, std::uint32_t seconds, Condition cond
     return true;
 }
 
-bool isMasked(const Plan& plan, std::uint32_t channel) {
-    const Registers registers(plan.bus);
-    const Tables tables(registers);
+bool isMasked(const TestPlan& plan, std::uint32_t channel) {
+    const RegisterCore registers(plan.bus);
+    const TableAccess tables(registers);
     for (std::uint32_t table = 0; table < 2; ++table)
         for (std::uint32_t row = 0; row < card_reg::kRows; ++row)
             if ((tables.read(table, row, card_reg::kMaskWord) >> channel & 1) != 0) return true;
     return false;
 }
 
-// First the masks name another channel only, then this one.
-void quotesFollowMasks(const Plan& plan) {
+// First the masks name only another channel, then this one.
+void quotesFollowMasks(const TestPlan& plan) {
     const std::uint32_t channel = channelOf(plan);
-    const UpStream stream = openUp(openCard(plan.bus), plan.channel);
+    const UpStreamHandle stream = openUp(openCard(plan.bus), plan.channel);
     if (!isMasked(plan, channel)) {
         const Traffic elsewhere(plan, (channel + 1) % kChannels);
         g_seen = {};
@@ -88,10 +88,10 @@ void quotesFollowMasks(const Plan& plan) {
     if (!pollUntil(stream.get(), plan.seconds, [] { return g_seen.quotes >= 10; })) throw noPacket(plan, channel);
 }
 
-// The contract map goes up channel 0's stream, whoever asked for it.
-void mapIsSentOnRequest(const Plan& plan) {
-    const UpStream stream = openUp(openCard(plan.bus), 0);
-    const Registers registers(plan.bus);
+// The contract map is always on channel 0's stream.
+void mapIsSentOnRequest(const TestPlan& plan) {
+    const UpStreamHandle stream = openUp(openCard(plan.bus), 0);
+    const RegisterCore registers(plan.bus);
     g_seen = {};
     registers.write(card_reg::kMapTransmit, 1);
     const bool came = pollUntil(stream.get(), plan.seconds,
@@ -100,7 +100,7 @@ void mapIsSentOnRequest(const Plan& plan) {
     if (!came && g_seen.maps == 0)
         throw Untestable{"no contract-map packet came within " + std::to_string(plan.seconds) + " s"};
     expect(g_seen.broken.empty(), "contract-map packets that are filled with whole messages", g_seen.broken);
-    // What was on its way is drained; then there must be a whole second without one.
+    // Drains the packets that are on their way. After that, a whole second must pass without one.
     std::int64_t quietSince = nowMs();
     const bool quiet = within(kPatienceMs, [&] {
         const unsigned before = g_seen.maps;
@@ -121,7 +121,7 @@ Traffic::Saved::Saved(std::uint32_t bus)
       decode(registers, card_reg::kDecodeSwitch),
       masks(tables) {}
 
-Traffic::Traffic(const Plan& plan, std::uint32_t channel) {
+Traffic::Traffic(const TestPlan& plan, std::uint32_t channel) {
     if (!plan.write) return;
     m_saved = std::make_unique<Saved>(plan.bus);
     subscribe(plan, channel);
@@ -129,7 +129,7 @@ Traffic::Traffic(const Plan& plan, std::uint32_t channel) {
                              m_saved->decode.found() | card_reg::kSwitchLevel1 | card_reg::kSwitchLevel5);
 }
 
-void Traffic::subscribe(const Plan& plan, std::uint32_t channel) {
+void Traffic::subscribe(const TestPlan& plan, std::uint32_t channel) {
     unsigned subscribed = 0;
     const bool learned = within(static_cast<int>(plan.seconds) * 1000 + kPatienceMs, [&] {
         for (std::uint32_t row = 0; row < kRowsScanned && subscribed < kRowsSubscribed; ++row) {
@@ -143,7 +143,7 @@ void Traffic::subscribe(const Plan& plan, std::uint32_t channel) {
     if (!learned) throw Untestable{"the card has learned no instrument"};
 }
 
-Untestable noPacket(const Plan& plan, std::uint32_t channel) {
+Untestable noPacket(const TestPlan& plan, std::uint32_t channel) {
     return {"no packet came within " + std::to_string(plan.seconds) + " s on " + streamName(channel) +
             (plan.write ? "" : " (--write subscribes instruments, --seconds waits longer)")};
 }

@@ -2,7 +2,7 @@
 #include <cerrno>
 #include <thread>
 
-#include "tools/cardtest/Card.h"
+#include "tools/cardtest/CardUnderTest.h"
 #include "tools/cardtest/Helper.h"
 #include "tools/cardtest/Traffic.h"
 
@@ -12,36 +12,36 @@ namespace {
 constexpr std::uint32_t kMinMtu = 64;
 constexpr std::uint32_t kMaxMtu = 16U << 20;
 
-void secondHandleIsBusy(const Plan& plan) {
+void secondHandleIsBusy(const TestPlan& plan) {
     enyx_hw_accelerator* card = openCard(plan.bus);
-    const UpStream first = openUp(card, plan.channel);
-    const UpStream second = tryOpenUp(card, channelOf(plan));
+    const UpStreamHandle first = openUp(card, plan.channel);
+    const UpStreamHandle second = tryOpenUp(card, channelOf(plan));
     const int error = errno;
     expect(!second, "null while the stream is open", "a second handle");
     expect(error == EBUSY, errnoText(EBUSY), errnoText(error));
 }
 
-void opensAgain(const Plan& plan) {
+void opensAgain(const TestPlan& plan) {
     enyx_hw_accelerator* card = openCard(plan.bus);
     openUp(card, plan.channel).reset();
-    const UpStream again = tryOpenUp(card, channelOf(plan));
+    const UpStreamHandle again = tryOpenUp(card, channelOf(plan));
     expect(again != nullptr, "a stream that was destroyed opens again", "null, " + errnoText(errno));
 }
 
-void streamsAreIndependent(const Plan& plan) {
+void streamsAreIndependent(const TestPlan& plan) {
     enyx_hw_accelerator* card = openCard(plan.bus);
-    const UpStream first = openUp(card, plan.channel);
+    const UpStreamHandle first = openUp(card, plan.channel);
     int busy = 0;
     for (std::uint32_t channel = 0; channel < kChannels; ++channel) {
         if (channel == channelOf(plan)) continue;
-        if (const UpStream second = tryOpenUp(card, channel)) return;
+        if (const UpStreamHandle second = tryOpenUp(card, channel)) return;
         expect(errno == EBUSY, "another stream, or " + errnoText(EBUSY), errnoText(errno));
         ++busy;
     }
     throw Untestable{"the other " + std::to_string(busy) + " streams are held by somebody else"};
 }
 
-std::uint32_t mtuOf(const UpStream& stream) {
+std::uint32_t mtuOf(const UpStreamHandle& stream) {
     std::uint32_t mtu = 0;
     errno = 0;
     const int result = enyx_hw_a2c_stream_get_mtu(stream.get(), &mtu);
@@ -49,8 +49,8 @@ std::uint32_t mtuOf(const UpStream& stream) {
     return mtu;
 }
 
-void mtuIsSteady(const Plan& plan) {
-    const UpStream stream = openUp(openCard(plan.bus), plan.channel);
+void mtuIsSteady(const TestPlan& plan) {
+    const UpStreamHandle stream = openUp(openCard(plan.bus), plan.channel);
     std::uint32_t first = 0;
     for (int n = 0; n < 100; ++n) {
         std::uint32_t mtu = 0;
@@ -63,10 +63,10 @@ void mtuIsSteady(const Plan& plan) {
     }
 }
 
-using Counter = int (*)(const enyx_hw_a2c_stream*, std::uint32_t*);
+using Counter = CardCall<int(const enyx_hw_a2c_stream*, std::uint32_t*)>;
 constexpr struct {
     const char* name;
-    Counter get;
+    const Counter& get;
 } kCounters[] = {
     {"back-pressure", enyx_hw_a2c_stream_stats_get_backpressure},
     {"packet count", enyx_hw_a2c_stream_stats_get_packet_count},
@@ -74,8 +74,8 @@ constexpr struct {
     {"errors", enyx_hw_a2c_stream_stats_get_errors},
 };
 
-void countersAreReadable(const Plan& plan) {
-    const UpStream stream = openUp(openCard(plan.bus), plan.channel);
+void countersAreReadable(const TestPlan& plan) {
+    const UpStreamHandle stream = openUp(openCard(plan.bus), plan.channel);
     for (const auto& counter : kCounters) {
         std::uint32_t value = 0;
         errno = 0;
@@ -84,7 +84,7 @@ void countersAreReadable(const Plan& plan) {
     }
 }
 
-// What the handler below has seen. Not behind the context pointer: whether that one arrives has a check of its own.
+// What the handler below has seen. Global, because another check tests whether the context pointer arrives.
 struct Seen {
     unsigned calls = 0;
     std::uint32_t mtu = 0;
@@ -105,9 +105,9 @@ void look(const std::uint8_t* data, std::uint32_t size, void* context) {
         for (std::uint32_t n = 0; n < std::min(size, g_seen.mtu); ++n) g_seen.sum += data[n];
 }
 
-// Polls until so many polls have found a packet, or the time is over; judge(result) is asked after each poll.
+// Polls until so many polls have found a packet, or the time is over. Calls judge(result) after each poll.
 template <typename Judge>
-unsigned pollPackets(const Plan& plan, enyx_hw_a2c_stream* stream, void* context, unsigned wanted, Judge judge) {
+unsigned pollPackets(const TestPlan& plan, enyx_hw_a2c_stream* stream, void* context, unsigned wanted, Judge judge) {
     unsigned packets = 0;
     for (const std::int64_t end = nowMs() + std::int64_t{plan.seconds} * 1000; packets < wanted && nowMs() < end;) {
         const int result = enyx_hw_a2c_stream_poll_once(stream, look, context);
@@ -124,15 +124,15 @@ unsigned pollPackets(const Plan& plan, enyx_hw_a2c_stream* stream, void* context
 constexpr unsigned kPackets = 100;
 
 struct OpenedWithTraffic {
-    explicit OpenedWithTraffic(const Plan& plan)
+    explicit OpenedWithTraffic(const TestPlan& plan)
         : stream(openUp(openCard(plan.bus), plan.channel)), traffic(plan, channelOf(plan)) {
         g_seen = {};
     }
-    UpStream stream;
+    UpStreamHandle stream;
     Traffic traffic;
 };
 
-void pollHandlesAtMostOne(const Plan& plan) {
+void pollHandlesAtMostOne(const TestPlan& plan) {
     const OpenedWithTraffic opened(plan);
     unsigned before = 0;
     pollPackets(plan, opened.stream.get(), nullptr, kPackets, [&](int result) {
@@ -144,7 +144,7 @@ void pollHandlesAtMostOne(const Plan& plan) {
     });
 }
 
-void packetsFitTheMtu(const Plan& plan) {
+void packetsFitTheMtu(const TestPlan& plan) {
     const OpenedWithTraffic opened(plan);
     g_seen.mtu = mtuOf(opened.stream);
     pollPackets(plan, opened.stream.get(), nullptr, kPackets, [](int) {
@@ -154,7 +154,7 @@ void packetsFitTheMtu(const Plan& plan) {
     });
 }
 
-void contextArrives(const Plan& plan) {
+void contextArrives(const TestPlan& plan) {
     const OpenedWithTraffic opened(plan);
     int mine = 0;
     pollPackets(plan, opened.stream.get(), &mine, 1, [&](int) {
@@ -163,15 +163,15 @@ void contextArrives(const Plan& plan) {
     });
 }
 
-std::uint32_t packetCount(const UpStream& stream) {
+std::uint32_t packetCount(const UpStreamHandle& stream) {
     std::uint32_t count = 0;
     if (enyx_hw_a2c_stream_stats_get_packet_count(stream.get(), &count) != 0)
         throw Untestable{"the packet count cannot be read: " + errnoText(errno)};
     return count;
 }
 
-// The count is taken before a poll that finds nothing: whatever is polled later had not been counted by then.
-void packetCountGrows(const Plan& plan) {
+// Reads the count before a poll that finds nothing: the count does not yet include any packet that is polled later.
+void packetCountGrows(const TestPlan& plan) {
     const OpenedWithTraffic opened(plan);
     std::uint32_t before = 0;
     const bool dry = within(kPatienceMs, [&] {
@@ -189,9 +189,9 @@ void packetCountGrows(const Plan& plan) {
 }
 
 // Opened, polled and destroyed in three threads.
-void threadsMayTakeTurns(const Plan& plan) {
+void threadsMayTakeTurns(const TestPlan& plan) {
     enyx_hw_accelerator* card = openCard(plan.bus);
-    UpStream stream = openUp(card, plan.channel);
+    UpStreamHandle stream = openUp(card, plan.channel);
     std::uint32_t mtu = 0;
     int polled = -1, read = -1, error = 0;
     std::thread([&] {

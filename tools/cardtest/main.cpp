@@ -9,9 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tools/cardtest/CardLibrary.h"
 #include "tools/cardtest/Helper.h"
-#include "tools/cardtest/Report.h"
 #include "tools/cardtest/Runner.h"
+#include "tools/cardtest/TestReport.h"
 
 using namespace cardtest;
 
@@ -20,8 +21,8 @@ namespace {
 enum ExitStatus { kAllKept = 0, kBroken = 1, kUsage = 2, kNoCard = 3 };
 
 struct Arguments {
-    Plan plan;
-    Limits limits;
+    TestPlan plan;
+    CheckLimits limits;
     std::string library;
     std::vector<std::string> only;
     bool list = false;
@@ -34,19 +35,30 @@ int fail(ExitStatus status, const std::string& text) {
     return status;
 }
 
-// The loader has chosen a library by now. Another one is put in front of it by starting anew, as a user would with
-// LD_PRELOAD: so every process of a run, helpers included, has the same.
+// Starts the program anew with the library in LD_PRELOAD, so that every process of a run, helpers included, has the
+// same.
 int useLibrary(const std::string& library, char** argv) {
     char path[PATH_MAX];
+    std::string ignored;
+    loadCardLibrary(ignored);
     if (realpath(library.c_str(), path) == nullptr || access(path, R_OK) != 0)
         return fail(kUsage, "--library " + library + ": " + std::strerror(errno));
     if (libraryInUse() == path) return kAllKept;
+    // The loader splits LD_PRELOAD at blanks, but not LD_LIBRARY_PATH, where it looks for a name without a directory.
+    std::string name = path;
+    const bool blank = name.find_first_of(" \t") != std::string::npos;
+    if (blank) name.erase(0, name.rfind('/') + 1);
     const char* before = std::getenv("LD_PRELOAD");
     const std::string chain = before != nullptr ? before : "";
-    if (chain.rfind(path, 0) == 0)
+    if (chain.rfind(name, 0) == 0)
         return fail(kUsage, "--library " + library + ": the loader does not take the calls from it, but from " +
-                                libraryInUse());
-    setenv("LD_PRELOAD", (path + (chain.empty() ? "" : ":" + chain)).c_str(), 1);
+                                (libraryInUse().empty() ? "no library" : libraryInUse()));
+    if (blank) {
+        const char* directories = std::getenv("LD_LIBRARY_PATH");
+        const std::string own(path, std::strlen(path) - name.size() - 1);
+        setenv("LD_LIBRARY_PATH", directories != nullptr ? (own + ":" + directories).c_str() : own.c_str(), 1);
+    }
+    setenv("LD_PRELOAD", (name + (chain.empty() ? "" : ":" + chain)).c_str(), 1);
     execv("/proc/self/exe", argv);
     return fail(kUsage, std::string("cannot start anew: ") + std::strerror(errno));
 }
@@ -61,12 +73,12 @@ std::string unknownCheck(const std::string& name) {
     return "there is no check " + name + ", see --list";
 }
 
-std::vector<Result> runAll(const Arguments& arguments, const Plan& plan) {
-    std::vector<Result> results;
+std::vector<CheckResult> runAll(const Arguments& arguments, const TestPlan& plan) {
+    std::vector<CheckResult> results;
     for (const Check& check : allChecks()) {
         if (!isWanted(check, arguments.only)) continue;
-        Result result = runCheck(check, plan, arguments.limits);
-        const Result* before = results.empty() ? nullptr : &results.back();
+        CheckResult result = runCheck(check, plan, arguments.limits);
+        const CheckResult* before = results.empty() ? nullptr : &results.back();
         if (!arguments.json) std::fputs(resultText(result, before).c_str(), stdout);
         std::fflush(stdout);
         results.push_back(std::move(result));
@@ -76,14 +88,15 @@ std::vector<Result> runAll(const Arguments& arguments, const Plan& plan) {
 
 int testCard(const Arguments& arguments) {
     std::string error;
-    const std::optional<Met> met = meetCard(arguments.plan, error);
+    if (!loadCardLibrary(error)) return fail(kNoCard, "no card to test: " + error);
+    const std::optional<MetCard> met = meetCard(arguments.plan, error);
     if (!met) return fail(kNoCard, "no card to test: " + error);
     if (!met->heldStreams.empty() && !arguments.inUse)
         return fail(kUsage, "--write: another process holds stream " + met->heldStreams +
                                 ", and would lose what it "
                                 "has subscribed. Stop it first, or insist with --in-use.");
     if (!arguments.json) std::fputs(headText(*met).c_str(), stdout);
-    const std::vector<Result> results = runAll(arguments, met->plan);
+    const std::vector<CheckResult> results = runAll(arguments, met->plan);
     std::fputs((arguments.json ? toJson(*met, results) : footText(results)).c_str(), stdout);
     return count(results, Verdict::kFail) == 0 ? kAllKept : kBroken;
 }
@@ -122,7 +135,7 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? kAllKept : kUsage;
     }
     if (arguments.list) return std::fputs(listText().c_str(), stdout) < 0 ? kUsage : kAllKept;
-    // A wait for packets must not run into the limit.
+    // Waiting for packets must not exceed the limit of a check.
     arguments.limits.seconds = std::max(arguments.limits.seconds, arguments.plan.seconds + 1);
     if (!arguments.library.empty())
         if (const int status = useLibrary(arguments.library, argv); status != kAllKept) return status;

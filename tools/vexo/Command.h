@@ -14,21 +14,23 @@ using Program = std::vector<std::string>;
 /// What the command line asks for.
 struct Invocation {
     Program program;
-    std::function<int()> run;  // set by the subcommand that was chosen; its result is the exit status
+    std::function<int()> run;                  // set by the chosen subcommand; returns the exit status
+    std::vector<const CLI::App*> takeProgram;  // subcommands that need a program after "--"
 };
 
-/// Ends vexo with a message on standard error.
+/// Thrown to end vexo with a message on standard error.
 struct Failure : std::runtime_error {
     Failure(int exitStatus, const std::string& text) : std::runtime_error(text), status(exitStatus) {}
     int status;
 };
 
-// Exit statuses of vexo itself; a program that it started ends with its own. The last two are those of a shell.
+// Exit statuses of vexo itself. Once vexo has become the program, the status is the program's. 126 and 127 mean the
+// same as in a shell.
 inline constexpr int kUsage = 2;
 inline constexpr int kCannotRun = 126;
 inline constexpr int kNotFound = 127;
 
-/// Adds a subcommand to @p app, which sets invocation.run when it is chosen. One source file each.
+/// Adds a subcommand to @p app. The subcommand sets invocation.run when it is chosen. One source file each.
 using AddCommand = void (*)(CLI::App& app, Invocation& invocation);
 
 void addSim(CLI::App& app, Invocation& invocation);

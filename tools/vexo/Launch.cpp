@@ -7,17 +7,32 @@
 
 namespace vexo {
 
+void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation) {
+    subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]");
+    invocation.takeProgram.push_back(&subcommand);
+}
+
 void requireProgram(const Program& program) {
-    if (program.empty()) throw Failure(kUsage, "no program to run: it stands after --, as in: -- ./app app.ini");
+    if (program.empty()) throw Failure(kUsage, "no program to run: put it after --, as in: -- ./app app.ini");
 }
 
 void prepend(const char* variable, const std::filesystem::path& path) {
     const std::string text = path.string();
-    if (text.find_first_of(":; \t") != std::string::npos) {
-        throw Failure(kCannotRun, text + ": a blank, a colon or a semicolon in this path would mislead the loader");
+    if (text.find_first_of(":;") != std::string::npos) {
+        throw Failure(kCannotRun, text + ": a colon or a semicolon in this path would mislead the loader");
     }
     const char* before = std::getenv(variable);
     set(variable, before != nullptr && *before != '\0' ? text + ":" + before : text);
+}
+
+void preload(const std::filesystem::path& library) {
+    if (library.string().find_first_of(" \t") == std::string::npos) {
+        prepend("LD_PRELOAD", library);
+        return;
+    }
+    // The loader splits LD_PRELOAD at blanks, but not LD_LIBRARY_PATH, where it looks for a name without a directory.
+    prepend("LD_LIBRARY_PATH", library.parent_path());
+    prepend("LD_PRELOAD", library.filename());
 }
 
 void set(const char* variable, const std::string& value) {

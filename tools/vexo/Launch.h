@@ -7,14 +7,19 @@
 
 namespace vexo {
 
+/// Marks a subcommand that runs a program, and explains its command line. @param name  as typed: "sim run"
+void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation);
+
 /// Fails with status 2 when no program was named.
 void requireProgram(const Program& program);
 
-/// Puts @p path before what the variable, a list that the loader reads, already has.
+/// Puts @p path in front of a list of paths that the loader reads from an environment variable.
 void prepend(const char* variable, const std::filesystem::path& path);
+/// The loader loads @p library into the program before all others.
+void preload(const std::filesystem::path& library);
 void set(const char* variable, const std::string& value);
 
-/// Becomes the program; returns only by a Failure.
+/// Replaces vexo with the program. Returns only by a Failure.
 [[noreturn]] void become(const Program& program);
 
 }  // namespace vexo

@@ -4,7 +4,7 @@
 
 namespace vexo {
 
-/// The directory of the simulated card's libenyx-hw-c.so.1, of the build tree or the installation that this vexo is of.
+/// The directory of the simulated card's libenyx-hw-c.so.1, in the build tree or installation of this vexo.
 std::filesystem::path simulatedCardDirectory();
 
 /// The library that `vexo tap` loads into a program.

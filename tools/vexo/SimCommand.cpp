@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "sim/scenario/Scenario.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/Places.h"
@@ -13,27 +14,39 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What the simulated card's library looks at when a program first uses it.
+// The simulated card's library reads these when a program first uses it.
 constexpr char kScenarioVariable[] = "VEXO_SIM_SCENARIO";
 constexpr char kCardVariable[] = "VEXO_SIM_CARD";
 
 struct Options {
     std::string scenario;
+    vexo_sim::scenario::KeySettings settings{"--set", {}};
     bool embedded = false;
     bool hosted = false;
 };
 
-fs::path absoluteScenario(const std::string& file) {
+void requireScenario(const std::string& file) {
     std::error_code error;
     if (fs::is_directory(file, error)) throw Failure(kUsage, "--scenario " + file + ": this is a directory");
     if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, "--scenario " + file + ": " + std::strerror(errno));
-    return fs::absolute(file);
+}
+
+// Describes the card of the program's own to the card's library. The library would find a mistake only when the program
+// opens its card, so the description is checked here.
+void describeCard(const Options& options) {
+    if (!options.scenario.empty()) requireScenario(options.scenario);
+    std::string error;
+    if (!vexo_sim::scenario::load(options.scenario, options.settings, error)) throw Failure(kUsage, error);
+    // The program may change its directory before it opens the card.
+    set(kScenarioVariable, options.scenario.empty() ? "" : fs::absolute(options.scenario).string());
+    set(vexo_sim::scenario::kSettingsVariable, linesOf(withAbsolutePaths(options.settings)));
+    set(kCardVariable, "embedded");
 }
 
 int run(const Options& options, const Program& program) {
     requireProgram(program);
-    if (!options.scenario.empty()) set(kScenarioVariable, absoluteScenario(options.scenario).string());
-    if (options.embedded || !options.scenario.empty()) set(kCardVariable, "embedded");
+    if (!options.scenario.empty() || !options.settings.texts.empty()) describeCard(options);
+    if (options.embedded) set(kCardVariable, "embedded");
     if (options.hosted) set(kCardVariable, "hosted");
     prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
     become(program);
@@ -45,14 +58,18 @@ void addSim(CLI::App& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     CLI::App* sim = app.add_subcommand("sim", "The simulated card");
     CLI::App* runIt = sim->add_subcommand("run", "Run a program on the simulated card instead of a real one");
-    runIt->footer("Run it as:  vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]");
+    takeProgram(*runIt, "sim run", invocation);
     CLI::Option* scenario = runIt->add_option("--scenario", options->scenario,
-                                              "Ini file that says what the card of the program's own does");
+                                              "Scenario file for a card of the program's own");
+    CLI::Option* setting = runIt->add_option("--set", options->settings.texts,
+                                             "Set one key of the scenario; may be given several times");
+    setting->type_name("SECTION.KEY=VALUE")->allow_extra_args(false);
     CLI::Option* embedded = runIt->add_flag("--embedded", options->embedded,
-                                            "A card of the program's own, also when one is hosted");
-    runIt->add_flag("--hosted", options->hosted, "The card that vexo-simcard hosts, and no other")
+                                            "Use a card of the program's own, even when one is hosted");
+    runIt->add_flag("--hosted", options->hosted, "Use the card that vexo-simcard hosts, and no other")
         ->excludes(embedded)
-        ->excludes(scenario);
+        ->excludes(scenario)
+        ->excludes(setting);
     runIt->callback([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });

@@ -18,7 +18,7 @@ struct Options {
     std::uint64_t ringMb = tap::kDefaultRingMb;
 };
 
-// The program may change its directory before the first file is made.
+// The program may change its directory before the tap creates the first file.
 fs::path absoluteOutput(const std::string& output) {
     const fs::path path = fs::absolute(output);
     std::error_code error;
@@ -37,7 +37,7 @@ int run(const Options& options, const Program& program) {
     set(tap::kRegistersVariable, options.registers ? "1" : "0");
     set(tap::kRotateVariable, std::to_string(options.rotateMb));
     set(tap::kRingVariable, std::to_string(options.ringMb));
-    prepend("LD_PRELOAD", tapLibrary());
+    preload(tapLibrary());
     become(program);
 }
 
@@ -46,13 +46,14 @@ int run(const Options& options, const Program& program) {
 void addTap(CLI::App& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     CLI::App* tap = app.add_subcommand("tap", "Run a program and record what its card delivers, as pcapng");
-    tap->footer("Run it as:  vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]");
-    tap->add_option("--output", options->output, "File; when it exists, a number is put into its name")
+    takeProgram(*tap, "tap", invocation);
+    tap->add_option("--output", options->output, "File to write; if it exists, a free name with a number is used")
         ->capture_default_str();
-    tap->add_flag("--registers", options->registers, "Record every register access, too");
-    tap->add_option("--rotate", options->rotateMb, "Begin another file before one grows beyond so many megabytes")
+    tap->add_flag("--registers", options->registers, "Record every register access too");
+    tap->add_option("--rotate", options->rotateMb, "Start another file before one grows beyond so many megabytes")
         ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRotateMb));
-    tap->add_option("--ring", options->ringMb, "Megabytes of memory for packets on their way to the file, each stream")
+    tap->add_option("--ring", options->ringMb,
+                    "Megabytes of memory for packets on their way to the file, for each stream")
         ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRingMb))
         ->capture_default_str();
     tap->callback([options, &invocation] {

@@ -1,4 +1,4 @@
-// vexo: the command-line tool. What stands after "--" is a program that vexo prepares the way for, and becomes.
+// vexo: the command-line tool. Words after "--" are a program: vexo sets its environment, then becomes it.
 
 #include <algorithm>
 #include <cstdio>
@@ -18,10 +18,33 @@ std::vector<std::string> reversed(std::vector<std::string> words) {
     return words;
 }
 
-// As far as the user has come: "vexo sim".
-std::string chosen(const CLI::App& app) {
+// The subcommand that the user chose, or the one before it when the last word is missing or wrong.
+const CLI::App& chosen(const CLI::App& app) {
     const std::vector<CLI::App*> next = app.get_subcommands();
-    return app.get_name() + (next.empty() ? "" : " " + chosen(*next.front()));
+    return next.empty() ? app : chosen(*next.front());
+}
+
+// As typed: "vexo sim".
+std::string nameOf(const CLI::App& app) {
+    return (app.get_parent() != nullptr ? nameOf(*app.get_parent()) + " " : "") + app.get_name();
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+
+// What to say of words that the command line has no place for. The usual cause is a program without "--" before it.
+std::string unexpected(const CLI::App& app, const Invocation& invocation) {
+    const CLI::App& command = chosen(app);
+    const std::vector<std::string> words = app.remaining(true);
+    const auto& commands = invocation.takeProgram;
+    const bool forgotten = invocation.program.empty() && words.front().front() != '-' &&
+                           std::find(commands.begin(), commands.end(), &command) != commands.end();
+    return std::string(words.size() == 1 ? "unexpected argument: " : "unexpected arguments: ") + joined(words) +
+           (forgotten ? "\nPut -- before the program: " + nameOf(command) + " [OPTIONS] -- " + joined(words)
+                      : "\nSee " + nameOf(command) + " --help");
 }
 
 int parseAndRun(std::vector<std::string> words) {
@@ -30,15 +53,17 @@ int parseAndRun(std::vector<std::string> words) {
     if (dashes != words.end()) invocation.program.assign(dashes + 1, words.end());
     words.erase(dashes, words.end());
 
-    CLI::App app("Tools around the card: the simulated one, and what passes a card's interface.", "vexo");
+    CLI::App app("Runs programs on a simulated card, and records what a card delivers.", "vexo");
     app.set_version_flag("--version", std::string("vexo ") + kVersion);
     for (const AddCommand add : kCommands) add(app, invocation);
     try {
         app.parse(reversed(words));
+    } catch (const CLI::ExtrasError&) {
+        throw Failure(kUsage, unexpected(app, invocation));
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsage;
     }
-    if (!invocation.run) throw Failure(kUsage, "no subcommand: see " + chosen(app) + " --help");
+    if (!invocation.run) throw Failure(kUsage, "no subcommand: see " + nameOf(chosen(app)) + " --help");
     return invocation.run();
 }
 

@@ -70,7 +70,8 @@ int enyx_sim_power_cycle(const enyx_sim_config* config);
  * with nothing changed and up to `size` bytes of the reason in `error` (which may be null), when the file cannot be
  * used: "FILE:LINE: what is wrong; what to do".
  * Without this call a process finds the card that the file named by the environment variable VEXO_SIM_SCENARIO
- * describes; when that cannot be used, the reason goes to standard error and there is no card. */
+ * describes, changed by the settings in VEXO_SIM_SET (section.key=value, one a line). When these cannot be used, the
+ * reason goes to standard error and there is no card. */
 int enyx_sim_load_scenario(const char* path, char* error, size_t size);
 
 /* Brings the card up to the present moment, as any other call does. */

@@ -9,24 +9,20 @@
 
 #include "src/api/ApiImpl.h"
 #include "tests/doubles/FakeEnyxHw.h"
+#include "tests/support/Child.h"
+#include "tests/support/DayFiles.h"
 #include "tests/support/FakeTime.h"
+#include "tests/support/QuoteCallbacks.h"
 #include "tests/support/TempDir.h"
-#include "tests/unit/channel/Child.h"
-#include "tests/unit/channel/DayFiles.h"
 
 /// Counts the callbacks of an application.
-class CountingSpi : public IVexoZceMdSpi {
+class CountingSpi : public QuoteCallbacks {
 public:
-    int OnUpSubsResult17(const unsigned char*) override { return Take(); }
-    int OnUpSubsResult18(const unsigned char*) override { return Take(); }
-    int OnUpSubsResult19(const unsigned char*) override { return Take(); }
-    int OnUpSubsResult20(const unsigned char*) override { return Take(); }
-
     int calls = 0;
     std::function<void()> onCall;
 
 private:
-    int Take() {
+    int OnQuote(int, const unsigned char*) override {
         ++calls;
         if (onCall) onCall();
         return 0;

@@ -19,17 +19,12 @@ std::vector<unsigned char> ContractMap() {
 }
 
 /// Notes the types of the packets that its callbacks got.
-class OrderedSpi : public IVexoZceMdSpi {
+class OrderedSpi : public QuoteCallbacks {
 public:
-    int OnUpSubsResult17(const unsigned char*) override { return Take(17); }
-    int OnUpSubsResult18(const unsigned char*) override { return Take(18); }
-    int OnUpSubsResult19(const unsigned char*) override { return Take(19); }
-    int OnUpSubsResult20(const unsigned char*) override { return Take(20); }
-
     std::vector<int> types;
 
 private:
-    int Take(int type) {
+    int OnQuote(int type, const unsigned char*) override {
         types.push_back(type);
         return 0;
     }

@@ -1,8 +1,8 @@
 #include "src/log/elog.h"
 #include "src/log/elog_mutex.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/support/HostCalls.h"
 #include "tests/unit/api/ApiFixture.h"
-#include "tests/unit/channel/HostCalls.h"
 
 #include <fcntl.h>
 #include <pthread.h>

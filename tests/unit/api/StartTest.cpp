@@ -1,6 +1,6 @@
 #include "tests/doubles/LogLines.h"
+#include "tests/support/FailingNew.h"
 #include "tests/unit/api/ApiFixture.h"
-#include "tests/unit/channel/FailingNew.h"
 
 #include <cerrno>
 #include <cstdio>

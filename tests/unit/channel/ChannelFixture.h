@@ -13,26 +13,22 @@
 #include "src/channel/DmaChannel.h"
 #include "tests/doubles/FakeDma.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/doubles/TraceDrv.h"
+#include "tests/support/DayFiles.h"
 #include "tests/support/FakeTime.h"
+#include "tests/support/MapPacket.h"
+#include "tests/support/QuoteCallbacks.h"
 #include "tests/support/TempDir.h"
-#include "tests/unit/channel/DayFiles.h"
-#include "tests/unit/channel/MapPacket.h"
-#include "tests/unit/channel/TraceDrv.h"
 
-/// What an application's callbacks got, as "17 <payload in hex>"; each callback returns `result`.
-class RecordingSpi : public IVexoZceMdSpi {
+/// Notes each packet's type and where its payload lies; each callback returns `result`.
+class RecordingSpi : public QuoteCallbacks {
 public:
-    int OnUpSubsResult17(const unsigned char* data) override { return Take(17, data); }
-    int OnUpSubsResult18(const unsigned char* data) override { return Take(18, data); }
-    int OnUpSubsResult19(const unsigned char* data) override { return Take(19, data); }
-    int OnUpSubsResult20(const unsigned char* data) override { return Take(20, data); }
-
     std::vector<std::pair<int, const unsigned char*>> calls;
     int result = 0;
     std::function<void(const unsigned char* data)> onCall;
 
 private:
-    int Take(int type, const unsigned char* data) {
+    int OnQuote(int type, const unsigned char* data) override {
         calls.emplace_back(type, data);
         if (onCall) onCall(data);
         return result;

@@ -1,6 +1,6 @@
+#include "tests/support/FailingNew.h"
+#include "tests/support/HostCalls.h"
 #include "tests/unit/channel/ChannelFixture.h"
-#include "tests/unit/channel/FailingNew.h"
-#include "tests/unit/channel/HostCalls.h"
 
 #include "src/dayfile/DayFile.h"
 

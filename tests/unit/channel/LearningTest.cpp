@@ -15,11 +15,11 @@
 #include "src/instruments/InstId.h"
 #include "tests/doubles/FakeDrv.h"
 #include "tests/doubles/LogLines.h"
+#include "tests/support/DayFiles.h"
+#include "tests/support/FailingMemory.h"
 #include "tests/support/FakeTime.h"
+#include "tests/support/MapPacket.h"
 #include "tests/support/TempDir.h"
-#include "tests/unit/channel/DayFiles.h"
-#include "tests/unit/channel/FailingMemory.h"
-#include "tests/unit/channel/MapPacket.h"
 
 namespace {
 
@@ -182,7 +182,7 @@ TEST_F(Learning, AnInstrumentIsLearnedAsAWholeOrNotAtAllWhereverMemoryRunsOut) {
             MaskDrv card;
             LearningChannel channel(ini, card);
             {
-                const FailingMemory memory(nth, calls);
+                const test_support::FailingMemory memory(nth, calls);
                 channel.Deliver(packet);
                 failed = memory.HasFailed();
             }
@@ -210,7 +210,7 @@ TEST_F(Learning, APacketThatEndsEarlyIsReportedOnceWithItsDayFile) {
     LearningChannel channel(ini, drv);
     test_support::LogLines log;
     for (int round = 0; round < 2; ++round) {
-        const FailingMemory memory(1);
+        const test_support::FailingMemory memory(1);
         channel.Deliver(other);
     }
 
@@ -230,7 +230,7 @@ TEST_F(Learning, APacketThatEndsEarlyBehindTheEndTagTakesTheTagAway) {
     channel.CloseMap();
     ASSERT_EQ(day.ReadMorning(), completeFile);
     {
-        const FailingMemory memory(1);
+        const test_support::FailingMemory memory(1);
         channel.Deliver(other);
     }
 

@@ -1,5 +1,5 @@
+#include "tests/support/HostCalls.h"
 #include "tests/unit/channel/ChannelFixture.h"
-#include "tests/unit/channel/HostCalls.h"
 
 #include <cstdio>
 

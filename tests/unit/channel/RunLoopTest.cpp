@@ -1,6 +1,6 @@
 #include "src/log/elog.h"
+#include "tests/support/Child.h"
 #include "tests/unit/channel/ChannelFixture.h"
-#include "tests/unit/channel/Child.h"
 
 #include <pthread.h>
 

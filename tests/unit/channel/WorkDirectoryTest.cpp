@@ -1,6 +1,6 @@
+#include "tests/support/Child.h"
+#include "tests/support/HostCalls.h"
 #include "tests/unit/channel/ChannelFixture.h"
-#include "tests/unit/channel/Child.h"
-#include "tests/unit/channel/HostCalls.h"
 
 #include <pwd.h>
 #include <sys/stat.h>

@@ -1,5 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
@@ -13,7 +16,7 @@ using ::testing::StartsWith;
 
 namespace {
 
-ProgramResult vexo(const std::string& words) { return runProgram(VEXO_COMMAND " " + words); }
+ProgramResult vexo(const std::string& words) { return runProgram(word(VEXO_COMMAND) + " " + words); }
 
 class Command : public ::testing::Test {
 protected:
@@ -38,12 +41,22 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         const char* text;
     } cases[] = {
         {"", "vexo: no subcommand: see vexo --help"},
-        {"tpa", "The following argument was not expected: tpa"},
-        {"tap", "vexo: no program to run: it stands after --"},
+        {"tpa", "vexo: unexpected argument: tpa\nSee vexo --help"},
+        {"tap", "vexo: no program to run: put it after --"},
         {"sim", "vexo: no subcommand: see vexo sim --help"},
-        {"sim rnu", "The following argument was not expected: rnu"},
-        {"sim run", "vexo: no program to run: it stands after --"},
-        {"sim run ./app", "The following argument was not expected: ./app"},
+        {"sim rnu", "vexo: unexpected argument: rnu\nSee vexo sim --help"},
+        {"sim run", "vexo: no program to run: put it after --"},
+        {"sim run --nonsense -- true", "vexo: unexpected argument: --nonsense\nSee vexo sim run --help"},
+        {"sim run ./app x.ini",
+         "vexo: unexpected arguments: ./app x.ini\nPut -- before the program: vexo sim run [OPTIONS] -- ./app x.ini\n"},
+        {"tap --registers ./app --seconds 3 x.ini",
+         "vexo: unexpected arguments: ./app --seconds 3 x.ini\n"
+         "Put -- before the program: vexo tap [OPTIONS] -- ./app --seconds 3 x.ini\n"},
+        {"sim run --set card.verdict -- true", "vexo: --set card.verdict: this sets no key; write section.key=value\n"},
+        {"sim run --set card.verdikt=1 -- true", "vexo: --set card.verdikt=1: [card] has no key verdikt; use bus, "},
+        {"sim run --set card.mtu=7 -- true",
+         "vexo: --set card.mtu=7: mtu: \"7\" will not do; give a number from 512 to 65536\n"},
+        {"sim run --set card.mtu=512 --hosted -- true", "--set excludes --hosted"},
         {"sim run --embedded --hosted -- true", "--embedded excludes --hosted"},
         {"sim run --scenario none.ini -- true", "vexo: --scenario none.ini: No such file or directory"},
         {"sim run --scenario . -- true", "vexo: --scenario .: this is a directory"},
@@ -75,7 +88,7 @@ TEST_F(Command, BecomesTheProgramWithItsArgumentsAndItsExitStatus) {
 }
 
 TEST_F(Command, SimRunPutsTheSimulatedCardBeforeEverythingElse) {
-    const ProgramResult result = runProgram("LD_LIBRARY_PATH=/opt/other " VEXO_COMMAND
+    const ProgramResult result = runProgram("LD_LIBRARY_PATH=/opt/other " + word(VEXO_COMMAND) +
                                             " sim run -- sh -c 'echo $LD_LIBRARY_PATH'");
     EXPECT_EQ(result.output, VEXO_SIM_DIRECTORY ":/opt/other\n");
 }
@@ -88,17 +101,57 @@ TEST_F(Command, SimRunHandsOnScenarioAndKindOfCard) {
     EXPECT_EQ(vexo("sim run --hosted" + show).output, "|hosted\n");
 }
 
+TEST_F(Command, SimRunChecksTheScenarioBeforeTheProgramStarts) {
+    dir.Write("a.ini", "[card]\nseed = 1\nverdikt = 1\n");
+    const ProgramResult result = vexo("sim run --scenario a.ini -- touch started");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.output, StartsWith("vexo: a.ini:3: [card] has no key verdikt; use bus, "));
+    EXPECT_NE(::access("started", F_OK), 0);
+}
+
+TEST_F(Command, SimRunHandsOnSettingsOneALine) {
+    dir.Write("list.txt", "1,0,SR505\n");
+    dir.Write("a.ini", "");
+    const std::string show = " -- sh -c 'echo \"$VEXO_SIM_SCENARIO|$VEXO_SIM_CARD|$VEXO_SIM_SET\"'";
+    EXPECT_EQ(vexo("sim run --set card.verdict=2 --set instruments.file=list.txt" + show).output,
+              "|embedded|card.verdict=2\ninstruments.file=" + dir.Path("list.txt") + "\n\n");
+    EXPECT_EQ(vexo("sim run --scenario a.ini --set 'scenario.description=an old card'" + show).output,
+              dir.Path("a.ini") + "|embedded|scenario.description=an old card\n\n");
+}
+
+TEST_F(Command, SimRunWithSettingsIgnoresWhatTheEnvironmentSaysOfTheCard) {
+    const std::string show = " -- sh -c 'echo \"$VEXO_SIM_SCENARIO|$VEXO_SIM_SET\"'";
+    EXPECT_EQ(
+        runProgram("VEXO_SIM_SCENARIO=other.ini VEXO_SIM_SET=card.bus=1 " VEXO_COMMAND " sim run --set card.bus=2" +
+                   show)
+            .output,
+        "|card.bus=2\n\n");
+}
+
 TEST_F(Command, SimRunTakesAProgramThatWasLinkedWithAnotherCard) {
-    EXPECT_EQ(runProgram("VEXO_SIM_CARD=embedded " VEXO_TAP_APP " no-handler").status, 0);
-    const ProgramResult result = vexo("sim run -- " VEXO_SIM_APP);
+    EXPECT_EQ(runProgram("VEXO_SIM_CARD=embedded " + word(VEXO_TAP_APP) + " no-handler").status, 0);
+    const ProgramResult result = vexo("sim run -- " + word(VEXO_SIM_APP));
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.output, AllOf(HasSubstr("SIMULATED CARD"), HasSubstr("type 20 ")));
 }
 
 TEST_F(Command, TapWritesWhereItWasStartedWhereverTheProgramGoes) {
-    const ProgramResult result = runProgram(tapSettings("ignored") +
-                                            "SCRIPTED_PACKETS=4 " VEXO_COMMAND
-                                            " tap --output a.pcapng -- sh -c 'cd / && exec " VEXO_TAP_APP " receive'");
+    const ProgramResult result = runProgram(tapSettings("ignored") + "SCRIPTED_PACKETS=4 " + word(VEXO_COMMAND) +
+                                            " tap --output a.pcapng -- sh -c 'cd / && exec " + word(VEXO_TAP_APP) +
+                                            " receive'");
     EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(readPath(dir.Path("a.pcapng")).packetsOf("channel 3"), 4U);
+}
+
+TEST_F(Command, TapIsLoadedFromADirectoryWithABlank) {
+    namespace fs = std::filesystem;
+    fs::create_directories(dir.Path("a b/bin"));
+    fs::create_directories(dir.Path("a b/tools"));
+    fs::copy_file(VEXO_COMMAND, dir.Path("a b/bin/vexo"));
+    fs::copy_file(VEXO_TAP_LIBRARY, dir.Path("a b/tools/libvexo-tap.so"));
+    const ProgramResult result = runProgram(tapSettings("ignored") + "SCRIPTED_PACKETS=4 " +
+                                            word(dir.Path("a b/bin/vexo")) + " tap --output a.pcapng -- " +
+                                            word(VEXO_TAP_APP) + " receive");
+    EXPECT_EQ(result.status, 0) << result.output;
     EXPECT_EQ(readPath(dir.Path("a.pcapng")).packetsOf("channel 3"), 4U);
 }

@@ -27,9 +27,8 @@ protected:
 
     /// What tshark prints of the file on its standard output; what it says of being root goes elsewhere.
     std::string tshark(const std::string& arguments) {
-        const ProgramResult result = runProgram("exec 2>err; HOME=" + dir.Path() +
-                                                " " VEXO_TSHARK " -X lua_script:" VEXO_DISSECTOR " -r a.pcapng " +
-                                                arguments);
+        const ProgramResult result = runProgram("exec 2>err; HOME=" + dir.Path() + " " + word(VEXO_TSHARK) +
+                                                " -X lua_script:" + word(VEXO_DISSECTOR) + " -r a.pcapng " + arguments);
         EXPECT_EQ(result.status, 0) << dir.Read("err");
         EXPECT_THAT(dir.Read("err"), Not(HasSubstr("lua")));
         return result.output;
@@ -136,9 +135,9 @@ TEST_F(Dissector, NamesTheRegistersOfTheRegisterMap) {
 }
 
 TEST_F(Dissector, ShowsEveryPacketThatAProgramOnTheSimulatedCardReceived) {
-    const ProgramResult program = runProgram(tapSettings("ignored") + VEXO_COMMAND
-                                             " sim run --embedded -- " VEXO_COMMAND
-                                             " tap --registers --output a.pcapng -- " VEXO_SIM_APP);
+    const ProgramResult program = runProgram(tapSettings("ignored") + word(VEXO_COMMAND) + " sim run --embedded -- " +
+                                             word(VEXO_COMMAND) + " tap --registers --output a.pcapng -- " +
+                                             word(VEXO_SIM_APP));
     ASSERT_EQ(program.status, 0) << program.output;
     std::map<std::string, unsigned> received;
     std::map<std::string, unsigned> shown;

@@ -24,6 +24,15 @@ inline ProgramResult runProgram(const std::string& command) {
     return result;
 }
 
+/// A path as one word of a shell command, also inside single quotes.
+inline std::string word(const std::string& path) { return "\"" + path + "\""; }
+
+/// Settings before a command that loads a library first. LD_PRELOAD cannot hold a path with a blank.
+inline std::string preloading(const std::string& library) {
+    const std::size_t slash = library.rfind('/');
+    return "LD_LIBRARY_PATH=" + word(library.substr(0, slash)) + " LD_PRELOAD=" + library.substr(slash + 1) + " ";
+}
+
 /// Settings before a command that loads the tap: a sanitizer's library cannot come before what is preloaded.
 inline std::string tapSettings(const std::string& file) {
     const char* sanitizer = std::getenv("ASAN_OPTIONS");

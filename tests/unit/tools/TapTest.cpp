@@ -22,8 +22,8 @@ namespace {
 class Tap : public ::testing::Test {
 protected:
     ProgramResult run(const std::string& way, const std::string& settings = "SCRIPTED_PACKETS=10") {
-        return runProgram(tapSettings(dir.Path("a.pcapng")) + settings +
-                          " LD_PRELOAD=" VEXO_TAP_LIBRARY " " VEXO_TAP_APP " " + way);
+        return runProgram(tapSettings(dir.Path("a.pcapng")) + settings + " " + preloading(VEXO_TAP_LIBRARY) +
+                          word(VEXO_TAP_APP) + " " + way);
     }
     ReadFile read(const std::string& name = "a.pcapng") { return readPath(dir.Path(name)); }
 
@@ -72,7 +72,7 @@ TEST_F(Tap, RecordsEveryPacketThatTheProgramReceives) {
 }
 
 TEST_F(Tap, WithoutItTheProgramDoesTheSame) {
-    const ProgramResult program = runProgram("SCRIPTED_PACKETS=1000 " VEXO_TAP_APP " receive");
+    const ProgramResult program = runProgram("SCRIPTED_PACKETS=1000 " + word(VEXO_TAP_APP) + " receive");
     EXPECT_EQ(program.status, 0);
     EXPECT_EQ(program.output, "received 1000\n");
 }
@@ -237,8 +237,8 @@ TEST_F(Tap, DoesNotTouchAFileThatExists) {
 }
 
 TEST_F(Tap, AKilledProgramLeavesWholeBlocks) {
-    const std::string command = tapSettings(dir.Path("a.pcapng")) + "SCRIPTED_PACKETS=10 LD_PRELOAD=" VEXO_TAP_LIBRARY
-                                                                    " exec " VEXO_TAP_APP " wait";
+    const std::string command = tapSettings(dir.Path("a.pcapng")) + "SCRIPTED_PACKETS=10 " +
+                                preloading(VEXO_TAP_LIBRARY) + "exec " + word(VEXO_TAP_APP) + " wait";
     std::FILE* program = popen(command.c_str(), "r");
     ASSERT_NE(program, nullptr);
     int process = 0;

@@ -1,0 +1,118 @@
+#include "sim/shm/CardLock.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <utility>
+
+namespace vexo_sim {
+namespace {
+
+thread_local std::int32_t t_threadId = 0;
+
+// The kernel's number of the calling thread, asked once.
+std::int32_t threadId() {
+    static const int forgetsInChild = pthread_atfork(nullptr, nullptr, [] { t_threadId = 0; });
+    if (t_threadId == 0 || forgetsInChild != 0) t_threadId = gettid();
+    return t_threadId;
+}
+
+constexpr std::uint32_t kYields = 16;
+constexpr std::uint32_t kShortNaps = 1000;
+
+// @p waited  rounds with the same holder
+void pauseBriefly(std::uint32_t round, std::uint32_t waited) {
+    if (round < kYields) {
+        sched_yield();
+        return;
+    }
+    const timespec nap{0, waited < kShortNaps ? 20'000 : 1'000'000};
+    nanosleep(&nap, nullptr);
+}
+
+}  // namespace
+
+CardLock::Result CardLock::finish(ThreadMutex::Result here, std::uint32_t rounds) {
+    if (here == ThreadMutex::kBusy) return kBusy;
+    if (here == ThreadMutex::kFailed) return kDeadlock;
+    const bool threadDied = here == ThreadMutex::kHolderDied;
+    const Result result = m_word != nullptr ? enter(rounds) : kLocked;
+    if (!isLocked(result)) m_threads.unlock();
+    return result == kLocked && threadDied ? kHolderDied : result;
+}
+
+// Gives up after so many rounds with one and the same holder, 0 for never: a long queue of holders is no reason. A
+// holder that was given up on once gets a short wait only.
+CardLock::Result CardLock::enter(std::uint32_t rounds) {
+    Result result = tryEnter(false);
+    std::uint64_t holder = 0;
+    std::uint32_t waited = 0;
+    for (std::uint32_t round = 0; result == kBusy && rounds != kOneTry; ++round) {
+        m_contended->fetch_add(1, std::memory_order_relaxed);
+        pauseBriefly(round, waited);
+        const std::uint64_t word = m_word->load(std::memory_order_relaxed);
+        waited = word == holder ? waited + 1 : 0;
+        holder = word;
+        result = tryEnter(round >= kYields);
+        const std::uint32_t patience = word == m_stuckAt ? 2 * kYields : rounds;
+        if (result != kBusy || rounds == 0 || waited < patience) continue;
+        m_stuckAt = word;
+        return kTimedOut;
+    }
+    return result;
+}
+
+CardLock::Result CardLock::tryEnter(bool looksForTheDead) {
+    std::uint64_t word = m_word->load(std::memory_order_acquire);
+    const bool died = word != 0 && (m_book->isOwn(word) || (looksForTheDead && m_book->isDead(word)));
+    if (word != 0 && !died) return kBusy;
+    const std::uint64_t mine = m_book->newWord();
+    if (mine == 0) return kFull;
+    // Fails when another process was faster, also in taking the lock over from the same dead holder.
+    if (!m_word->compare_exchange_strong(word, mine, std::memory_order_acquire)) return kBusy;
+    m_mine = mine;
+    return died ? kHolderDied : kLocked;
+}
+
+// Only this process's own word is removed: a lock that it does not hold is never released.
+void CardLock::leave() {
+    std::uint64_t mine = std::exchange(m_mine, 0);
+    m_word->compare_exchange_strong(mine, 0, std::memory_order_release);
+}
+
+std::optional<pid_t> CardLock::stuckHolder() {
+    const std::uint64_t word = m_stuckAt;
+    if (m_stuckToldOf.exchange(word) == word) return std::nullopt;
+    return m_book->holderOf(word);
+}
+
+int CardLock::errorOf(Result result) {
+    switch (result) {
+        case kBusy: return EBUSY;
+        case kTimedOut: return ETIMEDOUT;
+        case kDeadlock: return EDEADLK;
+        case kFull: return EUSERS;
+        default: return 0;
+    }
+}
+
+// A holder that died needs no repair: no register access is ever half done.
+int CoreLock::taken(CardLock::Result result) {
+    if (!CardLock::isLocked(result)) return CardLock::errorOf(result);
+    m_holder = threadId();
+    return 0;
+}
+
+int CoreLock::unlock() {
+    if (m_holder != threadId()) return EPERM;
+    m_holder = 0;
+    m_lock.unlock();
+    return 0;
+}
+
+void StateLock::repair(CardState& state) { Card(state).repair(); }
+
+}  // namespace vexo_sim

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+
+#include "sim/shm/CardFile.h"
+
+namespace vexo_sim {
+
+/// The owner book of a card's locks, as one process uses it. An owner word is ticket << 8 | slot + 1. A process owns a
+/// slot by a kernel lock on a byte of the card's file. The kernel tells two processes apart whatever their numbers are
+/// in their containers, and frees the slot however the process dies. A word is compared and its slot looked up; nothing
+/// is followed. So a hostile writer can disturb the order of the holders, and nothing else.
+class OwnerBook {
+public:
+    OwnerBook(CardFile& file, std::atomic<std::uint64_t>& tickets) : m_file(file), m_tickets(tickets) {}
+
+    /// The word of a new holder; 0 when no slot is free. No two holders share a word.
+    std::uint64_t newWord();
+    /// Whether a word names this process's slot. It is then left by a dead process when this one does not hold the
+    /// lock.
+    bool isOwn(std::uint64_t word);
+    /// Whether the process that a word names has died.
+    bool isDead(std::uint64_t word) const;
+    /// The living process that a word names; 0 for one in another container.
+    std::optional<pid_t> holderOf(std::uint64_t word) const;
+
+private:
+    bool hasSlot();
+
+    CardFile& m_file;
+    std::atomic<std::uint64_t>& m_tickets;  // in shared memory: makes words unique
+    std::mutex m_claimMutex;
+    std::atomic<std::int32_t> m_slot{-1};
+    std::atomic<std::uint32_t> m_generation{0};  // forkGeneration() of the process that owns the slot
+};
+
+}  // namespace vexo_sim
