@@ -18,6 +18,7 @@
 #include "tests/hosted/CardAccess.h"
 #include "tests/hosted/HostProcess.h"
 #include "tests/support/CaptureOutput.h"
+#include "tests/unit/sim/shm/ShmFixture.h"
 
 namespace hosted {
 namespace {
@@ -143,6 +144,29 @@ TEST_F(HostedCard, AKilledHolderReleasesTheCoreLock) {
     enyx_hw_core* core = OpenRegisters(0);
     EXPECT_EQ(enyx_hw_core_lock(core), 0);
     EXPECT_EQ(enyx_hw_core_unlock(core), 0);
+}
+
+TEST_F(HostedCard, AUserThatWasStoppedInsideAnAccessMakesOthersFailWithAReasonUntilItEnds) {
+    const Process host = StartHost({});
+    enyx_hw_core* core = OpenRegisters(0);
+    vexo_sim::Child stopped([] {
+        static const auto card = vexo_sim::attachCard(0, geteuid(), "child");
+        if (!vexo_sim::CardLock::isLocked(card->locks().state.lock())) _exit(1);
+    });
+    ASSERT_TRUE(stopped.IsReady());
+    kill(stopped.Id(), SIGSTOP);
+    test_support::CaptureOutput output(STDERR_FILENO);
+    for (int access = 0; access < 2; ++access) {
+        errno = 0;
+        EXPECT_EQ(Write(core, card_reg::kTradingDate, 20310305), -1);
+        EXPECT_EQ(errno, ETIMEDOUT);
+    }
+    const std::string text = output.Stop();
+    EXPECT_THAT(text, HasSubstr("libenyx-hw-c: process " + std::to_string(stopped.Id()) + " ("));
+    EXPECT_THAT(text, HasSubstr("holds the simulated card at bus 0 and does not go on"));
+    EXPECT_EQ(text.find("libenyx-hw-c"), text.rfind("libenyx-hw-c")) << "one line is enough";
+    stopped.Kill();
+    EXPECT_EQ(Write(core, card_reg::kTradingDate, 20310305), 0);
 }
 
 TEST_F(HostedCard, TheStreamOfADeadHostRunsDryAndItsRegistersFail) {
