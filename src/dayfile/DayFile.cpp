@@ -92,7 +92,7 @@ void CBrixBinFile::WriteBinFileInst(std::string id, unsigned short index) {
         return;
     }
     *behindIndex = ',';
-    std::memcpy(behindIndex + 1, id.data(), id.size());
+    id.copy(behindIndex + 1, id.size());
     behindIndex[1 + id.size()] = '\n';
     writeInstLine({line, indexLength + id.size() + 2});
 }
