@@ -61,7 +61,7 @@ std::uint32_t fillPacket(CardState& s, unsigned char* packet) {
         ++s.map.cursor;
     }
     if (s.map.cursor >= learned) s.map.cursor = 0;
-    const std::uint32_t length = static_cast<std::uint32_t>(at - packet);
+    const auto length = static_cast<std::uint32_t>(at - packet);
     put16(packet + 12, length - kAreaOffset);
     return length;
 }
