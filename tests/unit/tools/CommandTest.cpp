@@ -121,11 +121,9 @@ TEST_F(Command, SimRunHandsOnSettingsOneALine) {
 
 TEST_F(Command, SimRunWithSettingsIgnoresWhatTheEnvironmentSaysOfTheCard) {
     const std::string show = " -- sh -c 'echo \"$VEXO_SIM_SCENARIO|$VEXO_SIM_SET\"'";
-    EXPECT_EQ(
-        runProgram("VEXO_SIM_SCENARIO=other.ini VEXO_SIM_SET=card.bus=1 " VEXO_COMMAND " sim run --set card.bus=2" +
-                   show)
-            .output,
-        "|card.bus=2\n\n");
+    const std::string environment = "VEXO_SIM_SCENARIO=other.ini VEXO_SIM_SET=card.bus=1 ";
+    EXPECT_EQ(runProgram(environment + word(VEXO_COMMAND) + " sim run --set card.bus=2" + show).output,
+              "|card.bus=2\n\n");
 }
 
 TEST_F(Command, SimRunTakesAProgramThatWasLinkedWithAnotherCard) {
