@@ -18,7 +18,7 @@ Descriptor* describe(HwCard& card) {
 
 ssize_t enumerateCards(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors, std::size_t room) {
     Cards& cards = Cards::instance();
-    HwCard* card = nullptr;  // as the look-up by name found it: its host may be gone by a second look-up
+    HwCard* card = nullptr;  // the card that the look-up by name found: its host may be gone at a second look-up
     return enumerate(
         filter, descriptors, room, kMaxCards, ENODEV,
         [&](std::uint32_t index, char(&name)[kNameSize]) {
@@ -75,7 +75,7 @@ using namespace vexo_sim;
 
 ssize_t enyx_hw_enumerate_accelerators(const enyx_hw_filter* filter, enyx_hw_accelerator_descriptor** descriptors,
                                        size_t count) {
-    Cards::instance().refresh();  // before scripts are asked: they come and go with hosted cards
+    Cards::instance().refresh();  // before the scripts are checked: they come and go with hosted cards
     return performCount(
         Call::kEnumerateAccelerators, count,
         [=](std::size_t room) { return enumerateCards(filter, descriptors, room); },

@@ -25,16 +25,16 @@ public:
     /// The process that hosts the card, when that is another one.
     virtual std::optional<Holder> host() const = 0;
 
-    /// Says why a lock failed, when that is worth a line.
+    /// Writes a line that says why a lock failed, if an operator needs it.
     virtual void tellFailure(CardLock::Result) {}
-    /// Says who makes the wait for a core lock long.
+    /// Writes a line that says which process holds a core lock for long.
     virtual void tellCoreHolder(pid_t) {}
 
     /// Lets the card do what is due. Call it with the state locked.
     virtual void bringUpToDate() = 0;
-    /// The next use of the card reads the clock anew, also within a second.
+    /// Makes the next use of the card read the clock again, even within the same second.
     virtual void forgetTime() = 0;
-    /// The next packet of a ring that was empty: the card is advanced first, unless somebody else advances it.
+    /// The next packet, after the ring was found empty: advances the card first, unless somebody else advances it.
     virtual PacketView advanceAndPeek(RingState& ring) = 0;
 
     /// Opens a stream for this process. False when somebody holds it, this process included.

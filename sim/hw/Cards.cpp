@@ -37,7 +37,7 @@ void addFailures(const HwCard& card, const HostInfo& info) {
     const std::uint32_t count = std::min(info.failureCount, kMaxSharedFailures);
     for (std::uint32_t n = 0; n < count; ++n) {
         const CallFailure failure = info.failures[n];
-        hooks::addScript(failure, &card);  // refuses what is no failure
+        hooks::addScript(failure, &card);  // rejects a script that is not a failure
     }
 }
 

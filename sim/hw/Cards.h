@@ -16,17 +16,17 @@ inline constexpr std::uint32_t kMaxCards = 5;
 
 class OwnCard;
 
-/// The cards that the process sees. The first use decides which: those that hosts offer, or else a card of the
-/// process's own. VEXO_SIM_SCENARIO and VEXO_SIM_SET may describe that one; with either, hosts are ignored.
-/// VEXO_SIM_CARD, `hosted` or `embedded`, insists on the one or the other. Hosts are those of the
-/// process's own user, unless `hosted:USER` names another one.
+/// The cards that the process sees. The first use decides which: the cards that hosts offer, or, without a host, a card
+/// of the process's own. VEXO_SIM_SCENARIO and VEXO_SIM_SET describe the process's own card; if either is set, hosts
+/// are ignored. VEXO_SIM_CARD=hosted or =embedded allows only one of the two. Only hosts of the process's own user
+/// count, unless `hosted:USER` names another user.
 class Cards {
 public:
     static Cards& instance();
 
-    /// Decides, unless that is done.
+    /// Makes the decision, unless that has been done.
     void decideOnce();
-    /// Looks for hosts that came, or took the place of a dead one, since the last look.
+    /// Looks for hosts that are new since the last look, also in the place of a dead one.
     void refresh();
     /// Null, with errno ENODEV, when there is none at that bus.
     HwCard* find(std::uint32_t index);
@@ -44,19 +44,19 @@ private:
     bool makeOwn();
     int claimOwn();
     OwnCard* own(HwCard& card);
-    /// Cards at the buses that @p buses has a bit for. switchOn(Card&, now, bus) switches one on.
+    /// Makes a card at each bus whose bit is set in @p buses. switchOn(Card&, now, bus) switches one on.
     template <typename SwitchOn>
     int powerOn(std::uint32_t buses, SwitchOn switchOn);
     int powerOn(const scenario::Scenario& scenario);
     int startReplay(const scenario::Scenario& scenario);
 
     std::once_flag m_firstUse;
-    std::mutex m_mutex;  // over a change of the cards
+    std::mutex m_mutex;  // held while the cards change
     Kind m_kind = Kind::kNone;
     uid_t m_hostUser = 0;  // whose hosted cards are used
     std::atomic<HwCard*> m_cards[kMaxCards] = {};
     HwCard m_own[kMaxCards];                          // each with an OwnCard, from its first power-on
-    std::vector<std::unique_ptr<HwCard>> m_attached;  // of dead hosts too: handles may point at them
+    std::vector<std::unique_ptr<HwCard>> m_attached;  // cards of dead hosts too: handles may point at them
 };
 
 }  // namespace vexo_sim

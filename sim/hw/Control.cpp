@@ -19,7 +19,8 @@ int fail(int error) {
     return -1;
 }
 
-// Runs work(Card&) on a card that is up to the present moment. @p valid is what the caller knows of its arguments.
+// Advances the card to the present moment, then runs work(Card&) on it. @p valid: whether the caller found its
+// arguments valid.
 template <typename Work>
 int onCard(std::uint32_t index, bool valid, Work work) {
     HwCard* card = Cards::instance().find(index);

@@ -16,7 +16,7 @@ enyx_hw_core_tree* readTree(enyx_hw_mmio* mmio) { return usable(mmio) ? &mmio->t
 
 enyx_hw_core* rootOf(enyx_hw_core_tree* tree) { return usable(tree) ? &tree->mmio->root : nullptr; }
 
-// Whether a core answers. It does not once the card's host has died, as if the card had fallen off the bus.
+// Whether a core answers. It no longer answers after the card's host has died, as if the card had left the bus.
 bool answers(enyx_hw_core* core) {
     if (!usable(core)) return false;
     if (core->mmio->card->backend->responds()) return true;
@@ -57,7 +57,7 @@ int lockCore(enyx_hw_core* core) {
 
 int unlockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).unlock()) : -1; }
 
-// The exchange-time registers show this very moment; other reads may use the clock of a second.
+// The exchange-time registers show the present moment. Other reads may use a clock that is read once a second.
 bool showsTime(const enyx_hw_register_description& field) {
     return field.address / 4 >= card_reg::kExchangeTimeA && field.address / 4 <= card_reg::kExchangeTimeB;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// The only declarations that leave the library; everything else is compiled hidden.
+// The library exports only these declarations; everything else is compiled hidden.
 #pragma GCC visibility push(default)
 #include "enyx-hw-c/enyx_hw.h"
 #include "enyx-sim/enyx_sim.h"

@@ -76,7 +76,7 @@ struct enyx_hw_a2c_stream : vexo_sim::Handle {
     vexo_sim::HwCard* card = nullptr;
     std::uint32_t channel = 0;
     vexo_sim::RingState* ring = nullptr;
-    bool delivering = false;  // inside the handler: a poll from there must not deliver the same packet again
+    bool delivering = false;  // true inside the handler: a poll from there must not deliver the packet again
 };
 
 struct enyx_hw_c2a_stream : vexo_sim::Handle {
@@ -86,7 +86,7 @@ struct enyx_hw_c2a_stream : vexo_sim::Handle {
 
 namespace vexo_sim {
 
-/// Handles of one type. A destroyed one is used again only when many others were destroyed after it.
+/// Handles of one type. The pool reuses a destroyed handle only after many others were destroyed.
 template <typename T>
 class Pool {
 public:
@@ -177,7 +177,7 @@ bool matches(const enyx_hw_filter& filter, std::uint32_t index, const char* name
 
 /// Describes the objects, numbered from 0, that exist and match the filter. nameOf(index, char(&)[kNameSize]) returns
 /// false when there is no object of that number; describe(index) returns a descriptor or null. @p none is the errno for
-/// a count of 0, which callers print although it is no failure.
+/// a count of 0: callers print it, although 0 is not a failure.
 template <typename Descriptor, typename NameOf, typename Describe>
 ssize_t enumerate(const enyx_hw_filter* filter, Descriptor** descriptors, std::size_t room, std::uint32_t objects,
                   int none, NameOf nameOf, Describe describe) {

@@ -23,7 +23,7 @@ constexpr hw_calls::CallKind declaredKind() {
     return std::is_pointer_v<Result> ? hw_calls::CallKind::kPointer : hw_calls::CallKind::kStatus;
 }
 
-// The list of calls and the header say the same of each result.
+// The list of calls and the header must agree on the kind of each result.
 #define ENYX_HW_CALL(name, function, kind) \
     static_assert(declaredKind<decltype(function)>() == hw_calls::CallKind::k##kind, #function);
 ENYX_HW_CALLS(ENYX_HW_CALL)

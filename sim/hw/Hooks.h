@@ -20,20 +20,20 @@ namespace hooks {
 
 inline constexpr unsigned kScripts = 1;
 inline constexpr unsigned kTrace = 2;
-inline constexpr unsigned kFirstCall = 4;  // before the first call: the cards may bring scripts with them
+inline constexpr unsigned kFirstCall = 4;  // until the first call: the cards may add scripts
 extern std::atomic<unsigned> g_active;     // a sum of these; 0: calls take the fast path
 
-/// Decides which cards the process has, unless that is done. Their scripts then count this call too.
+/// Decides which cards the process has, unless that has been done. Their scripts count this call too.
 void beforeFirstCall();
 void setActive(unsigned bit, bool on);
 
-/// Makes a call fail, as the script of a scenario or a test.
-/// @param origin  what removeScripts() finds the script by; null for one of the process's own
+/// Adds a script of a scenario or a test that makes a call fail.
+/// @param origin  the key for removeScripts(); null for a script of the process itself
 /// @return 0; -1 with errno EINVAL when the call cannot fail like that
 int addScript(const CallFailure& script, const void* origin = nullptr);
 void removeScripts(const void* origin);
 void clearScripts();
-/// Counts a call. The failure that applies to it, if one does.
+/// Counts a call. Returns the failure that applies to it, if there is one.
 std::optional<CallFailure> next(Call call);
 
 void setTrace(enyx_sim_trace trace, void* context);
@@ -90,8 +90,8 @@ auto perform(Call call, Work work, Describe describe) -> decltype(work()) {
     return performSlow(call, work, describe);
 }
 
-/// The same for an enumeration, work(room). A script may change the number that it reports; the objects that exist are
-/// then described up to that number.
+/// The same for an enumeration, work(room). A script may change the number that it reports. Then existing objects are
+/// described up to that number.
 template <typename Work, typename Describe>
 ssize_t performCount(Call call, std::size_t room, Work work, Describe describe) {
     if (hooks::g_active.load(std::memory_order_relaxed) == 0) return work(room);

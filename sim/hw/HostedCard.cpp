@@ -59,8 +59,8 @@ bool HostedCard::take(CardPart stream) {
     return false;
 }
 
-// The kernel's lock goes in any case. When the state cannot be locked, the host closes the stream, as one whose owner
-// died.
+// The kernel's lock is released in any case. If the state cannot be locked, the host later closes the stream, as it
+// does when an owner dies.
 void HostedCard::giveBack(CardPart stream) {
     if (!ownsHere(stream)) return;
     {

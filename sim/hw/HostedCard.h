@@ -17,7 +17,7 @@ public:
     /// The card of a living host of @p user at @p bus. Null when there is none.
     static std::unique_ptr<HostedCard> attach(std::uint32_t bus, uid_t user);
 
-    /// What the host says of the card. Others may change it at any time: copy a value before you check it.
+    /// What the host says about the card. Others may change it at any time: copy a value before you check it.
     const HostInfo& info() const { return m_card->block().host; }
 
     bool responds() const override { return m_card->file().holderOf({CardPart::kHost}).has_value(); }
@@ -42,7 +42,7 @@ private:
 
     std::unique_ptr<SharedCard> m_card;
     // Whether this process owns each stream through this object: forkGeneration() + 1, 0 for no. The kernel's locks do
-    // not tell handles of one process apart, and after a fork() the child finds its parent's number here.
+    // not distinguish handles of one process. After a fork() the child finds its parent's number here.
     std::array<std::atomic<std::uint32_t>, 2 * kStreams> m_owner{};
 };
 

@@ -11,7 +11,7 @@ namespace vexo_sim {
 inline constexpr std::uint16_t kRootCoreId = 0;
 inline constexpr std::uint16_t kRegisterCoreId = 474;
 
-/// A card as this process's handles know it. Never destroyed, because handles point at it.
+/// A card, as the handles of this process refer to it. Never destroyed, because handles point at it.
 struct HwCard {
     std::uint32_t index = 0;  // bus number
     std::unique_ptr<CardBackend> backend;
@@ -19,7 +19,7 @@ struct HwCard {
     std::atomic<bool> announced{false};  // the banner was written
 };
 
-/// Whether a card can be opened. errno is ENODEV if not: it went with a power cycle, or with its host.
+/// Whether a card can be opened. If not, errno is ENODEV: a power cycle removed the card, or its host died.
 inline bool isPresent(const HwCard& card) {
     if (isAlive(&card.accelerator) && card.backend->responds()) return true;
     errno = ENODEV;
@@ -31,7 +31,7 @@ class CardAccess {
 public:
     enum When {
         kPresent,  // brought up to the present moment first
-        kAsItIs,   // for what does not depend on the time: saves a look at the clock
+        kAsItIs,   // for work that does not depend on the time: saves reading the clock
     };
     explicit CardAccess(HwCard& card, When when = kPresent)
         : m_lock(card.backend->locks(), card.backend->state()), m_card(card.backend->state()) {

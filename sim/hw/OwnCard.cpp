@@ -32,7 +32,7 @@ void OwnCard::forgetTime() {
     m_clock.forget();
 }
 
-// Another thread that holds the lock is advancing the card: its packets come with the next poll.
+// If another thread holds the lock, it is advancing the card. The packets then come with the next poll.
 PacketView OwnCard::advanceAndPeek(RingState& ring) {
     {
         const StateLock lock(m_ownLocks, state(), std::try_to_lock);

@@ -26,8 +26,8 @@ public:
         Card card(state());
         switchOn(card, m_clock.now());
     }
-    /// Replays the scenario's capture. False, with the reason in @p problem, when that is not possible; @p problem may
-    /// also say what is wrong with a capture that is replayed.
+    /// Replays the scenario's capture. False, with the reason in @p problem, when that is not possible. When it
+    /// succeeds, @p problem may still hold a warning about the capture.
     bool replay(const scenario::Scenario& scenario, std::string& problem);
 
     bool responds() const override { return true; }

@@ -111,8 +111,8 @@ int getCounter(const enyx_hw_a2c_stream* stream, std::uint32_t UpStreamState::*c
     return 0;
 }
 
-// Takes the packet out of the ring when its handler ends, also by an exception. A handler that destroyed the stream
-// has taken it out already.
+// Takes the packet out of the ring when its handler ends, even with an exception. If the handler destroyed the stream,
+// the packet is already out of the ring.
 class Delivery {
 public:
     explicit Delivery(enyx_hw_a2c_stream& stream) : m_stream(stream) { m_stream.delivering = true; }
@@ -152,7 +152,7 @@ int send(enyx_hw_c2a_stream* stream, const void* data, std::uint32_t size) {
     return card->send(stream->channel, size) ? 0 : EAGAIN;
 }
 
-// The poll of a process that is traced, or that has failures to come.
+// The poll of a process that has a trace or scripts.
 [[gnu::noinline, gnu::cold]] int pollSlow(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
                                           void* context) {
     return perform(

@@ -24,7 +24,7 @@ using OwnerWord = std::atomic<std::uint64_t>;
 
 inline constexpr std::uint32_t kMaxSharedFailures = 32;
 
-/// What the host of a card tells those who look at it. Written once, before anybody can see it.
+/// What the host of a card tells other processes. Written once, before the card is visible.
 struct HostInfo {
     std::uint64_t startedAt;  // seconds since 1970
     std::int32_t pid;
@@ -36,8 +36,8 @@ struct HostInfo {
 };
 
 /// A card and all that its users share, in memory shared by several processes. Zero bytes and init() make a card that
-/// is switched off. There is no pointer inside and no object of the C library: whoever may write here is not trusted
-/// with more than the card's own values, and what is read here is checked before it is used as an index or a length.
+/// is switched off. It contains no pointer and no object of the C library, so that a writer can change only the card's
+/// own values. Check a value from here before you use it as an index or a length.
 struct CardBlock {
     BlockHeader header;
     HostInfo host;

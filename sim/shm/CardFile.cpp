@@ -188,8 +188,8 @@ unsigned removeStaleFiles(const std::string& directory) {
     for (const std::string& name : listCards(directory)) {
         CardFile file = CardFile::openLeftover(directory + "/" + name);
         if (!file) continue;
-        // The part for removal is held meanwhile: two hosts that clean up do not both remove the name, the second one
-        // of which may already be a new card's.
+        // Holds the part for removal meanwhile. Otherwise two hosts could both remove the name, and the second one
+        // could remove that of a new card.
         if (file.holderOf({CardPart::kHost}) || !file.claim({CardPart::kRemoval})) continue;
         file.remove();
         ++removed;

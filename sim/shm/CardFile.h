@@ -15,14 +15,14 @@ namespace vexo_sim {
 /// How many processes can use a card at the same time, its host and those that show its status included.
 inline constexpr std::uint32_t kMaxUsers = 200;
 
-/// What a process can own of a hosted card, each by one process at a time.
+/// A part of a hosted card that one process at a time can own.
 struct CardPart {
     enum Kind { kHost, kRemoval, kUp, kDown, kUser } kind;
-    std::uint32_t channel = 0;  // of kUser: the slot in the owner book
+    std::uint32_t channel = 0;  // for kUser: the slot in the owner book
 };
 
-/// The file in shared memory that holds one card. A process owns a part of it by a lock on one of the file's bytes:
-/// the kernel releases it however the process dies, and tells who holds it. Such locks belong to a process and end
+/// The file in shared memory that holds one card. A process owns a part of it by a lock on one of the file's bytes: the
+/// kernel releases the lock however the process dies, and tells who holds it. Such locks belong to a process and end
 /// when it closes any descriptor of the file, so a process opens a card's file once and keeps it.
 class CardFile {
 public:
@@ -31,9 +31,9 @@ public:
     CardFile& operator=(CardFile&& other) noexcept;
     ~CardFile();
 
-    /// The file of a card of whatever version that belongs to @p owner. Empty with errno set when there is none.
+    /// The file of a card, of any version, that belongs to @p owner. Empty with errno set when there is none.
     static CardFile open(const std::string& path, uid_t owner);
-    /// What a host of this user left behind, of whatever version, finished or not.
+    /// A file that a host of this user left behind, of any version, complete or not.
     static CardFile openLeftover(const std::string& path);
     /// A new file, visible to nobody else before publish(). @p mode and @p group as for chmod and chown.
     static CardFile create(const std::string& directory, std::uint32_t bus, mode_t mode, gid_t group);
@@ -46,19 +46,19 @@ public:
     /// The start of the block. Its layout is 0 when it is no card.
     BlockHeader header() const;
     /// Maps the card; null with errno set: EPROTO when it is of another version. The mapping lasts as long as the
-    /// process. Until then nothing of the file is believed; from then on whoever may write to the file could also cut
-    /// it.
+    /// process. Before it returns, nothing in the file is trusted. After that, whoever may write to the file can also
+    /// shorten it.
     CardBlock* map();
-    /// Reserves the memory behind the card, so that a full file system shows here and not at some later write.
+    /// Reserves the memory of the card, so that a full file system is an error here and not at a later write.
     bool reserve(std::uint32_t ringBytes);
-    /// Gives a created file its name. False with EEXIST when there is one of that name.
+    /// Gives a created file its name. False with EEXIST when that name exists already.
     bool publish(const std::string& path);
     /// Removes the file's name if it still is this file's.
     void remove();
 
     bool claim(CardPart part);
     void release(CardPart part);
-    /// Who else holds a part; empty when nobody does. Locks of this very process do not show.
+    /// Who else holds a part; empty when nobody does. The locks of this process do not count.
     std::optional<pid_t> holderOf(CardPart part) const;
 
 private:

@@ -44,8 +44,8 @@ CardLock::Result CardLock::finish(ThreadMutex::Result here, std::uint32_t rounds
     return result == kLocked && threadDied ? kHolderDied : result;
 }
 
-// Gives up after so many rounds with one and the same holder, 0 for never: a long queue of holders is no reason. A
-// holder that was given up on once gets a short wait only.
+// Gives up after this many rounds with the same holder; 0 means never. A long queue of different holders is no reason
+// to give up. After one wait for a holder timed out, the next wait for it is short.
 CardLock::Result CardLock::enter(std::uint32_t rounds) {
     Result result = tryEnter(false);
     std::uint64_t holder = 0;
@@ -71,7 +71,7 @@ CardLock::Result CardLock::tryEnter(bool looksForTheDead) {
     if (word != 0 && !died) return kBusy;
     const std::uint64_t mine = m_book->newWord();
     if (mine == 0) return kFull;
-    // Fails when another process was faster, also in taking the lock over from the same dead holder.
+    // Fails when another process was faster, also when both take the lock over from the same dead holder.
     if (!m_word->compare_exchange_strong(word, mine, std::memory_order_acquire)) return kBusy;
     m_mine = mine;
     return died ? kHolderDied : kLocked;

@@ -11,8 +11,8 @@
 namespace vexo_sim {
 
 /// Excludes the other threads of this process and, on a card in shared memory, the other processes. Threads exclude
-/// each other by a mutex in this process's own memory, processes by an owner word in shared memory. A holder that dies,
-/// thread or process, releases it.
+/// each other by a mutex in this process's own memory, processes by an owner word in shared memory. When the holder
+/// dies, a thread or a process, the lock is released.
 class CardLock {
 public:
     /// The lock of a card in this process's own memory.
@@ -38,7 +38,7 @@ public:
         if (m_word == nullptr && here == ThreadMutex::kLocked) return kLocked;
         return finish(here, kOneTry);
     }
-    /// Waits a few seconds for a process that does not go on, and for all others as long as it takes.
+    /// Waits at most a few seconds for a process that is stopped, and without a limit for all others.
     Result lock() { return finish(m_threads.lock(), kPatience); }
     /// Waits as long as it takes.
     Result lockPatiently() { return finish(m_threads.lock(), 0); }
@@ -47,8 +47,8 @@ public:
         m_threads.unlock();
     }
 
-    /// After kTimedOut: the process that holds the lock, once for each time that a process holds it too long. Nothing
-    /// when that was told already, or it does not hold it any more.
+    /// After kTimedOut: the process that holds the lock too long. Reports each such hold once. Nothing when it was
+    /// reported before, or the process has released the lock.
     std::optional<pid_t> stuckHolder();
 
 private:
@@ -65,17 +65,17 @@ private:
     OwnerWord* m_word = nullptr;  // in shared memory
     std::atomic<std::uint64_t>* m_contended = nullptr;
     std::uint64_t m_mine = 0;                 // what m_word holds while this process has the lock
-    std::atomic<std::uint64_t> m_stuckAt{0};  // the word that was waited for in vain: a second time it gets no patience
+    std::atomic<std::uint64_t> m_stuckAt{0};  // the word of the last wait that timed out: the next wait for it is short
     std::atomic<std::uint64_t> m_stuckToldOf{0};
 };
 
-/// The lock that a core offers its users. A second lock by the same thread is refused, and so is an unlock by another.
+/// The lock of a core, for its users. A thread cannot lock it twice, and only the thread that locked it can unlock it.
 class CoreLock {
 public:
     CoreLock() = default;
     CoreLock(OwnerBook& book, OwnerWord& word, std::atomic<std::uint64_t>& contended) : m_lock(book, word, contended) {}
 
-    /// 0 or an errno value. @p tellHolder(pid_t) is called once when another process makes the wait long.
+    /// 0 or an errno value. Calls @p tellHolder(pid_t) once when it waits long for another process.
     template <typename TellHolder>
     int lock(TellHolder tellHolder) {
         CardLock::Result result = m_lock.lock();
@@ -102,12 +102,12 @@ struct CardLocks {
           rootCore(book, block.rootOwner, block.contended),
           registerCore(book, block.registerOwner, block.contended) {}
 
-    CardLock state;  // over the card's state, except the reader's side of the rings
+    CardLock state;  // protects the card's state, except the reader's side of the rings
     CoreLock rootCore;
     CoreLock registerCore;
 };
 
-/// Exclusive use of a card's state. Repairs what a user left half done that died in the middle of it.
+/// Exclusive use of a card's state. If a user died in the middle of a change, repairs what it left half done.
 class StateLock {
 public:
     StateLock(CardLocks& locks, CardState& state) : StateLock(locks.state.lock(), locks, state) {}

@@ -32,7 +32,7 @@ bool isSafe(const std::string& path, uid_t user) {
            (status.st_mode & 0022) == 0;
 }
 
-// One that only has a mode that it must not have.
+// A real directory of this user, whatever its mode.
 bool isOwnDirectory(const std::string& path) {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid();
@@ -71,7 +71,7 @@ std::string problemOf(const std::string& path) {
     return path + " belongs to user " + userName(status.st_uid);
 }
 
-// True when the directory is there afterwards, with the mode and group that it must have.
+// True when the directory exists afterwards and has the required mode and group.
 bool make(const std::string& path, std::optional<gid_t> group) {
     if (group && chown(path.c_str(), static_cast<uid_t>(-1), *group) != 0) return false;
     return chmod(path.c_str(), group ? kForGroup : kPrivate) == 0;

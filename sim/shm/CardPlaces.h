@@ -8,14 +8,14 @@
 
 namespace vexo_sim {
 
-/// Where directories for cards are looked for and made. Tests have others.
+/// Where to look for directories of cards, and where to make them. Tests use other places.
 struct CardRoots {
     std::string run = "/run/user";  // RUN/UID is the session's own directory of a user
     std::string shared = "/dev/shm";
 };
 
-/// The directories that may hold cards of @p user, of those that exist. Each is a real directory, belongs to the user,
-/// and nobody else may write into it. When VEXO_SIM_DIR is set, it is the only one, and is taken as it is.
+/// The existing directories that may hold cards of @p user. Each is a real directory and belongs to the user, and
+/// nobody else may write into it. When VEXO_SIM_DIR is set, it is the only one, and it is not checked.
 std::vector<std::string> cardDirectories(uid_t user, const CardRoots& roots = {});
 
 /// A directory for a new card of the calling user, made when it is missing.
@@ -24,7 +24,7 @@ struct NewCardPlace {
     std::string notice;     // what the user should know; empty for nothing
     std::string error;      // why there is none
 };
-/// @param group  who else may look up the card's name; none: nobody
+/// @param group  the group that may look up the card's name; none: only the user
 NewCardPlace makeCardDirectory(std::optional<gid_t> group, const CardRoots& roots = {});
 
 /// The user of that name or number; nothing when there is none.

@@ -6,10 +6,10 @@
 
 namespace vexo_sim {
 
-/// A process as an operator looks for it.
+/// A process, described so that an operator can find it.
 struct Holder {
     pid_t pid = 0;        // 0: in another container, which hides its number
-    std::string program;  // empty when it cannot be told
+    std::string program;  // empty when it is not known
     std::string user;
 };
 

@@ -6,7 +6,7 @@
 
 namespace vexo_sim {
 
-/// The host's clocks, asked through the C library alone so that a test's replacements of its functions are heard.
+/// The host's clocks. Reads them only through the C library, so that a test can replace its functions.
 class HostClock {
 public:
     CardTime now() {
@@ -18,7 +18,7 @@ public:
         return m_now;
     }
 
-    /// The wall clock is read in full once a second; this makes the next call do it whatever the second.
+    /// The whole wall clock is read once a second. After this call, the next use reads it even within the same second.
     void forget() { m_second = -1; }
 
 private:
@@ -38,7 +38,7 @@ private:
         m_now.time = static_cast<std::uint32_t>(local.tm_hour * 10000 + local.tm_min * 100 + local.tm_sec);
     }
 
-    // time() may enter a second a little later than the fine clock does: the milliseconds wait for it at 999.
+    // time() may change to the next second a little later than the fine clock. Until then the milliseconds stay at 999.
     std::uint32_t millisOf(std::time_t second, std::uint64_t elapsed) const {
         const std::uint64_t fine = elapsed + m_sinceEpoch;
         if (fine / kSecond > static_cast<std::uint64_t>(second)) return 999;

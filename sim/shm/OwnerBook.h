@@ -12,17 +12,18 @@
 namespace vexo_sim {
 
 /// The owner book of a card's locks, as one process uses it. An owner word is ticket << 8 | slot + 1. A process owns a
-/// slot by a kernel lock on a byte of the card's file. The kernel tells two processes apart whatever their numbers are
-/// in their containers, and frees the slot however the process dies. A word is compared and its slot looked up; nothing
-/// is followed. So a hostile writer can disturb the order of the holders, and nothing else.
+/// slot by a kernel lock on a byte of the card's file. The kernel distinguishes two processes even if they have the
+/// same number in their containers, and frees the slot however the process dies. A word is only compared, and its slot
+/// looked up; it is never used as a pointer. So a hostile writer can disturb the order of the holders, and nothing
+/// else.
 class OwnerBook {
 public:
     OwnerBook(CardFile& file, std::atomic<std::uint64_t>& tickets) : m_file(file), m_tickets(tickets) {}
 
     /// The word of a new holder; 0 when no slot is free. No two holders share a word.
     std::uint64_t newWord();
-    /// Whether a word names this process's slot. It is then left by a dead process when this one does not hold the
-    /// lock.
+    /// Whether a word names this process's slot. If this process does not hold the lock, a dead process has left the
+    /// word.
     bool isOwn(std::uint64_t word);
     /// Whether the process that a word names has died.
     bool isDead(std::uint64_t word) const;

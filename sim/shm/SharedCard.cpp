@@ -10,7 +10,7 @@
 
 namespace vexo_sim {
 
-// Locks of this very process do not show: without another holder this process is the host.
+// The kernel does not report this process's own locks. So if there is no other holder, this process is the host.
 Holder SharedCard::host() const { return describeProcess(m_file.holderOf({CardPart::kHost}).value_or(getpid())); }
 
 void SharedCard::tellStuckHolder() {

@@ -12,7 +12,7 @@ namespace vexo_sim {
 /// A card in shared memory, as one process uses it: its file, its memory and its locks.
 class SharedCard {
 public:
-    /// @param speaker  begins the lines that this process writes to standard error
+    /// @param speaker  the beginning of each line that this process writes to standard error
     SharedCard(CardFile cardFile, CardBlock& cardBlock, std::string speaker)
         : m_file(std::move(cardFile)),
           m_block(cardBlock),
@@ -27,7 +27,7 @@ public:
 
     /// The process that hosts the card.
     Holder host() const;
-    /// Says on standard error, once for each holder, that a process does not give the card's lock back. Call it when a
+    /// Writes to standard error, once for each holder, that a process does not release the card's lock. Call it when a
     /// StateLock timed out.
     void tellStuckHolder();
     /// The same for a core lock, which a process may hold for long.
@@ -41,11 +41,11 @@ private:
     std::string m_speaker;
 };
 
-/// The card of a living host of @p user at @p bus. Null when there is none. A card of another version is not used,
-/// which is said on standard error.
+/// The card of a living host of @p user at @p bus. Null when there is none. Does not use a card of another version, and
+/// writes that to standard error.
 std::unique_ptr<SharedCard> attachCard(std::uint32_t bus, uid_t user, const std::string& speaker);
 
-/// What a host of another version is, as a part of a sentence: "of another version (its card has layout 1, ...)".
+/// Describes a host of another version, as a part of a sentence: "of another version (its card has layout 1, ...)".
 std::string describeVersion(const BlockHeader& header);
 
 }  // namespace vexo_sim

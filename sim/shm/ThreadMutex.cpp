@@ -5,7 +5,7 @@
 
 namespace vexo_sim {
 
-// Every mutex of the process. Never destroyed: a program's last destructors may still make calls.
+// All mutexes of the process. Never destroyed: a program's last destructors may still make calls.
 struct AllMutexes {
     std::mutex mutex;
     ThreadMutex* first = nullptr;

@@ -6,7 +6,7 @@
 
 namespace vexo_sim {
 
-/// How often this process was forked on its way from its first ancestor: a number that no parent shares with its child.
+/// The number of forks between the first ancestor and this process. A parent and its child never have the same number.
 std::uint32_t forkGeneration();
 
 /// A mutex of the threads of one process, in the process's own memory. A thread that ends releases it. A child of

@@ -15,7 +15,7 @@
 namespace {
 
 constexpr std::size_t kLineSize = 1024;  // a line and those that continue it, line feed and terminator included
-constexpr int kMostErrors = 100;         // a file that is none is not printed from end to end
+constexpr int kMostErrors = 100;         // do not print all of a file that is not an ini file
 
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
@@ -76,7 +76,7 @@ private:
         return entry;
     }
 
-    std::deque<Entry> m_entries;  // they stay where they are
+    std::deque<Entry> m_entries;  // a deque does not move them
     std::unordered_map<std::string_view, Entry*> m_byKey;
 };
 
@@ -88,7 +88,7 @@ void freeUnfinished(dictionary* dict) {
     std::free(dict);
 }
 
-// Filled here and not with dictionary_set(), which hides failed allocations, and compares with every key that is there.
+// Does not use dictionary_set(): that hides failed allocations, and compares a new key with every existing one.
 dictionary* Entries::toDictionary() const {
     dictionary* const dict = dictionary_new(m_entries.size());
     if (dict == nullptr) return nullptr;
@@ -114,7 +114,7 @@ class Reader {
 public:
     Reader(const std::string& path, IniSource& source) : m_path(path), m_source(source) {}
 
-    /// @return whether the text is well-formed. What is wrong is on standard error, in iniparser's words.
+    /// @return whether the text is well-formed. Errors are on standard error, in iniparser's words.
     bool read();
     const Entries& entries() const { return m_entries; }
 
@@ -137,7 +137,7 @@ bool Reader::read() {
     while (errors < kMostErrors && m_source.readLine(m_line + kept, sizeof m_line - kept)) {
         ++m_number;
         const std::size_t length = std::strlen(m_line);
-        if (length < 2) continue;  // an empty line, or a last one of one character, which iniparser does not look at
+        if (length < 2) continue;  // an empty line, or a last line of one character, which iniparser ignores
         if (isTooLong(length)) return false;
         std::string_view line(m_line, length);
         while (!line.empty() && isSpace(line.back())) line.remove_suffix(1);

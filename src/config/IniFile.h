@@ -4,8 +4,9 @@
 #include <string>
 
 /// Loads an ini file into a dictionary for iniparser's getters. Reads it exactly as iniparser_load of iniparser 4.1
-/// does, its messages about a malformed file on standard error included, but never returns a part of it: iniparser_load
-/// crashes or leaves keys out when memory runs out. Pipes, FIFOs and terminals are read to their end.
+/// does, and prints the same messages about a malformed file on standard error. But it never returns only a part of the
+/// file: iniparser_load crashes or leaves keys out when memory runs out. Pipes, FIFOs and terminals are read to their
+/// end.
 /// @param refusal  why the file is not read to its end; null when it cannot be opened or is malformed
 /// @return the dictionary, for iniparser_freedict; null when the file is not loaded
 /// Throws std::bad_alloc.

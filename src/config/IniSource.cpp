@@ -26,7 +26,7 @@ IniSource::Kind IniSource::kindOf(int fd) {
     if (::fstat(fd, &status) != 0 || S_ISREG(status.st_mode)) return Kind::kRegular;
     if (S_ISDIR(status.st_mode)) return Kind::kDirectory;
     if (S_ISFIFO(status.st_mode)) {
-        // A pipe, as /dev/fd/N or /dev/stdin, has had its writer. A FIFO may still be waiting for one.
+        // A pipe, such as /dev/fd/N or /dev/stdin, had its writer before. A FIFO may still wait for its first one.
         struct statfs system;
         return ::fstatfs(fd, &system) == 0 && system.f_type == PIPEFS_MAGIC ? Kind::kPipe : Kind::kFifo;
     }

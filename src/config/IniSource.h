@@ -3,8 +3,8 @@
 #include <sys/types.h>
 #include <cstddef>
 
-/// The text of an ini file, whatever the path names: a file, a pipe, a FIFO, a terminal, a device. What cannot end is
-/// refused: a FIFO that nobody writes to, a device that has nothing to read or gives ever more.
+/// The text of an ini file, whatever the path names: a file, a pipe, a FIFO, a terminal, a device. Sources that may
+/// never end are refused: a FIFO that nobody writes to, a device that has nothing to read, an endless device.
 class IniSource {
 public:
     IniSource() = default;
@@ -12,12 +12,12 @@ public:
     IniSource(const IniSource&) = delete;
     IniSource& operator=(const IniSource&) = delete;
 
-    /// @return whether the path can be opened; what else is wrong is told by failure()
+    /// @return whether the path can be opened; failure() tells what else is wrong
     bool open(const char* path);
     /// Reads up to the next line feed as fgets does. @param room  of @p line, its terminator included
     /// @return false at the end, or when the rest cannot be read
     bool readLine(char* line, std::size_t room);
-    /// Whether the last readLine() met the end of the text.
+    /// Whether the last readLine() reached the end of the text.
     bool isAtEnd() const { return m_atEnd; }
     /// Why the text could not be read to its end; null while nothing is wrong.
     const char* failure() const { return m_failure; }

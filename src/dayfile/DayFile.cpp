@@ -31,8 +31,8 @@ std::string dayFilePath() {
     return std::string(path) + (now.tm_hour < kFirstEveningHour ? "_am" : "_pm");
 }
 
-// Lines are sorted in portions of more than the exchange has instruments: a file of nothing but short lines must not
-// take many times its size in memory.
+// Lines are sorted in portions, each larger than the number of instruments of the exchange. Without the limit, a file
+// of only short lines would take many times its size in memory.
 constexpr std::size_t kPortion = 32768;
 
 struct DayLine {
@@ -80,7 +80,7 @@ void CBrixBinFile::WriteBinFileInst(std::string id, unsigned short index) {
     if (!m_begun) return;
     if (id.find('\n') != std::string::npos) {
         ++m_lostLines;
-        // No id of the exchange has one. Written, it would forge lines, the end tag among them.
+        // No id of the exchange has a line feed. Such an id would forge lines of the file, even the end tag.
         markIncomplete("its id has a line feed");
         return;
     }
@@ -111,7 +111,7 @@ void CBrixBinFile::WriteBinFileEnd() {
     if (writeToDayFile(kEndTagLine) && m_sizeBeforeEndTag == 0) m_sizeBeforeEndTag = before;
 }
 
-// Nothing is written behind a gap: the first failure closes the file.
+// Nothing is written after a gap: the first failure closes the file.
 bool CBrixBinFile::writeToDayFile(std::string_view text) {
     if (!m_dayFile.isOpen()) return false;
     const char* const why = m_dayFile.write(text.data(), text.size());
@@ -133,7 +133,7 @@ void CBrixBinFile::markIncomplete(const char* why) {
     withdrawEndTag();
 }
 
-// Contract-map packets may still arrive behind the end tag, and bring instruments that then cannot be written.
+// Contract-map packets may still arrive after the end tag is written. Their instruments may then fail to be written.
 void CBrixBinFile::withdrawEndTag() {
     if (m_sizeBeforeEndTag == 0) return;
     if (!m_dayFile.cut(m_sizeBeforeEndTag)) {

@@ -10,13 +10,13 @@
 
 #include "src/util/SafeFile.h"
 
-/// The day file carries the map from instrument id to the card's instrument index over a restart in the same half-day:
+/// The day file keeps the map from instrument id to the card's instrument index for a restart in the same half-day:
 /// /tmp/.zce_YYYYMMDD_am up to 16:59:59 local time, _pm from 17:00. Text: "inst_index,inst_id", then "<index>,<id>" for
-/// each instrument, then "bin_file_over_tag" once the map is complete. A file without that tag is not loaded.
-/// A file that lacks an instrument never gets the tag: a line was left out, could not be written or was never asked
-/// for. A second variant, the operations named Intrade_ and Normal_, keeps the map in a file "bin" of the working
-/// directory; no flow of the library uses it. Used from the channel's receive thread only. Implemented in DayFile.cpp
-/// and IntradayFile.cpp.
+/// each instrument, then "bin_file_over_tag" once the map is complete. A file without that tag is not loaded. A file
+/// that lacks an instrument never gets the tag. An instrument is missing if its line was left out, could not be
+/// written, or was never requested. A second variant keeps the map in a file "bin" of the working directory: the
+/// operations named Intrade_ and Normal_. The library itself does not use it. Used from the channel's receive thread
+/// only. Implemented in DayFile.cpp and IntradayFile.cpp.
 class CBrixBinFile {
 public:
     /// @param map  filled and read here, owned by the channel; must outlive this object
@@ -26,16 +26,17 @@ public:
     CBrixBinFile& operator=(const CBrixBinFile&) = delete;
 
     // ---- day file; results are 0 or -1 ----
-    int InstBinFileInit();  ///< creates the file, or empties the one that is there
-    /// On disk before it returns. Needs no memory for an id of up to 63 characters. An id with a line feed is left out.
+    int InstBinFileInit();  ///< creates the file, or empties the existing one
+    /// The line is in the file when this returns. Needs no memory for an id of up to 63 characters. An id with a line
+    /// feed is left out.
     void WriteBinFileInst(std::string id, unsigned short index);
     void WriteBinFileEnd();  ///< writes the end tag, unless the file lacks an instrument
-    /// Says once that an instrument is missing, and keeps the file from getting its end tag; a tag that it has already
-    /// is cut off. Does nothing without a file.
+    /// Logs once that an instrument is missing, and prevents the end tag. An end tag that the file already has is cut
+    /// off. Does nothing without a file.
     /// @param why  for the log line
     void markIncomplete(const char* why);
-    /// Loads today's file of this half-day. The map is empty after a file that was read and is not complete, and
-    /// unchanged when there is no file that can be read.
+    /// Loads today's file of this half-day. If the file was read but is not complete, the map is empty afterwards. If
+    /// no file can be read, the map is unchanged.
     int CheckOrLoadBinFile();
 
     // ---- file "bin"; results are 0 or -1 ----
@@ -66,7 +67,7 @@ private:
     bool openIntraday(int flags, const char* mode);
     void closeIntraday();
 
-    std::string m_strDayPath;            ///< of the file that m_dayFile has, or had, open
+    std::string m_strDayPath;            ///< path of the file that m_dayFile opened last
     bool m_begun = false;                ///< the file was opened for writing
     bool m_incomplete = false;           ///< it lacks an instrument, so it gets no end tag
     unsigned long m_lostLines = 0;       ///< instruments that are not in it, until they are reported

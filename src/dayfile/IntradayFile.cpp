@@ -23,8 +23,8 @@ constexpr int kReadLineSize = 256;             // Intrade_GetAllInstFromBin take
 constexpr unsigned long kTimeOfDay = 1000000;  // YYYYMMDDhhmmss: date above, time of day below
 constexpr int kLastMorningHour = 14;
 
-// Reads a line to its end and keeps its first 255 characters: marks count only at the beginning of a line. False at the
-// end of the file.
+// Reads a line to its end and keeps its first 255 characters, because only the beginning of a line is searched for
+// marks. False at the end of the file.
 bool readLineStart(std::FILE* file, char (&start)[kReadLineSize]) {
     std::size_t length = 0;
     int c = std::getc(file);
@@ -104,7 +104,7 @@ bool CBrixBinFile::Intrade_IsBinComplete() {
             if (beginsWith(line, kEndTag)) return true;
         }
     }
-    // Names the time key, not the end tag: operators search for this text.
+    // The text names the time key instead of the end tag: operators search for it.
     LOG_WARN(" %s not found in the file. bin file  is not complete.", kTimeKey);
     return false;
 }
@@ -129,7 +129,7 @@ int CBrixBinFile::Intrade_ChkBinTimeValidate() {
     const unsigned long current = stamp(now);
     if (current / kTimeOfDay != m_ulCreateTime / kTimeOfDay) return -1;
 
-    // Wider than the messages say: a file of the hour before the session is as good as one of its first part.
+    // Wider than the messages say: a file from the hour before the session is as good as one from its first part.
     const unsigned long created = m_ulCreateTime % kTimeOfDay;
     if (now.tm_hour <= kLastMorningHour) {
         if (created >= 80000 && created < 103000) return 0;
@@ -153,7 +153,7 @@ int CBrixBinFile::Intrade_GetAllInstFromBin() {
         const char* indexText = ::strtok_r(fields.data(), ",", &rest);
         char* id = ::strtok_r(nullptr, ",", &rest);
         const std::size_t length = id != nullptr ? std::strlen(id) : 0;
-        // The time lines and the end tag have no second field and go this way too.
+        // The time lines and the end tag have no second field, so they come here too.
         if (length == 0 || id[length - 1] != '\n') {
             LOG_WARN("Invalid format!we skip line %d: %s", static_cast<int>(number), line);
             continue;

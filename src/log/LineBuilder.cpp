@@ -48,8 +48,8 @@ struct Arguments {
     std::va_list list;
 };
 
-// One of the conversions that nearly all lines are made of, without flags, width or precision; false for others.
-// @p spec is moved behind it.
+// Handles the usual conversions, without flags, width or precision, and moves @p spec behind the conversion. False for
+// all others.
 inline bool putConversion(Cursor& cursor, const char*& spec, Arguments& args) {
     switch (*spec++) {
         case 's': {
@@ -121,7 +121,7 @@ void LineBuilder::appendFormatted(const char* format, std::va_list args) {
     }
     const int length = std::vsnprintf(m_buf + m_pos, m_size - m_pos, format, args);
     if (length < 0) {
-        // A line that cannot be formatted takes the whole buffer; blanks, not what an earlier line left there.
+        // A line that cannot be formatted takes the whole buffer. Blanks replace what an earlier line left there.
         std::memset(m_buf + m_pos, ' ', m_size - m_pos);
         m_pos = m_size;
         return;

@@ -3,17 +3,17 @@
 #include <cstddef>
 #include <ctime>
 
-/// The local calendar of the last second that was asked for. Breaking a time down costs more than writing the line; the
-/// lines of one second share it.
+/// The last second that was asked for, as local calendar time. To break a time down costs more than to write the line,
+/// so all lines of one second share the result.
 class LocalSecond {
 public:
     static constexpr std::size_t kTextSize = 17;
-    /// "[level  ][YYYYMMDD-HH:MM:SS][", what a line begins with up to its tag; the level is the caller's.
+    /// "[level  ][YYYYMMDD-HH:MM:SS][", the beginning of a line up to its tag. The caller sets the level.
     static constexpr std::size_t kLevelSize = 9;
     static constexpr std::size_t kHeadSize = kLevelSize + 1 + kTextSize + 2;
 
-    /// Breaks @p when down in the process's time zone. A changed TZ shows in the next second; after a tzset() of the
-    /// application it shows at once, but for zones of the same name and standard offset.
+    /// Breaks @p when down in the process's time zone. A changed TZ takes effect in the next second. If the application
+    /// calls tzset(), it takes effect at once, except between zones of the same name and standard offset.
     /// @return false when the C library cannot tell the local time
     bool set(std::time_t when) {
         const bool isZoneAlike = m_zone.west == ::timezone && m_zone.name == ::tzname[0];
@@ -25,7 +25,7 @@ public:
     const char* text() const { return m_head + kLevelSize + 1; }  ///< YYYYMMDD-HH:MM:SS, not terminated
     long date() const { return m_date; }                          ///< YYYYMMDD
     long utcOffset() const { return m_utcOffset; }                ///< seconds east of UTC
-    /// Whether the zone was another one the time before.
+    /// Whether the zone has changed since the time before.
     bool isNewZone() const { return m_isNewZone; }
 
 private:

@@ -20,9 +20,10 @@
 std::atomic<std::uint32_t> vexo_log_stopping{0};
 
 #ifndef VEXO_LOG_UNDER_TSAN
-// write(2) unless the process is to stop: the result of the system call, or -EINTR. In C++ a signal between the look at
-// the flag and the system call would go unnoticed, and the write could wait for ever. Here the handler sees from the
-// program counter that the thread is between the two, and moves it to the end. Nothing is on the stack meanwhile.
+// write(2), unless the process is to stop. Returns the result of the system call, or -EINTR. In C++, a signal between
+// the check of the flag and the system call would go unnoticed, and the write could wait for ever. Here the handler
+// sees from the program counter that the thread is between the two, and moves it to the end. The code keeps nothing on
+// the stack, so the move is safe.
 asm(R"(
     .pushsection .text
     .p2align 4
@@ -63,7 +64,7 @@ constexpr int kPatienceMs = 100;  // for a lock, once the process is to stop
 constexpr std::size_t kStreams = STDERR_FILENO + 1;
 
 #ifdef VEXO_LOG_UNDER_TSAN
-// The sanitizer delivers a signal only to a thread that waits inside a call that it knows.
+// The sanitizer delivers a signal to a waiting thread only if it knows the call in which the thread waits.
 long writeUnlessStopping(int fd, const char* text, std::size_t size) {
     if (isStopping()) return -EINTR;
     const ssize_t written = ::write(fd, text, size);
@@ -77,7 +78,7 @@ void leaveWrite(void* context) {
     if (context == nullptr) return;
     greg_t& counter = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_RIP];
     const auto at = static_cast<std::uintptr_t>(counter);
-    // At the system call itself, too: it has not begun, or it is about to be restarted.
+    // Also when the thread is at the system call itself: the call has not begun, or the kernel is about to restart it.
     if (at >= reinterpret_cast<std::uintptr_t>(&vexo_log_write) &&
         at <= reinterpret_cast<std::uintptr_t>(vexo_log_write_call))
         counter = reinterpret_cast<greg_t>(vexo_log_write_refused);
@@ -85,7 +86,7 @@ void leaveWrite(void* context) {
 #endif
 
 // The threads that may be waiting in a write, by stream; 0 for none. A handler that runs on another thread interrupts
-// them. They do not go on, and so cannot end, while a handler is about to do that.
+// them. While a handler is about to do that, they do not continue, so they cannot end.
 std::atomic<pthread_t> g_writers[kStreams]{};
 std::atomic<int> g_interrupters{0};
 char g_interruptMark;
@@ -124,8 +125,8 @@ bool isInterrupt(const siginfo_t* info) {
            info->si_pid == ::getpid();
 }
 
-// A description of our own of a pipe or terminal: O_NONBLOCK on the shared one would change it for every process that
-// has it. -1 when the system does not give one.
+// Opens a pipe or terminal again in non-blocking mode. O_NONBLOCK on the shared file description would affect every
+// process that uses it. -1 when that fails.
 int openAtOnce(int fd) {
     char path[32];
     LineBuilder text(path, sizeof path);
@@ -147,7 +148,7 @@ void writeWhenReady(int fd, const char* text, std::size_t size) {
     }
 }
 
-// A file or a device that never lets wait.
+// A file, or a device whose writes never wait.
 void writeWhole(int fd, const char* text, std::size_t size) {
     while (size > 0) {
         const ssize_t written = ::write(fd, text, size);
@@ -174,7 +175,7 @@ bool stopFromHandler(int signal, const siginfo_t* info, void* context) {
 
 namespace {
 
-// After a first try that did not write everything.
+// Continues after a first write that did not write everything.
 __attribute__((noinline)) void writeRest(int fd, const char* text, std::size_t size, long written) {
     while (written > 0 || (written == -EINTR && !isStopping())) {
         if (written > 0) {
@@ -213,7 +214,7 @@ void writeAtOnce(int fd, const char* text, std::size_t size) {
 }
 
 bool StdoutTurn::tryShortly() {
-    static std::atomic<bool> s_gaveUp{false};  // the next lines do not wait once more
+    static std::atomic<bool> s_gaveUp{false};  // later lines do not wait again
     for (int waited = 0; ::ftrylockfile(stdout) != 0; ++waited) {
         if (s_gaveUp || waited == kPatienceMs) return s_gaveUp = true, false;
         ::poll(nullptr, 0, 1);
@@ -222,12 +223,12 @@ bool StdoutTurn::tryShortly() {
     return true;
 }
 
-// What fwrite does on an unbuffered stream, without the way through stdio. The application may have buffered or
-// replaced the stream.
+// Does the same as fwrite on an unbuffered stream, but faster. The application may have made the stream buffered or
+// replaced it.
 void StdoutTurn::writeToStdio(const char* text, std::size_t size) {
     const int fd = ::fileno_unlocked(stdout);
     if (fd < 0) {
-        ::fwrite_unlocked(text, 1, size, stdout);  // the application's stdout is no file
+        ::fwrite_unlocked(text, 1, size, stdout);  // the application's stdout has no descriptor
         return;
     }
     if (::__fpending(stdout) != 0 && standard_streams::isOurs(fd)) ::fflush_unlocked(stdout);

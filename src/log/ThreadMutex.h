@@ -17,7 +17,8 @@ public:
     int Acquire() { return pthread_mutex_lock(&m_mutex); }
     int TryAcquire();  ///< non-zero at once when another thread holds it
     int Release() { return pthread_mutex_unlock(&m_mutex); }
-    /// Makes it free in a child of fork(), whose only thread does not count as the one that locked it before the fork.
+    /// Frees the mutex in a child of fork(). The child's thread has a new id, so it does not count as the owner of the
+    /// lock.
     void renew();
 
 private:

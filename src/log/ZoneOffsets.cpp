@@ -14,14 +14,14 @@ constexpr std::time_t kHorizon = 400 * 86400L;
 constexpr std::time_t kRenewal = 30 * 86400L;  // a process that logs less often than this may show a stale offset
 constexpr int kMaxSpans = 8;                   // zones change twice a year, a few four times
 
-// Spans of one offset each, in order of time; the first has no beginning.
+// Periods with one offset each, in order of time. The first one has no beginning.
 struct Table {
     std::atomic<int> count{0};
     std::atomic<std::time_t> from[kMaxSpans]{};
     std::atomic<long> offset[kMaxSpans]{};
 };
 
-// A handler reads the table that g_current names, while the other one is filled.
+// A handler reads the table that g_current selects. The log fills the other one.
 Table g_tables[2];
 std::atomic<int> g_current{0};
 std::time_t g_learnedAt = 0;

@@ -103,7 +103,7 @@ void appendPrefix(LineBuilder& line, std::uint8_t level, const char* tag, const 
     if (mask & (ELOG_FMT_FILE | ELOG_FMT_FUNC | ELOG_FMT_LINE)) appendSourceGroup(line, mask, file, func, number);
 }
 
-// Sets the second of a line to now, and time_cache with it. @return false when the local time cannot be had
+// Sets the second of a line and time_cache to now. @return false when the local time cannot be had
 inline bool stampTime(LocalSecond& second) {
     const std::time_t now = ::time(nullptr);
     if (!second.set(now)) return false;
@@ -111,7 +111,7 @@ inline bool stampTime(LocalSecond& second) {
     return true;
 }
 
-// The prefix of nearly all lines, with nothing left to decide. @return false when it is another one
+// The prefix of nearly all lines, for the usual settings only. @return false when the line needs another prefix
 inline bool beginBriefLine(LineBuilder& text, LocalSecond& second, std::uint8_t level, const char* tag) {
     if (elog.format_masks[level].load(std::memory_order_relaxed) != kBriefFormat || !stampTime(second)) return false;
     text.begin<LocalSecond::kHeadSize, kLevelTagSize>(second.head(), level_output_info[level]);
@@ -128,7 +128,7 @@ __attribute__((noinline)) void beginLine(LineBuilder& text, LocalSecond& second,
     appendPrefix(text, level, tag, file, func, line, isTimed ? second.text() : nullptr);
 }
 
-// What both raw outputs do; the length handed on is the one that the text would have, up to the buffer's size.
+// What both raw outputs do. They write as many characters as the formatted text has, up to the buffer's size.
 void rawOutput(char* buf, std::size_t size, const char* format, std::va_list args) {
     const int length = std::vsnprintf(buf, size, format, args);
     if (length <= 0) return;
@@ -253,7 +253,7 @@ void elog_raw_huge(const char* format, ...) {
     if (out.isMine()) {
         rawOutput(log_buf_huge, sizeof log_buf_huge, format, args);
     } else {
-        char buf[ELOG_LINE_SIZE];  // a thread that is stuck in its output has the large one; better cut than lost
+        char buf[ELOG_LINE_SIZE];  // a stuck thread may hold the large buffer; a cut text is better than none
         rawOutput(buf, sizeof buf, format, args);
     }
     va_end(args);

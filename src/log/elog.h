@@ -46,8 +46,8 @@ void elog_fini();
 /// A line of more than ELOG_LINE_SIZE bytes is cut there. Leaves errno as it found it.
 void elog_output(std::uint8_t level, const char* tag, const char* file, const char* func, long line, const char* format,
                  ...) __attribute__((format(printf, 6, 7)));
-/// The same from inside a signal handler: takes no lock, calls nothing that a handler may not call. Standard output
-/// gets the line only when it takes it at once.
+/// The same for a signal handler: takes no lock, and calls only what a handler may call. The line goes to standard
+/// output only if it can be written without waiting.
 /// @param format  text with at most one "%d", which @p value replaces
 void elog_output_from_handler(std::uint8_t level, const char* tag, const char* file, const char* func, long line,
                               const char* format, int value);
@@ -70,7 +70,7 @@ void elog_assert_set_hook(elog_assert_hook_t hook);
 const char* trunc_filename(const char* path);  ///< the part behind the last "/"
 int get_time_zone();                           ///< local UTC offset in whole hours, -11 to 12
 /// Creates every missing directory along @p path (512 characters at most).
-/// @return 0 when @p path is a directory at the end; failures on the way there are not errors of their own.
+/// @return 0 when @p path is a directory afterwards, even if a step on the way failed.
 int elog_mkdirs(const char* path, mode_t mode);
 
 // ---- file side ----
@@ -80,7 +80,7 @@ struct ElogFileCfg {
     std::uint64_t max_size;     ///< set, never read: the file switches by day alone
 };
 
-extern std::atomic<std::time_t> time_cache;  ///< time of the last line that carried one; dates the log file
+extern std::atomic<std::time_t> time_cache;  ///< of the last line that has a time; chooses the log file's day
 extern int time_zone;
 extern std::FILE* elog_file_fp;
 extern std::atomic<int> elog_file_fd;           ///< -1 while no file is open
@@ -93,8 +93,8 @@ extern bool is_rotating;
 int elog_file_init(const char* dir, const char* name);
 int elog_file_config(const ElogFileCfg* cfg);  ///< @return the descriptor of the file, -1 on failure
 void elog_file_write(const char* buf, std::size_t size);
-/// The same from inside a signal handler. When @p date (YYYYMMDD) lies behind the day of the open file, the line goes
-/// into the file of its own day; the log itself switches with its next line.
+/// The same from inside a signal handler. When @p date (YYYYMMDD) is later than the day of the open file, the line goes
+/// into the file of its own day. The log itself switches files with its next line.
 void elog_file_write_from_handler(const char* buf, std::size_t size, long date);
 void elog_file_rotate();
 void elog_file_rotate_day();
@@ -108,5 +108,5 @@ void elog_port_output(const char* buf, std::size_t size);
 /// Writes a finished line of the day @p date to both places from inside a signal handler.
 void elog_port_output_from_handler(const char* buf, std::size_t size, long date);
 
-/// In a child of fork(): forgets the handlers that other threads of the parent were in.
+/// In a child of fork(): resets the count of handlers that were running in other threads of the parent.
 void elog_renew_after_fork();

@@ -34,7 +34,7 @@ namespace {
 constexpr std::uint64_t kUnusedMaxSize = 4294967294;
 constexpr std::size_t kMaxDirPath = 512;  // longer paths are cut
 
-// The time_cache for which the file is known to be the right one.
+// The value of time_cache for which the open file is the right one.
 constexpr std::time_t kNoSecond = std::numeric_limits<std::time_t>::min();
 std::time_t g_settledSecond = kNoSecond;
 
@@ -43,7 +43,7 @@ std::atomic<unsigned long> g_lostLines{0};  // since the last line that was writ
 std::atomic<int> g_lossReason{0};
 std::atomic<bool> g_isMidLine{false};  // the file does not end with a newline
 
-// A thread that is cancelled in its write counts no longer either: closing the log file waits for the count.
+// Also counts down when the thread is cancelled in its write, because closing the log file waits for the count.
 struct HandlerWriting {
     HandlerWriting() { ++elog_handlers_writing; }
     ~HandlerWriting() { --elog_handlers_writing; }
@@ -51,7 +51,7 @@ struct HandlerWriting {
     HandlerWriting& operator=(const HandlerWriting&) = delete;
 };
 
-// Without the lock of stdio, which the application may hold while it logs, and which is not ours to wait for here.
+// Writes without the lock of stdio: the application may hold that lock while it logs, and this must not wait for it.
 __attribute__((format(printf, 1, 2))) void complain(const char* format, ...) {
     char text[kMaxDirPath + 256];
     std::va_list args;
@@ -64,8 +64,8 @@ __attribute__((format(printf, 1, 2))) void complain(const char* format, ...) {
 }
 
 // Stop signals may find a thread anywhere: their handler writes to elog_file_fd without a lock. Closing waits until no
-// handler is at it, so that its line never reaches a descriptor that has become somebody else's. A handler on this very
-// thread has run to its end before the thread comes here again.
+// handler uses the descriptor. Otherwise a handler's line could go into another file that has got the same number. A
+// handler on this thread has ended before the thread continues here.
 void closeFile() {
     elog_file_fd = -1;
     while (elog_handlers_writing != 0) ::sched_yield();
@@ -75,7 +75,7 @@ void closeFile() {
 }
 
 // The configured path with the date in the place of its last "%s"; a directory name may hold a '%' as well. Done by
-// hand because a handler does it, too.
+// hand because a signal handler does it too.
 void datedPath(char (&path)[ELOG_PATH_SIZE], long date) {
     const char* mark = nullptr;
     for (const char* p = local_cfg.name; *p != '\0'; ++p) {
@@ -92,10 +92,10 @@ void datedPath(char (&path)[ELOG_PATH_SIZE], long date) {
     path[text.size()] = '\0';
 }
 
-// Opens for appending; a handler may call it. Not one of the three standard descriptors, which a daemon may have
-// closed: a log file there would get what others write to them.
+// Opens for appending; a signal handler may call it. Never returns one of the three standard descriptors. A daemon may
+// have closed those, and a log file with such a number would get what others write to it.
 int openToAppend(const char* path) {
-    // O_NONBLOCK for the open alone: a FIFO that nobody reads must fail here, not hold the process up.
+    // O_NONBLOCK is for the open only: with a FIFO that nobody reads, the open must fail and not block the process.
     const int fd = safe_file::openAboveStandard(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
     if (fd >= 0) ::fcntl(fd, F_SETFL, O_APPEND);
     return fd;
@@ -113,8 +113,8 @@ bool openFile(const char* path) {
     return true;
 }
 
-// Goes on after a first write that was short, interrupted or failed. @return false when the text is not whole, with the
-// reason kept
+// Continues after a first write that was short, interrupted or failed. @return false when not all of the text was
+// written; the reason is kept
 __attribute__((noinline)) bool appendRest(int fd, const char* text, std::size_t size, ssize_t written) {
     for (;;) {
         if (written == 0 || (written < 0 && errno != EINTR)) {
@@ -139,7 +139,7 @@ inline bool append(int fd, const char* text, std::size_t size) {
     return true;
 }
 
-// After lost lines: ends the line that was cut short, and tells how many are missing. @return false when the disk does
+// After lost lines: ends the line that was cut, and writes how many lines are missing. @return false when the disk does
 // not take that either
 bool endLoss(int fd) {
     if (g_isMidLine && !append(fd, "\n", 1)) return false;
@@ -266,7 +266,7 @@ void elog_file_rotate_day() {
     if (last_rotate_day == 0) last_rotate_day = day;
     if (day > last_rotate_day) {
         const Rotating rotating;
-        // A day whose file cannot be opened is not taken as begun, so that the next line tries again.
+        // If the file of a day cannot be opened, the day does not count as begun. So the next line tries again.
         if (elog_file_config(&local_cfg) == -1) return;
         last_rotate_day = day;
     }

@@ -7,8 +7,8 @@ int elog_port_init(const char* dir, const char* name) { return elog_file_init(di
 void elog_port_fini() { elog_file_fini(); }
 
 void elog_port_output(const char* buf, std::size_t size) {
-    // Held until the file has the line, so that both places show the lines in the same order. The log lock is not held
-    // while standard output makes the line wait.
+    // Held until the line is in the file, so that both places show the lines in the same order. The thread does not
+    // hold the log lock while it waits for standard output.
     const standard_write::StdoutTurn out;
     out.write(buf, size);
     elog_file_write(buf, size);

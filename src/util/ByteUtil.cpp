@@ -26,9 +26,9 @@ std::uint32_t highHalf(unsigned long v) { return static_cast<std::uint32_t>(v >>
 std::uint32_t lowHalf(unsigned long v) { return static_cast<std::uint32_t>(v); }
 
 void writeLineHead(int fd) {
-    char head[10];  // 9 characters: a longer counter loses its last ones, readers of the dumps know that width
+    char head[10];  // 9 characters: a longer counter loses its last digits; readers of the dumps know the width
     std::snprintf(head, sizeof head, "%d--", static_cast<int>(g_uiPktCnt));
-    // Whether the descriptor takes anything shows in the write of the data that follows.
+    // A bad descriptor is reported by the write of the data, which follows.
     [[maybe_unused]] const ssize_t written = ::write(fd, head, std::strlen(head));
 }
 
@@ -54,7 +54,7 @@ const char* GetUpDmaLibVersion() { return "1.1.2.13"; }
 
 bool Uti_IsBigEndian() { return false; }
 
-// The halves are taken by value, not through memory, so they are the same ones on a host of either byte order.
+// Takes the halves by value, not through memory, so that they are the same on hosts of both byte orders.
 unsigned long Uti_MoveLeft64(unsigned long v, int n) {
     switch (moveBy(n)) {
         case Move::kWholeToZero: return 0;
@@ -88,7 +88,7 @@ long FillDebugFileHex(char* buffer, unsigned int bufferSize, int fd, unsigned ch
                                 encoded);
     }
 
-    // Without a buffer the line still has to end, or the next line's head would follow on it.
+    // Without a buffer the line must still end. Otherwise the head of the next line would follow on it.
     if (bufferSize == 0) return ::write(fd, "\n", 1);
     const unsigned int end = 2 * encoded;
     buffer[end] = '\n';

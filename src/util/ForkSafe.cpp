@@ -12,7 +12,7 @@ constexpr std::size_t kRanks = static_cast<std::size_t>(Rank::kCount);
 
 // Constant-initialized: filled while other sources' globals are constructed.
 std::atomic<const Actions*> g_actions[kRanks]{};
-// What the fork that is under way has taken. Only one thread forks at a time from here on: it holds the locks.
+// The locks that the current fork has taken. They also ensure that only one thread forks at a time.
 const Actions* g_taken[kRanks]{};
 
 void beforeFork() {
@@ -39,7 +39,7 @@ void add(Rank rank, const Actions& actions) {
     g_actions[static_cast<std::size_t>(rank)] = &actions;
     static const int registered = ::pthread_atfork(beforeFork, afterFork<&Actions::release>,
                                                    afterFork<&Actions::renew>);
-    static_cast<void>(registered);  // fails only without memory; children are then left with the locks as they were
+    static_cast<void>(registered);  // fails only when memory is short; then children get the locks as they were
 }
 
 }  // namespace fork_safe

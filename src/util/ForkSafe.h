@@ -3,8 +3,8 @@
 #include <mutex>
 #include <new>
 
-/// Locks that a child of fork() finds free. Without help the child has a copy of every lock as it was, and a lock that
-/// another thread held stays locked for ever, because that thread is not in the child.
+/// Locks that a child of fork() finds free. Without this the child would get a copy of every lock as it was. A lock
+/// that another thread held would stay locked for ever, because that thread is not in the child.
 namespace fork_safe {
 
 /// The order in which the library takes its locks, outermost first. fork() takes them in this order.

@@ -71,7 +71,7 @@ int requireXiDriver() {
     return -1;
 }
 
-/// A host with both kinds of board may run on either of them, so a missing driver is only pointed out.
+/// A host with both kinds of board may use either of them, so a missing driver is only reported.
 int noticeMissingDrivers() {
     const char* const eNotice = IsEDriverInstalled() ? "" : "Attention! the E driver not installed!";
     const char* const xiNotice = IsXiDriverInstalled() ? "" : "Attention! the Xi driver not installed!";

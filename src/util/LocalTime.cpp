@@ -8,8 +8,8 @@ namespace local_time {
 
 namespace {
 
-// Guards the static result of localtime(), and keeps a fork away from the C library's own lock of the time zone, which
-// a child would find locked for ever.
+// Guards the static result of localtime(). Also makes a fork wait while a thread holds the C library's own lock of the
+// time zone, which the child would find locked for ever.
 std::mutex s_mutex;
 const fork_safe::Guard<s_mutex> s_forkGuard(fork_safe::Rank::kLocalTime);
 

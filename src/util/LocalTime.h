@@ -2,9 +2,9 @@
 
 #include <ctime>
 
-/// Local calendar time in the decimal forms that the card, the trading windows and the file names use. All local time
-/// of the library comes from here, so that everything shows a changed time zone alike.
-/// Safe to call from any thread; not from a signal handler.
+/// Local calendar time in the decimal forms that the card, the trading windows and the file names use. All local times
+/// of the library come from here, so that a changed time zone takes effect everywhere. Safe to call from any thread;
+/// not from a signal handler.
 namespace local_time {
 
 /// Breaks @p when down, in the zone that TZ names now: the application may have changed it without a call of tzset().

@@ -73,7 +73,7 @@ int ipStr2val(const char* text, unsigned char* out) {
     std::memcpy(copied, text, ::strnlen(text, kIpCopied));
     const char* at = copied;
     for (int count = 1;; ++count, ++at) {
-        unsigned int number = 0;  // may wrap: only its low byte is asked for
+        unsigned int number = 0;  // may wrap: only its low byte is used
         for (; isDigit(*at); ++at) number = number * 10 + static_cast<unsigned int>(*at - '0');
         *out = static_cast<unsigned char>(number);
         if (*out++ == 34) return -1;  // odd on purpose: callers rely on 34 being refused wherever it stands

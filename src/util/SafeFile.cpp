@@ -13,7 +13,7 @@ namespace safe_file {
 
 namespace {
 
-// A FIFO or a device must not block or act on the open that finds out what it is.
+// The first open only finds out what the file is. It must not block on a FIFO or make a device act.
 constexpr int kCautious = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr std::size_t kChunk = 65536;
 constexpr std::size_t kMaxSize = 64U << 20;  // both tables full take half a megabyte
@@ -60,7 +60,7 @@ private:
     int m_fds[kStandardStreams];
 };
 
-// Why the open file is not one of its own; empty when it is.
+// Why the open file is not a regular file with one name; empty when it is.
 std::string oddity(const struct stat& status) {
     if (!S_ISREG(status.st_mode)) return kNotRegular;
     if (status.st_nlink != 1) return "it has another name too, remove it";
@@ -73,7 +73,7 @@ std::string objectionToWriting(int fd) {
     return ::fstat(fd, &status) == 0 ? oddity(status) : kNotRegular;
 }
 
-// Why what stands in the open file is not to be trusted.
+// Why the content of the open file must not be trusted.
 std::string distrust(int fd) {
     struct stat status;
     if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return kNotRegular;
@@ -83,8 +83,9 @@ std::string distrust(int fd) {
 
 enum class Lock { kHeld, kNotHeld, kOtherWriter };
 
-// A lock of the process, not of the descriptor: a later user of the library in the same process gets it again.
-// Whoever may read the file can hold a read lock on it, and so keep others from a write lock: that stops nobody here.
+// The lock belongs to the process, not to the descriptor: a later user of the library in the same process gets it
+// again. Whoever may read the file can take a read lock, which prevents a write lock. The writer then continues without
+// its lock.
 Lock lockForWriting(int fd, pid_t& writer) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         struct flock whole {};
@@ -109,7 +110,8 @@ std::string openFailure() {
     return std::strerror(errno);
 }
 
-// Not with O_CREAT at once: where fs.protected_regular is set, that keeps root out of another user's file in /tmp.
+// The first open has no O_CREAT: where fs.protected_regular is set, O_CREAT stops root from opening another user's file
+// in /tmp.
 int openToWrite(const char* path) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const int fd = openAboveStandard(path, O_WRONLY | kCautious);
@@ -123,7 +125,8 @@ int openToWrite(const char* path) {
 }  // namespace
 
 int openAboveStandard(const char* path, int flags, mode_t mode) {
-    // Reading needs no placeholders, nobody can write to the file. They would also turn a closed /dev/stdin into "/".
+    // Reading needs no placeholders, because nobody can write to the descriptor. Placeholders would also turn a closed
+    // /dev/stdin into "/".
     if ((flags & O_ACCMODE) == O_RDONLY) return standard_streams::moveAbove(::open(path, flags, mode));
     int fd = -1;
     int why = 0;
@@ -157,7 +160,7 @@ bool OutputFile::open(const std::string& path, std::string& refusal) {
     return true;
 }
 
-// Without the lock a second process may empty the file as well. The size then is no longer what this one wrote.
+// Without the lock, a second process may empty the file too. Then the size is no longer what this process wrote.
 bool OutputFile::isOnlyWriter() {
     if (m_locked) return true;
     pid_t writer = 0;
@@ -181,7 +184,7 @@ const char* OutputFile::write(const char* data, std::size_t size) {
 
 bool OutputFile::cut(std::size_t size) {
     const auto end = static_cast<off_t>(size);
-    if (!isOnlyWriter()) return false;  // the file is somebody else's now
+    if (!isOnlyWriter()) return false;  // another process writes the file now
     if (::ftruncate(m_fd, end) != 0 || ::lseek(m_fd, end, SEEK_SET) != end) return false;
     m_size = size;
     return true;

@@ -4,17 +4,16 @@
 #include <cstddef>
 #include <string>
 
-/// Files that other processes and users have a say in: descriptors that nobody takes for a standard stream, and files
-/// in a directory that every user of the host may write to.
+/// Files that other processes or users can affect: descriptors that nobody mistakes for a standard stream, and files in
+/// a directory that every user of the host may write to.
 namespace safe_file {
 
-/// Opens a file as open() does, but never as descriptor 0, 1 or 2: a daemon may have closed these, and what others
-/// write to standard output or standard error would land in the file.
-/// A signal handler may call it.
+/// Opens a file as open() does, but never as descriptor 0, 1 or 2: a daemon may have closed these. Then the file would
+/// get what others write to standard output or standard error. A signal handler may call it.
 /// @return the descriptor, or -1 with errno set
 int openAboveStandard(const char* path, int flags, mode_t mode = 0);
 
-/// A file in a directory of everybody, written front to back by one process at a time.
+/// A file in a directory that everybody may write to. One process at a time writes it, from front to back.
 class OutputFile {
 public:
     OutputFile() = default;
@@ -22,12 +21,13 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    /// Creates the file, or empties the one that is there, whoever owns it. Only a regular file without a second name
-    /// is opened, and never through a symbolic link.
+    /// Creates the file, or empties the existing one, whoever owns it. Opens only a regular file with no second hard
+    /// link, and never through a symbolic link.
     /// @param refusal  why it failed, for a log line
     bool open(const std::string& path, std::string& refusal);
     /// Needs no memory.
-    /// @return null when all is written, else why not. The file may then end in the middle of @p data: write no more.
+    /// @return null when all is written, otherwise the reason. After a failure, write no more: the file may end in the
+    /// middle of @p data.
     const char* write(const char* data, std::size_t size);
     /// Drops what was written behind the first @p size bytes. @return whether that worked
     bool cut(std::size_t size);
@@ -45,7 +45,7 @@ private:
 };
 
 /// Reads a whole file that this user or root owns.
-/// @param refusal  why a file that is there is not trusted; empty when the system could not open or read it
+/// @param refusal  why an existing file is not trusted; empty when the system could not open or read it
 /// @return whether it was read
 bool readWhole(const std::string& path, std::string& content, std::string& refusal);
 

@@ -13,7 +13,7 @@ inline void sleepSeconds(unsigned int seconds) {
     end.tv_sec += seconds;
     errno = 0;
     ::sleep(seconds);
-    // The result tells whole seconds only, 0 also when most of the last one was left.
+    // The result of sleep() counts whole seconds only: it is 0 even when most of the last second is left.
     if (errno == EINTR) {
         while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
         }

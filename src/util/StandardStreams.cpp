@@ -16,7 +16,7 @@ constexpr int kCount = STDERR_FILENO + 1;
 
 bool isStandard(int fd) { return fd >= 0 && fd < kCount; }
 
-// Before main and before other constructors: nobody has had a chance to open a file under a number that the parent
+// Runs before main and before other constructors, so that nobody has yet opened a file with a number that the parent
 // left closed.
 __attribute__((constructor(101))) void lookAtLoad() { noteClosed(); }
 

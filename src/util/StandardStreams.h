@@ -2,13 +2,13 @@
 
 #include <atomic>
 
-/// Descriptors 0 to 2. A daemon may have closed them; their numbers then go to the next files that anybody opens.
+/// Descriptors 0 to 2. A daemon may have closed them. Then the next files that anybody opens get these numbers.
 namespace standard_streams {
 
 extern std::atomic<bool> g_isClosed[3];
 
-/// Moves a descriptor that has just been opened out of the numbers 0 to 2, where it would get what others print.
-/// Call it before a record lock is taken: closing the low number would release the lock.
+/// Moves a new descriptor to a number above 2. With a number from 0 to 2 its file would get what others print. Call it
+/// before a record lock is taken: closing the low number would release the lock.
 /// @return the descriptor, with close-on-exec when it moved; -1 with errno set when @p fd is negative or cannot move
 /// A signal handler may call it.
 int moveAbove(int fd);
@@ -20,7 +20,7 @@ inline bool isOurs(int fd) {
     return static_cast<unsigned int>(fd) > 2 || !g_isClosed[fd].load(std::memory_order_relaxed);
 }
 
-/// Looks which of the three are closed now.
+/// Checks which of the three are closed now.
 void noteClosed();
 
 /// @p fd was found closed. Ignores descriptors above 2.

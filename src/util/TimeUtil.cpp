@@ -29,7 +29,7 @@ unsigned long BrixDiffTimeTamp(long start) { return get_time() - static_cast<uns
 unsigned long get_time_since_powerof() { return readNs(CLOCK_MONOTONIC); }
 
 unsigned long NS_Sleep(long start, long ns) {
-    // Signed, so that an end before 1970 has passed already instead of lying in the far future.
+    // Signed, so that an end before 1970 is in the past and not in the far future.
     const long end = static_cast<long>(static_cast<unsigned long>(start) + static_cast<unsigned long>(ns));
     unsigned long now = get_time();
     while (static_cast<long>(now) < end) now = get_time();

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// What is still buffered belongs to the target that was in place when it was printed.
+/// Buffered text belongs to the target that was in use when it was printed.
 void FlushAll() {
     std::cout.flush();
     std::cerr.flush();

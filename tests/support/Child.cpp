@@ -21,7 +21,7 @@ constexpr int kFailed = 78;
 [[noreturn]] void RunBody(const std::function<void()>& body) {
     body();
     std::fflush(nullptr);
-    // Not _exit: coverage counters are written, and leaks looked for, on the way out.
+    // Not _exit: exit writes the coverage counters and checks for leaks.
     std::exit(testing::Test::HasFailure() ? kFailed : kReturned);
 }
 

@@ -16,7 +16,7 @@ struct ChildResult {
     std::vector<std::string> Lines() const;
 };
 
-/// Runs @p body in a fork of this process: for what ends a process, changes its user or its signals, or happens once
-/// in a process. Expectations that fail inside are printed and make `returned` false. The calling process must have no
-/// other thread.
+/// Runs @p body in a fork of this process. For code that ends the process, changes its user or its signals, or runs
+/// once in a process. Expectations that fail inside are printed and make `returned` false. The calling process must
+/// have no other thread.
 ChildResult RunInChild(const std::function<void()>& body);

@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// A date of its own, far in the future, whose index files under /tmp are gone before a test and behind it. It comes
-/// from the process id, so that test programs that run side by side do not share a file.
+/// A date far in the future for one test. Its index files under /tmp are removed before and after the test. The date
+/// comes from the process id, so that test programs that run at the same time do not share a file.
 class DayFiles {
 public:
     DayFiles();

@@ -1,4 +1,4 @@
-// What the library leaves behind on purpose, told to the leak sanitizer one by one.
+// Tells the leak sanitizer what the library deliberately does not free, one by one.
 
 extern "C" const char* __lsan_default_suppressions();
 

@@ -1,5 +1,5 @@
-// malloc and calloc that a FailingMemory makes fail, those of C libraries and below operator new included. Not in a
-// build with a sanitizer, which has an allocator of its own.
+// malloc and calloc that a FailingMemory makes fail, also in C libraries and below operator new. Not in a build with a
+// sanitizer, which has its own allocator.
 
 #include <cerrno>
 

@@ -4,9 +4,9 @@
 
 namespace test_support {
 
-/// While it lives, allocations of this thread get no memory: from the @p nth on (1 = the next), as many as @p calls.
-/// Which allocations: a test program adds the source FailingOperatorNew.cpp (operator new) or FailingMalloc.cpp
-/// (malloc, calloc) of this folder.
+/// While it lives, allocations of this thread get no memory: from the @p nth on (1 = the next), as many as @p calls. To
+/// choose the kind of allocation, a test program adds FailingOperatorNew.cpp (operator new) or FailingMalloc.cpp
+/// (malloc, calloc) of this folder to its sources.
 class FailingMemory {
 public:
     explicit FailingMemory(std::size_t nth, std::size_t calls = 1);

@@ -1,5 +1,5 @@
-// Standard output is captured in most of these tests, and with it what GoogleTest says of a failure: here it is said
-// again where it can be seen.
+// Most of these tests capture standard output, and so hide GoogleTest's report of a failure. This repeats the report on
+// standard error.
 #include <gtest/gtest.h>
 
 #include <iostream>

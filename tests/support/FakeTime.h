@@ -7,9 +7,9 @@
 
 namespace test_support {
 
-/// Replaces the clock of the whole process while it lives: `time`, `localtime`, `localtime_r`, `clock_gettime` and
-/// `sleep` are defined in the test binary and answer from here, also for code in shared libraries. The fake clock
-/// stands still until a test moves it. Without a FakeTime the same functions forward to the C library.
+/// Replaces the clock of the whole process while it lives. The test binary defines `time`, `localtime`, `localtime_r`,
+/// `clock_gettime` and `sleep`, and they use this clock, also for code in shared libraries. The fake clock stands still
+/// until a test moves it. Without a FakeTime the same functions forward to the C library.
 ///
 /// One object at a time. Reading and moving the clock is safe from any thread and from a signal handler; the other
 /// members belong to the test's own thread. Calendar times are in the process time zone (TZ).
@@ -31,8 +31,8 @@ public:
     void Advance(std::int64_t seconds) { AdvanceNs(seconds * 1000000000LL); }
     void AdvanceNs(std::int64_t nanoseconds);
 
-    /// Every `clock_gettime` of a faked clock first answers and then moves the clock by this much; 0 (the start) stands
-    /// still. For code that spins on the clock, and for counting its reads.
+    /// Every `clock_gettime` of a faked clock first answers and then moves the clock by this much. 0, the default: it
+    /// does not move. For code that spins on the clock, and for counting its reads.
     void SetStepPerRead(std::int64_t nanoseconds);
 
     /// Nanoseconds since the epoch; does not step.

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-/// Answers the questions that the library puts to the host while this lives: `access` and `stat` of ".", `getpwuid`,
-/// and `sigaction`, which then installs nothing. All of them are defined in the test binary and reach the system
-/// without an object of this class, and for every other path.
+/// While an object lives, it answers these calls of the library in place of the host: `access` and `stat` of ".",
+/// `getpwuid`, and `sigaction`, which then installs nothing. The test binary defines all of them. Without an object,
+/// and for every other path, they call the system.
 class HostCalls {
 public:
     HostCalls();
@@ -21,9 +21,9 @@ public:
     int statError = 0;
     uid_t owner = 0;  ///< of "."
     std::map<uid_t, std::string> users;
-    int userError = 0;  ///< errno of a look-up without success, 0 = there is no such user
+    int userError = 0;  ///< errno of a look-up that fails, 0 = there is no such user
 
-    std::vector<int> accessModes;  ///< what was asked about "."
+    std::vector<int> accessModes;  ///< the modes that were asked for "."
 
     struct Installed {
         int signal;

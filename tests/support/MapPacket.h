@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-/// Builds a contract-map packet as the card sends it; every number of it can then be falsified.
+/// Builds a contract-map packet as the card sends it. A test can then change every number in it.
 class MapPacket {
 public:
     static constexpr std::size_t kArea = 14;  ///< where the first message begins
@@ -16,7 +16,7 @@ public:
     MapPacket& Add(const std::string& id, std::uint16_t index) {
         return AddRaw(static_cast<std::uint16_t>(HeaderSize() + id.size()), index, id);
     }
-    /// The same with a message length of one's own.
+    /// The same with the given message length.
     MapPacket& AddRaw(std::uint16_t length, std::uint16_t index, const std::string& id) {
         const std::size_t start = m_bytes.size();
         const std::size_t header = HeaderSize();

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-/// The decision table of the contract filter written down once more, as plainly as it reads: lists searched from front
-/// to back, texts compared whole, nothing remembered from one instrument or channel to the next. What the library does
-/// is compared with this, and its speed is measured against it.
+/// A second, plain implementation of the contract filter's decision table. It searches lists from front to back,
+/// compares whole texts, and remembers nothing between instruments or channels. Tests compare the library's results
+/// with it, and benchmarks compare the speed.
 namespace test_support::plain {
 
 /// One channel's rules.

@@ -4,8 +4,8 @@
 
 namespace test_support {
 
-/// An empty directory of its own that is the working directory of the process while this lives, made under $TMPDIR
-/// (or /tmp). At the end the old working directory is back and the new one is gone with all its content.
+/// An empty directory of its own that is the working directory of the process while this lives, made under $TMPDIR (or
+/// /tmp). At the end it restores the old working directory and removes the new one with all its content.
 class TempDir {
 public:
     /// Throws std::system_error when the directory cannot be made or entered.

@@ -1,6 +1,6 @@
 // The calls that the tap intercepts. Each makes the same call of the hardware library and returns its result and its
-// errno unchanged. None of these functions is noexcept: an exception of a packet handler, and the end of its thread,
-// pass through.
+// errno unchanged. None of these functions is noexcept: an exception of a packet handler must pass through, and so must
+// the unwinding when its thread ends.
 
 #include <algorithm>
 #include <cstring>
@@ -140,7 +140,7 @@ ssize_t enyx_hw_core_enumerate(enyx_hw_core* root, uint16_t hardware_id, enyx_hw
 
 namespace {
 
-// Makes a call, and records it with its result when accesses are recorded.
+// Makes a call. Records it with its result, if accesses are recorded.
 template <typename Call>
 int recorded(capture::AccessKind kind, enyx_hw_core* core, const enyx_hw_register_description* field,
              const std::uint64_t* value, Call call) {
@@ -235,7 +235,7 @@ std::uint32_t askForLimit(Source& source) {
 }
 
 // Slow path: the MTU is not known, the packet is empty or longer than the MTU, the ring looks full, or the processor's
-// counter does not run evenly. A length beyond the MTU is not believed: there may be no bytes behind it.
+// counter does not run evenly. A length above the MTU is not trusted: there may be no bytes to copy.
 [[gnu::noinline, gnu::cold]] void recordAndDeliverSlow(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
     {

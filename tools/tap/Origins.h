@@ -18,7 +18,7 @@ struct Origin {
     std::int64_t card = kUnknown;   // bus number
     std::int64_t index = kUnknown;  // of a filter: what it asks for; of a stream: its number
     std::int64_t core = kUnknown;   // hardware id
-    std::string name;               // of a filter: what it asks for; of a stream: the name it was found by
+    std::string name;               // of a filter: what it asks for; of a stream: the name in its look-up
 };
 
 /// The origins of all handles of the process. Any thread may use it.
@@ -40,8 +40,8 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_known.erase(handle);
     }
-    /// From now on nothing is learned or found, and the lock is not used: a child of fork() may find it locked for
-    /// ever.
+    /// After this call nothing is learned or found. The lock is not used any more, because a child of fork() may find
+    /// it locked for ever.
     void end() { m_ended.store(true, std::memory_order_relaxed); }
 
 private:
@@ -50,7 +50,7 @@ private:
     std::unordered_map<const void*, Origin> m_known;
 };
 
-/// The n-th object, from 0, of an enumeration with @p filter.
+/// The n-th object, counted from 0, of an enumeration with @p filter.
 Origin enumerated(const Origin& filter, std::int64_t card, std::size_t n);
 
 /// The interface of a stream in a capture file.

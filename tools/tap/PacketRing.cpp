@@ -24,7 +24,7 @@ PacketRing::PacketRing(std::size_t capacity) : m_capacity(powerOfTwo(capacity)),
                           -1, 0);
     if (memory == MAP_FAILED) return;
     m_bytes = static_cast<unsigned char*>(memory);
-    // Touches all pages that packets of usual size reach. Writing a zero makes the page.
+    // Touches all pages that packets of usual size use. Writing a zero makes the kernel allocate the page.
     const std::size_t touched = m_capacity + std::min<std::size_t>(m_capacity, kUsualPacket);
     for (std::size_t at = 0; at < touched; at += kPage) static_cast<volatile unsigned char*>(m_bytes)[at] = 0;
 }

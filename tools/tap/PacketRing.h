@@ -10,8 +10,8 @@ namespace tap {
 /// Bounded ring between the thread that polls a stream and the thread that writes the file. The poller never waits: a
 /// packet that does not fit is counted as lost. One producer, one consumer.
 ///
-/// A packet always lies in one piece. One that begins before the end of the ring may reach beyond it: there is as much
-/// memory again behind the end. The bytes that it would have taken at the start stay unused.
+/// A packet is always in one piece. A packet that begins before the end of the ring may continue behind the end, where
+/// there is as much memory again. The bytes that it would have used at the start stay unused.
 class PacketRing {
 public:
     static constexpr std::size_t kMaxCapacity = std::size_t{4} << 30;
@@ -44,7 +44,8 @@ public:
         std::memcpy(at, &prefix, sizeof prefix);
         return at + sizeof prefix;
     }
-    /// The same with the consumer's present position. Null: there is no room, and the packet is counted as lost.
+    /// The same, but reads the consumer's present position first. Null: there is no room, and the packet is counted as
+    /// lost.
     unsigned char* reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t trueSize);
     void commit() { m_head.store(m_end, std::memory_order_release); }
     /// Reserves, copies and commits.
@@ -87,7 +88,7 @@ private:
     std::uint64_t m_mask = 0;
     alignas(64) std::atomic<std::uint64_t> m_head{0};  // producer's line
     std::uint64_t m_end = 0;                           // of the packet that is being written
-    std::uint64_t m_limit = 0;  // up to where there is room, by what the producer knows of the consumer
+    std::uint64_t m_limit = 0;                         // end of the free room, as far as the producer knows
     std::atomic<std::uint64_t> m_lost{0};
     alignas(64) std::atomic<std::uint64_t> m_tail{0};  // consumer's line
 };

@@ -15,12 +15,12 @@ class StreamTable {
 public:
     static constexpr std::size_t kSlots = 256;
 
-    /// The first place to look; null when the stream is not there, but it may be elsewhere.
+    /// Looks at the stream's first place only. Null when it is not there; it may be at another place.
     Source* findAtOnce(const void* stream) const {
         const Slot& slot = m_slots[slotOf(stream)];
         if (slot.stream.load(std::memory_order_acquire) != stream) return nullptr;
         Source* source = slot.source.load(std::memory_order_relaxed);
-        if (source == nullptr) __builtin_unreachable();  // no stream is null, and every other one came with its source
+        if (source == nullptr) __builtin_unreachable();  // no stream is null, and each one in the table has a source
         return source;
     }
     Source* find(const void* stream) const {
@@ -61,7 +61,7 @@ public:
     }
 
 private:
-    // No object has these addresses, and neither is null: a null stream is not found.
+    // No object has these addresses. Neither of them is null, so a null stream is never found.
     static constexpr std::uintptr_t kEmpty = 1;
     static constexpr std::uintptr_t kRemoved = 2;  // a search continues behind it
     static const void* empty() { return reinterpret_cast<const void*>(kEmpty); }

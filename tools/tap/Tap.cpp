@@ -43,7 +43,7 @@ enum class State { kNotBegun, kRunning, kOff };
 std::atomic<Capture*> g_capture{nullptr};
 std::atomic<State> g_state{State::kNotBegun};
 std::mutex g_beginMutex;
-std::mutex g_streamsMutex;  // changes of g_streams
+std::mutex g_streamsMutex;  // held while g_streams changes
 cpu_set_t g_cpusAtStart;    // before the application pinned a thread
 bool g_cpusKnown = false;
 
@@ -114,7 +114,7 @@ void tellResult(const Capture& capture) {
            std::to_string(files.lost()) + " lost");
 }
 
-// From now on calls go to the card unrecorded.
+// After this, calls go to the card and are not recorded.
 bool turnOff() {
     const bool wasRunning = g_state.exchange(State::kOff) == State::kRunning;
     g_streams.clear();
@@ -176,7 +176,7 @@ void openStream(const void* stream, const Origin& origin) {
     const capture::InterfaceInfo info = describeStream(origin);
     Source* source = capture->writer.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
-    // The same handle may come back without a call of destroy, with a library that frees it in another way.
+    // The same handle may come back without a destroy call: a library may free it in another way.
     if (Source* before = g_streams.remove(stream)) TapWriter::release(*before);
     if (source != nullptr) {
         source->stream = stream;

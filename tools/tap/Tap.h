@@ -17,9 +17,9 @@ Origins& origins();
 void openStream(const void* stream, const Origin& origin);
 void closeStream(const void* stream);
 
-/// Whether register accesses are recorded. Begins the capture if that has not been done.
+/// Whether register accesses are recorded. Begins the capture if it has not begun.
 bool recordsRegisters();
-/// Records one access: @p startTicks before the call, access.durationNs in ticks.
+/// Records one access. @p startTicks is the time before the call; access.durationNs is in ticks here.
 void recordAccess(std::uint64_t startTicks, const capture::RegisterAccess& access);
 
 }  // namespace tap

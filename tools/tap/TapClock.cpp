@@ -35,7 +35,7 @@ constexpr double kMaxDeviation = 0.01;  // a greater one means that the system's
 
 }  // namespace
 
-// The thread may lose its processor between the two clocks. Of a few readings the closest pair counts.
+// The kernel may take the CPU away between the two clock readings. So read a few pairs and use the closest one.
 WallClock::Moment WallClock::readBoth() {
     Moment best;
     std::uint64_t bestGap = ~std::uint64_t{0};

@@ -5,8 +5,9 @@
 
 namespace tap {
 
-/// The polling thread notes the processor's time-stamp counter, one instruction. The writer's thread later turns it
-/// into the time of day. On a processor whose counter does not run evenly, ticks are the time of day.
+/// The polling thread stores the processor's time-stamp counter, which takes one instruction. The writer's thread later
+/// turns it into the time of day. If the processor's counter does not run at a constant rate, ticks are the time of
+/// day.
 namespace clock_ticks {
 
 [[gnu::visibility("hidden")]] extern bool g_counterIsEven;  // set by choose(), before the first now()

@@ -45,7 +45,7 @@ public:
 
     TapWriter(const Settings& settings, capture::CaptureFiles::Settings files)
         : m_ringBytes(settings.ringBytes), m_files(std::move(files)) {}
-    /// Its sources end with it. No thread may be inside a poll of one.
+    /// Destroys its sources too. No thread may be inside a poll of one of them.
     ~TapWriter();
     TapWriter(const TapWriter&) = delete;
     TapWriter& operator=(const TapWriter&) = delete;
