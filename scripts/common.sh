@@ -9,6 +9,12 @@ help_if_asked() {
     esac
 }
 
+# Ends the running script because of its arguments.
+usage_error() {
+    echo "$1; see scripts/$(basename "$0") --help" >&2
+    exit 2
+}
+
 # Runs a command and keeps its output to itself unless it fails.
 quietly() {
     local log status=0

@@ -60,6 +60,29 @@ help)
         says "scripts/$(basename "$script")"
     done
     ;;
+wrong_options)
+    # Refused before anything is installed or built.
+    while read -r words; do
+        status=0
+        # shellcheck disable=SC2086  # words on purpose
+        "$sources"/scripts/$words >"$work/out" 2>&1 </dev/null || status=$?
+        [ "$status" -eq 2 ] || fail "$words ended with $status"
+        says "scripts/${words%%.sh*}.sh"
+    done <<'WORDS'
+demo.sh --nonsense
+demo.sh --seconds
+demo.sh --seconds soon
+demo.sh --built
+demo.sh --built /nowhere
+bench.sh --nonsense
+bench.sh --figure
+bench.sh --figure all
+coverage.sh --nonsense
+format.sh --nonsense
+lint.sh --nonsense
+lint.sh --build
+WORDS
+    ;;
 test_report)
     program ctest <<'OUTPUT'
 cat <<'TEXT'
