@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <csignal>
 #include <filesystem>
 
@@ -81,6 +84,21 @@ TEST_F(CaptureFilesTest, AreReadableAfterAFlushWithoutHavingBeenClosed) {
     const ReadFile file = read("a.pcapng");
     EXPECT_FALSE(file.damage);
     EXPECT_THAT(file.packets, SizeIs(1));
+}
+
+TEST_F(CaptureFilesTest, NeverGetAStandardDescriptor) {
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int fd = 0; fd < 3; ++fd) close(fd);
+        CaptureFiles files(settings("a.pcapng"));
+        files.addInterface({kStreamLink, "channel 3", ""}, 1);
+        for (int fd = 0; fd < 3; ++fd)
+            if (open("/dev/null", O_RDONLY) != fd) _exit(1);
+        _exit(std::filesystem::exists(dir.Path("a.pcapng")) ? 0 : 2);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(CaptureFilesTest, NoFileIsEverOverwritten) {

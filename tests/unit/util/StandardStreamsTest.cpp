@@ -68,6 +68,19 @@ TEST_F(StandardStreams, NothingIsPrintedOnceStandardOutputWasFoundClosed) {
     EXPECT_THAT(dir.Read("data"), IsEmpty());
 }
 
+TEST_F(StandardStreams, NothingIsPrintedOnceStandardErrorWasFoundClosed) {
+    EXPECT_EQ(WithoutStandardStreams([] {
+                  standard_streams::noteClosed();
+                  ::open("/dev/null", O_RDONLY);
+                  ::open("/dev/null", O_RDONLY);
+                  const bool isError = ::open("data", O_WRONLY | O_CREAT, 0600) == STDERR_FILENO;
+                  standard_streams::printError("text");
+                  return isError ? 0 : 1;
+              }),
+              0);
+    EXPECT_THAT(dir.Read("data"), IsEmpty());
+}
+
 constexpr char kInside[] = "VEXO_TEST_STARTED_WITHOUT_STANDARD_STREAMS";
 
 // What the test below starts: this program again, which ends here.

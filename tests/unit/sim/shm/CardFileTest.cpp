@@ -47,6 +47,22 @@ TEST_F(CardFileTest, ACardThatIsCutIsNotMapped) {
     }
 }
 
+TEST_F(CardFileTest, NeitherAHostNorAUserGetsAStandardDescriptor) {
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int fd = 0; fd < 3; ++fd) close(fd);
+        const CardFile user = CardFile::open(path, geteuid());
+        const CardFile host = CardFile::create(dir.Path(), 1, 0600, getegid());
+        const bool areOpen = static_cast<bool>(user) && static_cast<bool>(host);
+        for (int fd = 0; fd < 3; ++fd)
+            if (open("/dev/null", O_RDONLY) != fd) _exit(1);
+        _exit(areOpen ? 0 : 2);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(CardFileTest, ACardOfAnotherOwnerIsNotOpened) {
     EXPECT_FALSE(CardFile::open(path, geteuid() + 1));
     EXPECT_EQ(errno, EACCES);
