@@ -1,14 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <csignal>
 #include <filesystem>
 
 #include "capture/CaptureFiles.h"
+#include "tests/support/StandardStreams.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
 
@@ -87,18 +85,14 @@ TEST_F(CaptureFilesTest, AreReadableAfterAFlushWithoutHavingBeenClosed) {
 }
 
 TEST_F(CaptureFilesTest, NeverGetAStandardDescriptor) {
-    const pid_t child = fork();
-    if (child == 0) {
-        for (int fd = 0; fd < 3; ++fd) close(fd);
-        CaptureFiles files(settings("a.pcapng"));
-        files.addInterface({kStreamLink, "channel 3", ""}, 1);
-        for (int fd = 0; fd < 3; ++fd)
-            if (open("/dev/null", O_RDONLY) != fd) _exit(1);
-        _exit(std::filesystem::exists(dir.Path("a.pcapng")) ? 0 : 2);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(test_support::InProcessWithout(test_support::kAllStandardStreams,
+                                             [this] {
+                                                 CaptureFiles files(settings("a.pcapng"));
+                                                 files.addInterface({kStreamLink, "channel 3", ""}, 1);
+                                                 if (!exists("a.pcapng")) return 2;
+                                                 return test_support::AreStandardNumbersFree() ? 0 : 1;
+                                             }),
+              0);
 }
 
 TEST_F(CaptureFilesTest, NoFileIsEverOverwritten) {

@@ -11,6 +11,7 @@
 #include "VexoZceUtil.h"
 #include "src/util/StandardStreams.h"
 #include "tests/support/CaptureOutput.h"
+#include "tests/support/StandardStreams.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -19,15 +20,7 @@ using testing::IsEmpty;
 
 /// Runs @p body in a fork without descriptors 0 to 2. @return its result
 int WithoutStandardStreams(const std::function<int()>& body) {
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        for (int fd = 0; fd < 3; ++fd) ::close(fd);
-        ::_exit(body());
-    }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return test_support::InProcessWithout(test_support::kAllStandardStreams, body);
 }
 
 /// The number that the next open() gets.

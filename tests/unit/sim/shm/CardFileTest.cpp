@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <random>
 
+#include "tests/support/StandardStreams.h"
 #include "tests/unit/sim/shm/ShmFixture.h"
 
 namespace vexo_sim {
@@ -48,19 +49,14 @@ TEST_F(CardFileTest, ACardThatIsCutIsNotMapped) {
 }
 
 TEST_F(CardFileTest, NeitherAHostNorAUserGetsAStandardDescriptor) {
-    const pid_t child = fork();
-    if (child == 0) {
-        for (int fd = 0; fd < 3; ++fd) close(fd);
-        const CardFile user = CardFile::open(path, geteuid());
-        const CardFile host = CardFile::create(dir.Path(), 1, 0600, getegid());
-        const bool areOpen = static_cast<bool>(user) && static_cast<bool>(host);
-        for (int fd = 0; fd < 3; ++fd)
-            if (open("/dev/null", O_RDONLY) != fd) _exit(1);
-        _exit(areOpen ? 0 : 2);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(test_support::InProcessWithout(test_support::kAllStandardStreams,
+                                             [this] {
+                                                 const CardFile user = CardFile::open(path, geteuid());
+                                                 const CardFile host = CardFile::create(dir.Path(), 1, 0600, getegid());
+                                                 if (!user || !host) return 2;
+                                                 return test_support::AreStandardNumbersFree() ? 0 : 1;
+                                             }),
+              0);
 }
 
 TEST_F(CardFileTest, ACardOfAnotherOwnerIsNotOpened) {
