@@ -1,3 +1,9 @@
+# vexo_command_line(<source>...): sources that read a command line. CLI11's templates take most of their time to compile,
+# and what they do takes none.
+function(vexo_command_line)
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-O0;-g1")
+endfunction()
+
 # One interface target carries the flags that every target of the project is compiled with.
 add_library(vexo_flags INTERFACE)
 # Own headers are included by their path from the root of the tree, so that a line of code tells where it looks.
