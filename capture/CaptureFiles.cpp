@@ -5,19 +5,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "capture/StandardStreams.h"
+
 namespace capture {
 namespace {
 
 constexpr std::size_t kFlushBytes = 256 * 1024;
 constexpr unsigned kMaxNames = 1'000'000;
-constexpr int kFirstFreeDescriptor = 3;  // 0 to 2 stay the program's, even when it closed them
-
-int aboveStandardDescriptors(int fd) {
-    if (fd < 0 || fd >= kFirstFreeDescriptor) return fd;
-    const int other = ::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFreeDescriptor);
-    ::close(fd);
-    return other;
-}
 
 }  // namespace
 
@@ -70,6 +64,7 @@ std::string CaptureFiles::nameOf(unsigned number) const {
 }
 
 int CaptureFiles::createFile(std::string& name) {
+    const StandardNumbersTaken taken;
     int fd = -1;
     errno = EEXIST;
     while (fd < 0 && errno == EEXIST && m_nextNumber < kMaxNames) {
@@ -77,7 +72,7 @@ int CaptureFiles::createFile(std::string& name) {
         fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0 || errno == EEXIST) ++m_nextNumber;
     }
-    return aboveStandardDescriptors(fd);
+    return fd;
 }
 
 void CaptureFiles::openNext() {

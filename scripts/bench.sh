@@ -17,8 +17,14 @@ options=() plots=no hosted=yes
 while [ $# -gt 0 ]; do
     case $1 in
         --plots) plots=yes ;;
-        --figure*) hosted=no; options+=("$1") ;;
-        *) options+=("$1") ;;
+        --quick) options+=("$1") ;;
+        --figure)
+            [[ ${2:-} =~ ^[0-9]+$ ]] || usage_error "--figure wants a number"
+            hosted=no
+            options+=("$1" "$2")
+            shift
+            ;;
+        *) usage_error "Unknown argument $1" ;;
     esac
     shift
 done

@@ -9,6 +9,12 @@ help_if_asked() {
     esac
 }
 
+# Ends the running script because of its arguments.
+usage_error() {
+    echo "$1; see scripts/$(basename "$0") --help" >&2
+    exit 2
+}
+
 # Runs a command and keeps its output to itself unless it fails.
 quietly() {
     local log status=0
@@ -87,25 +93,43 @@ report_build() {
     end_progress
 }
 
-# Reads the output of ctest and keeps it in LOG. Shows the number of tests done, each failure with its output, and ctest's
-# summary; tests that passed are in LOG only.
+# The reasons of skipped tests, which ctest keeps to itself: from the file in which it keeps the output of every test.
+show_skip_reasons() {
+    [ -f "$1" ] || return 0
+    awk '
+        sub(/^[0-9]+\/[0-9]+ Test: /, "") { name = $0; reason = "" }
+        follows { reason = $0; follows = 0 }
+        /: Skipped$/ { follows = 1 }
+        /^skipped: / { reason = substr($0, 10) }
+        /^<end of output>$/ && reason != "" { reasons[reason] = reasons[reason] "\n    " name }
+        END { for (reason in reasons) printf "Skipped, %s:%s\n", reason, reasons[reason] }
+    ' "$1"
+}
+
+# report_tests LOG OUTPUT_OF_EACH
+# Reads the output of ctest and keeps it in LOG. Shows the number of tests done, each failure with its output, what was
+# skipped and why, and ctest's summary; tests that passed are in LOG only.
 report_tests() {
-    local log=$1 line show=yes
+    local log=$1 line show=yes summary=() skipped=no
     next_progress=$((SECONDS + 60))
     while IFS= read -r line || [ -n "$line" ]; do
         printf '%s\n' "$line" >>"$log"
-        if [[ $line =~ ^[0-9]+%\ tests\ passed ]]; then
-            show=yes
-            end_progress
+        if [ ${#summary[@]} -gt 0 ] || [[ $line =~ ^[0-9]+%\ tests\ passed ]]; then
+            summary+=("$line")
+            show=no
         elif [[ $line =~ ^\ +Start\ +[0-9]+: ]]; then
             show=no
         elif [[ $line =~ ^\ *([0-9]+)/([0-9]+)\ Test\ +# ]]; then
             show=no
             case $line in *'***'*) show=yes && end_progress ;; esac
+            case $line in *'***Skipped'*) skipped=yes ;; esac
             [ "$show" = yes ] || show_progress "  ran ${BASH_REMATCH[1]} of ${BASH_REMATCH[2]} tests"
         fi
         if [ "$show" = yes ]; then printf '%s\n' "$line"; fi
     done
+    end_progress
+    if [ "$skipped" = yes ]; then show_skip_reasons "$2" | tee -a "$log"; fi
+    if [ ${#summary[@]} -gt 0 ]; then printf '%s\n' "${summary[@]}"; fi
 }
 
 # build_preset LOG PRESET [CMAKE ARGUMENT...] [-- TARGET...]
@@ -142,6 +166,9 @@ test_preset() {
         # The user asks to see more, or for something else than a test run: that output is shown as it is.
         *' -V'* | *' --verbose '* | *' --extra-verbose '* | *' -N '* | *' --show-only'* | *' --print-labels '*)
             ctest --preset "$preset" "$@" ;;
-        *) ctest --preset "$preset" "$@" 2>&1 | report_tests "$log" ;;
+        *)
+            ctest --preset "$preset" "$@" 2>&1 |
+                report_tests "$log" "$vexo_root/build/$preset/Testing/Temporary/LastTest.log"
+            ;;
     esac
 }

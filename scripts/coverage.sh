@@ -5,6 +5,7 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 help_if_asked "$@"
+[ $# -eq 0 ] || usage_error "Unknown argument $1"
 
 need_packages "${build_packages[@]}" "${tool_packages[@]}" "${test_packages[@]}" gcovr
 log=$vexo_root/build/coverage

@@ -15,9 +15,15 @@ help_if_asked "$@"
 build=$vexo_root/build/demo built=no seconds=11
 while [ $# -gt 0 ]; do
     case $1 in
-        --built) build=$(cd "${2:?--built wants a folder}" && pwd) built=yes ;;
-        --seconds) seconds=${2:?--seconds wants a number} ;;
-        *) echo "Unknown argument $1; see scripts/demo.sh --help" >&2 && exit 2 ;;
+        --built)
+            [ -d "${2:-}" ] || usage_error "--built wants a folder"
+            build=$(cd "$2" && pwd) built=yes
+            ;;
+        --seconds)
+            [[ ${2:-} =~ ^[0-9]+$ ]] || usage_error "--seconds wants a number"
+            seconds=$2
+            ;;
+        *) usage_error "Unknown argument $1" ;;
     esac
     shift 2
 done

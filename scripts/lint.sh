@@ -8,7 +8,11 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=$root/build/release
 while [ $# -gt 0 ]; do
     case $1 in
-        --build) build=${2:?--build needs a folder}; shift 2 ;;
+        --build)
+            [ -n "${2:-}" ] || { echo "--build wants a folder; see scripts/lint.sh --help" >&2; exit 2; }
+            build=$2
+            shift 2
+            ;;
         --help) sed -n '2,4s/^# \?//p' "${BASH_SOURCE[0]}"; exit 0 ;;
         -*) sed -n '2,4s/^# \?//p' "${BASH_SOURCE[0]}" >&2; exit 2 ;;
         *) break ;;

@@ -2,6 +2,7 @@
 #include <optional>
 #include <string>
 
+#include "capture/StandardStreams.h"
 #include "sim/hw/Cards.h"
 #include "sim/hw/Hooks.h"
 
@@ -36,10 +37,10 @@ std::string hostOf(const HwCard& card) {
 
 void announceOnce(HwCard& card) {
     if (card.announced.exchange(true)) return;
-    std::fprintf(stderr,
-                 "libenyx-hw-c: SIMULATED CARD at bus %u%s, not the real thing: "
-                 "every quote is made up, none comes from an exchange.\n",
-                 card.index, hostOf(card).c_str());
+    capture::printError(
+        "libenyx-hw-c: SIMULATED CARD at bus %u%s, not the real thing: "
+        "every quote is made up, none comes from an exchange.\n",
+        card.index, hostOf(card).c_str());
 }
 
 enyx_hw_accelerator* getAccelerator(const enyx_hw_accelerator_descriptor* descriptor) {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -13,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "capture/StandardStreams.h"
 #include "sim/hw/Hooks.h"
 #include "sim/hw/HostedCard.h"
 #include "sim/hw/OwnCard.h"
@@ -69,17 +69,17 @@ std::optional<Wish> readWish() {
     if (text == "embedded") return Wish{true, false};
     if (text == "hosted") return Wish{false, true};
     if (text.substr(0, kHostedBy.size()) != kHostedBy) {
-        std::fprintf(stderr,
-                     "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded, hosted or hosted:USER: "
-                     "no simulated card.\n",
-                     variable);
+        capture::printError(
+            "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded, hosted or hosted:USER: "
+            "no simulated card.\n",
+            variable);
         return std::nullopt;
     }
     const std::string name(text.substr(kHostedBy.size()));
     const std::optional<uid_t> user = findUser(name);
     if (user) return Wish{false, true, *user};
-    std::fprintf(stderr, "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", there is no user %s: no simulated card.\n", variable,
-                 name.c_str());
+    capture::printError("libenyx-hw-c: VEXO_SIM_CARD is \"%s\", there is no user %s: no simulated card.\n", variable,
+                        name.c_str());
     return std::nullopt;
 }
 
@@ -100,7 +100,7 @@ void Cards::decide() {
     const bool found = std::any_of(std::begin(m_cards), std::end(m_cards),
                                    [](HwCard* card) { return card != nullptr; });
     if (!wish->own && !found)
-        std::fprintf(stderr, "libenyx-hw-c: no card is hosted that this user may use. Start one: vexo-simcard\n");
+        capture::printError("libenyx-hw-c: no card is hosted that this user may use. Start one: vexo-simcard\n");
     if (!wish->own || found)
         m_kind = Kind::kHosted;
     else if (makeOwn())
@@ -114,7 +114,7 @@ bool Cards::makeOwn() {
     const std::optional<scenario::Scenario> scenario = scenario::load(
         environment(kScenarioVariable), scenario::settingsOfEnvironment(environment(scenario::kSettingsVariable)),
         error);
-    if (!scenario) std::fprintf(stderr, "libenyx-hw-c: %s\nlibenyx-hw-c: no simulated card.\n", error.c_str());
+    if (!scenario) capture::printError("libenyx-hw-c: %s\nlibenyx-hw-c: no simulated card.\n", error.c_str());
     return scenario && powerOn(*scenario) == 0;
 }
 
@@ -223,7 +223,7 @@ int Cards::startReplay(const scenario::Scenario& scenario) {
     HwCard& card = m_own[scenario.bus];
     std::string problem;
     const bool replays = own(card)->replay(scenario, problem);
-    if (!problem.empty()) std::fprintf(stderr, "libenyx-hw-c: %s\n", problem.c_str());
+    if (!problem.empty()) capture::printError("libenyx-hw-c: %s\n", problem.c_str());
     if (replays) return 0;
     m_cards[scenario.bus] = nullptr;
     card.accelerator.alive = false;

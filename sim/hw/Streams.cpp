@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "capture/StandardStreams.h"
 #include "sim/hw/Hooks.h"
 #include "sim/hw/HwCard.h"
 
@@ -58,8 +59,8 @@ std::string holderOf(const HwCard& card, CardPart stream) {
 }
 
 void tellHolder(const HwCard& card, CardPart stream) {
-    std::fprintf(stderr, "libenyx-hw-c: stream CUSTOM_CHAN%u_DATA of the simulated card at bus %u is held by %s.\n",
-                 stream.channel, card.index, holderOf(card, stream).c_str());
+    capture::printError("libenyx-hw-c: stream CUSTOM_CHAN%u_DATA of the simulated card at bus %u is held by %s.\n",
+                        stream.channel, card.index, holderOf(card, stream).c_str());
 }
 
 template <typename Direction>

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "capture/Reader.h"
+#include "capture/StandardStreams.h"
 #include "capture/StreamPlace.h"
 #include "sim/card/ContractMap.h"
 
@@ -42,6 +43,7 @@ public:
 
 private:
     std::istream& openAt(const std::string& path) {
+        const capture::StandardNumbersTaken taken;
         m_stream.rdbuf()->pubsetbuf(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
         m_stream.open(path, std::ios::binary);
         return m_stream;

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "capture/StandardStreams.h"
+
 namespace vexo_sim {
 namespace {
 
@@ -72,6 +74,7 @@ void CardFile::close() {
 template <typename Accept>
 CardFile CardFile::openIf(const std::string& path, Accept accept) {
     CardFile file;
+    const capture::StandardNumbersTaken taken;
     file.m_fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
     if (file.m_fd < 0) return file;
     struct stat status {};
@@ -109,6 +112,7 @@ BlockHeader CardFile::header() const {
 CardFile CardFile::create(const std::string& directory, std::uint32_t bus, mode_t mode, gid_t group) {
     CardFile file;
     std::string path = cardPath(directory, geteuid(), bus) + kUnpublished + "XXXXXX";
+    const capture::StandardNumbersTaken taken;
     file.m_fd = mkostemp(path.data(), O_CLOEXEC);
     if (file.m_fd < 0) return file;
     file.m_path = path;

@@ -3,9 +3,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
+#include "capture/StandardStreams.h"
 #include "sim/shm/CardPlaces.h"
 
 namespace vexo_sim {
@@ -16,15 +16,15 @@ Holder SharedCard::host() const { return describeProcess(m_file.holderOf({CardPa
 void SharedCard::tellStuckHolder() {
     const std::optional<pid_t> holder = m_locks.state.stuckHolder();
     if (!holder) return;
-    std::fprintf(stderr,
-                 "%s: %s holds the simulated card at bus %u and does not go on: was it stopped? "
-                 "Until it goes on or ends, accesses fail (ETIMEDOUT).\n",
-                 m_speaker.c_str(), toText(describeProcess(*holder)).c_str(), m_block.host.bus);
+    capture::printError(
+        "%s: %s holds the simulated card at bus %u and does not go on: was it stopped? "
+        "Until it goes on or ends, accesses fail (ETIMEDOUT).\n",
+        m_speaker.c_str(), toText(describeProcess(*holder)).c_str(), m_block.host.bus);
 }
 
 void SharedCard::tellCoreHolder(pid_t holder) const {
-    std::fprintf(stderr, "%s: waiting for a core lock of the simulated card at bus %u, which %s holds.\n",
-                 m_speaker.c_str(), m_block.host.bus, toText(describeProcess(holder)).c_str());
+    capture::printError("%s: waiting for a core lock of the simulated card at bus %u, which %s holds.\n",
+                        m_speaker.c_str(), m_block.host.bus, toText(describeProcess(holder)).c_str());
 }
 
 std::unique_ptr<SharedCard> attachCard(std::uint32_t bus, uid_t user, const std::string& speaker) {
@@ -35,9 +35,9 @@ std::unique_ptr<SharedCard> attachCard(std::uint32_t bus, uid_t user, const std:
         if (!host) continue;
         if (CardBlock* block = file.map()) return std::make_unique<SharedCard>(std::move(file), *block, speaker);
         if (errno != EPROTO) continue;
-        std::fprintf(stderr, "%s: the card at bus %u is not used. Its host, %s, is %s. Restart it with this version.\n",
-                     speaker.c_str(), bus, toText(describeProcess(*host)).c_str(),
-                     describeVersion(file.header()).c_str());
+        capture::printError("%s: the card at bus %u is not used. Its host, %s, is %s. Restart it with this version.\n",
+                            speaker.c_str(), bus, toText(describeProcess(*host)).c_str(),
+                            describeVersion(file.header()).c_str());
     }
     return nullptr;
 }

@@ -1,7 +1,6 @@
 #include "src/config/IniFile.h"
 
 #include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -11,6 +10,7 @@
 #include <utility>
 
 #include "src/config/IniSource.h"
+#include "src/util/StandardStreams.h"
 
 namespace {
 
@@ -153,15 +153,15 @@ bool Reader::read() {
 
 bool Reader::isTooLong(std::size_t length) {
     if (m_line[length - 1] == '\n' || m_source.isAtEnd()) return false;
-    std::fprintf(stderr, "iniparser: input line too long in %s (%d)\n", m_path.c_str(), m_number);
+    standard_streams::printError("iniparser: input line too long in %s (%d)\n", m_path.c_str(), m_number);
     return true;
 }
 
 bool Reader::takeLine(std::string_view line) {
     const std::string_view text = stripped(line);
     if (text.empty() || text[0] == '#' || text[0] == ';' || takeEntry(text)) return true;
-    std::fprintf(stderr, "iniparser: syntax error in %s (%d):\n-> %.*s\n", m_path.c_str(), m_number,
-                 static_cast<int>(line.size()), line.data());
+    standard_streams::printError("iniparser: syntax error in %s (%d):\n-> %.*s\n", m_path.c_str(), m_number,
+                                 static_cast<int>(line.size()), line.data());
     return false;
 }
 
@@ -186,7 +186,7 @@ dictionary* loadIniFile(const std::string& path, const char*& refusal) {
     refusal = nullptr;
     IniSource source;
     if (!source.open(path.c_str())) {
-        std::fprintf(stderr, "iniparser: cannot open %s\n", path.c_str());
+        standard_streams::printError("iniparser: cannot open %s\n", path.c_str());
         return nullptr;
     }
     Reader reader(path, source);

@@ -51,4 +51,12 @@ int print(const char* format, ...) {
     return length;
 }
 
+void printError(const char* format, ...) {
+    if (!isOurs(STDERR_FILENO)) return;
+    std::va_list args;
+    va_start(args, format);
+    std::vfprintf(stderr, format, args);
+    va_end(args);
+}
+
 }  // namespace standard_streams

@@ -30,4 +30,7 @@ void noteClosed(int fd);
 /// @return what printf returns, or the length that the text would have had
 int print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+/// The same to standard error.
+void printError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 }  // namespace standard_streams

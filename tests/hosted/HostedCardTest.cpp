@@ -71,6 +71,20 @@ TEST_F(HostedCard, KeepsWhatAnotherProcessWrote) {
     EXPECT_EQ(date, 20310305U);
 }
 
+// The card's file must not get the number of the closed stream: what the card's library says would stand in its header.
+TEST_F(HostedCard, IsNotSpoiledByAUserWhoseStandardErrorIsClosed) {
+    const Process host = StartHost({});
+    Process user({"/bin/sh", "-c", "exec '" VEXO_CARD_USER "' write 262 20310305 2>&-"});
+    EXPECT_EQ(user.Wait(), 0);
+    EXPECT_NE(StatusJson(), "");
+}
+
+TEST_F(HostedCard, SaysNothingIntoAFileInThePlaceOfAClosedStandardError) {
+    const Process host = StartHost({});
+    Process user({"/bin/sh", "-c", "exec '" VEXO_CARD_USER "' log '" + directory.Path() + "/log' 2>&-"});
+    EXPECT_EQ(user.Wait(), 0);
+}
+
 TEST_F(HostedCard, SendsTheQuotesOfItsMasks) {
     const Process host = StartHost({});
     enyx_hw_core* core = OpenRegisters(0);

@@ -6,8 +6,10 @@
 //     card_user take-turns COUNT    changes registers under the core lock; fails when another process was in between
 //     card_user receive COUNT       receives so many packets on channel 0
 //     card_user quotes COUNT        the same, after it has set the quotes of 50 rows going
+//     card_user log FILE            opens a file of its own, then the registers; fails when anything is in the file
 //     card_user abuse SEED          uses everything in turn, for ever; ends only on an error
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -83,6 +85,12 @@ int Receive(bool startQuotes, unsigned count) {
     return 0;
 }
 
+int KeepOwnFile(const char* path) {
+    const int own = open(path, O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (OpenRegisters(0) == nullptr) return errno;
+    return lseek(own, 0, SEEK_END) == 0 ? 0 : 1;
+}
+
 // The host may come and go meanwhile: then it waits for the next one, as its register space is the dead card's.
 [[noreturn]] void Abuse(unsigned seed) {
     std::mt19937 random(seed);
@@ -105,6 +113,7 @@ int main(int argc, char** argv) {
     if (what == "hold" && argc == 3 && OpenStream(0, Number(argv[2])) != nullptr) Keep();
     if (what == "take-turns" && argc == 3) return TakeTurns(Number(argv[2]));
     if ((what == "quotes" || what == "receive") && argc == 3) return Receive(what == "quotes", Number(argv[2]));
+    if (what == "log" && argc == 3) return KeepOwnFile(argv[2]);
     enyx_hw_core* core = OpenRegisters(0);
     if (core == nullptr) return errno;
     if (what == "write" && argc == 4) return Write(core, Number(argv[2]), Number(argv[3])) == 0 ? 0 : errno;

@@ -20,6 +20,7 @@ run() {  # COMMANDS in a shell with common.sh
     PATH=$work/bin:$PATH bash -euc "set -o pipefail; source '$sources/scripts/common.sh'; $1" >"$work/out" 2>&1 || status=$?
 }
 says() { grep -q -F -e "$1" "$work/out" || fail "not said: $1"; }
+says_lines() { case $(cat "$work/out") in *"$1"*) ;; *) fail "not said: $1" ;; esac; }
 says_not() { if grep -q -F -e "$1" "$work/out"; then fail "said: $1"; fi; }
 
 case $case in
@@ -59,6 +60,29 @@ help)
         says "scripts/$(basename "$script")"
     done
     ;;
+wrong_options)
+    # Refused before anything is installed or built.
+    while read -r words; do
+        status=0
+        # shellcheck disable=SC2086  # words on purpose
+        "$sources"/scripts/$words >"$work/out" 2>&1 </dev/null || status=$?
+        [ "$status" -eq 2 ] || fail "$words ended with $status"
+        says "scripts/${words%%.sh*}.sh"
+    done <<'WORDS'
+demo.sh --nonsense
+demo.sh --seconds
+demo.sh --seconds soon
+demo.sh --built
+demo.sh --built /nowhere
+bench.sh --nonsense
+bench.sh --figure
+bench.sh --figure all
+coverage.sh --nonsense
+format.sh --nonsense
+lint.sh --nonsense
+lint.sh --build
+WORDS
+    ;;
 test_report)
     program ctest <<'OUTPUT'
 cat <<'TEXT'
@@ -77,15 +101,81 @@ Total Test time (real) =   0.03 sec
 TEXT
 exit 8
 OUTPUT
-    run "test_preset $work/log release"
+    mkdir -p "$work/build/release/Testing/Temporary"
+    cat >"$work/build/release/Testing/Temporary/LastTest.log" <<'TEXT'
+3/3 Testing: Left
+3/3 Test: Left
+Output:
+----------------------------------------------------------
+[ RUN      ] Left
+/some/where/LeftTest.cpp:12: Skipped
+there are no terminals here
+
+[  SKIPPED ] Left (0 ms)
+<end of output>
+Test time =   0.01 sec
+----------------------------------------------------------
+Test Pass Reason:
+Skip regular expression found in output. Regex=[\[  SKIPPED \]]
+4/5 Testing: Alone
+4/5 Test: Alone
+Output:
+skipped: only root can do that
+<end of output>
+Test Passed.
+5/5 Testing: Other
+5/5 Test: Other
+Output:
+[ RUN      ] Other
+/some/where/LeftTest.cpp:40: Skipped
+there are no terminals here
+<end of output>
+Test Pass Reason:
+Skip regular expression found in output. Regex=[\[  SKIPPED \]]
+6/6 Testing: Good
+6/6 Test: Good
+Output:
+[ RUN      ] Good
+<end of output>
+Test Passed.
+TEXT
+    run "vexo_root=$work; test_preset $work/log release"
     [ "$status" -eq 8 ] || fail "ctest's status 8 became $status"
     says_not '#1: Good'
     says '#2: Bad'
     says 'what went wrong'
     says '***Skipped'
+    says_lines $'Skipped, there are no terminals here:\n    Left\n    Other\n'
+    says_lines $'Skipped, only root can do that:\n    Alone\n'
+    says_not 'Good'
     [ "$(tail -n 1 "$work/out")" = 'Total Test time (real) =   0.03 sec' ] || fail "ctest's last line is not the last"
     says '50% tests passed, 1 tests failed out of 3'
     grep -q '#1: Good' "$work/log" || fail "the log does not have the whole output"
+    ;;
+progress)
+    # A line a minute; on a terminal always the same line.
+    run 'unset SECONDS; SECONDS=0; on_terminal() { false; }
+         show_progress first; show_progress second; SECONDS=60; show_progress third'
+    [ "$(cat "$work/out")" = $'first\nthird' ] || fail "not a line a minute"
+    run 'on_terminal() { true; }; show_progress first; show_progress second; end_progress'
+    [ "$(cat "$work/out")" = $'\r\033[Kfirst\r\033[Ksecond\r\033[K' ] || fail "not always the same line"
+    run 'on_terminal() { true; }; echo "[3/7] Building" | report_build '"$work/log"
+    says 'built 3 of 7 steps'
+    run 'on_terminal() { true; }; echo " 3/7 Test  #3: Good ....   Passed    0.01 sec" | report_tests '"$work/log $work/none"
+    says 'ran 3 of 7 tests'
+    ;;
+demo_folder)
+    # A project of one target in the place of the sources: which build folder does the demo make?
+    mkdir -p "$work/tree/run"
+    cp -r "$sources/scripts" "$sources/CMakePresets.json" "$work/tree"
+    printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(demo NONE)' 'add_custom_target(quote_printer)' \
+        >"$work/tree/CMakeLists.txt"
+    program dpkg-query <<<'echo install ok installed'
+    status=0
+    PATH=$work/bin:$PATH VEXO_DEMO_DIR=$work/run "$work/tree/scripts/demo.sh" >"$work/out" 2>&1 || status=$?
+    [ -f "$work/tree/build/demo/CMakeCache.txt" ] || fail "the demo did not build in build/demo: $status"
+    [ ! -e "$work/tree/build/release" ] || fail "the demo touched build/release"
+    grep -q '^BUILD_TESTING:[A-Z]*=OFF' "$work/tree/build/demo/CMakeCache.txt" || fail "the demo builds tests"
     ;;
 build_report)
     program cmake <<'OUTPUT'

@@ -62,6 +62,15 @@ unreadable)
     says 'Contract map: learned from the card.*; the library could not write the day file'
     if grep -e '^grep:' "$work/out"; then fail "grep complains"; fi
     ;;
+wrong_options)
+    for words in "" "--nonsense" "a.ini --quotes" "a.ini --quotes many" "a.ini --seconds -1" "a.ini b.ini"; do
+        status=0
+        # shellcheck disable=SC2086  # words on purpose
+        "$build/bin/quote_printer" $words >"$work/out" 2>&1 || status=$?
+        [ "$status" -eq 2 ] || fail "quote_printer $words ended with $status"
+        says '^usage: quote_printer INI'
+    done
+    ;;
 live)
     # The demo's quotes arrive while it runs: a line of totals is there before the program has ended.
     LD_PRELOAD=$work/preload.so "$sources/scripts/demo.sh" --built "$build" --seconds 5 >"$work/out" 2>&1 &

@@ -1,11 +1,12 @@
 #pragma once
 
-#include <cstdio>
 #include <string>
+
+#include "capture/StandardStreams.h"
 
 namespace tap {
 
 /// Writes one line to standard error. Standard output is the application's.
-inline void report(const std::string& line) { std::fprintf(stderr, "vexo tap: %s\n", line.c_str()); }
+inline void report(const std::string& line) { capture::printError("vexo tap: %s\n", line.c_str()); }
 
 }  // namespace tap

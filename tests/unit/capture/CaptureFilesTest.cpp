@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "capture/CaptureFiles.h"
+#include "tests/support/StandardStreams.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
 
@@ -81,6 +82,17 @@ TEST_F(CaptureFilesTest, AreReadableAfterAFlushWithoutHavingBeenClosed) {
     const ReadFile file = read("a.pcapng");
     EXPECT_FALSE(file.damage);
     EXPECT_THAT(file.packets, SizeIs(1));
+}
+
+TEST_F(CaptureFilesTest, NeverGetAStandardDescriptor) {
+    EXPECT_EQ(test_support::InProcessWithout(test_support::kAllStandardStreams,
+                                             [this] {
+                                                 CaptureFiles files(settings("a.pcapng"));
+                                                 files.addInterface({kStreamLink, "channel 3", ""}, 1);
+                                                 if (!exists("a.pcapng")) return 2;
+                                                 return test_support::AreStandardNumbersFree() ? 0 : 1;
+                                             }),
+              0);
 }
 
 TEST_F(CaptureFilesTest, NoFileIsEverOverwritten) {

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include "tests/support/TimeZone.h"
+
 namespace {
 
 using testing::ElementsAre;
@@ -203,6 +205,17 @@ TEST_F(ResetDecision, TimeOfTheCardThatCannotBeReadIsLogged) {
 
     ExpectTimeline({"R 0x106", "INFO First time read fpga date:DATE, system date:DATE.", "R 0x106", "R 0x104",
                     "R 0x105", "ERROR [channel:0] 2 Unable to read time stamp !", "R 0x106"});
+}
+
+TEST_F(ResetDecision, ATimeZoneThatIsSetWithoutTzsetMovesTheTimesOfDay) {
+    const test_support::TimeZone zone("UTC0");
+    SetClock(8, 30, 0);
+    SetCounters(Counters::kStanding);
+    EXPECT_FALSE(Decide());
+
+    const test_support::TimeZone oneHourWest("YST1");
+
+    EXPECT_TRUE(Decide());
 }
 
 // ---- the card's date ----

@@ -1,3 +1,4 @@
+#include "tests/support/TimeZone.h"
 #include "tests/unit/dayfile/DayFileFixture.h"
 
 namespace {
@@ -35,6 +36,23 @@ TEST(DayFilePath, HasTwoDigitsForMonthAndDay) {
 
     EXPECT_THAT(LogOf([&bin] { bin.CheckOrLoadBinFile(); }),
                 ElementsAre("INFO bin file is not exists , [/tmp/.zce_20941231_am]."));
+}
+
+TEST(DayFilePath, FollowsATimeZoneThatIsSetWithoutTzset) {
+    InstMap insts;
+    CBrixBinFile bin(insts, 0);
+    test_support::FakeTime clock;
+    clock.SetEpoch(3886963200);  // 2093-03-04 00:00:00 UTC
+    std::vector<std::string> log;
+
+    for (const char* name : {"UTC0", "XST-18", "YST1"}) {
+        const test_support::TimeZone zone(name);
+        for (const std::string& line : LogOf([&bin] { bin.CheckOrLoadBinFile(); })) log.push_back(line);
+    }
+
+    EXPECT_THAT(log, ElementsAre("INFO bin file is not exists , [/tmp/.zce_20930304_am].",
+                                 "INFO bin file is not exists , [/tmp/.zce_20930304_pm].",
+                                 "INFO bin file is not exists , [/tmp/.zce_20930303_pm]."));
 }
 
 TEST_F(DayFileLoad, EachHalfDayLoadsItsOwnFile) {

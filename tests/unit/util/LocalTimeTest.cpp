@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <mutex>
-#include <string>
 #include <thread>
 
 #include "VexoZceUtil.h"
@@ -14,29 +12,19 @@
 #include "src/util/LocalTime.h"
 #include "tests/support/FakeTime.h"
 #include "tests/support/Sanitizers.h"
+#include "tests/support/TimeZone.h"
 
 namespace {
 
 using test_support::FakeTime;
-
-/// TZ while it lives, set as an application does that does not call tzset().
-class ZoneName {
-public:
-    explicit ZoneName(const char* name) : m_old(::getenv("TZ")) { ::setenv("TZ", name, 1); }
-    ~ZoneName() { ::setenv("TZ", m_old.c_str(), 1); }
-    ZoneName(const ZoneName&) = delete;
-    ZoneName& operator=(const ZoneName&) = delete;
-
-private:
-    std::string m_old;
-};
+using test_support::TimeZone;
 
 TEST(LocalTime, ATimeZoneThatIsSetWithoutTzsetShowsAtOnce) {
     FakeTime clock;
     clock.SetEpoch(1741039200);  // 2025-03-03 22:00:00 UTC
     local_time::now();
 
-    const ZoneName zone("XST-9");
+    const TimeZone zone("XST-9");
 
     EXPECT_EQ(local_time::date(local_time::now()), 20250304u);
     EXPECT_EQ(local_time::timeOfDay(local_time::now()), 70000u);
@@ -45,7 +33,7 @@ TEST(LocalTime, ATimeZoneThatIsSetWithoutTzsetShowsAtOnce) {
 TEST(LocalTime, TheExportedFunctionsShowTheSameZone) {
     FakeTime clock;
     clock.SetEpoch(1741039200);
-    const ZoneName zone("XST-9");
+    const TimeZone zone("XST-9");
     unsigned long day = 20250303;
 
     EXPECT_EQ(CheckIsRotateDay(day), 1u);

@@ -9,24 +9,12 @@
 #include <cerrno>
 #include <functional>
 
+#include "tests/support/StandardStreams.h"
 #include "tests/support/TempDir.h"
 
 namespace {
 
-/// The exit status of a child process that closes a subset of its standard streams, bit n for descriptor n, and then
-/// acts.
-int InProcessWithout(unsigned int streams, const std::function<int()>& act) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        for (int fd = 0; fd < 3; ++fd) {
-            if ((streams >> fd & 1) != 0) ::close(fd);
-        }
-        ::_exit(act());
-    }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using test_support::InProcessWithout;
 
 /// Which of the standard streams are open, bit n for descriptor n.
 unsigned int OpenStreams() {

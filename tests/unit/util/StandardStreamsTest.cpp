@@ -11,6 +11,7 @@
 #include "VexoZceUtil.h"
 #include "src/util/StandardStreams.h"
 #include "tests/support/CaptureOutput.h"
+#include "tests/support/StandardStreams.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -19,15 +20,7 @@ using testing::IsEmpty;
 
 /// Runs @p body in a fork without descriptors 0 to 2. @return its result
 int WithoutStandardStreams(const std::function<int()>& body) {
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        for (int fd = 0; fd < 3; ++fd) ::close(fd);
-        ::_exit(body());
-    }
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return test_support::InProcessWithout(test_support::kAllStandardStreams, body);
 }
 
 /// The number that the next open() gets.
@@ -65,6 +58,19 @@ TEST_F(StandardStreams, NothingIsPrintedOnceStandardOutputWasFoundClosed) {
                   return length;
               }),
               static_cast<int>(sizeof "Invalid CPU 1024 > CPU_SETSIZE(1024), WE don't bind to anycore." - 1));
+    EXPECT_THAT(dir.Read("data"), IsEmpty());
+}
+
+TEST_F(StandardStreams, NothingIsPrintedOnceStandardErrorWasFoundClosed) {
+    EXPECT_EQ(WithoutStandardStreams([] {
+                  standard_streams::noteClosed();
+                  ::open("/dev/null", O_RDONLY);
+                  ::open("/dev/null", O_RDONLY);
+                  const bool isError = ::open("data", O_WRONLY | O_CREAT, 0600) == STDERR_FILENO;
+                  standard_streams::printError("text");
+                  return isError ? 0 : 1;
+              }),
+              0);
     EXPECT_THAT(dir.Read("data"), IsEmpty());
 }
 

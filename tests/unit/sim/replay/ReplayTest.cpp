@@ -7,6 +7,7 @@
 #include "capture/CaptureFiles.h"
 #include "capture/StreamPlace.h"
 #include "sim/card/PacketFaults.h"
+#include "tests/support/StandardStreams.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
 #include "tests/unit/sim/card/CardFixture.h"
@@ -116,6 +117,17 @@ TEST_F(ReplayTest, DeliversEachChannelsPacketsAtTheirOriginalPace) {
     EXPECT_THAT(at(600, 0), ElementsAre(3));
     EXPECT_EQ(replay.nextDue(), kNever);
     EXPECT_TRUE(replay.isFinished());
+}
+
+TEST_F(ReplayTest, ItsFileNeverGetsAStandardDescriptor) {
+    const std::string path = write({{"channel 0", 0}, {"channel 0", 1000}});
+    const auto replayBegun = [&] {
+        if (!open(path)) return 2;
+        card.openUp(0);
+        if (at(500, 0).size() != 1 || replay.isFinished()) return 3;  // the file is still open
+        return test_support::AreStandardNumbersFree() ? 0 : 1;
+    };
+    EXPECT_EQ(test_support::InProcessWithout(test_support::kAllStandardStreams, replayBegun), 0);
 }
 
 TEST_F(ReplayTest, AChannelsPacketsBeginWhenItsStreamIsOpened) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <random>
 
+#include "tests/support/StandardStreams.h"
 #include "tests/unit/sim/shm/ShmFixture.h"
 
 namespace vexo_sim {
@@ -45,6 +46,17 @@ TEST_F(CardFileTest, ACardThatIsCutIsNotMapped) {
         ASSERT_EQ(truncate(path.c_str(), size), 0);
         EXPECT_FALSE(CardFile::open(path, geteuid()));
     }
+}
+
+TEST_F(CardFileTest, NeitherAHostNorAUserGetsAStandardDescriptor) {
+    EXPECT_EQ(test_support::InProcessWithout(test_support::kAllStandardStreams,
+                                             [this] {
+                                                 const CardFile user = CardFile::open(path, geteuid());
+                                                 const CardFile host = CardFile::create(dir.Path(), 1, 0600, getegid());
+                                                 if (!user || !host) return 2;
+                                                 return test_support::AreStandardNumbersFree() ? 0 : 1;
+                                             }),
+              0);
 }
 
 TEST_F(CardFileTest, ACardOfAnotherOwnerIsNotOpened) {
