@@ -39,6 +39,5 @@ fi
 if [ $# -gt 0 ]; then
     printf '%s\0' "$@"
 else
-    cd "$root"
-    find src capture sim tools -name '*.cpp' -print0
+    find "$root/src" "$root/capture" "$root/sim" "$root/tools" -name '*.cpp' -print0
 fi | xargs -0 -P "$(nproc)" -n 1 "$tidy" -p "$build" --quiet
