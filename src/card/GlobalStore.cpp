@@ -78,8 +78,7 @@ void CZceFpgaServ::SubsFromGlobInsts() {
              count(combineChanBits));
     if (oneLegChanBits.empty() && combineChanBits.empty()) {
         LOG_INFO(
-            "Warning !! The number of contracts that comply with the subscription rules is 0. You subscribe no "
-            "contract !!");
+            "Warning !! The number of contracts that comply with the subscription rules is 0. You subscribe no contract !!");
     }
     for (const auto& [index, mask] : oneLegChanBits) SubsOneInst(card_reg::kSingleLegTable, index, mask);
     for (const auto& [index, mask] : combineChanBits) SubsOneInst(card_reg::kCombinationTable, index, mask);

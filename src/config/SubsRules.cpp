@@ -33,13 +33,6 @@ void logInsts(const ZceSubsInfo_t& info, std::uint32_t channel) {
     for (const std::string& cls : info.m_SubsContractClass) LOG_INFO("[channel:%d] subClass:%s,", number, cls.c_str());
 }
 
-// Whether a channel's key for a kind of contract says that it receives them.
-bool receives(std::uint32_t channel, const char* key, const std::string& value) {
-    const bool isReceived = value == kReceive;
-    LOG_INFO("[channel:%d] %s=%s", static_cast<int>(channel), key, isReceived ? "recv" : "norecv");
-    return isReceived;
-}
-
 }  // namespace
 
 std::uint32_t CZceConfigFile::ParseSubsInst() {
@@ -69,19 +62,35 @@ bool CZceConfigFile::parseChannelInsts(std::uint32_t channel) {
         return false;
     }
     info.strOptions = options;
-    if (receives(channel, "options", info.strOptions)) info.bOptionsRecv = true;
+    if (info.strOptions == kReceive) {
+        info.bOptionsRecv = true;
+        LOG_INFO("[channel:%d] options=recv", number);
+    } else {
+        LOG_INFO("[channel:%d] options=norecv", number);
+    }
     return true;
 }
 
 void CZceConfigFile::parseCombinationRules(std::uint32_t channel) {
     ZceSubsInfo_t& info = m_stSubsInfo[channel];
+    const auto number = static_cast<int>(channel);
     if (const char* ips = getString(channelKey(channel, "ips").c_str())) {
         info.strIps = ips;
-        if (receives(channel, "ips", info.strIps)) info.bIpsRecv = true;
+        if (info.strIps == kReceive) {
+            info.bIpsRecv = true;
+            LOG_INFO("[channel:%d] ips=recv", number);
+        } else {
+            LOG_INFO("[channel:%d] ips=norecv", number);
+        }
     }
     if (const char* spd = getString(channelKey(channel, "spd").c_str())) {
         info.strSpd = spd;
-        if (receives(channel, "spd", info.strSpd)) info.bSpdRecv = true;
+        if (info.strSpd == kReceive) {
+            info.bSpdRecv = true;
+            LOG_INFO("[channel:%d] spd=recv", number);
+        } else {
+            LOG_INFO("[channel:%d] spd=norecv", number);
+        }
         LOG_INFO("--------------------------------------------------------");
     }
 }
