@@ -20,10 +20,6 @@ public:
         std::memcpy(m_buf + m_pos, text, length);
         m_pos += length;
     }
-    /// The same for a text of a few characters.
-    void appendShort(const char* text) {
-        while (*text != '\0') append(*text++);
-    }
     /// Begins an empty line with a head, whose first characters are @p start instead. The line must have room for it.
     template <std::size_t kHead, std::size_t kStart>
     void begin(const char* head, const char* start) {

@@ -8,9 +8,11 @@
 class LocalSecond {
 public:
     static constexpr std::size_t kTextSize = 17;
-    /// "[level  ][YYYYMMDD-HH:MM:SS][", the beginning of a line up to its tag. The caller sets the level.
+    /// "[level  ][YYYYMMDD-HH:MM:SS][fpga]", what stands before the message in nearly all lines. The caller sets the
+    /// level.
+    static constexpr char kTag[] = "fpga";
     static constexpr std::size_t kLevelSize = 9;
-    static constexpr std::size_t kHeadSize = kLevelSize + 1 + kTextSize + 2;
+    static constexpr std::size_t kHeadSize = kLevelSize + 1 + kTextSize + 1 + sizeof kTag + 1;
 
     /// Breaks @p when down in the process's time zone. A changed TZ takes effect in the next second. If the application
     /// calls tzset(), it takes effect at once, except between zones of the same name and standard offset.
@@ -46,7 +48,7 @@ private:
     bool breakDown(std::time_t when);
 
     std::time_t m_when = 0;
-    char m_head[kHeadSize + 3] = "[       ][YYYYMMDD-HH:MM:SS][";
+    char m_head[kHeadSize + 1] = "[       ][YYYYMMDD-HH:MM:SS][fpga]";
     bool m_isKnown = false;
     bool m_isNewZone = false;
     long m_date = 0;

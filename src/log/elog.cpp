@@ -113,10 +113,9 @@ inline bool stampTime(LocalSecond& second) {
 
 // The prefix of nearly all lines, for the usual settings only. @return false when the line needs another prefix
 inline bool beginBriefLine(LineBuilder& text, LocalSecond& second, std::uint8_t level, const char* tag) {
-    if (elog.format_masks[level].load(std::memory_order_relaxed) != kBriefFormat || !stampTime(second)) return false;
+    if (elog.format_masks[level].load(std::memory_order_relaxed) != kBriefFormat) return false;
+    if (std::strcmp(tag, LocalSecond::kTag) != 0 || !stampTime(second)) return false;
     text.begin<LocalSecond::kHeadSize, kLevelTagSize>(second.head(), level_output_info[level]);
-    text.appendShort(tag);
-    text.append(']');
     return true;
 }
 
