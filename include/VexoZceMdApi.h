@@ -39,20 +39,23 @@ public:
     virtual int VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) = 0;
 
     /// Starts the channel: opens the log fpga_YYYYMMDD.log in the working directory, reads the configuration, pins
-    /// the calling thread to its CPU; on channel 0 also checks, programs and perhaps resets the card (seconds), and
-    /// restores or begins to learn the instrument map. Opens the DMA stream.
+    /// the calling thread to its CPU; on channel 0 also resets, checks and programs the card (seconds), and restores or
+    /// begins to learn the instrument map. Opens the DMA stream.
     /// May be called once per object.
     /// @param spi      receives the market data; not owned, must outlive this object
-    /// @param cfgPath  ini file
+    /// @param cfgPath  ini file; null counts as a failure, and only standard output says so
     /// @return 0 on success; -1 when the log could not be opened (the reason is on standard error and standard
-    ///         output). Every other failure is logged and ends the process with exit status 0.
+    ///         output). A later call then starts without a log. Every other failure is logged and ends the process with
+    ///         exit status 0.
+    /// @throw  std::bad_alloc when memory is short
     /// The handlers of SIGINT and SIGTERM are installed, and SIGPIPE ignored, with the first market-data packet;
     /// until then these signals have the effect that the application gave them.
     virtual int VexoStart(IVexoZceMdSpi& spi, const char* cfgPath) = 0;
 
-    /// Polls the stream once and handles at most one packet. Never blocks.
-    /// @return 1 when a market-data packet reached the callbacks, 0 when there was none, -1 after a stop signal or
-    ///         without a VexoStart that returned 0
+    /// Polls the stream once and handles at most one packet. Does not wait for one. On channel 0 a packet of the
+    /// contract map may take longer than a quote: it writes the card's registers and the day file.
+    /// @return 1 when a market-data packet reached the callbacks, 0 when there was no packet or another one, -1 after a
+    ///         stop signal or without a VexoStart that returned 0
     virtual int VexoRecv() = 0;
 
     /// Makes an API object; the first one in the process also makes the card's register driver. From one thread only.

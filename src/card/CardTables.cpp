@@ -46,13 +46,13 @@ void CZceFpgaServ::SubsOneInst(std::uint8_t type, std::uint16_t index, std::uint
 void CZceFpgaServ::writeMask(std::uint8_t type, std::uint16_t index, std::uint16_t mask, const std::string& name) {
     if (index > kHighestIndex) {
         // Still written below: operators rely on the error line, the card ignores the row.
-        LOG_ERROR("Subscribes:Write to fpga failed ! :chanbit:0x%x, index:%u, instId:%s", mask, index,
-                  oneLegNames[index].c_str());
+        LOG_ERROR_IN("SubsOneInst", "Subscribes:Write to fpga failed ! :chanbit:0x%x, index:%u, instId:%s", mask, index,
+                     oneLegNames[index].c_str());
     }
     const card_reg::TableRegisters& table = registersOf(type);
     driver->WriteInt32_LogWithRead(table.data, mask);
     driver->WriteInt32_LogWithRead(table.command, rowAddress(index));
-    LOG_INFO("Subscribes:Write to fpga:chanbit:0x%x, index:%u, instId:%s", mask, index, name.c_str());
+    LOG_INFO_IN("SubsOneInst", "Subscribes:Write to fpga:chanbit:0x%x, index:%u, instId:%s", mask, index, name.c_str());
 }
 
 void CZceFpgaServ::SubsOneInstWithName(std::uint8_t type, const std::string& id, std::uint16_t index) {

@@ -126,8 +126,8 @@ void CZceFpgaServ::fetchRow(std::uint8_t type, std::uint32_t row, std::string& p
         }
         instIdToIndex[id] = static_cast<unsigned short>(row);
         if (attempt >= 2) {
-            LOG_WARN("current read fpga %u time, and this is equal previous, current inst id:%s ",
-                     static_cast<unsigned int>(attempt), id.c_str());
+            LOG_WARN_IN("FetchAllInst", "current read fpga %u time, and this is equal previous, current inst id:%s ",
+                        static_cast<unsigned int>(attempt), id.c_str());
         }
         return;
     }

@@ -175,23 +175,24 @@ int CZceDmaChanImpl::CheckConfigInst() {
 // settles the channels behind this one too.
 int CZceDmaChanImpl::checkConfigOfChannel(std::uint32_t chan, bool& allReceived) {
     const Vexo2_U50::ZceSubsInfo_t& rules = m_pCfgFile->getArrayReference()[chan];
-    LOG_INFO("channel is %d, m_SubsContractClass size is %d, m_SubsContractId is %d.", static_cast<int>(chan),
-             static_cast<int>(rules.m_SubsContractClass.size()), static_cast<int>(rules.m_SubsContractId.size()));
+    LOG_INFO_IN("CheckConfigInst", "channel is %d, m_SubsContractClass size is %d, m_SubsContractId is %d.",
+                static_cast<int>(chan), static_cast<int>(rules.m_SubsContractClass.size()),
+                static_cast<int>(rules.m_SubsContractId.size()));
     for (const std::string& cls : rules.m_SubsContractClass) {
         if (cls == "all") {
             allReceived = m_ulParsedCnt > kAllReceivedCount;
             if (allReceived) return 0;
-            LOG_INFO("all inst not recv success, inst type is %s.", cls.c_str());
+            LOG_INFO_IN("CheckConfigInst", "all inst not recv success, inst type is %s.", cls.c_str());
             return -2;
         }
         if (!contains(m_vecRecvClass, cls)) {
-            LOG_INFO("Prefix is %s.", cls.c_str());
+            LOG_INFO_IN("CheckConfigInst", "Prefix is %s.", cls.c_str());
             return -1;
         }
     }
     for (const std::string& id : rules.m_SubsContractId) {
         if (m_mapInstIdx.find(id) != m_mapInstIdx.end()) continue;
-        LOG_INFO("instId is %s .", id.c_str());
+        LOG_INFO_IN("CheckConfigInst", "instId is %s .", id.c_str());
         return -2;
     }
     return 0;

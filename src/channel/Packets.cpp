@@ -66,7 +66,7 @@ int CZceDmaChanImpl::rejectShortPacket(unsigned int len) {
 }
 
 int CZceDmaChanImpl::rejectUnknownPacket(const unsigned char* pkt, unsigned int len) {
-    LOG_ERROR("Unsupported dma type, type:%u.", packet::typeOf(pkt));
+    LOG_ERROR_IN("HandleUpSubsResult", "Unsupported dma type, type:%u.", packet::typeOf(pkt));
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::string dump;  // written at once: other threads' lines stay out of it
     for (unsigned int i = 0; i < len; ++i) {

@@ -84,19 +84,19 @@ int CZceDmaChanImpl::Init(Vexo2_U50::ZceDmaInitParms_t* /*parms*/) {
 int CZceDmaChanImpl::createServices() {
     m_pFpgaServ = new (std::nothrow) Vexo2_U50::CZceFpgaServ(m_mapInstIdx, m_uiChannel);
     if (m_pFpgaServ == nullptr) {
-        LOG_ERROR("New fpga service fail");
+        LOG_ERROR_IN("Init", "New fpga service fail");
         return -1;
     }
     m_pFpgaServ->Init(m_pDrv);
     m_pBinFile = new (std::nothrow) CBrixBinFile(m_mapInstIdx, m_uiChannel);
     if (m_pBinFile == nullptr) {
-        LOG_ERROR("New bin file service fail");
+        LOG_ERROR_IN("Init", "New bin file service fail");
         return -1;
     }
     m_pContractServ = new (std::nothrow) Vexo2_U50::CContractServ(m_mapInstIdx, m_pCfgFile, m_pBinFile, m_pFpgaServ,
                                                                   m_uiChannel, m_pCfgFile->getArrayReference());
     if (m_pContractServ == nullptr) {
-        LOG_ERROR("New contract service fail");
+        LOG_ERROR_IN("Init", "New contract service fail");
         return -1;
     }
     return 0;
@@ -142,7 +142,7 @@ bool CZceDmaChanImpl::isResetDue() {
     std::uint32_t fpgaDate = 0;
     std::uint32_t sysDate = 0;
     const bool today = m_pFpgaServ->bDataEqual(&fpgaDate, &sysDate);
-    LOG_INFO("First time read fpga date:%u, system date:%u.", fpgaDate, sysDate);
+    LOG_INFO_IN("ChkAndRst", "First time read fpga date:%u, system date:%u.", fpgaDate, sysDate);
     if (!today) return true;
 
     const std::uint32_t t = m_pFpgaServ->GetRealTime();

@@ -3,7 +3,6 @@
 #include <sched.h>
 #include <algorithm>
 #include <cctype>
-#include <climits>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -25,11 +24,6 @@ constexpr std::uint32_t kMaxBus = 4;
 constexpr int kDefaultBinDelay = 15;  // minutes
 constexpr int kNoCpu = -1;
 constexpr std::size_t kChannelNameSize = sizeof "CUSTOM_CHAN15_DATA";
-
-// Narrows a number of `config:device`. One that does not fit must not become a valid bus or channel.
-std::uint32_t narrow(long number) {
-    return number >= INT_MIN && number <= INT_MAX ? static_cast<std::uint32_t>(number) : kFailure;
-}
 
 }  // namespace
 
@@ -63,8 +57,8 @@ std::uint32_t CZceConfigFile::Init() {
 
 std::uint32_t CZceConfigFile::refuse(const char* why) {
     iniparser_freedict(std::exchange(m_pDict, nullptr));
-    if (why != nullptr) LOG_ERROR("config file %s is not used, %s.", m_strIniPath.c_str(), why);
-    LOG_ERROR("Failed to load file %s", m_strIniPath.c_str());
+    if (why != nullptr) LOG_ERROR_IN("Init", "config file %s is not used, %s.", m_strIniPath.c_str(), why);
+    LOG_ERROR_IN("Init", "Failed to load file %s", m_strIniPath.c_str());
     return kFailure;
 }
 
@@ -74,22 +68,22 @@ std::uint32_t CZceConfigFile::load() {
     m_pDict = loadIniFile(m_strIniPath, why);
     if (m_pDict == nullptr) return refuse(why);
     if (GetDmaChannel() == kFailure) {
-        LOG_ERROR("Get dma chan fail!");
+        LOG_ERROR_IN("Init", "Get dma chan fail!");
         return kFailure;
     }
     m_binDelayTime = static_cast<std::uint32_t>(getInt("config:BIN_DELAY_TIME", kDefaultBinDelay));
-    LOG_INFO("config ini, m_binDelayTime is %d", static_cast<int>(m_binDelayTime));
-    LOG_INFO("Successful load confie file %s", m_strIniPath.c_str());
+    LOG_INFO_IN("Init", "config ini, m_binDelayTime is %d", static_cast<int>(m_binDelayTime));
+    LOG_INFO_IN("Init", "Successful load confie file %s", m_strIniPath.c_str());
     return 0;
 }
 
 // Scans "xilinx<bus>:<channel>" and keeps the bus. Returns how many of the two numbers it found.
 int CZceConfigFile::scanDevice(const std::string& device, std::uint32_t& channel) {
-    long busNumber = 0;
-    long channelNumber = 0;
-    const int scanned = std::sscanf(device.c_str(), "xilinx%ld:%ld", &busNumber, &channelNumber);
-    if (scanned >= 1) m_uiBusId = narrow(busNumber);
-    if (scanned >= 2) channel = narrow(channelNumber);
+    int busNumber = 0;
+    int channelNumber = 0;
+    const int scanned = std::sscanf(device.c_str(), "xilinx%d:%d", &busNumber, &channelNumber);
+    if (scanned >= 1) m_uiBusId = static_cast<std::uint32_t>(busNumber);
+    if (scanned >= 2) channel = static_cast<std::uint32_t>(channelNumber);
     return scanned;
 }
 
@@ -147,7 +141,7 @@ void CZceConfigFile::BindCpu() {
 bool CZceConfigFile::isFeedDisabled(const char* key) const {
     const char* value = getString(key);
     if (value == nullptr) return false;
-    LOG_INFO("%s=%s.", key, value);
+    LOG_INFO_IN("DumpDevInfo", "%s=%s.", key, value);
     return std::strcmp(value, "disabled") == 0;
 }
 

@@ -27,10 +27,13 @@ void addToken(const std::string& token, NameList& list, std::string& joined) {
 
 void logInsts(const ZceSubsInfo_t& info, std::uint32_t channel) {
     const auto number = static_cast<int>(channel);
-    LOG_INFO("[channel:%d] --------Channel %u subscribed information is as below:--------", number, channel);
-    for (const std::string& id : info.m_SubsContractId) LOG_INFO("[channel:%d] subId:%s", number, id.c_str());
-    if (info.bSubAll) LOG_INFO("[channel:%d] You subscribe all subId !", number);
-    for (const std::string& cls : info.m_SubsContractClass) LOG_INFO("[channel:%d] subClass:%s,", number, cls.c_str());
+    LOG_INFO_IN("ParseSubsInst", "[channel:%d] --------Channel %u subscribed information is as below:--------", number,
+                channel);
+    for (const std::string& id : info.m_SubsContractId)
+        LOG_INFO_IN("ParseSubsInst", "[channel:%d] subId:%s", number, id.c_str());
+    if (info.bSubAll) LOG_INFO_IN("ParseSubsInst", "[channel:%d] You subscribe all subId !", number);
+    for (const std::string& cls : info.m_SubsContractClass)
+        LOG_INFO_IN("ParseSubsInst", "[channel:%d] subClass:%s,", number, cls.c_str());
 }
 
 }  // namespace
@@ -58,15 +61,16 @@ bool CZceConfigFile::parseChannelInsts(std::uint32_t channel) {
 
     const char* options = getString(channelKey(channel, "options").c_str());
     if (options == nullptr) {
-        LOG_ERROR("[channel:%d] Error! In subscribe labek ,Lack item: options=xxx , please check !", number);
+        LOG_ERROR_IN("ParseSubsInst", "[channel:%d] Error! In subscribe labek ,Lack item: options=xxx , please check !",
+                     number);
         return false;
     }
     info.strOptions = options;
     if (info.strOptions == kReceive) {
         info.bOptionsRecv = true;
-        LOG_INFO("[channel:%d] options=recv", number);
+        LOG_INFO_IN("ParseSubsInst", "[channel:%d] options=recv", number);
     } else {
-        LOG_INFO("[channel:%d] options=norecv", number);
+        LOG_INFO_IN("ParseSubsInst", "[channel:%d] options=norecv", number);
     }
     return true;
 }
@@ -78,20 +82,20 @@ void CZceConfigFile::parseCombinationRules(std::uint32_t channel) {
         info.strIps = ips;
         if (info.strIps == kReceive) {
             info.bIpsRecv = true;
-            LOG_INFO("[channel:%d] ips=recv", number);
+            LOG_INFO_IN("ParseSubsInst", "[channel:%d] ips=recv", number);
         } else {
-            LOG_INFO("[channel:%d] ips=norecv", number);
+            LOG_INFO_IN("ParseSubsInst", "[channel:%d] ips=norecv", number);
         }
     }
     if (const char* spd = getString(channelKey(channel, "spd").c_str())) {
         info.strSpd = spd;
         if (info.strSpd == kReceive) {
             info.bSpdRecv = true;
-            LOG_INFO("[channel:%d] spd=recv", number);
+            LOG_INFO_IN("ParseSubsInst", "[channel:%d] spd=recv", number);
         } else {
-            LOG_INFO("[channel:%d] spd=norecv", number);
+            LOG_INFO_IN("ParseSubsInst", "[channel:%d] spd=norecv", number);
         }
-        LOG_INFO("--------------------------------------------------------");
+        LOG_INFO_IN("ParseSubsInst", "--------------------------------------------------------");
     }
 }
 

@@ -33,21 +33,25 @@ void announceSoftVersion(IDrv& drv) {
     unsigned int d = 0;
     std::sscanf(kSoftVersion, "%x.%x.%x.%x", &a, &b, &c, &d);
     const std::uint32_t packed = a | b << 8 | c << 16 | d << 24;
-    LOG_INFO("master channel addr 0x102, litte Endian  0x%08x", packed);
+    LOG_INFO_IN("Chk_SysVersion", "master channel addr 0x102, litte Endian  0x%08x", packed);
     const std::uint32_t swapped = __builtin_bswap32(packed);
     drv.WriteInt32(card_reg::kSoftwareVersion, swapped);
-    LOG_INFO("master channel addr 0x102, big Endian  0x%08x", swapped);
+    LOG_INFO_IN("Chk_SysVersion", "master channel addr 0x102, big Endian  0x%08x", swapped);
 }
 
 std::uint32_t judgeVerdict(std::uint32_t iCheckRst) {
     switch (iCheckRst) {
-        case card_reg::kVerdictWriteFailed: LOG_ERROR("soft version write is fail."); return kFailure;
-        case card_reg::kVerdictAccepted: LOG_INFO("hardware and soft version check is success."); return 0;
-        case card_reg::kVerdictTooOld:
-            LOG_ERROR("you will need to update your soft version.");
-            LOG_ERROR("iCheckRst == %d, soft  error.", static_cast<int>(iCheckRst));
+        case card_reg::kVerdictWriteFailed:
+            LOG_ERROR_IN("Chk_SysVersion", "soft version write is fail.");
             return kFailure;
-        default: LOG_ERROR("iCheckRst is %d error.", static_cast<int>(iCheckRst)); return kFailure;
+        case card_reg::kVerdictAccepted:
+            LOG_INFO_IN("Chk_SysVersion", "hardware and soft version check is success.");
+            return 0;
+        case card_reg::kVerdictTooOld:
+            LOG_ERROR_IN("Chk_SysVersion", "you will need to update your soft version.");
+            LOG_ERROR_IN("Chk_SysVersion", "iCheckRst == %d, soft  error.", static_cast<int>(iCheckRst));
+            return kFailure;
+        default: LOG_ERROR_IN("Chk_SysVersion", "iCheckRst is %d error.", static_cast<int>(iCheckRst)); return kFailure;
     }
 }
 

@@ -68,7 +68,8 @@ int CBrixBinFile::InstBinFileInit() {
     std::string refusal;
     m_begun = m_dayFile.open(m_strDayPath, refusal);
     if (!m_begun) {
-        LOG_WARN("contract index file %s is not written, %s.", m_strDayPath.c_str(), refusal.c_str());
+        if (!refusal.empty())
+            LOG_WARN("contract index file %s is not written, %s.", m_strDayPath.c_str(), refusal.c_str());
         LOG_WARN("open contract index file failed %s.", m_strDayPath.c_str());
         return -1;
     }
@@ -178,7 +179,7 @@ bool CBrixBinFile::loadDayLines(const std::string& content) {
 
         const std::size_t comma = line.find(',');
         if (line == withoutLineFeed(kEndTagLine)) {
-            LOG_INFO("Get file end flag is success.");
+            LOG_INFO_IN("CheckOrLoadBinFile", "Get file end flag is success.");
             tagSeen = true;
         } else if (line != withoutLineFeed(kHeaderLine) && comma != std::string_view::npos) {
             // The comma ends the number: it is read in place.

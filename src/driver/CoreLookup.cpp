@@ -30,25 +30,25 @@ const struct ForkGuard {
 enyx_hw_accelerator* openAccelerator(unsigned short busId) {
     hw::Filter filter(enyx_hw_filter_create());
     if (!filter) {
-        LOG_ERROR("Could not create filter for DMA. errno:%d", errno);
+        LOG_ERROR_IN("DrvEnyxCoreGetAcc", "Could not create filter for DMA. errno:%d", errno);
         return nullptr;
     }
     if (enyx_hw_filter_set_index(filter.get(), busId) != 0) {
-        LOG_ERROR("Could not set filter id. errno:%d, errMsg:%s.", errno, std::strerror(errno));
+        LOG_ERROR_IN("DrvEnyxCoreGetAcc", "Could not set filter id. errno:%d, errMsg:%s.", errno, std::strerror(errno));
         return nullptr;
     }
     hw::AcceleratorDescriptor descriptor;
     const ssize_t found = enyx_hw_enumerate_accelerators(filter.get(), descriptor.room(), 1);
     if (found != 1) {
-        LOG_ERROR("Could not find accelerator. ernno:%d, msg:%s, get acc num:%d.", errno, std::strerror(errno),
-                  static_cast<int>(found));
+        LOG_ERROR_IN("DrvEnyxCoreGetAcc", "Could not find accelerator. ernno:%d, msg:%s, get acc num:%d.", errno,
+                     std::strerror(errno), static_cast<int>(found));
         filter.reset();
         return nullptr;
     }
     filter.reset();
     enyx_hw_accelerator* acc = enyx_hw_accelerator_get(descriptor.get());
     if (acc == nullptr) {
-        LOG_ERROR("Could not get accelerator. errno:%d", errno);
+        LOG_ERROR_IN("DrvEnyxCoreGetAcc", "Could not get accelerator. errno:%d", errno);
         descriptor.abandon();  // the card's library may still refer to it after a failed open
     }
     return acc;
@@ -58,16 +58,16 @@ enyx_hw_accelerator* openAccelerator(unsigned short busId) {
 enyx_hw_mmio* openMmio(const enyx_hw_accelerator* acc) {
     hw::Filter filter(enyx_hw_filter_create());
     if (!filter) {
-        LOG_ERROR("Could not create mmio filter, errmsg:%s.", std::strerror(errno));
+        LOG_ERROR_IN("DrvEnyxGetRoot", "Could not create mmio filter, errmsg:%s.", std::strerror(errno));
         return nullptr;
     }
     if (enyx_hw_filter_set_index(filter.get(), 0) != 0) {
-        LOG_ERROR("Could not set mmio filter index, errmsg:%s.", std::strerror(errno));
+        LOG_ERROR_IN("DrvEnyxGetRoot", "Could not set mmio filter index, errmsg:%s.", std::strerror(errno));
         return nullptr;
     }
     hw::MmioDescriptor descriptor;
     if (enyx_hw_accelerator_enumerate_mmios(acc, filter.get(), descriptor.room(), 1) != 1) {
-        LOG_ERROR("Could not find mmio, errmsg:%s.", std::strerror(errno));
+        LOG_ERROR_IN("DrvEnyxGetRoot", "Could not find mmio, errmsg:%s.", std::strerror(errno));
         filter.reset();
         return nullptr;
     }
@@ -75,10 +75,10 @@ enyx_hw_mmio* openMmio(const enyx_hw_accelerator* acc) {
     enyx_hw_mmio* mmio = enyx_hw_mmio_create(descriptor.get());
     if (mmio == nullptr) {
         const int why = errno;
-        LOG_ERROR("Could not create mmio, errmsg:%s.", std::strerror(why));
+        LOG_ERROR_IN("DrvEnyxGetRoot", "Could not create mmio, errmsg:%s.", std::strerror(why));
         descriptor.freeNow();
         // Logged twice: once for the call, once for the bus that has no register space now.
-        LOG_ERROR("Could not create mmio, errmsg:%s.", std::strerror(why));
+        LOG_ERROR_IN("DrvEnyxGetRoot", "Could not create mmio, errmsg:%s.", std::strerror(why));
     }
     return mmio;
 }
@@ -87,11 +87,11 @@ enyx_hw_mmio* openMmio(const enyx_hw_accelerator* acc) {
 enyx_hw_core* readRoot(unsigned short busId) {
     s_lpTree[busId] = enyx_hw_enumerate_cores(s_lpMMIO[busId]);
     if (s_lpTree[busId] == nullptr) {
-        LOG_ERROR("Could not find tree, errmsg:%s.", std::strerror(errno));
+        LOG_ERROR_IN("DrvEnyxGetRoot", "Could not find tree, errmsg:%s.", std::strerror(errno));
         return nullptr;
     }
     enyx_hw_core* root = enyx_hw_core_tree_get_root(s_lpTree[busId]);
-    if (root == nullptr) LOG_ERROR("Could not find root, errmsg:%s.", std::strerror(errno));
+    if (root == nullptr) LOG_ERROR_IN("DrvEnyxGetRoot", "Could not find root, errmsg:%s.", std::strerror(errno));
     return root;
 }
 

@@ -75,11 +75,11 @@ int CDrvDMAEnyx::InitDma(std::string& name) {
 int CDrvDMAEnyx::findAndOpenStreams(enyx_hw_accelerator* acc, const std::string& name) {
     const hw::Filter filter(enyx_hw_filter_create());
     if (!filter) {
-        LOG_ERROR("Could not create dma filter. err:%s", std::strerror(errno));
+        LOG_ERROR_IN("InitDma", "Could not create dma filter. err:%s", std::strerror(errno));
         return -1;
     }
     if (enyx_hw_filter_set_name(filter.get(), name.c_str()) != 0) {
-        LOG_ERROR("Could not set dma filter name: %s. err:%s", name.c_str(), std::strerror(errno));
+        LOG_ERROR_IN("InitDma", "Could not set dma filter name: %s. err:%s", name.c_str(), std::strerror(errno));
         return -1;
     }
     if (openA2c(acc, filter.get(), name.c_str()) != 0) return -1;
@@ -89,13 +89,13 @@ int CDrvDMAEnyx::findAndOpenStreams(enyx_hw_accelerator* acc, const std::string&
 int CDrvDMAEnyx::openA2c(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name) {
     hw::A2cDescriptor descriptor;
     if (enyx_hw_accelerator_enumerate_a2c_streams(acc, filter, descriptor.room(), 1) != 1) {
-        LOG_ERROR("Could not find a2c stream. dmaName:%s, err:%s", name, std::strerror(errno));
+        LOG_ERROR_IN("InitDma", "Could not find a2c stream. dmaName:%s, err:%s", name, std::strerror(errno));
         return -1;
     }
     m_lpA2c = enyx_hw_a2c_stream_create(descriptor.get(), nullptr);
     if (m_lpA2c == nullptr) {
-        LOG_ERROR("Could not create a2c stream.dmaName:%s,  err:%s", name, std::strerror(errno));
-        LOG_ERROR("Note !! A software program can only have one instance running at a time!");
+        LOG_ERROR_IN("InitDma", "Could not create a2c stream.dmaName:%s,  err:%s", name, std::strerror(errno));
+        LOG_ERROR_IN("InitDma", "Note !! A software program can only have one instance running at a time!");
         return -1;
     }
     return 0;
@@ -104,12 +104,12 @@ int CDrvDMAEnyx::openA2c(const enyx_hw_accelerator* acc, const enyx_hw_filter* f
 int CDrvDMAEnyx::openC2a(const enyx_hw_accelerator* acc, const enyx_hw_filter* filter, const char* name) {
     hw::C2aDescriptor descriptor;
     if (enyx_hw_accelerator_enumerate_c2a_streams(acc, filter, descriptor.room(), 1) != 1) {
-        LOG_ERROR("Could not find c2a stream. dmaName:%s, err:%s", name, std::strerror(errno));
+        LOG_ERROR_IN("InitDma", "Could not find c2a stream. dmaName:%s, err:%s", name, std::strerror(errno));
         return -1;
     }
     m_lpC2a = enyx_hw_c2a_stream_create(descriptor.get(), nullptr);
     if (m_lpC2a == nullptr) {
-        LOG_ERROR("Could not create c2a stream. dmaName:%s, err:%s", name, std::strerror(errno));
+        LOG_ERROR_IN("InitDma", "Could not create c2a stream. dmaName:%s, err:%s", name, std::strerror(errno));
         return -1;
     }
     return 0;
@@ -158,15 +158,17 @@ void CDrvDMAEnyx::reportCounters() const {
     std::uint32_t fifo = 0;
     std::uint32_t error = 0;
     if (enyx_hw_a2c_stream_stats_get_backpressure(m_lpA2c, &backpress) != 0)
-        LOG_INFO("get a2c stream backpress num fail.");
+        LOG_INFO_IN("~CDrvDMAEnyx", "get a2c stream backpress num fail.");
     if (enyx_hw_a2c_stream_stats_get_packet_count(m_lpA2c, &packets) != 0)
-        LOG_INFO("get a2c stream packet count fail.");
-    if (enyx_hw_a2c_stream_stats_get_fifo_errors(m_lpA2c, &fifo) != 0) LOG_INFO("get a2c stream fifo count fail.");
+        LOG_INFO_IN("~CDrvDMAEnyx", "get a2c stream packet count fail.");
+    if (enyx_hw_a2c_stream_stats_get_fifo_errors(m_lpA2c, &fifo) != 0)
+        LOG_INFO_IN("~CDrvDMAEnyx", "get a2c stream fifo count fail.");
     // Same text as for the FIFO counter: operators know it so.
-    if (enyx_hw_a2c_stream_stats_get_errors(m_lpA2c, &error) != 0) LOG_INFO("get a2c stream fifo count fail.");
-    LOG_INFO("[channel:%d] DMA count info: backpress:%u, dma2soft:%u, fifo:%u, error:%u.", m_iChannel, backpress,
-             packets, fifo, error);
-    if (backpress != 0) LOG_WARN("Back pressure happens! may loss some data !");
+    if (enyx_hw_a2c_stream_stats_get_errors(m_lpA2c, &error) != 0)
+        LOG_INFO_IN("~CDrvDMAEnyx", "get a2c stream fifo count fail.");
+    LOG_INFO_IN("~CDrvDMAEnyx", "[channel:%d] DMA count info: backpress:%u, dma2soft:%u, fifo:%u, error:%u.",
+                m_iChannel, backpress, packets, fifo, error);
+    if (backpress != 0) LOG_WARN_IN("~CDrvDMAEnyx", "Back pressure happens! may loss some data !");
 }
 
 CDrvDMAEnyx::~CDrvDMAEnyx() {

@@ -104,10 +104,10 @@ std::string writtenBy(pid_t writer) {
     return (writer > 0 ? "process " + std::to_string(writer) : std::string("another process")) + " is writing it";
 }
 
-std::string openFailure() {
+// Why this process does not open the file; empty when the system does not let it.
+std::string openRefusal() {
     if (errno == ELOOP) return kSymbolicLink;
-    if (errno == ENXIO || errno == EISDIR) return kNotRegular;
-    return std::strerror(errno);
+    return errno == ENXIO ? kNotRegular : "";
 }
 
 // The first open has no O_CREAT: where fs.protected_regular is set, O_CREAT stops root from opening another user's file
@@ -142,18 +142,15 @@ int openAboveStandard(const char* path, int flags, mode_t mode) {
 bool OutputFile::open(const std::string& path, std::string& refusal) {
     close();
     Descriptor file(openToWrite(path.c_str()));
-    refusal = file.get() < 0 ? openFailure() : objectionToWriting(file.get());
-    if (!refusal.empty()) return false;
+    refusal = file.get() < 0 ? openRefusal() : objectionToWriting(file.get());
+    if (file.get() < 0 || !refusal.empty()) return false;
     pid_t writer = 0;
     const Lock lock = lockForWriting(file.get(), writer);
     if (lock == Lock::kOtherWriter) {
         refusal = writtenBy(writer);
         return false;
     }
-    if (::ftruncate(file.get(), 0) != 0) {
-        refusal = std::strerror(errno);
-        return false;
-    }
+    if (::ftruncate(file.get(), 0) != 0) return false;
     m_locked = lock == Lock::kHeld;
     m_fd = file.release();
     m_size = 0;

@@ -23,7 +23,7 @@ public:
 
     /// Creates the file, or empties the existing one, whoever owns it. Opens only a regular file with no second hard
     /// link, and never through a symbolic link.
-    /// @param refusal  why it failed, for a log line
+    /// @param refusal  why the file is not written although the system would let it; empty when the system does not
     bool open(const std::string& path, std::string& refusal);
     /// Needs no memory.
     /// @return null when all is written, otherwise the reason. After a failure, write no more: the file may end in the

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <thread>
 
+#include "src/log/elog.h"
 #include "tests/unit/driver/DrvFixture.h"
 
 namespace {
@@ -144,6 +145,18 @@ TEST_F(CoreLookup, TheCardIsNotLockedForEverByAFailedLookUp) {
     std::thread([&found] { found = DrvEnyxCoreGetAcc(0); }).join();
 
     EXPECT_NE(found, nullptr);
+}
+
+TEST_F(CoreLookup, MessagesOfItsStepsNameTheOperation) {
+    elog_set_fmt(ELOG_LVL_ERROR, ELOG_FMT_TAG | ELOG_FMT_FUNC);
+    hw.Fail("filter_create", ENOMEM);
+    DrvEnyxCoreGetAcc(0);
+    EXPECT_THAT(log.Take(), ElementsAre("[fpga](DrvEnyxCoreGetAcc)Could not create filter for DMA. errno:12"));
+
+    hw.Fail("mmio_create", EACCES);
+    GetCore();
+    EXPECT_THAT(log.Take(),
+                testing::Contains("[fpga](DrvEnyxGetRoot)Could not create mmio, errmsg:Permission denied."));
 }
 
 // ---- root and cores ----
