@@ -9,10 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tools/Version.h"
 #include "tools/cardtest/CardLibrary.h"
 #include "tools/cardtest/Helper.h"
 #include "tools/cardtest/Runner.h"
 #include "tools/cardtest/TestReport.h"
+#include "tools/cli/OptionTree.h"
 
 using namespace cardtest;
 
@@ -102,6 +104,7 @@ int testCard(const Arguments& arguments) {
 }
 
 void addOptions(CLI::App& app, Arguments& arguments) {
+    app.set_version_flag("--version", std::string("vexo-cardtest ") + kVexoVersion, "Show the version and end");
     app.add_option("--bus", arguments.plan.bus, "Bus number of the card")->capture_default_str();
     app.add_option("--channel", arguments.plan.channel, "Stream to use, 0 to 15; without it the last one that is free")
         ->check(CLI::Range(0, 15));
@@ -129,6 +132,7 @@ int main(int argc, char** argv) {
     Arguments arguments;
     CLI::App app{"Checks a card, real or simulated, against what its C interface promises.", "vexo-cardtest"};
     addOptions(app, arguments);
+    if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -15,6 +15,8 @@
 #include "sim/host/Status.h"
 #include "sim/scenario/Pace.h"
 #include "sim/shm/CardPlaces.h"
+#include "tools/Version.h"
+#include "tools/cli/OptionTree.h"
 
 using namespace vexo_sim;
 
@@ -128,6 +130,7 @@ int hostCard(const Arguments& arguments) {
 }
 
 void addOptions(CLI::App& app, Arguments& arguments) {
+    app.set_version_flag("--version", std::string("vexo-simcard ") + kVexoVersion, "Show the version and end");
     app.add_option("scenario", arguments.scenario, "Scenario file; without one the card has an ordinary day")
         ->type_name("SCENARIO.ini");
     app.add_option("--set", arguments.settings.texts, "Set one key of the scenario; may be given several times")
@@ -153,6 +156,7 @@ int main(int argc, char** argv) {
     Arguments arguments;
     CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes.", "vexo-simcard"};
     addOptions(app, arguments);
+    if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -14,8 +14,8 @@
 #include <system_error>
 #include <thread>
 
+#include "tools/Version.h"
 #include "tools/tap/Report.h"
-#include "tools/tap/Version.h"
 
 namespace tap {
 
@@ -64,7 +64,7 @@ std::string osName() {
 
 std::string applicationName() {
     return std::string(program_invocation_short_name) + " (process " + std::to_string(::getpid()) +
-           "), captured by vexo tap " + kVersion;
+           "), captured by vexo tap " + kVexoVersion;
 }
 
 capture::CaptureFiles::Settings fileSettings(const Settings& settings) {

@@ -61,6 +61,7 @@ void addSim(CLI::App& app, Invocation& invocation) {
     takeProgram(*runIt, "sim run", invocation);
     CLI::Option* scenario = runIt->add_option("--scenario", options->scenario,
                                               "Scenario file for a card of the program's own");
+    scenario->type_name("SCENARIO.ini");
     CLI::Option* setting = runIt->add_option("--set", options->settings.texts,
                                              "Set one key of the scenario; may be given several times");
     setting->type_name("SECTION.KEY=VALUE")->allow_extra_args(false);

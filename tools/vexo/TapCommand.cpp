@@ -48,12 +48,15 @@ void addTap(CLI::App& app, Invocation& invocation) {
     CLI::App* tap = app.add_subcommand("tap", "Run a program and record what its card delivers, as pcapng");
     takeProgram(*tap, "tap", invocation);
     tap->add_option("--output", options->output, "File to write; if it exists, a free name with a number is used")
+        ->type_name("FILE")
         ->capture_default_str();
     tap->add_flag("--registers", options->registers, "Record every register access too");
     tap->add_option("--rotate", options->rotateMb, "Start another file before one grows beyond so many megabytes")
+        ->type_name("MB")
         ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRotateMb));
     tap->add_option("--ring", options->ringMb,
                     "Megabytes of memory for packets on their way to the file, for each stream")
+        ->type_name("MB")
         ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRingMb))
         ->capture_default_str();
     tap->callback([options, &invocation] {

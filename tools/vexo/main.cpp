@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "tools/Version.h"
+#include "tools/cli/OptionTree.h"
 #include "tools/vexo/Command.h"
-#include "tools/vexo/Version.h"
 
 namespace {
 
@@ -47,15 +48,20 @@ std::string unexpected(const CLI::App& app, const Invocation& invocation) {
                       : "\nSee " + nameOf(command) + " --help");
 }
 
-int parseAndRun(std::vector<std::string> words) {
+int parseAndRun(int argc, char** argv) {
+    std::vector<std::string> words(argv + 1, argv + argc);
     Invocation invocation;
     const auto dashes = std::find(words.begin(), words.end(), "--");
     if (dashes != words.end()) invocation.program.assign(dashes + 1, words.end());
     words.erase(dashes, words.end());
 
     CLI::App app("Runs programs on a simulated card, and records what a card delivers.", "vexo");
-    app.set_version_flag("--version", std::string("vexo ") + kVersion);
+    app.set_version_flag("--version", std::string("vexo ") + kVexoVersion, "Show the version and end");
     for (const AddCommand add : kCommands) add(app, invocation);
+    app.footer(
+        "Exit status: 0 fine, 1 a finding or a failure, 2 wrong usage, 3 no card, 126 a program cannot be run, "
+        "127 it is not there; otherwise that of the program behind --.");
+    if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
     try {
         app.parse(reversed(words));
     } catch (const CLI::ExtrasError&) {
@@ -71,7 +77,7 @@ int parseAndRun(std::vector<std::string> words) {
 
 int main(int argc, char** argv) {
     try {
-        return parseAndRun(std::vector<std::string>(argv + 1, argv + argc));
+        return parseAndRun(argc, argv);
     } catch (const Failure& failure) {
         std::fprintf(stderr, "vexo: %s\n", failure.what());
         return failure.status;
