@@ -12,13 +12,13 @@ endif()
 install(DIRECTORY sim/include/enyx-sim DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT sim)
 install(DIRECTORY sim/scenarios DESTINATION ${CMAKE_INSTALL_DATADIR}/vexo-sim COMPONENT sim)
 
-# Linking an application resolves what the library itself needs; any libenyx-hw-c does for that.
+# Linking an application resolves what the library itself needs; the stub does for that, without any card's library.
 if(ENYX_HW_ROOT)
     set(VEXO_HW_RPATH_LINK ${VEXO_HW_LINK_DIR})
     set(VEXO_HW_RPATH_LINK_CMAKE ${VEXO_HW_LINK_DIR})
 else()
-    set(VEXO_HW_RPATH_LINK "\${prefix}/${VEXO_SIM_INSTALL_DIR}")
-    set(VEXO_HW_RPATH_LINK_CMAKE "\${PACKAGE_PREFIX_DIR}/${VEXO_SIM_INSTALL_DIR}")
+    set(VEXO_HW_RPATH_LINK "\${prefix}/${VEXO_LINK_INSTALL_DIR}")
+    set(VEXO_HW_RPATH_LINK_CMAKE "\${PACKAGE_PREFIX_DIR}/${VEXO_LINK_INSTALL_DIR}")
 endif()
 
 # The pkg-config file finds its prefix from where it lies itself; an absolute folder cannot move and stays as it is.
