@@ -34,5 +34,7 @@ g_uiPktCnt
 get_time()
 get_time_since_powerof()
 ipStr2val(char const*, unsigned char*)"
-found=$(nm -D --defined-only -C "$library" | sed 's/^[0-9a-f]* . //')
+found=$(nm -D --defined-only -C --without-symbol-versions "$library" | sed -e 's/^[0-9a-f]* . //' -e '/^VEXO_ZCE_MD_1$/d')
 LC_ALL=C diff <(LC_ALL=C sort <<<"$expected") <(LC_ALL=C sort <<<"$found")
+unversioned=$(nm -D --defined-only -C "$library" | grep -v -e '@@VEXO_ZCE_MD_1$' -e ' A VEXO_ZCE_MD_1$' || true)
+[ -z "$unversioned" ] || { echo "without the version: $unversioned" >&2; exit 1; }
