@@ -24,7 +24,8 @@ def describe(build):
     version = subprocess.run([compiler, "--version"], capture_output=True, text=True).stdout.splitlines()[0]
     return {
         "date": datetime.datetime.now().astimezone().isoformat(timespec="seconds"),
-        "cpu": f"{cpu_model()}, {os.cpu_count()} cores, load {os.getloadavg()[0]:.1f} at the end",
+        "cpu": f"{cpu_model()}, {os.cpu_count()} cores",
+        "load": f"{os.getloadavg()[0]:.1f} at the end, the benchmarks themselves make up to 1",
         "kernel": f"{platform.system()} {platform.release()}",
         "compiler": version,
         "flags": f"{kind}: {' '.join(flag for flag in flags if flag)}",

@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Draws figures 1, 4, 7, 8 and 10 as SVG from the numbers that run.py wrote.
+"""Draws figures as SVG from the numbers that run.py wrote.
 
     plots.py RESULTS.json DIRECTORY
 
-A figure that was not measured is left as it is.
+A figure that was not measured is left as it is. Times are those of the turns without a context switch, if there are
+any.
 """
 import json
 import os
-import re
 import sys
 from xml.sax.saxutils import escape
 
@@ -52,60 +52,80 @@ def bars(title, entries, shown):
     return document(y + 10, parts)
 
 
-def timed(results, name, label, colour):
-    low, middle, high = results["cases"][name]["quartiles"]
+def busy(results, *cases):
+    """What a title says of times that were measured while others were busy."""
+    return " - BUSY MACHINE" if any(results["cases"][case]["doubt"] for case in cases) else ""
+
+
+def timed(results, case, role, label, colour):
+    measured = results["cases"][case]
+    low, middle, high = (one / measured["times"] for one in measured["quartiles"][role])
     return label, middle, low, high, colour
 
 
-def figure1(results):
-    counts = results["counts"]
+def packet(results):
+    counts = results["numbers"]
     entries = [(label, counts[name], None, None, colour)
-               for name, label, colour in (("fig1/ours", "packet, VexoRecv", OURS), ("fig1/floor", "packet, bare poll", FLOOR),
-                                           ("fig2/ours", "idle, VexoRecv", OURS), ("fig2/floor", "idle, bare poll", FLOOR))]
+               for name, label, colour in (("packet/ours", "packet, VexoRecv", OURS),
+                                           ("packet/floor", "packet, bare poll", FLOOR),
+                                           ("idle/ours", "idle, VexoRecv", OURS),
+                                           ("idle/floor", "idle, bare poll", FLOOR))]
     return bars("Instructions of one poll, the simulated card's own included", entries, lambda value: f"{value:.0f}")
 
 
-def figure4(results):
-    entries = [timed(results, "fig4/ours", "elog_output", OURS), timed(results, "fig4/floor", "spdlog", FLOOR),
-               timed(results, "fig4/bare-writes", "the two writes alone", FLOOR)]
-    return bars("One INFO line to standard output and file (median, quartiles)", entries, duration)
+def packet_types(results):
+    entries = []
+    for case, types in (("constant", "one type"), ("alternating", "two types in turn"), ("rotating", "four in turn"),
+                        ("random", "random types")):
+        entries += [timed(results, f"packet/{case}", "ours", f"{types}, VexoRecv", OURS),
+                    timed(results, f"packet/{case}", "hand", f"{types}, hand-written", FLOOR)]
+    return bars("One packet of 64 bytes (median, quartiles)" + busy(results, "packet/alternating"), entries, duration)
 
 
-def figure7(results):
-    names = [("fig7/ours/10", "ours, 10 ids", OURS), ("fig7/ours/1000", "ours, 1,000 ids", OURS),
-             ("fig7/floor/1000", "linear lists, 1,000 ids", FLOOR)]
-    entries = [timed(results, *name) for name in names]
-    return bars("16,384 identifiers filtered for 16 channels (median, quartiles)", entries, duration)
+def log_line(results):
+    entries = [timed(results, "log-line", "ours", "elog_output", OURS),
+               timed(results, "log-line", "spdlog", "spdlog", FLOOR),
+               timed(results, "log-line", "writes", "the two writes alone", FLOOR)]
+    title = "One INFO line to standard output and file (median, quartiles)" + busy(results, "log-line")
+    return bars(title, entries, duration)
 
 
-def figure8(results):
-    entries = [timed(results, "fig8/ours", "ours", OURS), timed(results, "fig8/floor", "bare calls and lines", FLOOR)]
-    return bars("Contract map of 16,384 new instruments (median, quartiles)", entries, duration)
+def filter_pass(results):
+    entries = [timed(results, f"filter/{ids}", role, f"{label}, {int(ids):,} ids", colour)
+               for ids in ("10", "1000")
+               for role, label, colour in (("ours", "ours", OURS), ("hash-sets", "hash sets", FLOOR))]
+    title = "16,384 ids filtered for 16 channels (median, quartiles)" + busy(results, "filter/1000")
+    return bars(title, entries, duration)
+
+
+def contract_map(results):
+    entries = [timed(results, "contract-map", "ours", "ours", OURS),
+               timed(results, "contract-map", "bare", "bare calls and lines", FLOOR)]
+    title = "Contract map of 16,384 new instruments (median, quartiles)" + busy(results, "contract-map")
+    return bars(title, entries, duration)
 
 
 def growth_series(results):
-    """axis -> [(size, ns), ...] of figure 10."""
-    series = {}
-    for name, case in results["cases"].items():
-        found = re.fullmatch(r"fig10/ours/(.+)/(\d+)", name)
-        if found:
-            series.setdefault(found[1], []).append((int(found[2]), case["quartiles"][1]))
-    return {axis: sorted(points) for axis, points in sorted(series.items()) if len(points) > 1}
+    """axis -> [(size, ns), ...]"""
+    return {name[len("growth/"):]: sorted((int(size), times[1]) for size, times in case["quartiles"].items())
+            for name, case in sorted(results["cases"].items()) if name.startswith("growth/")}
 
 
-def figure10(results):
+def growth(results):
     """Time against size, both of the smallest size; the dashed diagonal is linear growth."""
     series = growth_series(results)
     if not series:
-        raise KeyError("fig10")
+        raise KeyError("growth")
     left, bottom, side = 70, 470, 400
-    parts = [text(20, 28, "Growth: time against size, both relative to the smallest", size=16, weight="bold")]
+    title = "Growth: time against size, both relative to the smallest"
+    parts = [text(20, 28, title + busy(results, *(f"growth/{axis}" for axis in series)), size=16, weight="bold")]
     top = max(max(x / points[0][0] for x, _ in points) for points in series.values())
     top = max(top, max(max(y / points[0][1] for _, y in points) for points in series.values()))
     at = lambda x, y: (left + (x - 1) / (top - 1) * side, bottom - (y - 1) / (top - 1) * side)
     parts.append(f'<path d="M{left},{bottom - side} V{bottom} H{left + side}" fill="none" stroke="{INK}"/>')
     (x0, y0), (x1, y1) = at(1, 1), at(top, top)
-    parts.append(f'<line x1="{x0}" y1="{y0}" x2="{x1}" y2="{y1}" stroke="{GRID}" stroke-width="2" stroke-dasharray="6 4"/>')
+    parts.append(f'<line x1="{x0}" y1="{y0}" x2="{x1}" y2="{y1}" stroke="{GRID}" stroke-width="2" '
+                 f'stroke-dasharray="6 4"/>')
     for number, (axis, points) in enumerate(series.items()):
         colour = SERIES[number % len(SERIES)]
         places = [at(x / points[0][0], y / points[0][1]) for x, y in points]
@@ -126,8 +146,8 @@ def main():
     with open(sys.argv[1]) as numbers:
         results = json.load(numbers)
     os.makedirs(sys.argv[2], exist_ok=True)
-    for draw in (figure1, figure4, figure7, figure8, figure10):
-        path = os.path.join(sys.argv[2], f"{draw.__name__}.svg")
+    for draw in (packet, packet_types, log_line, filter_pass, contract_map, growth):
+        path = os.path.join(sys.argv[2], f"{draw.__name__.replace('_', '-')}.svg")
         try:
             drawing = draw(results)
         except KeyError as missing:

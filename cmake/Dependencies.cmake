@@ -28,7 +28,6 @@ if(BUILD_TESTING)
     vexo_need_program(VEXO_TSHARK tshark tshark)
 endif()
 if(VEXO_BUILD_BENCH)
-    vexo_need_package(benchmark libbenchmark-dev)
     vexo_need_package(spdlog libspdlog-dev)
 endif()
 

@@ -115,7 +115,7 @@ def check(root):
 HIDDEN = ("tests", "bench")
 BOX_WIDTH, BOX_HEIGHT, ROW = 122, 30, 62
 # The middle of each column. A room without one of its own stands in the column of its part of the tree.
-COLUMNS = {"include": 90, "interface": 330, "sim/include": 610, "capture": 390, "tools": 400, "examples": 740,
+COLUMNS = {"include": 90, "interface": 330, "sim/include": 610, "capture": 390, "tools": 400, "examples": 740, "packaging": 860,
            "src": 210, "src/card": 290, "src/driver": 290, "src/dayfile": 120,
            "sim": 580, "sim/replay": 430, "sim/scenario": 530, "sim/shm": 680}
 

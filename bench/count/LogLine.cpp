@@ -1,4 +1,4 @@
-// Figure 4: one INFO line through elog_output, in exact numbers.
+// One INFO line through elog_output, in exact numbers.
 
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -73,13 +73,13 @@ unsigned long CountSystemCalls(pid_t child) {
 void TellSystemCallsAndAllocations() {
     const pid_t child = ::fork();
     if (child == 0) TracedChild();
-    Tell("fig4/system-calls", static_cast<double>(CountSystemCalls(child)) / kTimes);
+    Tell("log-line/system-calls", static_cast<double>(CountSystemCalls(child)) / kTimes);
 
     StartLog();
     if (g_allocations == 0) std::exit(2);  // opening the file takes memory: the count would not see it
     const unsigned long before = g_allocations;
     for (unsigned int n = 0; n < kTimes; ++n) InfoLine();
-    Tell("fig4/allocations", static_cast<double>(g_allocations - before) / kTimes);
+    Tell("log-line/allocations", static_cast<double>(g_allocations - before) / kTimes);
 }
 
 }  // namespace
@@ -98,6 +98,6 @@ int main() {
         return 0;
     }
     StartLog();
-    CountInstructions("fig4/ours", kTimes, InfoLine);
-    CountInstructions("fig4/most-written-line", kTimes, SubscribedLine);
+    CountInstructions("log-line/ours", kTimes, InfoLine);
+    CountInstructions("log-line/most-written-line", kTimes, SubscribedLine);
 }

@@ -1,4 +1,4 @@
-// Figures 1 and 2: what VexoRecv adds to the bare poll, with a packet ready and without one.
+// What VexoRecv adds to the bare poll, with a packet ready and without one.
 
 #include "bench/support/BenchCard.h"
 #include "bench/support/CountInstructions.h"
@@ -32,9 +32,9 @@ void CountBoth(std::uint32_t channel, const char* packetName, const char* idleNa
 int main() {
     bench_card::PowerOn();
     const bench_card::Bare stream = bench_card::ReadBare();
-    CountBoth(bench_card::kBareChannel, "fig1/floor", "fig2/floor",
+    CountBoth(bench_card::kBareChannel, "packet/floor", "idle/floor",
               [&] { enyx_hw_a2c_stream_poll_once(stream.get(), EmptyHandler, nullptr); });
     EmptyCallbacks callbacks;
     const bench_card::Library api = bench_card::ReadWithLibrary(callbacks);
-    CountBoth(bench_card::kLibraryChannel, "fig1/ours", "fig2/ours", [&] { api->VexoRecv(); });
+    CountBoth(bench_card::kLibraryChannel, "packet/ours", "idle/ours", [&] { api->VexoRecv(); });
 }

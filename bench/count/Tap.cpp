@@ -1,4 +1,4 @@
-// Figure 11: what the tap adds to a poll, with a packet ready and without one.
+// What the tap adds to a poll, with a packet ready and without one.
 
 #include <dlfcn.h>
 #include <cstdlib>
@@ -44,7 +44,7 @@ int main() {
     bench_card::PowerOn();
     const bench_card::Bare stream = bench_card::ReadBare();
     Poll* const bare = PollWithoutTap();
-    Count(stream.get(), bare, EmptyHandler, "fig11/bare", "fig11/bare/idle");
-    Count(stream.get(), bare, CopyingHandler, "fig11/floor", "fig11/floor/idle");
-    Count(stream.get(), enyx_hw_a2c_stream_poll_once, EmptyHandler, "fig11/ours", "fig11/ours/idle");
+    Count(stream.get(), bare, EmptyHandler, "tap/bare", "tap/bare/idle");
+    Count(stream.get(), bare, CopyingHandler, "tap/floor", "tap/floor/idle");
+    Count(stream.get(), enyx_hw_a2c_stream_poll_once, EmptyHandler, "tap/ours", "tap/ours/idle");
 }

@@ -1,20 +1,24 @@
 #include "bench/support/BenchCard.h"
 
 #include <enyx-sim/enyx_sim.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 
 namespace bench_card {
 namespace {
 
 void Need(bool done, const char* what) {
     if (done) return;
-    std::fprintf(stderr, "benchmark: %s failed\n", what);
+    std::fprintf(stderr, "benchmark: %s failed: %s\n", what, std::strerror(errno));
     std::exit(2);
 }
 
 constexpr char kIniPath[] = "bench.ini";
+constexpr std::uint32_t kRingBytes = 1048576;
+constexpr std::uint32_t kMtu = 2048;
 
 void WriteIni() {
     std::FILE* file = std::fopen(kIniPath, "w");
@@ -42,7 +46,8 @@ void PowerOn() {
     enyx_sim_default_config(&config);
     config.quotes_per_second = 0;
     config.instruments = ENYX_SIM_INSTRUMENTS_NONE;
-    config.ring_bytes = 1048576;
+    config.ring_bytes = kRingBytes;
+    config.mtu = kMtu;
     Need(enyx_sim_power_cycle(&config) == 0, "switching the card on");
 }
 
@@ -68,13 +73,23 @@ Bare ReadBare() {
     return stream;
 }
 
-void Push(std::uint32_t channel, unsigned int packets, std::uint32_t size) {
-    unsigned char packet[2048] = {};
+void Push(std::uint32_t channel, unsigned int packets, std::uint32_t size, Types types) {
+    static std::mt19937 random(1);
+    unsigned char packet[kMtu] = {};
     for (unsigned int n = 0; n < packets; ++n) {
-        const std::uint32_t type = 17 + n % 4;
+        std::uint32_t type = 17;
+        if (types == Types::kAlternating) type += n % 2;
+        if (types == Types::kRotating) type += n % 4;
+        if (types == Types::kRandom) type += static_cast<std::uint32_t>(random()) % 4;
         std::memcpy(packet, &type, sizeof type);
         Need(enyx_sim_push(0, channel, packet, size, 0) == 0, "pushing a packet");
     }
+}
+
+// Each packet lies behind 8 bytes and begins on 8 bytes. One may be left out at the end of the ring.
+unsigned int Room(std::uint32_t size) {
+    const std::uint32_t footprint = 8 + (size + 7) / 8 * 8;
+    return kRingBytes / footprint - 2;
 }
 
 }  // namespace bench_card

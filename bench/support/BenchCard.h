@@ -28,7 +28,13 @@ Library ReadWithLibrary(IVexoZceMdSpi& spi);
 /// The other channel's stream without the library.
 Bare ReadBare();
 
-/// Puts packets of the four market-data types in turn, @p size bytes each, into a stream.
-void Push(std::uint32_t channel, unsigned int packets, std::uint32_t size = 64);
+enum class Types { kConstant, kAlternating, kRotating, kRandom };
+
+/// Puts market-data packets of @p size bytes into a stream: one type, two types in turn, all four in turn, or at
+/// random.
+void Push(std::uint32_t channel, unsigned int packets, std::uint32_t size = 64, Types types = Types::kRotating);
+
+/// How many packets of @p size bytes surely fit into an empty stream.
+unsigned int Room(std::uint32_t size);
 
 }  // namespace bench_card

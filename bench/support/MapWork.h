@@ -53,9 +53,6 @@ public:
     MapWork(const MapWork&) = delete;
     MapWork& operator=(const MapWork&) = delete;
 
-    std::size_t Packets() const { return m_packets.size(); }
-    std::size_t Subscriptions() const { return m_subscriptions; }
-
     // ---- by the library ----
 
     void PrepareLearning() {
@@ -234,7 +231,6 @@ private:
         m_steps.push_back({Step::kRowLine, inst.index, mask, inst.id});
         m_steps.push_back({Step::kWrite, table.select, row, ""});
         m_steps.push_back({Step::kRead, table.readBack, 0, ""});
-        ++m_subscriptions;
     }
     // The lines of the check behind each packet, up to the first class or id that is still missing.
     bool AddCheck(const std::set<std::string>& known, const std::set<std::string>& classes) {
@@ -290,7 +286,6 @@ private:
     std::vector<std::vector<unsigned char>> m_packets;
     std::vector<std::size_t> m_ends;  // of each packet: how many instruments are known behind it
     std::vector<Step> m_steps;
-    std::size_t m_subscriptions = 0;
     std::string m_dayFile = DayFilePath();
     int m_fd = -1;
     std::optional<StdoutToFile> m_stdout;

@@ -1,42 +1,23 @@
-// Figure 7: 16,384 identifiers filtered for 16 channels with 50 classes and 10, 100 or 1,000 ids each, of the decision
-// table read plainly, its lists searched from front to back.
+// 16,384 identifiers filtered for 16 channels with 50 classes and 1,000 ids each: by the library, and by the decision
+// table over hash sets.
 
 #include "bench/support/FilterWork.h"
-#include "bench/support/Timed.h"
+#include "bench/support/Rounds.h"
 
 namespace {
-
-using bench::FilterWork;
 
 constexpr std::size_t kInstruments = 16384;
 constexpr std::size_t kChannels = 16;
 
 template <std::size_t kIds>
-FilterWork& Work() {
-    static FilterWork work(kInstruments, kChannels, kIds);
-    return work;
+std::vector<bench::Role> Filtering() {
+    static bench::FilterWork work(kInstruments, kChannels, kIds);
+    return {{"ours", [] { work.Prepare(); }, [] { work.Filter(); }, {}},
+            {"hash-sets", [] { work.Prepare(); }, [] { work.FilterWithHashSets(); }, {}}};
 }
-
-template <std::size_t kIds>
-void Filter(benchmark::State& state) {
-    FilterWork& work = Work<kIds>();
-    bench::Timed(
-        state, [&] { work.Prepare(); }, [&] { work.Filter(); });
-    state.counters["chosen"] = static_cast<double>(work.Chosen());
-}
-
-template <std::size_t kIds>
-void FilterPlainly(benchmark::State& state) {
-    FilterWork& work = Work<kIds>();
-    bench::Timed(
-        state, [&] { work.Prepare(); }, [&] { work.FilterPlainly(); });
-}
-
-BENCHMARK(Filter<10>)->Name("fig7/ours/10")->UseManualTime()->Iterations(1);
-BENCHMARK(Filter<100>)->Name("fig7/ours/100")->UseManualTime()->Iterations(1);
-BENCHMARK(Filter<1000>)->Name("fig7/ours/1000")->UseManualTime()->Iterations(1);
-BENCHMARK(FilterPlainly<10>)->Name("fig7/floor/10")->UseManualTime()->Iterations(1);
-BENCHMARK(FilterPlainly<100>)->Name("fig7/floor/100")->UseManualTime()->Iterations(1);
-BENCHMARK(FilterPlainly<1000>)->Name("fig7/floor/1000")->UseManualTime()->Iterations(1);
 
 }  // namespace
+
+std::vector<bench::Case> bench::cases() {
+    return {{"filter/10", 1, Filtering<10>}, {"filter/1000", 1, Filtering<1000>}};
+}

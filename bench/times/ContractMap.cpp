@@ -1,36 +1,18 @@
-// Figure 8: 16,384 new instruments from contract-map packets, with rules on all 16 channels, to subscribed, read back,
-// logged and in the day file, of the same calls of the card, log lines and file lines issued bare.
+// 16,384 new instruments from contract-map packets, with rules on all 16 channels, to subscribed, read back, logged and
+// in the day file; and the same calls of the card, log lines and file lines issued bare.
 
 #include "bench/support/MapWork.h"
-#include "bench/support/Timed.h"
+#include "bench/support/Rounds.h"
 
 namespace {
 
-using bench::MapWork;
-
-MapWork& Work() {
-    static MapWork work(16384, 16);
-    static const bool same = work.BothDoTheSame();
-    if (!same) std::abort();
-    return work;
+std::vector<bench::Role> Learning() {
+    static bench::MapWork work(16384, 16);
+    if (!work.BothDoTheSame()) std::abort();
+    return {{"ours", [] { work.PrepareLearning(); }, [] { work.Learn(); }, [] { work.EndLearning(); }},
+            {"bare", [] { work.PrepareBare(); }, [] { work.DoBare(); }, [] { work.EndBare(); }}};
 }
-
-void Learn(benchmark::State& state) {
-    MapWork& work = Work();
-    bench::Timed(
-        state, [&] { work.PrepareLearning(); }, [&] { work.Learn(); });
-    work.EndLearning();
-    state.counters["subscriptions"] = static_cast<double>(work.Subscriptions());
-}
-
-void DoBare(benchmark::State& state) {
-    MapWork& work = Work();
-    bench::Timed(
-        state, [&] { work.PrepareBare(); }, [&] { work.DoBare(); });
-    work.EndBare();
-}
-
-BENCHMARK(Learn)->Name("fig8/ours")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(DoBare)->Name("fig8/floor")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
+
+std::vector<bench::Case> bench::cases() { return {{"contract-map", 1, Learning}}; }

@@ -1,18 +1,19 @@
-// Figure 5: one learned instrument written into the day file, of write(2) of the same line; 16,384 a measurement.
-// Figure 6: 16,384 lines of a day file loaded into the map, of getline and stoi into the same map. The lines come in no
-// order, which is the worst that a map can get; "fig6/.../sorted" has them in the order of their ids.
+// day-file-line: a learned instrument written into the day file, and write(2) of the same line; 16,384 a round.
+// day-file-load: 16,384 lines of a day file loaded into the map; the rival is one read, std::from_chars and an
+// insertion in sorted order. The lines come in no order, which is the worst that a map can get; "sorted" has them in
+// the order of their ids.
 
 #include <algorithm>
 
 #include "bench/support/DayFileWork.h"
-#include "bench/support/Timed.h"
+#include "bench/support/Rounds.h"
 
 namespace {
 
 using bench::DayFileWork;
 using bench::Instrument;
 using bench::Market;
-using bench::Timed;
+using bench::Role;
 
 constexpr std::size_t kInstruments = 16384;
 
@@ -32,36 +33,23 @@ DayFileWork& Ordered() {
     return work;
 }
 
-void Write(benchmark::State& state) {
-    Timed(
-        state, [] { Unordered().StartFile(); }, [] { Unordered().Write(); });
+std::vector<Role> Writing() {
+    return {{"ours", [] { Unordered().StartFile(); }, [] { Unordered().Write(); }, {}},
+            {"write(2)", [] { Unordered().StartFileBare(); }, [] { Unordered().WriteBare(); }, {}}};
 }
 
-void WriteBare(benchmark::State& state) {
-    Timed(
-        state, [] { Unordered().StartFileBare(); }, [] { Unordered().WriteBare(); });
+std::vector<Role> Loading(DayFileWork& work) {
+    const auto prepare = [&work] {
+        work.Fill();
+        work.Empty();
+    };
+    return {{"ours", prepare, [&work] { work.Load(); }, {}}, {"by-hand", prepare, [&work] { work.LoadByHand(); }, {}}};
 }
-
-void Prepare(DayFileWork& work) {
-    work.Fill();
-    work.Empty();
-}
-
-void Load(benchmark::State& state, DayFileWork& (*work)()) {
-    Timed(
-        state, [&] { Prepare(work()); }, [&] { work().Load(); });
-}
-
-void LoadBare(benchmark::State& state, DayFileWork& (*work)()) {
-    Timed(
-        state, [&] { Prepare(work()); }, [&] { work().LoadBare(); });
-}
-
-BENCHMARK(Write)->Name("fig5/ours")->UseManualTime()->Iterations(1);
-BENCHMARK(WriteBare)->Name("fig5/floor")->UseManualTime()->Iterations(1);
-BENCHMARK_CAPTURE(Load, unordered, Unordered)->Name("fig6/ours")->UseManualTime()->Iterations(1);
-BENCHMARK_CAPTURE(LoadBare, unordered, Unordered)->Name("fig6/floor")->UseManualTime()->Iterations(1);
-BENCHMARK_CAPTURE(Load, ordered, Ordered)->Name("fig6/ours/sorted")->UseManualTime()->Iterations(1);
-BENCHMARK_CAPTURE(LoadBare, ordered, Ordered)->Name("fig6/floor/sorted")->UseManualTime()->Iterations(1);
 
 }  // namespace
+
+std::vector<bench::Case> bench::cases() {
+    return {{"day-file-line", kInstruments, Writing},
+            {"day-file-load/unordered", kInstruments, [] { return Loading(Unordered()); }},
+            {"day-file-load/sorted", kInstruments, [] { return Loading(Ordered()); }}};
+}

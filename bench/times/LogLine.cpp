@@ -1,31 +1,32 @@
-// Figure 4: one INFO line to standard output and a file, ours and spdlog's. Both write the same line: the same time,
-// level and tag in the same places, flushed at once.
+// One INFO line to standard output and a file: ours, spdlog's with two sinks, and the two writes of a ready line. All
+// write the same bytes: the same time, level and tag in the same places, flushed at once.
 
-#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
+#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include "bench/support/Host.h"
+#include "bench/support/Rounds.h"
 #include "src/log/log.h"
 
 namespace {
 
 constexpr char kLogFile[] = "LogLine";
+constexpr unsigned int kLines = 500;
 
-bool StartLog() {
-    static const bool started = elog_init("./", "ours") == 0;
-    elog_set_output_enabled(true);
-    return started;
-}
+std::optional<bench::StdoutToFile> g_stdout;
 
-void Elog(benchmark::State& state) {
-    if (!StartLog()) state.SkipWithError("the log could not be opened");
-    unsigned int count = 0;
-    for (auto _ : state) LOG_INFO("Bin inst count:%u", ++count);
+void PrepareStdout() { g_stdout.emplace(); }
+void FinishStdout() { g_stdout.reset(); }
+
+void WriteOurs() {
+    for (unsigned int n = 0; n < kLines; ++n) LOG_INFO("Bin inst count:%u", 1234567U);
 }
 
 std::shared_ptr<spdlog::logger> MakeSpdlog() {
@@ -37,24 +38,28 @@ std::shared_ptr<spdlog::logger> MakeSpdlog() {
     return logger;
 }
 
-void Spdlog(benchmark::State& state) {
+void WriteWithSpdlog() {
     static const std::shared_ptr<spdlog::logger> logger = MakeSpdlog();
-    unsigned int count = 0;
-    for (auto _ : state) logger->info("Bin inst count:{}", ++count);
+    for (unsigned int n = 0; n < kLines; ++n) logger->info("Bin inst count:{}", 1234567U);
 }
 
-// What no log of two writes can beat: the writes alone.
-void BareWrites(benchmark::State& state) {
+void WriteReadyLine() {
     static const int file = ::open("bare.log", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     constexpr char kLine[] = "[INFO   ][20261120-14:12:41][fpga]Bin inst count:1234567\n";
-    for (auto _ : state) {
+    for (unsigned int n = 0; n < kLines; ++n) {
         if (::write(STDOUT_FILENO, kLine, sizeof kLine - 1) < 0 || ::write(file, kLine, sizeof kLine - 1) < 0)
-            state.SkipWithError("a write failed");
+            std::abort();
     }
 }
 
-BENCHMARK(Elog)->Name("fig4/ours");
-BENCHMARK(Spdlog)->Name("fig4/floor");
-BENCHMARK(BareWrites)->Name("fig4/bare-writes");
-
 }  // namespace
+
+std::vector<bench::Case> bench::cases() {
+    return {{"log-line", kLines, []() -> std::vector<Role> {
+                 if (elog_init("./", "ours") != 0) std::abort();
+                 elog_set_output_enabled(true);
+                 return {{"ours", PrepareStdout, WriteOurs, FinishStdout},
+                         {"spdlog", PrepareStdout, WriteWithSpdlog, FinishStdout},
+                         {"writes", PrepareStdout, WriteReadyLine, FinishStdout}};
+             }}};
+}

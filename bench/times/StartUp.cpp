@@ -1,35 +1,18 @@
-// Figure 9: a start-up on the card, reset and six clearing passes included and the seconds of the reset left out, of
-// the same calls of the card issued bare, one lock a call.
+// A start-up on the card, reset and six clearing passes included and the seconds of the reset left out; and the same
+// calls of the card issued bare, one lock a call.
 
+#include "bench/support/Rounds.h"
 #include "bench/support/StartUpWork.h"
-#include "bench/support/Timed.h"
 
 namespace {
 
-using bench::StartUpWork;
-
-StartUpWork& Work() {
-    static StartUpWork work;
-    static const bool same = work.BothDoTheSame();
-    if (!same) std::abort();
-    return work;
+std::vector<bench::Role> Starting() {
+    static bench::StartUpWork work;
+    if (!work.BothDoTheSame()) std::abort();
+    return {{"ours", [] { work.Prepare(); }, [] { work.Start(); }, [] { work.End(); }},
+            {"bare", [] { work.Prepare(); }, [] { work.StartBare(); }, [] { work.EndBare(); }}};
 }
-
-void Start(benchmark::State& state) {
-    StartUpWork& work = Work();
-    bench::Timed(
-        state, [&] { work.Prepare(); }, [&] { work.Start(); });
-    work.End();
-}
-
-void StartBare(benchmark::State& state) {
-    StartUpWork& work = Work();
-    bench::Timed(
-        state, [&] { work.Prepare(); }, [&] { work.StartBare(); });
-    work.EndBare();
-}
-
-BENCHMARK(Start)->Name("fig9/ours")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(StartBare)->Name("fig9/floor")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
+
+std::vector<bench::Case> bench::cases() { return {{"start-up", 1, Starting}}; }

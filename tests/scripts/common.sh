@@ -77,6 +77,7 @@ demo.sh --built /nowhere
 bench.sh --nonsense
 bench.sh --figure
 bench.sh --figure all
+bench.sh --write-page --figure packet
 coverage.sh --nonsense
 format.sh --nonsense
 lint.sh --nonsense
