@@ -70,6 +70,7 @@ public:
     void LoadByHand() {
         const std::string content = ReadAll();
         std::vector<std::pair<std::string_view, unsigned short>> lines;
+        lines.reserve(content.size() / 8);
         bool whole = false;
         const char* const end = content.data() + content.size();
         for (const char* at = content.data(); at < end;) {

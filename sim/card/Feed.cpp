@@ -65,7 +65,17 @@ std::uint32_t nextInstrument(FeedState& feed) {
     return safeNumber(feed.subscribed[safeNumber(feed.cursor)]);
 }
 
-void fillCommon(const CardState& s, std::uint32_t number, std::uint32_t level, enyx_sim::QuoteCommon& quote) {
+// Exchange time of all quotes that one advance() sends.
+struct Moment {
+    explicit Moment(const CardState& s)
+        : date(registers::exchangeDate(s)), time(registers::exchangeTime(s)), millis(s.now.millis) {}
+    std::uint32_t date;
+    std::uint32_t time;
+    std::uint32_t millis;
+};
+
+void fillCommon(const CardState& s, const Moment& moment, std::uint32_t number, std::uint32_t level,
+                enyx_sim::QuoteCommon& quote) {
     const Instrument& instrument = s.parser.instruments[number];
     const PriceWalk& prices = s.feed.prices[number];
     static_assert(sizeof quote.id == sizeof instrument.id, "an id is copied whole");
@@ -73,9 +83,9 @@ void fillCommon(const CardState& s, std::uint32_t number, std::uint32_t level, e
     quote.instrumentIndex = instrument.row;
     quote.table = instrument.table;
     quote.level = static_cast<std::uint8_t>(level);
-    quote.exchangeDate = registers::exchangeDate(s);
-    quote.exchangeTime = registers::exchangeTime(s);
-    quote.exchangeMillis = s.now.millis;
+    quote.exchangeDate = moment.date;
+    quote.exchangeTime = moment.time;
+    quote.exchangeMillis = moment.millis;
     quote.lastPrice = prices.last;
     quote.upperLimit = prices.upperLimit;
     quote.lowerLimit = prices.lowerLimit;
@@ -97,7 +107,7 @@ void fillBook(const BookEdge& edge, std::int64_t, enyx_sim::Level1Quote& quote) 
 }
 
 void fillBook(const BookEdge& edge, std::int64_t tick, enyx_sim::Level5Quote& quote) {
-    for (int depth = 0; depth < enyx_sim::kDepth; ++depth) {
+    for (std::uint32_t depth = 0; depth < enyx_sim::kDepth; ++depth) {
         quote.bidPrice[depth] = edge.bid - depth * tick;
         quote.askPrice[depth] = edge.ask + depth * tick;
         quote.bidVolume[depth] = edge.bidVolume[depth];
@@ -125,13 +135,13 @@ void deliver(CardState& s, std::uint32_t channel, Packet<Quote>& packet) {
 }
 
 template <typename Quote>
-void quote(CardState& s, std::uint32_t number, std::uint32_t level, std::uint32_t targets) {
+void quote(CardState& s, const Moment& moment, std::uint32_t number, std::uint32_t level, std::uint32_t targets) {
     PriceWalk& prices = s.feed.prices[number];
     const BookEdge edge = walk(prices, s.feed.random);
     Packet<Quote> packet;
     packet.head.type = packetType(s.parser.instruments[number].table, level);
     packet.head.length = sizeof packet;
-    fillCommon(s, number, level, packet.quote.common);
+    fillCommon(s, moment, number, level, packet.quote.common);
     fillBook(edge, prices.tick, packet.quote);
     for (std::uint32_t channel = 0; targets != 0; ++channel, targets >>= 1)
         if ((targets & 1) != 0) deliver(s, channel, packet);
@@ -152,7 +162,7 @@ bool haveRoom(CardState& s, std::uint32_t targets) {
 }
 
 // False when the readers set the pace and one of this quote's readers has no room: the quote waits.
-bool quoteNext(CardState& s, std::uint32_t open) {
+bool quoteNext(CardState& s, const Moment& moment, std::uint32_t open) {
     const std::uint32_t number = nextInstrument(s.feed);
     const Instrument& instrument = s.parser.instruments[number];
     const std::uint32_t targets =
@@ -161,8 +171,8 @@ bool quoteNext(CardState& s, std::uint32_t open) {
     const std::uint32_t level = nextLevel(s);
     ++s.feed.cursor;
     if (targets == 0) return true;
-    if (level == 1) quote<enyx_sim::Level1Quote>(s, number, level, targets);
-    if (level == 5) quote<enyx_sim::Level5Quote>(s, number, level, targets);
+    if (level == 1) quote<enyx_sim::Level1Quote>(s, moment, number, level, targets);
+    if (level == 5) quote<enyx_sim::Level5Quote>(s, moment, number, level, targets);
     return true;
 }
 
@@ -259,8 +269,9 @@ void maskChanged(CardState& s, std::uint32_t table, std::uint32_t row) {
 bool advance(CardState& s) {
     if (!s.feed.active) return false;
     const std::uint32_t open = openStreams(s);
+    const Moment moment(s);
     std::uint64_t sent = 0;
-    for (const std::uint64_t due = takeDue(s); sent < due && quoteNext(s, open);) ++sent;
+    for (const std::uint64_t due = takeDue(s); sent < due && quoteNext(s, moment, open);) ++sent;
     wakeAt(s, nextQuoteNs(s));
     return s.config.pace == kPaceOfReaders && sent > 0;
 }

@@ -103,26 +103,51 @@ PriceWalk openingPrices(const char* id, std::uint64_t seed) {
     return prices;
 }
 
+namespace {
+
+// Small numbers out of one large one. The range of each is the base of its digit; the lowest digit comes first.
+template <typename Number>
+class Digits {
+public:
+    explicit Digits(Number value) : m_value(value) {}
+    template <std::uint32_t base>
+    std::uint32_t take() {
+        const auto digit = static_cast<std::uint32_t>(m_value % base);
+        m_value /= base;
+        return digit;
+    }
+    Number rest() const { return m_value; }
+
+private:
+    Number m_value;
+};
+
+// Lots at five prices, 1 to 50 each. They are taken from 32 bits, whose divisions are cheap.
+std::array<std::uint32_t, 5> volumes(Digits<std::uint64_t>& random) {
+    constexpr std::uint32_t kMost = 50;
+    Digits<std::uint32_t> lots(random.take<kMost * kMost * kMost * kMost * kMost>());
+    return {1 + lots.take<kMost>(), 1 + lots.take<kMost>(), 1 + lots.take<kMost>(), 1 + lots.take<kMost>(),
+            1 + lots.rest()};
+}
+
+}  // namespace
+
 BookEdge walk(PriceWalk& prices, std::uint64_t& random) {
-    std::uint64_t bits = nextRandom(random);
-    const auto take = [&bits](std::uint32_t range) {
-        const auto value = static_cast<std::uint32_t>(bits % range);
-        bits /= range;
-        return value;
-    };
-    const std::int64_t move = (std::int64_t{take(5)} - 2) * prices.tick;
+    Digits<std::uint64_t> digits(nextRandom(random));
+    Digits<std::uint32_t> steps(digits.take<5 * 20 * 3 * 2 * 2>());
+    const std::int64_t move = (std::int64_t{steps.take<5>()} - 2) * prices.tick;
     prices.last = std::clamp(prices.last + move, prices.lowerLimit + kEdgeTicks * prices.tick,
                              prices.upperLimit - kEdgeTicks * prices.tick);
-    const std::uint32_t lots = 1 + take(20);
+    const std::uint32_t lots = 1 + steps.take<20>();
     prices.totalVolume += lots;
     if (prices.turnover < kMostTurnover) prices.turnover += std::abs(prices.last) * lots * prices.lotSize;
-    prices.openInterest += take(3);
+    prices.openInterest += steps.take<3>();
 
     BookEdge edge;
-    edge.bid = prices.last - std::int64_t{take(2)} * prices.tick;
-    edge.ask = edge.bid + (1 + std::int64_t{take(2)}) * prices.tick;
-    for (std::uint32_t& volume : edge.bidVolume) volume = 1 + take(50);
-    for (std::uint32_t& volume : edge.askVolume) volume = 1 + take(50);
+    edge.bid = prices.last - std::int64_t{steps.take<2>()} * prices.tick;
+    edge.ask = edge.bid + (1 + std::int64_t{steps.take<2>()}) * prices.tick;
+    edge.bidVolume = volumes(digits);
+    edge.askVolume = volumes(digits);
     return edge;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "sim/card/CardState.h"
@@ -10,8 +11,8 @@ namespace vexo_sim {
 struct BookEdge {
     std::int64_t bid;
     std::int64_t ask;
-    std::uint32_t bidVolume[5];
-    std::uint32_t askVolume[5];
+    std::array<std::uint32_t, 5> bidVolume;
+    std::array<std::uint32_t, 5> askVolume;
 };
 
 /// Prices, limits and volumes at the open. They depend only on the instrument's id and the card's seed.

@@ -6,35 +6,10 @@
 namespace vexo_sim::ring {
 namespace {
 
-// Each packet is preceded by its size; both start on 8 bytes. The marker sends the reader back to the start.
-constexpr std::uint64_t kPrefix = 8;
-constexpr std::uint32_t kWrapMarker = 0xFFFFFFFF;
-
-std::uint64_t footprint(std::uint32_t size) { return kPrefix + ((std::uint64_t{size} + 7) & ~std::uint64_t{7}); }
-
-// Always inside the ring's bytes and on 8 of them, whatever another process has written into the capacity or a
-// position.
-std::uint64_t offsetOf(const RingState& ring, std::uint64_t position) {
-    return position & (ring.capacity - 1) & (kMaxRingBytes - kPrefix);
-}
-
-// Whether a packet of that size lies inside the ring's bytes.
-bool fits(std::uint64_t offset, std::uint32_t size) { return size <= kMaxRingBytes - kPrefix - offset; }
-
-void storeSize(RingState& ring, std::uint64_t position, std::uint32_t size) {
-    std::memcpy(ring.bytes + offsetOf(ring, position), &size, sizeof size);
-}
-
 std::uint32_t loadSize(const RingState& ring, std::uint64_t position) {
     std::uint32_t size;
     std::memcpy(&size, ring.bytes + offsetOf(ring, position), sizeof size);
     return size;
-}
-
-bool hasRoom(RingState& ring, std::uint64_t end) {
-    if (end - ring.tailSeen <= ring.capacity) return true;
-    ring.tailSeen = std::min(ring.tail.load(std::memory_order_acquire), ring.keptFrom);
-    return end - ring.tailSeen <= ring.capacity;
 }
 
 }  // namespace
@@ -47,20 +22,9 @@ void init(RingState& ring, std::uint32_t capacityBytes) {
     ring.head.store(0, std::memory_order_release);
 }
 
-unsigned char* reserve(RingState& ring, std::uint32_t size) {
-    const std::uint64_t head = ring.head.load(std::memory_order_relaxed);
-    const std::uint64_t offset = offsetOf(ring, head);
-    const bool wraps = offset + footprint(size) > ring.capacity;
-    const std::uint64_t start = wraps ? head + (ring.capacity - offset) : head;
-    if (!hasRoom(ring, start + footprint(size)) || !fits(offsetOf(ring, start), size)) return nullptr;
-    if (wraps) storeSize(ring, head, kWrapMarker);
-    ring.reserved = start;
-    return ring.bytes + offsetOf(ring, start) + kPrefix;
-}
-
-void commit(RingState& ring, std::uint32_t size) {
-    storeSize(ring, ring.reserved, size);
-    ring.head.store(ring.reserved + footprint(size), std::memory_order_release);
+bool tailLeavesRoom(RingState& ring, std::uint64_t end) {
+    ring.tailSeen = std::min(ring.tail.load(std::memory_order_acquire), ring.keptFrom);
+    return end - ring.tailSeen <= ring.capacity;
 }
 
 // A size that cannot be: only another process can have written it. The packets that are there are given up.

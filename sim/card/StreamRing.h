@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 
 #include "sim/card/CardConfig.h"
 
@@ -61,6 +62,51 @@ std::uint32_t largestPacket(std::uint32_t capacity);
 
 /// The packet at a position that one was put at, or at which the ring wraps; moves @p position behind it.
 PacketView next(RingState& ring, std::uint64_t& position);
+
+// ---- the rest is how it is done ----
+
+// Each packet is preceded by its size; both start on 8 bytes. The marker sends the reader back to the start.
+inline constexpr std::uint64_t kPrefix = 8;
+inline constexpr std::uint32_t kWrapMarker = 0xFFFFFFFF;
+
+constexpr std::uint64_t footprint(std::uint32_t size) {
+    return kPrefix + ((std::uint64_t{size} + 7) & ~std::uint64_t{7});
+}
+
+// Always inside the ring's bytes and on 8 of them, whatever another process has written into the capacity or a
+// position.
+inline std::uint64_t offsetOf(const RingState& ring, std::uint64_t position) {
+    return position & (ring.capacity - 1) & (kMaxRingBytes - kPrefix);
+}
+
+// Whether a packet of that size lies inside the ring's bytes.
+inline bool fits(std::uint64_t offset, std::uint32_t size) { return size <= kMaxRingBytes - kPrefix - offset; }
+
+inline void storeSize(RingState& ring, std::uint64_t position, std::uint32_t size) {
+    std::memcpy(ring.bytes + offsetOf(ring, position), &size, sizeof size);
+}
+
+// Reads the reader's present position.
+bool tailLeavesRoom(RingState& ring, std::uint64_t end);
+
+inline unsigned char* reserve(RingState& ring, std::uint32_t size) {
+    const std::uint64_t head = ring.head.load(std::memory_order_relaxed);
+    const std::uint64_t offset = offsetOf(ring, head);
+    const bool wraps = offset + footprint(size) > ring.capacity;
+    const std::uint64_t start = wraps ? head + (ring.capacity - offset) : head;
+    const std::uint64_t end = start + footprint(size);
+    if (end - ring.tailSeen > ring.capacity && !tailLeavesRoom(ring, end)) return nullptr;
+    const std::uint64_t at = wraps ? offsetOf(ring, start) : offset;
+    if (!fits(at, size)) return nullptr;
+    if (wraps) storeSize(ring, head, kWrapMarker);
+    ring.reserved = start;
+    return ring.bytes + at + kPrefix;
+}
+
+inline void commit(RingState& ring, std::uint32_t size) {
+    storeSize(ring, ring.reserved, size);
+    ring.head.store(ring.reserved + footprint(size), std::memory_order_release);
+}
 
 template <typename Visit>
 void forEachKept(RingState& ring, Visit visit) {

@@ -61,6 +61,24 @@ std::string whoElseHasBus(std::uint32_t bus) {
     return {};
 }
 
+// Reserves the card's memory and chooses the size of its rings, unless the scenario gives one. At pace max the rings
+// are as large as possible: on a busy machine the card and its reader run in turns, and fill or empty one ring a turn.
+bool reserveMemory(CardFile& file, const std::string& directory, scenario::Scenario& scenario) {
+    CardConfig& config = scenario.config;
+    if (scenario.ringGiven || config.pace != kPaceOfReaders) return file.reserve(config.ringBytes);
+    config.ringBytes = kMaxRingBytes;
+    if (file.reserve(config.ringBytes)) return true;
+    const std::string why = std::strerror(errno);
+    config.ringBytes = CardConfig{}.ringBytes;
+    if (!file.reserve(config.ringBytes)) return false;
+    std::fprintf(
+        stderr,
+        "vexo-simcard: no memory for streams of %u bytes in %s (%s): they have %u bytes. On a busy machine the "
+        "readers get fewer quotes a second.\n",
+        kMaxRingBytes, directory.c_str(), why.c_str(), config.ringBytes);
+    return true;
+}
+
 std::string groupHint(const CardHost::Plan& plan) {
     if (errno != EPERM || !plan.group) return {};
     return " for group " + std::to_string(*plan.group) + ", of which you are no member";
@@ -68,7 +86,7 @@ std::string groupHint(const CardHost::Plan& plan) {
 
 }  // namespace
 
-std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) {
+std::unique_ptr<CardHost> CardHost::start(Plan plan, std::string& error) {
     if (plan.scenario.callFailures.size() > kMaxSharedFailures) {
         error = "a hosted card's scenario has room for " + std::to_string(kMaxSharedFailures) + " failing calls";
         return nullptr;
@@ -86,7 +104,7 @@ std::unique_ptr<CardHost> CardHost::start(const Plan& plan, std::string& error) 
         const mode_t mode = plan.group ? 0660 : 0600;
         CardFile file = CardFile::create(directory, plan.scenario.bus, mode, plan.group.value_or(getegid()));
         CardBlock* block = file && file.claim({CardPart::kHost}) ? file.map() : nullptr;
-        if (block == nullptr || !file.reserve(plan.scenario.config.ringBytes)) {
+        if (block == nullptr || !reserveMemory(file, directory, plan.scenario)) {
             error = systemError("cannot make a card in " + directory + groupHint(plan));
             if (file) file.remove();
             return nullptr;

@@ -27,7 +27,7 @@ public:
 
     /// Switches a card on and offers it. Removes files of this user's dead hosts first.
     /// @return null, with the reason in @p error, when the bus has a host already or there is no memory
-    static std::unique_ptr<CardHost> start(const Plan& plan, std::string& error);
+    static std::unique_ptr<CardHost> start(Plan plan, std::string& error);
     /// Removes the card. Its readers then see idle streams.
     ~CardHost();
 

@@ -83,6 +83,11 @@ void takeReplayMap(const Value& value, Scenario& s) {
     s.replayMap = parse::word(value, {{"capture", 1}, {"card", 0}}) != 0;
 }
 
+void takeRingBytes(const Value& value, Scenario& s) {
+    s.config.ringBytes = parse::number32(value, kMinRingBytes, kMaxRingBytes);
+    s.ringGiven = true;
+}
+
 constexpr Key kKeys[] = {
     {"scenario", "description", takeDescription},
     {"card", "bus", takeBus},
@@ -98,7 +103,7 @@ constexpr Key kKeys[] = {
     {"card", "learning_ms", takeNumber<&CardConfig::learningMs, 0, kMaxMilliseconds>},
     {"card", "static_round_ms", takeNumber<&CardConfig::staticRoundMs, 1, kMaxMilliseconds>},
     {"card", "mtu", takeNumber<&CardConfig::mtu, kMinMtu, kMaxMtu>},
-    {"card", "ring_bytes", takeNumber<&CardConfig::ringBytes, kMinRingBytes, kMaxRingBytes>},
+    {"card", "ring_bytes", takeRingBytes},
     {"card", "map_messages_per_packet", takeNumber<&CardConfig::mapMessagesPerPacket, 1, kAnyNumber>},
     {"card", "map_round_ms", takeNumber<&CardConfig::mapRoundMs, 1, kMaxMilliseconds>},
     {"instruments", "list", takeList},

@@ -41,6 +41,7 @@ struct Scenario {
     std::uint32_t bus = 0;
 
     CardConfig config;
+    bool ringGiven = false;                // config.ringBytes is the scenario's choice, not the default
     DateChoice date = DateChoice::kGiven;  // unless kGiven, the day of power-on decides
     std::optional<std::uint32_t> clock;    // second of the day that the exchange's clock shows at power-on
     std::optional<std::vector<Instrument>> instruments;  // a list of its own; otherwise config.instruments

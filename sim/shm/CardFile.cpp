@@ -150,6 +150,8 @@ bool CardFile::reserve(std::uint32_t ringBytes) {
     int error = reserveRange(m_fd, 0, streams);
     for (std::uint32_t channel = 0; channel < kStreams && error == 0; ++channel)
         error = reserveRange(m_fd, streams + channel * sizeof(UpStreamState), used);
+    // Gives back what was reserved before the memory ran out: smaller rings may fit.
+    if (error != 0 && ftruncate(m_fd, 0) == 0 && ftruncate(m_fd, sizeof(CardBlock)) != 0) error = errno;
     errno = error;
     return error == 0;
 }

@@ -49,7 +49,8 @@ public:
     /// process. Before it returns, nothing in the file is trusted. After that, whoever may write to the file can also
     /// shorten it.
     CardBlock* map();
-    /// Reserves the memory of the card, so that a full file system is an error here and not at a later write.
+    /// Reserves the memory of a new card, so that a full file system is an error here and not at a later write. Nothing
+    /// is reserved when it fails: try smaller rings then.
     bool reserve(std::uint32_t ringBytes);
     /// Gives a created file its name. False with EEXIST when that name exists already.
     bool publish(const std::string& path);

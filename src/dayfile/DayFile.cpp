@@ -1,5 +1,6 @@
 #include "src/dayfile/DayFile.h"
 
+#include <endian.h>
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -35,7 +36,30 @@ std::string dayFilePath() {
 // of only short lines would take many times its size in memory.
 constexpr std::size_t kPortion = 32768;
 
+// The first bytes of an id as a number that orders as the text does. A shorter id is filled up with zeros.
+std::uint64_t orderOf(std::string_view text) {
+    unsigned char bytes[sizeof(std::uint64_t)] = {};
+    std::memcpy(bytes, text.data(), std::min(text.size(), sizeof bytes));
+    std::uint64_t order;
+    std::memcpy(&order, bytes, sizeof order);
+    return be64toh(order);
+}
+
+// Nearly all ids have up to 16 characters, so two numbers decide most comparisons.
 struct DayLine {
+    DayLine(std::string_view text, unsigned short number)
+        : begin(orderOf(text)),
+          middle(text.size() > sizeof begin ? orderOf(text.substr(sizeof begin)) : 0),
+          id(text),
+          index(number) {}
+    bool operator<(const DayLine& other) const {
+        if (begin != other.begin) return begin < other.begin;
+        if (middle != other.middle) return middle < other.middle;
+        return id < other.id;
+    }
+
+    std::uint64_t begin;
+    std::uint64_t middle;
     std::string_view id;
     unsigned short index;
 };
@@ -43,9 +67,9 @@ struct DayLine {
 // The file has the order in which the card announced the instruments. A map takes its entries fastest in its own order.
 // The sort keeps lines of one id in their order: the first one wins.
 void insert(std::vector<DayLine>& insts, std::map<std::string, unsigned short>& map) {
-    std::stable_sort(insts.begin(), insts.end(), [](const DayLine& a, const DayLine& b) { return a.id < b.id; });
-    auto behind = map.begin();
-    for (const DayLine& inst : insts) behind = std::next(map.try_emplace(behind, std::string(inst.id), inst.index));
+    std::stable_sort(insts.begin(), insts.end());
+    auto near = map.end();
+    for (const DayLine& inst : insts) near = map.emplace_hint(near, inst.id, inst.index);
     insts.clear();
 }
 
@@ -173,6 +197,7 @@ int CBrixBinFile::CheckOrLoadBinFile() {
 bool CBrixBinFile::loadDayLines(const std::string& content) {
     bool tagSeen = false;
     std::vector<DayLine> insts;
+    insts.reserve(std::min(kPortion, content.size() / 8));
     for (std::string_view rest = content; !rest.empty();) {
         const std::string_view line = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(std::min(line.size() + 1, rest.size()));
@@ -183,7 +208,7 @@ bool CBrixBinFile::loadDayLines(const std::string& content) {
             tagSeen = true;
         } else if (line != withoutLineFeed(kHeaderLine) && comma != std::string_view::npos) {
             // The comma ends the number: it is read in place.
-            insts.push_back({line.substr(comma + 1), leadingDecimal<unsigned short>(line.data())});
+            insts.emplace_back(line.substr(comma + 1), leadingDecimal<unsigned short>(line.data()));
             if (insts.size() == kPortion) insert(insts, m_Intrade_AllInstMap);
         }
     }

@@ -219,10 +219,7 @@ namespace {
 // Longer packets make readers of capture files give up the whole file.
 constexpr std::uint32_t kMostKept = 262'144;
 
-void keepUpTo(Source& source, std::uint32_t mtu) {
-    const std::uint32_t limit = mtu == 0 ? kMostKept : std::min(mtu, kMostKept);
-    source.limit.store(limit, std::memory_order_relaxed);
-}
+void keepUpTo(Source& source, std::uint32_t mtu) { source.keepUpTo(mtu == 0 ? kMostKept : std::min(mtu, kMostKept)); }
 
 // For a program that did not ask for the stream's MTU.
 std::uint32_t askForLimit(Source& source) {
@@ -242,21 +239,25 @@ std::uint32_t askForLimit(Source& source) {
         const KeepErrno keep;
         std::uint32_t limit = source.limit.load(std::memory_order_relaxed);
         if (limit == 0) limit = askForLimit(source);
-        source.ring.put(clock_ticks::now(), data, std::min(size, limit), size);
+        const std::uint32_t kept = std::min(size, limit);
+        source.ring.put(clock_ticks::now(), data, kept, size - kept);
     }
     source.handler(data, size, source.context);
 }
 
-// Replaces the program's own handler in the poll.
+// Replaces the program's own handler in the poll. The packet waits in the source while its bytes are copied: keeping it
+// in registers would save and restore two more of them.
 void recordAndDeliver(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
-    const bool isUsual = size - 1 < source.limit.load(std::memory_order_relaxed);  // not empty, not too long
-    if (!clock_ticks::g_counterIsEven || !isUsual) return recordAndDeliverSlow(data, size, context);
-    unsigned char* room = source.ring.reserve(__rdtsc(), size, size);
+    const bool isUsual = size - 1 < source.quickLimit.load(std::memory_order_relaxed);  // not empty, not too long
+    if (!isUsual) return recordAndDeliverSlow(data, size, context);
+    unsigned char* room = source.ring.reserve(__rdtsc(), size, 0);
     if (room == nullptr) return recordAndDeliverSlow(data, size, context);
+    source.data = data;
+    source.size = size;
     std::memcpy(room, data, size);
     source.ring.commit();
-    source.handler(data, size, source.context);
+    source.handler(source.data, source.size, source.context);
 }
 
 // Slow path: the stream is not captured, or it is not at its first place in the table.

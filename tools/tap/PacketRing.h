@@ -34,22 +34,22 @@ public:
 
     // ---- producer: one packet is reserve(), its bytes, commit() ----
     /// Room for the packet's bytes. Null when there may be none: then try reserveSlow().
-    /// @param trueSize  the packet's own size, of which @p size bytes are kept
-    unsigned char* reserve(std::uint64_t ticks, std::uint32_t size, std::uint32_t trueSize) {
+    /// @param cut  bytes of the packet that are left out behind the @p size that are kept
+    unsigned char* reserve(std::uint64_t ticks, std::uint32_t size, std::uint32_t cut) {
         const std::uint64_t head = m_head.load(std::memory_order_relaxed);
         m_end = head + footprint(size);
         if (m_end > m_limit) return nullptr;
         unsigned char* at = m_bytes + (head & m_mask);
-        const Prefix prefix{ticks, size, trueSize};
+        const Prefix prefix{ticks, size | std::uint64_t{cut} << 32};
         std::memcpy(at, &prefix, sizeof prefix);
         return at + sizeof prefix;
     }
     /// The same, but reads the consumer's present position first. Null: there is no room, and the packet is counted as
     /// lost.
-    unsigned char* reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t trueSize);
+    unsigned char* reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t cut);
     void commit() { m_head.store(m_end, std::memory_order_release); }
     /// Reserves, copies and commits.
-    void put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t trueSize = 0);
+    void put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t cut = 0);
 
     // ---- consumer ----
     /// The end of the packets that are there now.
@@ -61,7 +61,9 @@ public:
         const unsigned char* at = m_bytes + (tail & m_mask);
         Prefix prefix;
         std::memcpy(&prefix, at, sizeof prefix);
-        record = {prefix.ticks, at + sizeof prefix, prefix.size, prefix.trueSize};
+        const auto size = static_cast<std::uint32_t>(prefix.sizes);
+        const auto cut = static_cast<std::uint32_t>(prefix.sizes >> 32);
+        record = {prefix.ticks, at + sizeof prefix, size, size + cut};
         return true;
     }
     void pop(const Record& record) {
@@ -74,8 +76,7 @@ public:
 private:
     struct Prefix {
         std::uint64_t ticks;
-        std::uint32_t size;
-        std::uint32_t trueSize;
+        std::uint64_t sizes;  // the size, and in the upper half what was cut: one store where nothing was
     };
     static_assert(sizeof(Prefix) == 16);
 

@@ -180,7 +180,7 @@ void openStream(const void* stream, const Origin& origin) {
     if (Source* before = g_streams.remove(stream)) TapWriter::release(*before);
     if (source != nullptr) {
         source->stream = stream;
-        source->limit.store(0, std::memory_order_relaxed);
+        source->keepUpTo(0);
     }
     if (source != nullptr && g_streams.insert(stream, source)) return;
     if (source != nullptr) TapWriter::release(*source);

@@ -23,12 +23,20 @@ struct Source {
     PacketRing ring;
     std::atomic<bool> open{true};  // false: closed; the same stream may use it again
 
-    // Handler and context of the poll that is under way. One thread at a time polls a stream.
+    // Handler and context of the poll that is under way, and its packet. One thread at a time polls a stream.
     Handler handler = nullptr;
     void* context = nullptr;
+    const std::uint8_t* data = nullptr;
+    std::uint32_t size = 0;
 
-    const void* stream = nullptr;         // the handle; null for registers
-    std::atomic<std::uint32_t> limit{0};  // bytes of a packet that are kept; 0 = the stream's MTU is not known yet
+    std::atomic<std::uint32_t> quickLimit{0};  // packets up to this size take the fast path: the limit, or 0
+    std::atomic<std::uint32_t> limit{0};       // bytes of a packet that are kept; 0 = the stream's MTU is not known yet
+    const void* stream = nullptr;              // the handle; null for registers
+
+    void keepUpTo(std::uint32_t bytes) {
+        limit.store(bytes, std::memory_order_relaxed);
+        quickLimit.store(clock_ticks::g_counterIsEven ? bytes : 0, std::memory_order_relaxed);
+    }
 
     // Writer's side.
     bool described = false;

@@ -140,6 +140,24 @@ TEST_F(DayFileLoad, TheFirstLineOfAnIdentifierWins) {
     EXPECT_THAT(insts, ElementsAre(Pair("SR505", 5)));
 }
 
+TEST_F(DayFileLoad, TheFirstLineOfAnIdentifierWinsForEveryLength) {
+    std::string content = kHeader;
+    InstMap expected;
+    for (const int turn : {0, 100, 200}) {
+        for (int length = 40; length >= 0; --length) {
+            for (const char last : {'A', '\0', '\xFF'}) {
+                const std::string id = std::string(static_cast<std::size_t>(length), 'S') + last;
+                content += std::to_string(turn + length) + ',' + id + '\n';
+                expected.emplace(id, turn + length);
+            }
+        }
+    }
+
+    EXPECT_EQ(Load(content + kEnd), 0);
+
+    EXPECT_EQ(insts, expected);
+}
+
 TEST_F(DayFileLoad, ALineWithoutACommaIsSkippedSilently) {
     EXPECT_EQ(Load(kHeader + "12\n\n1,SR505\n" + kEnd), 0);
 
