@@ -11,6 +11,7 @@ namespace capture {
 namespace {
 
 constexpr std::uint64_t kNsPerSecond = 1'000'000'000;
+constexpr std::uint32_t kReadStep = 64 * 1024;
 
 std::uint64_t joined(std::uint32_t high, std::uint32_t low) { return std::uint64_t{high} << 32 | low; }
 
@@ -111,11 +112,15 @@ bool Reader::readBlock() {
 }
 
 bool Reader::readRest(std::uint32_t length) {
-    const std::uint32_t rest = length - format::kFrameBytes;
-    m_block.resize(length);
-    m_in.read(reinterpret_cast<char*>(m_block.data()) + format::kFrameBytes, rest);
-    const auto found = static_cast<std::uint64_t>(m_in.gcount());
-    if (found < rest) return cutOff(length, format::kFrameBytes + found);
+    // In steps: the length of a damaged block takes no more memory than the file has bytes.
+    for (std::uint32_t have = format::kFrameBytes; have < length;) {
+        const std::uint32_t step = std::min(length - have, kReadStep);
+        m_block.resize(have + step);
+        m_in.read(reinterpret_cast<char*>(m_block.data()) + have, step);
+        const auto found = static_cast<std::uint32_t>(m_in.gcount());
+        have += found;
+        if (found < step) return cutOff(length, have);
+    }
     if (load<std::uint32_t>(m_block.data() + length - 4) != length) {
         return fail("the block's two lengths differ: " + std::to_string(length) + " and " +
                     std::to_string(load<std::uint32_t>(m_block.data() + length - 4)));

@@ -135,7 +135,7 @@ bool Card::runDue() {
         contract_map::advance(s);
         more = feed::advance(s);
     }
-    s.faults.stopped |= last;
+    if (last) s.faults.stopped = true;
     return more;
 }
 

@@ -28,6 +28,16 @@ struct Instrument {
 // A card may lie in shared memory, where others can write any value at any time. What is used there as an index or a
 // length goes through these first: a wrong value then gives a wrong quote, and nothing worse.
 static_assert((kMaxInstruments & (kMaxInstruments - 1)) == 0 && (card_reg::kRows & (card_reg::kRows - 1)) == 0);
+// A bool whose byte is neither 0 nor 1 is undefined, so there is none in a card.
+struct Flag {
+    std::uint8_t byte;
+
+    operator bool() const { return byte != 0; }
+    Flag& operator=(bool on) {
+        byte = on ? 1 : 0;
+        return *this;
+    }
+};
 inline std::uint32_t safeNumber(std::uint32_t instrument) { return instrument & (kMaxInstruments - 1); }
 inline std::uint32_t safeTable(std::uint32_t table) { return table & (kTables - 1); }
 inline std::uint32_t safeRow(std::uint32_t row) { return row & (card_reg::kRows - 1); }
@@ -52,8 +62,8 @@ struct PriceWalk {
 struct RegisterState {
     static constexpr std::uint32_t kStored = 0x400;  // word addresses below this: control, versions, network
     std::uint32_t stored[kStored];
-    bool heldInReset;
-    bool verdictPending;          // software version written, verdict not yet read
+    Flag heldInReset;
+    Flag verdictPending;          // software version written, verdict not yet read
     std::uint32_t pinnedTime[2];  // kClockRuns, or what 0x104 / 0x105 show instead of the clock
 };
 inline constexpr std::uint32_t kClockRuns = ~std::uint32_t{0};
@@ -78,14 +88,14 @@ struct ParserState {
 };
 
 struct MapState {
-    bool active;
+    Flag active;
     std::uint32_t cursor;  // next instrument to announce
     std::uint64_t dueNs;
 };
 
 struct FeedState {
-    bool active;
-    bool paused;  // by the card's owner: neither quotes nor contract-map packets
+    Flag active;
+    Flag paused;  // by the card's owner: neither quotes nor contract-map packets
     std::uint64_t random;
     std::uint64_t lastNs;
     std::uint64_t startNs;  // when it last became active: bursts are counted from here
@@ -101,7 +111,7 @@ struct FeedState {
 
 /// Card to host. Only the process that advances the card touches anything but the ring.
 struct UpStreamState {
-    bool open;
+    Flag open;
     std::uint32_t opened;        // how often, since power-on
     std::uint32_t packets;       // put into the ring
     std::uint32_t backPressure;  // lost because the ring was full
@@ -114,7 +124,7 @@ struct UpStreamState {
 
 /// Host to card.
 struct DownStreamState {
-    bool open;
+    Flag open;
     std::uint64_t packets;
     std::uint64_t bytes;
     std::uint32_t busySends;  // that many sends still find the stream busy; kForGood = all
@@ -129,8 +139,8 @@ enum class CounterMode : std::uint32_t {
 
 /// What is wrong with the card beyond its configuration. Forgotten at power-on.
 struct FaultState {
-    bool armed;    // packets need a look: there are rules, or a number of packets to stop after
-    bool stopped;  // its clock stands and nothing leaves it; registers still answer
+    Flag armed;    // packets need a look: there are rules, or a number of packets to stop after
+    Flag stopped;  // its clock stands and nothing leaves it; registers still answer
     CounterMode counters;
     std::uint32_t heldUp;         // bit n = another program holds card-to-host stream n
     std::uint32_t resetsIgnored;  // that many resets of the root core do nothing; kForGood = all

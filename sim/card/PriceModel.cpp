@@ -14,6 +14,9 @@ namespace {
 constexpr std::int64_t kLimitPercent = 7;              // of the underlying price, either way
 constexpr std::int64_t kMostTurnover = INT64_MAX / 2;  // no day reaches it, but a benchmark may: it stays there
 constexpr std::int64_t kEdgeTicks = 6;  // the last price keeps that far from the limits: five prices fit behind it
+constexpr std::int64_t kMostPrice = 100'000'000'000'000;
+constexpr std::int64_t kMostTick = 1'000'000'000;
+constexpr std::uint32_t kMostLotSize = 1000;
 
 std::uint64_t hashOf(const char* text, std::size_t length, std::uint64_t seed) {
     std::uint64_t hash = 0xCBF29CE484222325U ^ seed;
@@ -105,6 +108,17 @@ PriceWalk openingPrices(const char* id, std::uint64_t seed) {
 
 namespace {
 
+// Others may have written what they like into a card in shared memory. Whatever the prices were, the arithmetic below
+// then has room. The prices of a card that nobody spoiled are far inside these limits.
+void bound(PriceWalk& prices) {
+    prices.tick = std::clamp<std::int64_t>(prices.tick, 1, kMostTick);
+    prices.lowerLimit = std::clamp(prices.lowerLimit, -kMostPrice, kMostPrice);
+    const std::int64_t leastUpper = prices.lowerLimit + 2 * kEdgeTicks * prices.tick;
+    prices.upperLimit = std::clamp(prices.upperLimit, leastUpper, std::max(kMostPrice, leastUpper));
+    prices.last = std::clamp(prices.last, prices.lowerLimit, prices.upperLimit);
+    prices.lotSize = std::min(prices.lotSize, kMostLotSize);
+}
+
 // Small numbers out of one large one. The range of each is the base of its digit; the lowest digit comes first.
 template <typename Number>
 class Digits {
@@ -133,6 +147,7 @@ std::array<std::uint32_t, 5> volumes(Digits<std::uint64_t>& random) {
 }  // namespace
 
 BookEdge walk(PriceWalk& prices, std::uint64_t& random) {
+    bound(prices);
     Digits<std::uint64_t> digits(nextRandom(random));
     Digits<std::uint32_t> steps(digits.take<5 * 20 * 3 * 2 * 2>());
     const std::int64_t move = (std::int64_t{steps.take<5>()} - 2) * prices.tick;

@@ -18,7 +18,7 @@
 namespace vexo_sim {
 namespace {
 
-constexpr std::size_t kReadBytes = 256 * 1024;
+constexpr std::size_t kReadBytes = 64 * 1024;  // each channel reads the file for itself
 constexpr std::uint32_t kMostBlocks = 4096;  // that a channel reads in one advance(): its caller holds the card's lock
 
 /// A capture file being read, from its beginning or from where another one found a packet.

@@ -131,6 +131,31 @@ TEST_F(Receive, EveryTypeReachesItsCallbackBeforeAndAfterTheFirstPacket) {
     EXPECT_TRUE(child.returned) << child.err;
 }
 
+TEST_F(Receive, EveryTypeAtEveryLengthReachesOneCallbackOrNone) {
+    const ChildResult child = RunInChild([&] {
+        OrderedSpi ordered;
+        IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
+        ASSERT_EQ(api->VexoStart(ordered, Ini(0, 0).c_str()), 0);
+        std::vector<int> expected;
+        for (std::size_t size = 0; size <= 2048; ++size) {
+            for (unsigned int type = 0; type < 256; ++type) {
+                // What is not market data writes a line, which takes long: that is shown of each type at few lengths.
+                const bool isQuote = type >= 17 && type <= 20;
+                if (!isQuote && type != 2 && size > 16 && size % 512 != type % 512) continue;
+                test_support::FakeEnyxHw::Bytes packet(size);
+                if (size > 0) packet[0] = static_cast<unsigned char>(type);
+                hw.packets[Stream(0)].push_back(packet);
+                const bool delivered = isQuote && size >= 12;
+                if (delivered) expected.push_back(static_cast<int>(type));
+                ASSERT_EQ(api->VexoRecv(), delivered ? 1 : 0) << type << " of " << size;
+            }
+        }
+        EXPECT_EQ(ordered.types, expected);
+        IVexoZceMdApi::DestroyVexoZceMdApi(*api);
+    });
+    EXPECT_TRUE(child.returned) << child.err;
+}
+
 TEST_F(Receive, PollThatFailsBringsNothingAndIsNotTheEnd) {
     const ChildResult child = RunInChild([&] {
         IVexoZceMdApi* api = Started(3);

@@ -128,3 +128,21 @@ TEST(Prices, TurnoverIsPriceTimesLotsTimesLotSize) {
     walk(prices, random);
     EXPECT_EQ(prices.turnover, prices.last * static_cast<std::int64_t>(prices.totalVolume) * 10);
 }
+
+TEST(Prices, ThatAnotherProcessHasSpoiledStayInsideTheRangeOfTheArithmetic) {
+    constexpr std::int64_t kFar = 2'000'000'000'000'000;
+    for (const std::int64_t far : {INT64_MAX, INT64_MIN, std::int64_t{0}}) {
+        PriceWalk prices{};
+        prices.last = prices.lowerLimit = prices.tick = far;
+        prices.upperLimit = prices.turnover = -(far + 1);
+        prices.lotSize = UINT32_MAX;
+        std::uint64_t random = 1;
+        const BookEdge edge = walk(prices, random);
+        EXPECT_GT(prices.tick, 0) << far;
+        EXPECT_LT(prices.tick, kFar) << far;
+        EXPECT_GE(prices.last, prices.lowerLimit) << far;
+        EXPECT_LE(prices.last, prices.upperLimit) << far;
+        EXPECT_LT(std::abs(prices.last), kFar) << far;
+        EXPECT_GT(edge.ask, edge.bid) << far;
+    }
+}

@@ -127,6 +127,15 @@ void UseEverything(CardState& state, Random& random) {
     }
 }
 
+TEST(HostileState, EveryByteOfAFlagIsTrueOrFalse) {
+    UpStreamState stream{};
+    for (int byte = 0; byte < 256; ++byte) {
+        std::memset(&stream.open, byte, sizeof stream.open);
+        const bool open = stream.open;
+        EXPECT_EQ(static_cast<int>(open), byte == 0 ? 0 : 1);
+    }
+}
+
 TEST(HostileState, NoValueInACardsMemoryLeadsOutOfIt) {
     const ZeroedMemory<CardState> good;
     const ZeroedMemory<CardState> spoiled;
