@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -8,11 +9,14 @@
 
 namespace vexo_sim {
 
+inline constexpr std::size_t kPageBytes = 4096;
+
 /// Bounded packet ring, one producer (the card) and one consumer (the reader of the stream). A packet always lies
-/// in one piece, so a reader gets a pointer and nothing is copied. Zero bytes plus init() make an empty ring.
+/// in one piece, so a reader gets a pointer and nothing is copied. Zero bytes plus init() make an empty ring. A ring
+/// has pages of its own: it stays where it is when the rest of a shared card's state moves.
 struct RingState {
     // producer's line
-    alignas(64) std::atomic<std::uint64_t> head;
+    alignas(kPageBytes) std::atomic<std::uint64_t> head;
     std::uint64_t tailSeen;
     std::uint64_t reserved;  // where the packet being written starts
     std::uint64_t keptFrom;  // nothing from here on is written over, taken or not; kKeepNothing: all taken may be
@@ -22,6 +26,7 @@ struct RingState {
     alignas(64) std::uint64_t capacity;
     alignas(64) unsigned char bytes[kMaxRingBytes];
 };
+static_assert(sizeof(RingState) % kPageBytes == 0);
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "the ring is shared between processes");
 
 /// A packet inside the ring; data is null when there is none.

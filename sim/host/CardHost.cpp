@@ -167,15 +167,14 @@ void CardHost::closeOrphans(std::uint64_t nowNs) {
     }
 }
 
-// A user that was stopped inside an access keeps the lock: the card stands still until it goes on.
+// Waits about two seconds for a user that was stopped inside an access, and then goes on without it. Nobody goes on
+// without the host: it alone writes packets, and rings do not move.
 std::uint64_t CardHost::turn() {
     if (m_recorder != nullptr) m_recorder->write();
     CardState& state = m_card.block().state;
-    const StateLock lock(m_card.locks(), state);
-    if (!lock.owns()) {
-        m_card.tellStuckHolder();
-        return kLongestRestNs;
-    }
+    const StateLock lock(m_card.locks(), state, Holding::kProtected);
+    m_card.tellOf(lock.result());
+    if (!lock.owns()) return kLongestRestNs;
     const CardTime now = m_clock.now();
     Card card(state);
     const bool again = card.advance(now);

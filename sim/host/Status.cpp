@@ -147,7 +147,7 @@ std::string rowOf(Cell cell, const std::string& holder) {
 bool readState(SharedCard& card, CardStatus& status) {
     const CardState& s = card.block().state;
     const StateLock lock(card.locks(), card.block().state);
-    if (!lock.owns()) card.tellStuckHolder();
+    card.tellOf(lock.result());
     if (!lock.owns()) return false;
     status.pace = paceName(s.config.pace);
     status.instruments = s.parser.count;

@@ -25,10 +25,12 @@ public:
     /// The process that hosts the card, when that is another one.
     virtual std::optional<Holder> host() const = 0;
 
-    /// Writes a line that says why a lock failed, if an operator needs it.
-    virtual void tellFailure(CardLock::Result) {}
+    /// Writes a line about a lock that was not simply taken, if an operator needs it.
+    virtual void tellOf(CardLock::Result) {}
     /// Writes a line that says which process holds a core lock for long.
-    virtual void tellCoreHolder(pid_t) {}
+    virtual void tellCoreHolder(pid_t, bool /*isStopped*/) {}
+    /// Writes a line that says that this process has lost a lock.
+    virtual void tellLost() {}
 
     /// Lets the card do what is due. Call it with the state locked.
     virtual void bringUpToDate() = 0;

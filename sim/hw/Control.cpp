@@ -20,13 +20,13 @@ int fail(int error) {
 }
 
 // Advances the card to the present moment, then runs work(Card&) on it. @p valid: whether the caller found its
-// arguments valid.
+// arguments valid. Nobody takes the lock away meanwhile: the work may write into a ring, which never moves.
 template <typename Work>
 int onCard(std::uint32_t index, bool valid, Work work) {
     HwCard* card = Cards::instance().find(index);
     if (card == nullptr) return -1;
     if (!valid) return fail(EINVAL);
-    CardAccess access(*card);
+    CardAccess access(*card, CardAccess::kPresent, Holding::kProtected);
     if (!access) return -1;
     return work(*access);
 }

@@ -24,13 +24,28 @@ bool answers(enyx_hw_core* core) {
     return false;
 }
 
+CoreLock& lockOf(enyx_hw_core* core) {
+    CardLocks& locks = core->mmio->card->backend->locks();
+    return core->hardwareId == kRootCoreId ? locks.rootCore : locks.registerCore;
+}
+
+// One access of a core: work(Card&) does it and returns 0 or an errno value. Nothing is done under a core lock that was
+// taken away from the calling thread.
+template <typename Work>
+int onCore(enyx_hw_core* core, Work work) {
+    CardAccess access(*core->mmio->card);
+    if (!access) return -1;
+    const int error = lockOf(core).isLost() ? ECANCELED : work(*access);
+    return access.end() ? report(error) : -1;
+}
+
 // The card's logic is one piece: a reset of either core resets all of it.
 int resetCore(enyx_hw_core* core) {
     if (!answers(core)) return -1;
-    CardAccess access(*core->mmio->card);
-    if (!access) return -1;
-    access->reset();
-    return 0;
+    return onCore(core, [](Card& card) {
+        card.reset();
+        return 0;
+    });
 }
 
 ssize_t findCores(enyx_hw_core* root, std::uint16_t hardwareId, enyx_hw_core** cores, std::size_t room) {
@@ -44,18 +59,19 @@ ssize_t findCores(enyx_hw_core* root, std::uint16_t hardwareId, enyx_hw_core** c
     return 1;
 }
 
-CoreLock& lockOf(enyx_hw_core* core) {
-    CardLocks& locks = core->mmio->card->backend->locks();
-    return core->hardwareId == kRootCoreId ? locks.rootCore : locks.registerCore;
-}
-
 int lockCore(enyx_hw_core* core) {
     if (!usable(core)) return -1;
     CardBackend& backend = *core->mmio->card->backend;
-    return report(lockOf(core).lock([&](pid_t holder) { backend.tellCoreHolder(holder); }));
+    const auto tell = [&](pid_t holder, bool isStopped) { backend.tellCoreHolder(holder, isStopped); };
+    return report(lockOf(core).lock(tell));
 }
 
-int unlockCore(enyx_hw_core* core) { return usable(core) ? report(lockOf(core).unlock()) : -1; }
+int unlockCore(enyx_hw_core* core) {
+    if (!usable(core)) return -1;
+    const int error = lockOf(core).unlock();
+    if (error == ECANCELED) core->mmio->card->backend->tellLost();
+    return report(error);
+}
 
 // The exchange-time registers show the present moment. Other reads may use a clock that is read once a second.
 bool showsTime(const enyx_hw_register_description& field) {
@@ -75,22 +91,19 @@ bool isAccess(enyx_hw_core* core, const enyx_hw_register_description* field) {
 int readField(enyx_hw_core* core, const enyx_hw_register_description* field, std::uint64_t* value) {
     if (!isAccess(core, field)) return -1;
     if (value == nullptr) return report(EINVAL);
-    HwCard& card = *core->mmio->card;
-    if (showsTime(*field)) card.backend->forgetTime();
-    CardAccess access(card);
-    if (!access) return -1;
-    const bool isField = registers::readField(access->state(), field->address, field->bit_offset, field->bit_width,
-                                              *value);
-    return isField ? 0 : report(EINVAL);
+    if (showsTime(*field)) core->mmio->card->backend->forgetTime();
+    return onCore(core, [=](Card& card) {
+        return registers::readField(card.state(), field->address, field->bit_offset, field->bit_width, *value) ? 0
+                                                                                                               : EINVAL;
+    });
 }
 
 int writeField(enyx_hw_core* core, const enyx_hw_register_description* field, std::uint64_t value) {
     if (!isAccess(core, field)) return -1;
-    CardAccess access(*core->mmio->card);
-    if (!access) return -1;
-    const bool isField = registers::writeField(access->state(), field->address, field->bit_offset, field->bit_width,
-                                               value);
-    return isField ? 0 : report(EINVAL);
+    return onCore(core, [=](Card& card) {
+        return registers::writeField(card.state(), field->address, field->bit_offset, field->bit_width, value) ? 0
+                                                                                                               : EINVAL;
+    });
 }
 
 }  // namespace

@@ -26,10 +26,6 @@ bool HostedCard::isCurrent() const {
 
 std::optional<Holder> HostedCard::host() const { return m_card->host(); }
 
-void HostedCard::tellFailure(CardLock::Result result) {
-    if (result == CardLock::kTimedOut) m_card->tellStuckHolder();
-}
-
 bool HostedCard::ownsHere(CardPart stream) const { return m_owner[slotOf(stream)] == forkGeneration() + 1; }
 
 bool HostedCard::claim(CardPart stream) {
@@ -47,26 +43,37 @@ void HostedCard::release(CardPart stream) {
     m_owner[slotOf(stream)] = 0;
 }
 
+// What a process that was stopped has done does not count. It is done again: only this process opens and closes a
+// stream that it holds.
+template <typename Work>
+bool HostedCard::onState(Work work) {
+    for (;;) {
+        StateLock lock(locks(), state());
+        if (lock.result() != CardLock::kLocked) tellOf(lock.result());
+        if (!lock.owns()) return false;
+        const bool result = work(Card(state()));
+        if (lock.release()) return result;
+    }
+}
+
 bool HostedCard::take(CardPart stream) {
     if (!claim(stream)) return false;
-    {
-        const StateLock lock(locks(), state());
-        if (!lock.owns()) tellFailure(lock.result());
-        if (lock.owns()) close(Card(state()), stream);  // its last owner may have died and left it open
-        if (lock.owns() && open(Card(state()), stream)) return true;
-    }
-    release(stream);
-    return false;
+    const bool isOpen = onState([=](Card card) {
+        close(card, stream);  // its last owner may have died and left it open
+        return open(card, stream);
+    });
+    if (!isOpen) release(stream);
+    return isOpen;
 }
 
 // The kernel's lock is released in any case. If the state cannot be locked, the host later closes the stream, as it
 // does when an owner dies.
 void HostedCard::giveBack(CardPart stream) {
     if (!ownsHere(stream)) return;
-    {
-        const StateLock lock(locks(), state());
-        if (lock.owns()) close(Card(state()), stream);
-    }
+    onState([=](Card card) {
+        close(card, stream);
+        return true;
+    });
     release(stream);
 }
 

@@ -23,8 +23,9 @@ public:
     bool responds() const override { return m_card->file().holderOf({CardPart::kHost}).has_value(); }
     bool isCurrent() const override;
     std::optional<Holder> host() const override;
-    void tellFailure(CardLock::Result result) override;
-    void tellCoreHolder(pid_t holder) override { m_card->tellCoreHolder(holder); }
+    void tellOf(CardLock::Result result) override { m_card->tellOf(result); }
+    void tellCoreHolder(pid_t holder, bool isStopped) override { m_card->tellCoreHolder(holder, isStopped); }
+    void tellLost() override { m_card->tellLost(); }
     void bringUpToDate() override {}
     void forgetTime() override {}
     PacketView advanceAndPeek(RingState&) override { return {}; }
@@ -38,6 +39,8 @@ private:
 
     bool claim(CardPart stream);
     void release(CardPart stream);
+    template <typename Work>
+    bool onState(Work work);
     bool ownsHere(CardPart stream) const;
 
     std::unique_ptr<SharedCard> m_card;

@@ -33,23 +33,31 @@ public:
         kPresent,  // brought up to the present moment first
         kAsItIs,   // for work that does not depend on the time: saves reading the clock
     };
-    explicit CardAccess(HwCard& card, When when = kPresent)
-        : m_lock(card.backend->locks(), card.backend->state()), m_card(card.backend->state()) {
-        if (!m_lock.owns())
-            fail(*card.backend);
-        else if (when == kPresent)
-            card.backend->bringUpToDate();
+    explicit CardAccess(HwCard& card, When when = kPresent, Holding holding = Holding::kOrdinary)
+        : m_backend(*card.backend), m_lock(m_backend.locks(), m_backend.state(), holding), m_card(m_backend.state()) {
+        if (m_lock.result() != CardLock::kLocked) tell();
+        if (m_lock.owns() && when == kPresent) m_backend.bringUpToDate();
     }
     explicit operator bool() const { return m_lock.owns(); }
     Card* operator->() { return &m_card; }
     Card& operator*() { return m_card; }
 
+    /// Ends the access. @return false, with errno ECANCELED, when this process did not go on for seconds and the others
+    /// went on without it: then nothing of the access counts.
+    bool end() { return m_lock.release() || lost(); }
+
 private:
-    [[gnu::cold, gnu::noinline]] void fail(CardBackend& backend) {
-        backend.tellFailure(m_lock.result());
-        errno = CardLock::errorOf(m_lock.result());
+    [[gnu::cold, gnu::noinline]] void tell() {
+        m_backend.tellOf(m_lock.result());
+        if (!m_lock.owns()) errno = CardLock::errorOf(m_lock.result());
+    }
+    [[gnu::cold, gnu::noinline]] bool lost() {
+        m_backend.tellLost();
+        errno = ECANCELED;
+        return false;
     }
 
+    CardBackend& m_backend;
     StateLock m_lock;
     Card m_card;
 };

@@ -97,7 +97,7 @@ int getMtu(const Stream* stream, std::uint32_t* mtu) {
     CardAccess card(*stream->card, CardAccess::kAsItIs);
     if (!card) return -1;
     *mtu = card->state().config.mtu;
-    return 0;
+    return card.end() ? 0 : -1;
 }
 
 int getCounter(const enyx_hw_a2c_stream* stream, std::uint32_t UpStreamState::*counter, std::uint32_t* value) {
@@ -109,7 +109,7 @@ int getCounter(const enyx_hw_a2c_stream* stream, std::uint32_t UpStreamState::*c
     CardAccess card(*stream->card);
     if (!card) return -1;
     *value = card->state().up[stream->channel].*counter;
-    return 0;
+    return card.end() ? 0 : -1;
 }
 
 // Takes the packet out of the ring when its handler ends, even with an exception. If the handler destroyed the stream,
@@ -150,7 +150,9 @@ int send(enyx_hw_c2a_stream* stream, const void* data, std::uint32_t size) {
     CardAccess card(*stream->card, CardAccess::kAsItIs);
     if (!card) return errno;
     if (size > card->state().config.mtu) return EMSGSIZE;
-    return card->send(stream->channel, size) ? 0 : EAGAIN;
+    const bool isSent = card->send(stream->channel, size);
+    if (!card.end()) return errno;
+    return isSent ? 0 : EAGAIN;
 }
 
 // The poll of a process that has a trace or scripts.

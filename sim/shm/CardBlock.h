@@ -17,7 +17,7 @@ struct BlockHeader {
     std::uint32_t bytes;   // of the whole block
 };
 inline constexpr char kCardMagic[8] = {'V', 'E', 'X', 'O', 'C', 'A', 'R', 'D'};
-inline constexpr std::uint32_t kCardLayout = 3;
+inline constexpr std::uint32_t kCardLayout = 4;
 
 /// Who holds a lock: 0 for nobody, else a word that OwnerBook makes. Other users of the card can write anything here.
 using OwnerWord = std::atomic<std::uint64_t>;
@@ -46,6 +46,8 @@ struct CardBlock {
     OwnerWord registerOwner;
     std::atomic<std::uint64_t> tickets;    // makes owner words unique
     std::atomic<std::uint64_t> contended;  // how often a process found a lock taken
+    std::atomic<std::uint32_t> place;      // where the state lies now: see StateHome
+    std::atomic<std::uint32_t> places;     // how many places were reserved beside `state`
     CardState state;
 
     void init();

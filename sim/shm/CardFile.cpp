@@ -136,7 +136,7 @@ CardBlock* CardFile::map() {
     const BlockHeader begin = header();
     const bool isNew = m_path.find(kUnpublished) != std::string::npos;
     if (fstat(m_fd, &status) != 0) return nullptr;
-    if (status.st_size != static_cast<off_t>(sizeof(CardBlock)) || (!isNew && !isCompatible(begin))) {
+    if (status.st_size < static_cast<off_t>(sizeof(CardBlock)) || (!isNew && !isCompatible(begin))) {
         errno = EPROTO;
         return nullptr;
     }
@@ -154,6 +154,11 @@ bool CardFile::reserve(std::uint32_t ringBytes) {
     if (error != 0 && ftruncate(m_fd, 0) == 0 && ftruncate(m_fd, sizeof(CardBlock)) != 0) error = errno;
     errno = error;
     return error == 0;
+}
+
+bool CardFile::reserve(std::size_t offset, std::size_t length) {
+    errno = reserveRange(m_fd, offset, length);
+    return errno == 0;
 }
 
 bool CardFile::publish(const std::string& path) {

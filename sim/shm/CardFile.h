@@ -39,6 +39,7 @@ public:
     static CardFile create(const std::string& directory, std::uint32_t bus, mode_t mode, gid_t group);
 
     explicit operator bool() const { return m_fd >= 0; }
+    int descriptor() const { return m_fd; }
     const std::string& path() const { return m_path; }
     dev_t device() const { return m_device; }
     ino_t inode() const { return m_inode; }
@@ -52,6 +53,8 @@ public:
     /// Reserves the memory of a new card, so that a full file system is an error here and not at a later write. Nothing
     /// is reserved when it fails: try smaller rings then.
     bool reserve(std::uint32_t ringBytes);
+    /// The same for a part of the file; never shortens it.
+    bool reserve(std::size_t offset, std::size_t length);
     /// Gives a created file its name. False with EEXIST when that name exists already.
     bool publish(const std::string& path);
     /// Removes the file's name if it still is this file's.

@@ -25,6 +25,13 @@ Holder describeProcess(pid_t pid) {
     return holder;
 }
 
+bool isStopped(pid_t pid) {
+    std::string line;
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), line);
+    const std::size_t state = line.rfind(") ") + 2;  // the name before it may hold anything
+    return state + 1 < line.size() && (line[state] == 'T' || line[state] == 't');
+}
+
 std::string toText(const Holder& holder) {
     if (holder.pid == 0) return "a process of another container";
     std::string text = "process " + std::to_string(holder.pid);

@@ -15,6 +15,9 @@ struct Holder {
 
 Holder describeProcess(pid_t pid);
 
+/// Whether a process was stopped, by a signal or by a debugger. False when that is not known.
+bool isStopped(pid_t pid);
+
 /// The name of a user, or the number when there is no name.
 std::string userName(uid_t uid);
 

@@ -6,10 +6,14 @@ namespace vexo_sim {
 namespace {
 
 constexpr std::uint32_t kSlotBits = 8;
+constexpr std::uint32_t kHoldingShift = 56;
+constexpr std::uint64_t kTicketMask = (std::uint64_t{1} << (kHoldingShift - kSlotBits)) - 1;
 constexpr std::uint64_t kSlotMask = (1U << kSlotBits) - 1;
 static_assert(kMaxUsers <= kSlotMask, "a slot fits into its bits");
 
 std::int32_t slotOf(std::uint64_t word) { return static_cast<std::int32_t>(word & kSlotMask) - 1; }
+
+Holding holdingOf(std::uint64_t word) { return static_cast<Holding>(word >> kHoldingShift); }
 
 }  // namespace
 
@@ -28,10 +32,19 @@ bool OwnerBook::hasSlot() {
     return false;
 }
 
-std::uint64_t OwnerBook::newWord() {
+std::uint64_t OwnerBook::newWord(Holding holding) {
     if (!hasSlot()) return 0;
-    const std::uint64_t ticket = m_tickets.fetch_add(1, std::memory_order_relaxed);
-    return ticket << kSlotBits | static_cast<std::uint64_t>(m_slot.load(std::memory_order_relaxed) + 1);
+    const std::uint64_t ticket = m_tickets.fetch_add(1, std::memory_order_relaxed) & kTicketMask;
+    return static_cast<std::uint64_t>(holding) << kHoldingShift | ticket << kSlotBits |
+           static_cast<std::uint64_t>(m_slot.load(std::memory_order_relaxed) + 1);
+}
+
+bool OwnerBook::isProtected(std::uint64_t word) {
+    return holdingOf(word) == Holding::kProtected || holdingOf(word) == Holding::kTakenProtected;
+}
+
+bool OwnerBook::isTaken(std::uint64_t word) {
+    return holdingOf(word) == Holding::kTaken || holdingOf(word) == Holding::kTakenProtected;
 }
 
 bool OwnerBook::isOwn(std::uint64_t word) { return hasSlot() && slotOf(word) == m_slot; }

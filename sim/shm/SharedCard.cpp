@@ -13,18 +13,34 @@ namespace vexo_sim {
 // The kernel does not report this process's own locks. So if there is no other holder, this process is the host.
 Holder SharedCard::host() const { return describeProcess(m_file.holderOf({CardPart::kHost}).value_or(getpid())); }
 
-void SharedCard::tellStuckHolder() {
-    const std::optional<pid_t> holder = m_locks.state.stuckHolder();
+void SharedCard::tellOf(CardLock::Result result) {
+    if (result != CardLock::kTimedOut && result != CardLock::kTookOver) return;
+    const std::optional<pid_t> holder = m_locks.state.stuckHolderOnce();
     if (!holder) return;
-    capture::printError(
-        "%s: %s holds the simulated card at bus %u and does not go on: was it stopped? "
-        "Until it goes on or ends, accesses fail (ETIMEDOUT).\n",
-        m_speaker.c_str(), toText(describeProcess(*holder)).c_str(), m_block.host.bus);
+    capture::printError("%s: %s holds the simulated card at bus %u and does not go on: was it stopped? %s\n",
+                        m_speaker.c_str(), toText(describeProcess(*holder)).c_str(), m_block.host.bus,
+                        result == CardLock::kTookOver
+                            ? "The others go on without it. When it goes on, its access fails (ECANCELED)."
+                            : "Until it goes on or ends, accesses fail (ETIMEDOUT).");
 }
 
-void SharedCard::tellCoreHolder(pid_t holder) const {
-    capture::printError("%s: waiting for a core lock of the simulated card at bus %u, which %s holds.\n",
-                        m_speaker.c_str(), m_block.host.bus, toText(describeProcess(holder)).c_str());
+void SharedCard::tellCoreHolder(pid_t holder, bool isStopped) const {
+    const std::string who = toText(describeProcess(holder));
+    if (isStopped)
+        capture::printError(
+            "%s: %s was stopped while it held a core lock of the simulated card at bus %u. It has lost the lock. When "
+            "it goes on, its accesses under the lock fail (ECANCELED).\n",
+            m_speaker.c_str(), who.c_str(), m_block.host.bus);
+    else
+        capture::printError("%s: waiting for a core lock of the simulated card at bus %u, which %s holds.\n",
+                            m_speaker.c_str(), m_block.host.bus, who.c_str());
+}
+
+void SharedCard::tellLost() const {
+    capture::printError(
+        "%s: this process was stopped in the middle of an access of the simulated card at bus %u. The others went on "
+        "without it, and the access failed (ECANCELED).\n",
+        m_speaker.c_str(), m_block.host.bus);
 }
 
 std::unique_ptr<SharedCard> attachCard(std::uint32_t bus, uid_t user, const std::string& speaker) {

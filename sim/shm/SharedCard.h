@@ -17,7 +17,8 @@ public:
         : m_file(std::move(cardFile)),
           m_block(cardBlock),
           m_book(m_file, m_block.tickets),
-          m_locks(m_book, m_block),
+          m_home(m_file, m_block),
+          m_locks(m_book, m_block, m_home),
           m_speaker(std::move(speaker)) {}
 
     CardFile& file() { return m_file; }
@@ -27,16 +28,19 @@ public:
 
     /// The process that hosts the card.
     Holder host() const;
-    /// Writes to standard error, once for each holder, that a process does not release the card's lock. Call it when a
-    /// StateLock timed out.
-    void tellStuckHolder();
+    /// Writes a line to standard error if a StateLock timed out or took the lock away from a process, once for each
+    /// holder.
+    void tellOf(CardLock::Result result);
     /// The same for a core lock, which a process may hold for long.
-    void tellCoreHolder(pid_t holder) const;
+    void tellCoreHolder(pid_t holder, bool isStopped) const;
+    /// Writes that this process has lost a lock, because it was stopped.
+    void tellLost() const;
 
 private:
     CardFile m_file;
     CardBlock& m_block;
     OwnerBook m_book;
+    StateHome m_home;
     CardLocks m_locks;
     std::string m_speaker;
 };

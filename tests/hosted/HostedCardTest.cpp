@@ -160,27 +160,98 @@ TEST_F(HostedCard, AKilledHolderReleasesTheCoreLock) {
     EXPECT_EQ(enyx_hw_core_unlock(core), 0);
 }
 
-TEST_F(HostedCard, AUserThatWasStoppedInsideAnAccessMakesOthersFailWithAReasonUntilItEnds) {
-    const Process host = StartHost({});
+TEST_F(HostedCard, AUserThatWasStoppedInsideAnAccessLosesItAndTheCardGoesOn) {
+    const std::string hostErrors = directory.Path() + "/err";
+    const Process host({VEXO_SIMCARD, "--quiet"}, {}, hostErrors);
+    ASSERT_TRUE(Eventually([&] { return !StatusJson().empty(); }));
     enyx_hw_core* core = OpenRegisters(0);
-    vexo_sim::Child stopped([] {
-        static const auto card = vexo_sim::attachCard(0, geteuid(), "child");
-        if (!vexo_sim::CardLock::isLocked(card->locks().state.lock())) _exit(1);
-    });
-    ASSERT_TRUE(stopped.IsReady());
-    kill(stopped.Id(), SIGSTOP);
-    test_support::CaptureOutput output(STDERR_FILENO);
-    for (int access = 0; access < 2; ++access) {
-        errno = 0;
-        EXPECT_EQ(Write(core, card_reg::kTradingDate, 20310305), -1);
-        EXPECT_EQ(errno, ETIMEDOUT);
+    enyx_hw_a2c_stream* stream = OpenStream(0, 0);
+    SetMask(core, 7, 1);
+    Write(core, card_reg::kDecodeSwitch, 3);
+    const pid_t stopped = fork();
+    if (stopped == 0) {
+        const auto card = vexo_sim::attachCard(0, geteuid(), "child");
+        vexo_sim::StateLock lock(card->locks(), card->block().state);
+        raise(SIGSTOP);
+        card->block().state.registers.stored[card_reg::kTradingDate] = 20310101;
+        _exit(lock.release() ? 1 : 0);
     }
-    const std::string text = output.Stop();
-    EXPECT_THAT(text, HasSubstr("libenyx-hw-c: process " + std::to_string(stopped.Id()) + " ("));
-    EXPECT_THAT(text, HasSubstr("holds the simulated card at bus 0 and does not go on"));
-    EXPECT_EQ(text.find("libenyx-hw-c"), text.rfind("libenyx-hw-c")) << "one line is enough";
-    stopped.Kill();
+    waitpid(stopped, nullptr, WUNTRACED);
+    test_support::CaptureOutput output(STDERR_FILENO);
     EXPECT_EQ(Write(core, card_reg::kTradingDate, 20310305), 0);
+    const std::string text = output.Stop() + ReadFile(hostErrors);
+    EXPECT_THAT(text, HasSubstr(": process " + std::to_string(stopped) + " ("));
+    EXPECT_THAT(text, HasSubstr("holds the simulated card at bus 0 and does not go on"));
+    EXPECT_EQ(text.find("does not go on"), text.rfind("does not go on")) << "one line is enough: " << text;
+    unsigned count = 0;  // more than the ring can have held before
+    EXPECT_TRUE(Eventually([&] {
+        while (enyx_hw_a2c_stream_poll_once(stream, CountPacket, &count) == 1) {
+        }
+        return count > 5000;
+    })) << "the quotes stand still";
+    kill(stopped, SIGCONT);
+    int status = -1;
+    waitpid(stopped, &status, 0);
+    EXPECT_EQ(status, 0) << "the stopped process was told that its access counts";
+    std::uint64_t date = 0;
+    EXPECT_EQ(Read(core, card_reg::kTradingDate, date), 0);
+    EXPECT_EQ(date, 20310305U);
+    enyx_hw_a2c_stream_destroy(stream);
+}
+
+TEST_F(HostedCard, AUserThatWasStoppedUnderTheCoreLockLosesItAndItsAccessesFail) {
+    const Process host = StartHost({});
+    const std::string errors = directory.Path() + "/err";
+    Process stopped({VEXO_CARD_USER, "stop-locked"}, {}, errors);
+    int status = 0;
+    ASSERT_EQ(waitpid(stopped.Id(), &status, WUNTRACED), stopped.Id());
+    ASSERT_TRUE(WIFSTOPPED(status));
+    enyx_hw_core* core = OpenRegisters(0);
+    test_support::CaptureOutput output(STDERR_FILENO);
+    EXPECT_EQ(enyx_hw_core_lock(core), 0);
+    EXPECT_EQ(output.Stop(), "libenyx-hw-c: process " + std::to_string(stopped.Id()) + " (card_user, user " +
+                                 UserName() +
+                                 ") was stopped while it held a core lock of the simulated card at bus 0. It has lost "
+                                 "the lock. When it goes on, its accesses under the lock fail (ECANCELED).\n");
+    EXPECT_EQ(Write(core, card_reg::kTradingDate, 20310305), 0);
+    stopped.Signal(SIGCONT);
+    EXPECT_EQ(stopped.Wait(), 0) << "an access under a lost lock did not fail, or one after it did";
+    EXPECT_THAT(ReadFile(errors), HasSubstr("libenyx-hw-c: this process was stopped in the middle of an access of the "
+                                            "simulated card at bus 0. The others went on without it, and the access "
+                                            "failed (ECANCELED).\n"));
+    std::uint64_t date = 0;
+    EXPECT_EQ(Read(core, card_reg::kTradingDate, date), 0);
+    EXPECT_EQ(date, 20310305U);
+    EXPECT_EQ(enyx_hw_core_unlock(core), 0);
+}
+
+TEST_F(HostedCard, UsersThatAreStoppedAtAnyMomentNeverWriteOverAnothersRegisters) {
+    const Process host = StartHost({});
+    std::vector<Process> users;
+    std::vector<std::string> counts;
+    for (int n = 0; n < 3; ++n) {
+        counts.push_back(directory.Path() + "/count" + std::to_string(n));
+        WriteFile(counts.back(), "");
+        users.emplace_back(std::vector<std::string>{VEXO_CARD_USER, "go-on", counts.back()}, std::string{},
+                           directory.Path() + "/err");
+    }
+    const auto goesOn = [&](int user) {
+        const std::string before = ReadFile(counts[static_cast<std::size_t>(user)]);
+        return Eventually([&] { return ReadFile(counts[static_cast<std::size_t>(user)]).size() > before.size(); });
+    };
+    for (int user = 0; user < 3; ++user) {
+        EXPECT_TRUE(goesOn(user));
+        users[static_cast<std::size_t>(user)].Signal(SIGSTOP);
+        EXPECT_TRUE(goesOn((user + 1) % 3));
+        EXPECT_TRUE(goesOn((user + 2) % 3));
+        users[static_cast<std::size_t>(user)].Signal(SIGCONT);
+        EXPECT_TRUE(goesOn(user));
+    }
+    for (Process& user : users) {
+        EXPECT_TRUE(user.IsRunning()) << "ended by itself with " << user.Wait();
+        user.Signal(SIGTERM);
+        EXPECT_EQ(user.Wait(), 128 + SIGTERM);
+    }
 }
 
 TEST_F(HostedCard, TheStreamOfADeadHostRunsDryAndItsRegistersFail) {

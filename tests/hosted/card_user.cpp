@@ -6,10 +6,15 @@
 //     card_user take-turns COUNT    changes registers under the core lock; fails when another process was in between
 //     card_user receive COUNT       receives so many packets on channel 0
 //     card_user quotes COUNT        the same, after it has set the quotes of 50 rows going
+//     card_user stop-locked         stops itself under the core lock; fails unless what it then does fails until it
+//     unlocks card_user go-on FILE          the same as take-turns for ever; goes on after the lock was taken away from
+//     it, and
+//                                   adds a byte to FILE for each 50 turns
 //     card_user log FILE            opens a file of its own, then the registers; fails when anything is in the file
 //     card_user abuse SEED          uses everything in turn, for ever; ends only on an error
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -68,6 +73,44 @@ int TakeTurns(unsigned turns) {
     return 0;
 }
 
+// The number of the first step that does not end as it should; 0 when all do.
+int StopLocked() {
+    enyx_hw_core* core = OpenRegisters(0);
+    std::uint64_t value = 0;
+    if (core == nullptr || enyx_hw_core_lock(core) != 0) return 1;
+    raise(SIGSTOP);
+    if (Write(core, card_reg::kTradingDate, 20310101) != -1 || errno != ECANCELED) return 2;
+    if (Read(core, card_reg::kTradingDate, value) != -1 || errno != ECANCELED) return 3;
+    if (enyx_hw_core_reset(core) != -1 || errno != ECANCELED) return 4;
+    if (enyx_hw_core_unlock(core) != -1 || errno != ECANCELED) return 5;
+    return Read(core, card_reg::kHardwareVersion, value) == 0 ? 0 : 6;
+}
+
+// One turn of go-on. 0, or ECANCELED after the lock was taken away; any other failure ends the process.
+int Turn(enyx_hw_core* core, std::uint32_t date) {
+    const auto check = [](int result) {
+        if (result != 0 && errno != ECANCELED) _exit(2);
+        return result == 0;
+    };
+    std::uint64_t found = date;
+    if (enyx_hw_core_lock(core) != 0) _exit(2);
+    const bool done = check(Write(core, card_reg::kTradingDate, date)) &&
+                      check(Read(core, card_reg::kTradingDate, found));
+    if (done && found != date) _exit(3);
+    return check(enyx_hw_core_unlock(core)) && done ? 0 : ECANCELED;
+}
+
+int GoOn(const char* path) {
+    const int file = open(path, O_WRONLY | O_APPEND);
+    enyx_hw_core* core = OpenRegisters(0);
+    if (core == nullptr || file < 0) return 2;
+    std::mt19937 random(static_cast<unsigned>(std::random_device{}()));
+    for (unsigned turn = 0;; ++turn) {
+        if (Turn(core, 20000000 + Below(random, 100000)) == ECANCELED && write(file, "C", 1) != 1) return 4;
+        if (turn % 50 == 0 && write(file, ".", 1) != 1) return 4;
+    }
+}
+
 void Count(const std::uint8_t*, std::uint32_t, void* count) { ++*static_cast<unsigned*>(count); }
 
 int Receive(bool startQuotes, unsigned count) {
@@ -113,6 +156,8 @@ int main(int argc, char** argv) {
     if (what == "hold" && argc == 3 && OpenStream(0, Number(argv[2])) != nullptr) Keep();
     if (what == "take-turns" && argc == 3) return TakeTurns(Number(argv[2]));
     if ((what == "quotes" || what == "receive") && argc == 3) return Receive(what == "quotes", Number(argv[2]));
+    if (what == "stop-locked") return StopLocked();
+    if (what == "go-on" && argc == 3) return GoOn(argv[2]);
     if (what == "log" && argc == 3) return KeepOwnFile(argv[2]);
     enyx_hw_core* core = OpenRegisters(0);
     if (core == nullptr) return errno;

@@ -1,14 +1,16 @@
 // A trading program in small: receives one channel through the library and writes a line of bytes per quote.
 //
-//     quote_recorder DIRECTORY INI FILE
+//     quote_recorder DIRECTORY INI FILE [START]
 //
 // Works in DIRECTORY, ends with SIGTERM. FILE is a row of QuoteRecords. So that a test need not wait, and meets no day
-// file of another program, its clock shows a morning of 2031 and its seconds of sleep pass quickly.
+// file of another program, its clock begins on a morning of 2031, or START seconds after 1970, and its seconds of sleep
+// pass quickly.
 
 #include <sched.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <vector>
 
@@ -57,8 +59,8 @@ extern "C" unsigned sleep(unsigned seconds) {
 }
 
 int main(int argc, char** argv) {
-    if (argc != 4 || chdir(argv[1]) != 0) return 2;
-    g_offset = kMorning - RealTime();
+    if ((argc != 4 && argc != 5) || chdir(argv[1]) != 0) return 2;
+    g_offset = (argc == 5 ? std::strtol(argv[4], nullptr, 10) : kMorning) - RealTime();
     std::FILE* file = std::fopen(argv[3], "wb");
     if (file == nullptr) return 2;
     QuoteRecorder recorder(file);

@@ -58,11 +58,13 @@ void SpoilCounts(CardState& state, Random& random) {
                                  offsetof(CardState, parser) + offsetof(ParserState, count),
                                  offsetof(CardState, faults), offsetof(CardState, map), offsetof(CardState, feed)};
     for (int n = 0; n < 40; ++n) Overwrite(state, parts[random() % 5] + random() % 64 * 4, Nonsense(random));
-    constexpr std::size_t kHead = offsetof(UpStreamState, ring) + offsetof(RingState, bytes);
-    for (std::size_t channel = 0; channel < kStreams; ++channel)
+    constexpr std::size_t kPositions = offsetof(UpStreamState, ring);  // of the ring; the stream's own counts are first
+    for (std::size_t channel = 0; channel < kStreams; ++channel) {
+        const std::size_t stream = offsetof(CardState, up) + channel * sizeof(UpStreamState);
         for (int n = 0; n < 10; ++n)
-            Overwrite(state, offsetof(CardState, up) + channel * sizeof(UpStreamState) + random() % kHead / 4 * 4,
+            Overwrite(state, stream + (n % 2 == 0 ? 0 : kPositions) + random() % offsetof(RingState, bytes) / 4 * 4,
                       Nonsense(random));
+    }
 }
 
 void SpoilAnything(CardState& state, Random& random) {
