@@ -38,7 +38,7 @@ constexpr std::size_t kMaxDirPath = 512;  // longer paths are cut
 constexpr std::time_t kNoSecond = std::numeric_limits<std::time_t>::min();
 std::time_t g_settledSecond = kNoSecond;
 
-// What a full disk left behind. A handler reads and sets them, too.
+// What a full disk, or a new day's file that could not be opened, left behind. A handler reads and sets them, too.
 std::atomic<unsigned long> g_lostLines{0};  // since the last line that was written whole
 std::atomic<int> g_lossReason{0};
 std::atomic<bool> g_isMidLine{false};  // the file does not end with a newline
@@ -105,7 +105,8 @@ bool openFile(const char* path) {
     const int fd = openToAppend(path);
     if (fd >= 0) elog_file_fp = ::fdopen(fd, "ab");
     if (elog_file_fp == nullptr) {
-        complain("Error! Create file %s fail, errmsg:%s. \n", path, std::strerror(errno));
+        g_lossReason = errno;
+        complain("Error! Create file %s fail, errmsg:%s. \n", path, std::strerror(g_lossReason));
         if (fd >= 0) ::close(fd);
         return false;
     }
@@ -154,7 +155,10 @@ bool endLoss(int fd) {
 }
 
 void appendLine(int fd, const char* buf, std::size_t size) {
-    if (fd < 0) return;
+    if (fd < 0) {
+        if (elog_file_init_ok) ++g_lostLines;
+        return;
+    }
     const bool isReady = g_lostLines.load(std::memory_order_relaxed) == 0 || endLoss(fd);
     if (!isReady || !append(fd, buf, size)) ++g_lostLines;
 }
@@ -216,7 +220,10 @@ int elog_file_config(const ElogFileCfg* cfg) {
     closeFile();
     if (cfg != &local_cfg) local_cfg = *cfg;
     std::tm local{};
-    if (!local_time::breakDown(time_cache, local)) return -1;
+    if (!local_time::breakDown(time_cache, local)) {
+        g_lossReason = errno;
+        return -1;
+    }
     char path[ELOG_PATH_SIZE];
     datedPath(path, local_time::date(local));
     return openFile(path) ? elog_file_fd.load() : -1;
@@ -247,7 +254,11 @@ void elog_file_write_from_handler(const char* buf, std::size_t size, long date) 
     }
     const HandlerWriting writing;
     const int fd = ofItsDay >= 0 ? ofItsDay : elog_file_fd.load();
-    if (fd >= 0) appendLineFromHandler(fd, buf, size);
+    if (fd >= 0) {
+        appendLineFromHandler(fd, buf, size);
+    } else {
+        ++g_lostLines;
+    }
     if (ofItsDay >= 0) ::close(ofItsDay);
 }
 

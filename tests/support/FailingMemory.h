@@ -17,6 +17,9 @@ public:
     bool HasFailed() const;  ///< whether one got no memory
 
     static bool Fails();  ///< asked by every allocation
+
+    /// From now on @p fails decides on each allocation first, in whatever thread makes it.
+    static void AskFirst(bool (*fails)());
 };
 
 }  // namespace test_support

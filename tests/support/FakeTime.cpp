@@ -18,6 +18,14 @@ std::atomic<bool> g_faked{false};
 std::atomic<bool> g_localtimeFails{false};
 std::atomic<std::int64_t> g_nowNs{0};
 std::atomic<std::int64_t> g_stepNs{0};
+std::atomic<bool (*)(const char*, const void*)> g_askedFirst{nullptr};
+
+bool Fails(const char* call, const void* caller, int error) {
+    const auto asked = g_askedFirst.load(std::memory_order_relaxed);
+    if (asked == nullptr || !asked(call, caller)) return false;
+    errno = error;
+    return true;
+}
 
 struct SleepLog {
     std::mutex mutex;
@@ -90,6 +98,7 @@ std::time_t time(std::time_t* out) noexcept {
 }
 
 int clock_gettime(clockid_t clock, timespec* out) noexcept {
+    if (Fails("clock_gettime", __builtin_return_address(0), EINVAL)) return -1;
     std::int64_t lagNs = 0;
     if (!g_faked.load() || !LagOf(clock, lagNs)) return Real(g_realClockGettime, "clock_gettime")(clock, out);
     *out = Split(g_nowNs.fetch_add(g_stepNs.load()) - lagNs);
@@ -97,12 +106,14 @@ int clock_gettime(clockid_t clock, timespec* out) noexcept {
 }
 
 std::tm* localtime(const std::time_t* when) noexcept {
+    if (Fails("localtime", __builtin_return_address(0), EOVERFLOW)) return nullptr;
     if (!g_localtimeFails.load()) return Real(g_realLocaltime, "localtime")(when);
     errno = EOVERFLOW;
     return nullptr;
 }
 
 std::tm* localtime_r(const std::time_t* when, std::tm* out) noexcept {
+    if (Fails("localtime_r", __builtin_return_address(0), EOVERFLOW)) return nullptr;
     if (!g_localtimeFails.load()) return Real(g_realLocaltimeR, "localtime_r")(when, out);
     errno = EOVERFLOW;
     return nullptr;
@@ -166,5 +177,7 @@ void FakeTime::OnSleep(std::function<void(unsigned int seconds)> callback) {
 }
 
 void FakeTime::FailLocaltime(bool fail) { g_localtimeFails.store(fail); }
+
+void FakeTime::AskFirst(bool (*fails)(const char*, const void*)) { g_askedFirst.store(fails); }
 
 }  // namespace test_support

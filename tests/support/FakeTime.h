@@ -47,6 +47,10 @@ public:
 
     /// While true, `localtime` and `localtime_r` return NULL with errno EOVERFLOW.
     void FailLocaltime(bool fail);
+
+    /// From now on @p fails decides on each `localtime`, `localtime_r` and `clock_gettime` first, with the call's name
+    /// and the address that it returns to. Outlives the object.
+    static void AskFirst(bool (*fails)(const char* call, const void* caller));
 };
 
 }  // namespace test_support

@@ -164,17 +164,31 @@ TEST_F(DaySwitch, EachLineTriesTheNewFileAgain) {
     EXPECT_EQ(error, "Error! Create file .//fpga_20250304.log fail, errmsg:Is a directory. \n");
 }
 
-TEST_F(DaySwitch, TheNextLineGoesToTheNewFileOnceItCanBeOpened) {
+TEST_F(DaySwitch, TheNextLineGoesToTheNewFileOnceItCanBeOpenedBehindAWarningThatCountsTheLostOnes) {
     BlockTomorrow();
     clock.Advance(1);
     Printed([] { Printed([] { Log("lost"); }); }, 2);
+    Printed([] { Printed([] { Log("lost too"); }); }, 2);
     fs::remove(kTomorrow);
 
     const std::string error = Printed([] { Printed([] { Log("kept"); }); }, 2);
 
     EXPECT_THAT(error, IsEmpty());
-    EXPECT_EQ(dir.Read(kTomorrow), "[INFO   ][20250304-00:00:00][fpga]kept\n");
+    EXPECT_THAT(Lines(dir.Read(kTomorrow)),
+                ElementsAre("[WARN   ][20250304-00:00:00][log]Lines lost in the log file: 2, errmsg:Is a directory.",
+                            "[INFO   ][20250304-00:00:00][fpga]kept"));
     EXPECT_EQ(last_rotate_day, 20250304);
+}
+
+TEST_F(DaySwitch, LinesBehindTheEndOfTheLogAreNotLost) {
+    elog_fini();
+    Printed([] { Log("on standard output only"); });
+    elog_init("./", "fpga");
+
+    Printed([] { Log("kept"); });
+
+    EXPECT_EQ(LastLine(dir.Read(kToday)), "[INFO   ][20250303-23:59:59][fpga]kept");
+    EXPECT_THAT(Lines(dir.Read(kToday)), testing::SizeIs(2));
 }
 
 }  // namespace
