@@ -21,7 +21,7 @@ enyx_hw_core_tree* s_lpTree[kBusCount];
 enyx_hw_core* s_lpEnyxCoreRoot[kBusCount];
 MOSK2::CThreadMutex s_coreMutex;  // guards the four arrays
 constexpr fork_safe::Actions kForkActions{[] { s_coreMutex.Acquire(); }, [] { s_coreMutex.Release(); },
-                                          [] { s_coreMutex.renew(); }};
+                                          [] { s_coreMutex.releaseInChild(); }};
 const struct ForkGuard {
     ForkGuard() { fork_safe::add(fork_safe::Rank::kCores, kForkActions); }
 } s_forkGuard;

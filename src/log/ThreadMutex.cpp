@@ -2,9 +2,16 @@
 
 namespace MOSK2 {
 
-CThreadMutex::CThreadMutex() { renew(); }
+CThreadMutex::CThreadMutex() { init(); }
 
-void CThreadMutex::renew() {
+// The child's thread has a new id, so it does not count as the owner and the release may fail. The thread sanitizer
+// takes it for one all the same; without it, it would still see a locked mutex.
+void CThreadMutex::releaseInChild() {
+    Release();
+    init();
+}
+
+void CThreadMutex::init() {
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);

@@ -17,11 +17,12 @@ public:
     int Acquire() { return pthread_mutex_lock(&m_mutex); }
     int TryAcquire();  ///< non-zero at once when another thread holds it
     int Release() { return pthread_mutex_unlock(&m_mutex); }
-    /// Frees the mutex in a child of fork(). The child's thread has a new id, so it does not count as the owner of the
-    /// lock.
-    void renew();
+    /// Frees the mutex in a child of fork(), whose parent's thread took it for the fork.
+    void releaseInChild();
 
 private:
+    void init();
+
     pthread_mutex_t m_mutex;
 };
 

@@ -10,7 +10,7 @@ namespace {
 // The lock of standard output needs no help: the C library frees it in a child.
 constexpr fork_safe::Actions kForkActions{[] { g_log_mutex.Acquire(); }, [] { g_log_mutex.Release(); },
                                           [] {
-                                              g_log_mutex.renew();
+                                              g_log_mutex.releaseInChild();
                                               elog_renew_after_fork();
                                           }};
 const struct ForkGuard {

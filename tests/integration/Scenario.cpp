@@ -18,6 +18,7 @@ namespace scenario {
 namespace {
 
 constexpr int kAssertionFailed = 99;
+constexpr char kDayFileDirectory[] = "VEXO_TEST_DAY_FILES";  // tests/scripts/own_day_files.c reads it
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
@@ -83,13 +84,13 @@ std::string WriteIni(const std::string& extra, const std::string& device) {
 }
 
 DayFile::DayFile(int year, int month, int day, bool evening) {
-    char path[64];
-    std::snprintf(path, sizeof path, "/tmp/.zce_%04d%02d%02d_%s", year, month, day, evening ? "pm" : "am");
-    m_path = path;
-    ::unlink(path);
+    char name[64];
+    std::snprintf(name, sizeof name, "/.zce_%04d%02d%02d_%s", year, month, day, evening ? "pm" : "am");
+    m_path = m_directory.Path() + name;
+    ::setenv(kDayFileDirectory, m_directory.Path().c_str(), 1);
 }
 
-DayFile::~DayFile() { ::unlink(m_path.c_str()); }
+DayFile::~DayFile() { ::unsetenv(kDayFileDirectory); }
 
 void DayFile::Write(const std::string& content) const { std::ofstream(m_path) << content; }
 

@@ -7,6 +7,7 @@
 
 #include "tests/support/FakeTime.h"
 #include "tests/support/QuoteCallbacks.h"
+#include "tests/support/TempDir.h"
 
 namespace scenario {
 
@@ -33,18 +34,19 @@ Outcome RunInChild(const std::function<int()>& body);
 /// An ini file in the working directory. @p extra is added at the end, @p device is the card and channel.
 std::string WriteIni(const std::string& extra, const std::string& device = "xilinx0:0");
 
-/// The day file of the fake date, removed at the start and at the end.
+/// The day file of the fake date, in a directory of its own instead of /tmp: other runs of the same test do not see it.
+/// One at a time. The library finds it in the programs that link vexo_day_files_of_tests.
 class DayFile {
 public:
     DayFile(int year, int month, int day, bool evening);
     ~DayFile();
     DayFile(const DayFile&) = delete;
     DayFile& operator=(const DayFile&) = delete;
-    const std::string& Path() const { return m_path; }
     void Write(const std::string& content) const;
     std::string Read() const;
 
 private:
+    const test_support::TempDir m_directory;
     std::string m_path;
 };
 

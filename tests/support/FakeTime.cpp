@@ -1,6 +1,5 @@
 #include "tests/support/FakeTime.h"
 
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -8,6 +7,8 @@
 #include <mutex>
 #include <stdexcept>
 #include <utility>
+
+#include "tests/support/NextFunction.h"
 
 namespace {
 
@@ -36,17 +37,6 @@ struct SleepLog {
 SleepLog& Sleeping() {
     static SleepLog log;
     return log;
-}
-
-/// The next definition of @p name after the test binary's own: the C library's, or a sanitizer's in front of it.
-template <typename Function>
-Function* Real(std::atomic<Function*>& cache, const char* name) {
-    Function* real = cache.load(std::memory_order_relaxed);
-    if (real == nullptr) {
-        real = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-        cache.store(real, std::memory_order_relaxed);
-    }
-    return real;
 }
 
 std::atomic<std::time_t (*)(std::time_t*)> g_realTime{nullptr};
@@ -91,7 +81,7 @@ unsigned int FakeSleep(unsigned int seconds) {
 extern "C" {
 
 std::time_t time(std::time_t* out) noexcept {
-    if (!g_faked.load()) return Real(g_realTime, "time")(out);
+    if (!g_faked.load()) return test_support::NextFunction(g_realTime, "time")(out);
     const std::time_t now = Split(g_nowNs.load()).tv_sec;
     if (out != nullptr) *out = now;
     return now;
@@ -100,27 +90,28 @@ std::time_t time(std::time_t* out) noexcept {
 int clock_gettime(clockid_t clock, timespec* out) noexcept {
     if (Fails("clock_gettime", __builtin_return_address(0), EINVAL)) return -1;
     std::int64_t lagNs = 0;
-    if (!g_faked.load() || !LagOf(clock, lagNs)) return Real(g_realClockGettime, "clock_gettime")(clock, out);
+    if (!g_faked.load() || !LagOf(clock, lagNs))
+        return test_support::NextFunction(g_realClockGettime, "clock_gettime")(clock, out);
     *out = Split(g_nowNs.fetch_add(g_stepNs.load()) - lagNs);
     return 0;
 }
 
 std::tm* localtime(const std::time_t* when) noexcept {
     if (Fails("localtime", __builtin_return_address(0), EOVERFLOW)) return nullptr;
-    if (!g_localtimeFails.load()) return Real(g_realLocaltime, "localtime")(when);
+    if (!g_localtimeFails.load()) return test_support::NextFunction(g_realLocaltime, "localtime")(when);
     errno = EOVERFLOW;
     return nullptr;
 }
 
 std::tm* localtime_r(const std::time_t* when, std::tm* out) noexcept {
     if (Fails("localtime_r", __builtin_return_address(0), EOVERFLOW)) return nullptr;
-    if (!g_localtimeFails.load()) return Real(g_realLocaltimeR, "localtime_r")(when, out);
+    if (!g_localtimeFails.load()) return test_support::NextFunction(g_realLocaltimeR, "localtime_r")(when, out);
     errno = EOVERFLOW;
     return nullptr;
 }
 
 unsigned int sleep(unsigned int seconds) {
-    return g_faked.load() ? FakeSleep(seconds) : Real(g_realSleep, "sleep")(seconds);
+    return g_faked.load() ? FakeSleep(seconds) : test_support::NextFunction(g_realSleep, "sleep")(seconds);
 }
 
 }  // extern "C"

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <stdexcept>
 
@@ -120,6 +121,14 @@ TEST_F(ConfigSource, APipeIsLoadedToItsEnd) {
     pipe.CloseWriteEnd();
 
     ExpectLoaded(DescriptorPath(pipe.ReadEnd()));
+}
+
+// Waits for ever when the end of the text is taken for an interruption.
+TEST_F(ConfigSource, AnErrorFromLongAgoDoesNotCount) {
+    dir.Write("zce.ini", kText);
+    errno = EINTR;
+
+    ExpectLoaded(dir.Path("zce.ini"));
 }
 
 TEST_F(ConfigSource, APipeWhoseWriterTakesItsTimeIsWaitedFor) {

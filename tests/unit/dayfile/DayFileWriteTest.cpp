@@ -218,6 +218,15 @@ TEST_F(DayFileWrite, AnInterruptedWriteIsRepeated) {
     EXPECT_EQ(ReadFile(morning), kHeader);
 }
 
+TEST_F(DayFileWrite, AShortWriteIsContinued) {
+    const WriteHook slow(
+        [](int fd, const void* buf, std::size_t size) { return WriteHook::Real(fd, buf, size < 3 ? size : 3); });
+
+    bin.InstBinFileInit();
+
+    EXPECT_EQ(ReadFile(morning), kHeader);
+}
+
 TEST_F(DayFileWrite, AFileThatCannotBeEmptiedIsNotUsed) {
     WriteFile(morning, "1,OLD\n");
     const FailingCall readOnly(FailingCall::kFtruncate, EROFS);
@@ -325,6 +334,19 @@ TEST_F(DayFileWrite, ALineThatDoesNotFitBehindTheEndTagTakesTheTagAway) {
 
     EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n1,SR505\n");
     EXPECT_THAT(log, ElementsAre(FailedWrite("No space left on device")));
+}
+
+TEST_F(DayFileWrite, AFailedWriteAfterTheTagWasTakenAwayLeavesTheLinesBefore) {
+    bin.InstBinFileInit();
+    bin.WriteBinFileInst("SR505", 1);
+    bin.WriteBinFileEnd();
+    bin.markIncomplete("memory is short");
+    bin.WriteBinFileInst("SR506", 2);
+
+    const FullDisk disk(0);
+    bin.WriteBinFileInst("SR507", 3);
+
+    EXPECT_EQ(ReadFile(morning), "inst_index,inst_id\n1,SR505\n2,SR506\n");
 }
 
 TEST_F(DayFileWrite, AnEndTagThatCannotBeTakenAwayIsReported) {

@@ -142,10 +142,14 @@ TEST_F(IntradayFile, WritingTheWholeMapFailsWhereTheFileCannotBeOpened) {
 TEST_F(IntradayFile, TheEndStoresTheSettlementTimeWithItsDateBackIntoTheGlobal) {
     bin->Normal_FileInit();
 
-    log = LogOf([this] { result = bin->WriteEndToBin(); });
+    std::string onDisk;
+    log = LogOf([&] {
+        result = bin->WriteEndToBin();
+        onDisk = dir.Read("bin");  // before anything else flushes it
+    });
 
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(dir.Read("bin"), "contract's_corresponding_time=20250303091500\nbin_file_over_tag");
+    EXPECT_EQ(onDisk, "contract's_corresponding_time=20250303091500\nbin_file_over_tag");
     EXPECT_EQ(CZceDmaChanImpl::g_uiContractSettleTm, static_cast<std::uint32_t>(20250303091500UL));
     EXPECT_THAT(log, ElementsAre("INFO Write end tag to bin."));
 }

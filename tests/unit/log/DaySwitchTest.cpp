@@ -1,5 +1,6 @@
 #include <filesystem>
 
+#include "tests/unit/log/Interposed.h"
 #include "tests/unit/log/LogFixture.h"
 
 namespace {
@@ -114,6 +115,23 @@ TEST_F(DaySwitch, ALineWhileTheFileIsBeingSwitchedGetsANoticeInstead) {
                 ElementsAre("[INFO   ][20250303-23:59:59][fpga]lost",
                             "======================log file is rotating, exit log file!==================="));
     EXPECT_EQ(dir.Read(kToday), kEveningLine);
+}
+
+// What a destructor or a hook of the application may do on the thread that switches.
+TEST_F(DaySwitch, ALineFromInsideTheSwitchGetsTheNotice) {
+    elog_handlers_writing = 1;
+    const YieldHook waiting([] {
+        elog_handlers_writing = 0;  // the switch waits for this handler
+        Log("inside");
+    });
+    time_cache = time_cache + 1;
+
+    const std::string printed = Printed([] { elog_file_rotate(); });
+
+    EXPECT_THAT(Lines(printed),
+                ElementsAre("[INFO   ][20250303-23:59:59][fpga]inside",
+                            "======================log file is rotating, exit log file!==================="));
+    EXPECT_EQ(last_rotate_day, 20250304);
 }
 
 TEST_F(DaySwitch, TheNoticeLeavesTheLogUsable) {

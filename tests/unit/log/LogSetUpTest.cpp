@@ -215,6 +215,16 @@ TEST_F(LogSetUp, AFileThatCannotBeCreatedIsReportedWithTheSystemsText) {
     EXPECT_FALSE(elog_file_init_ok);
 }
 
+TEST_F(LogSetUp, AFileWithALongPathIsReportedWithItsWholePath) {
+    const std::string directory = std::string(110, 'a') + "/" + std::string(110, 'b');
+    fs::create_directories(directory + "/fpga_20250303.log");
+
+    const std::string error = Printed([&directory] { elog_init(directory.c_str(), "fpga"); }, 2);
+
+    EXPECT_EQ(error, "Error! Create file " + directory +
+                         "/fpga_20250303.log fail, errmsg:Is a directory. \nError! log init fail.\n");
+}
+
 TEST_F(LogSetUp, AStreamThatCannotBeMadeOverTheFileIsReported) {
     const FailingCall noStream(FailingCall::kFdopen, ENOMEM);
     const std::size_t before = OpenDescriptors();

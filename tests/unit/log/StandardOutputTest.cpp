@@ -113,6 +113,21 @@ TEST_F(StandardOutput, AThreadThatHoldsStandardErrorMayLogWhileAnotherReportsAnE
 
 // ---- before the stop ----
 
+TEST_F(StandardOutput, AStreamOfTheApplicationWithoutADescriptorGetsTheLines) {
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* const before = stdout;
+
+    stdout = ::open_memstream(&text, &size);
+    Log("first");
+    Log("second");
+    std::fclose(stdout);
+    stdout = before;
+
+    EXPECT_EQ(std::string(text, size), "first\nsecond\n");
+    std::free(text);
+}
+
 TEST_F(StandardOutput, ALineWaitsForItsReader) {
     StalledPipe out;
     WaitingLine waiting;

@@ -85,4 +85,19 @@ TEST_F(OpenAboveStandard, AClosedStandardInputIsNotFound) {
               0);
 }
 
+TEST(SafeOutputFile, OneThatIsClosedTwiceClosesNobodyElsesDescriptor) {
+    const auto close = [] {
+        const test_support::TempDir directory;
+        {
+            safe_file::OutputFile file;
+            std::string refusal;
+            if (!file.open(directory.Path("file"), refusal)) return 1;
+            file.close();
+            file.close();
+        }
+        return OpenStreams() == 7 ? 0 : 2;
+    };
+    EXPECT_EQ(InProcessWithout(0, close), 0);
+}
+
 }  // namespace
