@@ -17,7 +17,7 @@ static_assert(offsetof(CardBlock, state) % kPageBytes == 0 && sizeof(CardState) 
 
 // Place 0 is in the block, the others follow it.
 std::size_t offsetOf(std::uint32_t place) {
-    return place == 0 ? offsetof(CardBlock, state) : sizeof(CardBlock) + (std::size_t{place} - 1) * sizeof(CardState);
+    return place == 0 ? offsetof(CardBlock, state) : sizeof(CardBlock) + (place - 1U) * sizeof(CardState);
 }
 
 // The parts of the state between the rings: visit(offset, length) until it returns false.
