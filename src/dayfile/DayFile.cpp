@@ -8,29 +8,17 @@
 #include <string_view>
 #include <vector>
 
+#include "src/dayfile/DayLines.h"
 #include "src/log/log.h"
-#include "src/util/Decimal.h"
 #include "src/util/LocalTime.h"
 
 namespace {
 
 constexpr char kLogFile[] = "VexoZceBinFile";
 
-constexpr std::string_view kHeaderLine = "inst_index,inst_id\n";
-constexpr std::string_view kEndTagLine = "bin_file_over_tag\n";
 constexpr int kFirstEveningHour = 17;
 constexpr std::size_t kIndexDigits = 5;
 constexpr std::size_t kUsualLine = 128;  // an id of the card has up to 63 characters
-
-constexpr std::string_view withoutLineFeed(std::string_view line) { return line.substr(0, line.size() - 1); }
-
-// Path of the current half-day's file.
-std::string dayFilePath() {
-    const std::tm now = local_time::now();
-    char path[64];
-    std::snprintf(path, sizeof path, "/tmp/.zce_%04d%02d%02d", now.tm_year + 1900, now.tm_mon + 1, now.tm_mday);
-    return std::string(path) + (now.tm_hour < kFirstEveningHour ? "_am" : "_pm");
-}
 
 // Lines are sorted in portions, each larger than the number of instruments of the exchange. Without the limit, a file
 // of only short lines would take many times its size in memory.
@@ -73,7 +61,16 @@ void insert(std::vector<DayLine>& insts, std::map<std::string, unsigned short>& 
     insts.clear();
 }
 
+// Path of the current half-day's file.
+std::string dayFilePath() { return day_file::pathAt(local_time::now()); }
+
 }  // namespace
+
+std::string day_file::pathAt(const std::tm& local) {
+    char path[64];
+    std::snprintf(path, sizeof path, "/tmp/.zce_%04d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+    return std::string(path) + (local.tm_hour < kFirstEveningHour ? "_am" : "_pm");
+}
 
 CBrixBinFile::CBrixBinFile(std::map<std::string, unsigned short>& map, unsigned int channel)
     : m_Intrade_AllInstMap(map), m_uiChannel(channel) {}
@@ -97,7 +94,7 @@ int CBrixBinFile::InstBinFileInit() {
         LOG_WARN("open contract index file failed %s.", m_strDayPath.c_str());
         return -1;
     }
-    writeToDayFile(kHeaderLine);
+    writeToDayFile(day_file::kHeaderLine);
     return 0;
 }
 
@@ -133,7 +130,7 @@ void CBrixBinFile::WriteBinFileEnd() {
         return;
     }
     const std::size_t before = m_dayFile.size();
-    if (writeToDayFile(kEndTagLine) && m_sizeBeforeEndTag == 0) m_sizeBeforeEndTag = before;
+    if (writeToDayFile(day_file::kEndTagLine) && m_sizeBeforeEndTag == 0) m_sizeBeforeEndTag = before;
 }
 
 // Nothing is written after a gap: the first failure closes the file.
@@ -198,20 +195,15 @@ bool CBrixBinFile::loadDayLines(const std::string& content) {
     bool tagSeen = false;
     std::vector<DayLine> insts;
     insts.reserve(std::min(kPortion, content.size() / 8));
-    for (std::string_view rest = content; !rest.empty();) {
-        const std::string_view line = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-
-        const std::size_t comma = line.find(',');
-        if (line == withoutLineFeed(kEndTagLine)) {
-            LOG_INFO_IN("CheckOrLoadBinFile", "Get file end flag is success.");
-            tagSeen = true;
-        } else if (line != withoutLineFeed(kHeaderLine) && comma != std::string_view::npos) {
-            // The comma ends the number: it is read in place.
-            insts.emplace_back(line.substr(comma + 1), leadingDecimal<unsigned short>(line.data()));
-            if (insts.size() == kPortion) insert(insts, m_Intrade_AllInstMap);
-        }
-    }
+    const auto onInst = [&](std::string_view, std::string_view id, unsigned short index) {
+        insts.emplace_back(id, index);
+        if (insts.size() == kPortion) insert(insts, m_Intrade_AllInstMap);
+    };
+    const auto onEndTag = [&] {
+        LOG_INFO_IN("CheckOrLoadBinFile", "Get file end flag is success.");
+        tagSeen = true;
+    };
+    day_file::forEachLine(content, onInst, onEndTag, [](std::string_view) {});
     insert(insts, m_Intrade_AllInstMap);
     return tagSeen;
 }

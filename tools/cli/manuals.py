@@ -43,8 +43,8 @@ def usage(path, command):
     words = [f"\\fB{roff(' '.join(path))}\\fR"]
     if any(option["names"] for option in command["options"]):
         words.append("[\\fIOPTIONS\\fR]")
-    words += [f"[\\fI{roff(option['value'] or option['positional'])}\\fR]" for option in command["options"]
-              if option["positional"]]
+    words += [f"[\\fI{roff(option['value'] or option['positional'])}\\fR]" + ("..." if option["repeats"] else "")
+              for option in command["options"] if option["positional"]]
     if command["commands"]:
         words.append("\\fISUBCOMMAND\\fR")
     if takes_program(command):
@@ -162,9 +162,9 @@ def zsh_text(text):
 def zsh_option(option):
     action = "_files" if FILE_VALUES.search(option["value"]) else " "
     value = f":{zsh_text(option['value'])}:{action}" if option["value"] else ""
-    if option["positional"]:
-        return [f"'::{zsh_text(option['value'] or option['positional'])}:{action}'"]
     star = "*" if option["repeats"] else ""
+    if option["positional"]:
+        return [f"'{star or ':'}:{zsh_text(option['value'] or option['positional'])}:{action}'"]
     return [f"'{star}{name}[{zsh_text(option['help'])}]{value}'" for name in option["names"]]
 
 

@@ -26,6 +26,7 @@ struct Failure : std::runtime_error {
 
 // Exit statuses of vexo itself. Once vexo has become the program, the status is the program's. 126 and 127 mean the
 // same as in a shell.
+inline constexpr int kFinding = 1;  // or a failure
 inline constexpr int kUsage = 2;
 inline constexpr int kCannotRun = 126;
 inline constexpr int kNotFound = 127;
@@ -33,6 +34,8 @@ inline constexpr int kNotFound = 127;
 /// Adds a subcommand to @p app. The subcommand sets invocation.run when it is chosen. One source file each.
 using AddCommand = void (*)(CLI::App& app, Invocation& invocation);
 
+void addIndex(CLI::App& app, Invocation& invocation);
+void addLog(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);
 void addTap(CLI::App& app, Invocation& invocation);
 

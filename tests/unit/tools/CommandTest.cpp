@@ -29,7 +29,8 @@ TEST_F(Command, TellsItsVersion) { EXPECT_EQ(vexo("--version").output, "vexo " V
 
 TEST_F(Command, ExplainsEverySubcommand) {
     EXPECT_EQ(vexo("--help").status, 0);
-    EXPECT_THAT(vexo("--help").output, AllOf(HasSubstr("\n  sim "), HasSubstr("\n  tap ")));
+    EXPECT_THAT(vexo("--help").output,
+                AllOf(HasSubstr("\n  index "), HasSubstr("\n  log "), HasSubstr("\n  sim "), HasSubstr("\n  tap ")));
     EXPECT_THAT(vexo("sim --help").output, HasSubstr("\n  run "));
     EXPECT_THAT(vexo("sim run --help").output, HasSubstr("vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]"));
     EXPECT_THAT(vexo("tap --help").output, HasSubstr("vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]"));
@@ -60,6 +61,14 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"sim run --embedded --hosted -- true", "--embedded excludes --hosted"},
         {"sim run --scenario none.ini -- true", "vexo: --scenario none.ini: No such file or directory"},
         {"sim run --scenario . -- true", "vexo: --scenario .: this is a directory"},
+        {"log --level loud", "--level: no level; give assert, error, warn, "},
+        {"log --lines -1", "--lines"},
+        {"log --color red", "--color"},
+        {"log --explain x a.log", "paths excludes --explain"},
+        {"log --explain ' '", "vexo: --explain: the text is empty\n"},
+        {"index a b", "vexo: unexpected argument: b\nSee vexo index --help"},
+        {"index a --compare b --list",
+         "vexo: --list shows no comparison; leave out --list or --compare, or add --json"},
         {"tap --rotate 0 -- true", "--rotate: Value 0 not in range"},
         {"tap --output none/a.pcapng -- true", "vexo: --output none/a.pcapng: there is no directory "},
         {"tap --output . -- true", "vexo: --output .: this is a directory, not a file"},

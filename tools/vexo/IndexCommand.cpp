@@ -1,0 +1,173 @@
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "src/instruments/InstId.h"
+#include "src/util/LocalTime.h"
+#include "tools/vexo/Command.h"
+#include "tools/vexo/show/DayFileReport.h"
+#include "tools/vexo/show/Harmless.h"
+#include "tools/vexo/show/Terminal.h"
+
+namespace vexo {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct Options {
+    std::string file;
+    std::string other;
+    bool list = false;
+    bool json = false;
+};
+
+std::string clock(std::time_t when) {
+    std::tm local{};
+    char text[64] = "";
+    if (local_time::breakDown(when, local)) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+std::string age(std::time_t written) {
+    const long seconds = static_cast<long>(std::time(nullptr) - written);
+    if (seconds < 0) return "in the future";
+    const long minutes = seconds / 60;
+    if (minutes == 0) return std::to_string(seconds) + " s ago";
+    if (minutes < 60) return std::to_string(minutes) + " min ago";
+    if (minutes < 60 * 48) return std::to_string(minutes / 60) + " h " + std::to_string(minutes % 60) + " min ago";
+    return std::to_string(minutes / 60 / 24) + " days ago";
+}
+
+const char* partOf(const DayFileReport& file) { return file.evening ? "from 17:00" : "up to 16:59:59"; }
+
+std::string halfDay(const DayFileReport& file) {
+    if (file.date.empty()) return "unknown: the name is not that of a day file";
+    return file.date + " " + partOf(file) + (file.isOfNow ? ", the current one" : ", not the current one");
+}
+
+std::string use(const DayFileReport& file) {
+    if (!file.isLoaded()) return "a start does not load it, and learns the map";
+    return file.isCurrent ? "a start now loads it" : "a start now looks for " + currentDayFile();
+}
+
+void printSummary(const DayFileReport& file) {
+    const std::size_t combinations = file.combinations();
+    std::printf("%s\n", harmless(file.path).c_str());
+    std::printf("  half-day:     %s\n", halfDay(file).c_str());
+    std::printf("  complete:     %s\n", file.complete ? "yes" : "no");
+    std::printf("  instruments:  %zu (%zu single-leg, %zu combinations)\n", file.instruments.size(),
+                file.instruments.size() - combinations, combinations);
+    std::printf("  owner:        %s\n", harmless(file.owner).c_str());
+    std::printf("  written:      %s, %s\n", clock(file.written).c_str(), age(file.written).c_str());
+    std::printf("  size:         %zu bytes\n", file.size);
+    std::printf("  use:          %s\n", use(file).c_str());
+}
+
+void printFindings(const DayFileReport& file, std::FILE* out) {
+    for (const DayFileFinding& finding : file.findings) {
+        const std::string place = harmless(file.path) + (finding.line > 0 ? ":" + std::to_string(finding.line) : "");
+        std::fprintf(out, "%s: %s\n", place.c_str(), harmless(finding.text).c_str());
+    }
+}
+
+void printList(const DayFileReport& file) {
+    for (const auto& [id, index] : file.instruments) std::printf("%u %s\n", index, harmless(id).c_str());
+}
+
+void printChanges(const DayFileReport& other, const DayFileChanges& changes) {
+    std::printf("since %s: %zu added, %zu removed, %zu moved\n", harmless(other.path).c_str(), changes.added.size(),
+                changes.removed.size(), changes.moved.size());
+    for (const auto& [id, index] : changes.added) std::printf("+ %s %u\n", harmless(id).c_str(), index);
+    for (const auto& [id, index] : changes.removed) std::printf("- %s %u\n", harmless(id).c_str(), index);
+    for (const DayFileChanges::Move& move : changes.moved)
+        std::printf("~ %s %u -> %u\n", harmless(move.id).c_str(), move.from, move.to);
+    if (!changes.moved.empty())
+        std::puts("An instrument keeps its index all day: the two files are of different instrument lists of a card.");
+}
+
+Json listed(const std::map<std::string, unsigned short>& instruments) {
+    Json list = Json::array();
+    for (const auto& [id, index] : instruments) list.push_back({{"index", index}, {"table", tableOf(id)}, {"id", id}});
+    return list;
+}
+
+Json describe(const DayFileReport& file) {
+    const std::size_t combinations = file.combinations();
+    Json findings = Json::array();
+    for (const DayFileFinding& finding : file.findings)
+        findings.push_back({{"line", finding.line}, {"text", finding.text}});
+    return {{"file", file.path},
+            {"date", file.date},
+            {"part", file.date.empty() ? ""
+                     : file.evening    ? "pm"
+                                       : "am"},
+            {"current", file.isCurrent},
+            {"complete", file.complete},
+            {"loadable", file.isLoaded()},
+            {"instruments", file.instruments.size()},
+            {"single_leg", file.instruments.size() - combinations},
+            {"combinations", combinations},
+            {"owner", file.owner},
+            {"written", clock(file.written)},
+            {"age_seconds", static_cast<long>(std::time(nullptr) - file.written)},
+            {"size", file.size},
+            {"findings", findings}};
+}
+
+Json describe(const DayFileReport& other, const DayFileChanges& changes) {
+    Json moved = Json::array();
+    for (const DayFileChanges::Move& move : changes.moved)
+        moved.push_back({{"id", move.id}, {"from", move.from}, {"to", move.to}});
+    return {
+        {"file", other.path}, {"added", listed(changes.added)}, {"removed", listed(changes.removed)}, {"moved", moved}};
+}
+
+int run(const Options& options) {
+    const DayFileReport file = readDayFile(options.file.empty() ? currentDayFile() : options.file);
+    std::optional<DayFileReport> other;
+    DayFileChanges changes;
+    if (!options.other.empty()) {
+        other = readDayFile(options.other);
+        changes = changesBetween(*other, file);
+    }
+    if (options.json) {
+        Json all = describe(file);
+        if (options.list) all["list"] = listed(file.instruments);
+        if (other) all["since"] = describe(*other, changes);
+        // An id may be any bytes: what is no UTF-8 is replaced.
+        std::puts(all.dump(1, ' ', false, Json::error_handler_t::replace).c_str());
+    } else if (options.list) {
+        printFindings(file, stderr);
+        printList(file);
+    } else {
+        printSummary(file);
+        printFindings(file, stdout);
+        if (other) printChanges(*other, changes);
+    }
+    return terminal::statusOfOutput(file.findings.empty() && !changes.any() ? 0 : kFinding);
+}
+
+}  // namespace
+
+void addIndex(CLI::App& app, Invocation& invocation) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* index = app.add_subcommand("index", "Show, check and compare day files: the maps of instruments");
+    index->add_option("file", options->file, "The day file; the default is the one that a start now looks for")
+        ->type_name("FILE");
+    CLI::Option* compare = index->add_option("--compare", options->other,
+                                             "Show what was added, removed or moved since this earlier file");
+    compare->type_name("OTHER_FILE");
+    CLI::Option* list = index->add_flag("--list", options->list, "Print only the instruments: index and id");
+    CLI::Option* json = index->add_flag("--json", options->json, "Print JSON; with --list also the instruments");
+    index->footer("Run it as:  vexo index [OPTIONS] [FILE]");
+    index->callback([options, compare, list, json, &invocation] {
+        if (compare->count() > 0 && list->count() > 0 && json->count() == 0)
+            throw Failure(kUsage, "--list shows no comparison; leave out --list or --compare, or add --json");
+        invocation.run = [options] { return run(*options); };
+    });
+}
+
+}  // namespace vexo

@@ -1,0 +1,207 @@
+#include <unistd.h>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/vexo/Command.h"
+#include "tools/vexo/show/Harmless.h"
+#include "tools/vexo/show/LogLine.h"
+#include "tools/vexo/show/LogSource.h"
+#include "tools/vexo/show/MessageTable.h"
+#include "tools/vexo/show/Messages.h"
+#include "tools/vexo/show/Terminal.h"
+
+namespace vexo {
+namespace {
+
+constexpr char kPlain[] = "\033[0m";
+constexpr useconds_t kBetweenLooks = 200000;  // microseconds
+constexpr std::size_t kTailOfFollow = 10;
+constexpr std::size_t kMostLines = 1000000;
+constexpr std::size_t kMostSimilar = 10;
+
+struct Options {
+    std::vector<std::string> paths;
+    bool follow = false;
+    std::string level;
+    std::optional<std::size_t> lines;
+    std::string color;
+    std::string explain;
+};
+
+// ---- lines ----
+
+const char* colorOf(std::uint8_t level) {
+    switch (level) {
+        case 0:
+        case 1: return "\033[1;31m";
+        case 2: return "\033[33m";
+        case 3: return "\033[36m";
+        case 4: return "";
+        default: return "\033[2m";
+    }
+}
+
+// Shows lines; at first only the last ones, if so many are asked for.
+class View {
+public:
+    View(const Options& options, bool named)
+        : m_color(terminal::isColored(options.color)),
+          m_named(named),
+          m_level(options.level.empty() ? kNoLevel : levelNamed(options.level)),
+          m_tail(options.follow && !options.lines ? kTailOfFollow : options.lines) {}
+
+    void add(const LogSource& source, const ShownLine& line) {
+        if (m_level != kNoLevel && (line.level == kNoLevel || line.level > m_level)) return;
+        m_any = true;
+        if (!m_tail) {
+            print(source.name(), line.text);
+            return;
+        }
+        m_held.emplace_back(source.name(), line.text);
+        if (m_held.size() > *m_tail) m_held.pop_front();
+    }
+    // All that was there at first has been added: from now on every line is shown.
+    void goOn() {
+        for (const auto& [name, line] : m_held) print(name, line);
+        m_held.clear();
+        m_tail.reset();
+        terminal::statusOfOutput(0);
+    }
+    bool hasAny() const { return m_any; }
+
+private:
+    void print(const std::string& name, const std::string& line) const {
+        std::string text = harmless(line);
+        const std::size_t tag = parseLogLine(line).tag.size();
+        const char* const color = m_color && tag > 0 ? colorOf(parseLogLine(line).level) : "";
+        if (*color != '\0') text = color + text.substr(0, tag) + kPlain + text.substr(tag);
+        if (m_named) text.insert(0, harmless(name) + ": ");
+        std::puts(text.c_str());
+    }
+
+    const bool m_color;
+    const bool m_named;
+    const std::uint8_t m_level;
+    std::optional<std::size_t> m_tail;
+    std::deque<std::pair<std::string, std::string>> m_held;  // name, line
+    bool m_any = false;
+};
+
+// A log that cannot be read does not hide the others.
+std::vector<LogSource> openAll(const Options& options) {
+    std::vector<LogSource> sources;
+    for (const std::string& path : options.paths) {
+        LogSource source(path, options.follow);
+        try {
+            source.open();
+            if (!source.isOpen())
+                std::fprintf(stderr, "vexo: %s: no log here yet, waiting for one\n", harmless(path).c_str());
+            sources.push_back(std::move(source));
+        } catch (const Failure& failure) {
+            if (options.paths.size() == 1) throw;
+            std::fprintf(stderr, "vexo: %s\n", failure.what());
+        }
+    }
+    return sources;
+}
+
+// The source whose next line is the oldest; null when none has a line.
+LogSource* earliest(std::vector<LogSource>& sources) {
+    LogSource* first = nullptr;
+    for (LogSource& source : sources) {
+        const ShownLine* line = source.peek();
+        if (line != nullptr && (first == nullptr || line->time < first->peek()->time)) first = &source;
+    }
+    return first;
+}
+
+int show(const Options& options) {
+    std::vector<LogSource> sources = openAll(options);
+    if (sources.empty()) return kFinding;
+    View view(options, options.paths.size() > 1);
+    for (;;) {
+        while (LogSource* source = earliest(sources)) {
+            view.add(*source, *source->peek());
+            source->drop();
+        }
+        view.goOn();
+        if (!options.follow) break;
+        ::usleep(kBetweenLooks);
+    }
+    if (view.hasAny()) return sources.size() == options.paths.size() ? 0 : kFinding;
+    std::fprintf(stderr, "vexo: no line %s\n", options.level.empty() ? "at all" : "of this level or a worse one");
+    return kFinding;
+}
+
+// ---- messages ----
+
+void print(const Message& message) {
+    std::printf("%s\n  level:       %s (%s)\n  when:        %s\n  what to do:  %s\n", message.format.c_str(),
+                message.level.c_str(), message.place.c_str(), message.when.c_str(), message.cure.c_str());
+}
+
+int explain(const std::string& text) {
+    if (text.find_first_not_of(" \t\n") == std::string::npos) throw Failure(kUsage, "--explain: the text is empty");
+    const std::vector<Message> all = parseMessages(kMessagesPage);
+    std::vector<Message> found = messagesOf(text, all);
+    if (found.empty()) found = messagesWith(text, all);
+    if (found.empty()) {
+        throw Failure(kFinding, "no message of the library has this text: " + harmless(text) +
+                                    "\nGive less of it, for example the words before the first number.");
+    }
+    for (std::size_t i = 0; i < found.size() && i < kMostSimilar; ++i) {
+        if (i > 0) std::puts("");
+        print(found[i]);
+    }
+    if (found.size() > kMostSimilar) {
+        std::printf("\n%zu more messages have this text: give more of it.\n", found.size() - kMostSimilar);
+    }
+    return terminal::statusOfOutput(0);
+}
+
+std::string levelFault(const std::string& name) {
+    return levelNamed(name) == kNoLevel ? "no level; give assert, error, warn, event, info, debug or verbose" : "";
+}
+
+int run(Options& options) {
+    if (options.paths.empty()) options.paths.emplace_back(".");
+    return show(options);
+}
+
+}  // namespace
+
+void addLog(CLI::App& app, Invocation& invocation) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* log = app.add_subcommand("log", "Show logs of the library, and explain their messages");
+    CLI::Option* paths = log->add_option("paths", options->paths,
+                                         "Log files, or working directories of programs; several are merged by time. "
+                                         "The default is the newest log of this directory");
+    paths->type_name("FILE|DIRECTORY");
+    CLI::Option* follow = log->add_flag("-f,--follow", options->follow,
+                                        "Go on showing what comes, also in the files of later days");
+    CLI::Option* level = log->add_option("--level", options->level,
+                                         "Show only this level and worse ones: error, warn, event, info, debug");
+    level->type_name("LEVEL")->check(CLI::Validator(levelFault, ""));
+    CLI::Option* lines = log->add_option("-n,--lines", options->lines,
+                                         "Show only the last lines, so many; with --follow, 10 unless given");
+    lines->type_name("N")->check(CLI::Range(std::size_t{0}, kMostLines));
+    terminal::addColorOption(*log, options->color);
+    CLI::Option* explained = log->add_option("--explain", options->explain,
+                                             "Explain a message: a line of a log, or a part of one");
+    explained->type_name("TEXT")->excludes(paths)->excludes(follow)->excludes(level)->excludes(lines);
+    log->footer("Run it as:  vexo log [OPTIONS] [FILE|DIRECTORY]...");
+    log->callback([options, explained, &invocation] {
+        const bool wantsExplanation = explained->count() > 0;
+        invocation.run = [options, wantsExplanation] {
+            return wantsExplanation ? explain(options->explain) : run(*options);
+        };
+    });
+}
+
+}  // namespace vexo

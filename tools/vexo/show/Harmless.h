@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace vexo {
+
+/// The text with every byte that could command a terminal written as \xNN. Tabs and letters of all languages stay.
+std::string harmless(std::string_view text);
+
+}  // namespace vexo
