@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""quoted_lines.py SOURCES: every log line that docs/troubleshooting.md quotes is in the sources.
+"""quoted_lines.py SOURCES: every log line that docs/troubleshooting.md or `vexo check --after` quotes is in the sources.
 
 A quoted line is a code span in the first column of a table, or one that holds a blank elsewhere and ends as a line does.
 Its parts between "..." must be in one string of the library, the simulated card or a tool, in this order.
@@ -10,8 +10,9 @@ import sys
 
 sources = pathlib.Path(sys.argv[1])
 page = (sources / "docs/troubleshooting.md").read_text()
+table = sources / "tools/vexo/check/StartLines.cpp"  # quotes lines, as the page does
 code = [re.sub(r'"\s*\n?\s*"', "", path.read_text()) for room in ("src", "sim", "tools") for path in
-        sorted((sources / room).rglob("*.cpp"))]
+        sorted((sources / room).rglob("*.cpp")) if path != table]
 strings = [s.replace('\\"', '"').replace("\\n", "") for text in code for s in re.findall(r'"((?:[^"\\\n]|\\.)*)"', text)]
 
 CONVERSION = r"%[-0-9.l]*[a-zA-Z]"
@@ -30,6 +31,10 @@ quotes = []
 for line in page.splitlines():
     if line.startswith("| ") and not line.startswith("|---"):
         quotes += [span for span in re.findall(r"`([^`]+)`", line.split(" | ")[0]) if " " in span]
+rows = re.findall(r'\{"((?:[^"\\\n]|\\.)*)"', table.read_text())
+if len(rows) < 20:
+    sys.exit(f"only {len(rows)} lines found in {table.name}: the table has changed its form")
+quotes += rows
 missing = [quoted for quoted in quotes if not matches(quoted)]
 if len(quotes) < 20:
     sys.exit(f"only {len(quotes)} quoted lines found: the page has changed its form")

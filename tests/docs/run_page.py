@@ -26,6 +26,8 @@ EXPECTED_OUTPUT = [
     (r"^tshark ", r"[^ ]"),
     (r"^vexo-simcard --status", r"learned [0-9]"),
     (r"^vexo-cardtest(?! --json)", r"[0-9]+ pass"),
+    (r"^vexo check --config-only", r"no findings"),
+    (r"^vexo check --keys", r"BIN_DELAY_TIME"),
 ]
 # Programs that run until they are stopped, and how one sees that they work.
 UNTIL_STOPPED = [

@@ -34,6 +34,7 @@ inline constexpr int kNotFound = 127;
 /// Adds a subcommand to @p app. The subcommand sets invocation.run when it is chosen. One source file each.
 using AddCommand = void (*)(CLI::App& app, Invocation& invocation);
 
+void addCheck(CLI::App& app, Invocation& invocation);
 void addIndex(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);

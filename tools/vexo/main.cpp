@@ -11,7 +11,7 @@ namespace {
 
 using namespace vexo;
 
-constexpr AddCommand kCommands[] = {addIndex, addLog, addSim, addTap};
+constexpr AddCommand kCommands[] = {addCheck, addIndex, addLog, addSim, addTap};
 
 // CLI11 takes the words last one first.
 std::vector<std::string> reversed(std::vector<std::string> words) {
@@ -55,8 +55,10 @@ int parseAndRun(int argc, char** argv) {
     if (dashes != words.end()) invocation.program.assign(dashes + 1, words.end());
     words.erase(dashes, words.end());
 
-    CLI::App app("Runs programs on a simulated card, records what a card delivers, and shows logs and day files.",
-                 "vexo");
+    CLI::App app(
+        "Checks a configuration, runs programs on a simulated card, records what a card delivers, and shows logs and "
+        "day files.",
+        "vexo");
     app.set_version_flag("--version", std::string("vexo ") + kVexoVersion, "Show the version and end");
     for (const AddCommand add : kCommands) add(app, invocation);
     app.footer(

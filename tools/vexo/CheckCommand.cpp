@@ -1,0 +1,100 @@
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include "tools/vexo/Command.h"
+#include "tools/vexo/check/ConfigCheck.h"
+#include "tools/vexo/check/HostCheck.h"
+#include "tools/vexo/check/KeyTable.h"
+#include "tools/vexo/check/StartLog.h"
+#include "tools/vexo/show/Terminal.h"
+
+namespace vexo {
+namespace {
+
+struct Options {
+    std::vector<std::string> configs;
+    std::string log;
+    std::string color;
+    check::HostPlaces places;
+    bool configOnly = false;
+    bool keys = false;
+    bool json = false;
+};
+
+void requireFile(const std::string& file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(file, error)) throw Failure(kUsage, file + ": this is a directory, not a file");
+    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, file + ": " + std::strerror(errno));
+}
+
+// What a check returns. A file that cannot be read ends vexo with its name.
+template <typename Check>
+auto readable(const std::string& file, const Check& check) {
+    try {
+        return check();
+    } catch (const std::runtime_error& error) {
+        throw Failure(kUsage, file + ": " + error.what());
+    }
+}
+
+void checkFiles(const Options& options, check::Report& report) {
+    std::vector<check::ConfigFacts> programs;
+    for (const std::string& config : options.configs) requireFile(config);
+    for (const std::string& config : options.configs)
+        programs.push_back(readable(config, [&] { return check::checkConfig(config, report); }));
+    check::checkTogether(programs, report);
+    if (!programs.empty() && !options.configOnly) check::checkHost(programs, options.places, report);
+    if (options.log.empty()) return;
+    requireFile(options.log);
+    readable(options.log, [&] {
+        check::checkLog(options.log, report);
+        return 0;
+    });
+}
+
+int run(const Options& options) {
+    if (options.keys) {
+        std::fputs((options.json ? check::keysAsJson() : check::keysAsText()).c_str(), stdout);
+        return terminal::statusOfOutput(0);
+    }
+    if (options.configs.empty() && options.log.empty())
+        throw Failure(kUsage,
+                      "nothing to check: name a configuration, such as vexo check zce.ini\nSee vexo check --help");
+    check::Report report;
+    checkFiles(options, report);
+    std::fputs((options.json ? asJson(report) : asText(report, terminal::isColored(options.color))).c_str(), stdout);
+    return terminal::statusOfOutput(report.count() == 0 ? 0 : kFinding);
+}
+
+}  // namespace
+
+void addCheck(CLI::App& app, Invocation& invocation) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* check = app.add_subcommand(
+        "check", "Find what is wrong with a configuration and this host before a start, or why a start failed");
+    CLI::Option* config = check->add_option("CONFIG.ini", options->configs,
+                                            "Configuration, such as zce.ini; several if they run on one host");
+    check->add_option("--after", options->log, "Say what became of the last start-up in a day log")
+        ->type_name("fpga_YYYYMMDD.log");
+    check->add_flag("--config-only", options->configOnly, "Check the configuration, not this host")->needs(config);
+    check
+        ->add_option("--directory", options->places.directory,
+                     "Directory in which the program will run (default: this one)")
+        ->type_name("DIR");
+    check->add_flag("--keys", options->keys, "Show every key with type, range, default and meaning")->excludes(config);
+    check->add_flag("--json", options->json, "Write JSON");
+    terminal::addColorOption(*check, options->color);
+    check->footer(
+        "Levels: fatal ends the start-up; error: the start goes on, but not as the file asks; warning: works, but is "
+        "probably not meant; note: no finding.\n"
+        "Exit status: 0 no findings, 1 findings, 2 wrong usage or a file that cannot be read.");
+    check->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
+}
+
+}  // namespace vexo

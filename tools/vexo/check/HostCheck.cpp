@@ -1,0 +1,147 @@
+#include "tools/vexo/check/HostCheck.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+#include "VexoZceUtil.h"
+#include "tools/vexo/check/DayFileState.h"
+#include "tools/vexo/check/Quiet.h"
+
+namespace vexo::check {
+
+namespace {
+
+constexpr char kHost[] = "host";
+
+std::string firstLineOf(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+bool isAllowed(const char* path, int how) { return ::faccessat(AT_FDCWD, path, how, AT_EACCESS) == 0; }
+
+std::string todaysLog() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    ::localtime_r(&now, &local);
+    char name[32];
+    std::strftime(name, sizeof name, "fpga_%Y%m%d.log", &local);
+    return name;
+}
+
+// Asks the kernel as the library does, then puts everything back. Empty when the thread can be pinned.
+std::string whyNotPinned(long cpu) {
+    cpu_set_t before;
+    if (::sched_getaffinity(0, sizeof before, &before) != 0) return {};
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    if (cpu >= 0 && cpu < CPU_SETSIZE) CPU_SET(static_cast<std::size_t>(cpu), &one);
+    const std::string why = ::sched_setaffinity(0, sizeof one, &one) == 0 ? "" : std::strerror(errno);
+    ::sched_setaffinity(0, sizeof before, &before);
+    return why;
+}
+
+}  // namespace
+
+bool listHas(const std::string& list, long number) {
+    std::istringstream text(list);
+    for (std::string part; std::getline(text, part, ',');) {
+        char* end = nullptr;
+        const long first = std::strtol(part.c_str(), &end, 10);
+        if (end == part.c_str()) continue;
+        const long last = *end == '-' ? std::strtol(end + 1, nullptr, 10) : first;
+        if (number >= first && number <= last) return true;
+    }
+    return false;
+}
+
+bool checkBoard(Report& report) {
+    const Quiet quiet;  // a host without lspci has no board for the library either
+    const int board = CheckEnvBoard();
+    const auto add = [&](Level level, const std::string& what, const std::string& todo) {
+        report.add({level, kHost, 0, what, todo});
+    };
+    if (board == 0) {
+        add(Level::kError, "lspci shows no card",
+            "look at the card and at whether lspci is installed; for the simulated card, check with --config-only and "
+            "start with vexo sim run");
+        return false;
+    }
+    add(Level::kNote, board >= 3 ? "lspci shows several cards" : "lspci shows a card", "");
+    const bool needsXi = board == 2 || board == 4 || board == 5;
+    if (needsXi && !IsXiDriverInstalled())
+        add(Level::kError, "lsmod shows no driver xdma, which a Xilinx card needs", "load it: modprobe xdma");
+    if (board == 5) add(Level::kNote, "cards of both makes are present", "device counts the cards of its driver alone");
+    if (IsProdProgRunning())
+        add(Level::kNote, "the process RwDeliverDmaServer is running", "it may hold streams of the card");
+    return true;
+}
+
+void checkCpu(const ConfigFacts& facts, const HostPlaces& places, Report& report) {
+    if (facts.cpu == -1) return;
+    const std::string cpu = "CPU " + std::to_string(facts.cpu);
+    const auto add = [&](Level level, const std::string& what, const std::string& todo) {
+        report.add({level, facts.file, facts.cpuLine, "[config] cpucore: " + what, todo});
+    };
+    const std::string online = firstLineOf(places.cpus + "/online");
+    if (!online.empty() && !listHas(online, facts.cpu)) {
+        add(Level::kError, cpu + " is not online; the thread is not pinned", "give one of " + online);
+        return;
+    }
+    const std::string why = whyNotPinned(facts.cpu);
+    if (!why.empty()) {
+        add(Level::kError, "a thread cannot be pinned to " + cpu + " here: " + why,
+            "give a CPU that this user's processes may use");
+        return;
+    }
+    const std::string isolated = firstLineOf(places.cpus + "/isolated");
+    if (!listHas(isolated, facts.cpu))
+        add(Level::kWarning, cpu + " is not isolated; other work may delay the thread",
+            isolated.empty() ? "boot with isolcpus=" + std::to_string(facts.cpu) : "give one of " + isolated);
+}
+
+void checkDirectory(const HostPlaces& places, Report& report) {
+    const auto add = [&](Level level, const std::string& what, const std::string& todo) {
+        report.add({level, places.directory, 0, what, todo});
+    };
+    struct stat status;
+    if (::stat(places.directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        add(Level::kFatal, "there is no such directory", "name the directory in which the program will run");
+        return;
+    }
+    if (!isAllowed(places.directory.c_str(), W_OK | X_OK)) {
+        add(Level::kFatal, "this user cannot write here, so there can be no log; VexoStart returns -1",
+            "start in a directory that this user can write");
+        return;
+    }
+    if (!isAllowed(places.directory.c_str(), R_OK))
+        add(Level::kFatal, "this user cannot read this directory; a master ends at start-up, outside trading hours",
+            "start as its owner, or in another directory");
+    const std::string log = places.directory + "/" + todaysLog();
+    if (isAllowed(log.c_str(), F_OK) && !isAllowed(log.c_str(), W_OK))
+        add(Level::kFatal, todaysLog() + " is there, and this user cannot write it",
+            "remove or move it, or start as its owner");
+}
+
+void checkHost(const std::vector<ConfigFacts>& programs, const HostPlaces& places, Report& report) {
+    report.add({Level::kNote, kHost, 0, std::string("checked for user ") + GetCurUserName(), ""});
+    const bool hasCard = checkBoard(report);
+    bool hasMaster = false;
+    for (const ConfigFacts& facts : programs) {
+        checkCpu(facts, places, report);
+        hasMaster = hasMaster || (facts.device.valid && facts.device.channel == 0);
+    }
+    checkDirectory(places, report);
+    if (hasMaster) report.add(findingOf(stateOfDayFile(places.dayFiles + todaysDayFile(std::time(nullptr))), hasCard));
+}
+
+}  // namespace vexo::check
