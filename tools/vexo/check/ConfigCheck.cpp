@@ -144,7 +144,7 @@ std::string ConfigCheck::openSection(const IniLine& line) {
     }
     const std::vector<std::string> meant = nearest(line.section, allSections());
     const bool isClear = meant.size() == 1 && m_sections.count(meant.front()) == 0;
-    m_unknownSections.push_back({&line, isClear ? meant.front() : ""});
+    m_unknownSections.emplace_back(&line, isClear ? meant.front() : "");
     if (!isClear) return {};
     m_sections.emplace(meant.front(), line.line);
     return meant.front();

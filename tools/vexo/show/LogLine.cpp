@@ -34,9 +34,9 @@ std::string_view takeGroup(std::string_view& rest, char open, char close) {
 LogLine parseLogLine(std::string_view line) {
     LogLine parsed;
     parsed.message = line;
-    for (std::uint8_t level = 0; level < std::size(kTags); ++level) {
+    for (std::size_t level = 0; level < std::size(kTags); ++level) {
         if (line.substr(0, kTags[level].size()) != kTags[level]) continue;
-        parsed.level = level;
+        parsed.level = static_cast<std::uint8_t>(level);
         parsed.tag = line.substr(0, kTags[level].size());
         parsed.message.remove_prefix(parsed.tag.size());
     }
@@ -49,9 +49,10 @@ LogLine parseLogLine(std::string_view line) {
 }
 
 std::uint8_t levelNamed(std::string_view name) {
-    for (std::uint8_t level = 0; level < std::size(kTags); ++level) {
+    for (std::size_t level = 0; level < std::size(kTags); ++level) {
         const std::string_view known = kTags[level].substr(1, kTags[level].find_first_of(" ]") - 1);
-        if (known.size() == name.size() && ::strncasecmp(known.data(), name.data(), name.size()) == 0) return level;
+        if (known.size() == name.size() && ::strncasecmp(known.data(), name.data(), name.size()) == 0)
+            return static_cast<std::uint8_t>(level);
     }
     return kNoLevel;
 }
