@@ -31,6 +31,10 @@ EXPECTED_OUTPUT = [
     (r"^vexo index$", r"complete: +yes"),
     (r"^vexo log --level", r"WARN"),
     (r"^vexo log --explain", r"what to do"),
+    (r"^vexo plan .*--against", r"^    \+ MA[0-9]"),
+    (r"^vexo plan .*second.ini", r"channel 1, the program of second.ini: [1-9]"),
+    (r"^vexo plan .*list ", r"^old.ini:[0-9]+: error: .* CF matches none"),
+    (r"^vexo plan ", r"^no findings"),
 ]
 # Programs that run until they are stopped, and how one sees that they work. "$log" has their output. One that learns
 # the contract map without a delay has also ended its day file, which the commands behind it may look at.
