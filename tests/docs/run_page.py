@@ -42,7 +42,7 @@ RECEIVES = ("{ grep -q '^[1-9][0-9]* quotes' \"$log\" && "
             "{ ! grep -q 'm_binDelayTime is 0$' \"$log\" || grep -q ' bin file is success' \"$log\"; }; }")
 UNTIL_STOPPED = [
     (r"^vexo-simcard(?! --(status|json|help))", "vexo-simcard --json >/dev/null 2>&1"),
-    (r"^vexo sim run -- \./app", RECEIVES),
+    (r"^vexo sim run (--shared-day-file )?-- \./app", RECEIVES),
     (r"^vexo sim run --hosted -- \.\.?/app", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
 ]
 # What goes on while others are typed, in other terminals: a hosted card and its users. A program with a card of its own
