@@ -10,4 +10,7 @@ std::filesystem::path simulatedCardDirectory();
 /// The library that `vexo tap` loads into a program.
 std::filesystem::path tapLibrary();
 
+/// The library that `vexo run` loads into a program, to see it poll.
+std::filesystem::path pollsLibrary();
+
 }  // namespace vexo

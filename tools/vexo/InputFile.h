@@ -1,0 +1,31 @@
+#pragma once
+
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "tools/vexo/Command.h"
+
+namespace vexo {
+
+/// Ends vexo with status 2 and the reason when the file cannot be read.
+inline void requireFile(const std::string& file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(file, error)) throw Failure(kUsage, file + ": this is a directory, not a file");
+    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, file + ": " + std::strerror(errno));
+}
+
+/// What @p read returns. A file that cannot be read ends vexo with its name.
+template <typename Read>
+auto readable(const std::string& file, const Read& read) {
+    try {
+        return read();
+    } catch (const std::runtime_error& error) {
+        throw Failure(kUsage, file + ": " + error.what());
+    }
+}
+
+}  // namespace vexo
