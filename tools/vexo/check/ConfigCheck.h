@@ -15,6 +15,8 @@ struct ConfigFacts {
     Device device;  ///< not valid when the file names none
     long cpu = -1;  ///< that the thread is to be pinned to
     std::size_t cpuLine = 0;
+    long hardware = -1;  ///< version that the card needs for this library
+    std::size_t hardwareLine = 0;
 };
 
 /// Adds everything that is wrong with a configuration file to @p report. Throws std::runtime_error when the file cannot

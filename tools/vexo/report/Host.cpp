@@ -1,12 +1,9 @@
 #include "tools/vexo/report/Host.h"
 
 #include <gnu/libc-version.h>
-#include <pwd.h>
-#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -15,6 +12,7 @@
 
 #include "VexoZceUtil.h"
 #include "tools/Version.h"
+#include "tools/vexo/check/CardUsers.h"
 
 namespace vexo::report {
 namespace {
@@ -71,17 +69,6 @@ std::string fieldOf(const fs::path& path, const std::string& name) {
     return {};
 }
 
-bool isNumber(const std::string& text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c) != 0; });
-}
-
-std::string userOf(const fs::path& path) {
-    struct stat status;
-    if (::stat(path.c_str(), &status) != 0) return "unknown";
-    const passwd* const user = ::getpwuid(status.st_uid);
-    return user != nullptr ? user->pw_name : std::to_string(status.st_uid);
-}
-
 // Devices that every process has open tell nothing.
 bool isOfInterest(const std::string& file) {
     static const std::set<std::string> usual = {"/dev/null", "/dev/zero",    "/dev/full", "/dev/random",
@@ -89,19 +76,6 @@ bool isOfInterest(const std::string& file) {
     const bool isDevice = file.compare(0, 5, "/dev/") == 0 && usual.count(file) == 0 &&
                           file.compare(0, 9, "/dev/pts/") != 0;
     return isDevice || file.find("/.zce_") != std::string::npos || file.find("/fpga_") != std::string::npos;
-}
-
-// The card's library and the market-data library, if the process has loaded them.
-std::set<std::string> librariesOf(const fs::path& process) {
-    std::set<std::string> libraries;
-    std::istringstream maps(contentOf(process / "maps"));
-    for (std::string line; std::getline(maps, line);) {
-        const std::size_t path = line.find('/');
-        const std::string file = path != std::string::npos ? line.substr(path) : "";
-        if (file.find("/libenyx-hw-c.so") != std::string::npos || file.find("/libvexo_zce_md.so") != std::string::npos)
-            libraries.insert(file);
-    }
-    return libraries;
 }
 
 std::string threadsOf(const fs::path& process) {
@@ -114,13 +88,12 @@ std::string threadsOf(const fs::path& process) {
 
 // Neither its arguments nor its environment: they may hold passwords.
 std::string describe(const fs::path& process) {
-    const std::set<std::string> libraries = librariesOf(process);
+    const std::set<std::string> libraries = check::cardLibrariesOf(process);
     std::set<std::string> files;
     for (const fs::path& descriptor : entriesOf(process / "fd"))
         if (const std::string file = targetOf(descriptor); isOfInterest(file)) files.insert(file);
     if (libraries.empty() && files.empty()) return {};
-    std::string text = "process " + process.filename().string() + " (" + firstLineOf(process / "comm") + ", user " +
-                       userOf(process) + ", in " + targetOf(process / "cwd") + ")\n";
+    std::string text = check::describeProcess(process) + ", in " + targetOf(process / "cwd") + "\n";
     for (const std::string& library : libraries) text += "    has loaded " + library + "\n";
     for (const std::string& file : files) text += "    has open " + file + "\n";
     return text + (libraries.empty() ? "" : threadsOf(process));
@@ -172,8 +145,7 @@ std::string devices() {
 std::string holders() {
     std::string text;
     std::size_t hidden = 0;
-    for (const fs::path& process : entriesOf("/proc")) {
-        if (!isNumber(process.filename().string())) continue;
+    for (const fs::path& process : check::allProcesses()) {
         if (::access((process / "fd").c_str(), R_OK | X_OK) != 0) ++hidden;
         text += describe(process);
     }
