@@ -6,12 +6,13 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "tools/vexo/Command.h"
 
 namespace vexo {
 
-/// Ends vexo with status 2 and the reason when the file cannot be read.
+/// Fails with status 2 unless @p file is there and may be read.
 inline void requireFile(const std::string& file) {
     std::error_code error;
     if (std::filesystem::is_directory(file, error)) throw Failure(kUsage, file + ": this is a directory, not a file");
@@ -23,6 +24,8 @@ template <typename Read>
 auto readable(const std::string& file, const Read& read) {
     try {
         return read();
+    } catch (const Failure&) {
+        throw;
     } catch (const std::runtime_error& error) {
         throw Failure(kUsage, file + ": " + error.what());
     }

@@ -13,4 +13,7 @@ std::filesystem::path tapLibrary();
 /// The library that `vexo run` loads into a program, to see it poll.
 std::filesystem::path pollsLibrary();
 
+/// The library that `vexo sim run` loads into a program.
+std::filesystem::path dayFileLibrary();
+
 }  // namespace vexo

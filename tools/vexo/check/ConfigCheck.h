@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@ struct ConfigFacts {
     std::size_t cpuLine = 0;
     long hardware = -1;  ///< version that the card needs for this library
     std::size_t hardwareLine = 0;
+    std::map<std::string, std::size_t> lines;  ///< of the keys that count, by "section:key" in lower case
 };
 
 /// Adds everything that is wrong with a configuration file to @p report. Throws std::runtime_error when the file cannot
