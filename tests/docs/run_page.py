@@ -22,6 +22,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 
 # A start-up that fails ends a program with status 0, and a filter may find nothing: what a command has to print.
 EXPECTED_OUTPUT = [
+    (r"^vexo run", r"ended in order"),
     (r"^quote_printer|-- quote_printer", r"received [1-9][0-9]* quotes"),
     (r"^tshark ", r"[^ ]"),
     (r"^vexo-simcard --status", r"learned [0-9]"),

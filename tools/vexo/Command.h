@@ -28,6 +28,7 @@ struct Failure : std::runtime_error {
 // same as in a shell.
 inline constexpr int kFinding = 1;  // or a failure
 inline constexpr int kUsage = 2;
+inline constexpr int kNoCard = 3;
 inline constexpr int kCannotRun = 126;
 inline constexpr int kNotFound = 127;
 
@@ -38,6 +39,8 @@ void addCheck(CLI::App& app, Invocation& invocation);
 void addIndex(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
 void addPlan(CLI::App& app, Invocation& invocation);
+void addReport(CLI::App& app, Invocation& invocation);
+void addRun(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);
 void addTap(CLI::App& app, Invocation& invocation);
 
