@@ -25,13 +25,13 @@ EXPECTED_OUTPUT = [
     (r"^quote_printer|-- quote_printer", r"received [1-9][0-9]* quotes"),
     (r"^tshark ", r"[^ ]"),
     (r"^vexo-simcard --status", r"learned [0-9]"),
-    (r"^vexo-cardtest(?! --json)", r"[0-9]+ pass"),
+    (r"^vexo-cardtest(?! --(json|version))", r"[0-9]+ pass"),
     (r"^vexo check --config-only", r"no findings"),
     (r"^vexo check --keys", r"BIN_DELAY_TIME"),
 ]
 # Programs that run until they are stopped, and how one sees that they work.
 UNTIL_STOPPED = [
-    (r"^vexo-simcard(?! --(status|json|help))", "vexo-simcard --json >/dev/null 2>&1"),
+    (r"^vexo-simcard(?! --(status|json|help|version))", "vexo-simcard --json >/dev/null 2>&1"),
     (r"^vexo sim run -- \./app", "grep -q '^[1-9][0-9]* quotes' background.log"),
 ]
 
