@@ -95,7 +95,13 @@ int testCard(const Arguments& arguments) {
     std::string error;
     if (!loadCardLibrary(error)) return fail(cli::kNoCard, "no card to test: " + error);
     const std::optional<MetCard> met = meetCard(arguments.plan, error);
-    if (!met) return fail(cli::kNoCard, "no card to test: " + error);
+    if (!met) {
+        const std::string bus = std::to_string(arguments.plan.bus);
+        return fail(cli::kNoCard, "no card to test: " + error +
+                                      "\nCheck the bus number (--bus) and the card's driver. To have a simulated card "
+                                      "at this bus: vexo-simcard --bus " +
+                                      bus);
+    }
     if (!met->heldStreams.empty() && !arguments.inUse)
         return fail(cli::kUsage, "--write: another process holds stream " + met->heldStreams +
                                      ", and would lose what it "

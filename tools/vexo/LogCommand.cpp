@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <deque>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -12,6 +11,7 @@
 
 #include "tools/vexo/Command.h"
 #include "tools/vexo/show/Harmless.h"
+#include "tools/vexo/show/LogJson.h"
 #include "tools/vexo/show/LogLine.h"
 #include "tools/vexo/show/LogSource.h"
 #include "tools/vexo/show/MessageTable.h"
@@ -20,8 +20,6 @@
 
 namespace vexo {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr useconds_t kBetweenLooks = 200000;  // microseconds
 constexpr std::size_t kTailOfFollow = 10;
@@ -49,15 +47,6 @@ const char* colorOf(std::uint8_t level) {
         case 4: return "";
         default: return cli::kFaint;
     }
-}
-
-// One line of JSON. A line without brackets of its own has the level of the one before it, and no time.
-std::string asJson(const std::string& name, const ShownLine& line) {
-    const LogLine parsed = parseLogLine(line.text);
-    Json object = {{"log", name}, {"level", nullptr}, {"time", nullptr}, {"text", std::string(parsed.message)}};
-    if (line.level != kNoLevel) object["level"] = levelName(line.level);
-    if (!parsed.time.empty()) object["time"] = std::string(parsed.time);
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 // Shows lines; at first only the last ones, if so many are asked for.
@@ -165,18 +154,6 @@ int show(const Options& options) {
 void print(const Message& message) {
     std::printf("%s\n  level:       %s (%s)\n  when:        %s\n  what to do:  %s\n", message.format.c_str(),
                 message.level.c_str(), message.place.c_str(), message.when.c_str(), message.cure.c_str());
-}
-
-std::string asJson(const std::vector<Message>& messages) {
-    Json all = Json::array();
-    for (const Message& one : messages) {
-        all.push_back({{"message", one.format},
-                       {"level", one.level},
-                       {"place", one.place},
-                       {"when", one.when},
-                       {"todo", one.cure}});
-    }
-    return Json{{"messages", all}}.dump(1, ' ', false, Json::error_handler_t::replace);
 }
 
 int explain(const std::string& text, bool json) {
