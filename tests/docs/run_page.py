@@ -28,6 +28,10 @@ EXPECTED_OUTPUT = [
     (r"^vexo-cardtest(?! --(json|version))", r"[0-9]+ pass"),
     (r"^vexo check --config-only", r"no findings"),
     (r"^vexo check --keys", r"BIN_DELAY_TIME"),
+    (r"^vexo plan .*--against", r"^    \+ MA[0-9]"),
+    (r"^vexo plan .*second.ini", r"channel 1, the program of second.ini: [1-9]"),
+    (r"^vexo plan .*list ", r"^old.ini:[0-9]+: error: .* CF matches none"),
+    (r"^vexo plan ", r"^no findings"),
 ]
 # Programs that run until they are stopped, and how one sees that they work.
 UNTIL_STOPPED = [

@@ -25,10 +25,11 @@ STATUSES = {"0", "1", "2", "3", "126", "127", "else"}
 QUOTES = ["quote_printer", "demo.ini", "--seconds", "1"]
 # The command line that shows a result, its exit status, and where --json writes one object a line: on standard output,
 # or those lines of standard error that begin as given. In the examples' directory there are a configuration with a
-# mistake, a day log and a day file with a mistake.
+# mistake, a day log, a day file with a mistake and a list of instruments.
 EXAMPLES = {
     "vexo check": (["--config-only", "bad.ini"], 1, None),
     "vexo index": (["day-file"], 1, None),
+    "vexo plan": (["demo.ini", "--instruments", "list"], 1, None),
     "vexo log": (["day.log"], 0, ""),
     "vexo tap": (["--output", "a.pcapng", "--", *QUOTES], 0, '{"tap":'),
     "vexo-simcard": (["--status"], 0, None),
@@ -52,6 +53,7 @@ class Place:
         (work / "day-files").mkdir()
         (work / "bad.ini").write_text("[config]\ndevise = xilinx0:0\n")
         (work / "day.log").write_text("[ERROR  ][20261115-09:00:00][fpga]Init dma fail!\n  and more\n")
+        (work / "list").write_text("SR701\nSR705 40\n")
         (work / "day-file").write_text("inst_index,inst_id\n0,SR705\n")
         shutil.copy(sources / "examples/demo.ini", work)
         shutil.copy(day_files_library, work / "preload.so")  # LD_PRELOAD takes no path with a blank

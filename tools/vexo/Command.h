@@ -39,6 +39,7 @@ using AddCommand = void (*)(CLI::App& app, Invocation& invocation);
 void addCheck(CLI::App& app, Invocation& invocation);
 void addIndex(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
+void addPlan(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);
 void addTap(CLI::App& app, Invocation& invocation);
 

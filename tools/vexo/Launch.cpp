@@ -7,8 +7,9 @@
 
 namespace vexo {
 
-void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation) {
-    subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]");
+void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation, const std::string& notes) {
+    subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]" +
+                      (notes.empty() ? "" : "\n" + notes));
     cli::tellStatuses(subcommand, {{kUsage, "wrong usage, or a file that was named and cannot be read"},
                                    {kCannotRun, "the program cannot be run"},
                                    {kNotFound, "the program is not there"},
@@ -30,6 +31,10 @@ void prepend(const char* variable, const std::filesystem::path& path) {
 }
 
 void preload(const std::filesystem::path& library) {
+    // A program that was built with the address sanitizer ends at once when anything is loaded before it.
+    const char* sanitizer = std::getenv("ASAN_OPTIONS");
+    set("ASAN_OPTIONS", std::string("verify_asan_link_order=0") + (sanitizer != nullptr ? ":" : "") +
+                            (sanitizer != nullptr ? sanitizer : ""));
     if (library.string().find_first_of(" \t") == std::string::npos) {
         prepend("LD_PRELOAD", library);
         return;

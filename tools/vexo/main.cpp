@@ -12,7 +12,7 @@ namespace {
 
 using namespace vexo;
 
-constexpr AddCommand kCommands[] = {addCheck, addIndex, addLog, addSim, addTap};
+constexpr AddCommand kCommands[] = {addCheck, addIndex, addLog, addPlan, addSim, addTap};
 
 // The usual cause of words without a place is a program without "--" before it.
 std::string adviceFor(const CLI::App& app, const Invocation& invocation, const std::vector<std::string>& words) {
@@ -32,7 +32,7 @@ int parseAndRun(int argc, char** argv) {
     words.erase(dashes, words.end());
 
     CLI::App app(
-        "Checks a configuration, runs programs on a simulated card, records what a card delivers, and shows logs and "
+        "Checks and plans a configuration, runs programs on a simulated card, records what a card delivers, and shows logs and "
         "day files.",
         "vexo");
     for (const AddCommand add : kCommands) add(app, invocation);
