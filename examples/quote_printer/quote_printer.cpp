@@ -11,8 +11,8 @@
 #include <dlfcn.h>
 #include <getopt.h>
 #include <unistd.h>
-#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -20,6 +20,8 @@
 #include <cstring>
 
 #include <enyx-sim/md_payload.h>
+
+#include "program.h"
 
 namespace {
 
@@ -52,29 +54,15 @@ void ShowHelp() {
         "  --json               Print one JSON object a line; the library's log lines then go to standard error\n"
         "  --color WHEN         Colours: auto, always or never; auto obeys NO_COLOR and TERM=dumb\n\n"
         "Exit status:\n"
-        "  0    it received until the end, or the start-up failed: the library ends the process then\n"
-        "  1    a failure\n"
+        "  0    a stop signal, or S seconds\n"
+        "  1    the start-up failed\n"
         "  2    wrong usage");
-}
-
-[[noreturn]] void RefuseUsage(const char* word, const char* why) {
-    if (word != nullptr) std::fprintf(stderr, "quote_printer: %s: %s\n", word, why);
-    std::fputs("See quote_printer --help\n", stderr);
-    std::exit(2);
-}
-
-unsigned long Number(const char* option, const char* text) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long value = std::strtoul(text, &end, 10);
-    if (*text < '0' || *text > '9' || *end != '\0' || errno != 0) RefuseUsage(option, "this is no number");
-    return value;
 }
 
 bool IsColored(const char* when) {
     if (std::strcmp(when, "always") == 0) return true;
     if (std::strcmp(when, "never") == 0) return false;
-    if (std::strcmp(when, "auto") != 0) RefuseUsage("--color", "give auto, always or never");
+    if (std::strcmp(when, "auto") != 0) example::wrongUsage(when, "give auto, always or never after --color");
     const char* const refused = std::getenv("NO_COLOR");
     const char* const kind = std::getenv("TERM");
     return ::isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0') && kind != nullptr &&
@@ -89,23 +77,22 @@ Options ParseArguments(int argc, char** argv) {
                                       {"json", no_argument, nullptr, 'j'},
                                       {"color", required_argument, nullptr, 'c'},
                                       {nullptr, 0, nullptr, 0}};
-    static char name[] = "quote_printer";
-    argv[0] = name;  // so getopt_long calls the program in its messages
+    ::opterr = 0;  // getopt_long says less than we do
     Options options;
     const char* when = "auto";
     for (int letter; (letter = ::getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
         switch (letter) {
             case 'h': ShowHelp(); std::exit(0);
-            case 'v': std::printf("quote_printer %s\n", GetUpDmaLibVersion()); std::exit(0);
-            case 'q': options.quotes = Number("--quotes", optarg); break;
-            case 's': options.seconds = Number("--seconds", optarg); break;
+            case 'v': example::showVersion(); std::exit(0);
+            case 'q': options.quotes = example::number(optarg, ULONG_MAX); break;
+            case 's': options.seconds = example::number(optarg, ULONG_MAX); break;
             case 'j': options.json = true; break;
             case 'c': when = optarg; break;
-            default: RefuseUsage(nullptr, nullptr);  // getopt_long has named the option
+            default: example::wrongUsage(argv[optind - 1], "there is no such option, or its value is missing");
         }
     }
-    if (optind == argc) RefuseUsage("INI", "name a configuration, such as examples/zce.ini");
-    if (optind + 1 < argc) RefuseUsage(argv[optind + 1], "there is one configuration");
+    if (optind == argc) example::wrongUsage("INI", "name a configuration, such as zce.ini");
+    if (optind + 1 < argc) example::wrongUsage(argv[optind + 1], "there is no place for it");
     options.ini = argv[optind];
     options.colored = IsColored(when);
     return options;
@@ -257,7 +244,10 @@ int main(int argc, char** argv) {
     std::printf("quote_printer: library %s on %s card\n", GetUpDmaLibVersion(), simulated ? "a simulated" : "a real");
     QuotePrinter printer(simulated, options.quotes, out);
     IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
-    if (api->VexoStart(printer, options.ini) != 0) return 1;
+    {
+        const example::FailedStart failed;
+        if (api->VexoStart(printer, options.ini) != 0) return 1;
+    }
     Receive(*api, printer, options.seconds);
     printer.PrintSummary();
     IVexoZceMdApi::DestroyVexoZceMdApi(*api);

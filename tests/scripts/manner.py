@@ -130,7 +130,7 @@ def check_basics(place, path, text):
     expect(not wrong.stdout, name, "--nonsense is told on standard output:", wrong.stdout)
     expect("--nonsense" in wrong.stderr and f"See {name} --help" in wrong.stderr, name, "--nonsense says", wrong.stderr)
     expect(wrong.stderr.startswith(f"{path[0]}: "), name, "--nonsense does not begin with the program:", wrong.stderr)
-    expect(all(len(line) < 200 for line in text.splitlines()), name, "--help has a line that nobody reads")
+    expect(all(len(line) < 130 for line in text.splitlines()), name, "--help has a line that nobody reads")
 
 
 def check_statuses(path, text, page):

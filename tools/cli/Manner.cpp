@@ -5,12 +5,46 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <memory>
 
 namespace cli {
 
 namespace {
 
 constexpr char kStatusTitle[] = "Exit status:";
+constexpr std::size_t kHelpWidth = 110;
+
+// Breaks the lines of a text between words.
+std::string wrapped(const std::string& text, std::size_t width) {
+    std::string out;
+    std::size_t begin = 0;  // of the line that grows
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find_first_of(" \n", at), text.size());
+        const std::size_t space = out.find_last_not_of(' ') + 1;
+        if (out.size() - begin + (end - at) > width && space > begin) {
+            out.replace(space, std::string::npos, "\n");
+            begin = out.size();
+        }
+        out.append(text, at, end - at + (end < text.size() ? 1 : 0));
+        if (end < text.size() && text[end] == '\n') begin = out.size();
+        at = end + 1;
+    }
+    return out;
+}
+
+// Long texts of the help take several lines.
+class Formatter : public CLI::Formatter {
+public:
+    std::string make_option_desc(const CLI::Option* option) const override {
+        return wrapped(option->get_description(), kHelpWidth - get_column_width());
+    }
+    std::string make_footer(const CLI::App* app) const override {
+        return app->get_footer().empty() ? "" : wrapped(app->get_footer(), kHelpWidth) + "\n";
+    }
+    std::string make_description(const CLI::App* app) const override {
+        return app->get_description().empty() ? "" : wrapped(app->get_description(), kHelpWidth) + "\n";
+    }
+};
 
 // The mistake, and where the help is that says how it is right.
 std::string explain(const CLI::App& app, const CLI::ParseError& error, const Advice& advice) {
@@ -39,6 +73,7 @@ void tellStatuses(CLI::App& command, const std::vector<ExitStatus>& statuses) {
 void complete(CLI::App& app, const char* version) {
     std::string program = app.get_name();
     for (const CLI::App* at = app.get_parent(); at != nullptr; at = at->get_parent()) program = at->get_name();
+    app.formatter(std::make_shared<Formatter>());
     app.get_help_ptr()->description("Show this text and end");
     app.set_version_flag("--version", program + " " + version, "Show the version and end");
     const std::vector<CLI::App*> commands = app.get_subcommands([](const CLI::App*) { return true; });
