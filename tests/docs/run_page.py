@@ -26,7 +26,7 @@ EXPECTED_OUTPUT = [
     (r"^quote_printer|-- quote_printer", r"received [1-9][0-9]* quotes"),
     (r"^tshark ", r"[^ ]"),
     (r"^vexo-simcard --status", r"learned [0-9]"),
-    (r"^vexo-cardtest(?! --json)", r"[0-9]+ pass"),
+    (r"^vexo-cardtest(?! --(json|version))", r"[0-9]+ pass"),
     (r"^vexo check --config-only", r"no findings"),
     (r"^vexo check --keys", r"BIN_DELAY_TIME"),
     (r"^vexo index$", r"complete: +yes"),
@@ -42,7 +42,7 @@ EXPECTED_OUTPUT = [
 RECEIVES = ("{ grep -q '^[1-9][0-9]* quotes' \"$log\" && "
             "{ ! grep -q 'm_binDelayTime is 0$' \"$log\" || grep -q ' bin file is success' \"$log\"; }; }")
 UNTIL_STOPPED = [
-    (r"^vexo-simcard(?! --(status|json|help))", "vexo-simcard --json >/dev/null 2>&1"),
+    (r"^vexo-simcard(?! --(status|json|help|version))", "vexo-simcard --json >/dev/null 2>&1"),
     (r"^vexo sim run (--shared-day-file )?-- \./app", RECEIVES),
     (r"^vexo sim run --hosted -- \.\.?/app", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
 ]

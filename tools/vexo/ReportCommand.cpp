@@ -71,8 +71,10 @@ void addReport(CLI::App& app, Invocation& invocation) {
         ->check(CLI::ExistingDirectory);
     report->footer(
         "The list that it shows is all that the file has: no core dump, no environment, no arguments of programs.\n"
-        "A file that is there is not overwritten. Only its owner can read it.\n"
-        "Exit status: 0 fine, 1 the file cannot be written, 2 wrong usage or a configuration that cannot be read.");
+        "A file that is there is not overwritten. Only its owner can read it.");
+    cli::tellStatuses(*report, {{cli::kFine, "fine"},
+                                {kFinding, "the file cannot be written"},
+                                {kUsage, "wrong usage, or a configuration that cannot be read"}});
     report->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 

@@ -13,6 +13,7 @@
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/check/ConfigCheck.h"
 #include "tools/vexo/check/HostCheck.h"
+#include "tools/vexo/run/Ending.h"
 #include "tools/vexo/run/Supervisor.h"
 
 namespace vexo {
@@ -127,10 +128,15 @@ void addRun(CLI::App& app, Invocation& invocation) {
     run->footer(
         "Run it as:  vexo run [OPTIONS] CONFIG.ini -- PROGRAM [ARGUMENTS]\n"
         "Under systemd (Type=notify) it says READY=1 once the stream is open, and WATCHDOG=1 while the application "
-        "polls.\n"
-        "Exit status: 0 ended in order or as asked, 1 the start failed or polls stood still, 2 wrong usage, 3 no card, "
-        "4 the start failed and another one would too, or do harm, 126 the program cannot be run, 127 it is not there; "
-        "otherwise that of the program, 128 + N after signal N.");
+        "polls.");
+    cli::tellStatuses(*run, {{cli::kFine, "the application ended in order or as asked"},
+                             {kFinding, "the start failed, or polls stood still"},
+                             {kUsage, "wrong usage"},
+                             {kNoCard, "the start failed: there is no card"},
+                             {vexo::run::kUseless, "the start failed, and another one would too, or do harm"},
+                             {kCannotRun, "the program cannot be run"},
+                             {kNotFound, "the program is not there"},
+                             {cli::kElse, "that of the program; 128 + N after signal N"}});
     run->callback([options, &invocation] {
         invocation.run = [options, &invocation] { return superviseProgram(*options, invocation.program); };
     });

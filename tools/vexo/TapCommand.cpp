@@ -14,6 +14,7 @@ namespace fs = std::filesystem;
 struct Options {
     std::string output = tap::kDefaultFile;
     bool registers = false;
+    bool json = false;
     std::uint64_t rotateMb = 0;
     std::uint64_t ringMb = tap::kDefaultRingMb;
 };
@@ -35,6 +36,7 @@ int run(const Options& options, const Program& program) {
     requireProgram(program);
     set(tap::kFileVariable, absoluteOutput(options.output).string());
     set(tap::kRegistersVariable, options.registers ? "1" : "0");
+    set(tap::kJsonVariable, options.json ? "1" : "0");
     set(tap::kRotateVariable, std::to_string(options.rotateMb));
     set(tap::kRingVariable, std::to_string(options.ringMb));
     preload(tapLibrary());
@@ -59,6 +61,8 @@ void addTap(CLI::App& app, Invocation& invocation) {
         ->type_name("MB")
         ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRingMb))
         ->capture_default_str();
+    tap->add_flag("--json", options->json,
+                  "Write what the tap says on standard error as JSON, one object a line: {\"tap\": ...}");
     tap->callback([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });
