@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "sim/shm/CardFile.h"
 #include "sim/shm/CardLock.h"
@@ -24,6 +25,8 @@ public:
     virtual bool isCurrent() const = 0;
     /// The process that hosts the card, when that is another one.
     virtual std::optional<Holder> host() const = 0;
+    /// The host's scenario; empty for a card of this process, which its environment describes.
+    virtual std::string hostedScenario() const { return {}; }
 
     /// Writes a line about a lock that was not simply taken, if an operator needs it.
     virtual void tellOf(CardLock::Result) {}

@@ -26,6 +26,12 @@ bool HostedCard::isCurrent() const {
 
 std::optional<Holder> HostedCard::host() const { return m_card->host(); }
 
+std::string HostedCard::hostedScenario() const {
+    HostInfo copy = info();
+    copy.scenario[sizeof copy.scenario - 1] = '\0';
+    return copy.scenario;
+}
+
 bool HostedCard::ownsHere(CardPart stream) const { return m_owner[slotOf(stream)] == forkGeneration() + 1; }
 
 bool HostedCard::claim(CardPart stream) {

@@ -23,6 +23,7 @@ public:
     bool responds() const override { return m_card->file().holderOf({CardPart::kHost}).has_value(); }
     bool isCurrent() const override;
     std::optional<Holder> host() const override;
+    std::string hostedScenario() const override;
     void tellOf(CardLock::Result result) override { m_card->tellOf(result); }
     void tellCoreHolder(pid_t holder, bool isStopped) override { m_card->tellCoreHolder(holder, isStopped); }
     void tellLost() override { m_card->tellLost(); }

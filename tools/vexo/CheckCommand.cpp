@@ -1,13 +1,9 @@
-#include <unistd.h>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
 #include <memory>
-#include <stdexcept>
 #include <vector>
 
 #include "tools/vexo/Command.h"
+#include "tools/vexo/InputFile.h"
 #include "tools/vexo/check/ConfigCheck.h"
 #include "tools/vexo/check/HostCheck.h"
 #include "tools/vexo/check/KeyTable.h"
@@ -26,22 +22,6 @@ struct Options {
     bool keys = false;
     bool json = false;
 };
-
-void requireFile(const std::string& file) {
-    std::error_code error;
-    if (std::filesystem::is_directory(file, error)) throw Failure(kUsage, file + ": this is a directory, not a file");
-    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, file + ": " + std::strerror(errno));
-}
-
-// What a check returns. A file that cannot be read ends vexo with its name.
-template <typename Check>
-auto readable(const std::string& file, const Check& check) {
-    try {
-        return check();
-    } catch (const std::runtime_error& error) {
-        throw Failure(kUsage, file + ": " + error.what());
-    }
-}
 
 void checkFiles(const Options& options, check::Report& report) {
     std::vector<check::ConfigFacts> programs;

@@ -38,6 +38,7 @@ void addCheck(CLI::App& app, Invocation& invocation);
 void addExport(CLI::App& app, Invocation& invocation);
 void addIndex(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
+void addPlan(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);
 void addTap(CLI::App& app, Invocation& invocation);
 

@@ -26,6 +26,10 @@ void prepend(const char* variable, const std::filesystem::path& path) {
 }
 
 void preload(const std::filesystem::path& library) {
+    // A program that was built with the address sanitizer ends at once when anything is loaded before it.
+    const char* sanitizer = std::getenv("ASAN_OPTIONS");
+    set("ASAN_OPTIONS", std::string("verify_asan_link_order=0") + (sanitizer != nullptr ? ":" : "") +
+                            (sanitizer != nullptr ? sanitizer : ""));
     if (library.string().find_first_of(" \t") == std::string::npos) {
         prepend("LD_PRELOAD", library);
         return;

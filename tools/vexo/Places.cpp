@@ -38,4 +38,6 @@ fs::path simulatedCardDirectory() { return find(layout::kSimulatedCard, "the sim
 
 fs::path tapLibrary() { return find(layout::kTap, "the tap"); }
 
+fs::path dayFileLibrary() { return find(layout::kDayFile, "what keeps day files apart"); }
+
 }  // namespace vexo

@@ -10,4 +10,7 @@ std::filesystem::path simulatedCardDirectory();
 /// The library that `vexo tap` loads into a program.
 std::filesystem::path tapLibrary();
 
+/// The library that `vexo sim run` loads into a program.
+std::filesystem::path dayFileLibrary();
+
 }  // namespace vexo

@@ -8,6 +8,7 @@
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/Places.h"
+#include "tools/vexo/PrivateDayFiles.h"
 
 namespace vexo {
 namespace {
@@ -17,12 +18,15 @@ namespace fs = std::filesystem;
 // The simulated card's library reads these when a program first uses it.
 constexpr char kScenarioVariable[] = "VEXO_SIM_SCENARIO";
 constexpr char kCardVariable[] = "VEXO_SIM_CARD";
+// The library that is loaded into the program reads this.
+constexpr char kDayFilesVariable[] = "VEXO_SIM_DAY_FILES";
 
 struct Options {
     std::string scenario;
     vexo_sim::scenario::KeySettings settings{"--set", {}};
     bool embedded = false;
     bool hosted = false;
+    bool sharedDayFile = false;
 };
 
 void requireScenario(const std::string& file) {
@@ -48,6 +52,8 @@ int run(const Options& options, const Program& program) {
     if (!options.scenario.empty() || !options.settings.texts.empty()) describeCard(options);
     if (options.embedded) set(kCardVariable, "embedded");
     if (options.hosted) set(kCardVariable, "hosted");
+    set(kDayFilesVariable, options.sharedDayFile ? "" : privateDayFiles());
+    if (!options.sharedDayFile) preload(dayFileLibrary());
     prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
     become(program);
 }
@@ -71,6 +77,13 @@ void addSim(CLI::App& app, Invocation& invocation) {
         ->excludes(embedded)
         ->excludes(scenario)
         ->excludes(setting);
+    runIt->add_flag("--shared-day-file", options->sharedDayFile,
+                    "Use the day file in /tmp, which a start on a real card would load too");
+    runIt->footer(
+        "Run it as:  vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]\n"
+        "The program's day files lie in a private directory for each card; a line on standard error says where. So no "
+        "start on a real card loads the map of a simulated one. The loader obeys neither this nor the choice of the "
+        "card for programs that are static or run with the rights of another user (setuid).");
     runIt->callback([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });

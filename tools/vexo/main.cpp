@@ -11,7 +11,7 @@ namespace {
 
 using namespace vexo;
 
-constexpr AddCommand kCommands[] = {addCheck, addExport, addIndex, addLog, addSim, addTap};
+constexpr AddCommand kCommands[] = {addCheck, addExport, addIndex, addLog, addPlan, addSim, addTap};
 
 // CLI11 takes the words last one first.
 std::vector<std::string> reversed(std::vector<std::string> words) {
@@ -56,8 +56,8 @@ int parseAndRun(int argc, char** argv) {
     words.erase(dashes, words.end());
 
     CLI::App app(
-        "Checks a configuration, runs programs on a simulated card, records and exports what a card delivers, and shows "
-        "logs and day files.",
+        "Checks and plans a configuration, runs programs on a simulated card, records and exports what a card delivers, "
+        "and shows logs and day files.",
         "vexo");
     app.set_version_flag("--version", std::string("vexo ") + kVexoVersion, "Show the version and end");
     for (const AddCommand add : kCommands) add(app, invocation);

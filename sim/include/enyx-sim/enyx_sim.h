@@ -116,6 +116,10 @@ int enyx_sim_instrument_at(uint32_t card, uint32_t position, enyx_sim_instrument
 /* The first instrument of that id. ENOENT when the static data has none. */
 int enyx_sim_find_instrument(uint32_t card, const char* id, enyx_sim_instrument* instrument);
 
+/* A number for the cards that this process has opened: the same in every process whose cards are at the same buses,
+ * have the same instruments in the same rows, and come from the same scenario. ENODEV: it has opened none. */
+int enyx_sim_card_key(uint64_t* key);
+
 /* ---- streams ---- */
 
 /* Puts bytes into a card-to-host stream as they are, 0 to MTU bytes. ENOTCONN when nobody has the stream open, unless

@@ -5,6 +5,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 #include <csignal>
 
@@ -135,21 +139,52 @@ TEST_F(CheckHost, SaysWhatAMasterWouldMakeOfTheDayFile) {
     EXPECT_THAT(findingOf(stateOfDayFile(link), true).what, HasSubstr("it is a symbolic link, remove it"));
 }
 
-TEST_F(CheckHost, AMapOfASimulatedCardMustNotReachARealOne) {
-    const std::time_t now = std::time(nullptr);
-    const std::tm today = *std::localtime(&now);
-    const auto date = static_cast<std::uint32_t>((today.tm_year + 1900) * 10000 + (today.tm_mon + 1) * 100 +
-                                                 today.tm_mday);
+namespace {
+
+std::string MapOf(std::time_t when, std::size_t lines = vexo_sim::kMaxInstruments) {
+    const std::tm day = *std::localtime(&when);
+    const auto date = static_cast<std::uint32_t>((day.tm_year + 1900) * 10000 + (day.tm_mon + 1) * 100 + day.tm_mday);
     std::vector<vexo_sim::Instrument> list(vexo_sim::kMaxInstruments);
     list.resize(vexo_sim::makeInstrumentList(vexo_sim::InstrumentChoice::kDefault, date, list.data()));
     std::string text = "inst_index,inst_id\n";
-    for (const vexo_sim::Instrument& one : list) text += std::to_string(one.row) + "," + one.id + "\n";
-    const std::string path = dir.Write("day", text + "bin_file_over_tag\n");
+    for (std::size_t n = 0; n < std::min(lines, list.size()); ++n)
+        text += std::to_string(list[n].row) + "," + list[n].id + "\n";
+    return text;
+}
+
+constexpr char kEnd[] = "bin_file_over_tag\n";
+
+}  // namespace
+
+TEST_F(CheckHost, AMapOfASimulatedCardMustNotReachARealOne) {
+    const std::string text = MapOf(std::time(nullptr));
+    const std::string path = dir.Write("day", text + kEnd);
     EXPECT_EQ(findingOf(stateOfDayFile(path), true).level, Level::kError);
     EXPECT_EQ(findingOf(stateOfDayFile(path), false).level, Level::kNote);
     EXPECT_THAT(findingOf(stateOfDayFile(path), true).what, HasSubstr("the map of a simulated card"));
-    dir.Write("day", text + "9999,XX999\nbin_file_over_tag\n");
+    dir.Write("day", text + "9999,XX999\n" + kEnd);
     EXPECT_FALSE(stateOfDayFile(path).simulated);
+}
+
+TEST_F(CheckHost, AMapOfASimulatedCardIsRecognisedInPartAndMonthsLater) {
+    const std::string path = dir.Write("day", MapOf(std::time(nullptr), 60));
+    EXPECT_TRUE(stateOfDayFile(path).simulated);
+    dir.Write("day", MapOf(std::time(nullptr) - 40 * 86400) + kEnd);  // of a card that has been hosted since then
+    EXPECT_TRUE(stateOfDayFile(path).simulated);
+    dir.Write("day", MapOf(std::time(nullptr), 3) + kEnd);  // too few to tell
+    EXPECT_FALSE(stateOfDayFile(path).simulated);
+}
+
+TEST_F(CheckHost, AMapThatSimRunKeepsIsRecognisedWhateverItsList) {
+    const std::string map = std::string("inst_index,inst_id\n4,SR701\n5,SR705\n") + kEnd;
+    const std::string path = dir.Write("day", map);
+    const std::string kept = dir.Path("vexo-day-files-" + std::to_string(::geteuid()) + "/card-7");
+    ::setenv("VEXO_SIM_DIR", dir.Path().c_str(), 1);
+    EXPECT_FALSE(stateOfDayFile(path).simulated);
+    std::filesystem::create_directories(kept);
+    std::ofstream(kept + "/.zce_20260102_am") << "inst_index,inst_id\n5,SR705\n4,SR701\n" << kEnd;
+    EXPECT_TRUE(stateOfDayFile(path).simulated);
+    ::unsetenv("VEXO_SIM_DIR");
 }
 
 TEST_F(CheckHost, NamesTheMasterThatIsWritingTheDayFile) {

@@ -136,9 +136,9 @@ TEST_F(Dissector, NamesTheRegistersOfTheRegisterMap) {
 }
 
 TEST_F(Dissector, ShowsEveryPacketThatAProgramOnTheSimulatedCardReceived) {
-    const ProgramResult program = runProgram(tapSettings("ignored") + word(VEXO_COMMAND) + " sim run --embedded -- " +
-                                             word(VEXO_COMMAND) + " tap --registers --output a.pcapng -- " +
-                                             word(VEXO_SIM_APP));
+    const ProgramResult program = runProgram(tapSettings("ignored") + "VEXO_SIM_DIR=" + word(dir.Path()) + " " +
+                                             word(VEXO_COMMAND) + " sim run --embedded -- " + word(VEXO_COMMAND) +
+                                             " tap --registers --output a.pcapng -- " + word(VEXO_SIM_APP));
     ASSERT_EQ(program.status, 0) << program.output;
     std::map<std::string, unsigned> received;
     std::map<std::string, unsigned> shown;

@@ -26,21 +26,6 @@ bool isPlain(const std::string& token) {
                        [](unsigned char c) { return std::isupper(c) != 0 || std::isdigit(c) != 0; });
 }
 
-// Why no instrument of the exchange matches a token; empty when one may.
-std::string whyNothing(const std::string& token, const std::vector<std::string>& tokens, bool options) {
-    if (isCalendarSpread(token)) return "is a calendar spread; those come with spd = recv, all of them";
-    if (isInterProductSpread(token)) return "is an inter-product spread; those come with ips = recv, all of them";
-    if (!isPlain(token)) return "is not written as the exchange writes codes, in capital letters and digits";
-    if (!contains_digit(token.c_str())) return {};
-    const std::string product = ExtractClass(token);
-    if (product.empty()) return "does not begin with a product code";
-    if (!IsOption(token)) return {};
-    std::string future;
-    OptionExtractSecondClass(token, future);
-    const bool comes = options && (contains(tokens, product) || contains(tokens, future));
-    return comes ? "" : "is an option; options come with options = recv and their future or product, here " + future;
-}
-
 void checkTokens(const ChannelRules& rules, std::vector<LineProblem>& found) {
     const std::vector<std::string> tokens = tokensOf(rules.insts->value);
     const auto add = [&](Level level, const std::string& what, const std::string& todo) {
@@ -67,6 +52,20 @@ void checkTokens(const ChannelRules& rules, std::vector<LineProblem>& found) {
 }
 
 }  // namespace
+
+std::string whyNothing(const std::string& token, const std::vector<std::string>& entries, bool options) {
+    if (isCalendarSpread(token)) return "is a calendar spread; those come with spd = recv, all of them";
+    if (isInterProductSpread(token)) return "is an inter-product spread; those come with ips = recv, all of them";
+    if (!isPlain(token)) return "is not written as the exchange writes codes, in capital letters and digits";
+    if (!contains_digit(token.c_str())) return {};
+    const std::string product = ExtractClass(token);
+    if (product.empty()) return "does not begin with a product code";
+    if (!IsOption(token)) return {};
+    std::string future;
+    OptionExtractSecondClass(token, future);
+    const bool comes = options && (contains(entries, product) || contains(entries, future));
+    return comes ? "" : "is an option; options come with options = recv and their future or product, here " + future;
+}
 
 std::vector<LineProblem> checkRules(const ChannelRules& rules) {
     std::vector<LineProblem> found;

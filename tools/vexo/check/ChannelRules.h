@@ -23,6 +23,10 @@ struct LineProblem {
     std::string missingKey;  ///< in lower case, when it is a key that is not there
 };
 
+/// Why no instrument of the exchange matches an entry of insts; empty when one may.
+/// @param entries  of the whole list
+std::string whyNothing(const std::string& token, const std::vector<std::string>& entries, bool options);
+
 /// What the rules of a channel ask for that the library does not do, or that nothing can satisfy.
 std::vector<LineProblem> checkRules(const ChannelRules& rules);
 

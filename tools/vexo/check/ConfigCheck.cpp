@@ -77,6 +77,7 @@ ConfigFacts ConfigCheck::run() {
     checkForm();
     collect();
     m_facts.file = m_path;
+    for (const auto& [name, line] : m_keys) m_facts.lines.emplace(name.first + ":" + name.second, line->line);
     if (const IniLine* device = find("config", "device")) {
         m_facts.device = deviceOf(device->value);
         m_facts.deviceLine = device->line;

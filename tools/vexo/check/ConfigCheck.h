@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ struct ConfigFacts {
     Device device;  ///< not valid when the file names none
     long cpu = -1;  ///< that the thread is to be pinned to
     std::size_t cpuLine = 0;
+    std::map<std::string, std::size_t> lines;  ///< of the keys that count, by "section:key" in lower case
 };
 
 /// Adds everything that is wrong with a configuration file to @p report. Throws std::runtime_error when the file cannot

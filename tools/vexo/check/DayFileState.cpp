@@ -9,18 +9,16 @@
 #include <cstring>
 #include <set>
 #include <string_view>
-#include <vector>
 
-#include "sim/card/InstrumentList.h"
+#include "src/dayfile/DayLines.h"
 #include "src/util/SafeFile.h"
+#include "tools/vexo/check/SimulatedMap.h"
 
 namespace vexo::check {
 
 namespace {
 
 constexpr int kEvening = 17;
-constexpr std::string_view kHeader = "inst_index,inst_id";
-constexpr std::string_view kEndTag = "bin_file_over_tag";
 
 bool isAllowed(const std::string& path, int how) { return ::faccessat(AT_FDCWD, path.c_str(), how, AT_EACCESS) == 0; }
 
@@ -37,45 +35,13 @@ pid_t writerOf(const std::string& path) {
     return lock.l_pid > 0 ? lock.l_pid : -1;
 }
 
-std::uint32_t dateOf(std::time_t time) {
-    std::tm local{};
-    ::localtime_r(&time, &local);
-    return static_cast<std::uint32_t>((local.tm_year + 1900) * 10000 + (local.tm_mon + 1) * 100 + local.tm_mday);
-}
-
-// Whether the lines are one of the lists that the simulated card makes when no scenario gives another.
-bool isSimulated(const std::set<std::string_view>& lines, std::uint32_t date) {
-    using vexo_sim::InstrumentChoice;
-    std::vector<vexo_sim::Instrument> list(vexo_sim::kMaxInstruments);
-    for (const InstrumentChoice choice : {InstrumentChoice::kDefault, InstrumentChoice::kFull}) {
-        const std::uint32_t count = vexo_sim::makeInstrumentList(choice, date, list.data());
-        if (count != lines.size()) continue;
-        const bool same = std::all_of(list.begin(), list.begin() + count, [&](const vexo_sim::Instrument& one) {
-            const std::string line = std::to_string(one.row) + "," + one.id;
-            return lines.count(line) != 0;
-        });
-        if (same) return true;
-    }
-    return false;
-}
-
-// Takes the lines as the library does: the id is what follows the first comma.
-void countLines(std::string_view rest, std::uint32_t date, DayFileState& state) {
+void countLines(std::string_view content, std::time_t written, DayFileState& state) {
     std::set<std::string_view> ids;
-    std::set<std::string_view> lines;
-    while (!rest.empty()) {
-        const std::string_view line = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-        const std::size_t comma = line.find(',');
-        if (line == kEndTag) {
-            state.complete = true;
-        } else if (line != kHeader && comma != std::string_view::npos) {
-            ids.insert(line.substr(comma + 1));
-            lines.insert(line);
-        }
-    }
+    day_file::forEachLine(
+        content, [&](std::string_view, std::string_view id, unsigned short) { ids.insert(id); },
+        [&] { state.complete = true; }, [](std::string_view) {});
     state.instruments = ids.size();
-    state.simulated = isSimulated(lines, date);
+    state.simulated = isSimulatedMap(instrumentLines(content), written);
 }
 
 std::string ageInWords(long seconds) {
@@ -115,7 +81,7 @@ DayFileState stateOfDayFile(const std::string& path) {
     state.writable = isAllowed(path, W_OK);
     std::string content;
     if (safe_file::readWhole(path, content, state.distrusted)) {
-        countLines(content, dateOf(status.st_mtime), state);
+        countLines(content, status.st_mtime, state);
     } else if (state.distrusted.empty()) {
         state.unreadable = std::strerror(errno);
     }

@@ -47,6 +47,28 @@ TEST_F(Control, TheDefaultConfigurationIsThatOfACardNobodyConfigured) {
     enyx_sim_default_config(nullptr);
 }
 
+TEST_F(Control, TheKeyOfACardIsThatOfItsInstruments) {
+    const auto key = [] {
+        std::uint64_t value = 0;
+        EXPECT_EQ(enyx_sim_card_key(&value), 0);
+        return value;
+    };
+    const std::uint64_t first = key();
+    powerCycleWith([](enyx_sim_config& c) { c.quotes_per_second = 1; });
+    EXPECT_EQ(key(), first);
+
+    const enyx_sim_instrument list[] = {instrument(0, 1, "SR505"), instrument(0, 2, "SR507")};
+    EXPECT_EQ(enyx_sim_set_instruments(0, list, 2), 0);
+    const std::uint64_t second = key();
+    EXPECT_NE(second, first);
+    const enyx_sim_instrument moved[] = {instrument(0, 1, "SR505"), instrument(0, 3, "SR507")};
+    EXPECT_EQ(enyx_sim_set_instruments(0, moved, 2), 0);
+    EXPECT_NE(key(), second);
+    EXPECT_EQ(enyx_sim_set_instruments(0, list, 2), 0);
+    EXPECT_EQ(key(), second);
+    EXPECT_FAILS(enyx_sim_card_key(nullptr), EINVAL);
+}
+
 TEST_F(Control, EveryFieldOfTheConfigurationReachesTheCard) {
     powerCycleWith([](enyx_sim_config& c) {
         c.quotes_per_second = 1000;

@@ -1,0 +1,107 @@
+// Loaded into a program by `vexo sim run`: the program's day files, /tmp/.zce_*, lie in a private directory. So a start
+// on a real card never loads indexes of a simulated one. The library's path of the day file is fixed, and the library
+// reaches it through open() alone.
+//
+// Plain C without other libraries: it is loaded into programs of any kind, also into those that have no card.
+
+// The checked variants of open() are inline functions of the same name.
+#undef _FORTIFY_SOURCE
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <stdarg.h>
+#include <stdatomic.h>
+#include <stdbool.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static const char kDayFiles[] = "/tmp/.zce_";
+static const char kDirectoryVariable[] = "VEXO_SIM_DAY_FILES";
+static const char kCardLibrary[] = "libenyx-hw-c.so.1";
+
+enum { kPathSize = 4096 };
+
+typedef int (*CardKey)(uint64_t* key);
+typedef int (*OpenFunction)(const char* path, int flags, ...);
+
+static bool g_isErrorClosed;
+
+// A descriptor 2 that was closed at the start may later be a file of the program.
+__attribute__((constructor)) static void lookAtLoad(void) { g_isErrorClosed = fcntl(STDERR_FILENO, F_GETFD) < 0; }
+
+// Which card the program has opened. The program may have been linked so that it got a real one in spite of
+// `vexo sim run`: the map of a real card lies in the usual place.
+static bool isReal(void* card) { return card != NULL && dlsym(card, "enyx_sim_is_simulated") == NULL; }
+
+static uint64_t keyOf(void* card) {
+    uint64_t key = 0;
+    CardKey ask = NULL;
+    if (card != NULL) *(void**)&ask = dlsym(card, "enyx_sim_card_key");
+    if (ask != NULL && ask(&key) != 0) key = 0;
+    return key;
+}
+
+static void tellOnce(const char* path) {
+    static atomic_flag told = ATOMIC_FLAG_INIT;
+    if (g_isErrorClosed || atomic_flag_test_and_set(&told)) return;
+    fprintf(stderr, "vexo sim run: the day file of this simulated card is %s, not in /tmp (see --shared-day-file).\n",
+            path);
+}
+
+static bool isDayFile(const char* path) { return path != NULL && strncmp(path, kDayFiles, sizeof kDayFiles - 1) == 0; }
+
+// The path of a day file in the private directory, or the path itself where that is to be used.
+static const char* ownPath(const char* path, char* room) {
+    const char* directory = secure_getenv(kDirectoryVariable);
+    if (directory == NULL || *directory == '\0') return path;
+    void* card = dlopen(kCardLibrary, RTLD_LAZY | RTLD_NOLOAD);
+    const bool shared = isReal(card);
+    const uint64_t key = shared ? 0 : keyOf(card);
+    if (card != NULL) dlclose(card);
+    if (shared) return path;
+
+    const int length = snprintf(room, kPathSize, "%s/card-%016" PRIx64, directory, key);
+    // What does not fit leads nowhere: the library then goes on without a day file.
+    if (length < 0 || length >= kPathSize) return "";
+    mkdir(room, 0700);  // if this fails, so does the open of a file in it
+    const int rest = snprintf(room + length, (size_t)(kPathSize - length), "%s", path + sizeof "/tmp" - 1);
+    if (rest < 0 || rest >= kPathSize - length) return "";
+    tellOnce(room);
+    return room;
+}
+
+__attribute__((noinline)) static int openDayFile(OpenFunction next, const char* path, int flags, mode_t mode) {
+    char room[kPathSize];
+    const int before = errno;
+    const char* own = ownPath(path, room);
+    errno = before;
+    return next(own, flags, mode);
+}
+
+static mode_t modeOf(int flags, va_list arguments) {
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(arguments, mode_t) : 0;
+}
+
+#define OPEN(name)                                                                               \
+    __attribute__((visibility("default"))) int name(const char* path, int flags, ...) {          \
+        static _Atomic(void*) known;                                                             \
+        void* found = atomic_load_explicit(&known, memory_order_relaxed);                        \
+        if (found == NULL) {                                                                     \
+            found = dlsym(RTLD_NEXT, #name);                                                     \
+            atomic_store_explicit(&known, found, memory_order_relaxed);                          \
+        }                                                                                        \
+        OpenFunction next;                                                                       \
+        *(void**)&next = found;                                                                  \
+        va_list arguments;                                                                       \
+        va_start(arguments, flags);                                                              \
+        const mode_t mode = modeOf(flags, arguments);                                            \
+        va_end(arguments);                                                                       \
+        return isDayFile(path) ? openDayFile(next, path, flags, mode) : next(path, flags, mode); \
+    }
+OPEN(open)
+OPEN(open64)
