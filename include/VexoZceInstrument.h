@@ -48,20 +48,20 @@ enum class IdFault : unsigned char {
 
 /// A product with its delivery month.
 struct Contract {
-    char product[3];     // two capital letters, terminated
-    std::uint16_t year;  // of delivery, in full, such as 2027
-    std::uint8_t month;  // of delivery, 1 to 12
+    char product[3];     ///< two capital letters, terminated
+    std::uint16_t year;  ///< of delivery, in full, such as 2027
+    std::uint8_t month;  ///< of delivery, 1 to 12
 };
 
 /// An id taken apart. A plain record: copy it as you like.
 struct Instrument {
-    InstrumentKind kind;
-    std::uint8_t legCount;  // 1; 2 for a spread
-    Contract legs[2];       // the future itself, the future below an option, or both legs in the order of the id
-    char right;             // C call, P put; 0 if it is no option
-    std::uint32_t strike;   // yuan, 1 to 999999999; 0 if it is no option
-    char dash;              // how a spread's id was written: '-' or ' ' after SPD or IPS; otherwise 0
-    char slash;             // and '/' or '&' between the legs; otherwise 0
+    InstrumentKind kind;    ///< what it is
+    std::uint8_t legCount;  ///< 1; 2 for a spread
+    Contract legs[2];       ///< the future itself, the future below an option, or both legs in the order of the id
+    char right;             ///< C call, P put; 0 if it is no option
+    std::uint32_t strike;   ///< yuan, 1 to 999999999; 0 if it is no option
+    char dash;              ///< how a spread's id was written: '-' or ' ' after SPD or IPS; otherwise 0
+    char slash;             ///< and '/' or '&' between the legs; otherwise 0
 };
 
 /// Room for any id, and for any key, with its terminator.

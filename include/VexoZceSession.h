@@ -84,9 +84,12 @@ public:
         ++m_count;
         return true;
     }
+    /// Whether a day is in the list. @param day  its day number @return true if it is
     bool has(std::int64_t day) const { return countUntil(day, day + 1) > 0; }
-    /// Days of the list from @p first to the one before @p end.
+    /// Counts the days of a range. @param first  day number of its first day @param end  that of the day behind it
+    /// @return how many of them are in the list
     std::size_t countUntil(std::int64_t first, std::int64_t end) const { return placeOf(end) - placeOf(first); }
+    /// Days in the list. @return 0 to kMost
     std::size_t count() const { return m_count; }
 
 private:
@@ -160,8 +163,8 @@ inline const char* addHolidayLine(HolidayList& list, const char* line) {
 
 /// What loadHolidays() found. Without a fault, text is null.
 struct HolidayFault {
-    const char* text;  // static
-    unsigned line;     // from 1; 0 if the fault is the file's
+    const char* text;  ///< static
+    unsigned line;     ///< from 1; 0 if the fault is the file's
 };
 
 /// Adds the holidays of a file; see addHolidayLine(). Opens and closes it.
@@ -189,18 +192,18 @@ inline HolidayFault loadHolidays(HolidayList& list, const char* path) {
 
 /// A time in which the exchange sends quotes, the call auction before it included.
 struct SessionHours {
-    const char* name;     // several rows may have one name
-    std::uint32_t from;   // seconds since midnight of the day on which it begins
-    std::uint32_t until;  // its last second, which belongs to it: the last quote of a session carries its end.
-                          // Above 86399 for a session that goes on after midnight.
-    bool isNight;         // belongs to the next trading day; not held before a holiday
+    const char* name;     ///< several rows may have one name
+    std::uint32_t from;   ///< seconds since midnight of the day on which it begins
+    std::uint32_t until;  ///< its last second, which belongs to it: the last quote of a session carries its end.
+                          ///< Above 86399 for a session that goes on after midnight.
+    bool isNight;         ///< belongs to the next trading day; not held before a holiday
 };
 
 /// The hours of an exchange. Must live as long as the clocks that use it.
 struct SessionTable {
-    const SessionHours* rows;
-    std::size_t count;
-    std::uint32_t dayChange;  // from this second on, a time belongs to the next trading day
+    const SessionHours* rows;  ///< @p count of them, in any order; they do not overlap
+    std::size_t count;         ///< of rows
+    std::uint32_t dayChange;   ///< from this second on, a time belongs to the next trading day
 };
 
 /// The hours of the Zhengzhou Commodity Exchange: auctions from 20:55 and 08:55, night 21:00 to 23:00, day 09:00 to
@@ -220,8 +223,8 @@ inline const SessionTable& exchangeSessions() {
 
 /// What the host knows of the moment in which a quote arrived, in the exchange's time zone.
 struct HostTime {
-    std::uint32_t date;    // YYYYMMDD
-    std::uint32_t second;  // since midnight, 0 to 86399; kNoSecond if only the date is known
+    std::uint32_t date;    ///< YYYYMMDD
+    std::uint32_t second;  ///< since midnight, 0 to 86399; kNoSecond if only the date is known
 };
 constexpr std::uint32_t kNoSecond = 0xFFFFFFFF;
 
@@ -235,11 +238,11 @@ inline HostTime hostTimeOf(std::uint64_t ns) {
 
 /// When a quote was sent.
 struct QuoteTime {
-    std::uint32_t naturalDate;    // YYYYMMDD: the calendar's day of the exchange's time
-    std::uint32_t tradingDate;    // YYYYMMDD: the day whose trading it belongs to
-    const SessionHours* session;  // row of the table; null outside of all sessions, and on a day without this one
-    std::int64_t nsOfDay;         // the exchange's time, nanoseconds since its midnight
-    std::int64_t nsSince1970;     // the same moment, UTC
+    std::uint32_t naturalDate;    ///< YYYYMMDD: the calendar's day of the exchange's time
+    std::uint32_t tradingDate;    ///< YYYYMMDD: the day whose trading it belongs to
+    const SessionHours* session;  ///< row of the table; null outside of all sessions, and on a day without this one
+    std::int64_t nsOfDay;         ///< the exchange's time, nanoseconds since its midnight
+    std::int64_t nsSince1970;     ///< the same moment, UTC
 };
 
 /// Gives quotes their days and sessions, and counts those whose time is nonsense. For one thread at a time.
@@ -249,7 +252,7 @@ public:
     /// @param table  hours to use in place of exchangeSessions(); not copied
     explicit SessionClock(const SessionTable& table) : m_table(&table), m_dropped(0) {}
 
-    /// Fill it before the first quote.
+    /// The exchange's holidays: none at first. Fill the list before the first quote. @return the list of this clock
     HolidayList& holidays() { return m_holidays; }
 
     /// @param time   the exchange's, decimal HHMMSS
@@ -276,18 +279,23 @@ public:
     }
     /// The same for a time as text: 21:30:00 or 21:30:00.5, with up to nine digits behind the point. 99:99:99.9, which
     /// the exchange sends for "no time", is nonsense like any other text.
-    /// @param text  ends with its first zero byte or after @p length bytes
+    /// @param text    ends with its first zero byte or after @p length bytes
+    /// @param length  most bytes to read
+    /// @param host    when the quote arrived
+    /// @param out     filled when the result is true
+    /// @return false, and the quote counts as dropped, when there is no such time or no such date
     bool place(const char* text, std::size_t length, const HostTime& host, QuoteTime& out) {
         std::uint32_t nanos = 0;
         const std::uint32_t time = readTime(text, length, nanos);
         return place(time, nanos, host, out);
     }
 
-    /// Quotes for which place() returned false.
+    /// Quotes that were dropped. @return how often place() returned false
     std::uint64_t dropped() const { return m_dropped; }
 
-    /// Whether the exchange trades on a day, given as a day number.
+    /// Whether the exchange trades on a day. @param day  a day number @return false on weekends and holidays
     bool isTradingDay(std::int64_t day) const { return !isWeekend(day) && !m_holidays.has(day); }
+    /// The next trading day. @param day  a day number @return that of the first trading day behind it
     std::int64_t tradingDayAfter(std::int64_t day) const {
         do {
             ++day;
@@ -295,6 +303,7 @@ public:
         return day;
     }
     /// Whether a night session begins on a day: on trading days, unless a holiday follows. A weekend is no holiday.
+    /// @param day  a day number @return true if it does
     bool hasNight(std::int64_t day) const {
         return isTradingDay(day) && m_holidays.countUntil(day + 1, tradingDayAfter(day)) == 0;
     }

@@ -105,9 +105,7 @@ public:
         }
         m_description = "{'descr': [" + fields + "], 'fortran_order': False, 'shape': (";
         const std::string head = headOf(0);
-        char* at = m_out.room(head.size());
-        std::memcpy(at, head.data(), head.size());
-        m_out.usedUntil(at + head.size());
+        m_out.usedUntil(std::copy(head.begin(), head.end(), m_out.room(head.size())));
     }
 
     void add(const RowMaker& maker, const Row& row) override {

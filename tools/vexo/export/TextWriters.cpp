@@ -1,5 +1,5 @@
+#include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "tools/data/NumberText.h"
 #include "tools/vexo/export/RowWriter.h"
@@ -41,9 +41,8 @@ class CsvWriter : public RowWriter {
 public:
     CsvWriter(OutputFile& file, const std::vector<Column>& columns) : m_out(file), m_columns(columns.size()) {
         for (std::size_t i = 0; i < columns.size(); ++i) {
-            char* at = m_out.room(columns[i].name.size() + 1);
-            std::memcpy(at, columns[i].name.data(), columns[i].name.size());
-            at += columns[i].name.size();
+            const std::string& name = columns[i].name;
+            char* at = std::copy(name.begin(), name.end(), m_out.room(name.size() + 1));
             *at++ = i + 1 < columns.size() ? ',' : '\n';
             m_out.usedUntil(at);
         }
@@ -92,8 +91,8 @@ public:
             char* at = m_out.room(roomFor(value) + name.size());
             *at++ = next;
             next = ',';
-            std::memcpy(at, name.data(), name.size());
-            m_out.usedUntil(putValue(at + name.size(), value));
+            at = std::copy(name.begin(), name.end(), at);
+            m_out.usedUntil(putValue(at, value));
         }
         char* at = m_out.room(3);
         if (next == '{') *at++ = '{';
@@ -110,8 +109,8 @@ private:
         const bool isString = (isInteger && value.isWide) || value.kind == ValueKind::kSeconds ||
                               value.kind == ValueKind::kBytes || value.kind == ValueKind::kText;
         if (value.kind == ValueKind::kFloat && !std::isfinite(value.real)) {
-            std::memcpy(at, "null", 4);
-            return at + 4;
+            const std::string_view null = "null";
+            return std::copy(null.begin(), null.end(), at);
         }
         if (isString) *at++ = '"';
         if (value.kind == ValueKind::kText) {
