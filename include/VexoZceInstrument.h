@@ -67,9 +67,9 @@ struct Instrument {
 /// Room for any id, and for any key, with its terminator.
 constexpr std::size_t kIdRoom = 16;
 
-/// How far a delivery year may lie before or behind the date of parseId(). The exchange lists about two years.
+/// How far a delivery year may lie before or after the date of parseId(). The exchange lists about two years.
 constexpr unsigned kYearsBefore = 4;
-constexpr unsigned kYearsBehind = 5;
+constexpr unsigned kYearsAfter = 5;
 
 namespace detail {
 
@@ -95,7 +95,7 @@ struct IdText {
     }
 };
 
-/// The one year with this last digit that is no more than kYearsBefore years before, and kYearsBehind behind.
+/// The one year with this last digit that is no more than kYearsBefore years before the date, and kYearsAfter after it.
 inline std::uint16_t fullYear(unsigned lastDigit, unsigned yearNow) {
     const unsigned first = yearNow - kYearsBefore;
     return static_cast<std::uint16_t>(first + (lastDigit + 10 - first % 10) % 10);
@@ -205,7 +205,7 @@ inline std::size_t write(const Instrument& instrument, char dash, char slash, ch
 ///                passed as it is. Null only with length 0.
 /// @param length  most bytes to read
 /// @param date    decimal YYYYMMDD of the day on which the id was seen, years 1970 to 9989. An id has one digit of the
-///                delivery year. The year is the one with this digit from four years before the date's to five behind
+///                delivery year. The year is the one with this digit from four years before the date's to five after
 ///                it: SR001 is of 2030 in December 2029, and SR911 is of 2029 in January 2030.
 /// @param out     filled when the result is kNone; otherwise not to be used
 /// @return kNone, or the first fault from the left. Whether the exchange lists the product is not checked.

@@ -86,14 +86,14 @@ public:
     }
     /// Whether a day is in the list. @param day  its day number @return true if it is
     bool has(std::int64_t day) const { return countUntil(day, day + 1) > 0; }
-    /// Counts the days of a range. @param first  day number of its first day @param end  that of the day behind it
+    /// Counts the days of a range. @param first  day number of its first day @param end  that of the day after it
     /// @return how many of them are in the list
     std::size_t countUntil(std::int64_t first, std::int64_t end) const { return placeOf(end) - placeOf(first); }
     /// Days in the list. @return 0 to kMost
     std::size_t count() const { return m_count; }
 
 private:
-    /// Where a day stands or would stand. @return m_count behind the last one
+    /// Where a day stands or would stand. @return m_count after the last one
     std::size_t placeOf(std::int64_t day) const {
         std::size_t low = 0;
         for (std::size_t high = m_count; low < high;) {
@@ -113,7 +113,7 @@ private:
 
 namespace detail {
 
-/// @return 0 if the text does not begin with a date YYYY-MM-DD or YYYYMMDD; otherwise the date, and @p text behind it
+/// @return 0 if the text does not begin with a date YYYY-MM-DD or YYYYMMDD; otherwise the date, and @p text after it
 inline std::uint32_t takeDate(const char*& text) {
     const char* at = text;
     std::uint32_t date = 0;
@@ -277,7 +277,7 @@ public:
         out.nsSince1970 = (day * kSecondsOfDay - kExchangeUtcOffset) * kNsPerSecond + out.nsOfDay;
         return true;
     }
-    /// The same for a time as text: 21:30:00 or 21:30:00.5, with up to nine digits behind the point. 99:99:99.9, which
+    /// The same for a time as text: 21:30:00 or 21:30:00.5, with up to nine digits after the point. 99:99:99.9, which
     /// the exchange sends for "no time", is nonsense like any other text.
     /// @param text    ends with its first zero byte or after @p length bytes
     /// @param length  most bytes to read
@@ -295,7 +295,7 @@ public:
 
     /// Whether the exchange trades on a day. @param day  a day number @return false on weekends and holidays
     bool isTradingDay(std::int64_t day) const { return !isWeekend(day) && !m_holidays.has(day); }
-    /// The next trading day. @param day  a day number @return that of the first trading day behind it
+    /// The next trading day. @param day  a day number @return that of the first trading day after it
     std::int64_t tradingDayAfter(std::int64_t day) const {
         do {
             ++day;

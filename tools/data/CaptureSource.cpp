@@ -77,7 +77,7 @@ private:
     std::uint64_t m_readBytes = 0;
 };
 
-/// The unpacked bytes of a compressed file. Several frames one behind the other are one file.
+/// The unpacked bytes of a compressed file. Several frames one after the other are one file.
 class CaptureSource::ZstdBuffer : public std::streambuf {
 public:
     ZstdBuffer(FileBuffer& file, std::string& failure)

@@ -21,7 +21,7 @@ struct Field {
     FieldKind kind = FieldKind::kUnsigned;
     std::uint32_t offset = 0;  // in the payload
     std::uint32_t width = 0;   // bytes of one value; of all of a text
-    std::uint32_t count = 0;   // values one behind the other; 0 = no list, one value
+    std::uint32_t count = 0;   // values one after the other; 0 = no list, one value
     bool isBigEndian = false;
     std::uint32_t decimals = 0;  // the number in the packet is this power of ten times the value
 

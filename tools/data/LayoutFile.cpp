@@ -157,7 +157,7 @@ private:
         takeScale(field, parts[2], entry.line);
         if (field.offset + field.bytes() > payload.size) {
             m_text.reject(entry.line, field.name + " ends at byte " + std::to_string(field.offset + field.bytes()) +
-                                          ", behind the payload of type " + std::to_string(payload.type) + " with " +
+                                          ", past the payload of type " + std::to_string(payload.type) + " with " +
                                           std::to_string(payload.size) + " bytes; correct offset, type or size");
         }
         if (payload.indexOf(field.name) != kNoField) {

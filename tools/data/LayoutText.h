@@ -12,7 +12,7 @@ struct LayoutEntry {
     unsigned line = 0;
 };
 
-/// A line "[KIND NAME]" with the entries behind it.
+/// A line "[KIND NAME]" with the entries after it.
 struct LayoutSection {
     std::string kind;
     std::string name;  // empty if there is none

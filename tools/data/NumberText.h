@@ -13,7 +13,7 @@ char* putNumber(char* at, Number number) {
     return std::to_chars(at, at + kNumberRoom, number).ptr;
 }
 
-/// The digits behind the point, as many as there are places; zeros in front are written.
+/// The digits after the point, as many as there are places; zeros in front are written.
 inline char* putPlaces(char* at, std::uint64_t places, std::uint32_t count) {
     for (std::uint32_t i = count; i > 0; places /= 10) at[--i] = static_cast<char>('0' + places % 10);
     return at + count;

@@ -148,7 +148,7 @@ TEST(LayoutFile, EveryMistakeIsNamedWithItsLineAndWhatToDo) {
         {{9, "[type seventeen]"}, ":9: the packet type is a number from 0 to 4294967295, not seventeen"},
         {{11, "size = 0"}, ":11: the size of the payload in bytes is a number from 1 to 65536, not 0"},
         {{11, "size = 99999999999999999999"}, ":11: the size of the payload in bytes is a number"},
-        {{11, "size = 63"}, ":21: rest ends at byte 64, behind the payload of type 17 with 63 bytes"},
+        {{11, "size = 63"}, ":21: rest ends at byte 64, past the payload of type 17 with 63 bytes"},
         {{12, "fields = a, c"}, ":12: there is no section [fields c]; add it"},
         {{12, "fields = a"}, ":18: no type uses these fields; name the section in the fields of a type"},
         {{12, "fields = a, b, a"}, ":15: type 17 has two fields id; give them different names"},

@@ -26,7 +26,7 @@ std::vector<Column> otherColumns() {
     return {column("card", Source::kCard, "Bus number of the card"),
             column("stream", Source::kStream, "Name of the stream in the capture"),
             column("layout", Source::kLayout, "Layout that describes the payload"),
-            column("payload", Source::kPayload, "All bytes behind the packet's head, in hexadecimal"),
+            column("payload", Source::kPayload, "All bytes after the packet's head, in hexadecimal"),
             column("clock", Source::kClock, "Time of the packet, as date and time of the exchange's zone"),
             column("exchange_time", Source::kExchangeTime, "Exchange's time of the quote, seconds since 1970"),
             column("natural_day", Source::kNaturalDay, "Day of the exchange's time, YYYYMMDD"),

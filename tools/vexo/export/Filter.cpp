@@ -19,7 +19,7 @@ bool isWanted(const One& one, const List& list) {
     return list.empty() || std::find(list.begin(), list.end(), one) != list.end();
 }
 
-// Digits behind a point as nanoseconds: ".5". @return nothing for another text
+// Digits after a point as nanoseconds: ".5". @return nothing for another text
 std::optional<std::uint64_t> fractionOf(const std::string& text) {
     if (text.empty()) return 0;
     if (text.size() < 2 || text.size() > 10 || text.front() != '.') return std::nullopt;
@@ -58,18 +58,18 @@ std::optional<std::uint64_t> timeOfDay(const std::string& text) {
 bool matches(const std::string& pattern, std::string_view text) {
     std::size_t p = 0;
     std::size_t t = 0;
-    std::size_t star = std::string::npos;  // the last one, and where the text goes on behind it
-    std::size_t behind = 0;
+    std::size_t star = std::string::npos;  // the last one, and where the text goes on after it
+    std::size_t resume = 0;
     while (t < text.size()) {
         if (p < pattern.size() && pattern[p] == '*') {
             star = p++;
-            behind = t;
+            resume = t;
         } else if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
             ++p;
             ++t;
         } else if (star != std::string::npos) {
             p = star + 1;
-            t = ++behind;
+            t = ++resume;
         } else {
             return false;
         }
