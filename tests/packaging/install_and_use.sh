@@ -56,6 +56,8 @@ if [ -x "$prefix/bin/vexo" ]; then
     [ "$status" -eq 42 ] || fail "vexo sim run -- vexo tap ended with $status: $(cat out err)"
     grep -q SIMULATED err || fail "vexo sim run did not choose the simulated card: $(cat err)"
     [ -s tapped.pcapng ] || fail "vexo tap recorded nothing: $(cat err)"
+    HOME=$work tshark -X "lua_script:$prefix/share/vexo/vexo.lua" -r tapped.pcapng >out 2>err
+    if grep -q 'vexo\.lua:' err; then fail "the installed dissector has no layout: $(cat err)"; fi
 fi
 
 soname=$(readelf -d "$prefix/$libdir/libvexo_zce_md.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')

@@ -38,6 +38,7 @@ inline constexpr int kNotFound = 127;
 using AddCommand = void (*)(CLI::App& app, Invocation& invocation);
 
 void addCheck(CLI::App& app, Invocation& invocation);
+void addExport(CLI::App& app, Invocation& invocation);
 void addIndex(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
 void addPlan(CLI::App& app, Invocation& invocation);

@@ -2,8 +2,134 @@
 --
 --     tshark -X lua_script:vexo.lua -r FILE
 --
--- or copy it into the plug-in folder that Wireshark shows under Help, About, Folders. Works with Wireshark 4.0 and
--- later; as root, too.
+-- or copy it, with the folder "layouts", into the plug-in folder that Wireshark shows under Help, About, Folders. Works
+-- with Wireshark 4.0 and later; as root, too.
+--
+-- What the payload of a quote looks like comes from layout files (tools/layouts). VEXO_LAYOUT names them, with colons
+-- between them; the word "simulated" stands for the simulated card's, which is also used without the variable.
+-- `vexo export --list-columns --layout FILE` says what is wrong with a layout file.
+
+-- ---- layout files ----
+
+local function trim(text) return text:match("^%s*(.-)%s*$") end
+
+-- The sections of a layout file: { kind, name, keys in their order, values by key }. Nothing for a line of another form.
+local function read_sections(path)
+    local file, problem = io.open(path, "r")
+    if file == nil then return nil, problem end
+    local sections, number = {}, 0
+    for line in file:lines() do
+        line, number = trim(line), number + 1
+        local kind, name = line:match("^%[(%w+)%s*([^%]]*)%]$")
+        local key, value = line:match("^([%w_]+)%s*=%s*(.+)$")
+        if kind ~= nil then
+            table.insert(sections, { kind = kind, name = trim(name), keys = {}, values = {} })
+        elseif key ~= nil and #sections > 0 then
+            table.insert(sections[#sections].keys, key)
+            sections[#sections].values[key] = value
+        elseif line ~= "" and not line:match("^[;#]") then
+            file:close()
+            return nil, path .. ":" .. number .. ": not a line of a layout file"
+        end
+    end
+    file:close()
+    return sections
+end
+
+local widths = { u8 = 1, u16 = 2, u32 = 4, u64 = 8, i8 = 1, i16 = 2, i32 = 4, i64 = 8, f32 = 4, f64 = 8 }
+
+-- A field from "OFFSET, TYPE, SCALE, MEANING", or nil.
+local function read_field(name, text)
+    local offset, kind, scale, meaning = text:match("^(%w+)%s*,%s*([%w%[%]]+)%s*,%s*(%w+)%s*,%s*(.+)$")
+    if meaning == nil then return nil end
+    local base, count = kind:match("^(%w+)%[(%w+)%]$")
+    base, count = base or kind, tonumber(count)
+    local field = { name = name, offset = tonumber(offset), scale = tonumber(scale), meaning = meaning, count = 1 }
+    field.big = widths[base] == nil and base:match("be$") ~= nil
+    field.kind = field.big and base:sub(1, -3) or base
+    if field.kind == "char" or field.kind == "bytes" then
+        field.width = count
+    else
+        field.width, field.count = widths[field.kind], count or 1
+    end
+    if field.offset == nil or field.scale == nil or field.width == nil then return nil end
+    return field
+end
+
+local function add_fields(payload, sections, wanted)
+    for _, section in ipairs(sections) do
+        if section.kind == "fields" and section.name == wanted then
+            for _, key in ipairs(section.keys) do
+                local field = read_field(key, section.values[key])
+                if field == nil or field.offset + field.width * field.count > payload.size then return false end
+                table.insert(payload.fields, field)
+                payload.by_name[key] = field
+            end
+            return true
+        end
+    end
+    return false
+end
+
+local function read_payload(section, sections)
+    local payload = { size = tonumber(section.values.size), fields = {}, by_name = {}, fixed = {} }
+    if payload.size == nil or section.values.fields == nil then return nil end
+    for wanted in section.values.fields:gmatch("[^,%s]+") do
+        if not add_fields(payload, sections, wanted) then return nil end
+    end
+    for name, value in (section.values.fixed or ""):gmatch("([%w_]+)%s+(%w+)") do
+        local field = payload.by_name[name]
+        if field == nil or tonumber(value) == nil or field.width > 4 then return nil end
+        table.insert(payload.fixed, { field = field, value = tonumber(value) })
+    end
+    table.sort(payload.fields, function(one, other) return one.offset < other.offset end)
+    return payload
+end
+
+-- A layout: its name, the payloads by packet type, the names of values by field. Nil and the reason if the file is none.
+local function read_layout(path)
+    local sections, problem = read_sections(path)
+    if sections == nil then return nil, problem end
+    local layout = { payloads = {}, value_names = {} }
+    for _, section in ipairs(sections) do
+        if section.kind == "layout" then
+            layout.name, layout.id_field = section.values.name, section.values.id_field
+            layout.length_at = tonumber(section.values.length_at)
+        elseif section.kind == "type" then
+            local payload = read_payload(section, sections)
+            if payload == nil then return nil, path .. ": type " .. section.name .. " has a mistake" end
+            layout.payloads[tonumber(section.name)] = payload
+        elseif section.kind == "values" then
+            local names = {}
+            for key, value in pairs(section.values) do names[tonumber(key)] = value end
+            layout.value_names[section.name] = names
+        end
+    end
+    if layout.name == nil then return nil, path .. ": no name in [layout]" end
+    return layout
+end
+
+-- The simulated card's layout lies beside this script once installed, and in the folder above it in the sources.
+local function simulated_layout()
+    local folder = debug.getinfo(1, "S").source:match("^@(.*[/\\])") or "./"
+    local layout, problem = read_layout(folder .. "layouts/simulated.ini")
+    if layout == nil then layout = read_layout(folder .. "../layouts/simulated.ini") end
+    if layout ~= nil then layout.is_simulated = true end
+    return layout, problem
+end
+
+local layouts = {}
+local wanted_layouts = os.getenv("VEXO_LAYOUT")
+if wanted_layouts == nil or wanted_layouts == "" then wanted_layouts = "simulated" end
+for name in wanted_layouts:gmatch("[^:]+") do
+    local layout, problem
+    if name == "simulated" then layout, problem = simulated_layout() else layout, problem = read_layout(name) end
+    if layout ~= nil then
+        table.insert(layouts, layout)
+    else
+        io.stderr:write("vexo.lua: " .. tostring(problem) .. "; payloads are shown without this layout\n")
+    end
+end
 
 -- ---- packets of a card-to-host stream ----
 
@@ -24,6 +150,7 @@ local f = {
     sequence = ProtoField.uint32("vexo.sequence", "Number of the packet in its stream"),
     unread = ProtoField.bytes("vexo.unread", "Rest of the head, of no known meaning"),
     payload = ProtoField.bytes("vexo.payload", "Payload, of no known layout"),
+    layout = ProtoField.string("vexo.layout", "Layout"),
     simulated = ProtoField.bool("vexo.simulated", "Layout of the simulated card"),
 
     map_area = ProtoField.uint16("vexo.map.area", "Length of the message area"),
@@ -33,26 +160,37 @@ local f = {
     map_table = ProtoField.uint8("vexo.map.table", "Table", base.DEC, tables),
     map_row = ProtoField.uint16("vexo.map.row", "Row (index of the instrument)"),
     map_id = ProtoField.string("vexo.map.id", "Id"),
-
-    quote_sequence = ProtoField.uint64("vexo.quote.sequence", "Number of the quote in its stream"),
-    quote_id = ProtoField.string("vexo.quote.id", "Id"),
-    quote_row = ProtoField.uint16("vexo.quote.row", "Row (index of the instrument)"),
-    quote_table = ProtoField.uint8("vexo.quote.table", "Table", base.DEC, tables),
-    quote_level = ProtoField.uint8("vexo.quote.level", "Level"),
-    quote_date = ProtoField.uint32("vexo.quote.date", "Exchange date"),
-    quote_time = ProtoField.uint32("vexo.quote.time", "Exchange time"),
-    quote_millis = ProtoField.uint32("vexo.quote.millis", "Exchange time, milliseconds"),
-    quote_last = ProtoField.double("vexo.quote.last", "Last price"),
-    quote_upper = ProtoField.double("vexo.quote.upper_limit", "Highest price of the day"),
-    quote_lower = ProtoField.double("vexo.quote.lower_limit", "Lowest price of the day"),
-    quote_turnover = ProtoField.double("vexo.quote.turnover", "Turnover"),
-    quote_volume = ProtoField.uint64("vexo.quote.volume", "Volume"),
-    quote_interest = ProtoField.uint64("vexo.quote.open_interest", "Open interest"),
-    quote_bid_price = ProtoField.double("vexo.quote.bid_price", "Bid price"),
-    quote_ask_price = ProtoField.double("vexo.quote.ask_price", "Ask price"),
-    quote_bid_volume = ProtoField.uint32("vexo.quote.bid_volume", "Bid volume"),
-    quote_ask_volume = ProtoField.uint32("vexo.quote.ask_volume", "Ask volume"),
 }
+
+-- How a field of a layout is shown. Nil for a kind that does not exist.
+local function proto_field(field, value_names)
+    local name, meaning = "vexo.quote." .. field.name, field.meaning
+    if field.kind == "char" then return ProtoField.string(name, meaning) end
+    if field.kind == "bytes" then return ProtoField.bytes(name, meaning) end
+    if field.scale ~= 1 or field.kind == "f32" or field.kind == "f64" then return ProtoField.double(name, meaning) end
+    local bits = tostring(field.width * 8)
+    local make = ProtoField[(field.kind:sub(1, 1) == "u" and "uint" or "int") .. bits]
+    if value_names ~= nil and field.width < 8 then return make(name, meaning, base.DEC, value_names) end
+    return make(name, meaning)
+end
+
+-- Fields of one name in several payloads are one field of Wireshark. The first layout decides what it looks like; one that
+-- looks different elsewhere is shown as bytes there.
+local shown = {}
+local function look_of(field)
+    return (field.scale ~= 1 or field.kind == "f32" or field.kind == "f64") and "double" or field.kind
+end
+for _, layout in ipairs(layouts) do
+    for _, payload in pairs(layout.payloads) do
+        for _, field in ipairs(payload.fields) do
+            if shown[field.name] == nil then
+                shown[field.name] = { look = look_of(field), proto = proto_field(field, layout.value_names[field.name]) }
+                f["quote_" .. field.name] = shown[field.name].proto
+            end
+            if shown[field.name].look == look_of(field) then field.proto = shown[field.name].proto end
+        end
+    end
+end
 stream.fields = f
 
 local broken = ProtoExpert.new("vexo.broken", "Not as the card sends it", expert.group.MALFORMED, expert.severity.ERROR)
@@ -97,50 +235,66 @@ local function show_map(buffer, info, tree)
     info.cols.info:append(", " .. messages .. " messages")
 end
 
--- The payload of the simulated card's quotes: level by packet type, and what lies where after the common part.
-local levels = { [17] = 1, [18] = 5, [19] = 1, [20] = 5 }
-local quote_sizes = { [1] = 128, [5] = 224 }
-local common_size = 104
+-- ---- payloads, by their layout ----
 
-local function is_simulated_quote(buffer, packet_type)
-    local level = levels[packet_type]
-    if level == nil or buffer:len() ~= head_size + quote_sizes[level] then return false end
-    local table_number = packet_type >= 19 and 1 or 0
-    return buffer(4, 4):le_uint() == buffer:len() and buffer(head_size + 43, 1):uint() == level and
-        buffer(head_size + 42, 1):uint() == table_number
+local function number_of(field, range)
+    local unsigned = field.kind:sub(1, 1) == "u"
+    if field.width == 8 then
+        local value
+        if unsigned then value = field.big and range:uint64() or range:le_uint64()
+        else value = field.big and range:int64() or range:le_int64() end
+        return value:tonumber()
+    end
+    if unsigned then return field.big and range:uint() or range:le_uint() end
+    return field.big and range:int() or range:le_int()
 end
 
--- Amounts of money are in 1/10000 yuan.
-local function add_money(tree, field, range) tree:add(field, range, range:le_int64():tonumber() / 10000) end
+local function has_layout(payload, layout, buffer)
+    if payload == nil or buffer:len() ~= head_size + payload.size then return false end
+    if layout.length_at ~= nil and buffer(layout.length_at, 4):le_uint() ~= buffer:len() then return false end
+    for _, fixed in ipairs(payload.fixed) do
+        local range = buffer(head_size + fixed.field.offset, fixed.field.width)
+        if number_of(fixed.field, range) ~= fixed.value then return false end
+    end
+    return true
+end
 
-local function show_quote(buffer, info, tree)
-    local quote = buffer(head_size)
-    local id = text_of(quote(8, 32))
-    tree:add_le(f.quote_sequence, quote(0, 8))
-    tree:add(f.quote_id, quote(8, 32), id)
-    tree:add_le(f.quote_row, quote(40, 2))
-    tree:add_le(f.quote_table, quote(42, 1))
-    tree:add_le(f.quote_level, quote(43, 1))
-    tree:add_le(f.quote_date, quote(44, 4))
-    tree:add_le(f.quote_time, quote(48, 4))
-    tree:add_le(f.quote_millis, quote(52, 4))
-    add_money(tree, f.quote_last, quote(56, 8))
-    add_money(tree, f.quote_upper, quote(64, 8))
-    add_money(tree, f.quote_lower, quote(72, 8))
-    add_money(tree, f.quote_turnover, quote(80, 8))
-    tree:add_le(f.quote_volume, quote(88, 8))
-    tree:add_le(f.quote_interest, quote(96, 8))
-    local depth = quote(43, 1):uint()
-    local volumes = common_size + 16 * depth
-    for i = 0, depth - 1 do
-        add_money(tree, f.quote_bid_price, quote(common_size + 8 * i, 8))
-        tree:add_le(f.quote_bid_volume, quote(volumes + 4 * i, 4))
+-- The first layout that describes the packet. Nothing is guessed: without one, the payload is shown as bytes.
+local function find_layout(buffer, packet_type)
+    for _, layout in ipairs(layouts) do
+        local payload = layout.payloads[packet_type]
+        if has_layout(payload, layout, buffer) then return layout, payload end
     end
-    for i = 0, depth - 1 do
-        add_money(tree, f.quote_ask_price, quote(common_size + 8 * (depth + i), 8))
-        tree:add_le(f.quote_ask_volume, quote(volumes + 4 * (depth + i), 4))
+    return nil
+end
+
+local function show_value(tree, field, range)
+    if field.kind == "char" then
+        tree:add(field.proto, range, text_of(range))
+    elseif field.kind == "bytes" then
+        tree:add(field.proto, range)
+    elseif field.kind == "f32" or field.kind == "f64" then
+        tree:add(field.proto, range, field.big and range:float() or range:le_float())
+    elseif field.scale ~= 1 then
+        tree:add(field.proto, range, number_of(field, range) / field.scale)
+    elseif field.big then
+        tree:add(field.proto, range)
+    else
+        tree:add_le(field.proto, range)
     end
-    info.cols.info:append(", " .. id)
+end
+
+local function show_payload(layout, payload, buffer, info, tree)
+    tree:add(f.layout, layout.name):set_generated()
+    if layout.is_simulated then tree:add(f.simulated, true):set_generated() end
+    for _, field in ipairs(payload.fields) do
+        for i = 0, field.count - 1 do
+            local range = buffer(head_size + field.offset + i * field.width, field.width)
+            if field.proto ~= nil then show_value(tree, field, range) else tree:add(f.payload, range) end
+        end
+    end
+    local id = payload.by_name[layout.id_field or ""]
+    if id ~= nil then info.cols.info:append(", " .. text_of(buffer(head_size + id.offset, id.width))) end
 end
 
 -- Of the head the market-data library reads the type only; the simulated card's carries the packet's length.
@@ -168,9 +322,11 @@ function stream.dissector(buffer, info, root)
     show_head(buffer, tree)
     if packet_type == 2 then
         show_map(buffer, info, tree)
-    elseif is_simulated_quote(buffer, packet_type) then
-        tree:add(f.simulated, true):set_generated()
-        show_quote(buffer, info, tree)
+        return
+    end
+    local layout, payload = find_layout(buffer, packet_type)
+    if layout ~= nil then
+        show_payload(layout, payload, buffer, info, tree)
     elseif buffer:len() > head_size then
         tree:add(f.payload, buffer(head_size))
     end

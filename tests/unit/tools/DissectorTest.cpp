@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <random>
@@ -183,6 +184,64 @@ TEST_F(Dissector, ShowsPacketsOfAnotherCardWithoutGuessingAtTheirPayload) {
               "17\t0102030405060708\taabbcc\t\t\n");
 }
 
+// A quote of the simulated card, by its lengths and its marks, whose other bytes are all the same.
+std::string quoteOf(char type, char filler) {
+    const bool isLevel5 = type == 18 || type == 20;
+    std::string packet(isLevel5 ? 12 + 224 : 12 + 128, filler);
+    packet.replace(0, 8, std::string({type, 0, 0, 0, static_cast<char>(packet.size()), 0, 0, 0}));
+    packet[12 + 42] = type >= 19 ? 1 : 0;
+    packet[12 + 43] = isLevel5 ? 5 : 1;
+    return packet;
+}
+
+// A card of another make: what its payload has is in a layout file.
+constexpr char kOtherLayout[] =
+    "[layout]\nname = other\nmeaning = Another card\nid_field = name\n"
+    "[type 17]\nmeaning = Quote\nsize = 40\nfields = all\nfixed = mark 0x0102\n"
+    "[fields all]\n"
+    "mark = 0, u16be, 1, Mark\n"
+    "side = 2, u8, 1, Side\n"
+    "last = 4, i32be[2], 100, Last price\n"
+    "name = 12, char[8], 1, Name\n"
+    "ratio = 20, f64, 1, Ratio\n"
+    "big = 28, u64be, 1, Number\n"
+    "rest = 36, bytes[4], 1, Rest\n"
+    "[values side]\n1 = bid\n2 = ask\n";
+constexpr char kOtherPacket[] =
+    "11000000 0000000000000000 0102 02 00 00000bb8 ffffffff 53523730 31004142 "
+    "000000000000f83f 0000000000000102 deadbeef";
+
+TEST_F(Dissector, ShowsThePayloadOfAnotherCardByTheLayoutThatTheVariableNames) {
+    dir.Write("other.ini", kOtherLayout);
+    write(fileWith(kStreamLink, bytes(kOtherPacket)));
+    const std::string fields =
+        "-T fields -E aggregator=, -e vexo.layout -e vexo.simulated -e vexo.quote.mark -e vexo.quote.last "
+        "-e vexo.quote.name -e vexo.quote.ratio -e vexo.quote.big -e vexo.quote.rest -e vexo.payload";
+    ::setenv("VEXO_LAYOUT", "simulated:other.ini", 1);
+    EXPECT_EQ(tshark(fields), "other\t\t258\t30,-0.01\tSR701\t1.5\t258\tdeadbeef\t\n");
+    EXPECT_THAT(tshark("-V"), HasSubstr("Side: ask (2)"));
+    EXPECT_THAT(tshark(""), HasSubstr("Level-1, single-leg, SR701\n"));
+    write(fileWith(kStreamLink, quoteOf(17, 'A')));
+    EXPECT_EQ(tshark("-T fields -e vexo.layout -e vexo.simulated -e vexo.quote.id"),
+              "simulated\t1\t" + std::string(32, 'A') + "\n");
+    ::setenv("VEXO_LAYOUT", "other.ini", 1);
+    EXPECT_EQ(tshark("-T fields -e vexo.layout -e vexo.simulated"), "\t\n");
+    ::unsetenv("VEXO_LAYOUT");
+}
+
+TEST_F(Dissector, ALayoutThatCannotBeReadIsNamedAndThePayloadShownAsBytes) {
+    write(fileWith(kStreamLink, bytes("11000000 0102030405060708 aabbcc")));
+    dir.Write("broken.ini", "[layout]\nname = broken\nwhat is this\n");
+    for (const std::string file : {"broken.ini", "none.ini"}) {
+        const ProgramResult result = runProgram("VEXO_LAYOUT=" + file + " HOME=" + dir.Path() + " " +
+                                                word(VEXO_TSHARK) + " -X lua_script:" + word(VEXO_DISSECTOR) +
+                                                " -r a.pcapng -V");
+        EXPECT_EQ(result.status, 0);
+        EXPECT_THAT(result.output, HasSubstr("vexo.lua: " + file + ":"));
+        EXPECT_THAT(result.output, HasSubstr("Payload, of no known layout: aabbcc"));
+    }
+}
+
 TEST_F(Dissector, NoLengthOfAPacketMakesItStumble) {
     BlockBuffer blocks;
     appendSection(blocks, {});
@@ -200,16 +259,6 @@ TEST_F(Dissector, NoLengthOfAPacketMakesItStumble) {
     write(blocks);
     EXPECT_THAT(tshark("-V"), AllOf(HasSubstr("Too short for a packet's head"), Not(HasSubstr("Lua Error"))));
     EXPECT_EQ(count("vexo || vexo_reg"), packets);
-}
-
-// A quote of the simulated card, by its lengths and its marks, whose other bytes are all the same.
-std::string quoteOf(char type, char filler) {
-    const bool isLevel5 = type == 18 || type == 20;
-    std::string packet(isLevel5 ? 12 + 224 : 12 + 128, filler);
-    packet.replace(0, 8, std::string({type, 0, 0, 0, static_cast<char>(packet.size()), 0, 0, 0}));
-    packet[12 + 42] = type >= 19 ? 1 : 0;
-    packet[12 + 43] = isLevel5 ? 5 : 1;
-    return packet;
 }
 
 TEST_F(Dissector, AnIdWithoutAnEndIsShownToItsLastByteAndNoFurther) {
