@@ -1,3 +1,4 @@
+/// @file
 /// Level-1 and Level-5 market data of the Zhengzhou Commodity Exchange, from the FPGA card in this host.
 ///
 ///     class Quotes : public IVexoZceMdSpi { ... };
@@ -23,11 +24,15 @@
 /// An exception thrown by a callback leaves through the VexoRecv or VexoRecvStart that polled the packet.
 class IVexoZceMdSpi {
 public:
-    virtual int OnUpSubsResult17(const unsigned char* data) = 0;  ///< packet type 17: Level-1, single-leg
-    virtual int OnUpSubsResult18(const unsigned char* data) = 0;  ///< packet type 18: Level-5, single-leg
-    virtual int OnUpSubsResult19(const unsigned char* data) = 0;  ///< packet type 19: Level-1, combination
-    virtual int OnUpSubsResult20(const unsigned char* data) = 0;  ///< packet type 20: Level-5, combination
-    virtual ~IVexoZceMdSpi() {}                                   // last, so that the four callbacks are slots 0 to 3
+    /// Packet type 17: Level-1, single-leg. @param data the payload @return not used
+    virtual int OnUpSubsResult17(const unsigned char* data) = 0;
+    /// Packet type 18: Level-5, single-leg. @param data the payload @return not used
+    virtual int OnUpSubsResult18(const unsigned char* data) = 0;
+    /// Packet type 19: Level-1, combination. @param data the payload @return not used
+    virtual int OnUpSubsResult19(const unsigned char* data) = 0;
+    /// Packet type 20: Level-5, combination. @param data the payload @return not used
+    virtual int OnUpSubsResult20(const unsigned char* data) = 0;
+    virtual ~IVexoZceMdSpi() {}  // last, so that the four callbacks are slots 0 to 3
 };
 
 /// One DMA channel of the card. Not thread-safe: one object is used by one thread; several objects, each on its own
@@ -35,6 +40,8 @@ public:
 class IVexoZceMdApi {
 public:
     /// Starts as VexoStart does, then receives until SIGINT or SIGTERM.
+    /// @param spi      as for VexoStart
+    /// @param cfgPath  as for VexoStart
     /// @return 0 after a stop signal, -1 when VexoStart failed
     virtual int VexoRecvStart(IVexoZceMdSpi& spi, const char* cfgPath) = 0;
 
@@ -66,6 +73,7 @@ public:
     /// Ends an API object: closes its stream and logs the stream's counters. Does nothing for a null reference or for
     /// an object that CreateVexoZceMdApi did not make. Not from inside a callback, nor while another thread is inside
     /// a call of the object.
+    /// @param api  the object
     VEXO_ZCE_API static void DestroyVexoZceMdApi(IVexoZceMdApi& api);
 
 protected:

@@ -1,9 +1,10 @@
 #ifndef VEXO_ZCE_UTIL_H
 #define VEXO_ZCE_UTIL_H
 
-// Checks of the host and small helpers that an application may call next to the market-data interface, before or
-// after start-up. C++11. Everything printed here goes to standard output through stdio, never to the library's log.
-// No function throws or ends the process.
+/// @file
+/// Checks of the host and small helpers that an application may call next to the market-data interface, before or
+/// after start-up. C++11. Everything printed here goes to standard output through stdio, never to the library's log.
+/// No function throws or ends the process.
 
 #ifndef VEXO_ZCE_API
 #define VEXO_ZCE_API __attribute__((visibility("default")))
@@ -26,8 +27,8 @@ extern VEXO_ZCE_API const char* g_szBrdChkCmd[2];
 /// @return the board type, 0 to 5, as listed at g_curEnvBrdType; 0 also when the commands cannot be run.
 VEXO_ZCE_API int CheckEnvBoard();
 
-/// Meant to tell whether the E board driver (hfp) is loaded. It does not: true whenever a shell can be started, with or
-/// without the module; false only when no shell can be started.
+/// Meant to tell whether the E board driver (hfp) is loaded. It does not.
+/// @return true whenever a shell can be started, with or without the module; false only when no shell can be started.
 VEXO_ZCE_API bool IsEDriverInstalled();
 
 /// Whether the Xi board driver (xdma) is loaded. @return false also when lsmod cannot be run.
@@ -56,10 +57,10 @@ VEXO_ZCE_API const char* GetCurUserName();
 // ---- clocks ----
 // One clock read each, no allocation, any thread.
 
-/// Real time in ns since 1970-01-01 00:00:00 UTC.
+/// Real time. @return ns since 1970-01-01 00:00:00 UTC.
 VEXO_ZCE_API unsigned long get_time();
 
-/// The same value as get_time().
+/// Real time. @return the same value as get_time().
 VEXO_ZCE_API unsigned long BrixGetTimeTamp();
 
 /// Real time elapsed since @p start.
@@ -67,7 +68,7 @@ VEXO_ZCE_API unsigned long BrixGetTimeTamp();
 /// @return ns; wraps to a huge number when the clock was set back behind @p start.
 VEXO_ZCE_API unsigned long BrixDiffTimeTamp(long start);
 
-/// Monotonic time in ns, counted from an unspecified point (usually power-on). Not touched by setting the clock.
+/// Monotonic time, which setting the clock does not touch. @return ns from an unspecified point, usually power-on.
 VEXO_ZCE_API unsigned long get_time_since_powerof();
 
 /// Busy-waits until the real-time clock shows at least @p start + @p ns. Never sleeps or yields: it uses the CPU
@@ -130,21 +131,25 @@ VEXO_ZCE_API long FillDebugFileHex(char* buffer, unsigned int bufferSize, int fd
 ///         characters of the one line that is printed. Only the printed line tells a gap for certain.
 VEXO_ZCE_API int CheckSeqNumIncre(unsigned int* lastSeqNums, unsigned int seqNum, unsigned char slot);
 
-/// Shifts the high 32-bit half of @p v left inside that half; the low half stays, nothing carries over.
+/// Shifts the high 32-bit half of a number left inside that half; the low half stays, nothing carries over. Any thread.
+/// @param v the number.
 /// @param n 1 to 31. 64 gives 0; 0 and 32 to 63 give @p v; any other number counts modulo 32.
-/// Any thread.
+/// @return the shifted number.
 VEXO_ZCE_API unsigned long Uti_MoveLeft64(unsigned long v, int n);
 
-/// Shifts the low 32-bit half of @p v right inside that half; the high half stays, nothing carries over.
-/// @param n as for Uti_MoveLeft64().
+/// Shifts the low 32-bit half of a number right inside that half; the high half stays, nothing carries over.
 /// Any thread.
+/// @param v the number.
+/// @param n as for Uti_MoveLeft64().
+/// @return the shifted number.
 VEXO_ZCE_API unsigned long Uti_MoveRight64(unsigned long v, int n);
 
-/// Always false: the library is built for little-endian hosts.
+/// Whether the host is big-endian. @return false: the library is built for little-endian hosts.
 VEXO_ZCE_API bool Uti_IsBigEndian();
 
-/// Size of a file in bytes, symbolic links followed.
-/// @return -1 when the file cannot be examined (errno tells why) or @p path is null. Any thread.
+/// Size of a file, symbolic links followed. Any thread.
+/// @param path path of the file; null counts as a file that cannot be examined.
+/// @return bytes; -1 when the file cannot be examined (errno tells why).
 VEXO_ZCE_API long Uti_GetFileSize(const char* path);
 
 // ---- network addresses as text ----
@@ -174,10 +179,10 @@ VEXO_ZCE_API int ipStr2val(const char* text, unsigned char* out);
 /// Whether the application should have the card reset; true at load. The library never changes it.
 extern VEXO_ZCE_API bool g_bFpgaNeedRst;
 
-/// The current value of g_bFpgaNeedRst.
+/// Reads g_bFpgaNeedRst. @return its current value.
 VEXO_ZCE_API bool IsNeedFpgaRst();
 
-/// Version of the library, "1.1.2.13"; static text, valid for ever. Any thread.
+/// Version of the library. Any thread. @return "1.1.2.13"; static text, valid for ever.
 VEXO_ZCE_API const char* GetUpDmaLibVersion();
 
 #endif

@@ -63,7 +63,7 @@ build_packages=(g++ cmake ninja-build libiniparser-dev)
 # What the tools need on top, unless -DVEXO_BUILD_TOOLS=OFF, and what the tests do.
 tool_packages=(libcli11-dev nlohmann-json3-dev)
 test_packages=(clang clang-format clang-tidy cppcheck pkg-config libgtest-dev libgmock-dev binutils tshark valgrind python3
-    man-db abigail-tools)
+    man-db abigail-tools doxygen)
 
 # Shows how far a long step is: in place on a terminal, a line a minute elsewhere.
 on_terminal() { [ -t 1 ] && [ "${TERM:-dumb}" != dumb ]; }

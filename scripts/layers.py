@@ -14,8 +14,8 @@ TABLE = "docs/layers.txt"
 PICTURE = "docs/figures/layers.svg"
 SOURCE = re.compile(r"\.(h|hpp|c|cc|cpp|ipp|inc|def)(\.in)?$")
 INCLUDE = re.compile(r"^\s*#\s*include\s*([<\"])([^>\"]+)[>\"]")
-# Headers that are installed are included as an application includes them: by their path below one of these.
-INSTALLED = ("include", "interface", "sim/include")
+# Headers that are installed or copied are included as an application includes them: by their path below one of these.
+INSTALLED = ("include", "interface", "sim/include", "examples")
 
 
 class Table:

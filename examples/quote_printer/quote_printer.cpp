@@ -9,6 +9,7 @@
 
 #include <dlfcn.h>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -16,6 +17,8 @@
 #include <cstring>
 
 #include <enyx-sim/md_payload.h>
+
+#include "program.h"
 
 namespace {
 
@@ -33,36 +36,32 @@ struct Options {
     unsigned long seconds = 0;  // 0 = until Ctrl-C
 };
 
-[[noreturn]] void Usage() {
-    std::fprintf(stderr,
-                 "usage: quote_printer INI [--quotes N] [--seconds S]\n"
-                 "  INI          configuration, such as examples/zce.ini\n"
-                 "  --quotes N   print at most N quotes of each packet type a second (default 3)\n"
-                 "  --seconds S  end after S seconds of receiving (default: on Ctrl-C)\n");
-    std::exit(2);
-}
-
-unsigned long Number(const char* text) {
-    char* end = nullptr;
-    const unsigned long value = std::strtoul(text, &end, 10);
-    if (*text < '0' || *text > '9' || *end != '\0') Usage();
-    return value;
-}
+constexpr char kUsage[] =
+    "usage: quote_printer INI [--quotes N] [--seconds S]\n"
+    "Prints a sample of the quotes of one channel, and totals once a second.\n"
+    "  INI          configuration, such as examples/zce.ini\n"
+    "  --quotes N   print at most N quotes of each packet type a second (default 3)\n"
+    "  --seconds S  end after S seconds of receiving (default: on Ctrl-C)\n"
+    "  --help       show this help and end\n"
+    "  --version    show the version of the library and end\n"
+    "Exit status: 0 after a stop signal or S seconds, 1 when the start-up failed, 2 for wrong usage.\n";
 
 Options ParseArguments(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--quotes") == 0 && i + 1 < argc) {
-            options.quotes = Number(argv[++i]);
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "--version") == 0) {
+            example::arguments(2, argv + i - 1, kUsage, 0, 0);  // shows it and ends
+        } else if (std::strcmp(argv[i], "--quotes") == 0 && i + 1 < argc) {
+            options.quotes = example::number(argv[++i], ULONG_MAX, kUsage);
         } else if (std::strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
-            options.seconds = Number(argv[++i]);
+            options.seconds = example::number(argv[++i], ULONG_MAX, kUsage);
         } else if (argv[i][0] != '-' && options.ini == nullptr) {
             options.ini = argv[i];
         } else {
-            Usage();
+            example::wrongUsage(kUsage);
         }
     }
-    if (options.ini == nullptr) Usage();
+    if (options.ini == nullptr) example::wrongUsage(kUsage);
     return options;
 }
 
@@ -157,7 +156,10 @@ int main(int argc, char** argv) {
     std::printf("quote_printer: library %s on %s card\n", GetUpDmaLibVersion(), simulated ? "a simulated" : "a real");
     QuotePrinter printer(simulated, options.quotes);
     IVexoZceMdApi* api = IVexoZceMdApi::CreateVexoZceMdApi();
-    if (api->VexoStart(printer, options.ini) != 0) return 1;
+    {
+        const example::FailedStart failed;
+        if (api->VexoStart(printer, options.ini) != 0) return 1;
+    }
     Receive(*api, printer, options.seconds);
     printer.PrintSummary();
     IVexoZceMdApi::DestroyVexoZceMdApi(*api);

@@ -117,7 +117,7 @@ def check_texts(root):
 
 
 def check_paths(root):
-    pages = [path for pattern in ("*.md", "docs/*.md", "bench/*.md", "sim/scenarios/*.md")
+    pages = [path for pattern in ("*.md", "docs/*.md", "docs/zh/*.md", "bench/*.md", "sim/scenarios/*.md")
              for path in sorted(glob.glob(os.path.join(root, pattern)))]
     count = 0
     for page in pages:

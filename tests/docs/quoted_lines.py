@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""quoted_lines.py SOURCES: every log line that docs/troubleshooting.md or `vexo check --after` quotes is in the sources.
+"""quoted_lines.py SOURCES: every log line that docs/troubleshooting.md, docs/guide.md, their Chinese twins or
+`vexo check --after` quote is in the sources.
 
 A quoted line is a code span in the first column of a table, or one that holds a blank elsewhere and ends as a line does.
 Its parts between "..." must be in one string of the library, the simulated card or a tool, in this order.
@@ -9,7 +10,8 @@ import re
 import sys
 
 sources = pathlib.Path(sys.argv[1])
-page = (sources / "docs/troubleshooting.md").read_text()
+pages = [(sources / "docs" / page).read_text(encoding="utf-8") for page in
+         ("troubleshooting.md", "guide.md", "zh/troubleshooting.md", "zh/guide.md")]
 table = sources / "tools/vexo/check/StartLines.cpp"  # quotes lines, as the page does
 code = [re.sub(r'"\s*\n?\s*"', "", path.read_text()) for room in ("src", "sim", "tools") for path in
         sorted((sources / room).rglob("*.cpp")) if path != table]
@@ -28,7 +30,7 @@ def matches(quoted):
 
 
 quotes = []
-for line in page.splitlines():
+for line in "\n".join(pages).splitlines():
     if line.startswith("| ") and not line.startswith("|---"):
         quotes += [span for span in re.findall(r"`([^`]+)`", line.split(" | ")[0]) if " " in span]
 rows = re.findall(r'\{"((?:[^"\\\n]|\\.)*)"', table.read_text())

@@ -29,27 +29,41 @@ EXPECTED_OUTPUT = [
     (r"^vexo-cardtest(?! --json)", r"[0-9]+ pass"),
     (r"^vexo check --config-only", r"no findings"),
     (r"^vexo check --keys", r"BIN_DELAY_TIME"),
+    (r"^vexo index$", r"complete: +yes"),
+    (r"^vexo log --level", r"WARN"),
+    (r"^vexo log --explain", r"what to do"),
     (r"^vexo plan .*--against", r"^    \+ MA[0-9]"),
     (r"^vexo plan .*second.ini", r"channel 1, the program of second.ini: [1-9]"),
     (r"^vexo plan .*list ", r"^old.ini:[0-9]+: error: .* CF matches none"),
     (r"^vexo plan ", r"^no findings"),
 ]
-# Programs that run until they are stopped, and how one sees that they work.
+# Programs that run until they are stopped, and how one sees that they work. "$log" has their output. One that learns
+# the contract map without a delay has also ended its day file, which the commands behind it may look at.
+RECEIVES = ("{ grep -q '^[1-9][0-9]* quotes' \"$log\" && "
+            "{ ! grep -q 'm_binDelayTime is 0$' \"$log\" || grep -q ' bin file is success' \"$log\"; }; }")
 UNTIL_STOPPED = [
     (r"^vexo-simcard(?! --(status|json|help))", "vexo-simcard --json >/dev/null 2>&1"),
-    (r"^vexo sim run -- \./app", "grep -q '^[1-9][0-9]* quotes' background.log"),
+    (r"^vexo sim run (--shared-day-file )?-- \./app", RECEIVES),
+    (r"^vexo sim run --hosted -- \.\.?/app", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
 ]
+# What goes on while others are typed, in other terminals: a hosted card and its users. A program with a card of its own
+# is ended as soon as it works, as Ctrl-C ends it for a reader.
+GOES_ON = r"^vexo-simcard| --hosted "
+BESIDE = r" --hosted "
 
 PRELUDE = """\
 set -euo pipefail
-background=
+background=() logs=()
+# Ends what runs in the background, the last one first.
 stop() {
-    [ -n "$background" ] || return 0
-    kill "$background"
-    wait "$background" || { echo "the program in the background ended with status $?"; cat background.log; exit 1; }
-    background=
+    local n
+    for ((n = ${#background[@]} - 1; n >= 0; --n)); do
+        kill "${background[n]}"
+        wait "${background[n]}" || { echo "the program in the background ended with status $?"; cat "${logs[n]}"; exit 1; }
+        unset "background[n]" "logs[n]"
+    done
 }
-trap '[ -z "$background" ] || kill "$background" || true' EXIT
+trap 'for process in "${background[@]}"; do kill "$process" || true; done' EXIT
 """
 
 
@@ -132,10 +146,12 @@ def script(page, text, skipped):
             ready = matching(UNTIL_STOPPED, command)
             expected = matching(EXPECTED_OUTPUT, command)
             if ready:
-                out.append(f"stop\n( exec {bare(command)} ) >background.log 2>&1 &\nbackground=$!\n"
+                out.append(("" if re.search(BESIDE, command) else "stop\n") +
+                           f"log=$(mktemp -p \"$HOME\")\n( exec {bare(command)} ) >\"$log\" 2>&1 &\n"
+                           f"background+=($!) logs+=(\"$log\")\n"
                            f"until {ready}; do\n"
-                           f"    kill -0 $background 2>/dev/null || {{ cat background.log; background=; exit 1; }}\n"
-                           f"    sleep 0.1\ndone\n")
+                           f"    kill -0 ${{background[-1]}} 2>/dev/null || {{ cat \"$log\"; exit 1; }}\n"
+                           f"    sleep 0.1\ndone\n" + ("" if re.search(GOES_ON, command) else "stop\n"))
             elif expected:
                 out.append(f"{{ {command}\n}} >output.log 2>&1 || {{ status=$?; cat output.log; exit $status; }}\n"
                            f"grep -qE {shlex.quote(expected)} output.log ||\n"

@@ -24,6 +24,15 @@ cmake --build "$work/cmake" >/dev/null
 # shellcheck disable=SC2046  # the flags are words
 g++ "$consumer/main.cpp" -o "$work/consumer-pkgconfig" $(package --cflags --libs)
 
+# The folder of examples builds by itself, wherever somebody copies it. tests/examples runs them in earnest.
+cp -r "$sources/examples" "$work/copied"
+cmake -G Ninja -S "$work/copied" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/examples" >/dev/null
+for program in blocking poll_loop several_channels several_processes framework_adapter quote_printer; do
+    LD_LIBRARY_PATH=$prefix/$libdir:$prefix/$libdir/vexo-sim "$work/examples/$program" --version >/dev/null ||
+        fail "the example $program does not run"
+done
+
 printf '[config]\ndevice = xilinx0:3\n' >"$work/zce.ini"
 cd "$work"
 for program in "$work/cmake/consumer" "$work/consumer-pkgconfig"; do

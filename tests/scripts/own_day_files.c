@@ -51,12 +51,15 @@ OPEN(open64)
 OPENAT(openat)
 OPENAT(openat64)
 
-int lstat(const char* path, struct stat* status) {
-    char room[4096];
-    int (*next)(const char*, struct stat*);
-    *(void**)&next = dlsym(RTLD_NEXT, "lstat");
-    return next(OwnPath(path, room, sizeof room), status);
-}
+#define STAT(name)                                             \
+    int name(const char* path, struct stat* status) {          \
+        char room[4096];                                       \
+        int (*next)(const char*, struct stat*);                \
+        *(void**)&next = dlsym(RTLD_NEXT, #name);              \
+        return next(OwnPath(path, room, sizeof room), status); \
+    }
+STAT(stat)
+STAT(lstat)
 
 int unlink(const char* path) {
     char room[4096];
