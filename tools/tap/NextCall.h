@@ -7,6 +7,14 @@
 
 namespace tap {
 
+/// Looks up a function of the hardware library. A program may have loaded that library for a plug-in alone, where the
+/// search behind this library does not find it. It then stays loaded, because its functions are kept.
+[[gnu::cold]] inline void* findNext(const char* name) {
+    if (void* const function = ::dlsym(RTLD_NEXT, name)) return function;
+    void* const library = ::dlopen("libenyx-hw-c.so.1", RTLD_LAZY | RTLD_NOLOAD);
+    return library != nullptr ? ::dlsym(library, name) : nullptr;
+}
+
 /// A function of the hardware library behind the tap. It is looked up at its first call, because that library may be
 /// loaded after the tap.
 template <typename Function>
@@ -30,7 +38,7 @@ public:
 
 private:
     [[gnu::cold, gnu::noinline]] Function* find() {
-        auto* function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, m_name));
+        auto* function = reinterpret_cast<Function*>(findNext(m_name));
         m_function.store(function, std::memory_order_relaxed);
         return function;
     }

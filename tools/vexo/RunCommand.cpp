@@ -39,7 +39,7 @@ struct Options {
 // the file, which the system releases however vexo ends.
 class OnlyOne {
 public:
-    explicit OnlyOne(const std::string& config) : m_fd(::open(config.c_str(), O_RDONLY | O_CLOEXEC)) {
+    explicit OnlyOne(const std::string& config) : m_fd(::open(config.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
         if (m_fd < 0 || ::flock(m_fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
         throw Failure(kFinding, config + ": another vexo run has this configuration, and its application has the " +
                                     "same stream; stop that one first");

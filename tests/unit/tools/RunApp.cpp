@@ -60,7 +60,8 @@ int Do(IVexoZceMdApi& api, const std::string& what) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+// Also for a program that loads this as a plug-in.
+extern "C" int runApp(int argc, char** argv) {
     if (argc != 3) return 2;
     Hold();
     NoQuotes quotes;
@@ -68,3 +69,7 @@ int main(int argc, char** argv) {
     if (api->VexoStart(quotes, argv[1]) != 0) return 1;
     return Do(*api, argv[2]);
 }
+
+#ifndef VEXO_PLUGIN
+int main(int argc, char** argv) { return runApp(argc, argv); }
+#endif

@@ -116,6 +116,12 @@ TEST_F(RunCommand, AnOrderlyEndIsZero) {
     EXPECT_THAT(dir.Read("c3.out"), HasSubstr("Init dma channel :CUSTOM_CHAN3_DATA success."));
 }
 
+TEST_F(RunCommand, SeesThePollsOfAPlugInThatHasItsLibrariesForItself) {
+    EXPECT_EQ(StatusOf({"c3.ini"}, {VEXO_RUN_HOST, "c3.ini", "end"}), 0) << Said() << dir.Read("c3.out");
+    EXPECT_THAT(Said(), HasSubstr("the stream is open"));
+    EXPECT_EQ(StatusOf({"c3.ini"}, {VEXO_COMMAND, "tap", "--", VEXO_RUN_HOST, "c3.ini", "three"}), 0);
+}
+
 TEST_F(RunCommand, AFailedStartIsExplainedAndIsNotZero) {
     EXPECT_EQ(StatusOf({"bad.ini"}, App("end", "bad.ini")), 4);
     EXPECT_THAT(Said(), HasSubstr("vexo run: the start failed while choosing card and channel: device in [config] is "

@@ -28,10 +28,10 @@ int Exited(int status) { return status << 8; }
 
 class EndOfAStart : public ::testing::Test {
 protected:
-    Ending Judge(const std::string& output, bool isMaster = false) {
+    Ending Judge(const std::string& output, bool isMaster = false, int status = 0) {
         dir.Write("app.out", output);
         Ended ended;
-        ended.waitStatus = Exited(0);
+        ended.waitStatus = Exited(status);
         ended.output = "app.out";
         ended.isMaster = isMaster;
         ended.isAttached = true;
@@ -123,6 +123,13 @@ TEST_F(EndOfAStart, AMasterThatFoundItsStreamTakenIsNotStartedAgain) {
     const Ending other = Judge(std::string(kBegin) + kTaken, false);
     EXPECT_EQ(other.status, kFinding);
     EXPECT_TRUE(other.again);
+}
+
+TEST_F(EndOfAStart, AStatusOfTheApplicationDoesNotHideAFailedStart) {
+    EXPECT_EQ(Judge(std::string(kBegin) + kTaken, true, 1).status, kUseless);
+    const Ending own = Judge(std::string(kBegin) + kOpen, false, 7);
+    EXPECT_EQ(own.status, 7);
+    EXPECT_TRUE(own.again);
 }
 
 TEST_F(EndOfAStart, ASecondChannelThatFailedIsAFailedStart) {

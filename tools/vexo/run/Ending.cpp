@@ -33,9 +33,7 @@ check::StartEnd readOutput(const std::string& file) {
     }
 }
 
-Ending withStatusZero(const Ended& ended) {
-    const check::StartEnd end = readOutput(ended.output);
-    if (end.line != nullptr) return failedStart(end, ended);
+Ending withStatusZero(const check::StartEnd& end, const Ended& ended) {
     if (ended.wasStopped) return {true, 0, false, "ended as asked"};
     if (ended.wasReady || end.opened) return {true, 0, false, "ended in order"};
     if (ended.isAttached)
@@ -57,7 +55,10 @@ Ending judge(const Ended& ended) {
     if (ended.wasStanding) return {false, kFinding, true, "ended because its polls stood still"};
     if (WIFSIGNALED(ended.waitStatus)) return bySignal(WTERMSIG(ended.waitStatus), ended.wasStopped);
     const int status = WEXITSTATUS(ended.waitStatus);
-    if (status == 0) return withStatusZero(ended);
+    const check::StartEnd end = readOutput(ended.output);
+    // Whatever the status: an application may have turned the library's 0 into another one.
+    if (end.line != nullptr) return failedStart(end, ended);
+    if (status == 0) return withStatusZero(end, ended);
     return {false, status, true, "ended with status " + std::to_string(status)};
 }
 
