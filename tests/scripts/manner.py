@@ -20,7 +20,7 @@ import threading
 sources, programs, day_files_library = map(pathlib.Path, sys.argv[1:4])
 version = sys.argv[4]
 PROGRAMS = ("vexo", "vexo-simcard", "vexo-cardtest", "quote_printer")
-STATUSES = {"0", "1", "2", "3", "126", "127", "else"}
+STATUSES = {"0", "1", "2", "3", "4", "126", "127", "else"}
 
 QUOTES = ["quote_printer", "demo.ini", "--seconds", "1"]
 # The command line that shows a result, its exit status, and where --json writes one object a line: on standard output,
