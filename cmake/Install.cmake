@@ -2,7 +2,7 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS vexo_zce_md EXPORT VexoZceMdTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT dev)
-install(FILES include/VexoZceMdApi.h include/VexoZceUtil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+install(FILES include/VexoZceMdApi.h include/VexoZceMdStats.h include/VexoZceMdStatsPage.h include/VexoZceUtil.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
 # The simulated card: where no loader looks by itself, so that it is never mistaken for the card's own library.
 install(TARGETS vexo_sim_hw LIBRARY DESTINATION ${VEXO_SIM_INSTALL_DIR} COMPONENT sim)

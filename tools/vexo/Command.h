@@ -39,6 +39,7 @@ void addIndex(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
 void addPlan(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);
+void addStat(CLI::App& app, Invocation& invocation);
 void addTap(CLI::App& app, Invocation& invocation);
 
 }  // namespace vexo

@@ -11,7 +11,7 @@ namespace {
 
 using namespace vexo;
 
-constexpr AddCommand kCommands[] = {addCheck, addIndex, addLog, addPlan, addSim, addTap};
+constexpr AddCommand kCommands[] = {addCheck, addIndex, addLog, addPlan, addSim, addStat, addTap};
 
 // CLI11 takes the words last one first.
 std::vector<std::string> reversed(std::vector<std::string> words) {
