@@ -13,8 +13,8 @@
 #ifndef VEXO_ZCE_MD_STATS_H
 #define VEXO_ZCE_MD_STATS_H
 
-#include <VexoZceMdApi.h>
-#include <VexoZceMdStatsPage.h>
+#include "VexoZceMdApi.h"
+#include "VexoZceMdStatsPage.h"
 
 #include <cpuid.h>
 #include <dirent.h>
