@@ -84,7 +84,7 @@ int receive(Quotes& quotes, const char* ini, int cpu) {
 
 int main(int argc, char** argv) {
     const auto words = example::arguments(argc, argv, kUsage, 1, 2);
-    const int cpu = words.size() == 2 ? static_cast<int>(example::number(words[1], 1023, kUsage)) : kNoCpu;
+    const int cpu = words.size() == 2 ? static_cast<int>(example::number(words[1], 1023)) : kNoCpu;
     Quotes quotes;
     std::future<int> status = std::async(std::launch::async, receive, std::ref(quotes), words[0], cpu);
 

@@ -6,6 +6,7 @@
 #include <VexoZceUtil.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -15,10 +16,14 @@
 
 namespace example {
 
-[[noreturn]] inline void wrongUsage(const char* usage) {
-    std::fputs(usage, stderr);
+/// Says which word of the command line is wrong, and where the help is. Ends the program with status 2.
+[[noreturn]] inline void wrongUsage(const char* word, const char* why) {
+    const char* program = program_invocation_short_name;
+    std::fprintf(stderr, "%s: %s: %s\nSee %s --help\n", program, word, why, program);
     std::exit(2);
 }
+
+inline void showVersion() { std::printf("%s %s\n", program_invocation_short_name, GetUpDmaLibVersion()); }
 
 /// The words of the command line. Ends the program for --help and --version with status 0, and with status 2 for any
 /// other option and for fewer than @p least or more than @p most words.
@@ -31,21 +36,24 @@ inline std::vector<const char*> arguments(int argc, char** argv, const char* usa
             std::exit(0);
         }
         if (std::strcmp(argv[i], "--version") == 0) {
-            std::printf("example of the library %s\n", GetUpDmaLibVersion());
+            showVersion();
             std::exit(0);
         }
-        if (argv[i][0] == '-') wrongUsage(usage);
+        if (argv[i][0] == '-') wrongUsage(argv[i], "there is no such option");
         words.push_back(argv[i]);
     }
-    if (words.size() < least || words.size() > most) wrongUsage(usage);
+    if (words.size() < least) wrongUsage(least == 1 ? "INI" : "arguments", "missing");
+    if (words.size() > most) wrongUsage(words[most], "there is no place for it");
     return words;
 }
 
 /// A whole number of the command line, from 0 to @p most.
-inline unsigned long number(const char* text, unsigned long most, const char* usage) {
+inline unsigned long number(const char* text, unsigned long most) {
     char* end = nullptr;
+    errno = 0;
     const unsigned long value = std::strtoul(text, &end, 10);
-    if (*text < '0' || *text > '9' || *end != '\0' || value > most) wrongUsage(usage);
+    if (*text < '0' || *text > '9' || *end != '\0' || errno != 0 || value > most)
+        wrongUsage(text, "this is no number, or it is too large");
     return value;
 }
 

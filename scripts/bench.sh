@@ -40,7 +40,7 @@ echo "Building (a minute or two the first time), then measuring (2 to 12 minutes
 build_preset "$vexo_root/build/bench-build.log" bench
 results=$vexo_root/build/bench/bench-results.json
 status=0
-python3 "$vexo_root/bench/run.py" --build "$vexo_root/build/bench" --out "$results" "${options[@]}" || status=$?
+while_showing "  measuring" python3 "$vexo_root/bench/run.py" --build "$vexo_root/build/bench" --out "$results" "${options[@]}" || status=$?
 if [ "$plots" = yes ]; then
     python3 "$vexo_root/bench/plots.py" "$results" "$vexo_root/docs/figures"
 fi

@@ -15,6 +15,81 @@ usage_error() {
     exit 2
 }
 
+# Shows how far a long step is: on a terminal in one place, with the time it has taken, on standard error; elsewhere a
+# line a minute.
+on_terminal() { [ -t 2 ] && [ "${TERM:-dumb}" != dumb ]; }
+progress_text='' progress_begun=$SECONDS next_progress=0
+begin_progress() {
+    progress_text=''
+    progress_begun=$SECONDS
+    next_progress=$((SECONDS + 60))
+}
+draw_progress() {  # TEXT SECONDS
+    printf '\r\033[K%s, %d:%02d' "$1" $(($2 / 60)) $(($2 % 60)) >&2
+}
+show_progress() {
+    progress_text=$1
+    if on_terminal; then
+        draw_progress "$1" $((SECONDS - progress_begun))
+    elif [ "$SECONDS" -ge "$next_progress" ]; then
+        printf '%s\n' "$1"
+        next_progress=$((SECONDS + 60))
+    fi
+}
+end_progress() {
+    if on_terminal; then printf '\r\033[K' >&2; fi
+    next_progress=$((SECONDS + 60))
+}
+
+# Reads a line of standard input into $line. While it waits, the time of the progress goes on. False at the end.
+next_line() {
+    local part status
+    line=
+    while :; do
+        part='' status=0
+        IFS= read -r -t 1 part || status=$?
+        line+=$part
+        [ "$status" -ne 0 ] || return 0
+        if [ "$status" -le 128 ]; then  # not the second that is over, but the end
+            [ -n "$line" ]
+            return
+        fi
+        [ -z "$progress_text" ] || show_progress "$progress_text"
+    done
+}
+
+into_file() {  # FILE COMMAND...
+    "${@:2}" >"$1" 2>&1
+}
+
+# Runs a command that tells nothing of how far it is. On a terminal the time goes on from the third second on, and what
+# the command writes comes at its end.
+while_showing() {  # TEXT COMMAND...
+    local text=$1 log ticker status=0
+    shift
+    if ! on_terminal; then
+        "$@"
+        return
+    fi
+    log=$(mktemp)
+    (
+        sleep 2
+        for ((seconds = 2; ; ++seconds)); do
+            kill -0 $$ 2>/dev/null || exit 0  # Ctrl-C has ended the script
+            draw_progress "$text" "$seconds"
+            sleep 1
+        done
+    ) &
+    ticker=$!
+    "$@" >"$log" 2>&1 || status=$?
+    kill "$ticker" 2>/dev/null || true
+    wait "$ticker" 2>/dev/null || true
+    printf '\r\033[K' >&2
+    cat "$log"
+    rm -f "$log"
+    return "$status"
+}
+
 # Runs a command and keeps its output to itself unless it fails.
 quietly() {
     local log status=0
@@ -46,7 +121,8 @@ need_packages() {
         as_root=(sudo)
     fi
     echo "Installing: ${missing[*]}"
-    quietly "${as_root[@]}" apt-get update </dev/null && quietly "${as_root[@]}" "${install[@]}" </dev/null || status=$?
+    while_showing "  fetching the lists" quietly "${as_root[@]}" apt-get update </dev/null &&
+        while_showing "  installing" quietly "${as_root[@]}" "${install[@]}" </dev/null || status=$?
     [ "$status" -ne 0 ] || return 0
     # apt-get itself fails with 100; any other status is sudo's.
     if [ ${#as_root[@]} -gt 0 ] && [ "$status" -ne 100 ]; then
@@ -65,27 +141,11 @@ tool_packages=(libcli11-dev libmicrohttpd-dev nlohmann-json3-dev)
 test_packages=(clang clang-format clang-tidy cppcheck pkg-config libgtest-dev libgmock-dev binutils tshark valgrind python3
     man-db abigail-tools doxygen)
 
-# Shows how far a long step is: in place on a terminal, a line a minute elsewhere.
-on_terminal() { [ -t 1 ] && [ "${TERM:-dumb}" != dumb ]; }
-next_progress=0
-show_progress() {
-    if on_terminal; then
-        printf '\r\033[K%s' "$1"
-    elif [ "$SECONDS" -ge "$next_progress" ]; then
-        printf '%s\n' "$1"
-        next_progress=$((SECONDS + 60))
-    fi
-}
-end_progress() {
-    if on_terminal; then printf '\r\033[K'; fi
-    next_progress=$((SECONDS + 60))
-}
-
 # Reads the output of a build, keeps it in LOG and shows the number of steps done.
 report_build() {
     local log=$1 line
-    next_progress=$((SECONDS + 60))
-    while IFS= read -r line || [ -n "$line" ]; do
+    begin_progress
+    while next_line; do
         printf '%s\n' "$line" >>"$log"
         if [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]]; then
             show_progress "  built ${BASH_REMATCH[1]} of ${BASH_REMATCH[2]} steps"
@@ -112,8 +172,8 @@ show_skip_reasons() {
 # skipped and why, and ctest's summary; tests that passed are in LOG only.
 report_tests() {
     local log=$1 line show=yes summary=() skipped=no
-    next_progress=$((SECONDS + 60))
-    while IFS= read -r line || [ -n "$line" ]; do
+    begin_progress
+    while next_line; do
         printf '%s\n' "$line" >>"$log"
         if [ ${#summary[@]} -gt 0 ] || [[ $line =~ ^[0-9]+%\ tests\ passed ]]; then
             summary+=("$line")

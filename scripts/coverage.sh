@@ -16,5 +16,5 @@ find build/coverage -name '*.gcda' -delete
 : >"$log-test.log"
 test_preset "$log-test.log" coverage
 # Branches that the compiler makes for exceptions of every call are not the source's: they are left out.
-gcovr --root . --filter 'src/' --object-directory build/coverage --exclude-throw-branches \
+while_showing "  counting" gcovr --root . --filter 'src/' --object-directory build/coverage --exclude-throw-branches \
       --fail-under-line 97 --fail-under-branch 90 --print-summary

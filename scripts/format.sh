@@ -3,7 +3,8 @@
 #     scripts/format.sh           rewrites what is not formatted
 #     scripts/format.sh --check   names what is not, and fails; exit status 77 without clang-format 14
 set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+cd "$vexo_root"
 
 usage() {
     sed -n '2,4s/^# \?//p' "${BASH_SOURCE[0]}"
@@ -30,6 +31,9 @@ if [ -z "$formatter" ]; then
     exit 77
 fi
 
-find bench capture examples include interface sim src tests tools \
-     \( -name '*.h' -o -name '*.c' -o -name '*.cpp' \) -print0 |
-    xargs -0 -P 2 -n 40 "$formatter" "${mode[@]}" --style=file
+format_all() {
+    find bench capture examples include interface sim src tests tools \
+         \( -name '*.h' -o -name '*.c' -o -name '*.cpp' \) -print0 |
+        xargs -0 -P 2 -n 40 "$formatter" "${mode[@]}" --style=file
+}
+while_showing "  formatting" format_all

@@ -24,11 +24,19 @@ fi
 
 need_packages "${build_packages[@]}" "${tool_packages[@]}" debhelper dpkg-dev fakeroot lintian python3
 packages=$vexo_root/build/packages
-tree=$packages/vexo-zce-md
 rm -rf "$packages"
-mkdir -p "$tree"
+mkdir -p "$packages"
+# debian/rules could not take a path with a blank, and the one of the sources may have some.
+work=$(mktemp -d "${TMPDIR:-/var/tmp}/vexo-packages.XXXXXX")
+tree=$work/vexo-zce-md fresh=$work/fresh
+cleanup() {
+    ! mountpoint -q "$fresh/proc" || umount "$fresh/proc"
+    rm -rf --one-file-system "$work"
+}
+trap cleanup EXIT
 # What git tracks and what it would track: neither build folders nor logs get into a package.
-(cd "$vexo_root" && git ls-files -z --cached --others --exclude-standard |
+mkdir "$tree"
+(cd "$vexo_root" && git -c safe.directory="$vexo_root" ls-files -z --cached --others --exclude-standard |
     while IFS= read -r -d '' file; do [ ! -f "$file" ] || printf '%s\0' "$file"; done |
     tar --null -T - -cf -) | tar -C "$tree" -xf -
 cp -r "$tree/packaging/debian" "$tree/debian"
@@ -39,38 +47,17 @@ echo "Building the packages (some minutes); the whole output is in $log"
     echo "Building the packages failed. The whole output is in $log" >&2
     exit 1
 }
-lintian --fail-on error,warning "$packages"/*.changes
+while_showing "  checking with lintian" lintian --allow-root --fail-on error,warning "$work"/*.changes
+mv "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo "$packages"
 rm -rf "$tree"
 echo "The packages are in $packages:"
 (cd "$packages" && ls ./*.deb)
 [ "$try" = yes ] || exit 0
 
 need_packages debootstrap
-fresh=$packages/fresh
 log=$packages/try.log
-inside() { chroot "$fresh" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"; }
-cleanup() {
-    ! mountpoint -q "$fresh/proc" || umount "$fresh/proc"
-    rm -rf --one-file-system "$fresh"
-}
-trap cleanup EXIT
-try_packages() {
-    debootstrap --variant=minbase bookworm "$fresh"
-    mount -t proc proc "$fresh/proc"
-    mkdir -p "$fresh/sources/build/packages"
-    cp "$packages"/*.deb "$fresh/sources/build/packages"
-    cp -r "$vexo_root/README.md" "$vexo_root/packaging/debian/tests" "$fresh/sources"
-    inside apt-get update
-    inside apt-get install -y --no-install-recommends cmake g++ ninja-build pkg-config procps
-    local line
-    # As README types it: first without the simulated card.
-    while IFS= read -r line; do
-        inside sh -euc "cd /sources && $line --yes --no-install-recommends"
-        inside sh -euc "cd /sources && if [ ! -e /tmp/vexo-consumer ]; then tests/consumer build; else tests/consumer run; fi"
-    done < <(sed -n 's/^    \(apt-get install .*\)/\1/p' "$vexo_root/README.md")
-}
 echo "Trying them in a fresh Debian (some minutes); the whole output is in $log"
-if ! try_packages >"$log" 2>&1; then
+if ! while_showing "  trying" into_file "$log" "$vexo_root/packaging/try.sh" "$packages" "$fresh"; then
     tail -n 40 "$log" >&2
     echo "The packages do not work in a fresh Debian. The whole output is in $log" >&2
     exit 1

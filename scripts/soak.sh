@@ -42,7 +42,7 @@ found=0
 for campaign in "${campaigns[@]}"; do
     log=$VEXO_SOAK_DIR/$campaign.log
     echo "$campaign: running; its output is in $log"
-    if bash "$vexo_root/scripts/soak/$campaign.sh" >"$log" 2>&1; then
+    if while_showing "  $campaign" into_file "$log" bash "$vexo_root/scripts/soak/$campaign.sh"; then
         echo "$campaign: $(tail -n 1 "$log")"
     else
         found=1

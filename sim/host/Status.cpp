@@ -39,6 +39,11 @@ Json toObject(const Holder& holder) {
 
 std::string number(std::uint64_t value) { return std::to_string(value); }
 
+Json exact(std::uint64_t value) {
+    constexpr std::uint64_t kExact = std::uint64_t{1} << 53;  // readers may keep numbers as doubles
+    return value <= kExact ? Json(value) : Json(number(value));
+}
+
 // Six digits: the card shows 09:05:00 as 90500.
 std::string timeOfDay(std::uint32_t time) {
     const std::string digits = number(time);
@@ -66,7 +71,7 @@ constexpr CardField kFirstLine[] = {
     {"bus", [](Status s) { return Json(s.bus); }, [](Status s) { return "simulated card at bus " + number(s.bus); }},
     {"host", [](Status s) { return toObject(s.host); }, [](Status s) { return toText(s.host); }},
     {"pace", [](Status s) { return Json(s.pace); }, [](Status s) { return "pace " + s.pace; }},
-    {"uptime_s", [](Status s) { return Json(s.uptimeSeconds); },
+    {"uptime_s", [](Status s) { return exact(s.uptimeSeconds); },
      [](Status s) { return "up " + number(s.uptimeSeconds) + "s"; }},
     {"scenario", [](Status s) { return Json(s.scenario); },
      [](Status s) { return s.scenario.empty() ? "" : "scenario " + s.scenario; }},
@@ -99,6 +104,7 @@ struct ChannelField {
     Json (*value)(const ChannelStatus& c);
     const char* heading;
     int width;
+    bool isLoss = false;
 };
 
 using Channel = const ChannelStatus&;
@@ -107,9 +113,9 @@ constexpr ChannelField kChannelFields[] = {
     {"open", [](Channel c) { return Json(c.open); }, nullptr, 0},
     {"holder", [](Channel c) { return c.holder ? toObject(*c.holder) : Json(); }, nullptr, 0},
     {"packets", [](Channel c) { return Json(c.packets); }, "packets", 12},
-    {"drops", [](Channel c) { return Json(c.drops); }, "drops", 12},
-    {"queued_bytes", [](Channel c) { return Json(c.queuedBytes); }, "queued", 12},
-    {"sent_packets", [](Channel c) { return Json(c.sentPackets); }, nullptr, 0},
+    {"drops", [](Channel c) { return Json(c.drops); }, "drops", 12, true},
+    {"queued_bytes", [](Channel c) { return exact(c.queuedBytes); }, "queued", 12},
+    {"sent_packets", [](Channel c) { return exact(c.sentPackets); }, nullptr, 0},
 };
 
 template <std::size_t n>
@@ -133,13 +139,28 @@ Json toObject(const ChannelStatus& channel) {
     return object;
 }
 
-// One line of the table of streams. @p cell gives the text of a field.
-template <typename Cell>
-std::string rowOf(Cell cell, const std::string& holder) {
+constexpr char kHeadingColor[] = "\033[1m";
+constexpr char kLossColor[] = "\033[31m";
+constexpr char kNoColor[] = "\033[0m";
+
+std::string headingRow() {
     std::ostringstream row;
     for (const ChannelField& field : kChannelFields)
-        if (field.heading != nullptr) row << (row.tellp() > 0 ? " " : "") << std::setw(field.width) << cell(field);
-    row << "  " << holder << '\n';
+        if (field.heading != nullptr) row << std::setw(field.width) << field.heading << ' ';
+    row << " held by";
+    return row.str();
+}
+
+// A stream that loses packets shows how many in a colour.
+std::string rowOf(const ChannelStatus& channel, TextStyle style) {
+    std::ostringstream row;
+    for (const ChannelField& field : kChannelFields) {
+        if (field.heading == nullptr) continue;
+        const bool colored = style == TextStyle::kColored && field.isLoss && channel.drops > 0;
+        row << (colored ? kLossColor : "") << std::setw(field.width) << field.value(channel).dump()
+            << (colored ? kNoColor : "") << ' ';
+    }
+    row << ' ' << (channel.holder ? toText(*channel.holder) : "nobody") << '\n';
     return row.str();
 }
 
@@ -188,13 +209,11 @@ std::string toJson(const CardStatus& status) {
     return all.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-std::string toText(const CardStatus& status) {
+std::string toText(const CardStatus& status, TextStyle style) {
     std::string text = lineOf(kFirstLine, status) + lineOf(kSecondLine, status);
-    text += rowOf([](const ChannelField& field) { return std::string(field.heading); }, "held by");
-    for (const ChannelStatus& c : status.channels)
-        if (c.open || c.holder)
-            text += rowOf([&c](const ChannelField& field) { return field.value(c).dump(); },
-                          c.holder ? toText(*c.holder) : "nobody");
+    text += style == TextStyle::kColored ? kHeadingColor + headingRow() + kNoColor + "\n" : headingRow() + "\n";
+    for (const ChannelStatus& channel : status.channels)
+        if (channel.open || channel.holder) text += rowOf(channel, style);
     return text;
 }
 

@@ -43,9 +43,11 @@ struct CardStatus {
 /// when the card cannot be locked: a line on standard error says who holds it.
 std::optional<CardStatus> readStatus(SharedCard& card);
 
-/// One JSON object, indented.
+/// One JSON object, indented. A number beyond 2^53, which not every reader keeps exactly, is a text.
 std::string toJson(const CardStatus& status);
+enum class TextStyle { kPlain, kColored };
+
 /// A few lines for a terminal: the card, and each stream that is open or held.
-std::string toText(const CardStatus& status);
+std::string toText(const CardStatus& status, TextStyle style = TextStyle::kPlain);
 
 }  // namespace vexo_sim

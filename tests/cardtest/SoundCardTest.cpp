@@ -138,6 +138,7 @@ TEST_F(HostedCard, WithoutItsHostIsNoCard) {
     EXPECT_EQ(run.status, 3);
     EXPECT_EQ(run.output, "");
     EXPECT_THAT(run.errors, HasSubstr("vexo-cardtest: no card to test: card at bus 0"));
+    EXPECT_THAT(run.errors, HasSubstr("To have a simulated card at this bus: vexo-simcard --bus 0\n"));
 }
 
 TEST_F(HostedCard, IsTestedAtItsBusOnTheStreamThatWasAskedFor) {

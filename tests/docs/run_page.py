@@ -22,10 +22,11 @@ HERE = pathlib.Path(__file__).resolve().parent
 
 # A start-up that fails ends a program with status 0, and a filter may find nothing: what a command has to print.
 EXPECTED_OUTPUT = [
+    (r"^vexo run", r"ended in order"),
     (r"^quote_printer|-- quote_printer", r"received [1-9][0-9]* quotes"),
     (r"^tshark ", r"[^ ]"),
     (r"^vexo-simcard --status", r"learned [0-9]"),
-    (r"^vexo-cardtest(?! --json)", r"[0-9]+ pass"),
+    (r"^vexo-cardtest(?! --(json|version))", r"[0-9]+ pass"),
     (r"^vexo check --config-only", r"no findings"),
     (r"^vexo stat$", r"[1-9][0-9,]* idle, 0 failed"),
     (r"^vexo stat --loss", r"^quote_printer [0-9]+ +0 +0 +[1-9]"),
@@ -44,7 +45,7 @@ EXPECTED_OUTPUT = [
 RECEIVES = ("{ grep -q '^[1-9][0-9]* quotes' \"$log\" && "
             "{ ! grep -q 'm_binDelayTime is 0$' \"$log\" || grep -q ' bin file is success' \"$log\"; }; }")
 UNTIL_STOPPED = [
-    (r"^vexo-simcard(?! --(status|json|help))", "vexo-simcard --json >/dev/null 2>&1"),
+    (r"^vexo-simcard(?! --(status|json|help|version))", "vexo-simcard --json >/dev/null 2>&1"),
     (r"^vexo sim run (--shared-day-file )?-- \./app", RECEIVES),
     (r"^vexo sim run --hosted -- \.\.?/app", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
 ]

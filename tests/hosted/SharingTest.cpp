@@ -114,7 +114,7 @@ TEST_F(Sharing, TheHostShowsItsCardOnATerminalAndLeavesWhatItLastWas) {
 
 TEST_F(Sharing, WithoutAHostTheStatusSaysHowToStartOne) {
     Process status({VEXO_SIMCARD, "--json", "--bus", "3"}, {}, directory.Path() + "/err");
-    EXPECT_EQ(status.Wait(), 1);
+    EXPECT_EQ(status.Wait(), 3);
     EXPECT_EQ(ReadFile(directory.Path() + "/err"),
               "vexo-simcard: no card is hosted at bus 3. Start one: vexo-simcard --bus 3\n");
 }

@@ -158,12 +158,34 @@ progress)
     run 'unset SECONDS; SECONDS=0; on_terminal() { false; }
          show_progress first; show_progress second; SECONDS=60; show_progress third'
     [ "$(cat "$work/out")" = $'first\nthird' ] || fail "not a line a minute"
-    run 'on_terminal() { true; }; show_progress first; show_progress second; end_progress'
-    [ "$(cat "$work/out")" = $'\r\033[Kfirst\r\033[Ksecond\r\033[K' ] || fail "not always the same line"
+    run 'on_terminal() { true; }; unset SECONDS; SECONDS=0; begin_progress
+         show_progress first; SECONDS=75; show_progress second; end_progress'
+    [ "$(cat "$work/out")" = $'\r\033[Kfirst, 0:00\r\033[Ksecond, 1:15\r\033[K' ] || fail "not always the same line"
     run 'on_terminal() { true; }; echo "[3/7] Building" | report_build '"$work/log"
     says 'built 3 of 7 steps'
     run 'on_terminal() { true; }; echo " 3/7 Test  #3: Good ....   Passed    0.01 sec" | report_tests '"$work/log $work/none"
     says 'ran 3 of 7 tests'
+    # A step that takes long: the time goes on. The part of a line that is there meanwhile is not lost.
+    rm "$work/log"
+    until_shown="until grep -q 'built 2 of 7 steps, 0:[0-9]*[1-9]' '$work/out'; do sleep 0.1; done"
+    run 'on_terminal() { true; }
+         { echo "[2/7] First"; printf "[3/7] Bui"; '"$until_shown"'; printf "lding\n[4/7] Linking"; } |
+             report_build '"$work/log"
+    [ "$(cat "$work/log")" = $'[2/7] First\n[3/7] Building\n[4/7] Linking' ] || fail "the log is not the build's output"
+    says 'built 4 of 7 steps'
+    # Standard output is the result's.
+    run 'on_terminal() { true; }; show_progress first 2>/dev/null'
+    [ ! -s "$work/out" ] || fail "progress is not on standard error"
+    ;;
+long_command)
+    run 'on_terminal() { true; }; while_showing "  waiting" bash -c "echo result; until grep -q waiting '"$work/out"'; do sleep 0.1; done; exit 7" ||
+             echo "status $?"'
+    says $'\r\033[K  waiting, 0:02'
+    says_lines $'\r\033[Kresult\nstatus 7'
+    run 'on_terminal() { false; }; while_showing "  waiting" bash -c "echo result; exit 7" || echo "status $?"'
+    [ "$(cat "$work/out")" = $'result\nstatus 7' ] || fail "something else than the command's output without a terminal"
+    run 'TERM=dumb; on_terminal || echo none'
+    says none
     ;;
 demo_folder)
     # A project of one target in the place of the sources: which build folder does the demo make?

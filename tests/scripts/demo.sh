@@ -68,7 +68,8 @@ wrong_options)
         # shellcheck disable=SC2086  # words on purpose
         "$build/bin/quote_printer" $words >"$work/out" 2>&1 || status=$?
         [ "$status" -eq 2 ] || fail "quote_printer $words ended with $status"
-        says '^usage: quote_printer INI'
+        says '^quote_printer: '
+        says '^See quote_printer --help'
     done
     ;;
 live)

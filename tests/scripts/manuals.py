@@ -54,6 +54,25 @@ def manual_options(text):
             for word in re.findall(r"(?<![\w-])--?[a-z][a-z-]*", line)}
 
 
+def statuses_of(text):
+    """The table of exit statuses in a text, with its words as they are."""
+    table = re.search(r"^Exit status:\n((?: {2}\S.*\n)*)", text, re.M)
+    return {tuple(re.match(r" {2}(\w+) +(.*)", line).groups()) for line in table.group(1).splitlines()} if table else set()
+
+
+def manual_statuses(page, path):
+    """The same of the manual page: below EXIT STATUS, and there below the title of a subcommand."""
+    text = re.search(r"^EXIT STATUS\n((?: .*\n|\n)*)", page, re.M).group(1)
+    parts = re.split(r"^ {3}(\S.*)\n", text, flags=re.M)
+    if len(path) > 1:
+        name = " ".join(path)
+        text = parts[parts.index(name) + 1] if name in parts else ""
+    else:
+        text = parts[0]
+    entries = re.findall(r"^ {7}(\w+) +(\S.*(?:\n {10,}\S.*)*)", text, re.M)
+    return {(status, re.sub(r"\s+", " ", words).rstrip(".")) for status, words in entries}
+
+
 def completed_by_bash(path):
     """What bash offers for an empty word after these words."""
     words = " ".join(f"'{word}'" for word in path)
@@ -80,8 +99,10 @@ def check_program(program):
         if "--help" not in options:
             problems.append(f"{name} --help was not understood")
         if page is not None:
-            said = manual_options(manual_section(page, path)) | ({"-h", "--help"} if len(path) > 1 else set())
+            said = manual_options(manual_section(page, path)) | ({"-h", "--help", "--version"} if len(path) > 1 else set())
             check(f"the manual page of {name}", said, options)
+            check(f"EXIT STATUS of {name}", {" ".join(row) for row in manual_statuses(page, path)},
+                  {" ".join(row) for row in statuses_of(text)})
             check(f"the synopsis of {name}", {name} if commands or name in page else set(), {name})
         files = set(os.listdir(os.path.join(manuals_directory, "zsh"))) if section(text, "Positionals") else set()
         check(f"bash after {name}", completed_by_bash(path) - files, options | commands | takes_program)

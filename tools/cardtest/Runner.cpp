@@ -22,6 +22,8 @@
 namespace cardtest {
 namespace {
 
+constexpr std::int64_t kBetweenLooksMs = 250;
+
 using Words = std::vector<std::string>;
 
 // The answer of a child process: its words, or how it ended when it has none.
@@ -51,11 +53,15 @@ void writeAll(int file, const std::string& text) {
 }
 
 // False when the time is over.
-bool readAll(int file, std::uint32_t seconds, std::string& text) {
+bool readAll(int file, std::uint32_t seconds, std::string& text, const std::function<void()>& waiting) {
     for (const std::int64_t end = nowMs() + std::int64_t{seconds} * 1000;;) {
         const std::int64_t left = end - nowMs();
-        pollfd waiting{file, POLLIN, 0};
-        if (left <= 0 || ::poll(&waiting, 1, static_cast<int>(left)) == 0) return false;
+        if (left <= 0) return false;
+        pollfd ready{file, POLLIN, 0};
+        if (::poll(&ready, 1, static_cast<int>(std::min(left, kBetweenLooksMs))) == 0) {
+            if (waiting) waiting();
+            continue;
+        }
         char part[512];
         const ssize_t length = read(file, part, sizeof part);
         if (length == 0) return true;
@@ -68,7 +74,8 @@ std::string howItEnded(int status) {
     return "the process died of signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
 }
 
-Answer askChild(const std::function<Words()>& work, std::uint32_t seconds, bool silent) {
+Answer askChild(const std::function<Words()>& work, std::uint32_t seconds, bool silent,
+                const std::function<void()>& waiting = {}) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return {{}, "no pipe: " + errnoText(errno)};
     std::fflush(nullptr);
@@ -76,7 +83,7 @@ Answer askChild(const std::function<Words()>& work, std::uint32_t seconds, bool 
     if (child == 0) answer(ends[1], work, silent);
     close(ends[1]);
     std::string text;
-    const bool finished = child > 0 && readAll(ends[0], seconds, text);
+    const bool finished = child > 0 && readAll(ends[0], seconds, text, waiting);
     close(ends[0]);
     if (child < 0) return {{}, "no process: " + errnoText(errno)};
     if (!finished) kill(child, SIGKILL);
@@ -169,9 +176,10 @@ std::optional<MetCard> meetCard(const TestPlan& plan, std::string& error) {
     return met;
 }
 
-CheckResult runCheck(const Check& check, const TestPlan& plan, const CheckLimits& limits) {
+CheckResult runCheck(const Check& check, const TestPlan& plan, const CheckLimits& limits,
+                     const std::function<void()>& waiting) {
     if (check.writes && !plan.write) return {&check, Verdict::kUntestable, {}, {}, "needs --write"};
-    const Answer answer = askChild([&] { return wordsOf(check, plan); }, limits.seconds, !limits.verbose);
+    const Answer answer = askChild([&] { return wordsOf(check, plan); }, limits.seconds, !limits.verbose, waiting);
     const Words& words = answer.words;
     if (words.empty()) return {&check, Verdict::kFail, "an end of the check", answer.end, {}};
     if (words[0] == "fail") return {&check, Verdict::kFail, words.at(1), words.at(2), {}};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -34,6 +35,8 @@ struct CheckLimits {
 };
 
 /// Runs one check in a process of its own: a card that makes it crash or hang fails only that check.
-CheckResult runCheck(const Check& check, const TestPlan& plan, const CheckLimits& limits);
+/// @param waiting  called a few times a second meanwhile
+CheckResult runCheck(const Check& check, const TestPlan& plan, const CheckLimits& limits,
+                     const std::function<void()>& waiting);
 
 }  // namespace cardtest

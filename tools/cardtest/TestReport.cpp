@@ -6,10 +6,13 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "tools/cli/Color.h"
+
 namespace cardtest {
 namespace {
 
 constexpr int kNameWidth = 21;
+constexpr std::size_t kVerdictWidth = 14;
 constexpr char kDetail[] = "                ";
 
 const char* text(Verdict verdict) {
@@ -19,6 +22,15 @@ const char* text(Verdict verdict) {
         case Verdict::kUntestable: break;
     }
     return "not testable";
+}
+
+const char* colorOf(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::kPass: return cli::kGreen;
+        case Verdict::kFail: return cli::kBoldRed;
+        case Verdict::kUntestable: break;
+    }
+    return cli::kYellow;
 }
 
 // What writing checks could not put back, each thing once.
@@ -51,6 +63,14 @@ std::string listText() {
     return out.str();
 }
 
+std::string listJson() {
+    nlohmann::ordered_json checks = nlohmann::ordered_json::array();
+    for (const Check& check : allChecks())
+        checks.push_back(
+            {{"group", check.group}, {"name", check.name}, {"promise", check.promise}, {"write", check.writes}});
+    return nlohmann::ordered_json{{"checks", checks}}.dump(2) + '\n';
+}
+
 std::string headText(const MetCard& met) {
     std::ostringstream out;
     out << "Bus " << met.plan.bus << ": " << kindOf(met) << ", through " << met.library << '\n';
@@ -62,11 +82,13 @@ std::string headText(const MetCard& met) {
     return out.str();
 }
 
-std::string resultText(const CheckResult& result, const CheckResult* before) {
+std::string resultText(const CheckResult& result, const CheckResult* before, bool colored) {
     std::ostringstream out;
     if (before == nullptr || std::strcmp(before->check->group, result.check->group) != 0)
         out << '\n' << result.check->group << '\n';
-    out << "  " << std::left << std::setw(14) << text(result.verdict) << std::setw(kNameWidth) << result.check->name
+    const std::string verdict = text(result.verdict);
+    out << "  " << cli::painted(verdict, colorOf(result.verdict), colored)
+        << std::string(kVerdictWidth - verdict.size(), ' ') << std::left << std::setw(kNameWidth) << result.check->name
         << result.check->promise << '\n';
     if (result.verdict == Verdict::kFail)
         out << kDetail << "expected: " << result.expected << '\n' << kDetail << "seen:     " << result.seen << '\n';

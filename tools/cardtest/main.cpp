@@ -14,28 +14,27 @@
 #include "tools/cardtest/Helper.h"
 #include "tools/cardtest/Runner.h"
 #include "tools/cardtest/TestReport.h"
+#include "tools/cli/Color.h"
+#include "tools/cli/Manner.h"
 #include "tools/cli/OptionTree.h"
+#include "tools/cli/Progress.h"
 
 using namespace cardtest;
 
 namespace {
-
-enum ExitStatus { kAllKept = 0, kBroken = 1, kUsage = 2, kNoCard = 3 };
 
 struct Arguments {
     TestPlan plan;
     CheckLimits limits;
     std::string library;
     std::vector<std::string> only;
+    std::string color;
     bool list = false;
     bool json = false;
     bool inUse = false;
 };
 
-int fail(ExitStatus status, const std::string& text) {
-    std::fprintf(stderr, "vexo-cardtest: %s\n", text.c_str());
-    return status;
-}
+int fail(int status, const std::string& text) { return cli::fail("vexo-cardtest", status, text); }
 
 // Starts the program anew with the library in LD_PRELOAD, so that every process of a run, helpers included, has the
 // same.
@@ -44,8 +43,8 @@ int useLibrary(const std::string& library, char** argv) {
     std::string ignored;
     loadCardLibrary(ignored);
     if (realpath(library.c_str(), path) == nullptr || access(path, R_OK) != 0)
-        return fail(kUsage, "--library " + library + ": " + std::strerror(errno));
-    if (libraryInUse() == path) return kAllKept;
+        return fail(cli::kUsage, "--library " + library + ": " + std::strerror(errno));
+    if (libraryInUse() == path) return cli::kFine;
     // The loader splits LD_PRELOAD at blanks, but not LD_LIBRARY_PATH, where it looks for a name without a directory.
     std::string name = path;
     const bool blank = name.find_first_of(" \t") != std::string::npos;
@@ -53,8 +52,8 @@ int useLibrary(const std::string& library, char** argv) {
     const char* before = std::getenv("LD_PRELOAD");
     const std::string chain = before != nullptr ? before : "";
     if (chain.rfind(name, 0) == 0)
-        return fail(kUsage, "--library " + library + ": the loader does not take the calls from it, but from " +
-                                (libraryInUse().empty() ? "no library" : libraryInUse()));
+        return fail(cli::kUsage, "--library " + library + ": the loader does not take the calls from it, but from " +
+                                     (libraryInUse().empty() ? "no library" : libraryInUse()));
     if (blank) {
         const char* directories = std::getenv("LD_LIBRARY_PATH");
         const std::string own(path, std::strlen(path) - name.size() - 1);
@@ -62,7 +61,7 @@ int useLibrary(const std::string& library, char** argv) {
     }
     setenv("LD_PRELOAD", (name + (chain.empty() ? "" : ":" + chain)).c_str(), 1);
     execv("/proc/self/exe", argv);
-    return fail(kUsage, std::string("cannot start anew: ") + std::strerror(errno));
+    return fail(cli::kUsage, std::string("cannot start anew: ") + std::strerror(errno));
 }
 
 bool isWanted(const Check& check, const std::vector<std::string>& only) {
@@ -77,11 +76,15 @@ std::string unknownCheck(const std::string& name) {
 
 std::vector<CheckResult> runAll(const Arguments& arguments, const TestPlan& plan) {
     std::vector<CheckResult> results;
+    const bool colored = cli::isColored(arguments.color);
+    cli::Progress progress;
     for (const Check& check : allChecks()) {
         if (!isWanted(check, arguments.only)) continue;
-        CheckResult result = runCheck(check, plan, arguments.limits);
+        CheckResult result = runCheck(check, plan, arguments.limits,
+                                      [&] { progress.show("checking " + std::string(check.name)); });
+        progress.clear();
         const CheckResult* before = results.empty() ? nullptr : &results.back();
-        if (!arguments.json) std::fputs(resultText(result, before).c_str(), stdout);
+        if (!arguments.json) std::fputs(resultText(result, before, colored).c_str(), stdout);
         std::fflush(stdout);
         results.push_back(std::move(result));
     }
@@ -90,21 +93,26 @@ std::vector<CheckResult> runAll(const Arguments& arguments, const TestPlan& plan
 
 int testCard(const Arguments& arguments) {
     std::string error;
-    if (!loadCardLibrary(error)) return fail(kNoCard, "no card to test: " + error);
+    if (!loadCardLibrary(error)) return fail(cli::kNoCard, "no card to test: " + error);
     const std::optional<MetCard> met = meetCard(arguments.plan, error);
-    if (!met) return fail(kNoCard, "no card to test: " + error);
+    if (!met) {
+        const std::string bus = std::to_string(arguments.plan.bus);
+        return fail(cli::kNoCard, "no card to test: " + error +
+                                      "\nCheck the bus number (--bus) and the card's driver. To have a simulated card "
+                                      "at this bus: vexo-simcard --bus " +
+                                      bus);
+    }
     if (!met->heldStreams.empty() && !arguments.inUse)
-        return fail(kUsage, "--write: another process holds stream " + met->heldStreams +
-                                ", and would lose what it "
-                                "has subscribed. Stop it first, or insist with --in-use.");
+        return fail(cli::kUsage, "--write: another process holds stream " + met->heldStreams +
+                                     ", and would lose what it "
+                                     "has subscribed. Stop it first, or insist with --in-use.");
     if (!arguments.json) std::fputs(headText(*met).c_str(), stdout);
     const std::vector<CheckResult> results = runAll(arguments, met->plan);
     std::fputs((arguments.json ? toJson(*met, results) : footText(results)).c_str(), stdout);
-    return count(results, Verdict::kFail) == 0 ? kAllKept : kBroken;
+    return cli::finish("vexo-cardtest", count(results, Verdict::kFail) == 0 ? cli::kFine : cli::kFinding);
 }
 
 void addOptions(CLI::App& app, Arguments& arguments) {
-    app.set_version_flag("--version", std::string("vexo-cardtest ") + kVexoVersion, "Show the version and end");
     app.add_option("--bus", arguments.plan.bus, "Bus number of the card")->capture_default_str();
     app.add_option("--channel", arguments.plan.channel, "Stream to use, 0 to 15; without it the last one that is free")
         ->check(CLI::Range(0, 15));
@@ -120,9 +128,14 @@ void addOptions(CLI::App& app, Arguments& arguments) {
     app.add_flag("--write", arguments.plan.write, "Also program tables, reset the card and send to it");
     app.add_flag("--in-use", arguments.inUse, "Write even when another process holds a stream of the card");
     app.add_flag("--list", arguments.list, "Show all checks and end");
-    app.add_flag("--json", arguments.json, "Show the results as JSON");
+    app.add_flag("--json", arguments.json, "Show the results as JSON; with --list the checks");
+    cli::addColorOption(app, arguments.color);
     app.add_flag("--verbose", arguments.limits.verbose, "Let through what the card's library writes to standard error");
-    app.footer("Exit status: 0 no promise is broken, 1 one is, 2 wrong usage, 3 no card.");
+    cli::tellStatuses(app, {{cli::kFine, "no promise is broken"},
+                            {cli::kFinding, "one is"},
+                            {cli::kUsage, "wrong usage"},
+                            {cli::kNoCard, "no card"}});
+    cli::complete(app, kVexoVersion);
 }
 
 }  // namespace
@@ -133,15 +146,14 @@ int main(int argc, char** argv) {
     CLI::App app{"Checks a card, real or simulated, against what its C interface promises.", "vexo-cardtest"};
     addOptions(app, arguments);
     if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kAllKept : kUsage;
+    if (const std::optional<int> ends = cli::parse(app, cli::wordsOf(argc, argv))) return *ends;
+    if (arguments.list) {
+        std::fputs((arguments.json ? listJson() : listText()).c_str(), stdout);
+        return cli::finish("vexo-cardtest", cli::kFine);
     }
-    if (arguments.list) return std::fputs(listText().c_str(), stdout) < 0 ? kUsage : kAllKept;
     // Waiting for packets must not exceed the limit of a check.
     arguments.limits.seconds = std::max(arguments.limits.seconds, arguments.plan.seconds + 1);
     if (!arguments.library.empty())
-        if (const int status = useLibrary(arguments.library, argv); status != kAllKept) return status;
+        if (const int status = useLibrary(arguments.library, argv); status != cli::kFine) return status;
     return testCard(arguments);
 }

@@ -61,13 +61,30 @@ def option_entry(option):
     return lines
 
 
-def footer_sections(command):
-    """The last lines of --help, without the usage, which the synopsis shows: (title, text)."""
+def footer_parts(command):
+    """The last lines of --help, without the usage, which the synopsis shows: notes, and the table of exit statuses."""
+    notes, statuses, in_table = [], [], False
     for line in command["footer"].split("\n"):
-        if not line.strip() or line.startswith("Run it as:"):
+        status = re.match(r"  (\w+) +(\S.*)", line)
+        if in_table and status:
+            statuses.append(status.groups())
             continue
-        title, colon, text = line.partition(": ")
-        yield (title.upper(), text) if colon and title == "Exit status" else ("NOTES", line)
+        in_table = line == "Exit status:"
+        if line.strip() and not in_table and not line.startswith("Run it as:"):
+            notes.append(line)
+    return notes, statuses
+
+
+def status_lines(tree):
+    """EXIT STATUS: one table for the program, and one for each subcommand."""
+    lines = [".SH EXIT STATUS"]
+    for path, command in walk(tree):
+        statuses = footer_parts(command)[1]
+        if statuses and command is not tree:
+            lines.append(f".SS {roff(' '.join(path))}")
+        for status, meaning in statuses:
+            lines += [".TP 6", f"\\fB{status}\\fR", paragraph(meaning)]
+    return lines if len(lines) > 1 else []
 
 
 def manual(tree):
@@ -78,19 +95,19 @@ def manual(tree):
     commands = [(path, command) for path, command in walk(tree) if not command["commands"]]
     for number, (path, command) in enumerate(commands):
         lines += ([".br"] if number else []) + [usage(path, command)]
-    sections = {}
+    notes = []
     lines += [".SH DESCRIPTION", paragraph(tree["description"]), ".SH OPTIONS"]
     for path, command in walk(tree):
         if command is not tree:
             lines += [f".SH {roff(' '.join(path)).upper()}", paragraph(command["description"])]
         for option in command["options"]:
-            if command is tree or "--help" not in option["names"]:  # said once for all
+            if command is tree or not {"--help", "--version"} & set(option["names"]):  # said once for all
                 lines += option_entry(option)
-        for title, text in footer_sections(command):
-            sections.setdefault(title, []).append(text)
-    for title, texts in sections.items():
-        lines.append(f".SH {title}")
-        lines += [line for text in dict.fromkeys(texts) for line in (roff(text), ".PP")][:-1]
+        notes += footer_parts(command)[0]
+    if notes:
+        lines.append(".SH NOTES")
+        lines += [line for text in dict.fromkeys(notes) for line in (roff(text), ".PP")][:-1]
+    lines += status_lines(tree)
     others = [other for other in ("vexo", "vexo-cardtest", "vexo-simcard") if other != name]
     lines += [".SH SEE ALSO", ", ".join(f"\\fB{roff(other)}\\fR(1)" for other in others)]
     return "\n".join(lines) + "\n"

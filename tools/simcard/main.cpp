@@ -16,14 +16,14 @@
 #include "sim/scenario/Pace.h"
 #include "sim/shm/CardPlaces.h"
 #include "tools/Version.h"
+#include "tools/cli/Color.h"
+#include "tools/cli/Manner.h"
 #include "tools/cli/OptionTree.h"
+#include "tools/cli/Progress.h"
 
 using namespace vexo_sim;
 
 namespace {
-
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
 
 struct Arguments {
     std::string scenario;
@@ -33,6 +33,7 @@ struct Arguments {
     std::string group;
     std::string record;
     std::string user;
+    std::string color;
     std::uint32_t seconds = 0;
     bool json = false;
     bool status = false;
@@ -43,9 +44,10 @@ volatile sig_atomic_t g_stop = 0;
 
 void stop(int) { g_stop = 1; }
 
-int fail(int status, const std::string& text) {
-    std::fprintf(stderr, "vexo-simcard: %s\n", text.c_str());
-    return status;
+int fail(int status, const std::string& text) { return cli::fail("vexo-simcard", status, text); }
+
+std::string textOf(const CardStatus& status, const Arguments& arguments) {
+    return cli::isColored(arguments.color) ? toText(status, TextStyle::kColored) : toText(status);
 }
 
 void catchStopSignals() {
@@ -58,15 +60,15 @@ void catchStopSignals() {
 int showStatus(const Arguments& arguments) {
     const std::uint32_t bus = arguments.bus.value_or(0);
     const std::optional<uid_t> user = arguments.user.empty() ? geteuid() : findUser(arguments.user);
-    if (!user) return fail(kUsage, "there is no user " + arguments.user);
+    if (!user) return fail(cli::kUsage, "there is no user " + arguments.user);
     const std::unique_ptr<SharedCard> card = attachCard(bus, *user, "vexo-simcard");
     if (card == nullptr)
-        return fail(kFailed, "no card is hosted at bus " + std::to_string(bus) + ". Start one: vexo-simcard --bus " +
-                                 std::to_string(bus));
+        return fail(cli::kNoCard, "no card is hosted at bus " + std::to_string(bus) +
+                                      ". Start one: vexo-simcard --bus " + std::to_string(bus));
     const std::optional<CardStatus> status = readStatus(*card);
-    if (!status) return fail(kFailed, "the card cannot be read now");
-    std::fputs((arguments.json ? toJson(*status) : toText(*status)).c_str(), stdout);
-    return 0;
+    if (!status) return fail(cli::kFinding, "the card cannot be read now");
+    std::fputs((arguments.json ? toJson(*status) : textOf(*status, arguments)).c_str(), stdout);
+    return cli::finish("vexo-simcard", cli::kFine);
 }
 
 void rest(std::uint64_t ns) {
@@ -76,17 +78,17 @@ void rest(std::uint64_t ns) {
 }
 
 // Shows the status on a terminal, always in the same place.
-void redraw(CardHost& host) {
+void redraw(CardHost& host, const Arguments& arguments) {
     static bool first = true;
     const std::optional<CardStatus> status = readStatus(host.card());
     if (!status) return;
-    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J", toText(*status).c_str());
+    std::printf("%s%s(Ctrl-C ends it)\n", first ? "\x1b[2J\x1b[H" : "\x1b[H\x1b[J", textOf(*status, arguments).c_str());
     std::fflush(stdout);
     first = false;
 }
 
 void run(CardHost& host, const Arguments& arguments) {
-    const bool live = !arguments.quiet && isatty(STDOUT_FILENO) == 1;
+    const bool live = !arguments.quiet && cli::isTerminal(STDOUT_FILENO);
     const time_t begin = time(nullptr);
     time_t shown = 0;
     while (g_stop == 0) {
@@ -94,7 +96,7 @@ void run(CardHost& host, const Arguments& arguments) {
         const time_t now = time(nullptr);
         if (arguments.seconds != 0 && now - begin >= static_cast<time_t>(arguments.seconds)) break;
         if (!live || now == shown) continue;
-        redraw(host);
+        redraw(host, arguments);
         shown = now;
     }
 }
@@ -108,29 +110,32 @@ bool findGroup(const std::string& name, gid_t& group) {
 int hostCard(const Arguments& arguments) {
     std::string error;
     const std::optional<scenario::Scenario> scenario = scenario::load(arguments.scenario, arguments.settings, error);
-    if (!scenario) return fail(kUsage, error);
+    if (!scenario) return fail(cli::kUsage, error);
     CardHost::Plan plan{*scenario, {}, arguments.record};
     if (arguments.bus) plan.scenario.bus = *arguments.bus;
     if (!arguments.pace.empty()) plan.scenario.config.pace = *parsePace(arguments.pace);
     gid_t group = 0;
     if (!arguments.group.empty() && !findGroup(arguments.group, group))
-        return fail(kUsage, "there is no group " + arguments.group);
+        return fail(cli::kUsage, "there is no group " + arguments.group);
     if (!arguments.group.empty()) plan.group = group;
     catchStopSignals();
+    cli::Progress progress;  // a capture may be large
+    if (!plan.scenario.replayFile.empty()) progress.announce("reading " + plan.scenario.replayFile + " ...");
     const std::unique_ptr<CardHost> host = CardHost::start(plan, error);
-    if (host == nullptr) return fail(kFailed, error);
+    progress.clear();
+    if (host == nullptr) return fail(cli::kFinding, error);
     if (!arguments.quiet) {
         std::printf("Simulated card at bus %u: every quote is made up. Ctrl-C ends it.\n", plan.scenario.bus);
         std::fflush(stdout);
     }
     run(*host, arguments);
     if (arguments.quiet) return 0;
-    if (const std::optional<CardStatus> status = readStatus(host->card())) std::fputs(toText(*status).c_str(), stdout);
-    return 0;
+    if (const std::optional<CardStatus> status = readStatus(host->card()))
+        std::fputs(textOf(*status, arguments).c_str(), stdout);
+    return cli::finish("vexo-simcard", cli::kFine);
 }
 
 void addOptions(CLI::App& app, Arguments& arguments) {
-    app.set_version_flag("--version", std::string("vexo-simcard ") + kVexoVersion, "Show the version and end");
     app.add_option("scenario", arguments.scenario, "Scenario file; without one the card has an ordinary day")
         ->type_name("SCENARIO.ini");
     app.add_option("--set", arguments.settings.texts, "Set one key of the scenario; may be given several times")
@@ -147,7 +152,12 @@ void addOptions(CLI::App& app, Arguments& arguments) {
     app.add_flag("--status", arguments.status, "Show the status of the card at the bus, and end");
     app.add_option("--user", arguments.user, "Whose card --status and --json show; without it your own");
     app.add_flag("--json", arguments.json, "Show the same as JSON, and end");
-    app.footer("Exit status: 0 the card was hosted or shown, 1 it was not, 2 wrong usage or a wrong scenario.");
+    cli::addColorOption(app, arguments.color);
+    cli::tellStatuses(app, {{cli::kFine, "the card was hosted, or shown"},
+                            {cli::kFinding, "it could not be"},
+                            {cli::kUsage, "wrong usage, or a wrong scenario"},
+                            {cli::kNoCard, "no card to show at this bus"}});
+    cli::complete(app, kVexoVersion);
 }
 
 }  // namespace
@@ -157,10 +167,6 @@ int main(int argc, char** argv) {
     CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes.", "vexo-simcard"};
     addOptions(app, arguments);
     if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsage;
-    }
+    if (const std::optional<int> ends = cli::parse(app, cli::wordsOf(argc, argv))) return *ends;
     return arguments.json || arguments.status ? showStatus(arguments) : hostCard(arguments);
 }

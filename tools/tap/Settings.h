@@ -9,6 +9,7 @@ namespace tap {
 // Environment variables; the command `vexo tap` sets them.
 inline constexpr char kFileVariable[] = "VEXO_TAP_FILE";            // path of the first file
 inline constexpr char kRegistersVariable[] = "VEXO_TAP_REGISTERS";  // 1: record register accesses too
+inline constexpr char kJsonVariable[] = "VEXO_TAP_JSON";            // 1: what it reports is JSON
 inline constexpr char kRotateVariable[] = "VEXO_TAP_ROTATE_MB";     // no file grows beyond; 0 = any size
 inline constexpr char kRingVariable[] =
     "VEXO_TAP_RING_MB";  // memory of each stream for packets that wait for the writer

@@ -110,8 +110,7 @@ bool startWriter(Capture& capture) {
 
 void tellResult(const Capture& capture) {
     const capture::CaptureFiles& files = capture.writer.files();
-    report(std::to_string(files.written()) + " packets in " + std::to_string(files.files()) + " file(s), " +
-           std::to_string(files.lost()) + " lost");
+    reportResult(files.written(), files.files(), files.lost());
 }
 
 // After this, calls go to the card and are not recorded.

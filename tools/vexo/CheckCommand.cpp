@@ -4,6 +4,7 @@
 
 #include "tools/vexo/Command.h"
 #include "tools/vexo/InputFile.h"
+#include "tools/vexo/check/CardCheck.h"
 #include "tools/vexo/check/ConfigCheck.h"
 #include "tools/vexo/check/HostCheck.h"
 #include "tools/vexo/check/KeyTable.h"
@@ -19,23 +20,27 @@ struct Options {
     std::string color;
     check::HostPlaces places;
     bool configOnly = false;
+    bool card = false;
     bool keys = false;
     bool json = false;
 };
 
-void checkFiles(const Options& options, check::Report& report) {
+// @return whether there is a card, if one is asked for
+bool checkFiles(const Options& options, check::Report& report) {
     std::vector<check::ConfigFacts> programs;
     for (const std::string& config : options.configs) requireFile(config);
     for (const std::string& config : options.configs)
         programs.push_back(readable(config, [&] { return check::checkConfig(config, report); }));
     check::checkTogether(programs, report);
     if (!programs.empty() && !options.configOnly) check::checkHost(programs, options.places, report);
-    if (options.log.empty()) return;
+    const bool hasCard = !options.card || check::checkCards(programs, report);
+    if (options.log.empty()) return hasCard;
     requireFile(options.log);
     readable(options.log, [&] {
         check::checkLog(options.log, report);
         return 0;
     });
+    return hasCard;
 }
 
 int run(const Options& options) {
@@ -47,9 +52,9 @@ int run(const Options& options) {
         throw Failure(kUsage,
                       "nothing to check: name a configuration, such as vexo check zce.ini\nSee vexo check --help");
     check::Report report;
-    checkFiles(options, report);
+    const bool hasCard = checkFiles(options, report);
     std::fputs((options.json ? asJson(report) : asText(report, terminal::isColored(options.color))).c_str(), stdout);
-    return terminal::statusOfOutput(report.count() == 0 ? 0 : kFinding);
+    return terminal::statusOfOutput(!hasCard ? kNoCard : report.count() == 0 ? 0 : kFinding);
 }
 
 }  // namespace
@@ -64,6 +69,10 @@ void addCheck(CLI::App& app, Invocation& invocation) {
         ->type_name("fpga_YYYYMMDD.log");
     check->add_flag("--config-only", options->configOnly, "Check the configuration, not this host")->needs(config);
     check
+        ->add_flag("--card", options->card,
+                   "Read the card too: versions, fibres, date, switch, who holds the streams; writes no register")
+        ->needs(config);
+    check
         ->add_option("--directory", options->places.directory,
                      "Directory in which the program will run (default: this one)")
         ->type_name("DIR");
@@ -72,8 +81,10 @@ void addCheck(CLI::App& app, Invocation& invocation) {
     terminal::addColorOption(*check, options->color);
     check->footer(
         "Levels: fatal ends the start-up; error: the start goes on, but not as the file asks; warning: works, but is "
-        "probably not meant; note: no finding.\n"
-        "Exit status: 0 no findings, 1 findings, 2 wrong usage or a file that cannot be read.");
+        "probably not meant; note: no finding.");
+    cli::tellStatuses(
+        *check,
+        {{cli::kFine, "no findings"}, {kFinding, "findings"}, {kUsage, "wrong usage, or a file that cannot be read"}, {kNoCard, "no card, with --card"}});
     check->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli/Manner.h"
+
 namespace vexo {
 
 /// A program and its arguments: the words after "--".
@@ -26,8 +28,9 @@ struct Failure : std::runtime_error {
 
 // Exit statuses of vexo itself. Once vexo has become the program, the status is the program's. 126 and 127 mean the
 // same as in a shell.
-inline constexpr int kFinding = 1;  // or a failure
-inline constexpr int kUsage = 2;
+inline constexpr int kFinding = cli::kFinding;
+inline constexpr int kUsage = cli::kUsage;
+inline constexpr int kNoCard = cli::kNoCard;
 inline constexpr int kCannotRun = 126;
 inline constexpr int kNotFound = 127;
 
@@ -38,6 +41,8 @@ void addCheck(CLI::App& app, Invocation& invocation);
 void addIndex(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
 void addPlan(CLI::App& app, Invocation& invocation);
+void addReport(CLI::App& app, Invocation& invocation);
+void addRun(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);
 void addStat(CLI::App& app, Invocation& invocation);
 void addTap(CLI::App& app, Invocation& invocation);

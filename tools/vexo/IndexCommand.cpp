@@ -20,6 +20,7 @@ using Json = nlohmann::ordered_json;
 struct Options {
     std::string file;
     std::string other;
+    std::string color;
     bool list = false;
     bool json = false;
 };
@@ -53,11 +54,23 @@ std::string use(const DayFileReport& file) {
     return file.isCurrent ? "a start now loads it" : "a start now looks for " + currentDayFile();
 }
 
-void printSummary(const DayFileReport& file) {
+// Colours of the text, if any are wanted.
+class Text {
+public:
+    explicit Text(const Options& options) : m_colored(terminal::isColored(options.color)) {}
+    std::string good(const std::string& text) const { return cli::painted(text, cli::kGreen, m_colored); }
+    std::string bad(const std::string& text) const { return cli::painted(text, cli::kRed, m_colored); }
+    std::string doubtful(const std::string& text) const { return cli::painted(text, cli::kYellow, m_colored); }
+
+private:
+    const bool m_colored;
+};
+
+void printSummary(const DayFileReport& file, const Text& text) {
     const std::size_t combinations = file.combinations();
     std::printf("%s\n", harmless(file.path).c_str());
     std::printf("  half-day:     %s\n", halfDay(file).c_str());
-    std::printf("  complete:     %s\n", file.complete ? "yes" : "no");
+    std::printf("  complete:     %s\n", (file.complete ? text.good("yes") : text.bad("no")).c_str());
     std::printf("  instruments:  %zu (%zu single-leg, %zu combinations)\n", file.instruments.size(),
                 file.instruments.size() - combinations, combinations);
     std::printf("  owner:        %s\n", harmless(file.owner).c_str());
@@ -66,10 +79,10 @@ void printSummary(const DayFileReport& file) {
     std::printf("  use:          %s\n", use(file).c_str());
 }
 
-void printFindings(const DayFileReport& file, std::FILE* out) {
+void printFindings(const DayFileReport& file, std::FILE* out, const Text& text) {
     for (const DayFileFinding& finding : file.findings) {
         const std::string place = harmless(file.path) + (finding.line > 0 ? ":" + std::to_string(finding.line) : "");
-        std::fprintf(out, "%s: %s\n", place.c_str(), harmless(finding.text).c_str());
+        std::fprintf(out, "%s: %s\n", place.c_str(), text.bad(harmless(finding.text)).c_str());
     }
 }
 
@@ -77,13 +90,15 @@ void printList(const DayFileReport& file) {
     for (const auto& [id, index] : file.instruments) std::printf("%u %s\n", index, harmless(id).c_str());
 }
 
-void printChanges(const DayFileReport& other, const DayFileChanges& changes) {
+void printChanges(const DayFileReport& other, const DayFileChanges& changes, const Text& text) {
     std::printf("since %s: %zu added, %zu removed, %zu moved\n", harmless(other.path).c_str(), changes.added.size(),
                 changes.removed.size(), changes.moved.size());
-    for (const auto& [id, index] : changes.added) std::printf("+ %s %u\n", harmless(id).c_str(), index);
-    for (const auto& [id, index] : changes.removed) std::printf("- %s %u\n", harmless(id).c_str(), index);
+    for (const auto& [id, index] : changes.added)
+        std::printf("%s %s %u\n", text.good("+").c_str(), harmless(id).c_str(), index);
+    for (const auto& [id, index] : changes.removed)
+        std::printf("%s %s %u\n", text.bad("-").c_str(), harmless(id).c_str(), index);
     for (const DayFileChanges::Move& move : changes.moved)
-        std::printf("~ %s %u -> %u\n", harmless(move.id).c_str(), move.from, move.to);
+        std::printf("%s %s %u -> %u\n", text.doubtful("~").c_str(), harmless(move.id).c_str(), move.from, move.to);
     if (!changes.moved.empty())
         std::puts("An instrument keeps its index all day: the two files are of different instrument lists of a card.");
 }
@@ -133,6 +148,7 @@ int run(const Options& options) {
         other = readDayFile(options.other);
         changes = changesBetween(*other, file);
     }
+    const Text text(options);
     if (options.json) {
         Json all = describe(file);
         if (options.list) all["list"] = listed(file.instruments);
@@ -140,12 +156,12 @@ int run(const Options& options) {
         // An id may be any bytes: what is no UTF-8 is replaced.
         std::puts(all.dump(1, ' ', false, Json::error_handler_t::replace).c_str());
     } else if (options.list) {
-        printFindings(file, stderr);
+        printFindings(file, stderr, text);
         printList(file);
     } else {
-        printSummary(file);
-        printFindings(file, stdout);
-        if (other) printChanges(*other, changes);
+        printSummary(file, text);
+        printFindings(file, stdout, text);
+        if (other) printChanges(*other, changes, text);
     }
     return terminal::statusOfOutput(file.findings.empty() && !changes.any() ? 0 : kFinding);
 }
@@ -162,7 +178,11 @@ void addIndex(CLI::App& app, Invocation& invocation) {
     compare->type_name("OTHER_FILE");
     CLI::Option* list = index->add_flag("--list", options->list, "Print only the instruments: index and id");
     CLI::Option* json = index->add_flag("--json", options->json, "Print JSON; with --list also the instruments");
+    terminal::addColorOption(*index, options->color);
     index->footer("Run it as:  vexo index [OPTIONS] [FILE]");
+    cli::tellStatuses(*index, {{cli::kFine, "nothing is wrong with the file, and nothing has changed"},
+                               {kFinding, "something is, or has, or there is no such file yet"},
+                               {kUsage, "wrong usage, or a file that was named and cannot be read"}});
     index->callback([options, compare, list, json, &invocation] {
         if (compare->count() > 0 && list->count() > 0 && json->count() == 0)
             throw Failure(kUsage, "--list shows no comparison; leave out --list or --compare, or add --json");

@@ -7,8 +7,13 @@
 
 namespace vexo {
 
-void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation) {
-    subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]");
+void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation, const std::string& notes) {
+    subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]" +
+                      (notes.empty() ? "" : "\n" + notes));
+    cli::tellStatuses(subcommand, {{kUsage, "wrong usage, or a file that was named and cannot be read"},
+                                   {kCannotRun, "the program cannot be run"},
+                                   {kNotFound, "the program is not there"},
+                                   {cli::kElse, "that of the program"}});
     invocation.takeProgram.push_back(&subcommand);
 }
 

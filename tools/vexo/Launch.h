@@ -7,8 +7,11 @@
 
 namespace vexo {
 
-/// Marks a subcommand that runs a program, and explains its command line. @param name  as typed: "sim run"
-void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation);
+/// Marks a subcommand that becomes a program, and explains its command line and its exit statuses at the end of its
+/// help.
+/// @param name   as typed: "sim run"
+/// @param notes  more for the end of the help
+void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation, const std::string& notes = {});
 
 /// Fails with status 2 when no program was named.
 void requireProgram(const Program& program);

@@ -1,4 +1,5 @@
 #include <unistd.h>
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -10,6 +11,7 @@
 
 #include "tools/vexo/Command.h"
 #include "tools/vexo/show/Harmless.h"
+#include "tools/vexo/show/LogJson.h"
 #include "tools/vexo/show/LogLine.h"
 #include "tools/vexo/show/LogSource.h"
 #include "tools/vexo/show/MessageTable.h"
@@ -19,7 +21,6 @@
 namespace vexo {
 namespace {
 
-constexpr char kPlain[] = "\033[0m";
 constexpr useconds_t kBetweenLooks = 200000;  // microseconds
 constexpr std::size_t kTailOfFollow = 10;
 constexpr std::size_t kMostLines = 1000000;
@@ -32,6 +33,7 @@ struct Options {
     std::optional<std::size_t> lines;
     std::string color;
     std::string explain;
+    bool json = false;
 };
 
 // ---- lines ----
@@ -39,11 +41,11 @@ struct Options {
 const char* colorOf(std::uint8_t level) {
     switch (level) {
         case 0:
-        case 1: return "\033[1;31m";
-        case 2: return "\033[33m";
-        case 3: return "\033[36m";
+        case 1: return cli::kBoldRed;
+        case 2: return cli::kYellow;
+        case 3: return cli::kCyan;
         case 4: return "";
-        default: return "\033[2m";
+        default: return cli::kFaint;
     }
 }
 
@@ -52,6 +54,7 @@ class View {
 public:
     View(const Options& options, bool named)
         : m_color(terminal::isColored(options.color)),
+          m_json(options.json),
           m_named(named),
           m_level(options.level.empty() ? kNoLevel : levelNamed(options.level)),
           m_tail(options.follow && !options.lines ? kTailOfFollow : options.lines) {}
@@ -60,10 +63,10 @@ public:
         if (m_level != kNoLevel && (line.level == kNoLevel || line.level > m_level)) return;
         m_any = true;
         if (!m_tail) {
-            print(source.name(), line.text);
+            print(source.name(), line);
             return;
         }
-        m_held.emplace_back(source.name(), line.text);
+        m_held.emplace_back(source.name(), line);
         if (m_held.size() > *m_tail) m_held.pop_front();
     }
     // All that was there at first has been added: from now on every line is shown.
@@ -76,26 +79,31 @@ public:
     bool hasAny() const { return m_any; }
 
 private:
-    void print(const std::string& name, const std::string& line) const {
-        std::string text = harmless(line);
-        const std::size_t tag = parseLogLine(line).tag.size();
-        const char* const color = m_color && tag > 0 ? colorOf(parseLogLine(line).level) : "";
-        if (*color != '\0') text = color + text.substr(0, tag) + kPlain + text.substr(tag);
+    void print(const std::string& name, const ShownLine& line) const {
+        if (m_json) {
+            std::puts(asJson(name, line).c_str());
+            return;
+        }
+        std::string text = harmless(line.text);
+        const std::size_t tag = parseLogLine(line.text).tag.size();
+        const char* const color = m_color && tag > 0 ? colorOf(parseLogLine(line.text).level) : "";
+        if (*color != '\0') text = cli::painted(text.substr(0, tag), color, true) + text.substr(tag);
         if (m_named) text.insert(0, harmless(name) + ": ");
         std::puts(text.c_str());
     }
 
     const bool m_color;
+    const bool m_json;
     const bool m_named;
     const std::uint8_t m_level;
     std::optional<std::size_t> m_tail;
-    std::deque<std::pair<std::string, std::string>> m_held;  // name, line
+    std::deque<std::pair<std::string, ShownLine>> m_held;  // name, line
     bool m_any = false;
 };
 
-// A log that cannot be read does not hide the others.
-std::vector<LogSource> openAll(const Options& options) {
-    std::vector<LogSource> sources;
+// A log that cannot be read does not hide the others. @return the status of the worst failure
+int openAll(const Options& options, std::vector<LogSource>& sources) {
+    int worst = cli::kFine;
     for (const std::string& path : options.paths) {
         LogSource source(path, options.follow);
         try {
@@ -105,10 +113,10 @@ std::vector<LogSource> openAll(const Options& options) {
             sources.push_back(std::move(source));
         } catch (const Failure& failure) {
             if (options.paths.size() == 1) throw;
-            std::fprintf(stderr, "vexo: %s\n", failure.what());
+            worst = std::max(worst, cli::fail("vexo", failure.status, failure.what()));
         }
     }
-    return sources;
+    return worst;
 }
 
 // The source whose next line is the oldest; null when none has a line.
@@ -122,8 +130,9 @@ LogSource* earliest(std::vector<LogSource>& sources) {
 }
 
 int show(const Options& options) {
-    std::vector<LogSource> sources = openAll(options);
-    if (sources.empty()) return kFinding;
+    std::vector<LogSource> sources;
+    const int opened = openAll(options, sources);
+    if (sources.empty()) return opened;
     View view(options, options.paths.size() > 1);
     for (;;) {
         while (LogSource* source = earliest(sources)) {
@@ -134,9 +143,10 @@ int show(const Options& options) {
         if (!options.follow) break;
         ::usleep(kBetweenLooks);
     }
-    if (view.hasAny()) return sources.size() == options.paths.size() ? 0 : kFinding;
-    std::fprintf(stderr, "vexo: no line %s\n", options.level.empty() ? "at all" : "of this level or a worse one");
-    return kFinding;
+    if (view.hasAny()) return opened;
+    return std::max(
+        opened,
+        cli::fail("vexo", kFinding, options.level.empty() ? "no line at all" : "no line of this level or a worse one"));
 }
 
 // ---- messages ----
@@ -146,7 +156,7 @@ void print(const Message& message) {
                 message.level.c_str(), message.place.c_str(), message.when.c_str(), message.cure.c_str());
 }
 
-int explain(const std::string& text) {
+int explain(const std::string& text, bool json) {
     if (text.find_first_not_of(" \t\n") == std::string::npos) throw Failure(kUsage, "--explain: the text is empty");
     const std::vector<Message> all = parseMessages(kMessagesPage);
     std::vector<Message> found = messagesOf(text, all);
@@ -154,6 +164,10 @@ int explain(const std::string& text) {
     if (found.empty()) {
         throw Failure(kFinding, "no message of the library has this text: " + harmless(text) +
                                     "\nGive less of it, for example the words before the first number.");
+    }
+    if (json) {
+        std::puts(asJson(found).c_str());
+        return terminal::statusOfOutput(0);
     }
     for (std::size_t i = 0; i < found.size() && i < kMostSimilar; ++i) {
         if (i > 0) std::puts("");
@@ -191,15 +205,20 @@ void addLog(CLI::App& app, Invocation& invocation) {
     CLI::Option* lines = log->add_option("-n,--lines", options->lines,
                                          "Show only the last lines, so many; with --follow, 10 unless given");
     lines->type_name("N")->check(CLI::Range(std::size_t{0}, kMostLines));
+    log->add_flag("--json", options->json,
+                  "Write JSON: one object a line of the log; with --explain one for all messages");
     terminal::addColorOption(*log, options->color);
     CLI::Option* explained = log->add_option("--explain", options->explain,
                                              "Explain a message: a line of a log, or a part of one");
     explained->type_name("TEXT")->excludes(paths)->excludes(follow)->excludes(level)->excludes(lines);
     log->footer("Run it as:  vexo log [OPTIONS] [FILE|DIRECTORY]...");
+    cli::tellStatuses(*log, {{cli::kFine, "there was something to show"},
+                             {kFinding, "no log, no such line, or no such message"},
+                             {kUsage, "wrong usage, or a log that was named and cannot be read"}});
     log->callback([options, explained, &invocation] {
         const bool wantsExplanation = explained->count() > 0;
         invocation.run = [options, wantsExplanation] {
-            return wantsExplanation ? explain(options->explain) : run(*options);
+            return wantsExplanation ? explain(options->explain, options->json) : run(*options);
         };
     });
 }

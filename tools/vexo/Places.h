@@ -13,6 +13,9 @@ std::filesystem::path tapLibrary();
 /// The library that `vexo tap --stats-only` loads into a program.
 std::filesystem::path statsLibrary();
 
+/// The library that `vexo run` loads into a program, to see it poll.
+std::filesystem::path pollsLibrary();
+
 /// The library that `vexo sim run` loads into a program.
 std::filesystem::path dayFileLibrary();
 

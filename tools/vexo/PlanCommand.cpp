@@ -59,8 +59,10 @@ void addPlan(CLI::App& app, Invocation& invocation) {
     command->footer(
         "Example: vexo plan zce.ini --against zce.ini.old shows what a change of insts= does to each channel.\n"
         "Only the master's configuration, of channel 0, decides about instruments. It does so for all channels.\n"
-        "Exit status: 0 no findings, 1 findings, such as a rule that matches nothing, 2 wrong usage or a file that "
-        "cannot be read. A difference is no finding.");
+        "A difference is no finding.");
+    cli::tellStatuses(*command, {{cli::kFine, "no findings"},
+                                 {kFinding, "findings, such as a rule that matches nothing"},
+                                 {kUsage, "wrong usage, or a file that cannot be read"}});
     command->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 

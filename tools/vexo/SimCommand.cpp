@@ -64,7 +64,11 @@ void addSim(CLI::App& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     CLI::App* sim = app.add_subcommand("sim", "The simulated card");
     CLI::App* runIt = sim->add_subcommand("run", "Run a program on the simulated card instead of a real one");
-    takeProgram(*runIt, "sim run", invocation);
+    takeProgram(
+        *runIt, "sim run", invocation,
+        "The program's day files lie in a private directory for each card; a line on standard error says where. "
+        "So no start on a real card loads the map of a simulated one. The loader obeys neither this nor the "
+        "choice of the card for programs that are static or run with the rights of another user (setuid).");
     CLI::Option* scenario = runIt->add_option("--scenario", options->scenario,
                                               "Scenario file for a card of the program's own");
     scenario->type_name("SCENARIO.ini");
@@ -79,11 +83,6 @@ void addSim(CLI::App& app, Invocation& invocation) {
         ->excludes(setting);
     runIt->add_flag("--shared-day-file", options->sharedDayFile,
                     "Use the day file in /tmp, which a start on a real card would load too");
-    runIt->footer(
-        "Run it as:  vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]\n"
-        "The program's day files lie in a private directory for each card; a line on standard error says where. So no "
-        "start on a real card loads the map of a simulated one. The loader obeys neither this nor the choice of the "
-        "card for programs that are static or run with the rights of another user (setuid).");
     runIt->callback([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "tools/cli/Progress.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/Terminal.h"
@@ -82,7 +83,7 @@ bool showOnce(const Options& options, std::vector<Page>& before, bool isFirst) {
         return isAny;
     }
     const bool repaints = options.watch > 0 && !options.json && options.prometheus.empty() &&
-                          ::isatty(STDOUT_FILENO) == 1;
+                          cli::isTerminal(STDOUT_FILENO);
     if (repaints) std::fputs("\033[H\033[2J", stdout);
     const std::string text = options.prometheus == "-" ? stat::asPrometheus(pages) : view(options, pages, before);
     std::fputs(text.c_str(), stdout);
@@ -131,6 +132,9 @@ void addStat(CLI::App& app, Invocation& invocation) {
     json->excludes(loss)->excludes(prometheus)->excludes(listen);
     prometheus->excludes(loss)->excludes(listen);
     listen->excludes(loss)->excludes(watch);
+    cli::tellStatuses(*stat, {{cli::kFine, "there was a page, or metrics were written"},
+                              {kFinding, "no page, or a failure"},
+                              {kUsage, "wrong usage"}});
     stat->callback([options, watch, &invocation] {
         if (watch->count() > 0 && options->watch == 0) options->watch = kUsualWatch;
         invocation.run = [options] { return run(*options); };

@@ -16,6 +16,7 @@ namespace fs = std::filesystem;
 struct Options {
     std::string output = tap::kDefaultFile;
     bool registers = false;
+    bool json = false;
     std::uint64_t rotateMb = 0;
     std::uint64_t ringMb = tap::kDefaultRingMb;
     bool statsOnly = false;
@@ -45,6 +46,7 @@ fs::path absoluteOutput(const std::string& output) {
 
 int run(const Options& options, const Program& program) {
     requireProgram(program);
+    set(tap::kJsonVariable, options.json ? "1" : "0");
     if (options.statsOnly) count(options, program);
     set(tap::kFileVariable, absoluteOutput(options.output).string());
     set(tap::kRegistersVariable, options.registers ? "1" : "0");
@@ -86,6 +88,8 @@ void addTap(CLI::App& app, Invocation& invocation) {
         ->needs(statsOnly);
     tap->add_flag("--keep-page", options->keepPage, "Keep the numbers when the program ends")->needs(statsOnly);
     for (CLI::Option* recording : {output, registers, rotate, ring}) statsOnly->excludes(recording);
+    tap->add_flag("--json", options->json,
+                  "Write what the tap says on standard error as JSON, one object a line: {\"tap\": ...}");
     tap->callback([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });

@@ -33,9 +33,9 @@ TEST_F(Command, TellsItsVersion) { EXPECT_EQ(vexo("--version").output, "vexo " V
 
 TEST_F(Command, ExplainsEverySubcommand) {
     EXPECT_EQ(vexo("--help").status, 0);
-    EXPECT_THAT(vexo("--help").output,
-                AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "), HasSubstr("\n  plan "),
-                      HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
+    EXPECT_THAT(vexo("--help").output, AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "),
+                                             HasSubstr("\n  plan "), HasSubstr("\n  report "), HasSubstr("\n  run "),
+                                             HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
     EXPECT_THAT(vexo("sim --help").output, HasSubstr("\n  run "));
     EXPECT_THAT(vexo("sim run --help").output, HasSubstr("vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]"));
     EXPECT_THAT(vexo("tap --help").output, HasSubstr("vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]"));

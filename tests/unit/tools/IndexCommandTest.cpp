@@ -62,7 +62,7 @@ TEST_F(IndexCommand, WithoutAFileItShowsTheOneThatAStartLooksFor) {
 
 TEST_F(IndexCommand, AMissingFileSaysWhoWritesIt) {
     const ProgramResult result = vexo("index none");
-    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.output,
               "vexo: none: No such file or directory\n"
               "A master (channel 0) writes it while it learns the map.\n");
@@ -178,5 +178,5 @@ TEST_F(IndexCommand, AFileWithoutRightsIsNamed) {
     }
     EXPECT_THAT(runProgram(command + "index a").output, HasSubstr("vexo: a: Permission denied\n"));
     EXPECT_THAT(runProgram(command + "log a").output, HasSubstr("vexo: a: Permission denied\n"));
-    EXPECT_EQ(runProgram(command + "index a").status, 1);
+    EXPECT_EQ(runProgram(command + "index a").status, 2);
 }

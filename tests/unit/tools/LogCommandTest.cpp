@@ -9,11 +9,14 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "tests/support/TempDir.h"
 #include "tests/unit/tools/Program.h"
 
 using namespace capture;
+using nlohmann::json;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -124,8 +127,9 @@ TEST_F(LogCommand, MergesLogsByTimeAndNamesThem) {
 TEST_F(LogCommand, ALogThatCannotBeReadDoesNotHideTheOthers) {
     dir.Write("a", "1\n");
     const ProgramResult result = vexo("log a missing");
-    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.status, 2);
     std::filesystem::create_directory("empty");
+    EXPECT_EQ(vexo("log a empty").status, 1);
     EXPECT_THAT(vexo("log a empty").output, HasSubstr("vexo: empty: no fpga_YYYYMMDD.log here\nName the working "));
     EXPECT_THAT(result.output, AllOf(HasSubstr("a: 1\n"), HasSubstr("vexo: missing: No such file or directory\n")));
 }
@@ -189,7 +193,7 @@ TEST_F(LogCommand, RefusesWhatIsNoRegularFile) {
     EXPECT_EQ(vexo("log /dev/zero").output, "vexo: /dev/zero: this is not a regular file\n");
     std::filesystem::create_symlink("loop", "loop");
     EXPECT_EQ(vexo("log loop").output, "vexo: loop: Too many levels of symbolic links\n");
-    EXPECT_EQ(vexo("log loop").status, 1);
+    EXPECT_EQ(vexo("log loop").status, 2);
     dir.Write("a", "1\n");
     std::filesystem::create_symlink("a", "link");
     EXPECT_EQ(vexo("log link").output, "1\n");
@@ -270,6 +274,28 @@ TEST_F(LogCommand, ExplainsAPartOfAMessage) {
     const ProgramResult none = vexo("log --explain 'no such text'");
     EXPECT_EQ(none.status, 1);
     EXPECT_THAT(none.output, StartsWith("vexo: no message of the library has this text: no such text\n"));
+}
+
+TEST_F(LogCommand, AsJsonIsOneObjectALine) {
+    dir.Write("a.log", "before all\n" + Line("WARN   ", "09:00:01", "warn \"1\"") + "of warn\n\xFF\n");
+    std::istringstream lines(vexo("log a.log --json").output);
+    std::vector<json> shown;
+    for (std::string line; std::getline(lines, line);) shown.push_back(json::parse(line));
+    ASSERT_EQ(shown.size(), 4U);
+    EXPECT_EQ(shown[0], (json{{"log", "a.log"}, {"level", nullptr}, {"time", nullptr}, {"text", "before all"}}));
+    EXPECT_EQ(shown[1]["level"], "warn");
+    EXPECT_EQ(shown[1]["time"], "20261115-09:00:01");
+    EXPECT_EQ(shown[1]["text"], "warn \"1\"");
+    EXPECT_EQ(shown[2], (json{{"log", "a.log"}, {"level", "warn"}, {"time", nullptr}, {"text", "of warn"}}));
+    EXPECT_EQ(shown[3]["text"], "\xEF\xBF\xBD");
+    EXPECT_EQ(json::parse(vexo("log a.log --json --lines 1").output)["text"], "\xEF\xBF\xBD");
+}
+
+TEST_F(LogCommand, ExplainsAsJson) {
+    const json shown = json::parse(vexo("log --json --explain 'Received signal 15 !!'").output);
+    ASSERT_EQ(shown["messages"].size(), 1U);
+    EXPECT_EQ(shown["messages"][0]["message"], "Received signal %d !!");
+    EXPECT_THAT(shown["messages"][0]["todo"], StartsWith("None"));
 }
 
 TEST_F(LogCommand, AFullDiskIsReported) {

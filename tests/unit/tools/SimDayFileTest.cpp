@@ -86,8 +86,7 @@ TEST_F(SimDayFile, OtherFilesOfTheProgramStayWhereTheyAre) {
 TEST_F(SimDayFile, ProgramsWithTheAddressSanitizerTakeTheLibraryThatIsLoadedBeforeIt) {
     const std::string show = word(VEXO_COMMAND) + " sim run -- sh -c 'echo $ASAN_OPTIONS'";
     EXPECT_EQ(runProgram("unset ASAN_OPTIONS; " + show).output, "verify_asan_link_order=0\n");
-    EXPECT_EQ(runProgram("export ASAN_OPTIONS=verbosity=0; " + show).output,
-              "verify_asan_link_order=0:verbosity=0\n");
+    EXPECT_EQ(runProgram("export ASAN_OPTIONS=verbosity=0; " + show).output, "verify_asan_link_order=0:verbosity=0\n");
 }
 
 TEST_F(SimDayFile, DirectoryIsForItsUserAlone) {

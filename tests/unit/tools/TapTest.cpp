@@ -14,6 +14,7 @@
 
 using namespace capture;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::SizeIs;
 
 namespace {
@@ -80,6 +81,13 @@ TEST_F(Tap, WithoutItTheProgramDoesTheSame) {
 TEST_F(Tap, TellsWhereItWritesAndWhatBecameOfThePackets) {
     EXPECT_THAT(run("receive").output, HasSubstr("vexo tap: writing " + dir.Path("a.pcapng") + "\n"));
     EXPECT_THAT(run("receive").output, HasSubstr("vexo tap: 10 packets in 1 file(s), 0 lost\n"));
+}
+
+TEST_F(Tap, TellsTheSameAsJsonOneObjectALine) {
+    const std::string output = run("receive", "SCRIPTED_PACKETS=10 VEXO_TAP_JSON=1").output;
+    EXPECT_THAT(output, HasSubstr("{\"tap\":\"notice\",\"text\":\"writing " + dir.Path("a.pcapng") + "\"}\n"));
+    EXPECT_THAT(output, HasSubstr("{\"tap\":\"result\",\"packets\":10,\"files\":1,\"lost\":0}\n"));
+    EXPECT_THAT(output, Not(HasSubstr("vexo tap:")));
 }
 
 TEST_F(Tap, NamesAStreamByTheFilterThatFoundIt) {

@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "VexoZceUtil.h"
 #include "tools/vexo/check/ChannelRules.h"
 #include "tools/vexo/check/IniText.h"
 #include "tools/vexo/check/KeyTable.h"
@@ -85,6 +86,10 @@ ConfigFacts ConfigCheck::run() {
     if (const IniLine* cpu = find("config", "cpucore")) {
         m_facts.cpu = numberOf(cpu->value);
         m_facts.cpuLine = cpu->line;
+    }
+    if (const IniLine* hardware = find("version", GetUpDmaLibVersion())) {
+        m_facts.hardware = numberOf(hardware->value);
+        m_facts.hardwareLine = hardware->line;
     }
     checkUnknownSections();
     checkUnknown();

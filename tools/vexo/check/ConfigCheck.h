@@ -16,6 +16,8 @@ struct ConfigFacts {
     Device device;  ///< not valid when the file names none
     long cpu = -1;  ///< that the thread is to be pinned to
     std::size_t cpuLine = 0;
+    long hardware = -1;  ///< version that the card needs for this library
+    std::size_t hardwareLine = 0;
     std::map<std::string, std::size_t> lines;  ///< of the keys that count, by "section:key" in lower case
 };
 

@@ -88,4 +88,19 @@ void checkLog(const std::string& path, Report& report) {
                     "look whether the process runs; a log that ends here for good points to a kill or a crash"});
 }
 
+StartEnd endOfStart(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) throw std::runtime_error(std::strerror(errno));
+    StartEnd end;
+    std::size_t number = 0;
+    for (std::string text; std::getline(file, text);) {
+        ++number;
+        if (matches(text, stepLines().front().text)) end = StartEnd{};
+        if (matches(text, stepLines().back().text)) end = StartEnd{nullptr, 0, true};
+        if (end.line != nullptr) continue;
+        if ((end.line = find(startLines(), text)) != nullptr) end.number = number;
+    }
+    return end;
+}
+
 }  // namespace vexo::check

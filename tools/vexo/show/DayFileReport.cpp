@@ -152,14 +152,17 @@ DayFileReport readDayFile(const std::string& path) {
     report.path = path;
     const std::string shown = harmless(path);
     std::error_code error;
-    if (std::filesystem::is_directory(path, error)) throw Failure(kFinding, shown + ": this is a directory");
+    if (std::filesystem::is_directory(path, error)) throw Failure(kUsage, shown + ": this is a directory");
     std::string content;
     std::string refusal;
     if (!safe_file::readWhole(path, content, refusal)) {
         const int why = errno;
         if (!refusal.empty()) throw Failure(kFinding, shown + ": the library does not use this file: " + refusal);
-        throw Failure(kFinding, shown + ": " + std::strerror(why) +
-                                    (why == ENOENT ? "\nA master (channel 0) writes it while it learns the map." : ""));
+        // That there is none yet, where a start looks for it, is what somebody wanted to know.
+        const bool notYet = why == ENOENT && path == currentDayFile();
+        throw Failure(notYet ? kFinding : kUsage,
+                      shown + ": " + std::strerror(why) +
+                          (why == ENOENT ? "\nA master (channel 0) writes it while it learns the map." : ""));
     }
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0) {

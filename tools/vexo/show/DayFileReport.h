@@ -52,7 +52,8 @@ struct DayFileChanges {
 /// The path that a master uses at this moment.
 std::string currentDayFile();
 
-/// Reads a day file by the library's own rules. Throws Failure when the library would not read it.
+/// Reads a day file by the library's own rules. Throws Failure when the library would not read it: with kFinding when
+/// that says something of the file, with kUsage when the path is wrong.
 DayFileReport readDayFile(const std::string& path);
 
 DayFileChanges changesBetween(const DayFileReport& before, const DayFileReport& after);

@@ -29,6 +29,9 @@ std::string_view takeGroup(std::string_view& rest, char open, char close) {
     return group;
 }
 
+// "ERROR" of "[ERROR  ]".
+std::string_view wordOf(std::string_view tag) { return tag.substr(1, tag.find_first_of(" ]") - 1); }
+
 }  // namespace
 
 LogLine parseLogLine(std::string_view line) {
@@ -48,9 +51,16 @@ LogLine parseLogLine(std::string_view line) {
     return parsed;
 }
 
+std::string levelName(std::uint8_t level) {
+    std::string name;
+    if (level >= std::size(kTags)) return name;
+    for (const char c : wordOf(kTags[level])) name += static_cast<char>(c - 'A' + 'a');
+    return name;
+}
+
 std::uint8_t levelNamed(std::string_view name) {
     for (std::size_t level = 0; level < std::size(kTags); ++level) {
-        const std::string_view known = kTags[level].substr(1, kTags[level].find_first_of(" ]") - 1);
+        const std::string_view known = wordOf(kTags[level]);
         if (known.size() == name.size() && ::strncasecmp(known.data(), name.data(), name.size()) == 0)
             return static_cast<std::uint8_t>(level);
     }

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace vexo {
@@ -18,6 +19,9 @@ struct LogLine {
 };
 
 LogLine parseLogLine(std::string_view line);
+
+/// "error" for 1; empty for kNoLevel.
+std::string levelName(std::uint8_t level);
 
 /// 0 to 6 for the name of a level in any case, kNoLevel for another word.
 std::uint8_t levelNamed(std::string_view name);

@@ -86,10 +86,10 @@ void LogSource::open() {
     if (fs::is_directory(m_name, error)) {
         m_directory = m_name;
         if (::access(m_name.c_str(), R_OK | X_OK) != 0)
-            throw Failure(kFinding, harmless(m_name) + ": " + std::strerror(errno));
+            throw Failure(kUsage, harmless(m_name) + ": " + std::strerror(errno));
         const fs::path newest = newestLog();
         if (!newest.empty()) {
-            openFile(newest);
+            openFile(newest, kFinding);
         } else if (!m_follows) {
             throw Failure(kFinding, m_name +
                                         ": no fpga_YYYYMMDD.log here\n"
@@ -97,19 +97,19 @@ void LogSource::open() {
         }
         return;
     }
-    openFile(m_name);
+    openFile(m_name, kUsage);
     if (!datedName(m_name).date.empty())
         m_directory = fs::path(m_name).has_parent_path() ? fs::path(m_name).parent_path() : fs::path(".");
 }
 
-void LogSource::openFile(const fs::path& file) {
+void LogSource::openFile(const fs::path& file, int failed) {
     // A FIFO without a writer would block a plain open.
     const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) throw Failure(kFinding, harmless(file.string()) + ": " + std::strerror(errno));
+    if (fd < 0) throw Failure(failed, harmless(file.string()) + ": " + std::strerror(errno));
     struct stat status;
     if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         ::close(fd);
-        throw Failure(kFinding, harmless(file.string()) + ": this is not a regular file");
+        throw Failure(failed, harmless(file.string()) + ": this is not a regular file");
     }
     close();
     m_fd = fd;
@@ -201,7 +201,7 @@ bool LogSource::startAgainIfCut() {
                           (there.st_ino != here.st_ino || there.st_dev != here.st_dev);
     if (!cut && !replaced) return false;
     m_buffer.clear();
-    openFile(m_file);
+    openFile(m_file, kFinding);
     return true;
 }
 
@@ -212,14 +212,14 @@ bool LogSource::changeFile() {
     if (m_fd < 0) {
         const fs::path newest = newestLog();
         if (newest.empty()) return false;
-        openFile(newest);
+        openFile(newest, kFinding);
         return true;
     }
     if (m_next.empty()) {
         m_next = laterLog();
         return !m_next.empty();
     }
-    openFile(std::exchange(m_next, fs::path()));
+    openFile(std::exchange(m_next, fs::path()), kFinding);
     if (!m_buffer.empty()) m_buffer += '\n';
     return true;
 }

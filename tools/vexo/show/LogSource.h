@@ -25,8 +25,8 @@ public:
     LogSource(const LogSource&) = delete;
     LogSource& operator=(const LogSource&) = delete;
 
-    /// Opens the log. Throws Failure with the reason when it cannot be read. A directory without a log is fine for a
-    /// source that follows.
+    /// Opens the log. Throws Failure with the reason when it cannot be read: with kUsage when the path is wrong. A
+    /// directory without a log is fine for a source that follows.
     void open();
     bool isOpen() const { return m_fd >= 0; }
     const std::string& name() const { return m_name; }  ///< as the user gave it
@@ -37,7 +37,7 @@ public:
     void drop() { m_hasLine = false; }
 
 private:
-    void openFile(const std::filesystem::path& file);
+    void openFile(const std::filesystem::path& file, int failed);
     void close();
     bool readMore();
     bool startAgainIfCut();

@@ -56,6 +56,23 @@ TEST(Status, AsTextLeavesOutWhatIsNotThere) {
         "chan      packets        drops       queued  held by\n");
 }
 
+TEST(Status, ColoursTheHeadingAndWhatIsLost) {
+    const std::string text = toText(busyCard(), TextStyle::kColored);
+    EXPECT_NE(text.find("\033[1mchan      packets        drops       queued  held by\033[0m\n"), std::string::npos);
+    EXPECT_NE(text.find("   0         1000 \033[31m           2\033[0m          300  process 4712"), std::string::npos);
+    EXPECT_NE(text.find("  15            7            0            8  nobody\n"), std::string::npos);
+}
+
+TEST(Status, AsJsonWritesNumbersThatADoubleCannotHoldAsText) {
+    CardStatus status;
+    status.channels.resize(2);
+    status.channels[0].sentPackets = std::uint64_t{1} << 53;
+    status.channels[1].sentPackets = (std::uint64_t{1} << 53) + 1;
+    const std::string json = toJson(status);
+    EXPECT_NE(json.find("\"sent_packets\": 9007199254740992\n"), std::string::npos);
+    EXPECT_NE(json.find("\"sent_packets\": \"9007199254740993\"\n"), std::string::npos);
+}
+
 TEST(Status, AsJsonHasEveryFieldOfTheText) {
     CardStatus status = busyCard();
     status.channels.resize(2);

@@ -1,0 +1,328 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "tests/hosted/HostProcess.h"
+#include "tests/support/TempDir.h"
+#include "tests/unit/tools/Program.h"
+#include "tools/polls/PollPage.h"
+#include "tools/vexo/run/PollReader.h"
+
+using hosted::Eventually;
+using hosted::Process;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+class RunCommand : public ::testing::Test {
+protected:
+    RunCommand() {
+        ::setenv("VEXO_SIM_CARD", "embedded", 1);
+        // A sanitizer's library cannot come before what is preloaded.
+        const char* const sanitizer = std::getenv("ASAN_OPTIONS");
+        const std::string options = sanitizer != nullptr ? sanitizer : "";
+        ::setenv("ASAN_OPTIONS", ("verify_asan_link_order=0:" + options).c_str(), 1);
+        dir.Write("c3.ini", "[config]\ndevice = xilinx0:3\n");
+        dir.Write("bad.ini", "[config]\n");
+    }
+    ~RunCommand() override {
+        for (const char* variable :
+             {"VEXO_SIM_CARD", "VEXO_SIM_SET", "VEXO_SIM_SCENARIO", "NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"})
+            ::unsetenv(variable);
+    }
+
+    static Words Run(const Words& options, const Words& program) {
+        Words words = {VEXO_COMMAND, "run"};
+        words.insert(words.end(), options.begin(), options.end());
+        words.emplace_back("--");
+        words.insert(words.end(), program.begin(), program.end());
+        return words;
+    }
+    static Words App(const std::string& what, const std::string& config = "c3.ini") {
+        return {VEXO_RUN_APP, config, what};
+    }
+    // Until it ends by itself.
+    int StatusOf(const Words& options, const Words& program) {
+        return Process(Run(options, program), "", "said").Wait();
+    }
+    std::string Said() const { return dir.Read("said"); }
+    bool SaysAtLast(Process& vexo, const std::string& text) {
+        return Eventually([&] { return Said().find(text) != std::string::npos || !vexo.IsRunning(); }) &&
+               Said().find(text) != std::string::npos;
+    }
+    bool IsThereAtLast(Process& vexo, const std::string& file) {
+        return Eventually([&] { return !dir.Read(file).empty() || !vexo.IsRunning(); }) && !dir.Read(file).empty();
+    }
+
+    test_support::TempDir dir;
+};
+
+// Stands for the service manager.
+class Manager {
+public:
+    explicit Manager(const std::string& address) : m_socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un name{};
+        name.sun_family = AF_UNIX;
+        std::memcpy(name.sun_path, address.data(), address.size());
+        if (address[0] == '@') name.sun_path[0] = '\0';
+        const std::size_t size = offsetof(sockaddr_un, sun_path) + address.size();
+        EXPECT_EQ(::bind(m_socket, reinterpret_cast<sockaddr*>(&name), static_cast<socklen_t>(size)), 0);
+        ::setenv("NOTIFY_SOCKET", address.c_str(), 1);
+    }
+    ~Manager() { ::close(m_socket); }
+    Manager(const Manager&) = delete;
+    Manager& operator=(const Manager&) = delete;
+
+    std::string TryNext() const {
+        char text[256];
+        const ssize_t size = ::recv(m_socket, text, sizeof text, MSG_DONTWAIT);
+        return size >= 0 ? std::string(text, static_cast<std::size_t>(size)) : "";
+    }
+    std::string Next() const {
+        std::string text;
+        Eventually([&] { return !(text = TryNext()).empty(); });
+        return text;
+    }
+    bool HasTold(const std::string& what) const {
+        bool told = false;
+        for (std::string text; !(text = TryNext()).empty();) told = told || text.find(what) == 0;
+        return told;
+    }
+
+private:
+    int m_socket;
+};
+
+}  // namespace
+
+TEST_F(RunCommand, AnOrderlyEndIsZero) {
+    EXPECT_EQ(StatusOf({"c3.ini"}, App("end")), 0);
+    EXPECT_THAT(Said(), AllOf(HasSubstr("the stream is open"), HasSubstr("vexo run: ended in order\n")));
+    EXPECT_THAT(dir.Read("c3.out"), HasSubstr("Init dma channel :CUSTOM_CHAN3_DATA success."));
+}
+
+TEST_F(RunCommand, AFailedStartIsExplainedAndIsNotZero) {
+    EXPECT_EQ(StatusOf({"bad.ini"}, App("end", "bad.ini")), 4);
+    EXPECT_THAT(Said(), HasSubstr("vexo run: the start failed while choosing card and channel: device in [config] is "
+                                  "missing or wrong; write device"));
+    ::setenv("VEXO_SIM_SCENARIO", VEXO_SCENARIO_DIR "/no_card.ini", 1);
+    EXPECT_EQ(StatusOf({"c3.ini"}, App("end")), 3);
+    EXPECT_THAT(Said(), HasSubstr("the start failed while opening the card: there is no card"));
+}
+
+TEST_F(RunCommand, AProgramThatNeverOpenedAStreamDidNotEndInOrder) {
+    EXPECT_EQ(StatusOf({"c3.ini"}, {"/bin/sh", "-c", "exit 0"}), 1);
+    EXPECT_THAT(Said(), HasSubstr("its stream was never open, and c3.out does not say why"));
+}
+
+TEST_F(RunCommand, GivesTheStatusOfTheProgramOrItsSignal) {
+    EXPECT_EQ(StatusOf({"c3.ini"}, App("status")), 7);
+    EXPECT_EQ(StatusOf({"c3.ini"}, App("abort")), 128 + SIGABRT);
+    EXPECT_THAT(Said(), HasSubstr("ended by signal 6 (Aborted)"));
+}
+
+TEST_F(RunCommand, AProgramThatCannotRunEndsAsInAShell) {
+    EXPECT_EQ(StatusOf({"c3.ini"}, {"./none"}), 127);
+    EXPECT_THAT(Said(), HasSubstr("vexo: ./none: No such file or directory\n"));
+    dir.Write("text", "no program");
+    EXPECT_EQ(StatusOf({"c3.ini"}, {"./text"}), 126);
+}
+
+TEST_F(RunCommand, AWrongCommandLineEndsWithTwo) {
+    EXPECT_EQ(StatusOf({}, App("end")), 2);
+    EXPECT_EQ(StatusOf({"none.ini"}, App("end")), 2);
+    EXPECT_EQ(Process({VEXO_COMMAND, "run", "c3.ini"}, "", "said").Wait(), 2);
+    EXPECT_THAT(Said(), HasSubstr("CONFIG.ini is required"));
+    EXPECT_THAT(Said(), HasSubstr("vexo: none.ini: No such file or directory"));
+    EXPECT_THAT(Said(), HasSubstr("vexo: no program to run"));
+    EXPECT_EQ(StatusOf({"--keep", "0", "c3.ini"}, App("end")), 2);
+}
+
+TEST_F(RunCommand, AStopSignalGoesToTheProgramAndIsAnOrderlyEnd) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        Process vexo(Run({"c3.ini"}, App("poll")), "", "said");
+        ASSERT_TRUE(IsThereAtLast(vexo, "up")) << Said();
+        vexo.Signal(signal);
+        EXPECT_EQ(vexo.Wait(), 0);
+        ::unlink("up");
+    }
+    EXPECT_THAT(Said(), AllOf(HasSubstr("ended by signal 15 (Terminated) as asked"), HasSubstr("signal 2")));
+}
+
+TEST_F(RunCommand, ASecondSignalIsPassedOnToo) {
+    Process vexo(Run({"c3.ini"}, App("signals")), "", "said");
+    ASSERT_TRUE(IsThereAtLast(vexo, "up")) << Said();
+    vexo.Signal(SIGTERM);
+    ASSERT_TRUE(IsThereAtLast(vexo, "first")) << Said();
+    vexo.Signal(SIGTERM);
+    EXPECT_EQ(vexo.Wait(), 0);
+    EXPECT_THAT(Said(), HasSubstr("ended as asked"));
+}
+
+TEST_F(RunCommand, TheProgramDiesWithItsSupervisor) {
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // an orphan becomes this process's child
+    Process vexo(Run({"c3.ini"}, App("deaf")), "", "said");
+    ASSERT_TRUE(IsThereAtLast(vexo, "up")) << Said();
+    const pid_t program = std::stoi(dir.Read("up"));
+    vexo.Signal(SIGKILL);
+    vexo.Wait();
+    int status = 0;
+    ASSERT_TRUE(Eventually([&] { return ::waitpid(program, &status, WNOHANG) == program; }));
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+    ::prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+TEST_F(RunCommand, StartsAgainUntilTheEndIsInOrder) {
+    const std::string program = "echo start >>starts; [ $(wc -l <starts) -lt 3 ] && exit 5; exec \"$0\" c3.ini end";
+    EXPECT_EQ(StatusOf({"--restart", "--backoff", "0.01", "c3.ini"}, {"/bin/sh", "-c", program, VEXO_RUN_APP}), 0);
+    EXPECT_EQ(dir.Read("starts"), "start\nstart\nstart\n");
+    EXPECT_THAT(Said(), AllOf(HasSubstr("starts it again in 0.01 s"), HasSubstr("starts it again in 0.02 s"),
+                              HasSubstr("ended in order")));
+    EXPECT_THAT(dir.Read("c3.out"), HasSubstr("Init dma channel"));
+    EXPECT_EQ(::access("c3.out.1", F_OK) + ::access("c3.out.2", F_OK), 0);
+}
+
+TEST_F(RunCommand, DoesNotRepeatAStartThatCannotSucceed) {
+    EXPECT_EQ(StatusOf({"--restart", "bad.ini"}, App("end", "bad.ini")), 4);
+    EXPECT_THAT(Said(), Not(HasSubstr("again")));
+}
+
+TEST_F(RunCommand, CanBeStoppedWhileItWaits) {
+    Process vexo(Run({"--restart", "--backoff", "3600", "--backoff-limit", "3600", "c3.ini"}, App("status")), "",
+                 "said");
+    ASSERT_TRUE(SaysAtLast(vexo, "starts it again in 3600 s"));
+    vexo.Signal(SIGTERM);
+    EXPECT_EQ(vexo.Wait(), 0);
+}
+
+TEST_F(RunCommand, TheWatchdogEndsAProgramThatPollsNoMore) {
+    EXPECT_EQ(StatusOf({"--watchdog", "0.05", "c3.ini"}, App("hang")), 1);
+    EXPECT_THAT(Said(),
+                AllOf(HasSubstr("polls have stood still for 0.05 s"), HasSubstr("because its polls stood still")));
+    EXPECT_EQ(StatusOf({"--watchdog", "0.05", "--kill-after", "0.05", "c3.ini"}, App("deaf")), 1);
+}
+
+TEST_F(RunCommand, IsReadyWhenTheStreamIsOpenAndNotBefore) {
+    for (const std::string& address : {"@vexo-run-test-" + std::to_string(::getpid()), dir.Path("socket")}) {
+        const Manager manager(address);
+        dir.Write("hold", "");
+        Process vexo(Run({"c3.ini"}, App("poll")), "", "said");
+        ASSERT_TRUE(IsThereAtLast(vexo, "holding")) << Said();
+        EXPECT_EQ(manager.TryNext(), "");
+        ::unlink("hold");
+        EXPECT_EQ(manager.Next(), "READY=1\nSTATUS=The stream is open.");
+        vexo.Signal(SIGTERM);
+        EXPECT_EQ(vexo.Wait(), 0);
+        EXPECT_TRUE(manager.HasTold("STOPPING=1"));
+        ::unlink("holding");
+    }
+}
+
+TEST_F(RunCommand, AFailedStartIsNeverReady) {
+    const Manager manager("@vexo-run-test-" + std::to_string(::getpid()));
+    EXPECT_EQ(StatusOf({"bad.ini"}, App("end", "bad.ini")), 4);
+    EXPECT_FALSE(manager.HasTold("READY=1"));
+}
+
+TEST_F(RunCommand, GivesSignsOfLifeWhileTheProgramPollsAQuietMarket) {
+    const Manager manager("@vexo-run-test-" + std::to_string(::getpid()));
+    ::setenv("WATCHDOG_USEC", "2000000", 1);
+    Process vexo(Run({"c3.ini"}, App("poll")), "", "said");
+    while (manager.Next().find("READY=1") != 0) ASSERT_TRUE(vexo.IsRunning());
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
+    EXPECT_EQ(manager.Next(), "WATCHDOG=1");
+    vexo.Signal(SIGTERM);
+    vexo.Wait();
+    EXPECT_THAT(dir.Read("c3.out"), Not(HasSubstr("dma2soft:1")));
+}
+
+TEST_F(RunCommand, ASignOfLifeForAnotherProcessIsNotGiven) {
+    const Manager manager("@vexo-run-test-" + std::to_string(::getpid()));
+    ::setenv("WATCHDOG_USEC", "1000", 1);
+    ::setenv("WATCHDOG_PID", "1", 1);
+    EXPECT_EQ(StatusOf({"c3.ini"}, App("end")), 0);
+    EXPECT_FALSE(manager.HasTold("WATCHDOG=1"));
+}
+
+TEST_F(RunCommand, WhatIsForTheSupervisorDoesNotReachTheProgram) {
+    const Manager manager("@vexo-run-test-" + std::to_string(::getpid()));
+    ::setenv("WATCHDOG_USEC", "1000000", 1);
+    StatusOf({"c3.ini"}, {"/bin/sh", "-c", "echo \"[$NOTIFY_SOCKET$WATCHDOG_USEC]\""});
+    EXPECT_THAT(dir.Read("c3.out"), HasSubstr("[]\n"));
+}
+
+TEST_F(RunCommand, AnAddressThatNoSocketCanHaveIsRefused) {
+    for (const std::string& address : {std::string("vsock:2:1"), "/" + std::string(200, 'a')}) {
+        ::setenv("NOTIFY_SOCKET", address.c_str(), 1);
+        EXPECT_EQ(StatusOf({"c3.ini"}, App("end")), 2);
+    }
+    EXPECT_THAT(Said(), HasSubstr("NOTIFY_SOCKET=vsock:2:1: no address of a socket of this machine"));
+}
+
+TEST_F(RunCommand, OneConfigurationHasOneSupervisor) {
+    Process first(Run({"c3.ini"}, App("poll")), "", "said");
+    ASSERT_TRUE(IsThereAtLast(first, "up")) << Said();
+    EXPECT_EQ(StatusOf({"c3.ini"}, {"/bin/touch", "started"}), 1);
+    EXPECT_THAT(Said(), HasSubstr("vexo: c3.ini: another vexo run has this configuration"));
+    EXPECT_NE(::access("started", F_OK), 0);
+}
+
+TEST_F(RunCommand, ChecksFirstWhenAsked) {
+    EXPECT_EQ(StatusOf({"--check", "bad.ini"}, {"/bin/touch", "started"}), 4);
+    EXPECT_THAT(Said(), AllOf(HasSubstr("bad.ini:1: fatal: [config] device is missing"), HasSubstr("not started")));
+    EXPECT_NE(::access("started", F_OK), 0);
+    EXPECT_EQ(StatusOf({"--check", "c3.ini"}, App("end")), 0) << Said();
+}
+
+TEST_F(RunCommand, KeepsTheOutputWhereItIsTold) {
+    ASSERT_EQ(::mkdir("kept", 0755), 0);
+    EXPECT_EQ(StatusOf({"--directory", "kept", "c3.ini"}, App("end")), 0);
+    EXPECT_THAT(dir.Read("kept/c3.out"), HasSubstr("Init dma channel"));
+    EXPECT_NE(::access("c3.out", F_OK), 0);
+}
+
+// The counting library, started by something else than vexo run.
+TEST_F(RunCommand, PollsAreCountedUntilTheStreamIsClosed) {
+    const vexo::run::PollReader page;
+    EXPECT_FALSE(page.isAttached());
+    const std::string command = capture::preloading(VEXO_POLLS_LIBRARY) + std::string(polls::kVariable) + "=9 " +
+                                capture::word(VEXO_RUN_APP) + " c3.ini three 9<>/proc/" + std::to_string(::getpid()) +
+                                "/fd/" + std::to_string(page.descriptor());
+    const capture::ProgramResult result = capture::runProgram(command);
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_TRUE(page.isAttached());
+    EXPECT_TRUE(page.isReady());
+    std::uint64_t polls = 0;
+    for (const vexo::run::StreamPolls& stream : page.streams()) {
+        EXPECT_EQ(stream.owner, 0U);
+        polls += stream.polls;
+    }
+    EXPECT_EQ(polls, 4U);  // opening counts as one
+}
+
+TEST_F(RunCommand, AFileThatHasTheNumberOfThePageIsNotWritten) {
+    polls::PollPage page{};
+    page.magic = polls::kMagic;
+    const std::string content(reinterpret_cast<const char*>(&page), sizeof page);
+    dir.Write("data", content);
+    const capture::ProgramResult result = capture::runProgram(capture::preloading(VEXO_POLLS_LIBRARY) +
+                                                              std::string(polls::kVariable) + "=3 " +
+                                                              capture::word(VEXO_RUN_APP) + " c3.ini end 3<>data");
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_EQ(dir.Read("data"), content);
+}

@@ -1,0 +1,28 @@
+#include "tools/cli/Color.h"
+
+#include <unistd.h>
+#include <cstdlib>
+
+#include "tools/cli/Progress.h"
+
+namespace cli {
+
+void addColorOption(CLI::App& command, std::string& when) {
+    when = "auto";
+    command.add_option("--color", when, "Colours: auto, always or never; auto obeys NO_COLOR and TERM=dumb")
+        ->type_name("WHEN")
+        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->capture_default_str();
+}
+
+bool isColored(const std::string& when) {
+    if (when != "auto") return when == "always";
+    const char* const refused = std::getenv("NO_COLOR");
+    return isTerminal(STDOUT_FILENO) && (refused == nullptr || *refused == '\0');
+}
+
+std::string painted(const std::string& text, const char* color, bool colored) {
+    return colored && !text.empty() ? color + text + kPlain : text;
+}
+
+}  // namespace cli

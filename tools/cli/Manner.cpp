@@ -1,0 +1,134 @@
+#include "tools/cli/Manner.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+namespace cli {
+
+namespace {
+
+constexpr char kStatusTitle[] = "Exit status:";
+constexpr std::size_t kHelpWidth = 110;
+
+// Breaks the lines of a text between words.
+std::string wrapped(const std::string& text, std::size_t width) {
+    std::string out;
+    std::size_t begin = 0;  // of the line that grows
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find_first_of(" \n", at), text.size());
+        const std::size_t space = out.find_last_not_of(' ') + 1;
+        if (out.size() - begin + (end - at) > width && space > begin) {
+            out.replace(space, std::string::npos, "\n");
+            begin = out.size();
+        }
+        out.append(text, at, end - at + (end < text.size() ? 1 : 0));
+        if (end < text.size() && text[end] == '\n') begin = out.size();
+        at = end + 1;
+    }
+    return out;
+}
+
+// Long texts of the help take several lines.
+class Formatter : public CLI::Formatter {
+public:
+    std::string make_option_desc(const CLI::Option* option) const override {
+        return wrapped(option->get_description(), kHelpWidth - get_column_width());
+    }
+    std::string make_footer(const CLI::App* app) const override {
+        return app->get_footer().empty() ? "" : wrapped(app->get_footer(), kHelpWidth) + "\n";
+    }
+    std::string make_description(const CLI::App* app) const override {
+        return app->get_description().empty() ? "" : wrapped(app->get_description(), kHelpWidth) + "\n";
+    }
+};
+
+// The mistake, and where the help is that says how it is right.
+std::string explain(const CLI::App& app, const CLI::ParseError& error, const Advice& advice) {
+    const CLI::App& command = chosen(app);
+    const std::string help = "\nSee " + nameOf(command) + " --help";
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr) return error.what() + help;
+    const std::vector<std::string> words = app.remaining(true);
+    const std::string text = (words.size() == 1 ? "unexpected argument: " : "unexpected arguments: ") + joined(words);
+    const std::string more = advice ? advice(words) : "";
+    return text + (more.empty() ? help : "\n" + more);
+}
+
+}  // namespace
+
+void tellStatuses(CLI::App& command, const std::vector<ExitStatus>& statuses) {
+    std::string text = command.get_footer();
+    if (!text.empty()) text += "\n\n";
+    text += kStatusTitle;
+    for (const ExitStatus& one : statuses) {
+        const std::string number = one.status == kElse ? "else" : std::to_string(one.status);
+        text += "\n  " + number + std::string(5 - std::min<std::size_t>(4, number.size()), ' ') + one.meaning;
+    }
+    command.footer(text);
+}
+
+void complete(CLI::App& app, const char* version) {
+    std::string program = app.get_name();
+    for (const CLI::App* at = app.get_parent(); at != nullptr; at = at->get_parent()) program = at->get_name();
+    app.formatter(std::make_shared<Formatter>());
+    app.get_help_ptr()->description("Show this text and end");
+    app.set_version_flag("--version", program + " " + version, "Show the version and end");
+    const std::vector<CLI::App*> commands = app.get_subcommands([](const CLI::App*) { return true; });
+    if (commands.empty() && app.get_footer().find(kStatusTitle) == std::string::npos) {
+        tellStatuses(app, {{kFine, "fine"}, {kFinding, "a finding, or a failure"}, {kUsage, "wrong usage"}});
+    }
+    for (CLI::App* command : commands) complete(*command, version);
+}
+
+std::optional<int> parse(CLI::App& app, std::vector<std::string> words, const Advice& advice) {
+    std::reverse(words.begin(), words.end());  // CLI11 takes them last one first
+    try {
+        app.parse(words);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0) return fail(app.get_name(), kUsage, explain(app, error, advice));
+        app.exit(error);
+        return finish(app.get_name(), kFine);
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> wordsOf(int argc, const char* const* argv) {
+    return argc > 1 ? std::vector<std::string>(argv + 1, argv + argc) : std::vector<std::string>();
+}
+
+const CLI::App& chosen(const CLI::App& app) {
+    const std::vector<CLI::App*> next = app.get_subcommands();
+    return next.empty() ? app : chosen(*next.front());
+}
+
+std::string nameOf(const CLI::App& app) {
+    return (app.get_parent() != nullptr ? nameOf(*app.get_parent()) + " " : "") + app.get_name();
+}
+
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+
+int fail(const std::string& program, int status, const std::string& text) {
+    std::fprintf(stderr, "%s: %s\n", program.c_str(), text.c_str());
+    return status;
+}
+
+std::string faultOfOutput() {
+    errno = 0;
+    std::cout.flush();
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && std::cout.good()) return {};
+    return std::string("standard output: ") + std::strerror(errno != 0 ? errno : EIO);
+}
+
+int finish(const std::string& program, int status) {
+    const std::string fault = faultOfOutput();
+    return fault.empty() ? status : fail(program, kFinding, fault);
+}
+
+}  // namespace cli

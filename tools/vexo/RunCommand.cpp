@@ -1,0 +1,145 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "tools/vexo/Command.h"
+#include "tools/vexo/InputFile.h"
+#include "tools/vexo/Launch.h"
+#include "tools/vexo/check/ConfigCheck.h"
+#include "tools/vexo/check/HostCheck.h"
+#include "tools/vexo/run/Ending.h"
+#include "tools/vexo/run/Supervisor.h"
+
+namespace vexo {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr double kDay = 86400;
+
+struct Options {
+    std::string config;
+    std::string directory = ".";
+    unsigned keep = 10;
+    double watchdog = 0;
+    double killAfter = 10;
+    double firstWait = 1;
+    double longestWait = 60;
+    bool restart = false;
+    bool check = false;
+};
+
+// A second application with the same configuration would take the same stream. While vexo lives, it holds a lock on
+// the file, which the system releases however vexo ends.
+class OnlyOne {
+public:
+    explicit OnlyOne(const std::string& config) : m_fd(::open(config.c_str(), O_RDONLY | O_CLOEXEC)) {
+        if (m_fd < 0 || ::flock(m_fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return;
+        throw Failure(kFinding, config + ": another vexo run has this configuration, and its application has the " +
+                                    "same stream; stop that one first");
+    }
+    ~OnlyOne() {
+        if (m_fd >= 0) ::close(m_fd);
+    }
+    OnlyOne(const OnlyOne&) = delete;
+    OnlyOne& operator=(const OnlyOne&) = delete;
+
+private:
+    int m_fd;
+};
+
+// Every finding is shown. @return the configuration; a status when the start would end
+check::ConfigFacts checkBefore(const Options& options, int& status) {
+    check::Report report;
+    const check::ConfigFacts facts = readable(options.config,
+                                              [&] { return check::checkConfig(options.config, report); });
+    if (!options.check) return facts;
+    check::checkHost({facts}, {}, report);
+    if (report.count() != 0) std::fputs(asText(report, false).c_str(), stderr);
+    if (report.countFatal() != 0) status = run::kUseless;
+    return facts;
+}
+
+// What the service manager asks for: 0 when it asks for nothing, or asks another process.
+double managersWatchdog() {
+    const char* const micros = std::getenv("WATCHDOG_USEC");
+    const char* const process = std::getenv("WATCHDOG_PID");
+    if (micros == nullptr || (process != nullptr && std::atol(process) != ::getpid())) return 0;
+    return static_cast<double>(std::strtoull(micros, nullptr, 10)) / 1e6;
+}
+
+int superviseProgram(const Options& options, const Program& program) {
+    requireProgram(program);
+    requireFile(options.config);
+    const OnlyOne lock(options.config);
+    int status = 0;
+    const check::ConfigFacts facts = checkBefore(options, status);
+    if (status != 0) {
+        std::fprintf(stderr, "vexo run: not started: the start-up would end at what is fatal\n");
+        return status;
+    }
+    const fs::path output = fs::path(options.directory) / (fs::path(options.config).stem().string() + ".out");
+    run::Plan plan{program, run::KeptOutput(output.lexically_normal().string(), options.keep)};
+    plan.isMaster = facts.device.valid && facts.device.channel == 0;
+    plan.watchdog = options.watchdog;
+    plan.managersWatchdog = managersWatchdog();
+    plan.killAfter = options.killAfter;
+    plan.restart = options.restart;
+    plan.firstWait = options.firstWait;
+    plan.longestWait = options.longestWait;
+    const run::Notifier notifier(std::getenv("NOTIFY_SOCKET"));
+    return run::Supervisor(plan, notifier).run();
+}
+
+void addSeconds(CLI::App& command, const std::string& name, double& value, double least, const std::string& text) {
+    command.add_option(name, value, text)->type_name("SECONDS")->check(CLI::Range(least, kDay));
+}
+
+}  // namespace
+
+void addRun(CLI::App& app, Invocation& invocation) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* run = app.add_subcommand("run", "Supervise an application: tell a failed start from an orderly end");
+    takeProgram(*run, "run", invocation);
+    run->add_option("CONFIG.ini", options->config, "Configuration that the application is given")->required();
+    run->add_flag("--check", options->check, "Check configuration and host first; do not start when one is fatal");
+    addSeconds(*run, "--watchdog", options->watchdog, 0.01,
+               "End the application when it stops polling an open stream for so long");
+    addSeconds(*run, "--kill-after", options->killAfter, 0,
+               "Time from SIGTERM to SIGKILL of the watchdog (default: 10)");
+    run->add_flag("--restart", options->restart, "Start the application again until it ends in order");
+    addSeconds(*run, "--backoff", options->firstWait, 0,
+               "Wait before the first restart; doubles each time (default: 1)");
+    addSeconds(*run, "--backoff-limit", options->longestWait, 0, "Longest wait before a restart (default: 60)");
+    run->add_option("--keep", options->keep, "Starts whose output is kept")
+        ->type_name("N")
+        ->check(CLI::Range(1U, 1000U))
+        ->capture_default_str();
+    run->add_option("--directory", options->directory,
+                    "Directory of the kept output, CONFIG.out for the newest start (default: this one)")
+        ->type_name("DIR")
+        ->check(CLI::ExistingDirectory);
+    run->footer(
+        "Run it as:  vexo run [OPTIONS] CONFIG.ini -- PROGRAM [ARGUMENTS]\n"
+        "Under systemd (Type=notify) it says READY=1 once the stream is open, and WATCHDOG=1 while the application "
+        "polls.");
+    cli::tellStatuses(*run, {{cli::kFine, "the application ended in order or as asked"},
+                             {kFinding, "the start failed, or polls stood still"},
+                             {kUsage, "wrong usage"},
+                             {kNoCard, "the start failed: there is no card"},
+                             {vexo::run::kUseless, "the start failed, and another one would too, or do harm"},
+                             {kCannotRun, "the program cannot be run"},
+                             {kNotFound, "the program is not there"},
+                             {cli::kElse, "that of the program; 128 + N after signal N"}});
+    run->callback([options, &invocation] {
+        invocation.run = [options, &invocation] { return superviseProgram(*options, invocation.program); };
+    });
+}
+
+}  // namespace vexo

@@ -1,0 +1,64 @@
+#include "tools/vexo/run/Ending.h"
+
+#include <sys/wait.h>
+#include <csignal>
+#include <cstring>
+#include <stdexcept>
+
+#include "tools/vexo/Command.h"
+#include "tools/vexo/check/StartLog.h"
+#include "tools/vexo/run/Signals.h"
+
+namespace vexo::run {
+namespace {
+
+using check::Again;
+
+Ending failedStart(const check::StartEnd& end, const Ended& ended) {
+    const check::StartLine& line = *end.line;
+    Ending ending;
+    ending.again = line.again == Again::kMayHelp || line.again == Again::kNoCard ||
+                   (line.again == Again::kUnlessMaster && !ended.isMaster);
+    ending.status = line.again == Again::kNoCard ? kNoCard : ending.again ? kFinding : kUseless;
+    ending.text = std::string("the start failed while ") + line.step + ": " + line.why + "; " + line.todo + " (" +
+                  ended.output + ":" + std::to_string(end.number) + ")";
+    return ending;
+}
+
+check::StartEnd readOutput(const std::string& file) {
+    try {
+        return check::endOfStart(file);
+    } catch (const std::runtime_error&) {
+        return {};  // somebody removed the file: what the poll page says must do
+    }
+}
+
+Ending withStatusZero(const Ended& ended) {
+    const check::StartEnd end = readOutput(ended.output);
+    if (end.line != nullptr) return failedStart(end, ended);
+    if (ended.wasStopped) return {true, 0, false, "ended as asked"};
+    if (ended.wasReady || end.opened) return {true, 0, false, "ended in order"};
+    if (ended.isAttached)
+        return {false, kFinding, true,
+                "ended with status 0, but its stream was never open, and " + ended.output + " does not say why"};
+    return {true, 0, false, "ended with status 0; whether its stream was open cannot be known"};
+}
+
+Ending bySignal(int signal, bool wasStopped) {
+    const std::string name = std::string("ended by signal ") + std::to_string(signal) + " (" + ::strsignal(signal) +
+                             ")";
+    if (wasStopped && isStop(static_cast<unsigned>(signal))) return {true, 0, false, name + " as asked"};
+    return {false, 128 + signal, true, name};
+}
+
+}  // namespace
+
+Ending judge(const Ended& ended) {
+    if (ended.wasStanding) return {false, kFinding, true, "ended because its polls stood still"};
+    if (WIFSIGNALED(ended.waitStatus)) return bySignal(WTERMSIG(ended.waitStatus), ended.wasStopped);
+    const int status = WEXITSTATUS(ended.waitStatus);
+    if (status == 0) return withStatusZero(ended);
+    return {false, status, true, "ended with status " + std::to_string(status)};
+}
+
+}  // namespace vexo::run

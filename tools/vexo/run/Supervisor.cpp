@@ -1,0 +1,152 @@
+#include "tools/vexo/run/Supervisor.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+
+namespace vexo::run {
+namespace {
+
+constexpr double kStarting = 0.1;  // how soon an open stream is seen
+constexpr double kUsual = 1;
+constexpr double kLeast = 0.01;
+
+void say(const std::string& text) { std::fprintf(stderr, "vexo run: %s\n", text.c_str()); }
+
+std::string shortNumber(double number) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", number);
+    return text;
+}
+
+template <typename Clock>
+double secondsSince(std::chrono::time_point<Clock> then) {
+    return std::chrono::duration<double>(Clock::now() - then).count();
+}
+
+}  // namespace
+
+Supervisor::Supervisor(const Plan& plan, const Notifier& notifier)
+    : m_plan(plan), m_notifier(notifier), m_backOff(plan.firstWait, plan.longestWait) {}
+
+int Supervisor::run() {
+    for (;;) {
+        const Ending ending = superviseStart();
+        say(ending.text);
+        if (ending.orderly || !ending.again || !m_plan.restart || m_isLast) return ending.status;
+        const double wait = m_backOff.next(m_lastRan);
+        say("starts it again in " + shortNumber(wait) + " s");
+        if (!waitToRestart(wait)) return 0;
+    }
+}
+
+Ending Supervisor::superviseStart() {
+    Start start;
+    const int output = m_plan.output.openNext();
+    try {
+        start.child = startChild(m_plan.program, output, start.page.descriptor(), m_signals);
+    } catch (...) {
+        ::close(output);
+        throw;
+    }
+    ::close(output);
+    say("started " + m_plan.program.front() + " as process " + std::to_string(start.child) + "; its output is in " +
+        m_plan.output.name());
+    while (!start.waitStatus) {
+        const double every = lookEvery(start);
+        if (const std::optional<signalfd_siginfo> signal = m_signals.wait(every)) take(*signal, start.child);
+        look(start, 2 * every);
+        reap(start);
+    }
+    // The stop signal may have come in the same moment as the end.
+    while (const std::optional<signalfd_siginfo> signal = m_signals.wait(0))
+        if (isStop(signal->ssi_signo)) m_stopAsked = m_isLast = true;
+    m_lastRan = start.readySince ? secondsSince(*start.readySince) : 0;
+    return endingOf(start);
+}
+
+double Supervisor::lookEvery(const Start& start) const {
+    double every = start.managerKnows && !start.wasStanding ? kUsual : kStarting;
+    for (const double limit : {m_plan.watchdog, m_plan.managersWatchdog})
+        if (limit > 0) every = std::min(every, limit / 4);
+    return std::max(every, kLeast);
+}
+
+void Supervisor::take(const signalfd_siginfo& signal, pid_t child) {
+    if (signal.ssi_signo == SIGCHLD) return;
+    if (isStop(signal.ssi_signo)) {
+        m_stopAsked = true;
+        m_notifier.send("STOPPING=1");
+    }
+    if (isStop(signal.ssi_signo) || signal.ssi_signo == SIGABRT) m_isLast = true;
+    if (!isFromTerminal(signal)) ::kill(child, static_cast<int>(signal.ssi_signo));
+}
+
+// Also what the application left behind, when this is the first process of a container.
+void Supervisor::reap(Start& start) const {
+    int status = 0;
+    for (pid_t ended; (ended = ::waitpid(-1, &status, WNOHANG)) > 0;)
+        if (ended == start.child) start.waitStatus = status;
+}
+
+void Supervisor::look(Start& start, double longest) {
+    start.watchdog.look(start.page.streams(), secondsSince(start.lastLook), longest);
+    start.lastLook = Clock::now();
+    if (!start.readySince && start.page.isReady()) {
+        start.readySince = start.lastLook;
+        say("the stream is open");
+    }
+    tellManager(start);
+    endStanding(start);
+}
+
+void Supervisor::tellManager(Start& start) const {
+    if (start.readySince && !start.managerKnows)
+        start.managerKnows = m_notifier.send("READY=1\nSTATUS=The stream is open.");
+    // The manager's limit is at least twice the time that polls stood still when the last sign of life went out.
+    if (m_plan.managersWatchdog > 0 && start.watchdog.standingStill() < m_plan.managersWatchdog / 2)
+        m_notifier.send("WATCHDOG=1");
+}
+
+void Supervisor::endStanding(Start& start) const {
+    if (!start.wasStanding && m_plan.watchdog > 0 && start.watchdog.standingStill() >= m_plan.watchdog) {
+        say("polls have stood still for " + shortNumber(m_plan.watchdog) + " s; ending process " +
+            std::to_string(start.child));
+        start.wasStanding = true;
+        start.killAt = Clock::now() +
+                       std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_plan.killAfter));
+        ::kill(start.child, SIGTERM);
+    }
+    if (start.wasStanding && Clock::now() >= start.killAt) ::kill(start.child, SIGKILL);
+}
+
+// The manager gets its signs of life here, too: nothing stands still.
+bool Supervisor::waitToRestart(double seconds) {
+    const Clock::time_point began = Clock::now();
+    const double every = m_plan.managersWatchdog > 0 ? m_plan.managersWatchdog / 4 : kUsual;
+    for (double left; (left = seconds - secondsSince(began)) > 0;) {
+        const std::optional<signalfd_siginfo> signal = m_signals.wait(std::min(left, every));
+        if (signal && isStop(signal->ssi_signo)) return false;
+        if (m_plan.managersWatchdog > 0) m_notifier.send("WATCHDOG=1");
+    }
+    return true;
+}
+
+Ending Supervisor::endingOf(const Start& start) const {
+    if (!start.page.isAttached())
+        say("the program did not load the library that counts polls (it is linked statically, runs with another "
+            "user's rights, or was started by a program that clears the environment)");
+    Ended ended;
+    ended.waitStatus = *start.waitStatus;
+    ended.output = m_plan.output.name();
+    ended.isMaster = m_plan.isMaster;
+    ended.isAttached = start.page.isAttached();
+    ended.wasReady = start.page.isReady();
+    ended.wasStopped = m_stopAsked;
+    ended.wasStanding = start.wasStanding;
+    return judge(ended);
+}
+
+}  // namespace vexo::run
