@@ -20,7 +20,7 @@ import threading
 sources, programs, day_files_library = map(pathlib.Path, sys.argv[1:4])
 version = sys.argv[4]
 PROGRAMS = ("vexo", "vexo-simcard", "vexo-cardtest", "quote_printer")
-STATUSES = {"0", "1", "2", "3", "126", "127", "else"}
+STATUSES = {"0", "1", "2", "3", "4", "126", "127", "else"}
 
 QUOTES = ["quote_printer", "demo.ini", "--seconds", "1"]
 # The command line that shows a result, its exit status, and where --json writes one object a line: on standard output,
@@ -31,6 +31,7 @@ EXAMPLES = {
     "vexo index": (["day-file"], 1, None),
     "vexo plan": (["demo.ini", "--instruments", "list"], 1, None),
     "vexo log": (["day.log"], 0, ""),
+    "vexo stat": (["--dir", "pages"], 0, ""),
     "vexo tap": (["--output", "a.pcapng", "--", *QUOTES], 0, '{"tap":'),
     "vexo-simcard": (["--status"], 0, None),
     "vexo-cardtest": (["--only", "filter-create", "core-root"], 0, None),
@@ -62,6 +63,8 @@ class Place:
         self.environment |= {"PATH": f"{programs}:{os.environ['PATH']}", "VEXO_SIM_DIR": str(work / "cards"),
                              "LD_PRELOAD": str(work / "preload.so"), "VEXO_TEST_DAY_FILES": str(work / "day-files"),
                              "VEXO_SIM_CARD": "embedded"}
+        counted = self.run(["vexo", "tap", "--stats-only", "--keep-page", "--", *QUOTES], VEXO_STATS_DIR="pages")
+        expect(counted.returncode == 0, "vexo tap --stats-only ended with", counted.returncode, counted.stderr)
 
     def run(self, words, **environment):
         return subprocess.run([str(programs / words[0]), *words[1:]], cwd=self.work, text=True, check=False,

@@ -33,6 +33,12 @@ Origin enumerated(const Origin& filter, std::int64_t card, std::size_t n) {
     return found;
 }
 
+// Never destroyed: other libraries may make handles before the tap's constructors and after its destructors.
+Origins& origins() {
+    static auto* all = new Origins;
+    return *all;
+}
+
 capture::InterfaceInfo describeStream(const Origin& stream) {
     const auto card = static_cast<std::uint32_t>(stream.card == Origin::kUnknown ? 0 : stream.card);
     std::string name = stream.name.empty() ? "stream" : "stream " + stream.name;

@@ -50,6 +50,9 @@ private:
     std::unordered_map<const void*, Origin> m_known;
 };
 
+/// Those of this process.
+Origins& origins();
+
 /// The n-th object, counted from 0, of an enumeration with @p filter.
 Origin enumerated(const Origin& filter, std::int64_t card, std::size_t n);
 

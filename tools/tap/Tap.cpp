@@ -163,12 +163,6 @@ Capture* running() {
 
 }  // namespace
 
-// Never destroyed: other libraries may make handles before the tap's constructors and after its destructors.
-Origins& origins() {
-    static auto* all = new Origins;
-    return *all;
-}
-
 void openStream(const void* stream, const Origin& origin) {
     Capture* capture = running();
     if (capture == nullptr) return;

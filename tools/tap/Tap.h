@@ -8,8 +8,6 @@
 /// The tap of this process: at most one capture, begun by the first stream or register access.
 namespace tap {
 
-Origins& origins();
-
 /// The streams that are captured at this moment.
 [[gnu::visibility("hidden")]] extern StreamTable g_streams;
 

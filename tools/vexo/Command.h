@@ -45,6 +45,7 @@ void addPlan(CLI::App& app, Invocation& invocation);
 void addReport(CLI::App& app, Invocation& invocation);
 void addRun(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);
+void addStat(CLI::App& app, Invocation& invocation);
 void addTap(CLI::App& app, Invocation& invocation);
 
 }  // namespace vexo

@@ -38,7 +38,10 @@ fs::path simulatedCardDirectory() { return find(layout::kSimulatedCard, "the sim
 
 fs::path tapLibrary() { return find(layout::kTap, "the tap"); }
 
+fs::path statsLibrary() { return find(layout::kStats, "the tap's stats-only mode"); }
+
 fs::path pollsLibrary() { return find(layout::kPolls, "the library that counts polls"); }
+
 fs::path dayFileLibrary() { return find(layout::kDayFile, "what keeps day files apart"); }
 
 }  // namespace vexo

@@ -10,6 +10,9 @@ std::filesystem::path simulatedCardDirectory();
 /// The library that `vexo tap` loads into a program.
 std::filesystem::path tapLibrary();
 
+/// The library that `vexo tap --stats-only` loads into a program.
+std::filesystem::path statsLibrary();
+
 /// The library that `vexo run` loads into a program, to see it poll.
 std::filesystem::path pollsLibrary();
 

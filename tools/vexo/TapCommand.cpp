@@ -1,6 +1,8 @@
+#include <VexoZceMdStatsPage.h>
 #include <filesystem>
 #include <memory>
 
+#include "tools/stats/Settings.h"
 #include "tools/tap/Settings.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
@@ -17,6 +19,9 @@ struct Options {
     bool json = false;
     std::uint64_t rotateMb = 0;
     std::uint64_t ringMb = tap::kDefaultRingMb;
+    bool statsOnly = false;
+    std::uint64_t ringLastsUs = stats::kDefaultRingLastsUs;
+    bool keepPage = false;
 };
 
 // The program may change its directory before the tap creates the first file.
@@ -32,11 +37,19 @@ fs::path absoluteOutput(const std::string& output) {
     return path;
 }
 
+[[noreturn]] void count(const Options& options, const Program& program) {
+    set(stats::kRingLastsVariable, std::to_string(options.ringLastsUs));
+    if (options.keepPage) set(vexo_stats::kKeepVariable, "1");
+    preload(statsLibrary());
+    become(program);
+}
+
 int run(const Options& options, const Program& program) {
     requireProgram(program);
+    set(tap::kJsonVariable, options.json ? "1" : "0");
+    if (options.statsOnly) count(options, program);
     set(tap::kFileVariable, absoluteOutput(options.output).string());
     set(tap::kRegistersVariable, options.registers ? "1" : "0");
-    set(tap::kJsonVariable, options.json ? "1" : "0");
     set(tap::kRotateVariable, std::to_string(options.rotateMb));
     set(tap::kRingVariable, std::to_string(options.ringMb));
     preload(tapLibrary());
@@ -49,18 +62,32 @@ void addTap(CLI::App& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     CLI::App* tap = app.add_subcommand("tap", "Run a program and record what its card delivers, as pcapng");
     takeProgram(*tap, "tap", invocation);
-    tap->add_option("--output", options->output, "File to write; if it exists, a free name with a number is used")
-        ->type_name("FILE")
-        ->capture_default_str();
-    tap->add_flag("--registers", options->registers, "Record every register access too");
-    tap->add_option("--rotate", options->rotateMb, "Start another file before one grows beyond so many megabytes")
-        ->type_name("MB")
-        ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRotateMb));
-    tap->add_option("--ring", options->ringMb,
-                    "Megabytes of memory for packets on their way to the file, for each stream")
-        ->type_name("MB")
-        ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRingMb))
-        ->capture_default_str();
+    CLI::Option* const output = tap->add_option("--output", options->output,
+                                                "File to write; if it exists, a free name with a number is used")
+                                    ->type_name("FILE")
+                                    ->capture_default_str();
+    CLI::Option* const registers = tap->add_flag("--registers", options->registers, "Record every register access too");
+    CLI::Option* const rotate = tap->add_option("--rotate", options->rotateMb,
+                                                "Start another file before one grows beyond so many megabytes")
+                                    ->type_name("MB")
+                                    ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRotateMb));
+    CLI::Option* const ring = tap->add_option(
+                                     "--ring", options->ringMb,
+                                     "Megabytes of memory for packets on their way to the file, for each stream")
+                                  ->type_name("MB")
+                                  ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRingMb))
+                                  ->capture_default_str();
+    CLI::Option* statsOnly = tap->add_flag("--stats-only", options->statsOnly,
+                                           "Record nothing; count for vexo stat what the program receives and loses");
+    tap->add_option("--ring-lasts", options->ringLastsUs,
+                    "Microseconds until the ring of a stream is full when nobody polls: packets that a longer callback "
+                    "costs are lost by the application")
+        ->type_name("US")
+        ->check(CLI::Range(std::uint64_t{1}, stats::kMaxRingLastsUs))
+        ->capture_default_str()
+        ->needs(statsOnly);
+    tap->add_flag("--keep-page", options->keepPage, "Keep the numbers when the program ends")->needs(statsOnly);
+    for (CLI::Option* recording : {output, registers, rotate, ring}) statsOnly->excludes(recording);
     tap->add_flag("--json", options->json,
                   "Write what the tap says on standard error as JSON, one object a line: {\"tap\": ...}");
     tap->callback([options, &invocation] {

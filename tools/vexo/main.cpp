@@ -12,8 +12,8 @@ namespace {
 
 using namespace vexo;
 
-constexpr AddCommand kCommands[] = {addCheck,  addExport, addIndex, addLog, addPlan,
-                                    addReport, addRun,    addSim,   addTap};
+constexpr AddCommand kCommands[] = {addCheck,  addExport, addIndex, addLog,  addPlan,
+                                    addReport, addRun,    addSim,   addStat, addTap};
 
 // The usual cause of words without a place is a program without "--" before it.
 std::string adviceFor(const CLI::App& app, const Invocation& invocation, const std::vector<std::string>& words) {

@@ -33,9 +33,9 @@ TEST_F(Command, TellsItsVersion) { EXPECT_EQ(vexo("--version").output, "vexo " V
 
 TEST_F(Command, ExplainsEverySubcommand) {
     EXPECT_EQ(vexo("--help").status, 0);
-    EXPECT_THAT(vexo("--help").output,
-                AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "), HasSubstr("\n  plan "),
-                      HasSubstr("\n  report "), HasSubstr("\n  run "), HasSubstr("\n  sim "), HasSubstr("\n  tap ")));
+    EXPECT_THAT(vexo("--help").output, AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "),
+                                             HasSubstr("\n  plan "), HasSubstr("\n  report "), HasSubstr("\n  run "),
+                                             HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
     EXPECT_THAT(vexo("sim --help").output, HasSubstr("\n  run "));
     EXPECT_THAT(vexo("sim run --help").output, HasSubstr("vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]"));
     EXPECT_THAT(vexo("tap --help").output, HasSubstr("vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]"));
@@ -74,6 +74,13 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"index a b", "vexo: unexpected argument: b\nSee vexo index --help"},
         {"index a --compare b --list",
          "vexo: --list shows no comparison; leave out --list or --compare, or add --json"},
+        {"stat --json --loss", "--loss excludes --json"},
+        {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
+        {"stat --listen 70000", "--listen"},
+        {"stat --watch 0", "--watch: Value 0 not in range"},
+        {"tap --keep-page -- true", "--keep-page requires --stats-only"},
+        {"tap --stats-only --registers -- true", "--registers excludes --stats-only"},
+        {"tap --stats-only --ring-lasts 0 -- true", "--ring-lasts: Value 0 not in range"},
         {"tap --rotate 0 -- true", "--rotate: Value 0 not in range"},
         {"tap --output none/a.pcapng -- true", "vexo: --output none/a.pcapng: there is no directory "},
         {"tap --output . -- true", "vexo: --output .: this is a directory, not a file"},
@@ -99,6 +106,16 @@ TEST_F(Command, BecomesTheProgramWithItsArgumentsAndItsExitStatus) {
     const ProgramResult result = vexo("sim run -- sh -c 'echo $# $2; exit 7' sh --one '-- two'");
     EXPECT_EQ(result.status, 7);
     EXPECT_EQ(result.output, "2 -- two\n");
+}
+
+TEST_F(Command, TapWithStatsOnlyLoadsTheCounterAndNoRecorder) {
+    const ProgramResult result = runProgram(
+        "unset LD_PRELOAD LD_LIBRARY_PATH; " + word(VEXO_COMMAND) +
+        " tap --stats-only --keep-page --ring-lasts 7 -- sh -c 'echo $LD_PRELOAD $LD_LIBRARY_PATH "
+        "$VEXO_STATS_RING_LASTS_US $VEXO_STATS_KEEP $VEXO_TAP_FILE'");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, HasSubstr("libvexo-stats.so"));
+    EXPECT_THAT(result.output, EndsWith(" 7 1\n"));
 }
 
 TEST_F(Command, SimRunPutsTheSimulatedCardBeforeEverythingElse) {

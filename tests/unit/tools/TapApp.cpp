@@ -125,6 +125,20 @@ void receiveTwice(const Wanted& wanted) {
     }
 }
 
+void tally(const std::uint8_t*, std::uint32_t, void* context) { ++*static_cast<std::uint32_t*>(context); }
+
+// One thread polls two streams in turn.
+void receiveInTurn(const Wanted& one, const Wanted& other) {
+    const Stream streams[] = {openStream(one), openStream(other)};
+    std::uint32_t received[] = {0, 0};
+    for (int packets = 1; packets > 0;) {
+        packets = 0;
+        for (int i = 0; i < 2; ++i) packets += enyx_hw_a2c_stream_poll_once(streams[i].get(), tally, &received[i]);
+    }
+    if (received[0] != received[1]) fail("a packet went to the wrong stream");
+    g_received = received[0] + received[1];
+}
+
 // All packets come while the tap's writer waits for its disk.
 void receiveWithoutDisk(const Wanted& wanted) {
     const std::lock_guard<std::mutex> busy(g_disk);
@@ -212,6 +226,7 @@ int main(int argc, char** argv) {
     if (way == "exit-in-handler") receiveAll(openStream(third).get(), exitAtThird);
     if (way == "fork") receiveAroundFork(openStream(third).get());
     if (way == "twice") receiveTwice(third);
+    if (way == "in-turn") receiveInTurn(third, {nullptr, 5, 1});
     if (way == "without-disk") receiveWithoutDisk(third);
     if (way == "no-handler") pollWithoutHandler(openStream(third).get());
     if (way == "ask-mtu") receiveAfterAskingForMtu(openStream(third).get());

@@ -1,0 +1,106 @@
+// What statistics add to a packet and to an idle poll: by the tap's stats-only mode, and by the wrapper around the
+// application's callbacks.
+
+#include <VexoZceMdStats.h>
+#include <dlfcn.h>
+#include <enyx-sim/enyx_sim.h>
+#include <enyx-sim/md_payload.h>
+#include <cstdlib>
+#include <cstring>
+
+#include "bench/support/BenchCard.h"
+#include "bench/support/CountInstructions.h"
+
+namespace {
+
+constexpr unsigned int kWarmUp = 64;
+constexpr unsigned int kTimes = 4000;
+constexpr std::uint32_t kSize = 140;
+
+using Poll = decltype(enyx_hw_a2c_stream_poll_once);
+
+void EmptyHandler(const std::uint8_t*, std::uint32_t, void*) {}
+
+// The card's own poll: a plain call of it in this program reaches the tap, which is linked before the card.
+Poll* PollWithoutTap() {
+    void* const card = ::dlopen("libenyx-hw-c.so.1", RTLD_NOW | RTLD_NOLOAD);
+    auto* poll = card != nullptr ? reinterpret_cast<Poll*>(::dlsym(card, "enyx_hw_a2c_stream_poll_once")) : nullptr;
+    if (poll == nullptr || poll == enyx_hw_a2c_stream_poll_once) std::exit(2);
+    return poll;
+}
+
+// With heads as the simulated card's, whose sequence numbers are counted, or with heads that nobody knows.
+void PushQuotes(unsigned int packets, bool isKnown) {
+    static enyx_sim::PacketHead head{17, kSize, 0};
+    unsigned char packet[kSize] = {};
+    for (unsigned int n = 0; n < packets; ++n) {
+        ++head.sequence;
+        std::memcpy(packet, &head, sizeof head);
+        if (!isKnown) std::memset(packet + sizeof head.type, 0, sizeof head - sizeof head.type);
+        if (enyx_sim_push(0, bench_card::kBareChannel, packet, kSize, 0) != 0) std::exit(2);
+    }
+}
+
+void CountPolls(Poll* poll, bool isKnown, const char* packetName, const char* idleName) {
+    const bench_card::Bare stream = bench_card::ReadBare();
+    const auto once = [poll, handle = stream.get()] { poll(handle, EmptyHandler, nullptr); };
+    PushQuotes(kWarmUp, isKnown);
+    for (unsigned int n = 0; n < 2 * kWarmUp; ++n) once();
+    PushQuotes(kTimes, isKnown);
+    CountInstructions(packetName, kTimes, once);
+    CountInstructions(idleName, kTimes, once);
+}
+
+// ---- callbacks ----
+
+class Quotes : public IVexoZceMdSpi {
+public:
+    int OnUpSubsResult17(const unsigned char*) override { return 0; }
+    int OnUpSubsResult18(const unsigned char*) override { return 0; }
+    int OnUpSubsResult19(const unsigned char*) override { return 0; }
+    int OnUpSubsResult20(const unsigned char*) override { return 0; }
+};
+
+struct QuoteSequence {
+    static constexpr bool kIsKnown = true;
+    static std::uint64_t of(const unsigned char* payload) {
+        std::uint64_t sequence;
+        std::memcpy(&sequence, payload, sizeof sequence);
+        return sequence;
+    }
+};
+
+// The library does not know the class behind the interface either.
+IVexoZceMdSpi& Unknown(IVexoZceMdSpi& spi) {
+    IVexoZceMdSpi* hidden = &spi;
+    __asm__("" : "+r"(hidden));
+    return *hidden;
+}
+
+void CountCallbacks(IVexoZceMdSpi& spi, const char* name) {
+    std::uint64_t sequence = 0;
+    const auto once = [&spi, &sequence] {
+        ++sequence;
+        Unknown(spi).OnUpSubsResult17(reinterpret_cast<const unsigned char*>(&sequence));
+    };
+    for (unsigned int n = 0; n < kWarmUp; ++n) once();
+    CountInstructions(name, kTimes, once);
+}
+
+}  // namespace
+
+int main() {
+    ::setenv(vexo_stats::kDirectoryVariable, "pages", 1);  // in this program's own directory
+    bench_card::PowerOn();
+    CountPolls(PollWithoutTap(), false, "stats/floor", "stats/floor/idle");
+    CountPolls(enyx_hw_a2c_stream_poll_once, false, "stats/tap", "stats/tap/idle");
+    CountPolls(enyx_hw_a2c_stream_poll_once, true, "stats/tap-sequence", "stats/tap-sequence/idle");
+
+    Quotes quotes;
+    VexoZceMdStats<> wrapper(quotes);
+    VexoZceMdStats<IVexoZceMdSpi, QuoteSequence> sequenceWrapper(quotes);
+    if (!VexoZceMdStats<>::error().empty()) std::exit(2);
+    CountCallbacks(quotes, "stats/callback");
+    CountCallbacks(wrapper, "stats/wrapper");
+    CountCallbacks(sequenceWrapper, "stats/wrapper-sequence");
+}

@@ -1,0 +1,171 @@
+// The tap's stats-only mode, in front of a hardware library that it has never seen.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <cstdlib>
+#include <numeric>
+
+#include "tests/support/TempDir.h"
+#include "tests/unit/tools/Program.h"
+#include "tools/vexo/stat/Pages.h"
+
+using namespace capture;
+using namespace vexo::stat;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+namespace {
+
+class StatsTap : public ::testing::Test {
+protected:
+    ProgramResult run(const std::string& way, const std::string& settings = "SCRIPTED_PACKETS=10") {
+        return runProgram(tapSettings(dir.Path("none.pcapng")) +
+                          "export VEXO_STATS_KEEP=1 VEXO_STATS_DIR=" + word(dir.Path("pages")) + "; " + settings + " " +
+                          preloading(VEXO_STATS_LIBRARY) + word(VEXO_TAP_APP) + " " + way);
+    }
+    // The only page of the last run.
+    Page page() {
+        const Found found = findPages(dir.Path("pages"));
+        EXPECT_THAT(found.faults, IsEmpty());
+        EXPECT_THAT(found.pages, SizeIs(1));
+        if (found.pages.size() != 1) return {};
+        std::filesystem::remove(found.pages[0].file);
+        return found.pages[0];
+    }
+
+    test_support::TempDir dir;
+};
+
+template <std::size_t n>
+std::uint64_t sum(const std::uint64_t (&words)[n]) {
+    return std::accumulate(std::begin(words), std::end(words), std::uint64_t{0});
+}
+
+}  // namespace
+
+// The scripted card's packets begin with their number, so that packet n is of type n.
+TEST_F(StatsTap, CountsPacketsBytesPollsAndTimes) {
+    const ProgramResult program = run("receive", "SCRIPTED_PACKETS=1000 SCRIPTED_SIZE=301");
+    EXPECT_EQ(program.output, "received 1000\n");
+    const Page page = this->page();
+    EXPECT_EQ(page.program(), "vexo_tap_app");
+    EXPECT_EQ(page.process.writer, vexo_stats::kTap);
+    EXPECT_EQ(page.life, Life::kEnded);
+    ASSERT_THAT(page.streams, SizeIs(1));
+    const vexo_stats::Stream& stream = page.streams[0];
+    EXPECT_EQ(stream.channel, 3U);
+    EXPECT_EQ(stream.state, vexo_stats::kClosed);
+    EXPECT_EQ(packetsOf(stream), 1000U);
+    EXPECT_EQ(bytesOf(stream), 301'000U);
+    for (std::size_t type = 1; type < 32; ++type) EXPECT_EQ(stream.packets[type], 1U) << type;
+    EXPECT_EQ(stream.packets[vexo_stats::kOtherType], 969U);
+    EXPECT_EQ(stream.idlePolls, 1U);
+    EXPECT_EQ(stream.failedPolls, 0U);
+    EXPECT_EQ(sum(stream.callbacks), 1000U);
+    EXPECT_EQ(sum(stream.gaps), 1000U);
+    EXPECT_EQ(stream.gaps[vexo_stats::kFirstBucket], 1U);
+    EXPECT_EQ(stream.sequenceKnown, 0U);  // nobody knows this card's packets
+    EXPECT_EQ(stream.backPressure, vexo_stats::kUnknown);
+    EXPECT_LT(stream.callbackClock, stream.lastPacket - stream.firstPacket + page.process.clockPerSecond);
+}
+
+TEST_F(StatsTap, CountsAPacketThatIsTooShortForAType) {
+    EXPECT_EQ(run("receive", "SCRIPTED_PACKETS=5 SCRIPTED_SIZE=3").output, "received 5\n");
+    const Page page = this->page();
+    ASSERT_THAT(page.streams, SizeIs(1));
+    EXPECT_EQ(page.streams[0].packets[vexo_stats::kNoType], 5U);
+    EXPECT_EQ(page.streams[0].bytes[vexo_stats::kNoType], 15U);
+}
+
+TEST_F(StatsTap, NotesTheStepsOfAStart) {
+    run("receive", "SCRIPTED_PACKETS=20");
+    const Page received = page();
+    const auto& steps = received.process.steps;
+    EXPECT_LE(steps[vexo_stats::kBegun], steps[vexo_stats::kCardLookedUp]);
+    EXPECT_LT(steps[vexo_stats::kCardLookedUp], steps[vexo_stats::kStreamOpened]);
+    EXPECT_LT(steps[vexo_stats::kStreamOpened], steps[vexo_stats::kFirstPoll]);
+    EXPECT_LT(steps[vexo_stats::kFirstPoll], steps[vexo_stats::kFirstPacket]);
+    EXPECT_LT(steps[vexo_stats::kFirstPacket], steps[vexo_stats::kFirstQuote]);  // the 17th
+    EXPECT_LT(steps[vexo_stats::kFirstQuote], steps[vexo_stats::kEnded]);
+    EXPECT_EQ(steps[vexo_stats::kReset], 0U);
+    EXPECT_EQ(run("registers").status, 0);
+    const Page accessed = page();
+    EXPECT_NE(accessed.process.steps[vexo_stats::kReset], 0U);
+    EXPECT_LT(accessed.process.steps[vexo_stats::kReset], accessed.process.steps[vexo_stats::kFirstWrite]);
+    EXPECT_THAT(accessed.streams, IsEmpty());
+}
+
+TEST_F(StatsTap, ChangesNothingThatTheProgramSees) {
+    for (const char* way : {"throw", "twice", "no-handler", "ask-mtu", "registers", "other-name", "without-filter"}) {
+        const ProgramResult plain = runProgram("SCRIPTED_PACKETS=10 " + word(VEXO_TAP_APP) + " " + way);
+        const ProgramResult counted = run(way);
+        EXPECT_EQ(counted.status, 0) << way;
+        EXPECT_EQ(counted.output, plain.output) << way;
+        page();
+    }
+}
+
+TEST_F(StatsTap, ACallbackThatThrowsIsAPacketButNoCallbackThatReturned) {
+    run("throw");
+    const Page page = this->page();
+    EXPECT_EQ(packetsOf(page.streams.at(0)), 10U);
+    EXPECT_EQ(sum(page.streams.at(0).callbacks), 7U);
+}
+
+TEST_F(StatsTap, AProgramThatEndsInItsHandlerEndsInOrder) {
+    EXPECT_EQ(run("exit-in-handler").status, 0);
+    const Page page = this->page();
+    EXPECT_EQ(page.life, Life::kEnded);
+    EXPECT_EQ(packetsOf(page.streams.at(0)), 3U);
+}
+
+TEST_F(StatsTap, AChildOfForkDoesNotCountIntoThePageOfItsParent) {
+    EXPECT_EQ(run("fork").status, 0);
+    EXPECT_EQ(packetsOf(page().streams.at(0)), 10U);
+}
+
+TEST_F(StatsTap, AStreamThatIsOpenedAgainGoesOnInItsBlock) {
+    EXPECT_EQ(run("twice").status, 0);
+    const Page page = this->page();
+    ASSERT_THAT(page.streams, SizeIs(1));
+    EXPECT_EQ(packetsOf(page.streams[0]), 20U);
+    EXPECT_EQ(page.streams[0].gaps[vexo_stats::kFirstBucket], 2U);
+}
+
+TEST_F(StatsTap, TwoStreamsThatAThreadPollsInTurnAreCountedByThemselves) {
+    EXPECT_EQ(run("in-turn").output, "received 20\n");
+    const Page page = this->page();
+    ASSERT_THAT(page.streams, SizeIs(2));
+    EXPECT_EQ(page.streams[0].channel, 3U);
+    EXPECT_EQ(page.streams[1].card, 1U);
+    EXPECT_EQ(page.streams[1].channel, 5U);
+    for (const vexo_stats::Stream& stream : page.streams) {
+        EXPECT_EQ(packetsOf(stream), 10U);
+        EXPECT_EQ(stream.idlePolls, 1U);
+        EXPECT_EQ(sum(stream.callbacks), 10U);
+    }
+}
+
+TEST_F(StatsTap, ThePageIsRemovedAtTheEndUnlessItIsToBeKept) {
+    EXPECT_EQ(run("receive", "VEXO_STATS_KEEP= SCRIPTED_PACKETS=3").output, "received 3\n");
+    EXPECT_THAT(findPages(dir.Path("pages")).pages, IsEmpty());
+    EXPECT_TRUE(std::filesystem::is_empty(dir.Path("pages")));
+}
+
+TEST_F(StatsTap, WithoutAPlaceForThePageTheProgramRunsAllTheSame) {
+    dir.Write("pages", "a file");
+    const ProgramResult program = run("receive");
+    EXPECT_EQ(program.status, 0);
+    EXPECT_THAT(program.output,
+                HasSubstr("vexo tap: no statistics page: " + dir.Path("pages") + ": Not a directory\n"));
+    EXPECT_THAT(program.output, HasSubstr("received 10\n"));
+}
+
+TEST_F(StatsTap, AnInvalidTimeOfTheRingIsReportedAndTheUsualOneUsed) {
+    const ProgramResult program = run("receive", "VEXO_STATS_RING_LASTS_US=0 SCRIPTED_PACKETS=1");
+    EXPECT_THAT(program.output,
+                HasSubstr("VEXO_STATS_RING_LASTS_US=0 is not a number from 1 to 60000000: 1000 is used"));
+    const Page page = this->page();
+    EXPECT_NEAR(page.seconds(page.streams.at(0).longCallback), 1e-3, 1e-5);
+}

@@ -1,0 +1,144 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "tools/cli/Progress.h"
+#include "tools/vexo/Command.h"
+#include "tools/vexo/show/Harmless.h"
+#include "tools/vexo/show/Terminal.h"
+#include "tools/vexo/stat/Listen.h"
+#include "tools/vexo/stat/Pages.h"
+#include "tools/vexo/stat/Views.h"
+
+namespace vexo {
+namespace {
+
+using stat::Page;
+
+constexpr double kUsualWatch = 1;
+constexpr double kLongestWatch = 86400;
+
+struct Options {
+    std::string directory;
+    std::optional<std::uint32_t> pid;
+    double watch = 0;
+    bool json = false;
+    bool loss = false;
+    std::string prometheus;
+    std::optional<std::uint16_t> port;
+};
+
+std::vector<Page> look(const Options& options, bool tellsFaults) {
+    stat::Found found = stat::findPages(options.directory);
+    if (tellsFaults) {
+        for (const std::string& fault : found.faults) std::fprintf(stderr, "vexo: %s\n", harmless(fault).c_str());
+    }
+    if (options.pid) {
+        const auto isOther = [&](const Page& page) { return page.process.pid != *options.pid; };
+        found.pages.erase(std::remove_if(found.pages.begin(), found.pages.end(), isOther), found.pages.end());
+    }
+    return found.pages;
+}
+
+// A collector that reads the file at any moment finds it whole.
+void writeFile(const std::string& path, const std::string& text) {
+    const std::string temporary = path + "." + std::to_string(::getpid());
+    const auto fail = [&](const std::string& name) {
+        const std::string why = std::strerror(errno);
+        ::unlink(temporary.c_str());
+        throw Failure(kFinding, harmless(name) + ": " + why);
+    };
+    ::unlink(temporary.c_str());  // of a process that was killed
+    std::FILE* const file = std::fopen(temporary.c_str(), "wxe");
+    if (file == nullptr) throw Failure(kFinding, harmless(temporary) + ": " + std::strerror(errno));
+    const bool isWritten = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    const bool isReadable = ::fchmod(::fileno(file), 0644) == 0;
+    const bool isClosed = std::fclose(file) == 0;
+    if (!isWritten || !isReadable || !isClosed) fail(temporary);
+    if (std::rename(temporary.c_str(), path.c_str()) != 0) fail(path);
+}
+
+std::string view(const Options& options, const std::vector<Page>& pages, const std::vector<Page>& before) {
+    if (options.json) return stat::asJson(pages);
+    if (options.loss) return stat::asLossTable(pages);
+    return stat::asText(pages, before);
+}
+
+// @return whether there was a page
+bool showOnce(const Options& options, std::vector<Page>& before, bool isFirst) {
+    std::vector<Page> pages = look(options, isFirst);
+    const bool isAny = !pages.empty();
+    if (!options.prometheus.empty() && options.prometheus != "-") {
+        writeFile(options.prometheus, stat::asPrometheus(pages));
+        return isAny;
+    }
+    const bool repaints = options.watch > 0 && !options.json && options.prometheus.empty() &&
+                          cli::isTerminal(STDOUT_FILENO);
+    if (repaints) std::fputs("\033[H\033[2J", stdout);
+    const std::string text = options.prometheus == "-" ? stat::asPrometheus(pages) : view(options, pages, before);
+    std::fputs(text.c_str(), stdout);
+    if (options.watch > 0 && !repaints && !options.json && options.prometheus.empty()) std::puts("");
+    terminal::statusOfOutput(0);
+    before = std::move(pages);
+    return isAny;
+}
+
+int run(const Options& options) {
+    if (options.port) {
+        stat::listen(*options.port, [&options] { return stat::asPrometheus(look(options, false)); });
+        return 0;
+    }
+    std::vector<Page> before;
+    bool isAny = showOnce(options, before, true);
+    while (options.watch > 0) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(options.watch));
+        isAny = showOnce(options, before, false);
+    }
+    if (isAny || !options.prometheus.empty()) return 0;
+    std::fputs("vexo: no statistics page; a program gets one by: vexo tap --stats-only -- PROGRAM\n", stderr);
+    return kFinding;
+}
+
+}  // namespace
+
+void addStat(CLI::App& app, Invocation& invocation) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* stat = app.add_subcommand("stat", "Show what running programs receive and lose");
+    stat->add_option("--dir", options->directory,
+                     "Directory of the pages; the default is $VEXO_STATS_DIR, or else those of all users")
+        ->type_name("DIR");
+    stat->add_option("--pid", options->pid, "Show only this process")->type_name("PID");
+    CLI::Option* loss = stat->add_flag("--loss", options->loss, "Show one table: packets lost, by cause");
+    CLI::Option* json = stat->add_flag("--json", options->json, "Show one line of JSON for each process");
+    CLI::Option* prometheus = stat->add_option(
+        "--prometheus", options->prometheus,
+        "Write metrics of Prometheus into this file, for the node exporter's textfile directory; - is standard output");
+    prometheus->type_name("FILE");
+    CLI::Option* watch = stat->add_option("--watch", options->watch, "Show again after so many seconds, until Ctrl-C");
+    watch->type_name("SECONDS")->check(CLI::Range(0.1, kLongestWatch))->expected(0, 1)->default_str("1");
+    CLI::Option* listen = stat->add_option("--listen", options->port,
+                                           "Serve metrics over HTTP at this port of 127.0.0.1, until Ctrl-C; 0 is any");
+    listen->type_name("PORT");
+    json->excludes(loss)->excludes(prometheus)->excludes(listen);
+    prometheus->excludes(loss)->excludes(listen);
+    listen->excludes(loss)->excludes(watch);
+    cli::tellStatuses(*stat, {{cli::kFine, "there was a page, or metrics were written"},
+                              {kFinding, "no page, or a failure"},
+                              {kUsage, "wrong usage"}});
+    stat->callback([options, watch, &invocation] {
+        if (watch->count() > 0 && options->watch == 0) options->watch = kUsualWatch;
+        invocation.run = [options] { return run(*options); };
+    });
+}
+
+}  // namespace vexo

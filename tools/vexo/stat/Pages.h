@@ -1,0 +1,54 @@
+#pragma once
+
+#include <VexoZceMdStatsPage.h>
+#include <sys/types.h>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// Statistics pages, as a reader sees them. Whoever wrote a page may be hostile: nothing of it is believed unchecked.
+namespace vexo::stat {
+
+enum class Life { kRunning, kEnded, kDied };  // kDied: without an orderly end
+
+/// Packets that were lost, by cause. Empty: this page cannot know.
+struct Loss {
+    std::optional<std::uint64_t> beforeCard;     // gaps in the sequence that no back-pressure explains
+    std::optional<std::uint64_t> byCard;         // FIFO and stream errors, as the card counts them
+    std::optional<std::uint64_t> byRing;         // back-pressure while the application kept polling
+    std::optional<std::uint64_t> byApplication;  // back-pressure while it did not
+};
+
+/// A copy of a page.
+struct Page {
+    std::string file;
+    uid_t owner = 0;
+    Life life = Life::kDied;
+    vexo_stats::Process process{};
+    std::vector<vexo_stats::Stream> streams;  // those in use
+    std::uint64_t readClock = 0;              // when it was read, on the page's clock
+
+    std::string program() const;  // as it stands there
+    double seconds(std::uint64_t clock) const;
+    /// Seconds since 1970 of a moment on the page's clock.
+    double timeOfDay(std::uint64_t clock) const;
+};
+
+std::uint64_t packetsOf(const vexo_stats::Stream& stream);
+std::uint64_t bytesOf(const vexo_stats::Stream& stream);
+Loss lossOf(const vexo_stats::Stream& stream);
+
+/// What can be read, and one line for each file that cannot.
+struct Found {
+    std::vector<Page> pages;  // by file
+    std::vector<std::string> faults;
+};
+
+/// @param directory  empty: $VEXO_STATS_DIR, or else the directories of all users
+Found findPages(const std::string& directory);
+
+/// One file. @return what is wrong with it; empty when @p page is filled
+std::string readPage(const std::string& path, Page& page);
+
+}  // namespace vexo::stat

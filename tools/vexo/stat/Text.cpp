@@ -1,0 +1,211 @@
+#include <pwd.h>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+#include "tools/vexo/show/Harmless.h"
+#include "tools/vexo/stat/Views.h"
+
+namespace vexo::stat {
+namespace {
+
+using vexo_stats::kUnknown;
+using vexo_stats::Stream;
+
+template <typename... Arguments>
+std::string format(const char* how, Arguments... arguments) {
+    char text[256];
+    std::snprintf(text, sizeof text, how, arguments...);
+    return text;
+}
+
+// 1234567 as 1,234,567.
+std::string grouped(std::uint64_t n) {
+    std::string text = std::to_string(n);
+    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+    return text;
+}
+
+std::string duration(double seconds) {
+    if (seconds < 1e-6) return format("%.3g ns", seconds * 1e9);
+    if (seconds < 1e-3) return format("%.3g us", seconds * 1e6);
+    if (seconds < 1) return format("%.3g ms", seconds * 1e3);
+    return format("%.1f s", seconds);
+}
+
+std::string userName(uid_t user) {
+    const passwd* entry = ::getpwuid(user);
+    return entry != nullptr ? harmless(entry->pw_name) : std::to_string(user);
+}
+
+std::string processName(const Page& page) { return harmless(page.program()) + " " + std::to_string(page.process.pid); }
+
+std::string lifeLine(const Page& page) {
+    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
+    switch (page.life) {
+        case Life::kRunning: return "running for " + duration(page.seconds(page.readClock - began));
+        case Life::kEnded:
+            return "ended after " + duration(page.seconds(page.process.steps[vexo_stats::kEnded] - began));
+        default: return "died";
+    }
+}
+
+std::string startUpLine(const Page& page) {
+    std::string line;
+    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
+    for (int step = vexo_stats::kBegun + 1; step < vexo_stats::kEnded; ++step) {
+        const std::uint64_t at = page.process.steps[step];
+        if (at == 0) continue;
+        std::string name = nameOf(static_cast<vexo_stats::Step>(step));
+        std::replace(name.begin(), name.end(), '_', ' ');
+        line += (line.empty() ? "" : ", ") + name + " " + duration(page.seconds(at - began));
+    }
+    return line;
+}
+
+std::string packetLine(const Stream& stream) {
+    std::string line = grouped(packetsOf(stream));
+    if (bytesOf(stream) != 0) line += ", " + grouped(bytesOf(stream)) + " bytes";
+    const char* mark = ": ";
+    for (std::size_t slot = 0; slot < vexo_stats::kTypeSlots; ++slot) {
+        if (stream.packets[slot] == 0) continue;
+        line += mark + ("type " + typeName(slot) + " ") + grouped(stream.packets[slot]);
+        mark = ", ";
+    }
+    return line;
+}
+
+std::string pollLine(const Stream& stream) {
+    const std::uint64_t packets = packetsOf(stream);
+    const std::uint64_t polls = packets + stream.idlePolls + stream.failedPolls;
+    return grouped(polls) + ": " + grouped(stream.idlePolls) + " idle, " + grouped(stream.failedPolls) + " failed";
+}
+
+std::string histogramLine(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, const Page& page) {
+    const auto below = [&](double share) { return duration(boundOf(buckets, used, share, page)); };
+    return "half below " + below(0.5) + ", 99 % below " + below(0.99) + ", all below " + below(1);
+}
+
+std::string orNone(const std::optional<std::uint64_t>& n) { return n ? grouped(*n) : "-"; }
+
+std::string lossLine(const Stream& stream) {
+    const Loss loss = lossOf(stream);
+    return "before the card " + orNone(loss.beforeCard) + ", by the card " + orNone(loss.byCard) + ", by the ring " +
+           orNone(loss.byRing) + ", by the application " + orNone(loss.byApplication);
+}
+
+std::string sequenceLine(const Stream& stream) {
+    return grouped(stream.sequenceGaps) + " gaps of " + grouped(stream.sequenceLost) + " packets, " +
+           grouped(stream.sequenceLate) + " again or late, " + grouped(stream.sequenceRestarts) + " restarts";
+}
+
+// The same stream in an earlier look.
+const Stream* earlier(const Page& page, const Stream& stream, const std::vector<Page>& before, double& seconds) {
+    for (const Page& old : before) {
+        if (old.file != page.file || old.process.processStart != page.process.processStart) continue;
+        seconds = page.seconds(page.readClock - old.readClock);
+        for (const Stream& one : old.streams)
+            if (one.card == stream.card && one.channel == stream.channel) return &one;
+    }
+    return nullptr;
+}
+
+std::string streamText(const Page& page, const Stream& stream, const std::vector<Page>& before) {
+    std::string text = "  card " + numberOrNone(stream.card) + " channel " + numberOrNone(stream.channel) +
+                       (stream.state == vexo_stats::kOpen ? "" : ", closed") + "\n";
+    const auto line = [&text](const char* name, const std::string& what) {
+        text += format("    %-16s ", name) + what + "\n";
+    };
+    line("packets", packetLine(stream));
+    double seconds = 0;
+    const Stream* const old = earlier(page, stream, before, seconds);
+    if (old != nullptr && seconds > 0) {
+        const auto more = static_cast<double>(packetsOf(stream) - packetsOf(*old));
+        line("rate", format("%.0f packets a second", more / seconds));
+    }
+    if (stream.pollsKnown != 0) line("polls", pollLine(stream));
+    if (packetsOf(stream) != 0 && stream.firstPacket != 0) {
+        if (page.life == Life::kRunning)
+            line("last packet", duration(page.seconds(page.readClock - stream.lastPacket)) + " ago");
+        line("between packets", histogramLine(stream.gaps, kGapBuckets, page));
+        line("callbacks", histogramLine(stream.callbacks, vexo_stats::kBuckets, page));
+    }
+    if (stream.sequenceKnown != 0) line("sequence", sequenceLine(stream));
+    line("lost", lossLine(stream));
+    return text;
+}
+
+}  // namespace
+
+double boundOf(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, double share, const Page& page) {
+    std::uint64_t all = 0;
+    for (std::size_t b = 0; b < used; ++b) all += buckets[b];
+    std::uint64_t below = 0;
+    for (std::size_t b = 0; b < used && all > 0; ++b) {
+        below += buckets[b];
+        if (static_cast<double>(below) >= share * static_cast<double>(all) && below > 0) {
+            return static_cast<double>(std::uint64_t{1} << std::min<std::size_t>(b + 1, 63)) /
+                   static_cast<double>(page.process.clockPerSecond);
+        }
+    }
+    return 0;
+}
+
+const char* nameOf(vexo_stats::Step step) {
+    constexpr std::array<const char*, vexo_stats::kSteps> kNames = {"begun",        "card_looked_up", "reset",
+                                                                    "first_write",  "stream_opened",  "first_poll",
+                                                                    "first_packet", "first_quote",    "ended"};
+    return kNames[step];
+}
+
+const char* nameOf(Life life) { return life == Life::kRunning ? "running" : life == Life::kEnded ? "ended" : "died"; }
+
+const char* writerOf(const Page& page) { return page.process.writer == vexo_stats::kTap ? "tap" : "application"; }
+
+std::string typeName(std::size_t slot) {
+    if (slot == vexo_stats::kOtherType) return "other";
+    if (slot == vexo_stats::kNoType) return "none";
+    return std::to_string(slot);
+}
+
+std::string numberOrNone(std::uint64_t n) { return n == kUnknown ? "-" : std::to_string(n); }
+
+std::string asText(const std::vector<Page>& pages, const std::vector<Page>& before) {
+    std::string text;
+    for (const Page& page : pages) {
+        if (!text.empty()) text += "\n";
+        text += processName(page) + " of " + userName(page.owner) + ", counted by the " + writerOf(page) + ", " +
+                lifeLine(page) + "\n";
+        if (page.process.clockIsEven == 0) text += "  the processor's clock is uneven: times are rough\n";
+        const std::string steps = startUpLine(page);
+        if (!steps.empty()) text += "  start-up: " + steps + "\n";
+        for (const Stream& stream : page.streams) text += streamText(page, stream, before);
+    }
+    return text;
+}
+
+std::string asLossTable(const std::vector<Page>& pages) {
+    std::vector<std::array<std::string, 8>> rows = {{"program", "card", "channel", "packets", "before the card",
+                                                     "by the card", "by the ring", "by the application"}};
+    for (const Page& page : pages) {
+        for (const Stream& stream : page.streams) {
+            const Loss loss = lossOf(stream);
+            rows.push_back({processName(page), numberOrNone(stream.card), numberOrNone(stream.channel),
+                            std::to_string(packetsOf(stream)), orNone(loss.beforeCard), orNone(loss.byCard),
+                            orNone(loss.byRing), orNone(loss.byApplication)});
+        }
+    }
+    std::array<std::size_t, 8> widths{};
+    for (const auto& row : rows)
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    std::string text;
+    for (const auto& row : rows) {
+        std::string line = row[0] + std::string(widths[0] - row[0].size(), ' ');
+        for (std::size_t i = 1; i < row.size(); ++i)
+            line += "  " + std::string(widths[i] - row[i].size(), ' ') + row[i];
+        text += line + "\n";
+    }
+    return text;
+}
+
+}  // namespace vexo::stat
