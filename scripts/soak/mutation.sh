@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Makes 500 small mistakes in src/, one at a time, and counts those that the tests notice. Takes hours.
+# Makes 500 small mistakes in src/, one at a time, and counts those that the tests notice. Takes about
+# twenty minutes of a processor.
 # A survivor that no test can kill stands in scripts/soak/equivalent_mutants.txt, with the reason.
 #     scripts/soak.sh mutation
 set -euo pipefail

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "VexoZceUtil.h"
+#include "src/util/SafeFile.h"
 #include "src/util/StandardStreams.h"
 
 namespace {
@@ -28,7 +29,10 @@ constexpr char kListSiblings[] = "ps -ef | grep -w RwDeliverDmaServer | grep -v 
 /// A shell command whose output can be read; waits for its end when it goes out of scope.
 class ShellCommand {
 public:
-    explicit ShellCommand(const char* command) : m_output(::popen(command, "re")) {}
+    explicit ShellCommand(const char* command) {
+        const safe_file::Placeholders noPipeIsLow;
+        m_output = ::popen(command, "re");
+    }
     ~ShellCommand() {
         if (m_output != nullptr) ::pclose(m_output);
     }
@@ -47,7 +51,7 @@ public:
     }
 
 private:
-    std::FILE* m_output;
+    std::FILE* m_output = nullptr;
 };
 
 unsigned int countLines(const char* command, int lineSize) { return ShellCommand(command).countLines(lineSize); }

@@ -17,8 +17,7 @@ namespace {
 constexpr int kCautious = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr std::size_t kChunk = 65536;
 constexpr std::size_t kMaxSize = 64U << 20;  // both tables full take half a megabyte
-constexpr int kStandardStreams = 3;
-constexpr int kAttempts = 10;  // where another process may interfere between two calls
+constexpr int kAttempts = 10;                // where another process may interfere between two calls
 
 constexpr char kSymbolicLink[] = "it is a symbolic link, remove it";
 constexpr char kNotRegular[] = "it is not a regular file, remove it";
@@ -37,27 +36,6 @@ public:
 
 private:
     int m_fd;
-};
-
-// Takes the free descriptors below 3 while it lives. Nobody can write to them: they only name the root directory.
-class Placeholders {
-public:
-    Placeholders() {
-        for (int& fd : m_fds) {
-            const int next = static_cast<int>(&fd - m_fds);
-            fd = ::fcntl(next, F_GETFD) < 0 ? ::open("/", O_PATH | O_CLOEXEC) : -1;
-        }
-    }
-    ~Placeholders() {
-        for (const int fd : m_fds) {
-            if (fd >= 0) ::close(fd);
-        }
-    }
-    Placeholders(const Placeholders&) = delete;
-    Placeholders& operator=(const Placeholders&) = delete;
-
-private:
-    int m_fds[kStandardStreams];
 };
 
 // Why the open file is not a regular file with one name; empty when it is.
@@ -123,6 +101,19 @@ int openToWrite(const char* path) {
 }
 
 }  // namespace
+
+Placeholders::Placeholders() {
+    for (int& fd : m_fds) {
+        const int next = static_cast<int>(&fd - m_fds);
+        fd = ::fcntl(next, F_GETFD) < 0 ? ::open("/", O_PATH | O_CLOEXEC) : -1;
+    }
+}
+
+Placeholders::~Placeholders() {
+    for (const int fd : m_fds) {
+        if (fd >= 0) ::close(fd);
+    }
+}
 
 int openAboveStandard(const char* path, int flags, mode_t mode) {
     // Reading needs no placeholders, because nobody can write to the descriptor. Placeholders would also turn a closed

@@ -13,6 +13,19 @@ namespace safe_file {
 /// @return the descriptor, or -1 with errno set
 int openAboveStandard(const char* path, int flags, mode_t mode = 0);
 
+/// Takes the free descriptors below 3 while it lives, for a call that opens files without openAboveStandard. Nobody can
+/// write to them: they only name the root directory.
+class Placeholders {
+public:
+    Placeholders();
+    ~Placeholders();
+    Placeholders(const Placeholders&) = delete;
+    Placeholders& operator=(const Placeholders&) = delete;
+
+private:
+    int m_fds[3];
+};
+
 /// A file in a directory that everybody may write to. One process at a time writes it, from front to back.
 class OutputFile {
 public:

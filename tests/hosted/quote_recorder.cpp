@@ -15,18 +15,14 @@
 #include <vector>
 
 #include "tests/hosted/QuoteRecord.h"
+#include "tests/support/MovedClock.h"
 #include "tests/support/QuoteCallbacks.h"
 
 namespace {
 
-constexpr std::time_t kMorning = 1933374600;  // 2031-04-08 08:30:00 in Shanghai
-std::time_t g_offset = 0;
-
-std::time_t RealTime() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec;
-}
+using moved_clock::g_offset;
+using moved_clock::kMorning;
+using moved_clock::RealTime;
 
 class QuoteRecorder : public QuoteCallbacks {
 public:
@@ -44,19 +40,6 @@ private:
 };
 
 }  // namespace
-
-// What the library calls in place of the C library's own.
-extern "C" std::time_t time(std::time_t* result) noexcept {
-    const std::time_t now = RealTime() + g_offset;
-    if (result != nullptr) *result = now;
-    return now;
-}
-
-extern "C" unsigned sleep(unsigned seconds) {
-    const timespec pause{0, static_cast<long>(seconds) * 20'000'000 % 1'000'000'000};
-    nanosleep(&pause, nullptr);
-    return 0;
-}
 
 int main(int argc, char** argv) {
     if ((argc != 4 && argc != 5) || chdir(argv[1]) != 0) return 2;

@@ -25,26 +25,22 @@
 #include <regex>
 #include <string>
 
+#include "tests/support/MovedClock.h"
 #include "tests/support/QuoteCallbacks.h"
 
 namespace {
+
+using moved_clock::g_offset;
+using moved_clock::kMorning;
+using moved_clock::RealTime;
 
 constexpr const char* kIni =
     "[config]\ndevice = xilinx0:0\nBIN_DELAY_TIME = 0\nL5_IPA = 239.3.50.1\nL5_IPB = 239.3.51.1\nL5_PORT = 18501\n"
     "L1_IPA = 239.3.10.1\nL1_IPB = 239.3.11.1\nL1_PORT = 18101\n[version]\n1.1.2.12 = 11\n1.1.2.13 = 12\n"
     "[channel0]\ninsts = SR, CF\noptions = norecv\nips = recv\nspd = recv\n";
 constexpr const char* kCard = "card.learning_ms=1\ncard.map_round_ms=5\npace.pace=max";
-constexpr std::time_t kMorning = 1933374600;  // 2031-04-08 08:30:00 in Shanghai
 constexpr std::time_t kDay = 86400;
 constexpr int kLongest = 120'000;  // milliseconds until a process counts as one that does not end
-
-std::time_t g_offset = 0;
-
-std::time_t RealTime() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec;
-}
 
 enum Moment { kStartUp, kPolling, kCallbacks, kLogging, kDaySwitch, kFullPipe, kStalledTerminal, kMoments };
 constexpr const char* kNames[kMoments] = {"start-ups",    "polls",      "callbacks",        "log lines",
@@ -287,19 +283,6 @@ void AllOtherMoments(Campaign& campaign, unsigned count) {
 }
 
 }  // namespace
-
-// What the library calls in place of the C library's own.
-extern "C" std::time_t time(std::time_t* result) noexcept {
-    const std::time_t now = RealTime() + g_offset;
-    if (result != nullptr) *result = now;
-    return now;
-}
-
-extern "C" unsigned sleep(unsigned seconds) {
-    const timespec pause{0, static_cast<long>(seconds) * 20'000'000 % 1'000'000'000};
-    nanosleep(&pause, nullptr);
-    return 0;
-}
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;

@@ -232,8 +232,11 @@ class Users(Attack):
         self.until(lambda: self.run([self.build.simcard, "--json"], environment)[0] == 0, host)
         return host
 
-    def status(self, environment):
-        return json.loads(self.run([self.build.simcard, "--json"], environment)[1])
+    def status(self, environment, errors=os.devnull):
+        with open(errors, "ab") as sink:
+            shown = subprocess.run([self.build.simcard, "--json"], env={**os.environ, **environment},
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=sink, check=True).stdout
+        return json.loads(shown)
 
     def seventeenth(self):
         environment, _ = self.own_cards()
@@ -287,9 +290,10 @@ class Users(Attack):
     def stops(self, count):
         environment, folder = self.own_cards()
         host = self.start_host(environment)
-        reader = self.start([self.build.card_user, "quotes", "1000000000"], environment)
-        counts = [f"{folder}/count{user}" for user in range(3)]
+        # Whoever takes a lock over tells of it, also the reader and who asks for the status.
         errors = folder + "/errors"
+        reader = self.start([self.build.card_user, "quotes", "1000000000"], environment, output=errors)
+        counts = [f"{folder}/count{user}" for user in range(3)]
         users = []
         for path in counts:
             open(path, "w", encoding="ascii").close()
@@ -300,8 +304,8 @@ class Users(Attack):
             return self.until(lambda: os.path.getsize(counts[user]) > before, users[user])
 
         def sends():
-            before = self.status(environment)["channels"][0]["packets"]
-            return self.until(lambda: self.status(environment)["channels"][0]["packets"] > before, host)
+            before = self.status(environment, errors)["channels"][0]["packets"]
+            return self.until(lambda: self.status(environment, errors)["channels"][0]["packets"] > before, host)
 
         self.expect(all(goes_on(user) for user in range(3)) and sends(), "users of registers do not start")
         def lost():
@@ -318,16 +322,20 @@ class Users(Attack):
             users[stopped].send_signal(signal.SIGCONT)
             self.expect(goes_on(stopped), f"stop {done}: the stopped process does not go on: {users[stopped].poll()}")
             done += 1
-        lines = read(errors) + read(self.place + "/host.err")
-        told = lines.count(b"was stopped while it held") + lines.count(b"does not go on: was it stopped?")
-        found_out = lines.count(b"this process was stopped")
-        # One turn may lose both of its locks.
-        self.expect(lost() <= found_out <= told,
-                    f"{lost()} accesses failed, {found_out} lines tell of it, {told} name who was stopped")
+
+        def told():
+            """Lines of those who lost a lock, and lines of those who took it."""
+            lines = read(errors) + read(self.place + "/host.err")
+            return (lines.count(b"this process was stopped"),
+                    lines.count(b"was stopped while it held") + lines.count(b"does not go on: was it stopped?"))
+
+        # One turn may lose both of its locks. Who took one over goes on first and tells of it then.
+        self.expect(self.until(lambda: lost() <= told()[0] <= told()[1], host),
+                    f"{lost()} accesses failed; lines of those who lost a lock and of those who took it: {told()}")
         for process in users + [reader, host]:
             self.expect(process.poll() is None, f"a process ended by itself with {process.poll()}")
             self.kill(process)
-        self.count(stops=done, stops_in_an_access=lost(), lines_that_name_the_stopped=told)
+        self.count(stops=done, stops_in_an_access=lost(), lines_that_name_the_stopped=told()[1])
 
 
 def work(job):

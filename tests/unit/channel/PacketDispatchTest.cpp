@@ -251,6 +251,10 @@ TEST_F(ServicelessChannel, ContractMapIsIgnoredWithOneWarning) {
     EXPECT_EQ(channel->m_ulParsedCnt, 0U);
 }
 
+TEST_F(ServicelessChannel, AnIgnoredContractMapIsNoError) {
+    EXPECT_EQ(channel->HandleContMapPkt(map.data(), static_cast<unsigned int>(map.size()), channel.get()), 0);
+}
+
 TEST_F(ServicelessChannel, EachChannelWarnsForItself) {
     CZceDmaChanImpl second(drv, &api, cfg.get());
     DeliverTo(*channel, map);

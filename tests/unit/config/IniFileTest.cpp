@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <iniparser/iniparser.h>
 
+#include <filesystem>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -216,6 +217,20 @@ TEST_F(IniFile, AFileOfThousandsOfLinesThatAreNoneStopsBeingReported) {
 
     EXPECT_FALSE(outcome.loaded);
     EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 200);  // two lines for each of 100
+}
+
+TEST_F(IniFile, NoDescriptorStaysOpenWhateverWasRead) {
+    const auto open = [] {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const std::vector<std::string> paths = {dir.Write("good.ini", "[s]\nkey=value\n"),
+                                            dir.Write("bad.ini", "nothing\n"), dir.Path(), dir.Path("missing.ini")};
+    const auto before = open();
+
+    for (const std::string& path : paths) Ours(path);
+
+    EXPECT_EQ(open(), before);
 }
 
 }  // namespace

@@ -198,7 +198,10 @@ TEST_F(DayFileWrite, AFailedWriteOfTheEndTagLeavesAFileThatIsNotLoaded) {
 
 TEST_F(DayFileWrite, AWriteThatTakesNothingCountsAsFailed) {
     log = LogOf([this] {
-        const WriteHook stuck([](int, const void*, std::size_t) -> ssize_t { return 0; });
+        const WriteHook stuck([](int, const void*, std::size_t) -> ssize_t {
+            errno = EINTR;  // left by some call before, and without a meaning here
+            return 0;
+        });
         bin.InstBinFileInit();
     });
 

@@ -92,10 +92,14 @@ TEST_F(IntradayFile, InitFailsWhereTheFileCannotBeOpened) {
 TEST_F(IntradayFile, AnInstrumentIsWrittenLoggedAndOnDiskAtOnce) {
     bin->Normal_FileInit();
 
-    log = LogOf([this] { result = bin->Normal_WriteInstToBin("SPD-SR505/SR509", 65535); });
+    std::string onDisk;
+    log = LogOf([this, &onDisk] {
+        result = bin->Normal_WriteInstToBin("SPD-SR505/SR509", 65535);
+        onDisk = dir.Read("bin");
+    });
 
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(dir.Read("bin"), "65535,SPD-SR505/SR509\n");
+    EXPECT_EQ(onDisk, "65535,SPD-SR505/SR509\n");
     EXPECT_THAT(log, ElementsAre("INFO Write to bin :index:65535,inst:SPD-SR505/SR509,"));
 }
 

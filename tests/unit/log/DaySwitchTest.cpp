@@ -187,13 +187,14 @@ TEST_F(DaySwitch, TheNextLineGoesToTheNewFileOnceItCanBeOpenedBehindAWarningThat
     clock.Advance(1);
     Printed([] { Printed([] { Log("lost"); }); }, 2);
     Printed([] { Printed([] { Log("lost too"); }); }, 2);
+    Printed([] { elog_output_from_handler(kInfo, "fpga", "file", "func", 1, "signal %d", 15); });
     fs::remove(kTomorrow);
 
     const std::string error = Printed([] { Printed([] { Log("kept"); }); }, 2);
 
     EXPECT_THAT(error, IsEmpty());
     EXPECT_THAT(Lines(dir.Read(kTomorrow)),
-                ElementsAre("[WARN   ][20250304-00:00:00][log]Lines lost in the log file: 2, errmsg:Is a directory.",
+                ElementsAre("[WARN   ][20250304-00:00:00][log]Lines lost in the log file: 3, errmsg:Is a directory.",
                             "[INFO   ][20250304-00:00:00][fpga]kept"));
     EXPECT_EQ(last_rotate_day, 20250304);
 }

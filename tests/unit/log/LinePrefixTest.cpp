@@ -196,6 +196,12 @@ TEST_F(LinePrefix, LevelsAboveTheFilterLevelAreDropped) {
     }
 }
 
+TEST(LogLevels, AreNumberedFromTheGravest) {
+    EXPECT_THAT((std::vector<int>{ELOG_LVL_ASSERT, ELOG_LVL_ERROR, ELOG_LVL_WARN, ELOG_LVL_EVENT, ELOG_LVL_INFO,
+                                  ELOG_LVL_DEBUG, ELOG_LVL_VERBOSE, ELOG_LVL_TOTAL}),
+                ElementsAre(0, 1, 2, 3, 4, 5, 6, 7));
+}
+
 TEST_F(LinePrefix, LevelsThatDoNotExistAreDroppedWhateverTheFilterLevel) {
     elog_set_filter_lvl(255);
 

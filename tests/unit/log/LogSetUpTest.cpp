@@ -127,6 +127,12 @@ TEST_F(LogSetUp, TheFirstLineComesFromTheCoreItself) {
     EXPECT_EQ(Printed([] { elog_start(); }), "(elog elog_start:213)log is initialized successfully.\n");
 }
 
+TEST_F(LogSetUp, TheFileSideCanBeSetUpAlone) {
+    EXPECT_EQ(elog_port_init("logs", "fpga"), 0);
+
+    EXPECT_TRUE(std::filesystem::exists("logs/fpga_20250303.log"));
+}
+
 TEST_F(LogSetUp, ASecondSetUpOfTheFileSideChangesNothing) {
     elog_init("./", "fpga");
 

@@ -54,6 +54,17 @@ TEST_F(LostLines, TheFirstOneAfterAShortWriteBeginsALineAndAWarningTellsTheirNum
                             "first", "second"));
 }
 
+TEST_F(LostLines, ALineThatIsWrittenInPiecesIsNotLost) {
+    const WriteHook slow([](int fd, const void* buf, std::size_t size) {
+        return WriteHook::Real(fd, buf, std::min<std::size_t>(size, 3));
+    });
+
+    Log("in pieces");
+    Log("next");
+
+    EXPECT_THAT(Lines(dir.Read(kToday)), ElementsAre("in pieces", "next"));
+}
+
 TEST_F(LostLines, LeaveNoEmptyLineWhenNothingWasCutShort) {
     SmallDisk disk(0);
     Log("lost");

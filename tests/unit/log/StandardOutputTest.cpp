@@ -138,11 +138,24 @@ TEST_F(StandardOutput, ALineWaitsForItsReader) {
     EXPECT_EQ(got + out.Drain(), "waiting\n");
 }
 
+/// SIGUSR1 interrupts calls, and does nothing else, while this lives.
+class HarmlessSignal {
+public:
+    HarmlessSignal() {
+        struct sigaction ignoring {};
+        ignoring.sa_handler = [](int) {};
+        ::sigaction(SIGUSR1, &ignoring, &m_before);
+    }
+    ~HarmlessSignal() { ::sigaction(SIGUSR1, &m_before, nullptr); }
+    HarmlessSignal(const HarmlessSignal&) = delete;
+    HarmlessSignal& operator=(const HarmlessSignal&) = delete;
+
+private:
+    struct sigaction m_before {};
+};
+
 TEST_F(StandardOutput, ASignalOfTheApplicationDoesNotEndTheWait) {
-    struct sigaction ignoring {};
-    struct sigaction before {};
-    ignoring.sa_handler = [](int) {};
-    ::sigaction(SIGUSR1, &ignoring, &before);
+    const HarmlessSignal harmless;
     StalledPipe out;
     std::atomic<pid_t> tid{0};
     std::thread waiting([&tid] {
@@ -155,9 +168,30 @@ TEST_F(StandardOutput, ASignalOfTheApplicationDoesNotEndTheWait) {
     ::pthread_kill(waiting.native_handle(), SIGUSR1);
     std::string got = out.Drain();
     waiting.join();
-    ::sigaction(SIGUSR1, &before, nullptr);
 
     EXPECT_EQ(got + out.Drain(), "waiting\n");
+}
+
+TEST_F(StandardOutput, ATextThatSignalsOfTheApplicationCutGoesOnWhereItWasCut) {
+    const HarmlessSignal harmless;
+    std::string text;
+    while (text.size() < 1'000'000) text += std::to_string(text.size()) + ' ';
+    StalledPipe out;
+    std::atomic<bool> written{false};
+    std::thread writing([&] {
+        elog_raw_huge("%s", text.c_str());
+        written = true;
+    });
+
+    std::string got;
+    while (!written) {
+        ::pthread_kill(writing.native_handle(), SIGUSR1);
+        got += out.Drain();
+        std::this_thread::yield();
+    }
+    writing.join();
+
+    EXPECT_TRUE(got + out.Drain() == text);
 }
 
 // ---- the stop ----

@@ -1,16 +1,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 #include "VexoZceUtil.h"
 #include "tests/support/CaptureOutput.h"
+#include "tests/support/StandardStreams.h"
 #include "tests/unit/util/FakeHost.h"
 
 namespace {
 
+using test_support::AreStandardNumbersFree;
 using test_support::CaptureOutput;
+using test_support::InProcessWithout;
+using test_support::kAllStandardStreams;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -236,6 +241,20 @@ TEST_F(HostWithBoards, CheckBeforeRunNeedsNoDriverCommandWithoutABoard) {
     CheckBeforeRun();
 
     EXPECT_THAT(host.Commands(), IsEmpty());
+}
+
+TEST_F(HostWithBoards, CommandsAreReadAboveTheStandardStreamsWhicheverAreClosed) {
+    PlugIn(1, 1);
+    LoadDrivers({"xdma 98304 0"});
+    for (unsigned int closed = 0; closed <= kAllStandardStreams; ++closed) {
+        SCOPED_TRACE(closed);
+        const auto check = [&] {
+            if (CheckEnvBoard() != 5 || !IsEDriverInstalled() || !IsXiDriverInstalled()) return 1;
+            if (host.LowestDescriptor() <= STDERR_FILENO) return 2;
+            return closed != kAllStandardStreams || AreStandardNumbersFree() ? 0 : 3;
+        };
+        EXPECT_EQ(InProcessWithout(closed, check), 0);
+    }
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -17,6 +19,7 @@ struct State {
     bool active = false;
     std::optional<std::string> refused;
     std::vector<std::string> commands;
+    int lowestDescriptor = INT_MAX;
     bool userSet = false;
     uid_t uid = 0;
     std::optional<std::string> userName;
@@ -51,7 +54,9 @@ FILE* popen(const char* command, const char* mode) {
         errno = EAGAIN;
         return nullptr;
     }
-    return Real<FILE*(const char*, const char*)>("popen")(command, mode);
+    FILE* const stream = Real<FILE*(const char*, const char*)>("popen")(command, mode);
+    if (stream != nullptr) host.lowestDescriptor = std::min(host.lowestDescriptor, ::fileno(stream));
+    return stream;
 }
 
 uid_t getuid() noexcept { return Host().userSet ? Host().uid : Real<uid_t()>("getuid")(); }
@@ -93,6 +98,8 @@ void FakeHost::Uninstall(const std::string& tool) { ::unlink(m_dir.Path("bin/" +
 void FakeHost::RefuseCommandsWith(const std::string& text) { Host().refused = text; }
 
 std::vector<std::string> FakeHost::Commands() const { return Host().commands; }
+
+int FakeHost::LowestDescriptor() const { return Host().lowestDescriptor; }
 
 void FakeHost::SetUser(uid_t uid, const char* name) {
     Host().userSet = true;

@@ -25,6 +25,8 @@ public:
     void RefuseCommandsWith(const std::string& text);
     /// The commands handed to `popen`, refused ones included.
     std::vector<std::string> Commands() const;
+    /// The lowest descriptor of a stream that `popen` has given; INT_MAX when there was none.
+    int LowestDescriptor() const;
 
     /// The real user id becomes @p uid, and the user database knows it under @p name; null = it has no entry.
     void SetUser(uid_t uid, const char* name);

@@ -16,6 +16,8 @@ namespace {
 using test_support::CaptureOutput;
 using test_support::TempDir;
 
+const unsigned int kCountAtStart = g_uiPktCnt;  // before any test
+
 class HexDump : public testing::Test {
 protected:
     HexDump() : fd(::open("dump", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) { g_uiPktCnt = 0; }
@@ -54,6 +56,8 @@ std::string Hex(const std::vector<unsigned char>& data, unsigned int count) {
     }
     return text;
 }
+
+TEST_F(HexDump, CountsPacketsFromZero) { EXPECT_EQ(kCountAtStart, 0U); }
 
 /// The published rule, step by step: two digits while the position is below the size minus 2 and bytes remain.
 unsigned int EncodedBytes(int bufferSize, int length) {

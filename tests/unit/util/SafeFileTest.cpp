@@ -93,9 +93,11 @@ TEST(SafeOutputFile, OneThatIsClosedTwiceClosesNobodyElsesDescriptor) {
             std::string refusal;
             if (!file.open(directory.Path("file"), refusal)) return 1;
             file.close();
+            const int others = ::open("/dev/null", O_RDONLY | O_CLOEXEC);  // gets the file's number
             file.close();
+            if (::fcntl(others, F_GETFD) < 0) return 2;
         }
-        return OpenStreams() == 7 ? 0 : 2;
+        return OpenStreams() == 7 ? 0 : 3;
     };
     EXPECT_EQ(InProcessWithout(0, close), 0);
 }
