@@ -61,7 +61,7 @@ public:
     PageFile(const PageFile&) = delete;
     PageFile& operator=(const PageFile&) = delete;
 
-    /// @param memory  a place of kBlockBytes for the Process block
+    /// @param writer  who will count; it is a part of the file's name
     /// @return false: there is no page, and error() says why
     bool make(Writer writer) {
         if (!openDirectory()) return false;

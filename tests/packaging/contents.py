@@ -26,13 +26,15 @@ def installed(prefix):
         if path.is_dir() and not path.is_symlink():
             continue
         name = str(path.relative_to(prefix))
-        # Debian's folder of libraries is the machine's.
-        name = re.sub(rf"^{re.escape(library_directory)}/(x86_64-linux-gnu/)?", "lib/x86_64-linux-gnu/", name)
+        # Debian's folder of libraries is the machine's. Units are the same on every machine.
+        if not name.startswith("lib/systemd/"):
+            name = re.sub(rf"^{re.escape(library_directory)}/(x86_64-linux-gnu/)?", "lib/x86_64-linux-gnu/", name)
         yield "usr/" + name
 
 
 def patterns(name):
-    return [line.strip() for line in (debian / name).read_text().splitlines() if line.strip()]
+    """What to take. The folder to put it into may follow."""
+    return [line.split()[0] for line in (debian / name).read_text().splitlines() if line.strip()]
 
 
 def matches(file, pattern):

@@ -82,9 +82,10 @@ void addCheck(CLI::App& app, Invocation& invocation) {
     check->footer(
         "Levels: fatal ends the start-up; error: the start goes on, but not as the file asks; warning: works, but is "
         "probably not meant; note: no finding.");
-    cli::tellStatuses(
-        *check,
-        {{cli::kFine, "no findings"}, {kFinding, "findings"}, {kUsage, "wrong usage, or a file that cannot be read"}, {kNoCard, "no card, with --card"}});
+    cli::tellStatuses(*check, {{cli::kFine, "no findings"},
+                               {kFinding, "findings"},
+                               {kUsage, "wrong usage, or a file that cannot be read"},
+                               {kNoCard, "no card, with --card"}});
     check->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 

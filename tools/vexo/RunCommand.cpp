@@ -75,6 +75,8 @@ double managersWatchdog() {
 }
 
 int superviseProgram(const Options& options, const Program& program) {
+    if (options.config.empty())
+        throw Failure(kUsage, "no configuration: name the one that the application is given\nSee vexo run --help");
     requireProgram(program);
     requireFile(options.config);
     const OnlyOne lock(options.config);
@@ -107,7 +109,7 @@ void addRun(CLI::App& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     CLI::App* run = app.add_subcommand("run", "Supervise an application: tell a failed start from an orderly end");
     takeProgram(*run, "run", invocation);
-    run->add_option("CONFIG.ini", options->config, "Configuration that the application is given")->required();
+    run->add_option("CONFIG.ini", options->config, "Configuration that the application is given");
     run->add_flag("--check", options->check, "Check configuration and host first; do not start when one is fatal");
     addSeconds(*run, "--watchdog", options->watchdog, 0.01,
                "End the application when it stops polling an open stream for so long");

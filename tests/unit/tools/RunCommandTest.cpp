@@ -153,7 +153,7 @@ TEST_F(RunCommand, AWrongCommandLineEndsWithTwo) {
     EXPECT_EQ(StatusOf({}, App("end")), 2);
     EXPECT_EQ(StatusOf({"none.ini"}, App("end")), 2);
     EXPECT_EQ(Process({VEXO_COMMAND, "run", "c3.ini"}, "", "said").Wait(), 2);
-    EXPECT_THAT(Said(), HasSubstr("CONFIG.ini is required"));
+    EXPECT_THAT(Said(), HasSubstr("no configuration"));
     EXPECT_THAT(Said(), HasSubstr("vexo: none.ini: No such file or directory"));
     EXPECT_THAT(Said(), HasSubstr("vexo: no program to run"));
     EXPECT_EQ(StatusOf({"--keep", "0", "c3.ini"}, App("end")), 2);
