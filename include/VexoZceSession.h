@@ -70,7 +70,7 @@ public:
     /// Days that a list can hold: about 20 years.
     static constexpr std::size_t kMost = 512;
 
-    HolidayList() : m_count(0) {}
+    HolidayList() : m_days(), m_count(0) {}
     /// @param date  YYYYMMDD; a date that is in the list already changes nothing
     /// @return false if there is no such date, or no more room
     bool add(std::uint32_t date) {

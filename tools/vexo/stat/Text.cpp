@@ -152,9 +152,9 @@ double boundOf(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t
 }
 
 const char* nameOf(vexo_stats::Step step) {
-    constexpr std::array<const char*, vexo_stats::kSteps> kNames = {"begun",        "card_looked_up", "reset",
-                                                                    "first_write",  "stream_opened",  "first_poll",
-                                                                    "first_packet", "first_quote",    "ended"};
+    static const char* const kNames[vexo_stats::kSteps] = {"begun",        "card_looked_up", "reset",
+                                                           "first_write",  "stream_opened",  "first_poll",
+                                                           "first_packet", "first_quote",    "ended"};
     return kNames[step];
 }
 
