@@ -101,7 +101,7 @@ def filter_pass(results):
 def contract_map(results):
     entries = [timed(results, "contract-map", "ours", "ours", OURS),
                timed(results, "contract-map", "bare", "bare calls and lines", FLOOR)]
-    title = "Contract map of 16,384 new instruments (median, quartiles)" + busy(results, "contract-map")
+    title = "Contract map of 2,048 new instruments (median, quartiles)" + busy(results, "contract-map")
     return bars(title, entries, duration)
 
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # configure.sh sdk SOURCES HARDWARE_LIBRARY     the SDK of the card that a build folder uses
 # configure.sh missing SOURCES                  errors for what is not installed name the package
+# configure.sh alone SOURCES                    library, tools and examples are configured without the others
 set -euo pipefail
 mode=$1 sources=$2
 work=$(mktemp -d)
@@ -46,6 +47,11 @@ sdk)
     if uses "$work/second"; then fail "the second SDK is still used"; fi
     rm -rf "$work/build"
     refused "ENYX_HW_ROOT is /nowhere" "-DENYX_HW_ROOT=/path/to/sdk" -- -G Ninja -DENYX_HW_ROOT=/nowhere
+    ;;
+alone)
+    configure -G Ninja || fail "the library and the simulated card were refused"
+    configure -DVEXO_BUILD_TOOLS=ON || fail "the tools were refused without tests and examples"
+    configure -DVEXO_BUILD_TOOLS=OFF -DVEXO_BUILD_EXAMPLES=ON || fail "the examples were refused without tests and tools"
     ;;
 missing)
     refused "apt-get install libcli11-dev" -- -G Ninja -DVEXO_BUILD_TOOLS=ON -DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON

@@ -98,6 +98,7 @@ public:
 
     void take(const std::string& path, data::CaptureSource& source, Progress& progress, std::uint64_t bytesBefore) {
         capture::Reader reader(source.stream());
+        m_maker.beginCapture();
         capture::Packet packet;
         Row row;
         while (!isFull() && reader.next(packet)) {

@@ -52,6 +52,9 @@ std::vector<Page> look(const Options& options, bool tellsFaults) {
 
 // A collector that reads the file at any moment finds it whole.
 void writeFile(const std::string& path, const std::string& text) {
+    struct ::stat there {};
+    if (::lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode))
+        throw Failure(kUsage, harmless(path) + ": this is no regular file; to write to standard output, give -");
     const std::string temporary = path + "." + std::to_string(::getpid());
     const auto fail = [&](const std::string& name) {
         const std::string why = std::strerror(errno);

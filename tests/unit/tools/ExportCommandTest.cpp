@@ -294,6 +294,18 @@ TEST_F(ExportCommand, AnotherCardsPayloadIsExportedByItsLayout) {
                 AllOf(HasSubstr("no layout describes 2 packets of type 21"), HasSubstr("no packet became a row")));
 }
 
+TEST_F(ExportCommand, EachCaptureHasItsOwnChannels) {
+    for (const char* const channel : {"1", "2", "3"}) {
+        BlockBuffer blocks;
+        appendSection(blocks, {});
+        appendInterface(blocks, {kStreamLink, std::string("channel ") + channel, ""});
+        appendPacket(blocks, 0, NsAt(90000), At(90000, 17, "SR505").packet());
+        dir.Write(std::string(channel) + ".pcapng", text(blocks));
+    }
+    EXPECT_THAT(Rows("1.pcapng 2.pcapng 3.pcapng --columns channel"), ElementsAre("channel", "1", "2", "3"));
+    EXPECT_THAT(Rows("1.pcapng 2.pcapng 3.pcapng --channel 2 --columns channel"), ElementsAre("channel", "2"));
+}
+
 TEST_F(ExportCommand, WrongUsageIsNamedBeforeAnythingIsWritten) {
     EXPECT_THAT(Fault(""), HasSubstr("nothing to export: name a capture"));
     EXPECT_THAT(Fault("."), HasSubstr(".: this is a directory, not a capture"));

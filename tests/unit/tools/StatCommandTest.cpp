@@ -220,6 +220,16 @@ TEST_F(StatCommand, TheFileOfMetricsIsReplacedAsAWhole) {
     EXPECT_EQ(stat("--prometheus none/m.prom").status, 1);
 }
 
+TEST_F(StatCommand, MetricsReplaceNothingButAFile) {
+    write(busy());
+    ASSERT_EQ(::symlink("elsewhere", "link"), 0);
+    ASSERT_EQ(::mkfifo("pipe", 0600), 0);
+    for (const char* name : {"link", "pipe", "."})
+        EXPECT_EQ(stat(std::string("--prometheus ") + name).status, 2) << name;
+    EXPECT_TRUE(std::filesystem::is_symlink("link"));
+    EXPECT_TRUE(std::filesystem::is_fifo("pipe"));
+}
+
 TEST_F(StatCommand, AHostilePageIsNamedAndHidesNoOther) {
     write(busy(), "9.tap.page");
     dir.Write("1.tap.page", "");

@@ -92,6 +92,8 @@ public:
     RowMaker(const data::Layouts& layouts, const std::vector<Column>& columns, bool needsSession);
 
     vexo_zce::HolidayList& holidays() { return m_clock.holidays(); }
+    /// Before the first packet of each capture: another one may describe its interfaces at the same addresses.
+    void beginCapture() { m_lastInterface = nullptr; }
     /// The cheap parts of a row, for the filters. @return false for a packet that is none of a stream
     bool begin(const capture::Packet& packet, Row& row);
     /// The session, which a filter may want. Only with needsSession.
