@@ -35,8 +35,6 @@ void Mark() { ::syscall(SYS_getppid); }
 
 [[noreturn]] void TracedChild() {
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    // Without TZ, the first line of each second also looks whether the host's time zone file is another one.
-    ::setenv("TZ", "UTC0", 1);
     StartLog();
     ::raise(SIGSTOP);
     Mark();
@@ -71,6 +69,8 @@ unsigned long CountSystemCalls(pid_t child) {
 }
 
 void TellSystemCallsAndAllocations() {
+    // Without TZ, the first line of each second also looks whether the host's time zone file is another one.
+    ::setenv("TZ", "UTC0", 1);
     const pid_t child = ::fork();
     if (child == 0) TracedChild();
     Tell("log-line/system-calls", static_cast<double>(CountSystemCalls(child)) / kTimes);
