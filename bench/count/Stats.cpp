@@ -5,11 +5,15 @@
 #include <dlfcn.h>
 #include <enyx-sim/enyx_sim.h>
 #include <enyx-sim/md_payload.h>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "bench/support/BenchCard.h"
 #include "bench/support/CountInstructions.h"
+#include "tools/data/LayoutFile.h"
 
 namespace {
 
@@ -29,24 +33,35 @@ Poll* PollWithoutTap() {
     return poll;
 }
 
-// With heads as the simulated card's, whose sequence numbers are counted, or with heads that nobody knows.
-void PushQuotes(unsigned int packets, bool isKnown) {
+// Where packets have their numbers: nobody knows; in the head, as the simulated card's; in a field, as kLayout says.
+enum class Numbers { kUnknown, kInHead, kInField };
+
+constexpr char kLayoutFile[] = "field.ini";
+constexpr char kLayout[] =
+    "[layout]\nname = field\nmeaning = A number in the payload\nsequence_field = number\n"
+    "[type 19]\nmeaning = Quote\nsize = 128\nfields = all\n[fields all]\nnumber = 0, u64, 1, Number\n";
+
+void PushQuotes(unsigned int packets, Numbers numbers) {
     static enyx_sim::PacketHead head{17, kSize, 0};
+    constexpr std::size_t kLevel = sizeof head + offsetof(enyx_sim::QuoteCommon, level);
     unsigned char packet[kSize] = {};
+    if (numbers == Numbers::kInHead) packet[kLevel] = 1;
     for (unsigned int n = 0; n < packets; ++n) {
         ++head.sequence;
+        head.type = numbers == Numbers::kInField ? 19 : 17;
         std::memcpy(packet, &head, sizeof head);
-        if (!isKnown) std::memset(packet + sizeof head.type, 0, sizeof head - sizeof head.type);
+        if (numbers != Numbers::kInHead) std::memset(packet + sizeof head.type, 0, sizeof head - sizeof head.type);
+        if (numbers == Numbers::kInField) std::memcpy(packet + sizeof head, &head.sequence, sizeof head.sequence);
         if (enyx_sim_push(0, bench_card::kBareChannel, packet, kSize, 0) != 0) std::exit(2);
     }
 }
 
-void CountPolls(Poll* poll, bool isKnown, const char* packetName, const char* idleName) {
+void CountPolls(Poll* poll, Numbers numbers, const char* packetName, const char* idleName) {
     const bench_card::Bare stream = bench_card::ReadBare();
     const auto once = [poll, handle = stream.get()] { poll(handle, EmptyHandler, nullptr); };
-    PushQuotes(kWarmUp, isKnown);
+    PushQuotes(kWarmUp, numbers);
     for (unsigned int n = 0; n < 2 * kWarmUp; ++n) once();
-    PushQuotes(kTimes, isKnown);
+    PushQuotes(kTimes, numbers);
     CountInstructions(packetName, kTimes, once);
     CountInstructions(idleName, kTimes, once);
 }
@@ -91,10 +106,16 @@ void CountCallbacks(IVexoZceMdSpi& spi, const char* name) {
 
 int main() {
     ::setenv(vexo_stats::kDirectoryVariable, "pages", 1);  // in this program's own directory
+    if (std::FILE* const file = std::fopen(kLayoutFile, "w")) {
+        std::fputs(kLayout, file);
+        std::fclose(file);
+    }
+    ::setenv(vexo::data::kLayoutVariable, (std::string(kLayoutFile) + ":" + vexo::data::kSimulated).c_str(), 1);
     bench_card::PowerOn();
-    CountPolls(PollWithoutTap(), false, "stats/floor", "stats/floor/idle");
-    CountPolls(enyx_hw_a2c_stream_poll_once, false, "stats/tap", "stats/tap/idle");
-    CountPolls(enyx_hw_a2c_stream_poll_once, true, "stats/tap-sequence", "stats/tap-sequence/idle");
+    CountPolls(PollWithoutTap(), Numbers::kUnknown, "stats/floor", "stats/floor/idle");
+    CountPolls(enyx_hw_a2c_stream_poll_once, Numbers::kUnknown, "stats/tap", "stats/tap/idle");
+    CountPolls(enyx_hw_a2c_stream_poll_once, Numbers::kInHead, "stats/tap-sequence", "stats/tap-sequence/idle");
+    CountPolls(enyx_hw_a2c_stream_poll_once, Numbers::kInField, "stats/tap-field", "stats/tap-field/idle");
 
     Quotes quotes;
     VexoZceMdStats<> wrapper(quotes);

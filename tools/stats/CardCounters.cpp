@@ -26,11 +26,18 @@ void know(const std::optional<std::uint32_t>& now, std::uint64_t& word) {
     if (now) vexo_stats::set(word, orZero(word));
 }
 
+// Nobody says whether a card counts from the opening of a stream or from its own start. A stream that was opened a
+// moment ago has no more packets than its ring holds: with more, the card's counters are older.
+bool isOlderThanTheStream(const CardReading& atOpening) {
+    constexpr std::uint32_t kMoreThanARingHolds = 65536;
+    return atOpening.packets.value_or(0) >= kMoreThanARingHolds;
+}
+
 }  // namespace
 
 void CardCounters::start(vexo_stats::Stream& counts, const CardReading& now, std::uint64_t missing,
                          std::uint64_t lostInTap) {
-    m_last = now;
+    m_last = isOlderThanTheStream(now) ? now : CardReading();
     m_missing = missing;
     m_lostInTap = lostInTap;
     m_backPressure = orZero(counts.backPressure);

@@ -21,7 +21,7 @@ CardReading askCard(const void* stream);
 /// Adds up in a stream's block what the card counts. For one thread at a time.
 class CardCounters {
 public:
-    /// The stream was opened: what the card had counted before is nobody's loss here.
+    /// The stream was opened: what the card had counted before, if it did, is nobody's loss here.
     /// @param missing    the block's sequenceLost at this moment
     /// @param lostInTap  packets that the application received, but that the count of numbers did not see
     void start(vexo_stats::Stream& counts, const CardReading& now, std::uint64_t missing, std::uint64_t lostInTap = 0);

@@ -24,7 +24,8 @@ protected:
     }
     ~TapStats() override { tap::clock_ticks::g_counterIsEven = false; }
 
-    static stats::CardReading Reading(std::uint32_t backPressure) { return {0, backPressure, 0, 0}; }
+    // Of a card that counts since long ago.
+    static stats::CardReading Reading(std::uint32_t backPressure) { return {1'000'000, backPressure, 0, 0}; }
     // A packet of the simulated card, at the @p polls-th poll since the last one.
     void Deliver(std::uint64_t ticks, std::uint32_t number, int polls = 1) {
         for (int n = 0; n < polls; ++n) presence.poll();
@@ -127,6 +128,20 @@ TEST_F(TapStats, WhatTheCardCountedBeforeTheStreamWasOpenedIsNobodysLoss) {
     EXPECT_EQ(counts.state, vexo_stats::kOpen);
     EXPECT_EQ(counts.sequenceLost, 0U) << "nobody listened meanwhile";
     EXPECT_EQ(counts.gaps[vexo_stats::kFirstBucket], 2U);
+}
+
+TEST_F(TapStats, ACardThatCountsFromTheOpeningOnHasCountedForTheProgram) {
+    vexo_stats::Stream fresh{};
+    fresh.longCallback = kRingLasts;
+    vexo_stats::describe(fresh, 0, 3);
+    StreamStats asked{process, fresh, &layouts};
+    asked.noteOpening({70, 12, 17, 0}, 0, false);  // it was asked late
+    asked.beginLook(presence, ring);
+    asked.note({80, 13, 17, 0}, StreamStats::When::kOpen, 0);
+    asked.endLook(asked.takeNoted(), 0, 0);
+    EXPECT_EQ(fresh.cardPackets, 80U);
+    EXPECT_EQ(fresh.backPressure, 13U);
+    EXPECT_EQ(fresh.fifoErrors, 17U);
 }
 
 TEST_F(TapStats, PacketsThatTheTapsRingLostAreNotLostBeforeTheCard) {
