@@ -27,10 +27,10 @@ void know(const std::optional<std::uint32_t>& now, std::uint64_t& word) {
 }
 
 // Nobody says whether a card counts from the opening of a stream or from its own start. A stream that was opened a
-// moment ago has no more packets than its ring holds: with more, the card's counters are older.
+// moment ago has no more packets than its ring holds: with more, or without an answer, the card's counters are older.
 bool isOlderThanTheStream(const CardReading& atOpening) {
     constexpr std::uint32_t kMoreThanARingHolds = 65536;
-    return atOpening.packets.value_or(0) >= kMoreThanARingHolds;
+    return !atOpening.packets || *atOpening.packets >= kMoreThanARingHolds;
 }
 
 }  // namespace

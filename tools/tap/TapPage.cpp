@@ -1,5 +1,6 @@
 #include "tools/tap/TapPage.h"
 
+#include <sys/mman.h>
 #include <string>
 
 #include "capture/StreamPlace.h"
@@ -15,17 +16,29 @@ constexpr std::uint64_t kMicroseconds = 1'000'000;
 }  // namespace
 
 TapPage::TapPage() : m_layouts(knownLayouts()) {
-    if (m_file.make(vexo_stats::kTap)) {
-        m_blocks = static_cast<unsigned char*>(m_file.map(0, 1 + vexo_stats::kStreams));
-        m_file.close();
+    if (!make()) {
+        report("no statistics page: " + m_file.error());
+        m_blocks = nullptr;
+        m_process = &m_ownProcess;
+        vexo_stats::describe(*m_process, vexo_stats::kTap);
     }
-    if (m_blocks != nullptr) {
-        m_process = reinterpret_cast<vexo_stats::Process*>(m_blocks);
-    } else {
-        report("no statistics page: " + (m_file.error().empty() ? std::string("no memory") : m_file.error()));
-    }
-    vexo_stats::describe(*m_process, vexo_stats::kTap);
     m_ringLasts = m_process->clockPerSecond / kMicroseconds * stats::ringLastsMicroseconds();
+}
+
+bool TapPage::make() {
+    if (!m_file.make(vexo_stats::kTap)) return false;
+    m_blocks = static_cast<unsigned char*>(m_file.map(0, 1 + vexo_stats::kStreams));
+    if (m_blocks == nullptr) return false;
+    m_process = reinterpret_cast<vexo_stats::Process*>(m_blocks);
+    vexo_stats::describe(*m_process, vexo_stats::kTap);
+    const bool isPublished = m_file.publish(*m_process);
+    m_file.close();
+    return isPublished;
+}
+
+void TapPage::leaveToParent() {
+    if (m_blocks == nullptr) return;
+    ::mmap(m_blocks, vexo_stats::kPageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
 }
 
 vexo_stats::Stream& TapPage::newBlock(const std::string& name) {
@@ -43,6 +56,7 @@ std::unique_ptr<StreamStats> TapPage::newStats(const capture::InterfaceInfo& inf
     vexo_stats::describe(counts, place ? place->card : vexo_stats::kUnknown,
                          place ? place->channel : vexo_stats::kUnknown);
     counts.lostByTap = 0;
+    vexo_stats::set(counts.state, vexo_stats::kOpen);
     std::uint64_t& opened = m_process->steps[vexo_stats::kStreamOpened];
     if (opened == 0) vexo_stats::set(opened, vexo_stats::startNow());
     return std::make_unique<StreamStats>(*m_process, counts, m_layouts.get());

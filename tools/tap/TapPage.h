@@ -1,6 +1,6 @@
 #pragma once
 
-#include <VexoZceMdStats.h>
+#include <VexoZceMdStatsFile.h>
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -22,8 +22,11 @@ public:
     /// For one thread at a time.
     std::unique_ptr<StreamStats> newStats(const capture::InterfaceInfo& info);
     void end() { m_file.end(*m_process); }
+    /// In a child of fork(): the page is the parent's, and so is its lock.
+    void leaveToParent();
 
 private:
+    bool make();
     vexo_stats::Stream& newBlock(const std::string& name);
 
     vexo_stats::PageFile m_file;
