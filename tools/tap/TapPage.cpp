@@ -38,7 +38,8 @@ bool TapPage::make() {
 
 void TapPage::leaveToParent() {
     if (m_blocks == nullptr) return;
-    ::mmap(m_blocks, vexo_stats::kPageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    static_cast<void>(::mmap(m_blocks, vexo_stats::kPageBytes, PROT_READ | PROT_WRITE,
+                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0));
 }
 
 vexo_stats::Stream& TapPage::newBlock(const std::string& name) {
