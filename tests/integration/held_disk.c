@@ -1,5 +1,5 @@
-// Preloaded by tests: while the file that VEXO_TEST_HELD_DISK names is there, the tap's writer cannot write. A disk that
-// stands still.
+// Preloaded by tests: while the file that VEXO_TEST_HELD_DISK names is there, the tap's writer cannot write. A disk
+// that stands still.
 #define _GNU_SOURCE
 #include <stdlib.h>
 #include <string.h>
