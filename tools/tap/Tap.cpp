@@ -71,24 +71,51 @@ capture::CaptureFiles::Settings fileSettings(const Settings& settings) {
     capture::CaptureFiles::Settings files;
     files.path = settings.file;
     files.rotateBytes = settings.rotateBytes;
+    files.rotateEveryNs = settings.rotateSeconds * 1'000'000'000;
+    files.recorder = {settings.keep, settings.keepFreeBytes};
     files.section = {hardwareName(), osName(), applicationName()};
     files.report = report;
     return files;
+}
+
+void tellResult(const Capture& capture) {
+    const capture::CaptureFiles& files = capture.writer.files();
+    reportResult(files.written(), files.files(), files.lost());
+}
+
+// After this, calls go to the card and are not recorded.
+void turnOff() {
+    g_state.store(State::kOff);
+    g_streams.clear();
+    origins().end();
+}
+
+// The program goes on, and its polls find no ring any more.
+void stopRecording() {
+    const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    turnOff();
 }
 
 void runWriter(Capture& capture) {
     if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
     ::pthread_setname_np(::pthread_self(), "vexo-tap");
     capture.writer.startClock();
-    auto flushed = std::chrono::steady_clock::now();
-    while (!capture.ending.load(std::memory_order_acquire)) {
+    const auto begun = std::chrono::steady_clock::now();
+    const std::chrono::seconds duration(capture.settings.durationSeconds);
+    auto flushed = begun;
+    bool isOver = false;
+    while (!isOver && !capture.ending.load(std::memory_order_acquire)) {
         if (!capture.writer.drain()) std::this_thread::sleep_for(kIdle);
         const auto now = std::chrono::steady_clock::now();
+        isOver = duration.count() > 0 && now - begun >= duration;
         if (now - flushed < kFlushEvery) continue;
         capture.writer.flush();
         flushed = now;
     }
+    if (isOver) stopRecording();
     capture.writer.finish();
+    if (isOver) report("recorded for " + std::to_string(duration.count()) + " seconds: the recording ends");
+    tellResult(capture);
 }
 
 // All signals are blocked in the writer: the application's handlers must not run in its thread.
@@ -108,21 +135,11 @@ bool startWriter(Capture& capture) {
     return started;
 }
 
-void tellResult(const Capture& capture) {
-    const capture::CaptureFiles& files = capture.writer.files();
-    reportResult(files.written(), files.files(), files.lost());
-}
-
-// After this, calls go to the card and are not recorded.
-bool turnOff() {
-    const bool wasRunning = g_state.exchange(State::kOff) == State::kRunning;
-    g_streams.clear();
-    origins().end();
-    return wasRunning;
-}
-
 // A child of fork() has no writer, and must not write into its parent's file.
-void stopInChild() { turnOff(); }
+void stopInChild() {
+    turnOff();
+    g_capture.store(nullptr);
+}
 
 void begin() {
     const std::lock_guard<std::mutex> lock(g_beginMutex);
@@ -135,12 +152,13 @@ void begin() {
         capture->registers = capture->writer.add({capture::kRegisterLink, "registers", "register accesses"});
         if (capture->registers == nullptr) report("no memory for register accesses: they are not captured");
     }
-    if (startWriter(*capture)) {
-        g_capture.store(capture.release());
-        g_state.store(State::kRunning);
-    } else {
-        g_state.store(State::kOff);
+    g_capture.store(capture.get());
+    g_state.store(State::kRunning);
+    if (!startWriter(*capture)) {
+        turnOff();
+        g_capture.store(nullptr);
     }
+    [[maybe_unused]] const Capture* kept = capture.release();
 }
 
 Capture* running() {
@@ -154,11 +172,11 @@ Capture* running() {
 
 // At exit: writes what is in the rings, and ends the file.
 [[gnu::destructor]] void end() {
-    if (!turnOff()) return;
-    Capture& capture = *g_capture.load();
-    capture.ending.store(true, std::memory_order_release);
-    capture.thread.join();
-    tellResult(capture);
+    turnOff();
+    Capture* capture = g_capture.load();
+    if (capture == nullptr) return;
+    capture->ending.store(true, std::memory_order_release);
+    capture->thread.join();
 }
 
 }  // namespace
@@ -169,6 +187,7 @@ void openStream(const void* stream, const Origin& origin) {
     const capture::InterfaceInfo info = describeStream(origin);
     Source* source = capture->writer.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    if (g_state.load() != State::kRunning) return;  // the recording has just ended
     // The same handle may come back without a destroy call: a library may free it in another way.
     if (Source* before = g_streams.remove(stream)) TapWriter::release(*before);
     if (source != nullptr) {

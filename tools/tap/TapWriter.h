@@ -67,7 +67,7 @@ public:
     void startClock();
     /// Writes the packets that are in the rings now, oldest first. @return false when there were none.
     bool drain();
-    void flush() { m_files.flush(); }
+    void flush() { m_files.tick(nowNs()); }
     /// Writes the last packets and ends the file.
     void finish();
 
