@@ -50,6 +50,7 @@ void close(BlockBuffer& out, std::size_t start) {
 void appendSection(BlockBuffer& out, const SectionInfo& info) {
     const std::size_t start = out.size();
     append(out, format::SectionHead{format::kSectionHeader, 0, format::kByteOrderMagic, 1, 0, -1});
+    appendOption(out, format::kComment, info.comment);  // first: a recorder finds its mark there
     appendOption(out, format::kSectionHardware, info.hardware);
     appendOption(out, format::kSectionOs, info.os);
     appendOption(out, format::kSectionApplication, info.application);

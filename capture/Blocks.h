@@ -18,6 +18,7 @@ struct SectionInfo {
     std::string hardware;
     std::string os;
     std::string application;
+    std::string comment = {};
 };
 
 /// The source of packets: a stream of the card, or the registers.

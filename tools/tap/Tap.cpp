@@ -49,7 +49,7 @@ std::atomic<Capture*> g_capture{nullptr};
 std::atomic<State> g_state{State::kNotBegun};
 std::mutex g_beginMutex;
 std::mutex g_streamsMutex;  // held while g_streams changes, and while the card is asked for its counters
-bool g_cardAnswers = true;  // until the card's library ends; under g_streamsMutex
+bool g_cardAnswers = true;  // until the recording or the card's library ends; under g_streamsMutex
 cpu_set_t g_cpusAtStart;    // before the application pinned a thread
 bool g_cpusKnown = false;
 
@@ -77,6 +77,8 @@ capture::CaptureFiles::Settings fileSettings(const Settings& settings) {
     capture::CaptureFiles::Settings files;
     files.path = settings.file;
     files.rotateBytes = settings.rotateBytes;
+    files.rotateEveryNs = settings.rotateSeconds * 1'000'000'000;
+    files.recorder = {settings.keep, settings.keepFreeBytes};
     files.section = {hardwareName(), osName(), applicationName()};
     files.report = report;
     return files;
@@ -96,7 +98,8 @@ void readCards(Capture& capture) {
         std::vector<StreamStats::Noted> noted;
         {
             const std::lock_guard<std::mutex> lock(g_streamsMutex);
-            if (source.stream != nullptr) stats.note(askCard(source), StreamStats::When::kOpen, source.ring.lost());
+            if (g_cardAnswers && source.stream != nullptr)
+                stats.note(askCard(source), StreamStats::When::kOpen, source.ring.lost());
             noted = stats.takeNoted();
         }
         capture::CaptureFiles& files = capture.writer.files();
@@ -106,34 +109,65 @@ void readCards(Capture& capture) {
     });
 }
 
+// Asks a last time. Under g_streamsMutex.
+void askLast(Capture& capture, StreamStats::When when) {
+    capture.writer.eachSource([when](Source& source) {
+        if (source.stats != nullptr && source.stream != nullptr)
+            source.stats->note(askCard(source), when, source.ring.lost());
+    });
+    g_cardAnswers = false;
+}
+
 // At exit, before the objects of the card's library end: they were there first.
-void readCardsAtExit() {
+void askLastAtExit() {
     Capture* capture = g_capture.load();
     if (capture == nullptr || g_state.load() != State::kRunning) return;
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
-    capture->writer.eachSource([](Source& source) {
-        if (source.stats != nullptr && source.stream != nullptr)
-            source.stats->note(askCard(source), StreamStats::When::kOpen, source.ring.lost());
-    });
-    g_cardAnswers = false;
+    askLast(*capture, StreamStats::When::kOpen);
+}
+
+void tellResult(const Capture& capture) {
+    const capture::CaptureFiles& files = capture.writer.files();
+    reportResult(files.written(), files.files(), files.lost());
+}
+
+// After this, calls go to the card and are not recorded.
+void turnOff() {
+    g_state.store(State::kOff);
+    g_streams.clear();
+    origins().end();
+}
+
+// The program goes on, and its polls find no ring any more. It may destroy a stream from now on without our knowing.
+void stopRecording(Capture& capture) {
+    const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    askLast(capture, StreamStats::When::kClosed);
+    turnOff();
 }
 
 void runWriter(Capture& capture) {
     if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
     ::pthread_setname_np(::pthread_self(), "vexo-tap");
     capture.writer.startClock();
-    auto flushed = std::chrono::steady_clock::now();
-    while (!capture.ending.load(std::memory_order_acquire)) {
+    const auto begun = std::chrono::steady_clock::now();
+    const std::chrono::seconds duration(capture.settings.durationSeconds);
+    auto flushed = begun;
+    bool isOver = false;
+    while (!isOver && !capture.ending.load(std::memory_order_acquire)) {
         if (!capture.writer.drain()) std::this_thread::sleep_for(kIdle);
         const auto now = std::chrono::steady_clock::now();
+        isOver = duration.count() > 0 && now - begun >= duration;
         if (now - flushed < kFlushEvery) continue;
         readCards(capture);
         capture.writer.flush();
         flushed = now;
     }
+    if (isOver) stopRecording(capture);
     capture.writer.drainAll();
     readCards(capture);
     capture.writer.finish();
+    if (isOver) report("recorded for " + std::to_string(duration.count()) + " seconds: the recording ends");
+    tellResult(capture);
 }
 
 bool startWriter(Capture& capture) {
@@ -147,23 +181,11 @@ bool startWriter(Capture& capture) {
     return true;
 }
 
-void tellResult(const Capture& capture) {
-    const capture::CaptureFiles& files = capture.writer.files();
-    reportResult(files.written(), files.files(), files.lost());
-}
-
-// After this, calls go to the card and are not recorded.
-bool turnOff() {
-    const bool wasRunning = g_state.exchange(State::kOff) == State::kRunning;
-    g_streams.clear();
-    origins().end();
-    return wasRunning;
-}
-
 // A child of fork() has no writer, and must not write into its parent's file.
 void stopInChild() {
     turnOff();
     if (Capture* const capture = g_capture.load()) capture->page.leaveToParent();
+    g_capture.store(nullptr);
 }
 
 void begin() {
@@ -177,13 +199,14 @@ void begin() {
         capture->registers = capture->writer.add({capture::kRegisterLink, "registers", "register accesses"});
         if (capture->registers == nullptr) report("no memory for register accesses: they are not captured");
     }
-    if (startWriter(*capture)) {
-        g_capture.store(capture.release());
-        g_state.store(State::kRunning);
-        std::atexit(readCardsAtExit);
-    } else {
-        g_state.store(State::kOff);
+    g_capture.store(capture.get());
+    g_state.store(State::kRunning);
+    std::atexit(askLastAtExit);
+    if (!startWriter(*capture)) {
+        turnOff();
+        g_capture.store(nullptr);
     }
+    [[maybe_unused]] const Capture* kept = capture.release();
 }
 
 Capture* running() {
@@ -197,12 +220,12 @@ Capture* running() {
 
 // At exit: writes what is in the rings, and ends the file.
 [[gnu::destructor]] void end() {
-    if (!turnOff()) return;
-    Capture& capture = *g_capture.load();
-    capture.ending.store(true, std::memory_order_release);
-    capture.thread.join();
-    capture.page.end();
-    tellResult(capture);
+    turnOff();
+    Capture* capture = g_capture.load();
+    if (capture == nullptr) return;
+    capture->ending.store(true, std::memory_order_release);
+    capture->thread.join();
+    capture->page.end();
 }
 
 }  // namespace
@@ -224,6 +247,7 @@ void openStream(const void* stream, const Origin& origin) {
     const capture::InterfaceInfo info = describeStream(origin);
     Source* source = capture->writer.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    if (g_state.load() != State::kRunning) return;  // the recording has just ended
     // The same handle may come back without a destroy call: a library may free it in another way.
     if (Source* before = g_streams.remove(stream)) release(*before);
     if (source != nullptr) {

@@ -77,7 +77,7 @@ public:
     void startClock();
     /// Writes the packets that are in the rings now, oldest first. @return false when there were none.
     bool drain();
-    void flush() { m_files.flush(); }
+    void flush() { m_files.tick(nowNs()); }
     /// Writes all packets that are in the rings.
     void drainAll() {
         while (drain()) {

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -265,4 +266,54 @@ TEST(Layouts, AreThoseOfTheVariableUnlessNamed) {
     EXPECT_EQ(namesOf({}), "simulated ");
     ::unsetenv(kLayoutVariable);
     EXPECT_THROW(namesOf({"none.ini"}), LayoutError);
+}
+
+// Each of these took minutes, or the memory of the machine.
+TEST(LayoutFile, AFileThatAsksForTooMuchIsRefusedAtOnce) {
+    const auto repeated = [](std::size_t times, const std::function<std::string(std::string)>& line) {
+        std::string text;
+        for (std::size_t i = 0; i < times; ++i) text += line(std::to_string(i));
+        return text;
+    };
+    const std::string head = "[layout]\nname = x\nmeaning = x\n";
+    const auto type = [](const std::string& number, const std::string& fields) {
+        return "[type " + number + "]\nmeaning = x\nsize = 65536\nfields = " + fields + "\n";
+    };
+    const auto field = [](const std::string& number) { return "f" + number + " = " + number + ",u8,1,x\n"; };
+    const std::string all = "[fields all]\n";
+    const struct {
+        std::string text;
+        const char* fault;
+    } cases[] = {
+        {head + repeated(20'000, [](const std::string& n) { return "k" + n + "=1\n"; }), "more than 10000 keys"},
+        {head + repeated(2'000, [](const std::string& n) { return "[values v" + n + "]\n"; }),
+         "more than 1000 sections"},
+        {head + "k=" + std::string(5000, 'x'), "x.ini:4: the line is longer than 4096 bytes"},
+        {head + type("1", "all") + all + repeated(2000, field), "more than 1024 fields in a type; leave some out"},
+        {head + repeated(300, [&](const std::string& n) { return type(n, "all"); }) + all + field("0"),
+         "more than 256 types; leave some out"},
+        {head + type("1", "all") + all +
+             repeated(100,
+                      [](const std::string& n) {
+                          return "f" + n + " = " + std::to_string(64 * std::stoul(n)) + ",u8[64],1,x\n";
+                      }),
+         "more than 4096 columns; leave some out"},
+        {head + type("1", "all" + repeated(64, [](const std::string&) { return ",all"; })) + all,
+         "more than 64 groups of fields in a type; leave some out"},
+        {head + type("1", "all") + "fixed = f0 0" + repeated(64, [](const std::string&) { return ",f0 0"; }) + "\n" +
+             all + field("0"),
+         "more than 64 fixed values; leave some out"},
+    };
+    for (const auto& c : cases) {
+        try {
+            parseLayout(c.text, "x.ini");
+            ADD_FAILURE() << c.fault << " was not said";
+        } catch (const LayoutError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(c.fault));
+        }
+    }
+    const auto most = parseLayout(
+        head + repeated(256, [&](const std::string& n) { return type(n, "all"); }) + all + repeated(1024, field),
+        "x.ini");
+    EXPECT_EQ(most->payloads.size(), 256U);
 }

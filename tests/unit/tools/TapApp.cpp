@@ -25,7 +25,8 @@
 namespace {
 
 std::uint32_t g_received = 0;
-std::mutex g_disk;  // whoever holds it lets no write to a file come to its end
+std::atomic<long> g_aheadSeconds{0};  // of the clock that runs while the program does
+std::mutex g_disk;                    // whoever holds it lets no write to a file come to its end
 
 [[noreturn]] void fail(const char* what) {
     std::fprintf(stderr, "%s\n", what);
@@ -255,6 +256,16 @@ void lookAtWriter(const Wanted& wanted) {
     std::printf("%s\n", statusOf("vexo-tap", "SigBlk:").c_str());
 }
 
+// Half of the packets come before the recording's duration has passed. Nobody waits: the clock is set forward.
+void receiveBeyondDuration(enyx_hw_a2c_stream* stream) {
+    for (int i = 0; i < 5; ++i) enyx_hw_a2c_stream_poll_once(stream, count, &g_received);
+    while (statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
+    g_aheadSeconds = 3600;
+    while (!statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
+    receiveAll(stream, count);
+    openStream({"CUSTOM_CHAN4_DATA"});
+}
+
 [[noreturn]] void receiveAndWait(enyx_hw_a2c_stream* stream) {
     receiveAll(stream, count);
     std::printf("process %d\n", getpid());
@@ -284,6 +295,12 @@ extern "C" int nanosleep(const timespec* time, timespec* rest) {
 extern "C" int enyx_sim_is_simulated() { return 1; }
 #endif
 
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    const long result = ::syscall(SYS_clock_gettime, clock, now);
+    if (result == 0 && clock == CLOCK_MONOTONIC) now->tv_sec += g_aheadSeconds.load();
+    return static_cast<int>(result);
+}
+
 int main(int argc, char** argv) {
     const std::string way = argc > 1 ? argv[1] : "";
     const Wanted third{"CUSTOM_CHAN3_DATA"};
@@ -305,6 +322,7 @@ int main(int argc, char** argv) {
     if (way == "ask-mtu") receiveAfterAskingForMtu(openStream(third).get());
     if (way == "registers") accessRegisters();
     if (way == "look-at-writer") lookAtWriter(third);
+    if (way == "beyond-duration") receiveBeyondDuration(openStream(third).get());
     if (way == "wait") receiveAndWait(openStream(third).get());
     std::printf("received %u\n", g_received);
     return 0;
