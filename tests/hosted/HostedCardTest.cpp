@@ -310,6 +310,7 @@ TEST_F(HostedCard, AWrongCommandLineHostsNothing) {
     for (const auto& one : wrong) {
         std::vector<std::string> words = {VEXO_SIMCARD};
         words.insert(words.end(), one.words.begin(), one.words.end());
+        std::filesystem::remove(directory.Path() + "/err");
         Process process(words, {}, directory.Path() + "/err");
         EXPECT_EQ(process.Wait(), 2) << one.text;
         EXPECT_EQ(ReadFile(directory.Path() + "/err"), "vexo-simcard: " + one.text);
