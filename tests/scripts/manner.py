@@ -31,6 +31,8 @@ EXAMPLES = {
     "vexo index": (["day-file"], 1, None),
     "vexo plan": (["demo.ini", "--instruments", "list"], 1, None),
     "vexo log": (["day.log"], 0, ""),
+    "vexo report": (["--list", "demo.ini"], 0, None),
+    "vexo run": (["demo.ini", "--", *QUOTES], 0, ""),
     "vexo stat": (["--dir", "pages"], 0, ""),
     "vexo tap": (["--output", "a.pcapng", "--", *QUOTES], 0, '{"tap":'),
     "vexo-simcard": (["--status"], 0, None),
@@ -69,6 +71,10 @@ class Place:
     def run(self, words, **environment):
         return subprocess.run([str(programs / words[0]), *words[1:]], cwd=self.work, text=True, check=False,
                               stdin=subprocess.DEVNULL, capture_output=True, env=self.environment | environment)
+
+    def run_shell(self, command, words):
+        return subprocess.run(["sh", "-c", command, "sh", str(programs / words[0]), *words[1:]], cwd=self.work, text=True,
+                              check=False, stdin=subprocess.DEVNULL, capture_output=True, env=self.environment)
 
     def on_terminal(self, words, stream, **environment):
         """What the command writes to a terminal that is its standard output or error."""
@@ -133,6 +139,12 @@ def check_basics(place, path, text):
     expect(not wrong.stdout, name, "--nonsense is told on standard output:", wrong.stdout)
     expect("--nonsense" in wrong.stderr and f"See {name} --help" in wrong.stderr, name, "--nonsense says", wrong.stderr)
     expect(wrong.stderr.startswith(f"{path[0]}: "), name, "--nonsense does not begin with the program:", wrong.stderr)
+    for redirection, cause in ((">/dev/full", "No space left on device"), (">&-", "it is closed")):
+        lost = place.run_shell(f'exec "$@" --help {redirection}', path)
+        expect(lost.returncode == 1, name, "--help", redirection, "ended with", lost.returncode)
+        expect(lost.stderr == f"{path[0]}: standard output: {cause}\n", name, "--help", redirection, "says", lost.stderr)
+    short = place.run([*path, "--versio"])
+    expect(short.returncode == 2 and "--versio" in short.stderr, name, "takes --versio for --version")
     expect(all(len(line) < 130 for line in text.splitlines()), name, "--help has a line that nobody reads")
 
 

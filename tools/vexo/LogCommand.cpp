@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/LogJson.h"
@@ -180,7 +181,8 @@ int explain(const std::string& text, bool json) {
 }
 
 std::string levelFault(const std::string& name) {
-    return levelNamed(name) == kNoLevel ? "no level; give assert, error, warn, event, info, debug or verbose" : "";
+    return levelNamed(name) == kNoLevel ? name + " is no level; give assert, error, warn, event, info, debug or verbose"
+                                        : "";
 }
 
 int run(Options& options) {
@@ -199,12 +201,14 @@ void addLog(CLI::App& app, Invocation& invocation) {
     paths->type_name("FILE|DIRECTORY");
     CLI::Option* follow = log->add_flag("-f,--follow", options->follow,
                                         "Go on showing what comes, also in the files of later days");
-    CLI::Option* level = log->add_option("--level", options->level,
-                                         "Show only this level and worse ones: error, warn, event, info, debug");
+    CLI::Option* level = log->add_option(
+        "--level", options->level,
+        "Show only this level and worse ones: assert, error, warn (or warning), event, info, debug, "
+        "verbose");
     level->type_name("LEVEL")->check(CLI::Validator(levelFault, ""));
     CLI::Option* lines = log->add_option("-n,--lines", options->lines,
                                          "Show only the last lines, so many; with --follow, 10 unless given");
-    lines->type_name("N")->check(CLI::Range(std::size_t{0}, kMostLines));
+    lines->type_name("N")->transform(cli::wholeNumber(0, kMostLines));
     log->add_flag("--json", options->json,
                   "Write JSON: one object a line of the log; with --explain one for all messages");
     terminal::addColorOption(*log, options->color);

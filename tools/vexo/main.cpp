@@ -55,6 +55,7 @@ int parseAndRun(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    cli::guardStandardStreams();
     try {
         return parseAndRun(argc, argv);
     } catch (const Failure& failure) {
