@@ -100,19 +100,15 @@ double Page::timeOfDay(std::uint64_t clock) const {
 std::uint64_t packetsOf(const Stream& stream) { return sum(stream.packets); }
 std::uint64_t bytesOf(const Stream& stream) { return sum(stream.bytes); }
 
-Loss lossOf(const Stream& stream) {
-    Loss loss;
-    const bool hasPressure = stream.backPressure != kUnknown;
-    if (stream.sequenceKnown != 0 && hasPressure) loss.beforeCard = stream.lostBeforeCard;
-    if (stream.fifoErrors != kUnknown || stream.errors != kUnknown) {
-        loss.byCard = (stream.fifoErrors != kUnknown ? stream.fifoErrors : 0) +
-                      (stream.errors != kUnknown ? stream.errors : 0);
-    }
-    if (hasPressure && stream.backPressureInCallbacks != kUnknown) {
-        loss.byApplication = std::min(stream.backPressureInCallbacks, stream.backPressure);
-        loss.byRing = stream.backPressure - *loss.byApplication;
-    }
-    return loss;
+data::Losses lossOf(const Stream& stream) {
+    const auto known = [](std::uint64_t n) { return n == kUnknown ? data::Count() : data::Count(n); };
+    data::LossCounts counts;
+    counts.backPressure = known(stream.backPressure);
+    counts.backPressureByApplication = known(stream.backPressureInCallbacks);
+    if (stream.sequenceKnown != 0 && counts.backPressure) counts.lostBeforeCard = stream.lostBeforeCard;
+    counts.fifoErrors = known(stream.fifoErrors);
+    counts.errors = known(stream.errors);
+    return data::lossesOf(counts);
 }
 
 OpenPage::OpenPage(std::string path) : m_path(std::move(path)) {

@@ -47,14 +47,6 @@ std::string histogramLine(const std::uint64_t (&buckets)[vexo_stats::kBuckets], 
     return "half below " + below(0.5) + ", 99 % below " + below(0.99) + ", all below " + below(1);
 }
 
-std::string orNone(const std::optional<std::uint64_t>& n) { return n ? grouped(*n) : "-"; }
-
-std::string lossLine(const Stream& stream) {
-    const Loss loss = lossOf(stream);
-    return "before the card " + orNone(loss.beforeCard) + ", by the card " + orNone(loss.byCard) + ", by the ring " +
-           orNone(loss.byRing) + ", by the application " + orNone(loss.byApplication);
-}
-
 std::string sequenceLine(const Stream& stream) {
     return grouped(stream.sequenceGaps) + " gaps of " + grouped(stream.sequenceLost) + " packets, " +
            grouped(stream.sequenceLate) + " again or late, " + grouped(stream.sequenceRestarts) + " restarts";
@@ -92,7 +84,7 @@ std::string streamText(const Page& page, const Stream& stream, const std::vector
         line("callbacks", histogramLine(stream.callbacks, vexo_stats::kBuckets, page));
     }
     if (stream.sequenceKnown != 0) line("sequence", sequenceLine(stream));
-    line("lost", lossLine(stream));
+    line("lost", data::lossLine(lossOf(stream)));
     return text;
 }
 
@@ -184,17 +176,20 @@ std::string asText(const std::vector<Page>& pages, const std::vector<Page>& befo
 }
 
 std::string asLossTable(const std::vector<Page>& pages) {
-    std::vector<std::array<std::string, 8>> rows = {{"program", "card", "channel", "packets", "before the card",
-                                                     "by the card", "by the ring", "by the application"}};
+    constexpr std::size_t kColumns = 4 + data::kLossCauses;
+    std::vector<std::array<std::string, kColumns>> rows = {{"program", "card", "channel", "packets"}};
+    for (const data::LossCause cause : data::kAllLossCauses)
+        rows[0][4 + static_cast<std::size_t>(cause)] = data::nameOf(cause);
     for (const Page& page : pages) {
         for (const Stream& stream : page.streams) {
-            const Loss loss = lossOf(stream);
             rows.push_back({processName(page), numberOrNone(stream.card), numberOrNone(stream.channel),
-                            std::to_string(packetsOf(stream)), orNone(loss.beforeCard), orNone(loss.byCard),
-                            orNone(loss.byRing), orNone(loss.byApplication)});
+                            std::to_string(packetsOf(stream))});
+            const data::Losses losses = lossOf(stream);
+            for (const data::LossCause cause : data::kAllLossCauses)
+                rows.back()[4 + static_cast<std::size_t>(cause)] = data::lossText(losses[cause]);
         }
     }
-    std::array<std::size_t, 8> widths{};
+    std::array<std::size_t, kColumns> widths{};
     for (const auto& row : rows)
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
     std::string text;
