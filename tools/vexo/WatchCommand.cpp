@@ -73,13 +73,14 @@ public:
 
     int run() {
         look();
-        while (!isOver()) {
+        bool isStopped = false;
+        while (!isStopped && !isOver()) {
             show();
-            if (!waitForNext()) break;
+            isStopped = !waitForNext();
         }
+        const std::string fault = isStopped ? "" : m_watched.fault();
         m_watched.end();
         summarize();
-        const std::string fault = m_watched.fault();
         return fault.empty() ? cli::kFine : cli::fail("vexo", kFinding, fault);
     }
 

@@ -30,6 +30,9 @@ struct Written {
         streams.push_back(stream);
         return streams.back();
     }
+    std::string name() const {
+        return std::to_string(process.pid) + (process.writer == vexo_stats::kTap ? ".tap.page" : ".app.page");
+    }
     std::string bytes() const {
         std::string all(vexo_stats::kPageBytes, '\0');
         all.replace(0, sizeof process, reinterpret_cast<const char*>(&process), sizeof process);

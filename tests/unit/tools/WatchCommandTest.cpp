@@ -43,9 +43,7 @@ protected:
     WatchPage() { ::setenv("TERM", "xterm", 1); }
     ~WatchPage() override { ::unsetenv("NO_COLOR"); }
 
-    void Write(const stats_page::Written& page, const std::string& name = "1.tap.page") const {
-        dir.Write(name, page.bytes());
-    }
+    void Write(const stats_page::Written& page) const { dir.Write(page.name(), page.bytes()); }
     std::string Words(const std::string& options) const {
         return word(VEXO_COMMAND) + " watch --dir . --pid " + std::to_string(::getpid()) + " " + options;
     }
@@ -92,7 +90,7 @@ TEST_F(WatchPage, WritesALineForEachLookWhereThereIsNoTerminal) {
 TEST_F(WatchPage, TakesTheTapsPageRatherThanTheApplications) {
     stats_page::Written own = stats_page::Busy();
     own.process.writer = vexo_stats::kApplication;
-    Write(own, "0.app.page");
+    Write(own);
     Write(stats_page::Busy());
     EXPECT_THAT(Watch("--seconds 0.1").output, HasSubstr("counted by the tap"));
 }
@@ -366,7 +364,7 @@ TEST_F(WatchChannel, CountsTheInstrumentsThatItReceives) {
 
 TEST_F(WatchChannel, APayloadThatNoLayoutDescribesHasNoInstrument) {
     dir.Write("other.ini",
-              "[layout]\nname = other\nid_field = id\n[type 99]\nmeaning = x\nsize = 16\nfields = f\n"
+              "[layout]\nname = other\nmeaning = x\nid_field = id\n[type 99]\nmeaning = x\nsize = 16\nfields = f\n"
               "[fields f]\nid = 0, char[12], 1, Id\n");
     ASSERT_EQ(StatusOf({"demo.ini", "--json", "--seconds", "1", "--layout", "other.ini"}), 0) << Errors();
     const json last = LinesOf(Said()).back();
@@ -459,7 +457,7 @@ TEST_F(WatchHosted, AChannelInUseByAProgramWithoutAPageNamesTheProgram) {
     Process program(App("c3.ini", false), "app.out", "app.err");
     ASSERT_TRUE(IsUp(program)) << dir.Read("app.out") << dir.Read("app.err");
     EXPECT_EQ(StatusOf({"c3.ini"}), 1);
-    EXPECT_THAT(Errors(), HasSubstr("vexo: channel 3 of card 0 is taken; the card's library says: "));
+    EXPECT_THAT(Errors(), HasSubstr("vexo: card 0 channel 3 is taken; the card's library says: "));
     EXPECT_THAT(Errors(), HasSubstr("is held by process " + std::to_string(program.Id()) + " (vexo_run_app, user "));
     EXPECT_THAT(Errors(), HasSubstr("\nA program gets a page when it is started by: vexo tap --stats-only"));
     EXPECT_EQ(StatusOf({"c4.ini", "--seconds", "0.2"}), 0) << "another channel is free: " << Errors();

@@ -30,11 +30,10 @@ using vexo::stat::Page;
 namespace {
 
 Page PageOf(const stats_page::Written& written, std::uint64_t readClock) {
+    const test_support::TempDir dir;
     Page page;
-    page.file = "1.tap.page";
+    EXPECT_EQ(vexo::stat::readPage(dir.Write(written.name(), written.bytes()), page), "");
     page.life = vexo::stat::Life::kRunning;
-    page.process = written.process;
-    page.streams = written.streams;
     page.readClock = readClock;
     return page;
 }
@@ -129,14 +128,21 @@ TEST(WatchView, ShowsWhatTheNumbersOfVexoStatShow) {
     EXPECT_THAT(stat, HasSubstr("1,905, 2,140,000 bytes: type 2 5, type 17 1,810, type 18 90\n"));
     EXPECT_THAT(text, HasSubstr("1,905"));
     // The histogram: each bucket's bound and count.
-    EXPECT_THAT(text, HasSubstr("512 ns       0          1890 ########\n"));
+    EXPECT_THAT(text, HasSubstr("512 ns       0            1890 ########\n"));
+    EXPECT_THAT(text, HasSubstr("1.05 ms   1904 ########      5 #\n"));
+}
+
+TEST(WatchView, PutsBucketsTogetherInALowWindow) {
+    const std::string text = Shown(frame(Rated(), 80, 23));
+    EXPECT_THAT(text, HasSubstr("1.02 us      0            1890 ########\n"));
+    EXPECT_THAT(text, HasSubstr("4.1 us       0              10 #\n"));
     EXPECT_THAT(text, HasSubstr("1.05 ms   1904 ########      5 #\n"));
 }
 
 TEST(WatchView, FitsAnyWindow) {
     const Scene scenes[] = {Hostile(), Rated(), Scene()};
     for (const Scene& scene : scenes) {
-        for (std::size_t columns = 1; columns <= 220; ++columns) {
+        for (std::size_t columns = 1; columns <= 220; columns += columns < 90 ? 1 : 10) {
             for (const std::size_t rows : {1U, 2U, 5U, 10U, 23U, 24U, 50U, 200U}) {
                 const std::vector<Line> lines = frame(scene, columns, rows);
                 ASSERT_LE(lines.size(), rows) << columns;

@@ -165,28 +165,28 @@ std::string boundOfBucket(const stat::Page& page, std::size_t bucket) {
     return stat::duration(2 * begin);
 }
 
-// A histogram with its first buckets put together, so that it has no more than so many rows.
+// The rows of a histogram: as many buckets in each as it takes to have no more than so many rows.
 struct Rows {
     std::size_t first = 0;
-    std::size_t last = 0;
+    std::size_t buckets = 1;  // of a row
+    std::size_t count = 0;
 
-    std::uint64_t count(const std::uint64_t (&buckets)[kBuckets], std::size_t used, std::size_t row) const {
-        if (row >= used) return 0;
-        std::uint64_t sum = buckets[row];
-        if (row == first)
-            for (std::size_t b = 0; b < first; ++b) sum += buckets[b];
+    std::size_t lastBucket(std::size_t row) const {
+        return std::min(first + (row + 1) * buckets, std::size_t{kBuckets}) - 1;
+    }
+    std::uint64_t sum(const std::uint64_t (&numbers)[kBuckets], std::size_t used, std::size_t row) const {
+        std::uint64_t sum = 0;
+        for (std::size_t b = first + row * buckets; b <= lastBucket(row) && b < used; ++b) sum += numbers[b];
         return sum;
     }
-    std::uint64_t most(const std::uint64_t (&buckets)[kBuckets], std::size_t used) const {
+    std::uint64_t most(const std::uint64_t (&numbers)[kBuckets], std::size_t used) const {
         std::uint64_t most = 0;
-        for (std::size_t row = first; row <= last; ++row) most = std::max(most, count(buckets, used, row));
+        for (std::size_t row = 0; row < count; ++row) most = std::max(most, sum(numbers, used, row));
         return most;
     }
 };
 
-Block times(const Scene& scene, std::size_t width, std::size_t mostRows) {
-    constexpr std::size_t kNumbers = 8 + 2 * 6 + 3;
-    const Totals& now = scene.now;
+Rows rowsOf(const Totals& now, std::size_t mostRows) {
     const auto isUsed = [&](std::size_t b) {
         return (b < stat::kGapBuckets && now.gaps[b] != 0) || now.callbacks[b] != 0;
     };
@@ -194,21 +194,28 @@ Block times(const Scene& scene, std::size_t width, std::size_t mostRows) {
     std::size_t high = kBuckets;
     while (low < kBuckets && !isUsed(low)) ++low;
     while (high > low && !isUsed(high - 1)) --high;
-    if (low == kBuckets || mostRows == 0) return {};
-    const Rows rows = {high - std::min(high - low, mostRows), high - 1};
+    if (mostRows == 0 || low == high) return {};
+    const std::size_t buckets = (high - low + mostRows - 1) / mostRows;
+    return {low, buckets, (high - low + buckets - 1) / buckets};
+}
 
+Block times(const Scene& scene, std::size_t width, std::size_t mostRows) {
+    constexpr std::size_t kNumbers = 8 + 2 * 6 + 3;
+    const Totals& now = scene.now;
+    const Rows rows = rowsOf(now, mostRows);
+    if (rows.count == 0) return {};
     const std::size_t barWidth = (width - kNumbers) / 2;
     const auto pad = static_cast<int>(barWidth);
     Block lines = {title(format("%-8s%6s %-*s %6s", "below", "apart", pad, "", "callback"))};
     const std::uint64_t mostGaps = rows.most(now.gaps, stat::kGapBuckets);
     const std::uint64_t mostCallbacks = rows.most(now.callbacks, kBuckets);
-    for (std::size_t row = rows.first; row <= rows.last; ++row) {
-        const std::uint64_t gaps = rows.count(now.gaps, stat::kGapBuckets, row);
-        const std::uint64_t callbacks = rows.count(now.callbacks, kBuckets, row);
+    for (std::size_t row = 0; row < rows.count; ++row) {
+        const std::uint64_t gaps = rows.sum(now.gaps, stat::kGapBuckets, row);
+        const std::uint64_t callbacks = rows.sum(now.callbacks, kBuckets, row);
         // In a colour where packets have come since the look before.
-        const bool hasGaps = rows.count(scene.more.gaps, stat::kGapBuckets, row) != 0;
-        const bool hasCallbacks = rows.count(scene.more.callbacks, kBuckets, row) != 0;
-        Line line(format("%-8s", boundOfBucket(*scene.page, row).c_str()));
+        const bool hasGaps = rows.sum(scene.more.gaps, stat::kGapBuckets, row) != 0;
+        const bool hasCallbacks = rows.sum(scene.more.callbacks, kBuckets, row) != 0;
+        Line line(format("%-8s", boundOfBucket(*scene.page, rows.lastBucket(row)).c_str()));
         line.add(format("%6s ", shortNumber(static_cast<double>(gaps)).c_str()));
         line.add(format("%-*s ", pad, bar(gaps, mostGaps, barWidth).c_str()), hasGaps ? cli::kCyan : cli::kFaint);
         line.add(format("%6s ", shortNumber(static_cast<double>(callbacks)).c_str()));

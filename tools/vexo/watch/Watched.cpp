@@ -63,7 +63,7 @@ LogTail logOf(const Page& page, const stat::OpenPage& file) {
 }
 
 std::string nameOf(const check::Device& device) {
-    return "channel " + std::to_string(device.channel) + " of card " + std::to_string(device.card);
+    return "card " + std::to_string(device.card) + " channel " + std::to_string(device.channel);
 }
 
 }  // namespace
@@ -106,8 +106,8 @@ Watched Watched::channel(const std::string& config, const std::string& directory
         watched.openPage(*page);
         return watched;
     }
-    watched.m_source = nameOf(facts.device) + ", received with " + harmless(facts.file) +
-                       (card.isSimulated ? ", a SIMULATED card" : "");
+    watched.m_source = (card.isSimulated ? "SIMULATED card: " : "") + nameOf(facts.device) + ", received with " +
+                       harmless(facts.file);
     watched.m_receiver = std::make_unique<Receiver>(facts, signals);
     watched.m_log = LogTail(::open(watched.m_receiver->directory().c_str(), kDirectory), ::geteuid());
     return watched;
@@ -146,7 +146,7 @@ Look Watched::look(Scene& scene) {
         Page page;
         const std::string fault = m_page->read(page);
         if (!fault.empty()) throw Failure(kFinding, "the statistics page: " + fault);
-        m_hasEnded = page.life != Life::kRunning;
+        m_hasEnded = page.life == Life::kEnded || page.life == Life::kDied;
         look.totals = totalsOf(page);
         look.page = std::move(page);
     }
@@ -160,6 +160,6 @@ void Watched::end() {
     if (m_receiver) m_receiver->end();
 }
 
-std::string Watched::fault() const { return m_receiver && !m_wasEnded ? m_receiver->whyEnded() : ""; }
+std::string Watched::fault() const { return m_receiver ? m_receiver->whyEnded() : ""; }
 
 }  // namespace vexo::watch

@@ -31,7 +31,7 @@ public:
     bool hasEnded() const { return m_hasEnded; }
     /// Ends a receiver of our own. A last look then shows all that it has received.
     void end();
-    /// Why a receiver ended by itself; empty for all other ends.
+    /// Why a receiver of our own has ended; empty while it runs, and after an orderly end.
     std::string fault() const;
 
     const std::string& source() const { return m_source; }
