@@ -222,11 +222,11 @@ Block times(const Scene& scene, std::size_t width, std::size_t mostRows) {
         line.add(bar(callbacks, mostCallbacks, barWidth), hasCallbacks ? cli::kCyan : cli::kFaint);
         lines.push_back(line);
     }
-    if (scene.isRated() && scene.more.allPackets != 0) {
-        const std::string gap = stat::duration(stat::boundOf(scene.more.gaps, stat::kGapBuckets, 0.99, *scene.page));
-        const std::string call = stat::duration(stat::boundOf(scene.more.callbacks, kBuckets, 0.99, *scene.page));
-        lines.emplace_back(format("%-9s%-*s%s", "99% now", pad + 7, gap.c_str(), call.c_str()));
-    }
+    const double gap = stat::boundOf(scene.more.gaps, stat::kGapBuckets, 0.99, *scene.page);
+    const double callback = stat::boundOf(scene.more.callbacks, kBuckets, 0.99, *scene.page);
+    const auto text = [](double bound) { return bound > 0 ? stat::duration(bound) : "-"; };
+    if (gap > 0 || callback > 0)
+        lines.emplace_back(format("%-9s%-*s%s", "99% now", pad + 7, text(gap).c_str(), text(callback).c_str()));
     return lines;
 }
 

@@ -70,10 +70,8 @@ std::string numberLine(const Scene& scene) {
     std::string text = timeOfDay();
     if (!scene.page) return text + "starting\n";
     text += rateText(scene) + grouped(scene.now.allPackets) + " packets; lost: " + data::lossLine(scene.now.losses);
-    if (scene.isRated() && scene.more.allPackets != 0) {
-        text += "; 99 % of callbacks below " +
-                stat::duration(stat::boundOf(scene.more.callbacks, kBuckets, 0.99, *scene.page));
-    }
+    const double callback = stat::boundOf(scene.more.callbacks, kBuckets, 0.99, *scene.page);
+    if (callback > 0) text += "; 99 % of callbacks below " + stat::duration(callback);
     return text + busyText(scene) + "\n";
 }
 
