@@ -23,6 +23,7 @@ PROGRAMS = ("vexo", "vexo-simcard", "vexo-cardtest", "quote_printer")
 STATUSES = {"0", "1", "2", "3", "4", "126", "127", "else"}
 
 QUOTES = ["quote_printer", "demo.ini", "--seconds", "1"]
+COUNTED = "PID"  # stands for the process whose page was kept
 # The command line that shows a result, its exit status, and where --json writes one object a line: on standard output,
 # or those lines of standard error that begin as given. In the examples' directory there are a configuration with a
 # mistake, a day log, a day file with a mistake and a list of instruments.
@@ -34,6 +35,7 @@ EXAMPLES = {
     "vexo report": (["--list", "demo.ini"], 0, None),
     "vexo run": (["demo.ini", "--", *QUOTES], 0, ""),
     "vexo stat": (["--dir", "pages"], 0, ""),
+    "vexo watch": (["--dir", "pages", "--pid", COUNTED], 0, ""),
     "vexo tap": (["--output", "a.pcapng", "--", *QUOTES], 0, '{"tap":'),
     "vexo-simcard": (["--status"], 0, None),
     "vexo-cardtest": (["--only", "filter-create", "core-root"], 0, None),
@@ -67,6 +69,7 @@ class Place:
                              "VEXO_SIM_CARD": "embedded"}
         counted = self.run(["vexo", "tap", "--stats-only", "--keep-page", "--", *QUOTES], VEXO_STATS_DIR="pages")
         expect(counted.returncode == 0, "vexo tap --stats-only ended with", counted.returncode, counted.stderr)
+        self.counted = next((page.name.split(".")[0] for page in work.glob("pages/*.tap.page")), "0")
 
     def run(self, words, **environment):
         return subprocess.run([str(programs / words[0]), *words[1:]], cwd=self.work, text=True, check=False,
@@ -203,6 +206,7 @@ def check_command(place, path, text, page):
         problems.append(f"{name} has --json or --color: give tests/scripts/manner.py a command line that shows a result")
         return
     words, status, lines = EXAMPLES[name]
+    words = [place.counted if word == COUNTED else word for word in words]
     if has["--json"]:
         check_json(place, name, [*path, *words], status, lines)
     if has["--color"]:

@@ -39,17 +39,6 @@ struct Options {
 
 // ---- lines ----
 
-const char* colorOf(std::uint8_t level) {
-    switch (level) {
-        case 0:
-        case 1: return cli::kBoldRed;
-        case 2: return cli::kYellow;
-        case 3: return cli::kCyan;
-        case 4: return "";
-        default: return cli::kFaint;
-    }
-}
-
 // Shows lines; at first only the last ones, if so many are asked for.
 class View {
 public:
@@ -87,7 +76,7 @@ private:
         }
         std::string text = harmless(line.text);
         const std::size_t tag = parseLogLine(line.text).tag.size();
-        const char* const color = m_color && tag > 0 ? colorOf(parseLogLine(line.text).level) : "";
+        const char* const color = m_color && tag > 0 ? terminal::colorOfLevel(parseLogLine(line.text).level) : "";
         if (*color != '\0') text = cli::painted(text.substr(0, tag), color, true) + text.substr(tag);
         if (m_named) text.insert(0, harmless(name) + ": ");
         std::puts(text.c_str());

@@ -104,7 +104,8 @@ TEST_F(StatCommand, ShowsWhatAPageSays) {
          {"counted by the tap, running for ", "  card 0 channel 3\n", "1,005, 140,000 bytes: type 2 5, type 17 1,000\n",
           "1,001,012: 1,000,000 idle, 7 failed\n", "half below 512 ns, 99 % below 512 ns, all below 1.05 ms\n",
           "4 gaps of 50 packets, 2 again or late, 0 restarts\n",
-          "before the card 20, by the card 18, by the ring 20, by the application 10\n"}) {
+          "before the card 20, by the card 18, by the ring 20, by the tap -, by a relay -, "
+          "by the application 10\n"}) {
         EXPECT_THAT(result.output, HasSubstr(text));
     }
 }
@@ -116,11 +117,16 @@ TEST_F(StatCommand, TheTableOfLossesHasALineForEachStream) {
     write(page);
     const std::string process = "quotes " + std::to_string(::getpid());
     const std::string pad(process.size() - 7, ' ');
-    EXPECT_EQ(
-        stat("--loss").output,
-        "program" + pad + "  card  channel  packets  before the card  by the card  by the ring  by the application\n" +
-            process + "     0        3     1005               20           18           20                  10\n" +
-            process + "     0        4        0                -            -            -                   -\n");
+    const std::string head =
+        "  card  channel  packets  before the card  by the card  by the ring  by the tap  by a relay  "
+        "by the application\n";
+    EXPECT_EQ(stat("--loss").output,
+              "program" + pad + head + process +
+                  "     0        3     1005               20           18           20           -           -  "
+                  "                10\n" +
+                  process +
+                  "     0        4        0                -            -            -           -           -  "
+                  "                 -\n");
 }
 
 TEST_F(StatCommand, ATableWithoutALineSaysWhy) {
