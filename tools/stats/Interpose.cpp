@@ -47,13 +47,15 @@ std::uint32_t word(const std::uint8_t* data, std::size_t at = 0) {
     return value;
 }
 
+constexpr std::size_t kCountsAt = vexo_stats::kBlockBytes;  // of Source::counts, the second half of a source
+
 // One more packet in its slot, and its bytes. Left to itself, the compiler first works out where the slot is.
 void countPacket(Source& source, std::uint64_t slot, std::uint64_t size) {
     __asm__ volatile("incq %c[packets](%[source], %[slot], 8)\n\taddq %[size], %c[bytes](%[source], %[slot], 8)"
                      :
-                     : [packets] "i"(offsetof(Source, counts) + offsetof(vexo_stats::Stream, packets)),
-                       [bytes] "i"(offsetof(Source, counts) + offsetof(vexo_stats::Stream, bytes)),
-                       [source] "r"(&source), [slot] "r"(slot), [size] "r"(size)
+                     : [packets] "i"(kCountsAt + offsetof(vexo_stats::Stream, packets)),
+                       [bytes] "i"(kCountsAt + offsetof(vexo_stats::Stream, bytes)), [source] "r"(&source),
+                       [slot] "r"(slot), [size] "r"(size)
                      : "cc", "memory");
 }
 
