@@ -52,6 +52,13 @@ public:
         if (!more.empty()) more += ")";
         return wrapped(option->get_description() + more, kHelpWidth - get_column_width());
     }
+    // The commas of "N,..." say already that there may be several.
+    std::string make_option_opts(const CLI::Option* option) const override {
+        std::string text = CLI::Formatter::make_option_opts(option);
+        const std::string twice = ",... ...";
+        const std::size_t at = text.find(twice);
+        return at == std::string::npos ? text : text.erase(at + twice.size() - 4, 4);
+    }
     std::string make_footer(const CLI::App* app) const override {
         return app->get_footer().empty() ? "" : wrapped(app->get_footer(), kHelpWidth) + "\n";
     }

@@ -95,10 +95,19 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"stat --pid abc", "vexo: --pid: abc is not a whole number from 1 to 4194304\n"},
         {"stat --dir none", "vexo: --dir: there is no directory none\n"},
         {"stat --prometheus none/a.prom", "vexo: none/a.prom: there is no directory none\n"},
-        {"tap --keep-page -- true", "--keep-page requires --stats-only"},
         {"tap --stats-only --registers -- true", "--registers excludes --stats-only"},
         {"tap --stats-only --ring-lasts 0 -- true", "vexo: --ring-lasts: 0 is not a whole number from 1 to "},
         {"tap --rotate 0 -- true", "vexo: --rotate: 0 is not a whole number from 1 to 1048576\n"},
+        {"tap --keep 5 -- true", "vexo: --keep keeps the newest files, so there must be several: add --rotate or "},
+        {"tap --keep 1 --rotate 1 -- true", "vexo: --keep: 1 is not a whole number from 2 to 100000\n"},
+        {"tap --keep-space 1 -- true", "--keep-space requires --keep"},
+        {"tap --duration 1w -- true", "--duration: 1w is no time; write seconds, or a number with s, m, h or d"},
+        {"tap --duration -1 -- true", "--duration: -1 is no time"},
+        {"tap --duration 0 -- true", "--duration: 0 is not between a second and 3660 days"},
+        {"tap --rotate-every 99999999999999999999 -- true", "--rotate-every: 99999999999999999999 is no time"},
+        {"tap --rotate-every 9999999999999999d -- true", "--rotate-every: 9999999999999999d is no time"},
+        {"tap --rotate-every 4000d -- true", "--rotate-every: 4000d is not between a second and 3660 days"},
+        {"tap --stats-only --duration 1h -- true", "--stats-only excludes --duration"},
         {"tap --output none/a.pcapng -- true", "vexo: --output none/a.pcapng: there is no directory "},
         {"tap --output . -- true", "vexo: --output .: this is a directory, not a file"},
     };
@@ -160,6 +169,14 @@ TEST_F(Command, TapWithStatsOnlyLoadsTheCounterAndNoRecorder) {
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.output, HasSubstr("libvexo-stats.so"));
     EXPECT_THAT(result.output, EndsWith(" 7 1\n"));
+}
+
+TEST_F(Command, TapTellsTheRecorderItsLimits) {
+    const ProgramResult result = vexo(
+        "tap --rotate 100 --rotate-every 2h --keep 50 --keep-space 1000 --duration 365d -- sh -c 'echo $VEXO_TAP_ROTATE_MB "
+        "$VEXO_TAP_ROTATE_SECONDS $VEXO_TAP_KEEP $VEXO_TAP_KEEP_SPACE_MB $VEXO_TAP_DURATION_SECONDS'");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, EndsWith("100 7200 50 1000 31536000\n"));
 }
 
 TEST_F(Command, SimRunPutsTheSimulatedCardBeforeEverythingElse) {
