@@ -71,7 +71,7 @@ void showJson(std::FILE* out, const Settings& settings, const Result& result) {
                                          {"contracts", result.contracts},
                                          {"connection_lost", result.timesLost},
                                          {"confirmed", result.isFlushed}};
-    std::fprintf(out, "%s\n", json.dump().c_str());
+    std::fprintf(out, "%s\n", json.dump(2).c_str());
 }
 
 int relayIt(const Settings& settings) {
