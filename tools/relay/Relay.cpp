@@ -44,12 +44,6 @@ std::string userName() {
     return user != nullptr ? user->pw_name : std::to_string(::geteuid());
 }
 
-std::string joined(const std::vector<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words) text += (text.empty() ? "" : ",") + word;
-    return text;
-}
-
 remote::ConnectionSettings withName(remote::ConnectionSettings settings, const remote::Place& place) {
     settings.name = "vexo relay " + subjectOf(place);
     settings.sendsAtOnce = true;  // the batcher has put together what goes in one write
