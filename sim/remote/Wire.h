@@ -19,7 +19,7 @@ inline constexpr char kMagic[4] = {'V', 'X', 'R', 'M'};
 inline constexpr std::uint32_t kMaxPacketBytes = 65536;  // the largest MTU of a card
 
 inline constexpr std::uint32_t kHeartbeat = 1;  // no packets: the counts, while the channel is quiet
-inline constexpr std::uint32_t kSelection = 2;  // packets of one contract: their numbers are not consecutive
+inline constexpr std::uint32_t kSelection = 2;  // packets of one type and contract: their numbers count these alone
 inline constexpr std::uint32_t kSimulated = 4;  // the relay's own card is a simulated one
 
 /// Counts of the relay's stream since its epoch began.

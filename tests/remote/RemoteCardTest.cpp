@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -284,10 +286,10 @@ TEST_F(RemoteCard, WithoutAServerThereIsNoCardAndALineSaysWhy) {
 }
 
 TEST_F(RemoteCard, AServerThatDoesNotAnswerIsGivenUp) {
-    Server().Freeze();
+    Server().Server().Signal(SIGSTOP);
     const auto user = User();
     EXPECT_EQ(user->Ask("card 0"), "failed ENODEV");
-    Server().Thaw();
+    Server().Server().Signal(SIGCONT);
     EXPECT_THAT(user->Errors(), HasSubstr("libenyx-hw-c: cannot connect to "));
 }
 

@@ -1,124 +1,77 @@
 #include "tests/support/NatsServer.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <regex>
 #include <stdexcept>
-#include <system_error>
-#include <thread>
+#include <vector>
 
 namespace test_support {
 namespace {
 
 namespace fs = std::filesystem;
 
-// Debian puts it where the PATH of an ordinary user does not look.
+// Debian has it in /usr/sbin, which the path of an ordinary user lacks.
 std::string Program() {
-    std::istringstream folders(std::string(std::getenv("PATH") != nullptr ? std::getenv("PATH") : "") +
-                               ":/usr/sbin:/usr/local/bin");
-    for (std::string folder; std::getline(folders, folder, ':');) {
-        const std::string program = folder + "/nats-server";
-        if (!folder.empty() && ::access(program.c_str(), X_OK) == 0) return program;
-    }
+    for (const char* path : {"/usr/sbin/nats-server", "/usr/bin/nats-server", "/usr/local/bin/nats-server"})
+        if (::access(path, X_OK) == 0) return path;
     return {};
 }
 
-std::string ReadAll(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 std::string NewDirectory() {
-    const char* parent = std::getenv("TMPDIR");
-    std::string path = std::string(parent != nullptr ? parent : "/tmp") + "/vexo-nats-XXXXXX";
-    if (::mkdtemp(path.data()) == nullptr) throw std::system_error(errno, std::generic_category(), path);
+    const char* const parent = std::getenv("TMPDIR");
+    std::string path = std::string(parent != nullptr && *parent != '\0' ? parent : "/tmp") + "/vexo-nats-XXXXXX";
+    if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("no directory for the server: " + path);
     return path;
-}
-
-pid_t Launch(const std::string& program, const std::string& config, const std::string& log) {
-    const char* const arguments[] = {program.c_str(), "-c", config.c_str(), nullptr};
-    const pid_t pid = ::fork();
-    if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
-    if (pid > 0) return pid;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves nothing running
-    const int file = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ::dup2(file, STDOUT_FILENO);
-    ::dup2(file, STDERR_FILENO);
-    ::execv(program.c_str(), const_cast<char* const*>(arguments));
-    ::_exit(127);
 }
 
 }  // namespace
 
-bool NatsServer::IsInstalled() { return !Program().empty(); }
+bool NatsServer::isInstalled() { return !Program().empty(); }
 
-NatsServer::NatsServer(std::string config, int port)
-    : m_directory(NewDirectory()), m_config(std::move(config)), m_port(port) {
-    Start();
-}
+NatsServer::NatsServer(const std::string& more) : m_directory(NewDirectory()), m_more(more) { Start(); }
 
 NatsServer::~NatsServer() {
-    End(SIGKILL);
-    std::error_code ignored;
-    fs::remove_all(m_directory, ignored);
+    m_process.reset();
+    std::error_code error;
+    fs::remove_all(m_directory, error);
 }
 
-std::string NatsServer::Url() const { return "nats://127.0.0.1:" + std::to_string(m_port); }
+std::string NatsServer::Log() const { return hosted::ReadFile(m_directory + "/log"); }
 
-// The server writes a file with its port when it takes connections.
+void NatsServer::Kill() {
+    m_process->Signal(SIGKILL);
+    m_process->Wait();
+}
+
+// The server chooses the port at its first start, so no other test can take it in between.
 void NatsServer::Start() {
     const std::string config = m_directory + "/server.conf";
-    std::ofstream(config) << "listen: \"127.0.0.1:" << (m_port != 0 ? m_port : -1) << "\"\nports_file_dir: \""
-                          << m_directory << "\"\n"
-                          << m_config << "\n";
-    m_pid = Launch(Program(), config, m_directory + "/log");
-    for (;;) {
-        const std::string port = FindPort();
-        if (!port.empty()) {
-            m_port = std::stoi(port);
-            return;
-        }
-        int status = 0;
-        if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-            m_pid = 0;
-            throw std::runtime_error("nats-server ended instead of starting:\n" + Log());
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    hosted::WriteFile(config, "listen: \"127.0.0.1:" + m_port + "\"\nports_file_dir: \"" + m_directory + "\"\n" + m_more +
+                                  "\n");
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_directory))
+        if (entry.path().extension() == ".ports") fs::remove(entry.path());
+    m_process = std::make_unique<hosted::Process>(std::vector<std::string>{Program(), "--config", config},
+                                                  m_directory + "/log", m_directory + "/log");
+    hosted::Eventually([&] { return !m_process->IsRunning() || !readPorts("nats").empty(); });
+    m_port = readPorts("nats");
+    m_clusterPort = readPorts("cluster");
+    if (m_port.empty()) throw std::runtime_error("nats-server ended: " + Log());
+}
+
+// From {"nats": ["nats://127.0.0.1:4222"], "cluster": [...]}; empty until the file is whole.
+std::string NatsServer::readPorts(const std::string& kind) const {
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_directory)) {
+        if (entry.path().extension() != ".ports") continue;
+        const std::string text = hosted::ReadFile(entry.path().string());
+        std::smatch port;
+        const std::regex wanted("\"" + kind + "\"\\s*:\\s*\\[\\s*\"[^\"]*:([0-9]+)\"");
+        if (text.find('}') != std::string::npos && std::regex_search(text, port, wanted)) return port[1];
     }
+    return {};
 }
-
-std::string NatsServer::FindPort() const {
-    const std::string text = ReadAll(m_directory + "/nats-server_" + std::to_string(m_pid) + ".ports");
-    const std::string before = "nats://127.0.0.1:";
-    const std::size_t at = text.find(before);
-    const std::size_t end = text.find('"', at);
-    if (at == std::string::npos || end == std::string::npos) return {};
-    return text.substr(at + before.size(), end - at - before.size());
-}
-
-void NatsServer::End(int signal) {
-    if (m_pid == 0) return;
-    ::kill(m_pid, signal);
-    while (::waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    m_pid = 0;
-}
-
-void NatsServer::Kill() { End(SIGKILL); }
-
-void NatsServer::Freeze() const { ::kill(m_pid, SIGSTOP); }
-
-void NatsServer::Thaw() const { ::kill(m_pid, SIGCONT); }
-
-std::string NatsServer::Log() const { return ReadAll(m_directory + "/log"); }
 
 }  // namespace test_support

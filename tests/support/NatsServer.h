@@ -1,54 +1,50 @@
 #pragma once
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
-#include <vector>
+
+#include "tests/hosted/HostProcess.h"
 
 namespace test_support {
 
-/// A message server of the test's own, on a free port of this machine's loopback, with its files in a directory of its
-/// own. It ends with this object, or with the test.
+/// A message server of the test's own, on a free port of the loopback, with its files in a directory of its own. Both
+/// are gone at the end.
 class NatsServer {
 public:
-    /// Whether nats-server is installed. A test without it skips itself.
-    static bool IsInstalled();
+    /// Whether nats-server is on this machine. A test without it skips.
+    static bool isInstalled();
 
-    /// Starts a server and waits until it takes connections. Throws std::runtime_error when it ends instead.
-    /// @param config  lines for the server's configuration file
-    /// @param port    0 = a free one
-    explicit NatsServer(std::string config = {}, int port = 0);
+    /// @param more  lines for the server's configuration
+    explicit NatsServer(const std::string& more = {});
     ~NatsServer();
     NatsServer(const NatsServer&) = delete;
     NatsServer& operator=(const NatsServer&) = delete;
 
-    /// "nats://127.0.0.1:PORT"
-    std::string Url() const;
-    int Port() const { return m_port; }
-    pid_t Id() const { return m_pid; }
-
-    /// Ends it at once, without a word to its clients.
-    void Kill();
-    /// Starts it again at the same port.
-    void Start();
-    /// Stops the process, and lets it go on.
-    void Freeze() const;
-    void Thaw() const;
-    /// What it has written.
+    /// nats://127.0.0.1:PORT
+    std::string Url() const { return "nats://127.0.0.1:" + m_port; }
+    /// Of the port that other servers of a cluster connect to; needs "cluster { listen: 127.0.0.1:-1 }".
+    std::string ClusterUrl() const { return "nats://127.0.0.1:" + m_clusterPort; }
+    /// What the server has written so far.
     std::string Log() const;
 
+    /// Ends the server at once, as a crash does.
+    void Kill();
+    /// Starts it again, on the same port.
+    void Start();
+    const hosted::Process& Server() const { return *m_process; }
+
 private:
-    std::string FindPort() const;
-    void End(int signal);
+    std::string readPorts(const std::string& kind) const;
 
     std::string m_directory;
-    std::string m_config;
-    int m_port = 0;
-    pid_t m_pid = 0;
+    std::string m_more;
+    std::string m_port = "-1";  // any
+    std::string m_clusterPort;
+    std::unique_ptr<hosted::Process> m_process;
 };
 
-}  // namespace test_support
-
-/// Ends the test as skipped where there is no server to start.
+/// Ends the test as skipped where there is no server.
 #define SKIP_WITHOUT_NATS_SERVER() \
-    if (!test_support::NatsServer::IsInstalled()) GTEST_SKIP() << "nats-server is not installed"
+    if (!test_support::NatsServer::isInstalled()) GTEST_SKIP() << "skipped: nats-server is not installed"
+
+}  // namespace test_support

@@ -16,6 +16,9 @@ std::filesystem::path statsLibrary();
 /// The library that `vexo run` loads into a program, to see it poll.
 std::filesystem::path pollsLibrary();
 
+/// The library that is `vexo relay`.
+std::filesystem::path relayLibrary();
+
 /// The library that `vexo sim run` loads into a program.
 std::filesystem::path dayFileLibrary();
 

@@ -34,7 +34,7 @@ TEST_F(Command, TellsItsVersion) { EXPECT_EQ(vexo("--version").output, "vexo " V
 TEST_F(Command, ExplainsEverySubcommand) {
     EXPECT_EQ(vexo("--help").status, 0);
     EXPECT_THAT(vexo("--help").output, AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "),
-                                             HasSubstr("\n  plan "), HasSubstr("\n  report "), HasSubstr("\n  run "),
+                                             HasSubstr("\n  plan "), HasSubstr("\n  relay "), HasSubstr("\n  report "), HasSubstr("\n  run "),
                                              HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
     EXPECT_THAT(vexo("sim --help").output, HasSubstr("\n  run "));
     EXPECT_THAT(vexo("sim run --help").output, HasSubstr("vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]"));
@@ -74,6 +74,14 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"index a b", "vexo: unexpected argument: b\nSee vexo index --help"},
         {"index a --compare b --list",
          "vexo: --list shows no comparison; leave out --list or --compare, or add --json"},
+        {"relay --channel 3", "--to is required"},
+        {"relay --channel 16 --to nats://h", "--channel: Value 16 not in range"},
+        {"relay --to nats://h", "vexo: no channel: give --channel N, or a configuration\n"},
+        {"relay --channel 0 --to nats://h", "vexo: channel 0 is the master's, which programs the card"},
+        {"relay --channel 3 --to http://h", "vexo: --to: \"http://h\" is not nats://HOST:PORT or tls://HOST:PORT\n"},
+        {"relay --channel 3 --to nats://me:secret@h", "vexo: --to: a server's address must not carry a user"},
+        {"relay --channel 3 --to nats://h --site a.b", "vexo: --site a.b: use 1 to 32 letters, digits, _ and -\n"},
+        {"relay none.ini --to nats://h", "vexo: none.ini: No such file or directory\n"},
         {"stat --json --loss", "--loss excludes --json"},
         {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
         {"stat --listen 70000", "--listen"},
