@@ -21,6 +21,7 @@ targets=(
     "capture 1000000 2048"
     "ini 1000000 2048"
     "packet 10000000 1024"
+    "remote 1000000 2048"
     "block 50000 600"
 )
 seconds=$((${minutes:-0} * 60 / (${#targets[@]} + 1)))

@@ -14,6 +14,7 @@ import pathlib
 import re
 import shlex
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
@@ -48,11 +49,15 @@ UNTIL_STOPPED = [
     (r"^vexo-simcard(?! --(status|json|help|version))", "vexo-simcard --json >/dev/null 2>&1"),
     (r"^vexo sim run (--shared-day-file )?-- \./app", RECEIVES),
     (r"^vexo sim run --hosted -- \.\.?/app", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
+    (r"^nats-server ", "(: </dev/tcp/127.0.0.1/4222) 2>/dev/null"),
+    (r" vexo relay ", "grep -q '^vexo relay: ' \"$log\""),
 ]
 # What goes on while others are typed, in other terminals: a hosted card and its users. A program with a card of its own
 # is ended as soon as it works, as Ctrl-C ends it for a reader.
-GOES_ON = r"^vexo-simcard| --hosted "
-BESIDE = r" --hosted "
+GOES_ON = r"^nats-server |^vexo-simcard| --hosted "
+BESIDE = r"^nats-server | --hosted "
+# The port that a page shows for a message server. Another server may have it, so the test takes a free one.
+PORT_ON_PAGES = "4222"
 
 PRELUDE = """\
 set -euo pipefail
@@ -165,6 +170,12 @@ def script(page, text, skipped):
     return typed, "".join(out)
 
 
+def free_port():
+    with socket.socket() as one:
+        one.bind(("127.0.0.1", 0))
+        return one.getsockname()[1]
+
+
 def sandbox(work, sources, build):
     top = work / "project"
     top.mkdir()
@@ -191,6 +202,8 @@ def main():
     if arguments.count:
         print(typed)
         return 0
+    if "nats-server " in text:
+        text = text.replace(PORT_ON_PAGES, str(free_port()))
     stale = [command for (page, command), used in skipped.items() if page == arguments.page and not used]
     if stale:
         sys.exit(f"not_run.txt has lines that are not on {arguments.page}: {stale}")
