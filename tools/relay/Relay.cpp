@@ -45,6 +45,7 @@ std::string userName() {
 }
 
 remote::ConnectionSettings withName(remote::ConnectionSettings settings, const remote::Place& place) {
+    settings.readEnvironment();
     settings.name = "vexo relay " + subjectOf(place);
     settings.sendsAtOnce = true;  // the batcher has put together what goes in one write
     return settings;
@@ -84,9 +85,7 @@ void Servers::tell(remote::ConnectionEvent event, const std::string& server) {
 // ---- the relay ----
 
 Relay::Relay(const Settings& settings)
-    : m_settings(settings),
-      m_servers(withName(settings.connection, settings.place)),
-      m_queue(settings.queueBytes) {
+    : m_settings(settings), m_servers(withName(settings.connection, settings.place)), m_queue(settings.queueBytes) {
     CPU_ZERO(&m_cpus);
     ::sched_getaffinity(0, sizeof m_cpus, &m_cpus);
     if (!m_queue.isUsable())
@@ -98,7 +97,9 @@ Relay::Relay(const Settings& settings)
     makeBatcher();
     m_hello = m_servers.connection().subscribe(helloSubject(settings.place),
                                                [this](const remote::MessageIn& request) { answerHello(request); });
-    if (!m_hello) throw Failure(Failure::kFinding, "the server does not let this user subscribe to " + helloSubject(settings.place));
+    if (!m_hello)
+        throw Failure(Failure::kFinding,
+                      "the server does not let this user subscribe to " + helloSubject(settings.place));
 }
 
 Relay::~Relay() {
@@ -114,8 +115,8 @@ void Relay::refuseSecond() {
         other = wire::decodeHello(data, size);
         return true;
     };
-    if (m_servers.connection().ask({helloSubject(m_settings.place)}, request.data(), request.size(), kAskOthers, take) !=
-        remote::Connection::Answer::kTaken)
+    if (m_servers.connection().ask({helloSubject(m_settings.place)}, request.data(), request.size(), kAskOthers,
+                                   take) != remote::Connection::Answer::kTaken)
         return;
     const bool isKnown = other.message.problem == wire::Problem::kNone;
     throw Failure(Failure::kFinding, subjectOf(m_settings.place) + " is taken: " +

@@ -7,17 +7,18 @@
 #include "tools/vexo/Command.h"
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/Places.h"
+#include "tools/vexo/ServerOptions.h"
 #include "tools/vexo/check/ConfigCheck.h"
 
 namespace vexo {
 namespace {
 
 constexpr double kDay = 86400;
-constexpr std::uint32_t kMaxBus = 9;
+constexpr std::uint32_t kLastBus = 4;
 
 struct Options {
     relay::Settings settings;
-    std::string to;
+    ServerOptions servers;
     std::uint64_t batchTimeUs = 100;
     std::uint64_t queueMb = 64;
     CLI::Option* channel = nullptr;
@@ -43,13 +44,24 @@ void takePlaceFromConfig(const Options& options, vexo_sim::remote::Place& place)
     place.bus = facts.device.card;
 }
 
-relay::Settings settingsOf(const Options& options) {
-    relay::Settings settings = options.settings;
+// Empty fields may be filled from the environment.
+vexo_sim::remote::ConnectionSettings connectionOf(const ServerOptions& options) {
+    vexo_sim::remote::ConnectionSettings connection;
     std::string error;
-    settings.connection.servers = vexo_sim::remote::serversOf(options.to, error);
-    if (settings.connection.servers.empty()) throw Failure(kUsage, "--to: " + error);
-    if (!vexo_sim::remote::isSite(settings.place.site))
-        throw Failure(kUsage, "--site " + settings.place.site + ": use 1 to 32 letters, digits, _ and -");
+    connection.servers = vexo_sim::remote::serversOf(options.servers, error);
+    connection.credsFile = options.creds;
+    connection.userFile = options.userFile;
+    connection.tlsCaFile = options.tlsCa;
+    connection.tlsCertFile = options.tlsCert;
+    connection.tlsKeyFile = options.tlsKey;
+    return connection;
+}
+
+relay::Settings settingsOf(Options& options) {
+    checkServerOptions(options.servers);
+    relay::Settings settings = options.settings;
+    settings.connection = connectionOf(options.servers);
+    settings.place.site = options.servers.site;
     if (!settings.config.empty()) {
         takePlaceFromConfig(options, settings.place);
     } else if (options.channel->count() == 0) {
@@ -67,15 +79,12 @@ relay::Run* load() {
     const std::filesystem::path path = relayLibrary();
     void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
-        throw Failure(kNoCard, std::string(::dlerror()) +
-                                   "\nThe card's library may be missing. For the simulated card: vexo sim run -- vexo relay");
+        throw Failure(kNoCard,
+                      std::string(::dlerror()) +
+                          "\nThe card's library may be missing. For the simulated card: vexo sim run -- vexo relay");
     void* const run = ::dlsym(library, relay::kRunName);
     if (run == nullptr) throw Failure(kFinding, ::dlerror());
     return reinterpret_cast<relay::Run*>(run);
-}
-
-void addFile(CLI::App& command, const char* name, std::string& value, const char* variable, const std::string& text) {
-    command.add_option(name, value, text + " (or $" + variable + ")")->type_name("FILE");
 }
 
 void addLimits(CLI::App& command, Options& options) {
@@ -84,8 +93,9 @@ void addLimits(CLI::App& command, Options& options) {
         ->type_name("N")
         ->check(CLI::Range(relay::kLeastBatchBytes, relay::kMostBatchBytes))
         ->capture_default_str();
-    command.add_option("--batch-time", options.batchTimeUs,
-                       "Microseconds that a packet waits for company in its message; 0: each packet is a message")
+    command
+        .add_option("--batch-time", options.batchTimeUs,
+                    "Microseconds that a packet waits for company in its message; 0: each packet is a message")
         ->type_name("US")
         ->check(CLI::Range(std::uint64_t{0}, relay::kMostBatchTimeUs))
         ->capture_default_str();
@@ -93,21 +103,12 @@ void addLimits(CLI::App& command, Options& options) {
         ->type_name("MB")
         ->check(CLI::Range(std::uint64_t{1}, relay::kMostQueueMb))
         ->capture_default_str();
-    command.add_option("--poll-rest", settings.pollRestUs,
-                       "Microseconds that the polling thread sleeps when there is no packet; 0: it never sleeps")
+    command
+        .add_option("--poll-rest", settings.pollRestUs,
+                    "Microseconds that the polling thread sleeps when there is no packet; 0: it never sleeps")
         ->type_name("US")
         ->check(CLI::Range(std::uint64_t{0}, relay::kMostBatchTimeUs))
         ->capture_default_str();
-}
-
-void addFiles(CLI::App& command, vexo_sim::remote::ConnectionSettings& connection) {
-    addFile(command, "--creds", connection.credsFile, "VEXO_NATS_CREDS", "Credentials file of the user");
-    addFile(command, "--user-file", connection.userFile, "VEXO_NATS_USER_FILE",
-            "File with a line of the user and a line of the password, or with a token alone");
-    addFile(command, "--tls-ca", connection.tlsCaFile, "VEXO_NATS_TLS_CA",
-            "PEM file of the authority that signed the servers' certificates");
-    addFile(command, "--tls-cert", connection.tlsCertFile, "VEXO_NATS_TLS_CERT", "PEM file of the relay's certificate");
-    addFile(command, "--tls-key", connection.tlsKeyFile, "VEXO_NATS_TLS_KEY", "PEM file of the certificate's key");
 }
 
 }  // namespace
@@ -115,7 +116,8 @@ void addFiles(CLI::App& command, vexo_sim::remote::ConnectionSettings& connectio
 void addRelay(CLI::App& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     relay::Settings& settings = options->settings;
-    CLI::App* relay = app.add_subcommand("relay", "Publish what a channel delivers, for remote cards of other machines");
+    CLI::App* relay = app.add_subcommand("relay",
+                                         "Publish what a channel delivers, for remote cards of other machines");
     relay->add_option("CONFIG.ini", settings.config,
                       "Start as an application with this configuration does; the master needs one");
     options->channel = relay->add_option("--channel", settings.place.channel, "Channel to relay")
@@ -123,29 +125,27 @@ void addRelay(CLI::App& app, Invocation& invocation) {
                            ->check(CLI::Range(0U, card_reg::kChannels - 1));
     options->bus = relay->add_option("--bus", settings.place.bus, "Number of the card")
                        ->type_name("N")
-                       ->check(CLI::Range(0U, kMaxBus))
+                       ->check(CLI::Range(0U, kLastBus))
                        ->capture_default_str();
-    relay->add_option("--to", options->to, "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
-        ->type_name("SERVERS")
-        ->required();
-    relay->add_option("--site", settings.place.site, "Name of this site, a part of the subjects")
-        ->type_name("NAME")
-        ->capture_default_str();
-    relay->add_flag("--by-contract", settings.byContract,
-                    "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
+    addServerOptions(*relay, options->servers, "--to", "Servers to publish to; the first one that answers is used");
+    relay->add_flag(
+        "--by-contract", settings.byContract,
+        "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
     addLimits(*relay, *options);
-    addFiles(*relay, settings.connection);
     relay->add_option("--seconds", settings.seconds, "End after so long; 0: at SIGINT or SIGTERM")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, kDay))
         ->capture_default_str();
     relay->add_flag("--json", settings.json, "Show the result as JSON; a log goes to standard error");
     relay->footer(
-        "The relay has its channel for itself, like an application. Its subject is vexo.SITE.BUS.CHANNEL.stream.");
-    cli::tellStatuses(*relay, {{cli::kFine, "ended as asked, and the server has confirmed everything"},
-                               {kFinding, "no server, the stream or the subject is taken, or not everything was confirmed"},
-                               {kUsage, "wrong usage, or a file that was named and cannot be read"},
-                               {kNoCard, "no card"}});
+        "The relay has its channel for itself, like an application. Its subject is vexo.SITE.BUS.CHANNEL.stream. The "
+        "files of --creds, --user-file and --tls-... may also be named by VEXO_NATS_CREDS, VEXO_NATS_USER_FILE, "
+        "VEXO_NATS_TLS_CA, _CERT and _KEY.");
+    cli::tellStatuses(*relay,
+                      {{cli::kFine, "ended as asked, and the server has confirmed everything"},
+                       {kFinding, "no server, the stream or the subject is taken, or not everything was confirmed"},
+                       {kUsage, "wrong usage, or a file that was named and cannot be read"},
+                       {kNoCard, "no card"}});
     relay->callback([options, &invocation] {
         invocation.run = [options] {
             const relay::Settings chosen = settingsOf(*options);

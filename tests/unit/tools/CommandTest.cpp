@@ -33,9 +33,10 @@ TEST_F(Command, TellsItsVersion) { EXPECT_EQ(vexo("--version").output, "vexo " V
 
 TEST_F(Command, ExplainsEverySubcommand) {
     EXPECT_EQ(vexo("--help").status, 0);
-    EXPECT_THAT(vexo("--help").output, AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "),
-                                             HasSubstr("\n  plan "), HasSubstr("\n  relay "), HasSubstr("\n  report "), HasSubstr("\n  run "),
-                                             HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
+    EXPECT_THAT(vexo("--help").output,
+                AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "), HasSubstr("\n  plan "),
+                      HasSubstr("\n  relay "), HasSubstr("\n  report "), HasSubstr("\n  run "), HasSubstr("\n  sim "),
+                      HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
     EXPECT_THAT(vexo("sim --help").output, HasSubstr("\n  run "));
     EXPECT_THAT(vexo("sim run --help").output, HasSubstr("vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]"));
     EXPECT_THAT(vexo("tap --help").output, HasSubstr("vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]"));
@@ -78,9 +79,10 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"relay --channel 16 --to nats://h", "--channel: Value 16 not in range"},
         {"relay --to nats://h", "vexo: no channel: give --channel N, or a configuration\n"},
         {"relay --channel 0 --to nats://h", "vexo: channel 0 is the master's, which programs the card"},
-        {"relay --channel 3 --to http://h", "vexo: --to: \"http://h\" is not nats://HOST:PORT or tls://HOST:PORT\n"},
-        {"relay --channel 3 --to nats://me:secret@h", "vexo: --to: a server's address must not carry a user"},
-        {"relay --channel 3 --to nats://h --site a.b", "vexo: --site a.b: use 1 to 32 letters, digits, _ and -\n"},
+        {"relay --channel 3 --to http://h", "vexo: \"http://h\" is not nats://HOST:PORT or tls://HOST:PORT\n"},
+        {"relay --channel 3 --to nats://me:secret@h", "vexo: a server's address must not carry a user"},
+        {"relay --channel 3 --to nats://h --site a.b",
+         "vexo: --site a.b: it must be 1 to 32 letters, digits, - or _\n"},
         {"relay none.ini --to nats://h", "vexo: none.ini: No such file or directory\n"},
         {"stat --json --loss", "--loss excludes --json"},
         {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
