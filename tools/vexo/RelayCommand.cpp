@@ -7,6 +7,7 @@
 #include "tools/vexo/Command.h"
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/Places.h"
+#include "tools/vexo/ServerOptions.h"
 #include "tools/vexo/check/ConfigCheck.h"
 
 namespace vexo {
@@ -67,15 +68,12 @@ relay::Run* load() {
     const std::filesystem::path path = relayLibrary();
     void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
-        throw Failure(kNoCard, std::string(::dlerror()) +
-                                   "\nThe card's library may be missing. For the simulated card: vexo sim run -- vexo relay");
+        throw Failure(kNoCard,
+                      std::string(::dlerror()) +
+                          "\nThe card's library may be missing. For the simulated card: vexo sim run -- vexo relay");
     void* const run = ::dlsym(library, relay::kRunName);
     if (run == nullptr) throw Failure(kFinding, ::dlerror());
     return reinterpret_cast<relay::Run*>(run);
-}
-
-void addFile(CLI::App& command, const char* name, std::string& value, const char* variable, const std::string& text) {
-    command.add_option(name, value, text + " (or $" + variable + ")")->type_name("FILE");
 }
 
 void addLimits(CLI::App& command, Options& options) {
@@ -84,8 +82,9 @@ void addLimits(CLI::App& command, Options& options) {
         ->type_name("N")
         ->check(CLI::Range(relay::kLeastBatchBytes, relay::kMostBatchBytes))
         ->capture_default_str();
-    command.add_option("--batch-time", options.batchTimeUs,
-                       "Microseconds that a packet waits for company in its message; 0: each packet is a message")
+    command
+        .add_option("--batch-time", options.batchTimeUs,
+                    "Microseconds that a packet waits for company in its message; 0: each packet is a message")
         ->type_name("US")
         ->check(CLI::Range(std::uint64_t{0}, relay::kMostBatchTimeUs))
         ->capture_default_str();
@@ -93,21 +92,12 @@ void addLimits(CLI::App& command, Options& options) {
         ->type_name("MB")
         ->check(CLI::Range(std::uint64_t{1}, relay::kMostQueueMb))
         ->capture_default_str();
-    command.add_option("--poll-rest", settings.pollRestUs,
-                       "Microseconds that the polling thread sleeps when there is no packet; 0: it never sleeps")
+    command
+        .add_option("--poll-rest", settings.pollRestUs,
+                    "Microseconds that the polling thread sleeps when there is no packet; 0: it never sleeps")
         ->type_name("US")
         ->check(CLI::Range(std::uint64_t{0}, relay::kMostBatchTimeUs))
         ->capture_default_str();
-}
-
-void addFiles(CLI::App& command, vexo_sim::remote::ConnectionSettings& connection) {
-    addFile(command, "--creds", connection.credsFile, "VEXO_NATS_CREDS", "Credentials file of the user");
-    addFile(command, "--user-file", connection.userFile, "VEXO_NATS_USER_FILE",
-            "File with a line of the user and a line of the password, or with a token alone");
-    addFile(command, "--tls-ca", connection.tlsCaFile, "VEXO_NATS_TLS_CA",
-            "PEM file of the authority that signed the servers' certificates");
-    addFile(command, "--tls-cert", connection.tlsCertFile, "VEXO_NATS_TLS_CERT", "PEM file of the relay's certificate");
-    addFile(command, "--tls-key", connection.tlsKeyFile, "VEXO_NATS_TLS_KEY", "PEM file of the certificate's key");
 }
 
 }  // namespace
@@ -115,7 +105,8 @@ void addFiles(CLI::App& command, vexo_sim::remote::ConnectionSettings& connectio
 void addRelay(CLI::App& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     relay::Settings& settings = options->settings;
-    CLI::App* relay = app.add_subcommand("relay", "Publish what a channel delivers, for remote cards of other machines");
+    CLI::App* relay = app.add_subcommand("relay",
+                                         "Publish what a channel delivers, for remote cards of other machines");
     relay->add_option("CONFIG.ini", settings.config,
                       "Start as an application with this configuration does; the master needs one");
     options->channel = relay->add_option("--channel", settings.place.channel, "Channel to relay")
@@ -131,10 +122,11 @@ void addRelay(CLI::App& app, Invocation& invocation) {
     relay->add_option("--site", settings.place.site, "Name of this site, a part of the subjects")
         ->type_name("NAME")
         ->capture_default_str();
-    relay->add_flag("--by-contract", settings.byContract,
-                    "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
+    relay->add_flag(
+        "--by-contract", settings.byContract,
+        "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
     addLimits(*relay, *options);
-    addFiles(*relay, settings.connection);
+    addServerFiles(*relay, settings.connection);
     relay->add_option("--seconds", settings.seconds, "End after so long; 0: at SIGINT or SIGTERM")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, kDay))
@@ -142,10 +134,11 @@ void addRelay(CLI::App& app, Invocation& invocation) {
     relay->add_flag("--json", settings.json, "Show the result as JSON; a log goes to standard error");
     relay->footer(
         "The relay has its channel for itself, like an application. Its subject is vexo.SITE.BUS.CHANNEL.stream.");
-    cli::tellStatuses(*relay, {{cli::kFine, "ended as asked, and the server has confirmed everything"},
-                               {kFinding, "no server, the stream or the subject is taken, or not everything was confirmed"},
-                               {kUsage, "wrong usage, or a file that was named and cannot be read"},
-                               {kNoCard, "no card"}});
+    cli::tellStatuses(*relay,
+                      {{cli::kFine, "ended as asked, and the server has confirmed everything"},
+                       {kFinding, "no server, the stream or the subject is taken, or not everything was confirmed"},
+                       {kUsage, "wrong usage, or a file that was named and cannot be read"},
+                       {kNoCard, "no card"}});
     relay->callback([options, &invocation] {
         invocation.run = [options] {
             const relay::Settings chosen = settingsOf(*options);
