@@ -103,7 +103,7 @@ std::string RemoteCard::banner(std::uint32_t bus) {
     const std::string start = "SIMULATED CARD at bus " + std::to_string(bus) + ", a remote card";
     const std::string where = "(site " + m_settings.site + ", bus " + std::to_string(m_bus) + ")";
     if (!m_relay.isThere)
-        return start + " " + where + ": no relay answers at " + m_transport.server() +
+        return start + " " + where + ": no relay answers at " + joined(m_settings.servers) +
                " yet. Streams are idle until a relay sends their channel.";
     return start + " of " + m_relay.user + "@" + m_relay.host + " " + where + ", round trip " +
            inMilliseconds(m_relay.roundTripNs) + ": its packets come over the network" +
@@ -227,7 +227,7 @@ void RemoteCard::receive(std::uint32_t channel, std::uint32_t opening, const voi
         isHeld = receiver.isHoldingBack();
     });
     tellNotice(channel, notice);
-    for (auto pause = kFirstPause; isOpen && isHeld; pause = std::min(2 * pause, kLongestPause)) {
+    for (auto pause = kFirstPause; isOpen && isHeld && !m_isEnding; pause = std::min(2 * pause, kLongestPause)) {
         std::this_thread::sleep_for(pause);
         isOpen = onChannel(channel, opening, [&](remote::Receiver& receiver, Card card) {
             receiver.resume(card);

@@ -57,6 +57,7 @@ private:
 
     void receive(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) override;
     void tell(remote::LineState state, const std::string& server) override;
+    void end() override { m_isEnding = true; }
 
     void powerOn(const scenario::Scenario& scenario);
     void greetRelays();
@@ -79,6 +80,7 @@ private:
     std::atomic<std::uint64_t> m_nextAdvanceNs{0};
     std::atomic<bool> m_isRefusalTold{false};
     std::atomic<bool> m_isSlowTold{false};
+    std::atomic<bool> m_isEnding{false};
 };
 
 }  // namespace vexo_sim

@@ -24,6 +24,8 @@ public:
     /// @param opening  as given to subscribe(): tells the messages of an earlier opening of the channel from this one's
     virtual void receive(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) = 0;
     virtual void tell(LineState state, const std::string& server) = 0;
+    /// The process ends: receive() must not wait any longer.
+    virtual void end() = 0;
 
 protected:
     ~MessageSink() = default;
@@ -43,8 +45,6 @@ public:
     /// Sends a request to each subject, and passes the answers to @p take until it returns true.
     virtual Answer ask(const std::vector<std::string>& subjects, const void* data, std::size_t size,
                        std::chrono::milliseconds wait, const TakeAnswer& take) = 0;
-    /// The server in use; empty when there is none.
-    virtual std::string server() = 0;
 
 protected:
     ~Transport() = default;

@@ -27,8 +27,9 @@ namespace {
 using namespace vexo_sim;
 
 constexpr std::uint32_t kChannel = 3;
-constexpr std::uint64_t kRuns = 4;  // fewer than a receiver remembers
-constexpr std::uint32_t kMark = 9;  // bytes of a packet: its run and its number
+constexpr std::uint64_t kRuns = 4;         // fewer than a receiver remembers
+constexpr std::uint32_t kMostPackets = 7;  // of a message
+constexpr std::uint32_t kMark = 9;         // bytes of a packet: its run and its number
 
 class Stream {
 public:
@@ -83,8 +84,8 @@ private:
         wire::Head head;
         head.epoch = input.Byte() % kRuns;
         head.first = input.Word();
-        wire::MessageWriter writer(wire::kHeadBytes);
-        const std::uint32_t packets = input.Byte() % 8;
+        wire::MessageWriter writer(wire::kHeadBytes + kMostPackets * wire::footprint(wire::kMaxPacketBytes));
+        const std::uint32_t packets = input.Byte() % (kMostPackets + 1);
         for (std::uint32_t n = 0; n < packets; ++n) Add(writer, head.epoch, head.first + n, input.Word());
         head.flags = input.Byte();
         head.counts = {input.Byte(), input.Byte(), 0, input.Byte(), input.Byte()};

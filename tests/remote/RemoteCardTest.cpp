@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -356,6 +357,56 @@ TEST_F(RemoteCardWithUsers, WrongCredentialsAreNoCardAndTheServersWords) {
     EXPECT_EQ(user->Ask("card 0"), "failed ENODEV");
     EXPECT_THAT(user->Errors(), HasSubstr("Authorization Violation"));
     EXPECT_THAT(user->Errors(), Not(HasSubstr("wrong one")));
+}
+
+// A server with a certificate for one address, which is its own authority.
+class RemoteCardWithTls : public ::testing::Test {
+protected:
+    void SetUp() override {
+        SKIP_WITHOUT_NATS_SERVER();
+        if (::access("/usr/bin/openssl", X_OK) != 0) GTEST_SKIP() << "skipped: openssl is not installed";
+    }
+
+    void Start(const std::string& address) {
+        const std::string key = m_directory.Path("key.pem");
+        const std::string certificate = m_directory.Path("certificate.pem");
+        hosted::Process openssl(
+            {"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=desk",
+             "-addext", "subjectAltName=" + address, "-keyout", key, "-out", certificate},
+            {}, m_directory.Path("openssl"));
+        ASSERT_EQ(openssl.Wait(), 0) << m_directory.Read("openssl");
+        m_server = std::make_unique<NatsServer>("tls { cert_file: \"" + certificate + "\", key_file: \"" + key +
+                                                "\" }");
+    }
+    std::unique_ptr<RemoteUser> User(const RemoteUser::Environment& more) {
+        RemoteUser::Environment environment = {{"VEXO_SIM_CARD", "remote"}, {"VEXO_SIM_REMOTE", m_server->Url()}};
+        environment.insert(more.begin(), more.end());
+        return std::make_unique<RemoteUser>(environment, m_directory.Path("errors"));
+    }
+
+    TempDir m_directory;
+    std::unique_ptr<NatsServer> m_server;
+};
+
+TEST_F(RemoteCardWithTls, ATrustedServerIsUsed) {
+    Start("IP:127.0.0.1");
+    const auto user = User({{"VEXO_NATS_TLS_CA", m_directory.Path("certificate.pem")}});
+    EXPECT_EQ(user->Ask("open 3"), "ok") << user->Errors();
+    EXPECT_EQ(user->End(), 0);
+}
+
+TEST_F(RemoteCardWithTls, AServerThatNobodyVouchesForIsRefused) {
+    Start("IP:127.0.0.1");
+    const auto user = User({});
+    EXPECT_EQ(user->Ask("card 0"), "failed ENODEV");
+    EXPECT_THAT(user->Errors(), HasSubstr("certificate verify failed"));
+}
+
+TEST_F(RemoteCardWithTls, AServerWithTheCertificateOfAnotherAddressIsRefused) {
+    Start("IP:127.0.0.2");
+    const auto user = User({{"VEXO_NATS_TLS_CA", m_directory.Path("certificate.pem")}});
+    EXPECT_EQ(user->Ask("card 0"), "failed ENODEV");
+    EXPECT_THAT(user->Errors(), HasSubstr("certificate verify failed"));
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ constexpr std::uint32_t kLastBus = 4;
 
 struct Options {
     relay::Settings settings;
-    ServerOptions servers;
+    std::string to;
     std::uint64_t batchTimeUs = 100;
     std::uint64_t queueMb = 64;
     CLI::Option* channel = nullptr;
@@ -44,24 +44,17 @@ void takePlaceFromConfig(const Options& options, vexo_sim::remote::Place& place)
     place.bus = facts.device.card;
 }
 
-// Empty fields may be filled from the environment.
-vexo_sim::remote::ConnectionSettings connectionOf(const ServerOptions& options) {
-    vexo_sim::remote::ConnectionSettings connection;
-    std::string error;
-    connection.servers = vexo_sim::remote::serversOf(options.servers, error);
-    connection.credsFile = options.creds;
-    connection.userFile = options.userFile;
-    connection.tlsCaFile = options.tlsCa;
-    connection.tlsCertFile = options.tlsCert;
-    connection.tlsKeyFile = options.tlsKey;
-    return connection;
-}
-
-relay::Settings settingsOf(Options& options) {
-    checkServerOptions(options.servers);
+relay::Settings settingsOf(const Options& options) {
     relay::Settings settings = options.settings;
-    settings.connection = connectionOf(options.servers);
-    settings.place.site = options.servers.site;
+    std::string error;
+    settings.connection.servers = vexo_sim::remote::serversOf(options.to, error);
+    if (settings.connection.servers.empty()) throw Failure(kUsage, "--to: " + error);
+    for (const std::string* file : {&settings.connection.credsFile, &settings.connection.userFile,
+                                    &settings.connection.tlsCaFile, &settings.connection.tlsCertFile,
+                                    &settings.connection.tlsKeyFile})
+        if (!file->empty()) requireFile(*file);
+    if (!vexo_sim::remote::isSite(settings.place.site))
+        throw Failure(kUsage, "--site " + settings.place.site + ": use 1 to 32 letters, digits, _ and -");
     if (!settings.config.empty()) {
         takePlaceFromConfig(options, settings.place);
     } else if (options.channel->count() == 0) {
@@ -127,20 +120,24 @@ void addRelay(CLI::App& app, Invocation& invocation) {
                        ->type_name("N")
                        ->check(CLI::Range(0U, kLastBus))
                        ->capture_default_str();
-    addServerOptions(*relay, options->servers, "--to", "Servers to publish to; the first one that answers is used");
+    relay->add_option("--to", options->to, "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
+        ->type_name("SERVERS")
+        ->required();
+    relay->add_option("--site", settings.place.site, "Name of this site, a part of the subjects")
+        ->type_name("NAME")
+        ->capture_default_str();
     relay->add_flag(
         "--by-contract", settings.byContract,
         "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
     addLimits(*relay, *options);
+    addServerFiles(*relay, settings.connection);
     relay->add_option("--seconds", settings.seconds, "End after so long; 0: at SIGINT or SIGTERM")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, kDay))
         ->capture_default_str();
     relay->add_flag("--json", settings.json, "Show the result as JSON; a log goes to standard error");
     relay->footer(
-        "The relay has its channel for itself, like an application. Its subject is vexo.SITE.BUS.CHANNEL.stream. The "
-        "files of --creds, --user-file and --tls-... may also be named by VEXO_NATS_CREDS, VEXO_NATS_USER_FILE, "
-        "VEXO_NATS_TLS_CA, _CERT and _KEY.");
+        "The relay has its channel for itself, like an application. Its subject is vexo.SITE.BUS.CHANNEL.stream.");
     cli::tellStatuses(*relay,
                       {{cli::kFine, "ended as asked, and the server has confirmed everything"},
                        {kFinding, "no server, the stream or the subject is taken, or not everything was confirmed"},

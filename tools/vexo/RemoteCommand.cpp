@@ -1,6 +1,11 @@
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
+#include "sim/remote/Subjects.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/Places.h"
@@ -13,30 +18,46 @@ namespace {
 constexpr int kLastBus = 4;
 
 struct Options {
-    ServerOptions servers;
+    std::string servers;
+    std::string site = "local";
     std::optional<int> bus;
+    vexo_sim::remote::ConnectionSettings connection;
     bool ownRegisters = false;
     bool sharedDayFile = false;
 };
 
-// Without the option, the environment may name the file.
-void setUnlessEmpty(const char* variable, const std::string& value) {
-    if (!value.empty()) set(variable, value);
+// The program would find a mistake only when it opens its card.
+void check(const Options& options) {
+    std::string error;
+    if (vexo_sim::remote::serversOf(options.servers, error).empty()) throw Failure(kUsage, "--from: " + error);
+    if (!vexo_sim::remote::isSite(options.site))
+        throw Failure(kUsage, "--site " + options.site + ": use 1 to 32 letters, digits, _ and -");
 }
 
-int run(Options& options, const Program& program) {
+// Without the option, the environment may name the file. The program may change its directory before it connects.
+void setFile(const char* variable, const std::string& file) {
+    if (file.empty()) return;
+    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, file + ": " + std::strerror(errno));
+    set(variable, std::filesystem::absolute(file).string());
+}
+
+void describeConnection(const vexo_sim::remote::ConnectionSettings& connection) {
+    setFile("VEXO_NATS_CREDS", connection.credsFile);
+    setFile("VEXO_NATS_USER_FILE", connection.userFile);
+    setFile("VEXO_NATS_TLS_CA", connection.tlsCaFile);
+    setFile("VEXO_NATS_TLS_CERT", connection.tlsCertFile);
+    setFile("VEXO_NATS_TLS_KEY", connection.tlsKeyFile);
+}
+
+int run(const Options& options, const Program& program) {
     requireProgram(program);
-    checkServerOptions(options.servers);
+    check(options);
+    describeConnection(options.connection);
     set("VEXO_SIM_CARD", "remote");
-    set("VEXO_SIM_REMOTE", options.servers.servers);
-    set("VEXO_SIM_REMOTE_SITE", options.servers.site);
+    set("VEXO_SIM_REMOTE", options.servers);
+    set("VEXO_SIM_REMOTE_SITE", options.site);
     set("VEXO_SIM_REMOTE_BUS", options.bus ? std::to_string(*options.bus) : "");
     set("VEXO_SIM_REMOTE_REGISTERS", options.ownRegisters ? "own" : "");
-    setUnlessEmpty("VEXO_NATS_CREDS", options.servers.creds);
-    setUnlessEmpty("VEXO_NATS_USER_FILE", options.servers.userFile);
-    setUnlessEmpty("VEXO_NATS_TLS_CA", options.servers.tlsCa);
-    setUnlessEmpty("VEXO_NATS_TLS_CERT", options.servers.tlsCert);
-    setUnlessEmpty("VEXO_NATS_TLS_KEY", options.servers.tlsKey);
     set("VEXO_SIM_DAY_FILES", options.sharedDayFile ? "" : privateDayFiles());
     if (!options.sharedDayFile) preload(dayFileLibrary());
     prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
@@ -53,14 +74,21 @@ void addRemote(CLI::App& app, Invocation& invocation) {
     takeProgram(
         *runIt, "remote run", invocation,
         "Each channel that the program opens receives what a relay sends of the same channel. A master (channel "
-        "0) needs --own-registers. The files of --creds, --user-file and --tls-... may also be named by "
-        "VEXO_NATS_CREDS, VEXO_NATS_USER_FILE, VEXO_NATS_TLS_CA, _CERT and _KEY.");
-    addServerOptions(*runIt, options->servers, "--from", "Servers that the relay sends to; one is enough");
-    runIt->add_option("--bus", options->bus, "Bus of the card at the relay, and of the card that the program finds")
+        "0) needs --own-registers.");
+    runIt
+        ->add_option("--from", options->servers,
+                     "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
+        ->type_name("SERVERS")
+        ->required();
+    runIt->add_option("--site", options->site, "Name of the relay's site, a part of the subjects")
+        ->type_name("NAME")
+        ->capture_default_str();
+    runIt->add_option("--bus", options->bus, "Number of the card at the relay, and of the card that the program finds")
         ->type_name("N")
         ->check(CLI::Range(0, kLastBus));
     runIt->add_flag("--own-registers", options->ownRegisters,
                     "Let a model in the program answer its registers, and send it a contract map");
+    addServerFiles(*runIt, options->connection);
     runIt->add_flag("--shared-day-file", options->sharedDayFile,
                     "Use the day file in /tmp, which a start on a real card would load too");
     runIt->callback([options, &invocation] {

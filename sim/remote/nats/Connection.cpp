@@ -154,12 +154,14 @@ public:
     struct Free {
         void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
     };
-    /// Null when none came in time.
-    std::unique_ptr<natsMsg, Free> next(Clock::time_point end) {
-        natsMsg* message = nullptr;
+    using Message = std::unique_ptr<natsMsg, Free>;
+    /// NATS_NO_RESPONDERS: the server knows nobody who answers one of the requests.
+    natsStatus next(Clock::time_point end, Message& message) {
+        natsMsg* next = nullptr;
         const std::int64_t left = millisecondsUntil(end);
-        if (left > 0) natsSubscription_NextMsg(&message, m_subscription, left);
-        return std::unique_ptr<natsMsg, Free>(message);
+        const natsStatus status = left > 0 ? natsSubscription_NextMsg(&next, m_subscription, left) : NATS_TIMEOUT;
+        message.reset(next);
+        return status;
     }
 
 private:
@@ -244,12 +246,16 @@ Connection::Answer Connection::ask(const std::vector<std::string>& subjects, con
         natsConnection_PublishRequest(m_connection, subject.c_str(), answers.subject(), data, static_cast<int>(size));
     const Clock::time_point end = Clock::now() + wait;
     for (std::size_t refused = 0; refused < subjects.size();) {
-        const auto message = answers.next(end);
-        if (message == nullptr) return Answer::kNone;
-        if (natsMsg_IsNoResponders(message.get()))
+        AnswerBox::Message message;
+        const natsStatus status = answers.next(end, message);
+        if (status == NATS_NO_RESPONDERS) {
             ++refused;
-        else if (take(natsMsg_GetData(message.get()), static_cast<std::size_t>(natsMsg_GetDataLength(message.get()))))
+        } else if (status != NATS_OK) {
+            return Answer::kNone;
+        } else if (take(natsMsg_GetData(message.get()),
+                        static_cast<std::size_t>(natsMsg_GetDataLength(message.get())))) {
             return Answer::kTaken;
+        }
     }
     return Answer::kNobody;
 }

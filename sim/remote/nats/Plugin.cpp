@@ -47,7 +47,6 @@ public:
     void unsubscribe(std::uint32_t channel) override;
     Answer ask(const std::vector<std::string>& subjects, const void* data, std::size_t size,
                std::chrono::milliseconds wait, const TakeAnswer& take) override;
-    std::string server() override;
 
 private:
     static void closeAtExit();
@@ -89,6 +88,7 @@ void NatsTransport::closeAtExit() { instance().close(); }
 
 void NatsTransport::close() {
     if (getpid() != m_process) return;  // a child of fork() has none of those threads
+    m_sink->end();
     std::shared_ptr<Connection> connection;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -118,11 +118,6 @@ Answer NatsTransport::ask(const std::vector<std::string>& subjects, const void* 
                           std::chrono::milliseconds wait, const TakeAnswer& take) {
     const std::shared_ptr<Connection> used = connection();
     return used != nullptr ? answerOf(used->ask(subjects, data, size, wait, take)) : Answer::kNone;
-}
-
-std::string NatsTransport::server() {
-    const std::shared_ptr<Connection> used = connection();
-    return used != nullptr ? used->server() : std::string();
 }
 
 }  // namespace
