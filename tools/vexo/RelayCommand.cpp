@@ -49,9 +49,9 @@ relay::Settings settingsOf(const Options& options) {
     std::string error;
     settings.connection.servers = vexo_sim::remote::serversOf(options.to, error);
     if (settings.connection.servers.empty()) throw Failure(kUsage, "--to: " + error);
-    for (const std::string* file : {&settings.connection.credsFile, &settings.connection.userFile,
-                                    &settings.connection.tlsCaFile, &settings.connection.tlsCertFile,
-                                    &settings.connection.tlsKeyFile})
+    for (const std::string* file :
+         {&settings.connection.credsFile, &settings.connection.userFile, &settings.connection.tlsCaFile,
+          &settings.connection.tlsCertFile, &settings.connection.tlsKeyFile})
         if (!file->empty()) requireFile(*file);
     if (!vexo_sim::remote::isSite(settings.place.site))
         throw Failure(kUsage, "--site " + settings.place.site + ": use 1 to 32 letters, digits, _ and -");
