@@ -26,8 +26,9 @@ public:
         bool isComplete() const { return packets + missing == head.first + head.packets; }
     };
 
-    /// @param keep  the packets' bytes
-    Listener(const std::string& url, const std::string& subject, bool keep = false);
+    /// @param servers  with commas between them
+    /// @param keep     the packets' bytes
+    Listener(const std::string& servers, const std::string& subject, bool keep = false);
     ~Listener() { m_subscription.end(); }
 
     Account Now() const;

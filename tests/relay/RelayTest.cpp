@@ -141,6 +141,47 @@ TEST_F(Relay, AServerThatDiesAndComesBackCostsPacketsThatAreKnownToThePacket) {
     EXPECT_THAT(Errors(), HasSubstr("connected again, to nats://127.0.0.1:"));
 }
 
+namespace {
+
+/// Settings of a server in a cluster, which connects to the given others.
+std::string InCluster(const std::string& routes) {
+    return "cluster { name: desk, listen: \"127.0.0.1:-1\", routes: [" + routes + "] }";
+}
+
+}  // namespace
+
+TEST_F(Relay, AClusterWhoseServersDieOneAfterAnotherAccountsForEveryPacket) {
+    NatsServer first(InCluster(""));
+    NatsServer second(InCluster(first.ClusterUrl()));
+    NatsServer third(InCluster(first.ClusterUrl() + ", " + second.ClusterUrl()));
+    const std::string all = first.Url() + "," + second.Url() + "," + third.Url();
+    constexpr std::uint64_t kPackets = 150'000;
+    WriteCapture(kPackets, 140, 20'000);
+    const Listener listener(all, kStream);
+    Process relay = Start(Replaying("real"), {"--channel", "3", "--to", all});
+    std::uint64_t due = 5000;
+    const auto restart = [&](NatsServer& server, const NatsServer& one, const NatsServer& other) {
+        ASSERT_TRUE(listener.Until(Has(due)));
+        due += 15'000;
+        server.Kill();
+        server.Start(InCluster(one.ClusterUrl() + ", " + other.ClusterUrl()));
+    };
+    for (int round = 0; round < 2; ++round) {
+        restart(first, second, third);
+        restart(second, first, third);
+        restart(third, first, second);
+    }
+    ASSERT_TRUE(listener.Until(Has(kPackets)));
+    const nlohmann::json result = End(relay);
+    const Listener::Account account = listener.Now();
+    EXPECT_EQ(account.epochs, 1U);
+    EXPECT_EQ(account.packets + account.missing, kPackets);
+    EXPECT_EQ(account.head.counts.delivered, kPackets);
+    EXPECT_GT(account.packets, kPackets / 2);
+    EXPECT_GT(result["connection_lost"], 0);
+    EXPECT_EQ(result["lost"]["ring"], 0);
+}
+
 TEST_F(Relay, ARelayThatStartsAnewIsANewEpoch) {
     const NatsServer server;
     WriteCapture(100, 140, 0);
