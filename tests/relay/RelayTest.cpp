@@ -155,14 +155,14 @@ TEST_F(Relay, AClusterWhoseServersDieOneAfterAnotherAccountsForEveryPacket) {
     NatsServer second(InCluster(first.ClusterUrl()));
     NatsServer third(InCluster(first.ClusterUrl() + ", " + second.ClusterUrl()));
     const std::string all = first.Url() + "," + second.Url() + "," + third.Url();
-    constexpr std::uint64_t kPackets = 150'000;
-    WriteCapture(kPackets, 140, 20'000);
+    constexpr std::uint64_t kPackets = 100'000;
+    WriteCapture(kPackets, 140, 50'000);
     const Listener listener(all, kStream);
     Process relay = Start(Replaying("real"), {"--channel", "3", "--to", all});
-    std::uint64_t due = 5000;
+    std::uint64_t due = 3000;
     const auto restart = [&](NatsServer& server, const NatsServer& one, const NatsServer& other) {
         ASSERT_TRUE(listener.Until(Has(due)));
-        due += 15'000;
+        due += 12'000;
         server.Kill();
         server.Start(InCluster(one.ClusterUrl() + ", " + other.ClusterUrl()));
     };
@@ -177,7 +177,7 @@ TEST_F(Relay, AClusterWhoseServersDieOneAfterAnotherAccountsForEveryPacket) {
     EXPECT_EQ(account.epochs, 1U);
     EXPECT_EQ(account.packets + account.missing, kPackets);
     EXPECT_EQ(account.head.counts.delivered, kPackets);
-    EXPECT_GT(account.packets, kPackets / 2);
+    EXPECT_GT(account.packets, kPackets / 10);
     EXPECT_GT(result["connection_lost"], 0);
     EXPECT_EQ(result["lost"]["ring"], 0);
 }
