@@ -3,15 +3,16 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "sim/remote/Subjects.h"
 #include "tests/hosted/HostProcess.h"
 
 namespace wire = vexo_sim::wire;
 
-Listener::Listener(const std::string& url, const std::string& subject, bool keep) : m_keep(keep) {
+Listener::Listener(const std::string& servers, const std::string& subject, bool keep) : m_keep(keep) {
     vexo_sim::remote::ConnectionSettings settings;
-    settings.servers = {url};
-    settings.readEnvironment();
     std::string error;
+    settings.servers = vexo_sim::remote::serversOf(servers, error);
+    settings.readEnvironment();
     m_connection = vexo_sim::remote::Connection::open(settings, nullptr, error);
     if (m_connection == nullptr) throw std::runtime_error(error);
     m_subscription = m_connection->subscribe(subject, [this](const vexo_sim::remote::MessageIn& in) { take(in); });

@@ -14,11 +14,11 @@
 class Listener {
 public:
     struct Account {
-        std::uint64_t epochs = 0;      // that came by
-        std::uint64_t packets = 0;     // of the last epoch, as the rest
-        std::uint64_t missing = 0;     // numbers that were left out
-        std::uint64_t backwards = 0;   // messages that began below the number that was due
-        std::uint64_t notOurs = 0;     // messages that do not decode
+        std::uint64_t epochs = 0;     // that came by
+        std::uint64_t packets = 0;    // of the last epoch, as the rest
+        std::uint64_t missing = 0;    // numbers that were left out
+        std::uint64_t backwards = 0;  // messages that began below the number that was due
+        std::uint64_t notOurs = 0;    // messages that do not decode
         std::uint64_t largestMessage = 0;
         vexo_sim::wire::Head head;  // of the last message
 
@@ -26,8 +26,9 @@ public:
         bool isComplete() const { return packets + missing == head.first + head.packets; }
     };
 
-    /// @param keep  the packets' bytes
-    Listener(const std::string& url, const std::string& subject, bool keep = false);
+    /// @param servers  with commas between them
+    /// @param keep     the packets' bytes
+    Listener(const std::string& servers, const std::string& subject, bool keep = false);
     ~Listener() { m_subscription.end(); }
 
     Account Now() const;

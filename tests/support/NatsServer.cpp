@@ -50,8 +50,8 @@ void NatsServer::Kill() {
 // The server chooses the port at its first start, so no other test can take it in between.
 void NatsServer::Start() {
     const std::string config = m_directory + "/server.conf";
-    hosted::WriteFile(config, "listen: \"127.0.0.1:" + m_port + "\"\nports_file_dir: \"" + m_directory + "\"\n" + m_more +
-                                  "\n");
+    hosted::WriteFile(
+        config, "listen: \"127.0.0.1:" + m_port + "\"\nports_file_dir: \"" + m_directory + "\"\n" + m_more + "\n");
     for (const fs::directory_entry& entry : fs::directory_iterator(m_directory))
         if (entry.path().extension() == ".ports") fs::remove(entry.path());
     m_process = std::make_unique<hosted::Process>(std::vector<std::string>{Program(), "--config", config},

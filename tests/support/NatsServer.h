@@ -31,6 +31,10 @@ public:
     void Kill();
     /// Starts it again, on the same port.
     void Start();
+    void Start(const std::string& more) {
+        m_more = more;
+        Start();
+    }
     const hosted::Process& Server() const { return *m_process; }
 
 private:

@@ -32,8 +32,8 @@ struct Sent {
     std::uint64_t bytes = 0;
 };
 
-/// Puts packets together into messages, and counts what is lost on the way. The time is the caller's, so that a test can
-/// write a script for it. A clock that steps back sends early, never late.
+/// Puts packets together into messages, and counts what is lost on the way. The time is the caller's, so that a test
+/// can write a script for it. A clock that steps back sends early, never late.
 class Batcher {
 public:
     static constexpr std::uint64_t kHeartbeatNs = 100'000'000;

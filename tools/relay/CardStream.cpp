@@ -26,7 +26,8 @@ std::string nameOf(std::uint32_t bus, std::uint32_t channel) {
 [[noreturn]] void fail(const std::string& what, int error) {
     if (error == EBUSY) throw Failure(Failure::kFinding, what + " is taken: only one program can have it");
     if (error == ENODEV || error == ENOENT) throw Failure(Failure::kNoCard, what + ": there is no such card");
-    throw Failure(Failure::kFinding, what + " cannot be opened" + (error != 0 ? std::string(": ") + std::strerror(error) : ""));
+    throw Failure(Failure::kFinding,
+                  what + " cannot be opened" + (error != 0 ? std::string(": ") + std::strerror(error) : ""));
 }
 
 }  // namespace

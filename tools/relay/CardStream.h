@@ -23,8 +23,8 @@ struct StreamCounts {
     std::uint64_t errors = 0;
 };
 
-/// The channel that the relay reads. The library opens it, as for any application. Its callbacks leave out the head of a
-/// packet; so the packets are polled at the card's interface, where they are whole.
+/// The channel that the relay reads. The library opens it, as for any application. Its callbacks leave out the head of
+/// a packet; so the packets are polled at the card's interface, where they are whole.
 class CardStream {
 public:
     /// Starts as an application with this configuration does: a master programs the card and learns the map, and its
@@ -71,9 +71,9 @@ private:
     bool readCounters(bool isFirst);
 
     NoCallbacks m_callbacks;
-    CVexoZceMdApiImpl* m_api = nullptr;      // with a configuration
-    CZceDmaChanImpl* m_master = nullptr;     // the channel that learns the map
-    std::unique_ptr<CDrvDMAEnyx> m_ownDma;   // without one
+    CVexoZceMdApiImpl* m_api = nullptr;     // with a configuration
+    CZceDmaChanImpl* m_master = nullptr;    // the channel that learns the map
+    std::unique_ptr<CDrvDMAEnyx> m_ownDma;  // without one
     CDrvDMAEnyx* m_dma = nullptr;
     enyx_hw_a2c_stream* m_stream = nullptr;
     PacketQueue* m_queue = nullptr;

@@ -58,8 +58,8 @@ public:
         m_ring.pop(m_record);
         ++m_next;
     }
-    /// The number up to which no packet will come any more. When the queue is empty, the packets at the end that did not
-    /// fit count too.
+    /// The number up to which no packet will come any more. When the queue is empty, the packets at the end that did
+    /// not fit count too.
     std::uint64_t settled() {
         const std::uint64_t delivered = this->delivered();
         QueuedPacket packet;

@@ -45,6 +45,7 @@ std::string userName() {
 }
 
 remote::ConnectionSettings withName(remote::ConnectionSettings settings, const remote::Place& place) {
+    settings.readEnvironment();
     settings.name = "vexo relay " + subjectOf(place);
     settings.sendsAtOnce = true;  // the batcher has put together what goes in one write
     return settings;
@@ -81,12 +82,39 @@ void Servers::tell(remote::ConnectionEvent event, const std::string& server) {
     }
 }
 
+// ---- hello ----
+
+void Hello::setHead(const wire::Head& head) {
+    const std::lock_guard<std::mutex> lock(m_headMutex);
+    m_head = head;
+}
+
+void Hello::answer(const remote::MessageIn& request) {
+    if (request.reply == nullptr || wire::versionOfHelloRequest(request.data, request.size) == 0) return;
+    static const std::string user = userName();
+    static const std::string host = hostName();
+    wire::Head head;
+    {
+        const std::lock_guard<std::mutex> lock(m_headMutex);
+        head = m_head;
+    }
+    const std::vector<unsigned char> bytes = wire::encodeHello(head, user, host);
+    const std::lock_guard<std::mutex> lock(m_openMutex);
+    if (m_servers != nullptr) m_servers->publish(request.reply, bytes.data(), bytes.size());
+}
+
+void Hello::close() {
+    const std::lock_guard<std::mutex> lock(m_openMutex);
+    m_servers = nullptr;
+}
+
 // ---- the relay ----
 
 Relay::Relay(const Settings& settings)
     : m_settings(settings),
       m_servers(withName(settings.connection, settings.place)),
-      m_queue(settings.queueBytes) {
+      m_queue(settings.queueBytes),
+      m_hello(std::make_shared<Hello>(m_servers)) {
     CPU_ZERO(&m_cpus);
     ::sched_getaffinity(0, sizeof m_cpus, &m_cpus);
     if (!m_queue.isUsable())
@@ -96,13 +124,16 @@ Relay::Relay(const Settings& settings)
     m_stream = openStream(settings);
     m_facts = {randomEpoch(), m_stream->mtu(), CardStream::isSimulated() ? wire::kSimulated : 0};
     makeBatcher();
-    m_hello = m_servers.connection().subscribe(helloSubject(settings.place),
-                                               [this](const remote::MessageIn& request) { answerHello(request); });
-    if (!m_hello) throw Failure(Failure::kFinding, "the server does not let this user subscribe to " + helloSubject(settings.place));
+    const auto answer = [hello = m_hello](const remote::MessageIn& request) { hello->answer(request); };
+    m_helloSubscription = m_servers.connection().subscribe(helloSubject(settings.place), answer);
+    if (!m_helloSubscription)
+        throw Failure(Failure::kFinding,
+                      "the server does not let this user subscribe to " + helloSubject(settings.place));
 }
 
 Relay::~Relay() {
-    m_hello.end();
+    m_helloSubscription.end();
+    m_hello->close();
     endSender();
 }
 
@@ -114,8 +145,8 @@ void Relay::refuseSecond() {
         other = wire::decodeHello(data, size);
         return true;
     };
-    if (m_servers.connection().ask({helloSubject(m_settings.place)}, request.data(), request.size(), kAskOthers, take) !=
-        remote::Connection::Answer::kTaken)
+    if (m_servers.connection().ask({helloSubject(m_settings.place)}, request.data(), request.size(), kAskOthers,
+                                   take) != remote::Connection::Answer::kTaken)
         return;
     const bool isKnown = other.message.problem == wire::Problem::kNone;
     throw Failure(Failure::kFinding, subjectOf(m_settings.place) + " is taken: " +
@@ -139,26 +170,13 @@ void Relay::makeBatcher() {
         m_contracts = std::make_unique<Contracts>(*m_layouts, m_settings.place);
         m_batcher->addContracts(*m_contracts);
     }
-    m_head = m_batcher->head(tap::clock_ticks::timeOfDay());
+    m_hello->setHead(m_batcher->head(tap::clock_ticks::timeOfDay()));
 }
 
 std::string Relay::describe() const {
     const remote::Place& place = m_settings.place;
     return "channel " + std::to_string(place.channel) + " of card " + std::to_string(place.bus) + " to " +
            m_servers.connection().server() + ", subject " + streamSubject(place);
-}
-
-// On a thread of the engine.
-void Relay::answerHello(const remote::MessageIn& request) {
-    if (request.reply == nullptr || wire::versionOfHelloRequest(request.data, request.size) == 0) return;
-    wire::Head head;
-    {
-        const std::lock_guard<std::mutex> lock(m_headMutex);
-        head = m_head;
-    }
-    static const std::string user = userName();
-    const std::vector<unsigned char> answer = wire::encodeHello(head, user, hostName());
-    m_servers.publish(request.reply, answer.data(), answer.size());
 }
 
 // ---- the sending thread ----
@@ -196,10 +214,7 @@ void Relay::send() {
 }
 
 void Relay::watch(const Sender& sender, Clock::time_point end) {
-    {
-        const std::lock_guard<std::mutex> lock(m_headMutex);
-        m_head = m_batcher->head(sender.nowNs());
-    }
+    m_hello->setHead(m_batcher->head(sender.nowNs()));
     if (Clock::now() >= end || m_servers.isRefused()) m_isEnding.store(true);
     if (sender.isCardSilent() == m_wasSilent) return;
     m_wasSilent = sender.isCardSilent();

@@ -40,6 +40,23 @@ private:
     std::unique_ptr<vexo_sim::remote::Connection> m_connection;
 };
 
+/// Answers who asks on the hello subject, on a thread of the engine. Such an answer may still be under way when the
+/// subscription has ended, so the subscription shares this object.
+class Hello {
+public:
+    explicit Hello(Servers& servers) : m_servers(&servers) {}
+    void setHead(const wire::Head& head);
+    void answer(const vexo_sim::remote::MessageIn& request);
+    /// Waits for an answer that is under way; no other follows.
+    void close();
+
+private:
+    std::mutex m_openMutex;
+    Servers* m_servers;  // null when closed
+    std::mutex m_headMutex;
+    wire::Head m_head;
+};
+
 /// What was relayed and lost, at the end.
 struct Result {
     std::uint64_t delivered = 0;
@@ -67,7 +84,6 @@ public:
 private:
     void refuseSecond();
     void makeBatcher();
-    void answerHello(const vexo_sim::remote::MessageIn& request);
     void startSender();
     void endSender();
     void send();
@@ -81,9 +97,8 @@ private:
     std::unique_ptr<vexo::data::Layouts> m_layouts;
     std::unique_ptr<Contracts> m_contracts;
     std::unique_ptr<Batcher> m_batcher;
-    std::mutex m_headMutex;
-    wire::Head m_head;  // for who says hello
-    vexo_sim::remote::Subscription m_hello;
+    const std::shared_ptr<Hello> m_hello;
+    vexo_sim::remote::Subscription m_helloSubscription;
     cpu_set_t m_cpus;  // before the library pinned the polling thread
     std::thread m_sender;
     std::chrono::steady_clock::time_point m_sendUntil;  // written before m_isPolled is cleared

@@ -25,8 +25,8 @@ struct Settings {
     BatchLimits limits;
     std::size_t queueBytes = 64 * kMegabyte;
     bool byContract = false;
-    double seconds = 0;              // 0: until SIGINT or SIGTERM
-    std::uint64_t pollRestUs = 0;    // sleep of the polling thread when there is no packet
+    double seconds = 0;            // 0: until SIGINT or SIGTERM
+    std::uint64_t pollRestUs = 0;  // sleep of the polling thread when there is no packet
     bool json = false;
 };
 

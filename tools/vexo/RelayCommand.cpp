@@ -14,7 +14,7 @@ namespace vexo {
 namespace {
 
 constexpr double kDay = 86400;
-constexpr std::uint32_t kMaxBus = 9;
+constexpr std::uint32_t kLastBus = 4;
 
 struct Options {
     relay::Settings settings;
@@ -49,6 +49,10 @@ relay::Settings settingsOf(const Options& options) {
     std::string error;
     settings.connection.servers = vexo_sim::remote::serversOf(options.to, error);
     if (settings.connection.servers.empty()) throw Failure(kUsage, "--to: " + error);
+    for (const std::string* file :
+         {&settings.connection.credsFile, &settings.connection.userFile, &settings.connection.tlsCaFile,
+          &settings.connection.tlsCertFile, &settings.connection.tlsKeyFile})
+        if (!file->empty()) requireFile(*file);
     if (!vexo_sim::remote::isSite(settings.place.site))
         throw Failure(kUsage, "--site " + settings.place.site + ": use 1 to 32 letters, digits, _ and -");
     if (!settings.config.empty()) {
@@ -114,7 +118,7 @@ void addRelay(CLI::App& app, Invocation& invocation) {
                            ->check(CLI::Range(0U, card_reg::kChannels - 1));
     options->bus = relay->add_option("--bus", settings.place.bus, "Number of the card")
                        ->type_name("N")
-                       ->check(CLI::Range(0U, kMaxBus))
+                       ->check(CLI::Range(0U, kLastBus))
                        ->capture_default_str();
     relay->add_option("--to", options->to, "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
         ->type_name("SERVERS")
