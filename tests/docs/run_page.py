@@ -56,19 +56,24 @@ UNTIL_STOPPED = [
 # is ended as soon as it works, as Ctrl-C ends it for a reader.
 GOES_ON = r"^nats-server |^vexo-simcard| --hosted "
 BESIDE = r"^nats-server | --hosted "
+# A program that ends with status 1 when it is asked to end; the others end with 0.
+ENDS_WITH_ONE = r"^nats-server "
 # The port that a page shows for a message server. Another server may have it, so the test takes a free one.
 PORT_ON_PAGES = "4222"
 
 PRELUDE = """\
 set -euo pipefail
-background=() logs=()
+background=() logs=() ends=()
 # Ends what runs in the background, the last one first.
 stop() {
-    local n
+    local n status
     for ((n = ${#background[@]} - 1; n >= 0; --n)); do
         kill "${background[n]}"
-        wait "${background[n]}" || { echo "the program in the background ended with status $?"; cat "${logs[n]}"; exit 1; }
-        unset "background[n]" "logs[n]"
+        status=0
+        wait "${background[n]}" || status=$?
+        [ "$status" -eq "${ends[n]}" ] ||
+            { echo "the program in the background ended with status $status"; cat "${logs[n]}"; exit 1; }
+        unset "background[n]" "logs[n]" "ends[n]"
     done
 }
 trap 'for process in "${background[@]}"; do kill "$process" || true; done' EXIT
@@ -156,7 +161,7 @@ def script(page, text, skipped):
             if ready:
                 out.append(("" if re.search(BESIDE, command) else "stop\n") +
                            f"log=$(mktemp -p \"$HOME\")\n( exec {bare(command)} ) >\"$log\" 2>&1 &\n"
-                           f"background+=($!) logs+=(\"$log\")\n"
+                           f"background+=($!) logs+=(\"$log\") ends+=({1 if re.search(ENDS_WITH_ONE, command) else 0})\n"
                            f"until {ready}; do\n"
                            f"    kill -0 ${{background[-1]}} 2>/dev/null || {{ cat \"$log\"; exit 1; }}\n"
                            f"    sleep 0.1\ndone\n" + ("" if re.search(GOES_ON, command) else "stop\n"))
