@@ -86,7 +86,7 @@ bool areFilesReadable(const ConnectionSettings& settings, std::string& error) {
     return false;
 }
 
-// The engine takes these only to refuse values that cannot be.
+// These fail for values that cannot be, and there are none.
 void setManner(natsOptions* options, const ConnectionSettings& settings) {
     const auto servers = static_cast<std::int64_t>(std::max<std::size_t>(1, settings.servers.size()));
     natsOptions_SetName(options, settings.name.c_str());
