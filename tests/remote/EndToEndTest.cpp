@@ -5,7 +5,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -23,18 +22,13 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-// Enough for every part to be busy. VEXO_END_TO_END_QUOTES asks for more, such as a million.
-std::uint32_t QuoteCount() {
-    const char* const wanted = std::getenv("VEXO_END_TO_END_QUOTES");
-    return wanted != nullptr ? static_cast<std::uint32_t>(std::strtoul(wanted, nullptr, 10)) : 30'000;
-}
+// Few enough for the memory of a connection, so that no reader is too slow for them.
+constexpr std::uint32_t kQuotes = 30'000;
 
 const std::vector<std::string> kAllQuotes = {"--json", "--quotes", "1000000000"};
 
 class EndToEnd : public RelayFixture {
 protected:
-    const std::uint32_t m_quotes = QuoteCount();
-
     void SetUp() override {
         SKIP_WITHOUT_NATS_SERVER();
         WriteQuotes();
@@ -56,14 +50,14 @@ protected:
             enyx_sim::Level1Quote quote;
         } packet{};
         std::strcpy(packet.quote.common.id, "SR505");
-        for (std::uint32_t n = 1; n <= m_quotes; ++n) {
+        for (std::uint32_t n = 1; n <= kQuotes; ++n) {
             packet.head = {17, sizeof packet, n};
             packet.quote.common.sequence = n;
             packet.quote.common.totalVolume = n;
             packet.quote.common.lastPrice = 50'000'000 + 10'000 * (n % 97);
             files.addPacket(stream, n * std::uint64_t{20'000}, &packet, sizeof packet);
         }
-        files.close(m_quotes * std::uint64_t{20'000});
+        files.close(kQuotes * std::uint64_t{20'000});
         dir.Write("replay.ini", "[replay]\nfile = day.pcapng\n");
     }
 
@@ -82,7 +76,7 @@ protected:
     }
     /// Ends the printer when it has all quotes. @return its lines of quotes
     std::vector<std::string> QuotesOf(Process& printer, const std::string& name) const {
-        EXPECT_TRUE(hosted::Eventually([&] { return HasTotal(name, m_quotes) || !printer.IsRunning(); }));
+        EXPECT_TRUE(hosted::Eventually([&] { return HasTotal(name, kQuotes) || !printer.IsRunning(); }));
         printer.Signal(SIGINT);
         printer.Wait();
         std::vector<std::string> quotes;
@@ -99,7 +93,7 @@ TEST_F(EndToEnd, AnUnmodifiedProgramPrintsOnARemoteCardWhatItPrintsBesideTheCard
     const NatsServer server;
     Process beside = Printer({VEXO_COMMAND, "sim", "run", "--embedded", "--scenario", "replay.ini"}, "beside");
     const std::vector<std::string> expected = QuotesOf(beside, "beside");
-    ASSERT_EQ(expected.size(), m_quotes);
+    ASSERT_EQ(expected.size(), kQuotes);
 
     Process remote = Printer({VEXO_COMMAND, "remote", "run", "--from", server.Url()}, "remote");
     ASSERT_TRUE(hosted::Eventually([&] {
@@ -108,10 +102,9 @@ TEST_F(EndToEnd, AnUnmodifiedProgramPrintsOnARemoteCardWhatItPrintsBesideTheCard
     Process relay = Start({"--embedded", "--scenario", "replay.ini"}, {"--channel", "3", "--to", server.Url()});
     const std::vector<std::string> quotes = QuotesOf(remote, "remote");
     const nlohmann::json result = End(relay);
-    EXPECT_EQ(result["sent"], m_quotes);
+    EXPECT_EQ(result["sent"], kQuotes);
     EXPECT_TRUE(quotes == expected);
-    EXPECT_THAT(Errors("remote"),
-                HasSubstr("backpress:0, dma2soft:" + std::to_string(m_quotes) + ", fifo:0, error:0."));
+    EXPECT_THAT(Errors("remote"), HasSubstr("backpress:0, dma2soft:" + std::to_string(kQuotes) + ", fifo:0, error:0."));
 }
 
 TEST_F(EndToEnd, AMasterOnARemoteCardEndsAtOnceAndALineSaysWhatToDo) {

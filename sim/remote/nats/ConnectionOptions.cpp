@@ -60,18 +60,21 @@ bool wantsTls(const ConnectionSettings& settings) {
            std::any_of(settings.servers.begin(), settings.servers.end(), isTls);
 }
 
+// Whether a step went well; otherwise @p error names the file.
+bool isDone(natsStatus status, const std::string& file, std::string& error) {
+    if (status != NATS_OK) error = file + ": " + reasonOf(status);
+    return status == NATS_OK;
+}
+
 bool setTls(natsOptions* options, const ConnectionSettings& settings, std::string& error) {
     if (!wantsTls(settings)) return true;
-    natsStatus status = natsOptions_SetSecure(options, true);
-    std::string file;
-    if (status == NATS_OK && !settings.tlsCaFile.empty())
-        status = natsOptions_LoadCATrustedCertificates(options, (file = settings.tlsCaFile).c_str());
-    if (status == NATS_OK && !settings.tlsCertFile.empty())
-        status = natsOptions_LoadCertificatesChain(options, (file = settings.tlsCertFile).c_str(),
-                                                   settings.tlsKeyFile.c_str());
-    if (status == NATS_OK) return true;
-    error = file + ": " + reasonOf(status);
-    return false;
+    if (!isDone(natsOptions_SetSecure(options, true), "TLS", error)) return false;
+    const std::string& ca = settings.tlsCaFile;
+    const std::string& certificate = settings.tlsCertFile;
+    if (!ca.empty() && !isDone(natsOptions_LoadCATrustedCertificates(options, ca.c_str()), ca, error)) return false;
+    if (certificate.empty()) return true;
+    return isDone(natsOptions_LoadCertificatesChain(options, certificate.c_str(), settings.tlsKeyFile.c_str()),
+                  certificate, error);
 }
 
 bool areFilesReadable(const ConnectionSettings& settings, std::string& error) {
@@ -83,7 +86,7 @@ bool areFilesReadable(const ConnectionSettings& settings, std::string& error) {
     return false;
 }
 
-// The engine takes these only to refuse values that cannot be.
+// These fail for values that cannot be, and there are none.
 void setManner(natsOptions* options, const ConnectionSettings& settings) {
     const auto servers = static_cast<std::int64_t>(std::max<std::size_t>(1, settings.servers.size()));
     natsOptions_SetName(options, settings.name.c_str());
