@@ -8,6 +8,9 @@ install(FILES include/VexoZceInstrument.h include/VexoZceMdApi.h include/VexoZce
 
 # The simulated card: where no loader looks by itself, so that it is never mistaken for the card's own library.
 install(TARGETS vexo_sim_hw LIBRARY DESTINATION ${VEXO_SIM_INSTALL_DIR} COMPONENT sim)
+if(TARGET vexo_remote)
+    install(TARGETS vexo_remote LIBRARY DESTINATION ${VEXO_SIM_INSTALL_DIR} COMPONENT sim)
+endif()
 if(TARGET vexo-simcard)
     install(TARGETS vexo-simcard RUNTIME COMPONENT sim)
 endif()

@@ -73,10 +73,11 @@ typename Direction::Stream* openStream(const typename Direction::Descriptor* des
     stream->channel = descriptor->channel;
     Direction::attach(*stream);
     pool<Stream>().publish(stream);
-    if (stream->card->backend->take({Direction::kPart, stream->channel})) return stream;
-    tellHolder(*stream->card, {Direction::kPart, stream->channel});
+    const int error = stream->card->backend->take({Direction::kPart, stream->channel});
+    if (error == 0) return stream;
+    if (error == EBUSY) tellHolder(*stream->card, {Direction::kPart, stream->channel});
     pool<Stream>().kill(stream);
-    errno = EBUSY;
+    errno = error;
     return nullptr;
 }
 

@@ -33,9 +33,10 @@ TEST_F(Command, TellsItsVersion) { EXPECT_EQ(vexo("--version").output, "vexo " V
 
 TEST_F(Command, ExplainsEverySubcommand) {
     EXPECT_EQ(vexo("--help").status, 0);
-    EXPECT_THAT(vexo("--help").output, AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "),
-                                             HasSubstr("\n  plan "), HasSubstr("\n  report "), HasSubstr("\n  run "),
-                                             HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
+    EXPECT_THAT(vexo("--help").output,
+                AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "), HasSubstr("\n  plan "),
+                      HasSubstr("\n  relay "), HasSubstr("\n  remote "), HasSubstr("\n  report "),
+                      HasSubstr("\n  run "), HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
     EXPECT_THAT(vexo("sim --help").output, HasSubstr("\n  run "));
     EXPECT_THAT(vexo("sim run --help").output, HasSubstr("vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]"));
     EXPECT_THAT(vexo("tap --help").output, HasSubstr("vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]"));
@@ -88,6 +89,20 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"index a b", "vexo: unexpected argument: b\nSee vexo index --help"},
         {"index a --compare b --list",
          "vexo: --list shows no comparison; leave out --list or --compare, or add --json"},
+        {"relay --channel 3", "--to is required"},
+        {"relay --channel 16 --to nats://h", "--channel: Value 16 not in range"},
+        {"relay --to nats://h", "vexo: no channel: give --channel N, or a configuration\n"},
+        {"relay --channel 0 --to nats://h", "vexo: channel 0 is the master's, which programs the card"},
+        {"relay --channel 3 --to http://h", "vexo: --to: \"http://h\" is not nats://HOST:PORT or tls://HOST:PORT\n"},
+        {"relay --channel 3 --to nats://me:secret@h", "vexo: --to: a server's address must not carry a user"},
+        {"relay --channel 3 --to nats://h --site a.b", "vexo: --site a.b: use 1 to 32 letters, digits, _ and -\n"},
+        {"relay none.ini --to nats://h", "vexo: none.ini: No such file or directory\n"},
+        {"remote run --from nats://h", "vexo: no program to run: put it after --"},
+        {"remote run -- true", "--from is required"},
+        {"remote run --from nats://me:secret@h -- true", "vexo: --from: a server's address must not carry a user"},
+        {"remote run --from nats://h --site a.b -- true", "vexo: --site a.b: use 1 to 32 letters, digits, _ and -\n"},
+        {"remote run --from nats://h --bus 5 -- true", "--bus: Value 5 not in range"},
+        {"remote run --from nats://h --creds none -- true", "vexo: none: No such file or directory\n"},
         {"stat --json --loss", "--loss excludes --json"},
         {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
         {"stat --listen 70000", "vexo: --listen: 70000 is not a whole number from 0 to 65535\n"},
@@ -191,6 +206,16 @@ TEST_F(Command, SimRunHandsOnScenarioAndKindOfCard) {
     EXPECT_EQ(vexo("sim run" + show).output, "|\n");
     EXPECT_EQ(vexo("sim run --scenario a.ini --embedded" + show).output, dir.Path("a.ini") + "|embedded\n");
     EXPECT_EQ(vexo("sim run --hosted" + show).output, "|hosted\n");
+}
+
+TEST_F(Command, RemoteRunHandsOnWhereTheCardIs) {
+    dir.Write("me", "user\n");
+    const std::string show =
+        " -- sh -c 'echo \"$VEXO_SIM_CARD|$VEXO_SIM_REMOTE|$VEXO_SIM_REMOTE_SITE|$VEXO_SIM_REMOTE_BUS|"
+        "$VEXO_SIM_REMOTE_REGISTERS|$VEXO_NATS_USER_FILE\"'";
+    EXPECT_EQ(vexo("remote run --from nats://a:1,b:2" + show).output, "remote|nats://a:1,b:2|local|||\n");
+    EXPECT_EQ(vexo("remote run --from a --site colo --bus 3 --own-registers --user-file me" + show).output,
+              "remote|a|colo|3|own|" + dir.Path("me") + "\n");
 }
 
 TEST_F(Command, SimRunChecksTheScenarioBeforeTheProgramStarts) {
