@@ -58,9 +58,16 @@ struct Process {
     std::uint64_t startNs;         // since 1970
     std::uint64_t steps[kSteps];
     char program[kProgramBytes];  // ends with a zero byte
+    // What tells the page of a running process from one that was left behind.
+    std::uint64_t pidNamespace;  // who sees the process under this number; 0: not known
+    std::uint64_t boot;          // the machine's run whose counter is the page's clock; 0: not known
+    std::uint64_t isLocked;      // 1: the process keeps a lock on the file until it ends or becomes another program
+    std::uint64_t isKept;        // 1: the page stays when the process has ended
+    std::uint64_t endNs;         // the moment of steps[kEnded], since 1970
+    std::uint64_t users;         // libraries of the process that share the page
 };
 
-enum StreamState { kUnused = 0, kOpen = 1, kClosed = 2 };
+enum StreamState { kUnused = 0, kOpen = 1, kClosed = 2, kPreparing = 3 };  // kPreparing: not to be read yet
 
 /// Buckets of the gaps that count no gap: a first packet after the stream was opened; a clock that ran backwards.
 enum { kFirstBucket = 62, kBackwardsBucket = 63 };

@@ -29,26 +29,51 @@ Poll* PollWithoutTap() {
     return poll;
 }
 
-// With heads as the simulated card's, whose sequence numbers are counted, or with heads that nobody knows.
-void PushQuotes(unsigned int packets, bool isKnown) {
-    static enyx_sim::PacketHead head{17, kSize, 0};
+struct Packets {
+    std::uint32_t channel = bench_card::kBareChannel;
+    std::uint32_t type = 17;
+    bool isKnown =
+        true;  // heads as the simulated card's, whose sequence numbers are counted; or heads that nobody knows
+};
+
+void Push(const Packets& packets, unsigned int count) {
+    static enyx_sim::PacketHead head{0, kSize, 0};
     unsigned char packet[kSize] = {};
-    for (unsigned int n = 0; n < packets; ++n) {
+    head.type = packets.type;
+    for (unsigned int n = 0; n < count; ++n) {
         ++head.sequence;
         std::memcpy(packet, &head, sizeof head);
-        if (!isKnown) std::memset(packet + sizeof head.type, 0, sizeof head - sizeof head.type);
-        if (enyx_sim_push(0, bench_card::kBareChannel, packet, kSize, 0) != 0) std::exit(2);
+        if (!packets.isKnown) std::memset(packet + sizeof head.type, 0, sizeof head - sizeof head.type);
+        if (enyx_sim_push(0, packets.channel, packet, kSize, 0) != 0) std::exit(2);
     }
 }
 
 void CountPolls(Poll* poll, bool isKnown, const char* packetName, const char* idleName) {
     const bench_card::Bare stream = bench_card::ReadBare();
     const auto once = [poll, handle = stream.get()] { poll(handle, EmptyHandler, nullptr); };
-    PushQuotes(kWarmUp, isKnown);
+    Packets packets;
+    packets.isKnown = isKnown;
+    Push(packets, kWarmUp);
     for (unsigned int n = 0; n < 2 * kWarmUp; ++n) once();
-    PushQuotes(kTimes, isKnown);
+    Push(packets, kTimes);
     CountInstructions(packetName, kTimes, once);
     CountInstructions(idleName, kTimes, once);
+}
+
+// The start of two channels that one thread polls in turn: contract-map packets, and no quote yet.
+void CountMapsInTurn(Poll* poll, const char* name) {
+    constexpr std::uint32_t kOther = bench_card::kBareChannel + 1;
+    const bench_card::Bare streams[] = {bench_card::ReadBare(), bench_card::ReadBare(kOther)};
+    const auto push = [](unsigned int count) {
+        Push({bench_card::kBareChannel, 2, true}, count);
+        Push({kOther, 2, true}, count);
+    };
+    unsigned int turn = 0;
+    const auto once = [&] { poll(streams[turn++ % 2].get(), EmptyHandler, nullptr); };
+    push(kWarmUp);
+    for (unsigned int n = 0; n < 4 * kWarmUp; ++n) once();
+    push(kTimes / 2);
+    CountInstructions(name, kTimes, once);
 }
 
 // ---- callbacks ----
@@ -95,6 +120,8 @@ int main() {
     CountPolls(PollWithoutTap(), false, "stats/floor", "stats/floor/idle");
     CountPolls(enyx_hw_a2c_stream_poll_once, false, "stats/tap", "stats/tap/idle");
     CountPolls(enyx_hw_a2c_stream_poll_once, true, "stats/tap-sequence", "stats/tap-sequence/idle");
+    CountMapsInTurn(PollWithoutTap(), "stats/floor-in-turn");
+    CountMapsInTurn(enyx_hw_a2c_stream_poll_once, "stats/tap-in-turn");
 
     Quotes quotes;
     VexoZceMdStats<> wrapper(quotes);

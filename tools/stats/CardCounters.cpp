@@ -7,12 +7,14 @@ using vexo_stats::kUnknown;
 
 std::uint64_t load(const std::uint64_t& word) { return __atomic_load_n(&word, __ATOMIC_RELAXED); }
 void store(std::uint64_t& word, std::uint64_t value) { __atomic_store_n(&word, value, __ATOMIC_RELAXED); }
+std::uint64_t orNone(std::uint64_t n) { return n == kUnknown ? 0 : n; }
 
-// What a counter of 32 bits gained. It begins again at 0 when it passes its end, and when the stream is opened again.
+// What a counter of 32 bits gained. It begins again at 0 when it passes its end, and when the card is reset.
 std::uint32_t gained(CardCounter& counter, std::uint32_t now) {
     constexpr std::uint32_t kHalf = 1U << 31;
-    const std::uint32_t last = counter.last;
+    const std::uint32_t last = counter.hasBase ? counter.last : now;
     counter.last = now;
+    counter.hasBase = true;
     return now < last && last < kHalf ? now : now - last;
 }
 
@@ -46,11 +48,21 @@ std::uint32_t read(Call& call, const Source& source, CardCounter& counter, std::
     const auto* stream = static_cast<const enyx_hw_a2c_stream*>(source.stream.load(std::memory_order_relaxed));
     if (!call.isThere() || call(stream, &value) != 0) return 0;
     const std::uint32_t more = gained(counter, value);
-    store(word, (word == kUnknown ? 0 : word) + more);
+    store(word, orNone(word) + more);
     return more;
 }
 
 }  // namespace
+
+void beginCardCounters(Source& source) {
+    source.backPressure = source.fifoErrors = source.errors = {};
+    const vexo_stats::Stream& counts = source.counts;
+    source.lostAtOpen = counts.lostBeforeCard;
+    source.missingAtOpen = counts.sequenceLost;
+    source.pressureAtOpen = orNone(counts.backPressure);
+    source.lookedAt = vexo_stats::startNow();
+    readCardCounters(source);
+}
 
 void readCardCounters(Source& source) {
     const tap::KeepErrno keep;
@@ -60,12 +72,12 @@ void readCardCounters(Source& source) {
     const std::uint32_t lost = read(tap::g_next.enyx_hw_a2c_stream_stats_get_backpressure, source, source.backPressure,
                                     counts.backPressure);
     if (counts.backPressure != kUnknown) {
-        const std::uint64_t before = counts.backPressureInCallbacks == kUnknown ? 0 : counts.backPressureInCallbacks;
-        store(counts.backPressureInCallbacks, before + (away ? lost : 0));
+        store(counts.backPressureInCallbacks, orNone(counts.backPressureInCallbacks) + (away ? lost : 0));
         // The card may have counted packets whose gap has not arrived yet.
-        if (missing > counts.backPressure + counts.lostBeforeCard) {
-            store(counts.lostBeforeCard, missing - counts.backPressure);
-        }
+        const std::uint64_t missed = missing - source.missingAtOpen;
+        const std::uint64_t overflowed = counts.backPressure - source.pressureAtOpen;
+        const std::uint64_t lostBefore = source.lostAtOpen + (missed > overflowed ? missed - overflowed : 0);
+        if (lostBefore > counts.lostBeforeCard) store(counts.lostBeforeCard, lostBefore);
     }
     read(tap::g_next.enyx_hw_a2c_stream_stats_get_fifo_errors, source, source.fifoErrors, counts.fifoErrors);
     read(tap::g_next.enyx_hw_a2c_stream_stats_get_errors, source, source.errors, counts.errors);

@@ -2,7 +2,7 @@
 // and its errno unchanged. None of these functions is noexcept: an exception of a packet handler must pass through, and
 // so must the unwinding when its thread ends.
 
-#include <dlfcn.h>
+#include <cstddef>
 #include <cstring>
 
 #include "tools/stats/Sources.h"
@@ -45,11 +45,14 @@ std::uint32_t word(const std::uint8_t* data, std::size_t at = 0) {
     return value;
 }
 
-bool isSimulated() { return ::dlsym(RTLD_DEFAULT, "enyx_sim_is_simulated") != nullptr; }
-
-void countPacket(Source& source, std::uint32_t slot, std::uint32_t size) {
-    vexo_stats::addOne(source.counts.packets[slot]);
-    vexo_stats::add(source.counts.bytes[slot], size);
+// One more packet in its slot, and its bytes. Left to itself, the compiler first works out where the slot is.
+void countPacket(Source& source, std::uint64_t slot, std::uint64_t size) {
+    __asm__ volatile("incq %c[packets](%[source], %[slot], 8)\n\taddq %[size], %c[bytes](%[source], %[slot], 8)"
+                     :
+                     : [packets] "i"(offsetof(Source, counts) + offsetof(vexo_stats::Stream, packets)),
+                       [bytes] "i"(offsetof(Source, counts) + offsetof(vexo_stats::Stream, bytes)),
+                       [source] "r"(&source), [slot] "r"(slot), [size] "r"(size)
+                     : "cc", "memory");
 }
 
 // The time from the packet before to this one.
@@ -98,13 +101,21 @@ void countAndDeliver(const std::uint8_t* data, std::uint32_t size, void* context
     source.handler(data, size, source.context);
 }
 
+// Compares, then counts on, both in memory.
+bool isNext(Source& source, std::uint32_t sequence) {
+    bool isNext;
+    __asm__("cmpl %[sequence], %[next]" : "=@cce"(isNext) : [next] "m"(source.next), [sequence] "r"(sequence));
+    if (isNext) __asm__("incl %0" : "+m"(source.next) : : "cc");
+    return isNext;
+}
+
 void countInTurnAndDeliver(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
     countGap(source);
     if (size < kHeadBytes) return deliverOddInTurn(data, size, context);
     const std::uint32_t type = word(data);
-    if (type >= kOrdinaryTypes || word(data, kSequenceAt) != source.next) return deliverOddInTurn(data, size, context);
-    ++source.next;
+    if (type >= kOrdinaryTypes || !isNext(source, word(data, kSequenceAt)))
+        return deliverOddInTurn(data, size, context);
     countPacket(source, type, size);
     source.handler(data, size, source.context);
 }
@@ -120,15 +131,16 @@ bool isQuote(const std::uint8_t* data, std::uint32_t size) {
     {
         const KeepErrno keep;
         noteFirst(vexo_stats::kFirstPacket);
-        const bool isKnown = size >= kHeadBytes && word(data, kLengthAt) == size && isSimulated();
-        if (isKnown) source.counts.sequenceKnown = 1;
+        const bool isNumbered = size >= kHeadBytes && word(data, kLengthAt) == size && source.isSimulated;
+        if (isNumbered) source.counts.sequenceKnown = 1;
+        if (isNumbered && !source.hasNext) source.next = word(data, kSequenceAt);
+        source.hasNext = source.hasNext || isNumbered;
         if (isQuote(data, size)) {
             noteFirst(vexo_stats::kFirstQuote);
-            source.counting = source.counts.sequenceKnown != 0 ? countInTurnAndDeliver : countAndDeliver;
+            source.counting = source.hasNext ? countInTurnAndDeliver : countAndDeliver;
         }
     }
-    return source.counts.sequenceKnown != 0 ? countInTurnAndDeliver(data, size, context)
-                                            : countAndDeliver(data, size, context);
+    return source.hasNext ? countInTurnAndDeliver(data, size, context) : countAndDeliver(data, size, context);
 }
 
 // The first packet after the stream was opened: its time is no gap.
@@ -141,22 +153,29 @@ bool isQuote(const std::uint8_t* data, std::uint32_t size) {
 
 // ---- polls ----
 
-// What a thread polled that has polled nothing.
-struct NoSource : Source {
-    NoSource() { close(); }
-} g_none;
+// What a thread polled that has polled nothing. A constant, because a poll may come before any constructor ran.
+Source g_none(&Source::kNoStream);
 
 // The stream that this thread polled last.
 [[gnu::tls_model("initial-exec")]] thread_local Source* t_last = &g_none;
 
-// After the poll.
+// What the card calls for each packet of this poll. Without a handler the poll is an error, and the card has to see
+// that there is none. The compiler would make a branch of it.
+Handler countingFor(const Source& source, Handler handler) {
+    __asm__("testq %0, %0\n\tcmovneq %1, %0" : "+r"(handler) : "m"(source.counting) : "cc");
+    return handler;
+}
+
+// After the poll. The result of the usual one is made anew, because the clock takes the register that it is in.
 int countPoll(Source& source, int result) {
     vexo_stats::Stream& counts = source.counts;
     if (__builtin_expect(result == 1, 1)) {
         const std::uint64_t time = vexo_stats::endNow() - counts.lastPacket;
         vexo_stats::add(counts.callbackClock, time);
         vexo_stats::addOne(counts.callbacks[vexo_stats::bucketOf(time)]);
-        return 1;
+        int one;
+        __asm__("movl $1, %0" : "=r"(one));
+        return one;
     }
     if (result == 0) {
         vexo_stats::addOne(counts.idlePolls);
@@ -166,7 +185,14 @@ int countPoll(Source& source, int result) {
     return result;
 }
 
-// A thread's first poll of the stream, or one with another handler.
+// Compares in memory. Another thread may close this thread's last stream and open another one in its place.
+bool isOf(const Source& source, const enyx_hw_a2c_stream* stream) {
+    bool isIt;
+    __asm__("cmpq %[stream], %[now]" : "=@cce"(isIt) : [now] "m"(source.stream), [stream] "r"(stream));
+    return isIt;
+}
+
+// The thread polled another stream before.
 [[gnu::noinline, gnu::cold]] int pollSlow(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
                                           void* context) {
     Source* source = stream != nullptr ? find(stream) : nullptr;
@@ -197,9 +223,8 @@ void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) {
 
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     Source& source = *t_last;
-    if (source.stream.load(std::memory_order_relaxed) != stream || source.handler != handler ||
-        source.context != context) {
-        return pollSlow(stream, handler, context);
-    }
-    return countPoll(source, g_next.enyx_hw_a2c_stream_poll_once.known()(stream, source.counting, &source));
+    if (!isOf(source, stream)) return pollSlow(stream, handler, context);
+    source.handler = handler;
+    source.context = context;
+    return countPoll(source, source.poll(stream, countingFor(source, handler), &source));
 }

@@ -12,21 +12,28 @@
 namespace stats {
 
 using Handler = enyx_hw_a2c_stream_handler;
+using Poll = decltype(&::enyx_hw_a2c_stream_poll_once);
 
 /// How far a counter of the card had come.
 struct CardCounter {
     std::uint32_t last = 0;
+    bool hasBase = false;  // what it showed when the stream was opened is not this stream's
 };
 
 /// A stream. The poll's own values lie in a page of private memory, directly before the block of the shared page: so
 /// one register reaches both.
 struct alignas(vexo_stats::kBlockBytes) Source {
-    // The poll compares the first three with its arguments. A thread at a time polls a stream.
-    std::atomic<const void*> stream{nullptr};  // see isOpen()
-    Handler handler = nullptr;
+    constexpr explicit Source(const void* handle = nullptr) : stream(handle) {}
+
+    // A thread at a time polls a stream.
+    std::atomic<const void*> stream;  // see isOpen()
+    Handler handler = nullptr;        // the program's, of this poll
     void* context = nullptr;
     Handler counting = nullptr;  // what the card calls instead: counts, then calls the handler
-    std::uint32_t next = 1;      // expected sequence number
+    Poll poll = nullptr;         // the card's
+    std::uint32_t next = 0;      // expected sequence number
+    bool hasNext = false;        // since the stream was opened, a packet had a number
+    bool isSimulated = false;    // the card, when the stream was opened
 
     // Of the thread that reads the card's counters.
     CardCounter backPressure;
@@ -37,16 +44,20 @@ struct alignas(vexo_stats::kBlockBytes) Source {
     std::uint64_t packetBefore = 0;
     std::uint64_t lookedAt = 0;
     bool wasLong = false;
+    // When the stream was opened.
+    std::uint64_t lostAtOpen = 0;
+    std::uint64_t missingAtOpen = 0;
+    std::uint64_t pressureAtOpen = 0;
 
     alignas(vexo_stats::kBlockBytes) vexo_stats::Stream counts{};
 
     // No stream has this address, and a poll of null, which is an error, does not find a closed stream.
-    static const void* noStream() { return reinterpret_cast<const void*>(std::uintptr_t{1}); }
+    static constexpr char kNoStream = 0;
     bool isOpen() const {
         const void* const now = stream.load(std::memory_order_relaxed);
-        return now != nullptr && now != noStream();
+        return now != nullptr && now != &kNoStream;
     }
-    void close() { stream.store(noStream(), std::memory_order_release); }
+    void close() { stream.store(&kNoStream, std::memory_order_release); }
 };
 static_assert(sizeof(Source) == 2 * vexo_stats::kBlockBytes);
 

@@ -7,14 +7,14 @@
 #include <unistd.h>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
-#include <system_error>
 #include <thread>
 
 #include "tools/Version.h"
+#include "tools/tap/AllSignalsBlocked.h"
 #include "tools/tap/Report.h"
 
 namespace tap {
@@ -91,21 +91,15 @@ void runWriter(Capture& capture) {
     capture.writer.finish();
 }
 
-// All signals are blocked in the writer: the application's handlers must not run in its thread.
 bool startWriter(Capture& capture) {
-    sigset_t all;
-    sigset_t before;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool started = true;
+    const AllSignalsBlocked blocked;  // also in the writer: the application's handlers must not run there
     try {
         capture.thread = std::thread([&capture] { runWriter(capture); });
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {  // no thread, or no memory
         report(std::string("cannot start the writer: ") + error.what() + "; nothing is captured");
-        started = false;
+        return false;
     }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return started;
+    return true;
 }
 
 void tellResult(const Capture& capture) {

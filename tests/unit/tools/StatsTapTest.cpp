@@ -19,10 +19,11 @@ namespace {
 
 class StatsTap : public ::testing::Test {
 protected:
-    ProgramResult run(const std::string& way, const std::string& settings = "SCRIPTED_PACKETS=10") {
+    ProgramResult run(const std::string& way, const std::string& settings = "SCRIPTED_PACKETS=10",
+                      const std::string& app = VEXO_TAP_APP) {
         return runProgram(tapSettings(dir.Path("none.pcapng")) +
                           "export VEXO_STATS_KEEP=1 VEXO_STATS_DIR=" + word(dir.Path("pages")) + "; " + settings + " " +
-                          preloading(VEXO_STATS_LIBRARY) + word(VEXO_TAP_APP) + " " + way);
+                          preloading(VEXO_STATS_LIBRARY) + word(app) + " " + way);
     }
     // The only page of the last run.
     Page page() {
@@ -123,6 +124,60 @@ TEST_F(StatsTap, AProgramThatEndsInItsHandlerEndsInOrder) {
 TEST_F(StatsTap, AChildOfForkDoesNotCountIntoThePageOfItsParent) {
     EXPECT_EQ(run("fork").status, 0);
     EXPECT_EQ(packetsOf(page().streams.at(0)), 10U);
+}
+
+TEST_F(StatsTap, AChildOfForkInAHandlerDoesNotCountThatCallback) {
+    EXPECT_EQ(run("fork-in-handler").status, 0);
+    const Page page = this->page();
+    EXPECT_EQ(packetsOf(page.streams.at(0)), 10U);
+    EXPECT_EQ(sum(page.streams.at(0).callbacks), 10U);
+    EXPECT_EQ(page.streams.at(0).idlePolls, 1U);
+}
+
+TEST_F(StatsTap, AForkWhileThePageIsMadeDoesNotHangTheChild) {
+    EXPECT_EQ(run("fork-while-opening").status, 0);
+    EXPECT_EQ(packetsOf(page().streams.at(0)), 0U);
+}
+
+// The numbers go on while the stream is closed, and 0 is a number, too.
+TEST_F(StatsTap, APacketThatIsTheFirstSinceTheStreamWasOpenedFollowsNoOther) {
+    for (const char* first : {"0", "1", "7", "4294967290"}) {
+        EXPECT_EQ(
+            run("twice", std::string("SCRIPTED_PACKETS=40 SCRIPTED_HEADS=") + first, VEXO_TAP_APP_ON_SIMULATED_CARD)
+                .status,
+            0);
+        const Page page = this->page();
+        ASSERT_THAT(page.streams, SizeIs(1));
+        EXPECT_EQ(packetsOf(page.streams[0]), 80U);
+        EXPECT_EQ(page.streams[0].sequenceKnown, 1U);
+        EXPECT_EQ(page.streams[0].sequenceGaps, 0U) << first;
+        EXPECT_EQ(page.streams[0].sequenceRestarts, 0U) << first;
+    }
+}
+
+// The scripted card counts each packet that it delivers, from 500 on.
+TEST_F(StatsTap, WhatTheCardCountedBeforeTheStreamWasOpenedIsNotItsLoss) {
+    EXPECT_EQ(run("twice", "SCRIPTED_PACKETS=10 SCRIPTED_BACKPRESSURE=500").status, 0);
+    EXPECT_EQ(page().streams.at(0).backPressure, 20U);
+}
+
+TEST_F(StatsTap, AStreamThatTheCardFreedItselfDoesNotGiveItsBlockToAnother) {
+    EXPECT_EQ(run("freed", "SCRIPTED_PACKETS=10 SCRIPTED_ONE_HANDLE=1").status, 0);
+    const Page page = this->page();
+    ASSERT_THAT(page.streams, SizeIs(2));
+    EXPECT_EQ(packetsOf(page.streams[0]), 0U);
+    EXPECT_EQ(page.streams[0].channel, 3U);
+    EXPECT_EQ(page.streams[0].state, vexo_stats::kClosed);
+    EXPECT_EQ(packetsOf(page.streams[1]), 10U);
+    EXPECT_EQ(page.streams[1].channel, 5U);
+}
+
+TEST_F(StatsTap, AStreamThatIsOpenedAgainWithoutBeingClosedHasOneBlock) {
+    EXPECT_EQ(run("forgotten").status, 0);
+    const Page page = this->page();
+    ASSERT_THAT(page.streams, SizeIs(1));
+    EXPECT_EQ(packetsOf(page.streams[0]), 10U);
+    EXPECT_EQ(page.streams[0].state, vexo_stats::kClosed);
 }
 
 TEST_F(StatsTap, AStreamThatIsOpenedAgainGoesOnInItsBlock) {

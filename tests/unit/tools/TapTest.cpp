@@ -259,3 +259,18 @@ TEST_F(Tap, AKilledProgramLeavesWholeBlocks) {
     EXPECT_FALSE(file.damage);
     EXPECT_THAT(file.packets, SizeIs(10));
 }
+
+TEST_F(Tap, ALineThatNobodyReadsDoesNotEndTheProgram) {
+    const ProgramResult program = runWithoutReader(tapSettings(dir.Path("none/a.pcapng")) + "SCRIPTED_PACKETS=10 " +
+                                                   preloading(VEXO_TAP_LIBRARY) + word(VEXO_TAP_APP) + " receive");
+    EXPECT_EQ(program.status, 0);
+    EXPECT_EQ(program.output, "received 10\n");
+}
+
+// What the tap has looked up must not be gone when the program closes the library again.
+TEST_F(Tap, AProgramMayCloseTheCardsLibraryAndGoOn) {
+    const ProgramResult program = runProgram(tapSettings(dir.Path("a.pcapng")) + preloading(VEXO_TAP_LIBRARY) +
+                                             word(VEXO_CARD_LOADER) + " " + word(VEXO_SCRIPTED_CARD));
+    EXPECT_EQ(program.status, 0);
+    EXPECT_EQ(program.output, "a filter\n");
+}
