@@ -29,24 +29,6 @@ constexpr std::uint64_t kFastestClock = 1'000'000'000'000;
 constexpr int kMostEntries = 10'000;
 constexpr std::size_t kMostPages = 1'000;  // of a directory
 
-class File {
-public:
-    // A FIFO or a device in its place must not make us wait.
-    explicit File(const std::string& path) {
-        const capture::StandardNumbersTaken taken;
-        m_fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    }
-    ~File() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    int fd() const { return m_fd; }
-
-private:
-    int m_fd = -1;
-};
-
 // A process of another user may be hidden, and one of another container has another number here. The lock is seen all
 // the same. A child of its may have kept the lock.
 Life lifeOf(const Process& process, int file, uid_t owner) {
@@ -181,29 +163,36 @@ std::uint64_t gapsOf(const Stream& stream) {
     return all > stream.closedClock ? all - stream.closedClock : 0;
 }
 
-Loss lossOf(const Stream& stream) {
-    Loss loss;
-    const bool hasPressure = stream.backPressure != kUnknown;
-    if (stream.sequenceKnown != 0 && hasPressure) loss.beforeCard = stream.lostBeforeCard;
-    if (stream.fifoErrors != kUnknown || stream.errors != kUnknown) {
-        loss.byCard = (stream.fifoErrors != kUnknown ? stream.fifoErrors : 0) +
-                      (stream.errors != kUnknown ? stream.errors : 0);
-    }
-    if (hasPressure && stream.backPressureInCallbacks != kUnknown) {
-        loss.byApplication = std::min(stream.backPressureInCallbacks, stream.backPressure);
-        loss.byRing = stream.backPressure - *loss.byApplication;
-    }
-    return loss;
+data::Losses lossOf(const Stream& stream) {
+    const auto known = [](std::uint64_t n) { return n == kUnknown ? data::Count() : data::Count(n); };
+    data::LossCounts counts;
+    counts.backPressure = known(stream.backPressure);
+    counts.backPressureByApplication = known(stream.backPressureInCallbacks);
+    if (stream.sequenceKnown != 0 && counts.backPressure) counts.lostBeforeCard = stream.lostBeforeCard;
+    counts.fifoErrors = known(stream.fifoErrors);
+    counts.errors = known(stream.errors);
+    return data::lossesOf(counts);
 }
 
-std::string readPage(const std::string& path, Page& page) {
-    const File file(path);
+OpenPage::OpenPage(std::string path) : m_path(std::move(path)) {
+    const capture::StandardNumbersTaken taken;
+    // A FIFO or a device in its place must not make us wait.
+    m_fd = ::open(m_path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (m_fd < 0) m_fault = std::strerror(errno);
+}
+
+OpenPage::~OpenPage() {
+    if (m_fd >= 0) ::close(m_fd);
+}
+
+std::string OpenPage::read(Page& page) const {
     struct ::stat found {};
-    if (file.fd() < 0 || ::fstat(file.fd(), &found) != 0) return std::strerror(errno);
+    if (m_fd < 0) return m_fault;
+    if (::fstat(m_fd, &found) != 0) return std::strerror(errno);
     if (!S_ISREG(found.st_mode)) return "this is no statistics page";
     // A copy: a page that is mapped here could be cut while it is read, which would end this process.
     std::vector<unsigned char> bytes(vexo_stats::kPageBytes);
-    const ssize_t got = ::pread(file.fd(), bytes.data(), bytes.size(), 0);
+    const ssize_t got = ::pread(m_fd, bytes.data(), bytes.size(), 0);
     if (got < 0) return std::strerror(errno);
     bytes.resize(static_cast<std::size_t>(got));
     if (bytes.size() < sizeof page.process) return "this is no statistics page";
@@ -218,14 +207,16 @@ std::string readPage(const std::string& path, Page& page) {
         if (stream.state == vexo_stats::kUnused || stream.state == vexo_stats::kPreparing) continue;
         page.streams.push_back(stream);
     }
-    page.file = path;
+    page.file = m_path;
     page.owner = found.st_uid;
-    page.life = lifeOf(page.process, file.fd(), page.owner);
+    page.life = lifeOf(page.process, m_fd, page.owner);
     const vexo_stats::ClockPair now = vexo_stats::readPair(CLOCK_REALTIME);
     page.readClock = now.clock;
     page.rate = rateOf(page.process, now);
-    return nameFault(path, page.process);
+    return nameFault(m_path, page.process);
 }
+
+std::string readPage(const std::string& path, Page& page) { return OpenPage(path).read(page); }
 
 Found findPages(const std::string& directory) {
     Found found;
