@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tools/cli/Duration.h"
+#include "tools/cli/Values.h"
 #include "tools/stats/Settings.h"
 #include "tools/tap/Settings.h"
 #include "tools/vexo/Command.h"
@@ -75,7 +76,7 @@ std::vector<CLI::Option*> addLimits(CLI::App& tap, Options& options) {
     CLI::Option* rotate = tap.add_option("--rotate", options.rotateMb,
                                          "Start another file before one grows beyond so many megabytes")
                               ->type_name("MB")
-                              ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRotateMb));
+                              ->transform(cli::wholeNumber(1, tap::kMaxRotateMb));
     CLI::Option* rotateEvery =
         tap.add_option("--rotate-every", options.rotateSeconds,
                        "Start another file at each multiple of this time: 1h is at each full hour of UTC. TIME is "
@@ -86,12 +87,12 @@ std::vector<CLI::Option*> addLimits(CLI::App& tap, Options& options) {
                                        "Keep the newest N files of this and earlier recordings to --output, and "
                                        "remove older ones. Their names then have number and time")
                             ->type_name("N")
-                            ->check(CLI::Range(tap::kLeastKeptFiles, tap::kMostKeptFiles));
+                            ->transform(cli::wholeNumber(tap::kLeastKeptFiles, tap::kMostKeptFiles));
     CLI::Option* keepSpace = tap.add_option("--keep-space", options.keepSpaceMb,
                                             "Megabytes of the disk to leave free: older files are removed for it; "
                                             "then nothing is recorded until there is space again")
                                  ->type_name("MB")
-                                 ->check(CLI::Range(std::uint64_t{0}, tap::kMaxKeepSpaceMb))
+                                 ->transform(cli::wholeNumber(0, tap::kMaxKeepSpaceMb))
                                  ->capture_default_str()
                                  ->needs(keep);
     CLI::Option* duration = tap.add_option("--duration", options.durationSeconds,
@@ -116,7 +117,7 @@ void addTap(CLI::App& app, Invocation& invocation) {
                                      "--ring", options->ringMb,
                                      "Megabytes of memory for packets on their way to the file, for each stream")
                                   ->type_name("MB")
-                                  ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRingMb))
+                                  ->transform(cli::wholeNumber(1, tap::kMaxRingMb))
                                   ->capture_default_str();
     CLI::Option* statsOnly = tap->add_flag("--stats-only", options->statsOnly,
                                            "Record nothing; count for vexo stat what the program receives and loses");
@@ -124,7 +125,7 @@ void addTap(CLI::App& app, Invocation& invocation) {
                     "Microseconds until the ring of a stream is full when nobody polls: packets that a longer callback "
                     "costs are lost by the application")
         ->type_name("US")
-        ->check(CLI::Range(std::uint64_t{1}, stats::kMaxRingLastsUs))
+        ->transform(cli::wholeNumber(1, stats::kMaxRingLastsUs))
         ->capture_default_str()
         ->needs(statsOnly);
     tap->add_flag("--keep-page", options->keepPage, "Keep the numbers when the program ends")->needs(statsOnly);

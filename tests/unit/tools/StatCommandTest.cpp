@@ -104,7 +104,8 @@ TEST_F(StatCommand, ShowsWhatAPageSays) {
          {"counted by the tap, running for ", "  card 0 channel 3\n", "1,005, 140,000 bytes: type 2 5, type 17 1,000\n",
           "1,001,012: 1,000,000 idle, 7 failed\n", "half below 512 ns, 99 % below 512 ns, all below 1.05 ms\n",
           "4 gaps of 50 packets, 2 again or late, 0 restarts\n",
-          "before the card 20, by the card 18, by the ring 20, by the application 10\n"}) {
+          "before the card 20, by the card 18, by the ring 20, by the tap -, by a relay -, "
+          "by the application 10\n"}) {
         EXPECT_THAT(result.output, HasSubstr(text));
     }
 }
@@ -116,11 +117,40 @@ TEST_F(StatCommand, TheTableOfLossesHasALineForEachStream) {
     write(page);
     const std::string process = "quotes " + std::to_string(::getpid());
     const std::string pad(process.size() - 7, ' ');
-    EXPECT_EQ(
-        stat("--loss").output,
-        "program" + pad + "  card  channel  packets  before the card  by the card  by the ring  by the application\n" +
-            process + "     0        3     1005               20           18           20                  10\n" +
-            process + "     0        4        0                -            -            -                   -\n");
+    const std::string head =
+        "  card  channel  packets  before the card  by the card  by the ring  by the tap  by a relay  "
+        "by the application\n";
+    EXPECT_EQ(stat("--loss").output,
+              "program" + pad + head + process +
+                  "     0        3     1005               20           18           20           -           -  "
+                  "                10\n" +
+                  process +
+                  "     0        4        0                -            -            -           -           -  "
+                  "                 -\n");
+}
+
+TEST_F(StatCommand, ATableWithoutALineSaysWhy) {
+    write(Written());
+    const ProgramResult result = stat("--loss");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, testing::EndsWith("\nno stream has been opened yet: the table has a line for each\n"));
+    write(busy());
+    EXPECT_THAT(stat("--loss").output, Not(HasSubstr("no stream")));
+}
+
+TEST_F(StatCommand, APageThatIsMissingIsNamed) {
+    EXPECT_EQ(stat("").output,
+              "vexo: no statistics page in .; a program gets one by: vexo tap --stats-only -- PROGRAM\n");
+    EXPECT_THAT(stat("--pid 1").output, HasSubstr("vexo: no statistics page of process 1; a program gets one by"));
+    write(busy());
+    const ProgramResult other = stat("--pid 1");
+    EXPECT_EQ(other.status, 1);
+    EXPECT_THAT(other.output, HasSubstr("no statistics page of process 1; there are those of " +
+                                        std::to_string(::getpid()) + "; a program"));
+    dir.Write("file", "");
+    const ProgramResult file = runProgram(word(VEXO_COMMAND) + " stat --dir file");
+    EXPECT_EQ(file.status, 2);
+    EXPECT_THAT(file.output, HasSubstr("vexo: --dir: file is no directory\n"));
 }
 
 TEST_F(StatCommand, JsonIsALineForEachProcess) {
@@ -217,7 +247,7 @@ TEST_F(StatCommand, TheFileOfMetricsIsReplacedAsAWhole) {
     std::size_t files = 0;
     for ([[maybe_unused]] const auto& file : std::filesystem::directory_iterator(".")) ++files;
     EXPECT_EQ(files, 2U);
-    EXPECT_EQ(stat("--prometheus none/m.prom").status, 1);
+    EXPECT_EQ(stat("--prometheus none/m.prom").status, 2);
 }
 
 TEST_F(StatCommand, MetricsReplaceNothingButAFile) {

@@ -125,8 +125,8 @@ TEST_F(StatsWrapper, CountsWhatItHandsOn) {
     EXPECT_EQ(sum(stream.gaps), 7U);
     EXPECT_EQ(stream.pollsKnown, 0U);
     EXPECT_EQ(page.process.steps[vexo_stats::kFirstQuote], stream.firstPacket);
-    EXPECT_FALSE(lossOf(stream).beforeCard);
-    EXPECT_FALSE(lossOf(stream).byRing);
+    EXPECT_FALSE(lossOf(stream)[vexo::data::LossCause::kBeforeCard]);
+    EXPECT_FALSE(lossOf(stream)[vexo::data::LossCause::kByRing]);
 }
 
 TEST_F(StatsWrapper, ALongCallbackIsInTheBucketOfItsLength) {

@@ -10,7 +10,14 @@ using vexo_stats::kUnknown;
 using vexo_stats::Stream;
 
 ordered_json orNull(std::uint64_t n) { return n == kUnknown ? ordered_json(nullptr) : ordered_json(n); }
-ordered_json orNull(const std::optional<std::uint64_t>& n) { return n ? ordered_json(*n) : ordered_json(nullptr); }
+ordered_json lossJson(const data::Losses& losses) {
+    ordered_json json = ordered_json::object();
+    for (const data::LossCause cause : data::kAllLossCauses) {
+        const data::Count& count = losses[cause];
+        json[data::keyOf(cause)] = count ? ordered_json(*count) : ordered_json(nullptr);
+    }
+    return json;
+}
 
 // Upper bounds in seconds, with counts; buckets without a count are left out.
 ordered_json histogram(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, const Page& page) {
@@ -34,7 +41,6 @@ ordered_json typesOf(const Stream& stream) {
 }
 
 ordered_json streamJson(const Page& page, const Stream& stream) {
-    const Loss loss = lossOf(stream);
     ordered_json json;
     json["card"] = orNull(stream.card);
     json["channel"] = orNull(stream.channel);
@@ -58,10 +64,7 @@ ordered_json streamJson(const Page& page, const Stream& stream) {
     json["back_pressure"] = orNull(stream.backPressure);
     json["fifo_errors"] = orNull(stream.fifoErrors);
     json["errors"] = orNull(stream.errors);
-    json["lost"] = {{"before_card", orNull(loss.beforeCard)},
-                    {"by_card", orNull(loss.byCard)},
-                    {"by_ring", orNull(loss.byRing)},
-                    {"by_application", orNull(loss.byApplication)}};
+    json["lost"] = lossJson(lossOf(stream));
     return json;
 }
 

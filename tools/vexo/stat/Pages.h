@@ -3,22 +3,15 @@
 #include <VexoZceMdStatsPage.h>
 #include <sys/types.h>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
+
+#include "tools/data/Losses.h"
 
 /// Statistics pages, as a reader sees them. Whoever wrote a page may be hostile: nothing of it is believed unchecked.
 namespace vexo::stat {
 
 enum class Life { kRunning, kEnded, kDied };  // kDied: without an orderly end
-
-/// Packets that were lost, by cause. Empty: this page cannot know.
-struct Loss {
-    std::optional<std::uint64_t> beforeCard;     // gaps in the sequence that no back-pressure explains
-    std::optional<std::uint64_t> byCard;         // FIFO and stream errors, as the card counts them
-    std::optional<std::uint64_t> byRing;         // back-pressure while the application kept polling
-    std::optional<std::uint64_t> byApplication;  // back-pressure while it did not
-};
 
 /// A copy of a page.
 struct Page {
@@ -37,7 +30,7 @@ struct Page {
 
 std::uint64_t packetsOf(const vexo_stats::Stream& stream);
 std::uint64_t bytesOf(const vexo_stats::Stream& stream);
-Loss lossOf(const vexo_stats::Stream& stream);
+data::Losses lossOf(const vexo_stats::Stream& stream);
 
 /// What can be read, and one line for each file that cannot.
 struct Found {
@@ -48,7 +41,24 @@ struct Found {
 /// @param directory  empty: $VEXO_STATS_DIR, or else the directories of all users
 Found findPages(const std::string& directory);
 
-/// One file. @return what is wrong with it; empty when @p page is filled
+/// The file of a page, kept open: it can still be read after its process has ended and removed it.
+class OpenPage {
+public:
+    explicit OpenPage(std::string path);
+    ~OpenPage();
+    OpenPage(const OpenPage&) = delete;
+    OpenPage& operator=(const OpenPage&) = delete;
+
+    /// @return what is wrong with it; empty when @p page is filled
+    std::string read(Page& page) const;
+
+private:
+    std::string m_path;
+    std::string m_fault;
+    int m_fd = -1;
+};
+
+/// The same, once.
 std::string readPage(const std::string& path, Page& page);
 
 }  // namespace vexo::stat

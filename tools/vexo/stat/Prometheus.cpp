@@ -117,15 +117,20 @@ void packets(Metrics& metrics) {
     });
 }
 
+// "before_card", "ring": the key without "by_".
+std::string causeLabel(data::LossCause cause) {
+    const std::string key = data::keyOf(cause);
+    return key.rfind("by_", 0) == 0 ? key.substr(3) : key;
+}
+
 void losses(Metrics& metrics) {
     metrics.begin("vexo_lost_packets_total", "counter", "Packets lost, by cause.");
     metrics.eachStream([&](const Page&, const Stream& stream, const std::string& labels) {
-        const Loss loss = lossOf(stream);
-        if (loss.beforeCard)
-            metrics.add(labels + "," + label("cause", "before_card"), std::to_string(*loss.beforeCard));
-        if (loss.byRing) metrics.add(labels + "," + label("cause", "ring"), std::to_string(*loss.byRing));
-        if (loss.byApplication)
-            metrics.add(labels + "," + label("cause", "application"), std::to_string(*loss.byApplication));
+        const data::Losses losses = lossOf(stream);
+        for (const data::LossCause cause : data::kAllLossCauses) {
+            if (cause == data::LossCause::kByCard || !losses[cause]) continue;  // errors are no packets
+            metrics.add(labels + "," + label("cause", causeLabel(cause)), std::to_string(*losses[cause]));
+        }
     });
     metrics.begin("vexo_card_errors_total", "counter", "Errors that the card counts for the stream.");
     metrics.eachStream([&](const Page&, const Stream& stream, const std::string& labels) {

@@ -19,48 +19,9 @@ std::string format(const char* how, Arguments... arguments) {
     return text;
 }
 
-// 1234567 as 1,234,567.
-std::string grouped(std::uint64_t n) {
-    std::string text = std::to_string(n);
-    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
-    return text;
-}
-
-std::string duration(double seconds) {
-    if (seconds < 1e-6) return format("%.3g ns", seconds * 1e9);
-    if (seconds < 1e-3) return format("%.3g us", seconds * 1e6);
-    if (seconds < 1) return format("%.3g ms", seconds * 1e3);
-    return format("%.1f s", seconds);
-}
-
 std::string userName(uid_t user) {
     const passwd* entry = ::getpwuid(user);
     return entry != nullptr ? harmless(entry->pw_name) : std::to_string(user);
-}
-
-std::string processName(const Page& page) { return harmless(page.program()) + " " + std::to_string(page.process.pid); }
-
-std::string lifeLine(const Page& page) {
-    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
-    switch (page.life) {
-        case Life::kRunning: return "running for " + duration(page.seconds(page.readClock - began));
-        case Life::kEnded:
-            return "ended after " + duration(page.seconds(page.process.steps[vexo_stats::kEnded] - began));
-        default: return "died";
-    }
-}
-
-std::string startUpLine(const Page& page) {
-    std::string line;
-    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
-    for (int step = vexo_stats::kBegun + 1; step < vexo_stats::kEnded; ++step) {
-        const std::uint64_t at = page.process.steps[step];
-        if (at == 0) continue;
-        std::string name = nameOf(static_cast<vexo_stats::Step>(step));
-        std::replace(name.begin(), name.end(), '_', ' ');
-        line += (line.empty() ? "" : ", ") + name + " " + duration(page.seconds(at - began));
-    }
-    return line;
 }
 
 std::string packetLine(const Stream& stream) {
@@ -84,14 +45,6 @@ std::string pollLine(const Stream& stream) {
 std::string histogramLine(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, const Page& page) {
     const auto below = [&](double share) { return duration(boundOf(buckets, used, share, page)); };
     return "half below " + below(0.5) + ", 99 % below " + below(0.99) + ", all below " + below(1);
-}
-
-std::string orNone(const std::optional<std::uint64_t>& n) { return n ? grouped(*n) : "-"; }
-
-std::string lossLine(const Stream& stream) {
-    const Loss loss = lossOf(stream);
-    return "before the card " + orNone(loss.beforeCard) + ", by the card " + orNone(loss.byCard) + ", by the ring " +
-           orNone(loss.byRing) + ", by the application " + orNone(loss.byApplication);
 }
 
 std::string sequenceLine(const Stream& stream) {
@@ -131,11 +84,49 @@ std::string streamText(const Page& page, const Stream& stream, const std::vector
         line("callbacks", histogramLine(stream.callbacks, vexo_stats::kBuckets, page));
     }
     if (stream.sequenceKnown != 0) line("sequence", sequenceLine(stream));
-    line("lost", lossLine(stream));
+    line("lost", data::lossLine(lossOf(stream)));
     return text;
 }
 
 }  // namespace
+
+std::string grouped(std::uint64_t n) {
+    std::string text = std::to_string(n);
+    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+    return text;
+}
+
+std::string duration(double seconds) {
+    if (seconds < 1e-6) return format("%.3g ns", seconds * 1e9);
+    if (seconds < 1e-3) return format("%.3g us", seconds * 1e6);
+    if (seconds < 1) return format("%.3g ms", seconds * 1e3);
+    return format("%.1f s", seconds);
+}
+
+std::string processName(const Page& page) { return harmless(page.program()) + " " + std::to_string(page.process.pid); }
+
+std::string lifeLine(const Page& page) {
+    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
+    switch (page.life) {
+        case Life::kRunning: return "running for " + duration(page.seconds(page.readClock - began));
+        case Life::kEnded:
+            return "ended after " + duration(page.seconds(page.process.steps[vexo_stats::kEnded] - began));
+        default: return "died";
+    }
+}
+
+std::string startUpLine(const Page& page) {
+    std::string line;
+    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
+    for (int step = vexo_stats::kBegun + 1; step < vexo_stats::kEnded; ++step) {
+        const std::uint64_t at = page.process.steps[step];
+        if (at == 0) continue;
+        std::string name = nameOf(static_cast<vexo_stats::Step>(step));
+        std::replace(name.begin(), name.end(), '_', ' ');
+        line += (line.empty() ? "" : ", ") + name + " " + duration(page.seconds(at - began));
+    }
+    return line;
+}
 
 double boundOf(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, double share, const Page& page) {
     std::uint64_t all = 0;
@@ -185,17 +176,20 @@ std::string asText(const std::vector<Page>& pages, const std::vector<Page>& befo
 }
 
 std::string asLossTable(const std::vector<Page>& pages) {
-    std::vector<std::array<std::string, 8>> rows = {{"program", "card", "channel", "packets", "before the card",
-                                                     "by the card", "by the ring", "by the application"}};
+    constexpr std::size_t kColumns = 4 + data::kLossCauses;
+    std::vector<std::array<std::string, kColumns>> rows = {{"program", "card", "channel", "packets"}};
+    for (const data::LossCause cause : data::kAllLossCauses)
+        rows[0][4 + static_cast<std::size_t>(cause)] = data::nameOf(cause);
     for (const Page& page : pages) {
         for (const Stream& stream : page.streams) {
-            const Loss loss = lossOf(stream);
             rows.push_back({processName(page), numberOrNone(stream.card), numberOrNone(stream.channel),
-                            std::to_string(packetsOf(stream)), orNone(loss.beforeCard), orNone(loss.byCard),
-                            orNone(loss.byRing), orNone(loss.byApplication)});
+                            std::to_string(packetsOf(stream))});
+            const data::Losses losses = lossOf(stream);
+            for (const data::LossCause cause : data::kAllLossCauses)
+                rows.back()[4 + static_cast<std::size_t>(cause)] = data::lossText(losses[cause]);
         }
     }
-    std::array<std::size_t, 8> widths{};
+    std::array<std::size_t, kColumns> widths{};
     for (const auto& row : rows)
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
     std::string text;
