@@ -18,7 +18,8 @@
 
 namespace {
 
-constexpr unsigned int kQuotes = 40'000;  // a run of tshark over them takes a second or more
+constexpr unsigned int kFewQuotes = 8000;  // a run of tshark over them takes a second or two
+constexpr unsigned int kManyQuotes = 200'000;
 constexpr char kCapture[] = "quotes.pcapng";
 constexpr char kTable[] = "quotes.csv";
 constexpr char kFields[] = "fields.txt";
@@ -28,12 +29,12 @@ constexpr char kFields[] = "fields.txt";
     std::_Exit(2);
 }
 
-void WriteCapture() {
+void WriteCapture(unsigned int quotes) {
     std::mt19937_64 random(20261122);
     capture::BlockBuffer blocks;
     capture::appendSection(blocks, {});
     capture::appendInterface(blocks, {capture::kStreamLink, "channel 0", ""});
-    for (std::uint64_t i = 0; i < kQuotes; ++i) {
+    for (std::uint64_t i = 0; i < quotes; ++i) {
         const std::string packet = capture::randomQuote(random).packet();
         capture::appendPacket(blocks, 0, 1'736'902'800'000'000'000 + i * 1000, packet.data(),
                               static_cast<std::uint32_t>(packet.size()));
@@ -81,19 +82,27 @@ std::vector<std::string> TsharkCommand() {
     return command;
 }
 
-std::vector<bench::Role> Start() {
+const std::vector<std::string> kOurs = {VEXO_COMMAND, "export", kCapture, "--to", "csv"};
+
+std::vector<bench::Role> StartAlone() {
+    WriteCapture(kManyQuotes);
+    Run(kOurs, kTable);
+    RequireRows(kTable, kManyQuotes + 1);
+    return {bench::plainRole("ours", [] { Run(kOurs, kTable); })};
+}
+
+std::vector<bench::Role> StartWithTshark() {
     ::setenv("HOME", ".", 1);  // no settings of a user
-    WriteCapture();
-    const std::vector<std::string> ours = {VEXO_COMMAND, "export", kCapture, "--to", "csv"};
-    Run(ours, kTable);
+    WriteCapture(kFewQuotes);
+    Run(kOurs, kTable);
     Run(TsharkCommand(), kFields);
-    RequireRows(kTable, kQuotes + 1);
-    RequireRows(kFields, kQuotes);
-    return {bench::plainRole("ours", [ours] { Run(ours, kTable); }),
+    RequireRows(kTable, kFewQuotes + 1);
+    RequireRows(kFields, kFewQuotes);
+    return {bench::plainRole("ours", [] { Run(kOurs, kTable); }),
             bench::plainRole("tshark", [] { Run(TsharkCommand(), kFields); })};
 }
 
-// No run of a second is without a context switch, so those of the programs do not count. What others take still shows,
+// No run of a program is without a context switch, so those of the programs do not count. What others take still shows,
 // as their use of the machine.
 bench::Usage OfPrograms() {
     rusage used{};
@@ -108,5 +117,7 @@ bench::Usage OfPrograms() {
 
 std::vector<bench::Case> bench::cases() {
     const std::string tshark = VEXO_TSHARK;
-    return {{"export", kQuotes, Start, OfPrograms, {}, tshark.empty() ? "tshark is not installed" : ""}};
+    return {
+        {"export/tshark", kFewQuotes, StartWithTshark, OfPrograms, {}, tshark.empty() ? "tshark is not installed" : ""},
+        {"export/alone", kManyQuotes, StartAlone, OfPrograms}};
 }
