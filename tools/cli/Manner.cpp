@@ -42,7 +42,9 @@ class Formatter : public CLI::Formatter {
 public:
     std::string make_option_opts(const CLI::Option* option) const override {
         const std::string value = valueOf(*option);
-        const bool repeats = option->get_expected_max() == CLI::detail::expected_max_vector_size;
+        // The commas of "N,..." say already that there may be several.
+        const bool isList = value.find(",...") != std::string::npos;
+        const bool repeats = !isList && option->get_expected_max() == CLI::detail::expected_max_vector_size;
         return (value.empty() ? "" : " " + value) + (repeats ? " ..." : "");
     }
     std::string make_option_desc(const CLI::Option* option) const override {
@@ -51,13 +53,6 @@ public:
             if (!part.empty()) more += (more.empty() ? " (" : "; ") + part;
         if (!more.empty()) more += ")";
         return wrapped(option->get_description() + more, kHelpWidth - get_column_width());
-    }
-    // The commas of "N,..." say already that there may be several.
-    std::string make_option_opts(const CLI::Option* option) const override {
-        std::string text = CLI::Formatter::make_option_opts(option);
-        const std::string twice = ",... ...";
-        const std::size_t at = text.find(twice);
-        return at == std::string::npos ? text : text.erase(at + twice.size() - 4, 4);
     }
     std::string make_footer(const CLI::App* app) const override {
         return app->get_footer().empty() ? "" : wrapped(app->get_footer(), kHelpWidth) + "\n";

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli/Values.h"
 #include "tools/data/CaptureSource.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/export/Exporter.h"
@@ -201,7 +202,7 @@ void addFilters(CLI::App& command, Options& options) {
         ->allow_extra_args(false);
     command.add_option("--limit", options.limit, "End after so many rows")
         ->type_name("N")
-        ->check(CLI::Range(std::uint64_t{1}, ~std::uint64_t{0}));
+        ->transform(cli::wholeNumber(1, ~std::uint64_t{0}));
 }
 
 }  // namespace

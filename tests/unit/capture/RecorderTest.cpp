@@ -34,7 +34,7 @@ namespace {
 constexpr std::uint64_t kSecond = 1'000'000'000;
 constexpr std::uint64_t kHour = 3600 * kSecond;
 constexpr std::uint64_t kMorning = 1'795'309'200 * kSecond;  // 2026-11-22 01:00:00 UTC
-constexpr std::uint64_t kSmall = 1000;                       // bytes of a file: two packets of 300 fit
+const std::uint64_t kSmall = 924 + statisticsBlockBytes();   // of a file: two packets of 300 fit, and its counts
 
 class Recorder : public ::testing::Test {
 protected:
