@@ -12,7 +12,7 @@ namespace {
 
 using namespace vexo;
 
-constexpr AddCommand kCommands[] = {addCheck,  addExport, addIndex, addLog,  addPlan,
+constexpr AddCommand kCommands[] = {addCheck,  addExport, addIndex, addInfo, addLog, addPlan,
                                     addReport, addRun,    addSim,   addStat, addTap};
 
 // The usual cause of words without a place is a program without "--" before it.
@@ -33,8 +33,8 @@ int parseAndRun(int argc, char** argv) {
     words.erase(dashes, words.end());
 
     CLI::App app(
-        "Checks and plans a configuration, supervises an application, runs programs on a simulated card, records and "
-        "exports what a card delivers, and shows logs and day files.",
+        "Checks and plans a configuration, supervises an application, runs programs on a simulated card, records, "
+        "counts and exports what a card delivers, and shows logs and day files.",
         "vexo");
     for (const AddCommand add : kCommands) add(app, invocation);
     cli::tellStatuses(app, {{cli::kFine, "fine"},

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include "tools/vexo/Command.h"
 #include "tools/vexo/show/Harmless.h"
@@ -23,7 +24,7 @@ bool OutputFile::isCompressedName(const std::string& path) {
     return path.size() > length && path.compare(path.size() - length, length, kPackedEnding) == 0;
 }
 
-OutputFile::OutputFile(const std::string& path) : m_path(path) {
+OutputFile::OutputFile(const std::string& path, std::string option) : m_path(path), m_option(std::move(option)) {
     if (path == "-") {
         m_fd = STDOUT_FILENO;
         return;
@@ -31,7 +32,7 @@ OutputFile::OutputFile(const std::string& path) : m_path(path) {
     struct stat state {};
     if (::lstat(path.c_str(), &state) == 0) {
         throw Failure(kUsage,
-                      "--output " + harmless(path) + ": it exists, and vexo never overwrites; give another name");
+                      m_option + " " + harmless(path) + ": it exists, and vexo never overwrites; give another name");
     }
     open();
     if (!isCompressedName(path)) return;
@@ -48,7 +49,7 @@ void OutputFile::open() {
     if (m_fd >= 0) return;
     m_hasName = true;
     m_fd = ::open(m_path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, kMode);
-    if (m_fd < 0) throw Failure(kUsage, "--output " + harmless(m_path) + ": " + std::strerror(errno));
+    if (m_fd < 0) throw Failure(kUsage, m_option + " " + harmless(m_path) + ": " + std::strerror(errno));
 }
 
 OutputFile::~OutputFile() {

@@ -8,12 +8,13 @@
 
 namespace vexo::exporting {
 
-/// The file that an export writes. It gets its name only when it is complete, and never replaces a file. If its name
-/// ends in .zst it is compressed. Failures throw vexo::Failure; then there is no file.
+/// A file that an export, or another command, writes. It gets its name only when it is complete, and never replaces a
+/// file. If its name ends in .zst it is compressed. Failures throw vexo::Failure; then there is no file.
 class OutputFile {
 public:
-    /// @param path  "-" = standard output
-    explicit OutputFile(const std::string& path);
+    /// @param path    "-" = standard output
+    /// @param option  that named it, for messages
+    explicit OutputFile(const std::string& path, std::string option = "--output");
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -34,6 +35,7 @@ private:
     [[noreturn]] void fail(const char* what) const;
 
     std::string m_path;
+    std::string m_option;
     int m_fd = -1;
     bool m_hasName = false;  // the file system cannot make a file without a name
     bool m_isFinished = false;
