@@ -75,7 +75,7 @@ int showAll(const Options& options) {
     std::unique_ptr<exporting::OutputFile> page;
     if (!options.html.empty()) page = std::make_unique<exporting::OutputFile>(options.html, "--html");
 
-    const Summary summary = summaryOf(captures, layouts, options);
+    Summary summary = summaryOf(captures, layouts, options);
     bool isGood = tell(summary);
     info::View view;
     Summary other;
@@ -84,6 +84,7 @@ int showAll(const Options& options) {
     if (others != nullptr) {
         other = summaryOf(*others, layouts, options);
         isGood = tell(other) && isGood;
+        info::align(summary, other);
         view.other = &other;
     }
     showSummary(options, view, page.get());

@@ -274,7 +274,7 @@ TEST_F(InfoTruth, ThePageStandsAloneAndHasWordsForItsPictures) {
     const std::string one = PageOf("a.pcapng",
                                    "'Busiest second' 'channel 3' 'time of the exchange (UTC+8), 2025-01-15'");
     EXPECT_THAT(one, HasSubstr("pictures"));
-    PageOf("a.pcapng --compare a.pcapng", "'Comparison' 'The other: a.pcapng' 'same'");
+    PageOf("a.pcapng --compare a.pcapng", "'Comparison' 'a.pcapng compared with a.pcapng' 'same'");
     EXPECT_THAT(Text("a.pcapng --html -"), AllOf(HasSubstr("<!DOCTYPE html>"), HasSubstr("</html>\n")));
 }
 

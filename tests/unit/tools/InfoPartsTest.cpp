@@ -261,7 +261,7 @@ TEST(InfoCharts, TicksAreRoundTimesAndAmounts) {
     EXPECT_THAT(labelsOf(timeTicks(kNine, 5 * 86400 * kSecond)),
                 ElementsAre("01-16", "01-17", "01-18", "01-19", "01-20"));
     double most = 4321;
-    EXPECT_THAT(labelsOf(amountTicks(most)), ElementsAre("0", "2000", "4000", "6000"));
+    EXPECT_THAT(labelsOf(amountTicks(most)), ElementsAre("0", "2,000", "4,000", "6,000"));
     EXPECT_EQ(most, 6000);
     most = 1'500'000;
     EXPECT_THAT(labelsOf(amountTicks(most)), ElementsAre("0", "500 k", "1 M", "1.5 M"));

@@ -29,6 +29,27 @@ std::string rect(const char* kind, double x, double width, double height, const 
            "</title></rect>\n";
 }
 
+// A count on a logarithmic axis: a single one is seen beside a million.
+struct Logarithmic {
+    static constexpr double kBelow = 0.3;  // powers of ten below a single one, and above the largest count
+    static constexpr double kAbove = 0.1;
+    double most;
+
+    double height(std::uint64_t count) const {
+        if (count == 0) return 0;
+        return (std::log10(static_cast<double>(count)) + kBelow) / (std::log10(most) + kBelow + kAbove);
+    }
+    std::vector<Tick> ticks() const {
+        std::vector<Tick> all;
+        const std::size_t step = most > 1e6 ? 2 : 1;
+        std::uint64_t power = 1;
+        for (std::size_t i = 0; static_cast<double>(power) <= most && i < 20; ++i, power *= 10) {
+            if (i % step == 0) all.push_back({height(power), grouped(power)});
+        }
+        return all;
+    }
+};
+
 struct Frame {
     std::string caption;
     std::string description;  // of the whole picture, for those who do not see it
@@ -169,25 +190,6 @@ std::string rateChart(const Summary& summary, std::uint64_t spanNs, double mostR
 
 namespace {
 
-// A count on a logarithmic axis: a single one is seen beside a million.
-struct Logarithmic {
-    double most;
-
-    double height(std::uint64_t count) const {
-        if (count == 0) return 0;
-        return (std::log10(static_cast<double>(count)) + 0.3) / (std::log10(most) + 0.3);
-    }
-    std::vector<Tick> ticks() const {
-        std::vector<Tick> all;
-        const std::size_t step = most > 1e6 ? 2 : 1;
-        std::uint64_t power = 1;
-        for (std::size_t i = 0; static_cast<double>(power) <= most && i < 20; ++i, power *= 10) {
-            if (i % step == 0) all.push_back({height(power), grouped(power)});
-        }
-        return all;
-    }
-};
-
 std::string bucketTitle(const std::string& name, std::size_t bucket, const GapCounts& gaps, std::uint64_t all) {
     const std::uint64_t from = bucket == 0 ? 0 : std::uint64_t{1} << bucket;
     const std::string to = durationText(bucket < 63 ? std::uint64_t{1} << (bucket + 1) : ~std::uint64_t{0});
@@ -270,24 +272,25 @@ std::string lossChart(const Summary& summary, std::uint64_t spanNs) {
     for (std::size_t i = 0; i < summary.streams.size(); ++i) {
         for (const auto& [bin, lost] : summary.timeline.lane(i)) most = std::max(most, lost);
     }
+    // One packet in a hundred is seen beside the thousands that an overflow costs.
+    const Logarithmic up{static_cast<double>(most)};
     std::string html;
     for (std::size_t i = 0; i < summary.streams.size(); ++i) {
         const Timeline::Lane lane = summary.timeline.lane(i);
         if (lane.empty()) continue;
-        auto up = static_cast<double>(most);
         Frame frame;
-        frame.up = amountTicks(up);
+        frame.up = up.ticks();
         frame.across = timeTicks(summary.timeline.startNs(), spanNs);
         frame.kind = "low";
         frame.caption = summary.streams[i].name + ": packets missing in each " +
                         durationText(summary.timeline.widthNs());
-        frame.axis = dayAxis(summary.timeline, spanNs);
+        frame.axis = dayAxis(summary.timeline, spanNs) + "; the number of packets is on a logarithmic axis";
         frame.description = frame.caption + ", over time.";
         std::string inside;
         for (const auto& [bin, lost] : lane) {
             // A line has the same width on every screen; a bin may be narrower than a point of it.
             const std::string x = number(across.at(bin) + across.width() / 2);
-            const double height = kHeight * static_cast<double>(lost) / up;
+            const double height = kHeight * up.height(lost);
             inside += "<line class=\"lost\" x1=\"" + x + "\" x2=\"" + x + "\" y1=\"" + number(kHeight) + "\" y2=\"" +
                       number(kHeight - height) + "\"><title>" + across.timesOf(bin) + ": " + grouped(lost) +
                       " missing</title></line>\n";

@@ -275,6 +275,11 @@ Summary Collector::finish(const std::vector<std::string>& paths) {
     return std::move(m_summary);
 }
 
+void align(Summary& one, Summary& other) {
+    one.timeline.widenTo(other.timeline.widthNs());
+    other.timeline.widenTo(one.timeline.widthNs());
+}
+
 GapCounts gapsOf(const Summary& summary) {
     GapCounts all{};
     for (const StreamSummary& stream : summary.streams) {

@@ -74,26 +74,33 @@ std::string notes(const Summary& summary) {
 
 // ---- sections ----
 
+// A row for each cause: a phone is high, not wide.
 std::string losses(const Summary& summary) {
-    std::vector<std::string> columns = {"channel"};
-    for (const data::LossCause cause : data::kAllLossCauses) columns.emplace_back(data::nameOf(cause));
-    columns.insert(columns.end(), {"sequence: gaps", "missing", "again or late", "restarts"});
-    std::string rows;
+    std::vector<std::string> columns = {""};
+    std::vector<data::Losses> lost;
     for (const StreamSummary& stream : summary.streams) {
-        const data::Losses lost = data::lossesOf(stream.lost);
+        columns.push_back(stream.name);
+        lost.push_back(data::lossesOf(stream.lost));
+    }
+    std::string rows;
+    for (const data::LossCause cause : data::kAllLossCauses) {
         std::string cells;
-        for (const data::LossCause cause : data::kAllLossCauses)
-            cells += cell(data::groupedLossText(lost[cause]), lost[cause].value_or(0) > 0);
-        const auto counted = [&](std::uint64_t SequenceCounts::*count, bool isLoss) {
+        for (const data::Losses& one : lost)
+            cells += cell(data::groupedLossText(one[cause]), one[cause].value_or(0) > 0);
+        rows += row(std::string("lost ") + data::nameOf(cause), cells);
+    }
+    const auto counted = [&](const char* name, std::uint64_t SequenceCounts::*count, bool isLoss) {
+        std::string cells;
+        for (const StreamSummary& stream : summary.streams) {
             const std::uint64_t n = stream.sequence ? (*stream.sequence).*count : 0;
             cells += cell(stream.sequence ? grouped(n) : "-", isLoss && n > 0);
-        };
-        counted(&SequenceCounts::gaps, false);
-        counted(&SequenceCounts::lost, true);
-        counted(&SequenceCounts::late, false);
-        counted(&SequenceCounts::restarts, false);
-        rows += row(stream.name, cells);
-    }
+        }
+        rows += row(name, cells);
+    };
+    counted("sequence: missing", &SequenceCounts::lost, true);
+    counted("sequence: gaps", &SequenceCounts::gaps, false);
+    counted("sequence: again or late", &SequenceCounts::late, false);
+    counted("sequence: restarts", &SequenceCounts::restarts, false);
     return table("Packets lost, by channel and cause", columns, rows);
 }
 
@@ -120,13 +127,13 @@ std::string instruments(const View& view) {
     const std::vector<InstrumentCounts>& all = view.summary->instruments;
     if (all.empty() || view.top == 0) return "";
     const std::size_t shown = std::min(view.top, all.size());
-    std::vector<std::string> columns = {"id", "", "packets", "share", "bytes"};
+    std::vector<std::string> columns = {"id", "", "packets", "share"};
     if (view.other != nullptr) columns.emplace_back("packets of the other");
     std::string rows;
     for (std::size_t i = 0; i < shown; ++i) {
         const double share = static_cast<double>(all[i].packets) / static_cast<double>(all.front().packets);
         std::string cells = "<td class=\"bars\">" + cellBar(share) + "</td>" + cell(grouped(all[i].packets)) +
-                            cell(shareText(all[i].packets, view.summary->packets)) + cell(bytesText(all[i].bytes));
+                            cell(shareText(all[i].packets, view.summary->packets));
         if (view.other != nullptr) {
             const InstrumentCounts* const same = findInstrument(*view.other, all[i].id);
             cells += cell(same != nullptr ? grouped(same->packets) : "-");
@@ -154,9 +161,13 @@ std::string forBoth(const View& view, const Chart& chart) {
     std::string html;
     for (const Summary* const summary : {view.summary, view.other}) {
         if (summary == nullptr || summary->packets == 0) continue;
-        if (view.other != nullptr)
-            html += "<h3>" + std::string(summary == view.summary ? "This one" : "The other") + "</h3>\n";
-        html += chart(*summary);
+        if (view.other == nullptr) {
+            html += chart(*summary);
+        } else if (summary == view.summary) {
+            html += "<h3>This one</h3>\n" + chart(*summary);
+        } else {
+            html += "<div class=\"second\">\n<h3>The other</h3>\n" + chart(*summary) + "</div>\n";
+        }
     }
     return html;
 }
@@ -183,7 +194,8 @@ std::string charts(const View& view) {
 }
 
 std::string begin(const View& view) {
-    const std::string name = escaped(captureNames(*view.summary));
+    std::string name = escaped(captureNames(*view.summary));
+    if (view.other != nullptr) name += " compared with " + escaped(captureNames(*view.other));
     // Nothing of a capture can make the browser load or run anything.
     return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\"/>\n"
            "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\"/>\n"

@@ -13,10 +13,11 @@ inline constexpr char kStyle[] = R"css(
 body { margin: 0 auto; padding: 1rem; max-width: 75rem; background: var(--back); color: var(--text);
        font: 1rem/1.45 system-ui, sans-serif; overflow-wrap: anywhere; }
 h1 { font-size: 1.5rem; margin: 0 0 .25rem; }
-h2 { font-size: 1.15rem; margin: 2rem 0 .5rem; }
+h2 { font-size: 1.2rem; margin: 2rem 0 .5rem; }
+h3 { font-size: 1rem; margin: 1rem 0 .25rem; }
 p { margin: .25rem 0; }
 .faint, .axis, figcaption { color: var(--faint); font-size: .875rem; }
-.figures { display: grid; grid-template-columns: repeat(auto-fill, minmax(10.5rem, 1fr)); gap: .5rem; margin: 1rem 0; }
+.figures { display: grid; grid-template-columns: repeat(4, minmax(0, 1fr)); gap: .5rem; margin: 1rem 0; }
 .figures div { background: var(--panel); border-radius: .4rem; padding: .5rem .7rem; }
 .figures dt { color: var(--faint); font-size: .8125rem; }
 .figures dd { margin: 0; font-size: 1.2rem; font-variant-numeric: tabular-nums; }
@@ -39,6 +40,7 @@ figure { margin: 0 0 1.25rem; }
 .peak { fill: none; stroke: var(--peak); vector-effect: non-scaling-stroke; }
 .one { fill: var(--one); }
 .other { fill: var(--other); }
+.second .mean { fill: var(--other); }
 .lost { stroke: var(--lost); stroke-width: 2px; vector-effect: non-scaling-stroke; }
 .hit { fill: transparent; }
 .hit:hover { fill: var(--text); fill-opacity: .12; }
@@ -63,6 +65,8 @@ footer { margin-top: 2rem; border-top: 1px solid var(--line); padding-top: .5rem
   .tall { height: 11rem; }
   .figures { grid-template-columns: repeat(2, minmax(0, 1fr)); }
   th, td { padding: .25rem .4rem; }
+  tbody th { white-space: normal; }
+  tr.part th { padding-left: 1rem; }
   h1 { font-size: 1.2rem; } }
 )css";
 

@@ -92,6 +92,8 @@ struct Summary {
     double meanRate() const { return lastNs > firstNs ? static_cast<double>(packets) / seconds() : 0; }
 };
 
+/// Gives both timelines bins of one width, so that they can be compared.
+void align(Summary& one, Summary& other);
 /// The sum over all streams.
 GapCounts gapsOf(const Summary& summary);
 /// Of the stream that has the longest one; null without a packet.

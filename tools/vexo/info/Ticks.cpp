@@ -37,7 +37,8 @@ unsigned placesOf(std::uint64_t stepNs) {
 // 20,000 as 20 k: the axis has little room.
 std::string amountText(double amount) {
     char text[32];
-    if (amount < 10'000) {
+    if (amount >= 1000 && amount < 10'000) return grouped(static_cast<std::uint64_t>(amount));
+    if (amount < 1000) {
         std::snprintf(text, sizeof text, "%.4g", amount);
     } else if (amount < 1e6) {
         std::snprintf(text, sizeof text, "%.4g k", amount / 1e3);

@@ -38,7 +38,9 @@ void Timeline::reach(std::uint64_t timeNs) {
 void Timeline::widen() {
     const std::uint64_t factor = factorOf(m_step++);
     const std::uint64_t first = m_first / factor;
-    std::vector<Bin> joined(static_cast<std::size_t>((m_first + m_bins.size() - 1) / factor - first + 1));
+    // Without a bin there is none to join.
+    const std::uint64_t end = m_bins.empty() ? first : (m_first + m_bins.size() - 1) / factor + 1;
+    std::vector<Bin> joined(static_cast<std::size_t>(end - first));
     for (std::size_t i = 0; i < m_bins.size(); ++i) {
         Bin& bin = joined[static_cast<std::size_t>((m_first + i) / factor - first)];
         bin.packets += m_bins[i].packets;
@@ -54,6 +56,11 @@ void Timeline::widen() {
         for (const auto& [bin, lost] : lane) joinedLane[bin / factor] += lost;
         lane = std::move(joinedLane);
     }
+}
+
+void Timeline::widenTo(std::uint64_t widthNs) {
+    while (m_widthNs < widthNs) widen();
+    m_binStart = ~std::uint64_t{0};  // the last packet's bin has moved
 }
 
 void Timeline::addLost(std::size_t lane, std::uint64_t timeNs, std::uint64_t packets) {

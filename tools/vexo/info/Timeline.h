@@ -32,6 +32,9 @@ public:
     /// Notes a loss. @param lane  any number, such as that of a stream
     void addLost(std::size_t lane, std::uint64_t timeNs, std::uint64_t packets);
 
+    /// Joins bins until they are so wide: those of two recordings can then be compared. @param widthNs  of a timeline
+    void widenTo(std::uint64_t widthNs);
+
     std::uint64_t widthNs() const { return m_widthNs; }
     std::uint64_t startNs() const { return m_first * m_widthNs; }
     const std::vector<Bin>& bins() const { return m_bins; }
