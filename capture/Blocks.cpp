@@ -82,6 +82,7 @@ void appendStatistics(BlockBuffer& out, std::uint32_t interface, const Interface
     appendTimeOption(out, format::kStatisticsEnd, counts.endNs);
     appendOption(out, format::kStatisticsReceived, &counts.received, sizeof counts.received);
     appendOption(out, format::kStatisticsDropped, &counts.dropped, sizeof counts.dropped);
+    if (counts.card) appendOption(out, format::kComment, textOf(*counts.card));
     close(out, start);
 }
 
@@ -90,7 +91,8 @@ std::uint32_t packetBlockBytes(std::uint32_t size) {
 }
 
 std::uint32_t statisticsBlockBytes() {
-    constexpr std::size_t options = 5 * sizeof(format::OptionHead) + 4 * sizeof(std::uint64_t);
+    constexpr std::size_t options = 6 * sizeof(format::OptionHead) + 4 * sizeof(std::uint64_t) +
+                                    format::padded(kMostCardText);
     return static_cast<std::uint32_t>(sizeof(format::StatisticsHead) + options + sizeof(std::uint32_t));
 }
 

@@ -98,7 +98,9 @@ void CaptureFiles::startBuffer() {
 void CaptureFiles::appendCounts(std::uint64_t nowNs) {
     for (std::uint32_t i = 0; i < m_interfaces.size(); ++i) {
         const Known& known = m_interfaces[i];
-        appendStatistics(m_buffer, i, {known.startNs, nowNs, known.received + known.lost, known.lost});
+        InterfaceCounts counts = {known.startNs, nowNs, known.received + known.lost, known.lost, {}};
+        if (known.card) counts.card = *known.card - known.cardBefore;
+        appendStatistics(m_buffer, i, counts);
     }
 }
 
@@ -177,16 +179,17 @@ void CaptureFiles::close(std::uint64_t nowNs) {
     }
     m_fd = -1;
     reportLost();
-    m_lostBefore = lost();
     for (Known& known : m_interfaces) {
         known.startNs = nowNs;
+        known.lostBefore += known.lost;
         known.received = known.lost = 0;
+        if (known.card) known.cardBefore = *known.card;
     }
 }
 
 std::uint64_t CaptureFiles::lost() const {
-    std::uint64_t all = m_lostBefore;
-    for (const Known& known : m_interfaces) all += known.lost;
+    std::uint64_t all = 0;
+    for (const Known& known : m_interfaces) all += known.lostBefore + known.lost;
     return all;
 }
 

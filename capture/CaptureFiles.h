@@ -38,6 +38,8 @@ public:
                    std::uint32_t trueSize = 0);
     /// Counts packets that were lost before they reached this object.
     void addLost(std::uint32_t interface, std::uint64_t packets) { m_interfaces[interface].lost += packets; }
+    /// What the card has counted for the interface up to now. Each file gets what was added in its own time.
+    void setCard(std::uint32_t interface, const CardCounts& all) { m_interfaces[interface].card = all; }
     /// Writes all buffered packets: a reader then finds whole blocks.
     void flush();
     /// Ends the file with its counts. Add nothing afterwards.
@@ -46,15 +48,21 @@ public:
     /// Totals of all files: packets written, and packets lost.
     std::uint64_t written() const { return m_written; }
     std::uint64_t lost() const;
+    std::uint64_t lost(std::uint32_t interface) const {
+        return m_interfaces[interface].lostBefore + m_interfaces[interface].lost;
+    }
     unsigned files() const { return m_files; }
 
 private:
     struct Known {
         InterfaceInfo info;
-        std::uint64_t startNs;       // of this file's counts
-        std::uint64_t received = 0;  // in this file, on disk
-        std::uint64_t buffered = 0;  // in this file, in m_buffer
-        std::uint64_t lost = 0;      // in the time of this file
+        std::uint64_t startNs;         // of this file's counts
+        std::uint64_t received = 0;    // in this file, on disk
+        std::uint64_t buffered = 0;    // in this file, in m_buffer
+        std::uint64_t lost = 0;        // in the time of this file
+        std::uint64_t lostBefore = 0;  // in the time of files that are closed
+        std::optional<CardCounts> card = {};
+        CardCounts cardBefore = {};  // what it was when this file began
     };
 
     bool isOpen() const { return m_fd >= 0; }
@@ -82,7 +90,6 @@ private:
     unsigned m_nextNumber = 0;    // of the next name to try
     unsigned m_files = 0;
     std::uint64_t m_written = 0;
-    std::uint64_t m_lostBefore = 0;      // in the time of files that are closed
     std::uint64_t m_lostUnreported = 0;  // in the present run of failures
     bool m_openFailureReported = false;
     bool m_writeFailureReported = false;

@@ -66,7 +66,7 @@ public:
     bool make(Writer writer) {
         if (!openDirectory()) return false;
         removeDeadPages();
-        const char* const kind = writer == kTap ? "tap" : "app";
+        const char* const kind = writer == kTap ? "tap" : writer == kRelay ? "relay" : "app";
         m_name = std::to_string(::getpid()) + "." + kind + ".page";
         ::unlinkat(m_directory, m_name.c_str(), 0);  // of a dead process that had this number
         m_file = aboveStandardStreams(
@@ -156,6 +156,8 @@ private:
         ::closedir(listing);
     }
 
+    static bool isKnownVersion(std::uint32_t version) { return version >= kOldestVersion && version <= kVersion; }
+
     bool isDeadPage(const char* name) const {
         const std::size_t size = std::strlen(name);
         if (size < 5 || std::strcmp(name + size - 5, ".page") != 0) return false;
@@ -165,7 +167,7 @@ private:
         Process process;
         const bool isRead = ::pread(file, &process, sizeof process, 0) == static_cast<ssize_t>(sizeof process);
         ::close(file);
-        return isRead && process.magic == kMagic && process.version == kVersion && process.steps[kEnded] == 0 &&
+        return isRead && process.magic == kMagic && isKnownVersion(process.version) && process.steps[kEnded] == 0 &&
                processStart(process.pid) != process.processStart;
     }
 
@@ -276,12 +278,8 @@ public:
     /// @param channel  to show; the wrapper itself cannot know it
     explicit VexoZceMdStats(Spi& inner, std::uint64_t channel = vexo_stats::kUnknown)
         : m_stream(&vexo_stats::ApplicationPage::get().newStream()), m_inner(inner) {
-        m_stream->card = vexo_stats::kUnknown;
-        m_stream->channel = channel;
-        m_stream->backPressure = m_stream->backPressureInCallbacks = vexo_stats::kUnknown;
-        m_stream->fifoErrors = m_stream->errors = vexo_stats::kUnknown;
         m_stream->sequenceKnown = Sequence::kIsKnown ? 1 : 0;
-        m_stream->state = vexo_stats::kOpen;
+        vexo_stats::describe(*m_stream, vexo_stats::kUnknown, channel);
     }
     ~VexoZceMdStats() override { m_stream->state = vexo_stats::kClosed; }
     VexoZceMdStats(const VexoZceMdStats&) = delete;

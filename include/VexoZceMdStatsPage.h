@@ -12,7 +12,8 @@
 namespace vexo_stats {
 
 constexpr std::uint64_t kMagic = 0x4547415053584556;  // "VEXSPAGE"
-constexpr std::uint32_t kVersion = 1;                 // another layout has another version
+constexpr std::uint32_t kVersion = 2;                 // another layout has another version
+constexpr std::uint32_t kOldestVersion = 1;           // it lacks the last three words of a stream
 constexpr std::size_t kBlockBytes = 4096;
 constexpr std::size_t kStreams = 16;
 constexpr std::size_t kPageBytes = kBlockBytes * (1 + kStreams);
@@ -41,7 +42,7 @@ enum Step {
     kSteps
 };
 
-enum Writer { kApplication = 1, kTap = 2 };
+enum Writer { kApplication = 1, kTap = 2, kRelay = 3 };
 
 /// The page's clock is the processor's time-stamp counter, doubled, so that the time between two readings is never 0.
 struct Process {
@@ -97,6 +98,10 @@ struct Stream {
     std::uint64_t pollsKnown;    // 0: the writer does not see polls
     std::uint64_t closedClock;   // of the time from the first packet to the last: what is no gap
     std::uint64_t longCallback;  // on the page's clock: a callback of this length outlasts the ring
+    // Since version 2.
+    std::uint64_t cardPackets;  // what the card counts: packets put into the ring; kUnknown where it cannot be read
+    std::uint64_t lostByTap;    // received, but not recorded by the tap; kUnknown without a recording
+    std::uint64_t lostByRelay;  // received, but not sent on by this process; kUnknown if it is no relay
 };
 
 static_assert(sizeof(Process) <= kBlockBytes && sizeof(Stream) <= kBlockBytes, "blocks of the statistics page");
@@ -146,6 +151,17 @@ inline void expectFirst(Stream& stream, std::uint64_t now) {
         stream.closedClock += now - stream.lastPacket;
     }
     set(stream.lastPacket, now - (static_cast<std::uint64_t>(1) << kFirstBucket));
+}
+
+/// Fills in a new block, before the first packet: what only some writers know is unknown. The state comes last.
+/// @param card, channel  kUnknown if the writer does not know them
+inline void describe(Stream& stream, std::uint64_t card, std::uint64_t channel) {
+    stream.card = card;
+    stream.channel = channel;
+    stream.backPressure = stream.backPressureInCallbacks = kUnknown;
+    stream.fifoErrors = stream.errors = stream.cardPackets = kUnknown;
+    stream.lostByTap = stream.lostByRelay = kUnknown;
+    set(stream.state, kOpen);
 }
 
 /// Counts a packet whose sequence number is not the expected one.

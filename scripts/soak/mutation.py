@@ -185,7 +185,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("sources", type=lambda p: Path(p).resolve())
     parser.add_argument("work", type=lambda p: Path(p).resolve())
-    parser.add_argument("--count", type=int, default=500)
+    parser.add_argument("--count", type=int, default=510)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--minutes", type=float, default=0)
     parser.add_argument("--jobs", type=int, default=2)

@@ -108,7 +108,11 @@ int getCounter(const enyx_hw_a2c_stream* stream, std::uint32_t UpStreamState::*c
     }
     CardAccess card(*stream->card);
     if (!card) return -1;
-    *value = card->state().up[stream->channel].*counter;
+    const UpStreamState& counted = card->state().up[stream->channel];
+    // The errors of a scenario come with the stream's first packet, so that it can be seen in which stream they
+    // happened.
+    const bool isError = counter == &UpStreamState::fifoErrors || counter == &UpStreamState::errors;
+    *value = isError && counted.packets == 0 ? 0 : counted.*counter;
     return card.end() ? 0 : -1;
 }
 

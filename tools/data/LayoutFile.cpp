@@ -60,6 +60,7 @@ public:
             m_text.reject(0, "there is no section [type N]; add one for each packet type with its size and fields");
         }
         for (const LayoutSection& section : m_text.sections()) requireUse(section);
+        takeNumbering(*head);
         return std::move(m_layout);
     }
 
@@ -102,13 +103,59 @@ private:
     }
 
     void takeHead(const LayoutSection& head) {
-        allowOnly(head, {"name", "meaning", "length_at", "sequence_field", "id_field", "time_field", "millis_field"});
+        allowOnly(head, {"name", "meaning", "length_at", "sequence_at", "sequence_field", "sequence_scope", "id_field",
+                         "time_field", "millis_field"});
         const LayoutEntry& name = required(head, "name");
         if (!isName(name.value)) m_text.reject(name.line, nameRule("the layout"));
         m_layout->name = name.value;
         m_layout->meaning = required(head, "meaning").value;
         if (const LayoutEntry* at = head.find("length_at")) {
             m_layout->lengthAt = number(at->line, at->value, 4, kHeadBytes - 4, "the byte of the packet's length");
+        }
+    }
+
+    void takeNumbering(const LayoutSection& head) {
+        Numbering& numbering = m_layout->numbering;
+        if (const LayoutEntry* scope = head.find("sequence_scope")) {
+            if (scope->value != "stream" && scope->value != "type") {
+                m_text.reject(scope->line,
+                              "the numbers count in the whole stream or for each type; write stream or type");
+            }
+            numbering.isByType = scope->value == "type";
+        }
+        if (const LayoutEntry* at = head.find("sequence_at")) {
+            numbering.place = Numbering::Place::kHead;
+            numbering.headAt = number(at->line, at->value, 4, kHeadBytes - 4, "the byte of the packet's number");
+            if (m_layout->lengthAt && numbering.headAt < *m_layout->lengthAt + 4 &&
+                *m_layout->lengthAt < numbering.headAt + 4) {
+                m_text.reject(at->line, "sequence_at and length_at lie on the same bytes; correct one of them");
+            }
+            if (numbering.isByType) {
+                m_text.reject(head.find("sequence_scope")->line,
+                              "sequence_at counts all packets of a stream; leave out sequence_at or sequence_scope");
+            }
+        } else if (const LayoutEntry* field = head.find("sequence_field")) {
+            takeNumberFields(*field);
+        } else if (const LayoutEntry* scope = head.find("sequence_scope")) {
+            m_text.reject(scope->line, "there are no numbers; add sequence_field, or leave out sequence_scope");
+        }
+    }
+
+    void takeNumberFields(const LayoutEntry& entry) {
+        Numbering& numbering = m_layout->numbering;
+        for (const Payload& payload : m_layout->payloads) {
+            const Field& field = payload.fields[payload.sequence];
+            if (numbering.place != Numbering::Place::kNone && field.isBigEndian != numbering.isBigEndian) {
+                m_text.reject(entry.line, field.name + " has another byte order in type " +
+                                              std::to_string(payload.type) +
+                                              "; number the packets by a field that is the same everywhere");
+            }
+            numbering.place = Numbering::Place::kField;
+            numbering.width = field.width;
+            numbering.isBigEndian = field.isBigEndian;
+            if (payload.type < Numbering::kTypes) {
+                numbering.fields[payload.type] = {kHeadBytes + payload.size, kHeadBytes + field.offset};
+            }
         }
     }
 

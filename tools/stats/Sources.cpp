@@ -8,13 +8,14 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
 
-#include "tools/stats/CardCounters.h"
 #include "tools/stats/Settings.h"
+#include "tools/tap/KnownLayouts.h"
 #include "tools/tap/Report.h"
 
 namespace stats {
@@ -34,6 +35,7 @@ struct Page {
     PageFile file;
     Process* process = nullptr;
     std::uint64_t longCallback = 0;
+    std::unique_ptr<vexo::data::Layouts> layouts;  // null: none is known
     std::mutex streamsMutex;  // held while streams are opened and closed, and while the card's counters are read
     std::condition_variable wake;
     bool isEnding = false;
@@ -53,9 +55,17 @@ bool g_cpusKnown = false;
     g_cpusKnown = ::sched_getaffinity(0, sizeof g_cpusAtStart, &g_cpusAtStart) == 0;
 }
 
+void readCard(Source& source) {
+    const void* const stream = source.stream.load(std::memory_order_relaxed);
+    const bool byApplication = source.absence.look(source.counts);
+    const std::uint64_t missing = __atomic_load_n(&source.counts.sequenceLost, __ATOMIC_RELAXED);
+    source.card.add(source.counts, askCard(stream), byApplication);
+    source.card.noteLostBeforeCard(source.counts, missing);
+}
+
 void readAll() {
     for (Source& source : g_sources) {
-        if (source.isOpen()) readCardCounters(source);
+        if (source.isOpen()) readCard(source);
     }
 }
 
@@ -126,6 +136,7 @@ void begin() {
         return;
     }
     vexo_stats::describe(*page->process, vexo_stats::kTap);
+    page->layouts = tap::knownLayouts();
     page->longCallback = page->process->clockPerSecond / kMicroseconds * ringLastsMicroseconds();
     ::pthread_atfork(nullptr, nullptr, turnOff);  // the page is the parent's
     g_page.store(page);
@@ -145,12 +156,9 @@ Source* sourceFor(const Page& page, std::uint64_t card, std::uint64_t channel) {
         Stream& counts = source.counts;
         if (counts.state == vexo_stats::kClosed && (counts.card != card || counts.channel != channel)) continue;
         if (counts.state != vexo_stats::kUnused) return &source;
-        counts.card = card;
-        counts.channel = channel;
-        counts.backPressure = counts.backPressureInCallbacks = vexo_stats::kUnknown;
-        counts.fifoErrors = counts.errors = vexo_stats::kUnknown;
         counts.pollsKnown = 1;
         counts.longCallback = page.longCallback;
+        vexo_stats::describe(counts, card, channel);
         return &source;
     }
     return nullptr;
@@ -187,11 +195,11 @@ void openStream(enyx_hw_a2c_stream* stream, const tap::Origin& origin, Handler c
     }
     source->counting = counting;
     source->handler = nullptr;
-    source->next = 1;
-    source->lookedAt = vexo_stats::startNow();
+    source->sequence.restart(page->layouts.get());
+    source->absence.start(source->counts);
+    source->card.start(source->counts, askCard(stream), source->counts.sequenceLost);
     source->counts.state = vexo_stats::kOpen;
     source->stream.store(stream, std::memory_order_release);
-    readCardCounters(*source);
     if (!page->reader.joinable()) startReader(*page);
 }
 
@@ -200,7 +208,7 @@ void closeStream(const void* stream) {
     const std::lock_guard<std::mutex> lock(g_page.load()->streamsMutex);
     Source* source = find(stream);
     if (source == nullptr) return;
-    readCardCounters(*source);
+    readCard(*source);
     source->close();
     source->counts.state = vexo_stats::kClosed;
 }

@@ -5,6 +5,9 @@
 #include <atomic>
 #include <cstdint>
 
+#include "tools/data/Sequence.h"
+#include "tools/stats/Absence.h"
+#include "tools/stats/CardCounters.h"
 #include "tools/tap/NextCalls.h"
 #include "tools/tap/Origins.h"
 
@@ -12,11 +15,6 @@
 namespace stats {
 
 using Handler = enyx_hw_a2c_stream_handler;
-
-/// How far a counter of the card had come.
-struct CardCounter {
-    std::uint32_t last = 0;
-};
 
 /// A stream. The poll's own values lie in a page of private memory, directly before the block of the shared page: so
 /// one register reaches both.
@@ -26,17 +24,11 @@ struct alignas(vexo_stats::kBlockBytes) Source {
     Handler handler = nullptr;
     void* context = nullptr;
     Handler counting = nullptr;  // what the card calls instead: counts, then calls the handler
-    std::uint32_t next = 1;      // expected sequence number
+    vexo::data::SequenceCounter sequence;
 
     // Of the thread that reads the card's counters.
-    CardCounter backPressure;
-    CardCounter fifoErrors;
-    CardCounter errors;
-    std::uint64_t longBefore = 0;  // callbacks longer than the ring lasts
-    std::uint64_t pollsBefore = 0;
-    std::uint64_t packetBefore = 0;
-    std::uint64_t lookedAt = 0;
-    bool wasLong = false;
+    CardCounters card;
+    Absence absence;
 
     alignas(vexo_stats::kBlockBytes) vexo_stats::Stream counts{};
 

@@ -15,7 +15,9 @@
 #include <thread>
 
 #include "tools/Version.h"
+#include "tools/stats/CardCounters.h"
 #include "tools/tap/Report.h"
+#include "tools/tap/TapPage.h"
 
 namespace tap {
 
@@ -27,9 +29,12 @@ constexpr auto kIdle = std::chrono::milliseconds(1);
 constexpr auto kFlushEvery = std::chrono::milliseconds(100);
 
 struct Capture {
-    Capture(const Settings& s, capture::CaptureFiles::Settings files) : settings(s), writer(s, std::move(files)) {}
+    Capture(const Settings& s, capture::CaptureFiles::Settings files) : settings(s), writer(s, std::move(files)) {
+        writer.countWith([this](const capture::InterfaceInfo& info) { return page.newStats(info); });
+    }
 
     Settings settings;
+    TapPage page;
     TapWriter writer;
     std::mutex registerMutex;  // register accesses come from any thread; they are rare
     Source* registers = nullptr;
@@ -43,7 +48,8 @@ enum class State { kNotBegun, kRunning, kOff };
 std::atomic<Capture*> g_capture{nullptr};
 std::atomic<State> g_state{State::kNotBegun};
 std::mutex g_beginMutex;
-std::mutex g_streamsMutex;  // held while g_streams changes
+std::mutex g_streamsMutex;  // held while g_streams changes, and while the card is asked for its counters
+bool g_cardAnswers = true;  // until the card's library ends; under g_streamsMutex
 cpu_set_t g_cpusAtStart;    // before the application pinned a thread
 bool g_cpusKnown = false;
 
@@ -76,6 +82,42 @@ capture::CaptureFiles::Settings fileSettings(const Settings& settings) {
     return files;
 }
 
+stats::CardReading askCard(const Source& source) {
+    if (!g_cardAnswers || source.stream == nullptr) return {};
+    return stats::askCard(source.stream);
+}
+
+// What the card has counted for the streams. In the writer's thread: the answers take time, and no packet must wait.
+void readCards(Capture& capture) {
+    capture.writer.eachSource([&capture](Source& source) {
+        if (source.stats == nullptr || !source.described) return;
+        StreamStats& stats = *source.stats;
+        stats.beginLook(source.presence, source.ring);
+        std::vector<StreamStats::Noted> noted;
+        {
+            const std::lock_guard<std::mutex> lock(g_streamsMutex);
+            if (source.stream != nullptr) stats.note(askCard(source), StreamStats::When::kOpen, source.ring.lost());
+            noted = stats.takeNoted();
+        }
+        capture::CaptureFiles& files = capture.writer.files();
+        const std::uint64_t lostInRing = source.ring.lost();
+        stats.endLook(noted, lostInRing, files.lost(source.interface) + lostInRing - source.lostCounted);
+        files.setCard(source.interface, stats.card());
+    });
+}
+
+// At exit, before the objects of the card's library end: they were there first.
+void readCardsAtExit() {
+    Capture* capture = g_capture.load();
+    if (capture == nullptr || g_state.load() != State::kRunning) return;
+    const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    capture->writer.eachSource([](Source& source) {
+        if (source.stats != nullptr && source.stream != nullptr)
+            source.stats->note(askCard(source), StreamStats::When::kOpen, source.ring.lost());
+    });
+    g_cardAnswers = false;
+}
+
 void runWriter(Capture& capture) {
     if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
     ::pthread_setname_np(::pthread_self(), "vexo-tap");
@@ -85,9 +127,12 @@ void runWriter(Capture& capture) {
         if (!capture.writer.drain()) std::this_thread::sleep_for(kIdle);
         const auto now = std::chrono::steady_clock::now();
         if (now - flushed < kFlushEvery) continue;
+        readCards(capture);
         capture.writer.flush();
         flushed = now;
     }
+    capture.writer.drainAll();
+    readCards(capture);
     capture.writer.finish();
 }
 
@@ -138,6 +183,7 @@ void begin() {
     if (startWriter(*capture)) {
         g_capture.store(capture.release());
         g_state.store(State::kRunning);
+        std::atexit(readCardsAtExit);
     } else {
         g_state.store(State::kOff);
     }
@@ -158,7 +204,19 @@ Capture* running() {
     Capture& capture = *g_capture.load();
     capture.ending.store(true, std::memory_order_release);
     capture.thread.join();
+    capture.page.end();
     tellResult(capture);
+}
+
+}  // namespace
+
+namespace {
+
+// Under g_streamsMutex.
+void release(Source& source) {
+    if (source.stats != nullptr) source.stats->note(askCard(source), StreamStats::When::kClosed, source.ring.lost());
+    source.stream = nullptr;
+    TapWriter::release(source);
 }
 
 }  // namespace
@@ -170,13 +228,16 @@ void openStream(const void* stream, const Origin& origin) {
     Source* source = capture->writer.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
     // The same handle may come back without a destroy call: a library may free it in another way.
-    if (Source* before = g_streams.remove(stream)) TapWriter::release(*before);
+    if (Source* before = g_streams.remove(stream)) release(*before);
     if (source != nullptr) {
         source->stream = stream;
         source->keepUpTo(0);
+        source->presence.begin();
+        const bool isMarked = source->ring.putOpening(clock_ticks::now());
+        if (source->stats != nullptr) source->stats->noteOpening(askCard(*source), source->ring.lost(), isMarked);
     }
     if (source != nullptr && g_streams.insert(stream, source)) return;
-    if (source != nullptr) TapWriter::release(*source);
+    if (source != nullptr) release(*source);
     report("no memory or no room for " + info.name + ": it is not captured");
 }
 
@@ -184,7 +245,7 @@ void closeStream(const void* stream) {
     if (g_state.load(std::memory_order_acquire) != State::kRunning) return;
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
     Source* source = g_streams.remove(stream);
-    if (source != nullptr) TapWriter::release(*source);
+    if (source != nullptr) release(*source);
 }
 
 bool recordsRegisters() {

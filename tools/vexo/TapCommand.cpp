@@ -1,7 +1,9 @@
 #include <VexoZceMdStatsPage.h>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 
+#include "tools/data/LayoutFile.h"
 #include "tools/stats/Settings.h"
 #include "tools/tap/Settings.h"
 #include "tools/vexo/Command.h"
@@ -37,9 +39,20 @@ fs::path absoluteOutput(const std::string& output) {
     return path;
 }
 
-[[noreturn]] void count(const Options& options, const Program& program) {
-    set(stats::kRingLastsVariable, std::to_string(options.ringLastsUs));
-    if (options.keepPage) set(vexo_stats::kKeepVariable, "1");
+// The program may change its directory before its first stream is opened.
+void keepLayouts() {
+    const char* const named = std::getenv(data::kLayoutVariable);
+    std::string all;
+    for (std::string rest = named != nullptr ? named : ""; !rest.empty();) {
+        const std::string name = rest.substr(0, rest.find(':'));
+        rest.erase(0, name.size() + 1);
+        if (name.empty()) continue;
+        all += (all.empty() ? "" : ":") + (name == data::kSimulated ? name : fs::absolute(name).string());
+    }
+    if (!all.empty()) set(data::kLayoutVariable, all);
+}
+
+[[noreturn]] void count(const Program& program) {
     preload(statsLibrary());
     become(program);
 }
@@ -47,7 +60,10 @@ fs::path absoluteOutput(const std::string& output) {
 int run(const Options& options, const Program& program) {
     requireProgram(program);
     set(tap::kJsonVariable, options.json ? "1" : "0");
-    if (options.statsOnly) count(options, program);
+    set(stats::kRingLastsVariable, std::to_string(options.ringLastsUs));
+    if (options.keepPage) set(vexo_stats::kKeepVariable, "1");
+    keepLayouts();
+    if (options.statsOnly) count(program);
     set(tap::kFileVariable, absoluteOutput(options.output).string());
     set(tap::kRegistersVariable, options.registers ? "1" : "0");
     set(tap::kRotateVariable, std::to_string(options.rotateMb));
@@ -84,9 +100,8 @@ void addTap(CLI::App& app, Invocation& invocation) {
                     "costs are lost by the application")
         ->type_name("US")
         ->check(CLI::Range(std::uint64_t{1}, stats::kMaxRingLastsUs))
-        ->capture_default_str()
-        ->needs(statsOnly);
-    tap->add_flag("--keep-page", options->keepPage, "Keep the numbers when the program ends")->needs(statsOnly);
+        ->capture_default_str();
+    tap->add_flag("--keep-page", options->keepPage, "Keep the page of numbers for vexo stat when the program ends");
     for (CLI::Option* recording : {output, registers, rotate, ring}) statsOnly->excludes(recording);
     tap->add_flag("--json", options->json,
                   "Write what the tap says on standard error as JSON, one object a line: {\"tap\": ...}");

@@ -178,6 +178,15 @@ TEST_F(MapPhase, PacketThatCompletesTheConfigurationStartsTheDelay) {
     EXPECT_EQ(channel->m_tCfgSuccTime, std::chrono::system_clock::now());
 }
 
+TEST_F(MapPhase, AnIncompleteConfigurationIsNoError) {
+    Rules(0).m_SubsContractId = {"SR999"};
+    const std::vector<unsigned char> packet = MapPacket().Add("SR505", 7).Bytes();
+
+    EXPECT_EQ(channel->HandleContMapPkt(packet.data(), static_cast<unsigned int>(packet.size()), channel.get()), 0);
+
+    EXPECT_FALSE(channel->m_bCfgInsSuccess);
+}
+
 TEST_F(MapPhase, CheckIsNotRepeatedOnceItHasPassed) {
     Deliver(MapPacket().Add("SR505", 1));
     ExpectTimeline(With(Checked(15), {"INFO check config is success. m_bCfgInsSuccess is 1."}));

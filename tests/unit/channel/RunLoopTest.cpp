@@ -321,4 +321,15 @@ TEST_F(CallAuction, FirstStampCountsOnceItHasMoved) {
     EXPECT_TRUE(child.returned) << child.err;
 }
 
+TEST_F(CallAuction, AStampThatCannotBeReadCountsAsZero) {
+    const ChildResult child = RunInChild([&] {
+        SetHour(9);
+        EXPECT_EQ(Ask(0, 0), 0);
+        drv->failingReads.insert(0x104);
+        EXPECT_EQ(Ask(90000, 91500), 1);  // zero is the reference, so the second stamp counts
+        EXPECT_EQ(CZceDmaChanImpl::g_uiContractSettleTm, 91500U);
+    });
+    EXPECT_TRUE(child.returned) << child.err;
+}
+
 }  // namespace

@@ -9,6 +9,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 #include "tests/unit/config/ConfigFixture.h"
@@ -192,6 +194,25 @@ TEST_F(ConfigSource, AFifoWithAWriterIsLoaded) {
 TEST_F(ConfigSource, AFifoThatNobodyWritesToIsRefused) { ExpectRefused(MakeFifo(), "nobody writes to this FIFO"); }
 
 TEST_F(ConfigSource, TheNullDeviceIsAnEmptyConfiguration) { ExpectEmptyConfiguration("/dev/null"); }
+
+TEST_F(ConfigSource, ATerminalIsWaitedFor) {
+    const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const char* name = terminal < 0 || ::grantpt(terminal) != 0 || ::unlockpt(terminal) != 0 ? nullptr
+                                                                                             : ::ptsname(terminal);
+    const int user = name == nullptr ? -1 : ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (user < 0) GTEST_SKIP() << "no pseudo-terminal: " << std::strerror(errno);
+    // The source finds nothing to read at first, unless this test is very slow. Then it finds the text at once.
+    const Writer writer([&] {
+        ::usleep(50'000);
+        WriteAll(terminal, kText + std::string("\4"));
+        ::pause();
+    });
+
+    ExpectLoaded(name);
+
+    ::close(user);
+    ::close(terminal);
+}
 
 TEST_F(ConfigSource, AnEndlessDeviceIsRefused) { ExpectRefused("/dev/zero", "it does not end"); }
 

@@ -70,6 +70,14 @@ TEST_F(IntradayFile, InitEmptiesTheFile) {
     EXPECT_THAT(log, IsEmpty());
 }
 
+TEST_F(IntradayFile, AWrittenInstrumentIsInTheFileAtOnce) {
+    bin->Normal_FileInit();
+
+    bin->Normal_WriteInstToBin("SR505", 7);
+
+    EXPECT_EQ(dir.Read("bin"), "7,SR505\n");
+}
+
 TEST_F(IntradayFile, InitAgainLosesNoDescriptor) {
     bin->Normal_FileInit();
     const std::size_t before = OpenDescriptors();

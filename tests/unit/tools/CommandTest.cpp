@@ -78,7 +78,6 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
         {"stat --listen 70000", "--listen"},
         {"stat --watch 0", "--watch: Value 0 not in range"},
-        {"tap --keep-page -- true", "--keep-page requires --stats-only"},
         {"tap --stats-only --registers -- true", "--registers excludes --stats-only"},
         {"tap --stats-only --ring-lasts 0 -- true", "--ring-lasts: Value 0 not in range"},
         {"tap --rotate 0 -- true", "--rotate: Value 0 not in range"},

@@ -33,11 +33,12 @@ inline std::string preloading(const std::string& library) {
     return "LD_LIBRARY_PATH=" + word(library.substr(0, slash)) + " LD_PRELOAD=" + library.substr(slash + 1) + " ";
 }
 
-/// Settings before a command that loads the tap: a sanitizer's library cannot come before what is preloaded.
+/// Settings before a command that loads the tap: a sanitizer's library cannot come before what is preloaded, and the
+/// statistics page is to be in the test's directory.
 inline std::string tapSettings(const std::string& file) {
     const char* sanitizer = std::getenv("ASAN_OPTIONS");
     return "export ASAN_OPTIONS=verify_asan_link_order=0:" + std::string(sanitizer != nullptr ? sanitizer : "") +
-           " VEXO_TAP_FILE=" + file + "; ";
+           " VEXO_TAP_FILE=" + file + " VEXO_STATS_DIR=\"$PWD/pages\"; ";
 }
 
 }  // namespace capture

@@ -40,9 +40,7 @@ struct Written {
     }
     vexo_stats::Stream& add(std::uint64_t channel) {
         vexo_stats::Stream stream{};
-        stream.state = vexo_stats::kOpen;
-        stream.card = 0;
-        stream.channel = channel;
+        vexo_stats::describe(stream, 0, channel);
         stream.pollsKnown = 1;
         streams.push_back(stream);
         return streams.back();
@@ -112,8 +110,8 @@ TEST_F(StatCommand, ShowsWhatAPageSays) {
 
 TEST_F(StatCommand, TheTableOfLossesHasALineForEachStream) {
     Written page = busy();
-    page.add(4).backPressure = vexo_stats::kUnknown;
-    page.streams[1].fifoErrors = page.streams[1].errors = vexo_stats::kUnknown;
+    page.streams[0].lostByTap = 11;
+    page.add(4).lostByRelay = 12;
     write(page);
     const std::string process = "quotes " + std::to_string(::getpid());
     const std::string pad(process.size() - 7, ' ');
@@ -122,11 +120,23 @@ TEST_F(StatCommand, TheTableOfLossesHasALineForEachStream) {
         "by the application\n";
     EXPECT_EQ(stat("--loss").output,
               "program" + pad + head + process +
-                  "     0        3     1005               20           18           20           -           -  "
+                  "     0        3     1005               20           18           20          11           -  "
                   "                10\n" +
                   process +
-                  "     0        4        0                -            -            -           -           -  "
+                  "     0        4        0                -            -            -           -          12  "
                   "                 -\n");
+}
+
+TEST_F(StatCommand, APageOfTheFirstVersionDoesNotKnowWhatItLacks) {
+    Written page = busy();
+    page.process.version = 1;
+    page.streams[0].cardPackets = page.streams[0].lostByTap = page.streams[0].lostByRelay = 0;
+    write(page);
+    const auto json = nlohmann::json::parse(stat("--json").output);
+    EXPECT_EQ(json["streams"].at(0)["lost"]["before_card"], 20);
+    EXPECT_TRUE(json["streams"].at(0)["lost"]["by_tap"].is_null());
+    EXPECT_TRUE(json["streams"].at(0)["lost"]["by_relay"].is_null());
+    EXPECT_TRUE(json["streams"].at(0)["card_packets"].is_null());
 }
 
 TEST_F(StatCommand, JsonIsALineForEachProcess) {
@@ -241,7 +251,7 @@ TEST_F(StatCommand, AHostilePageIsNamedAndHidesNoOther) {
     dir.Write("1.tap.page", "");
     dir.Write("2.tap.page", std::string(vexo_stats::kPageBytes, 'x'));
     Written version, streams, clock, cut;
-    version.process.version = 2;
+    version.process.version = 3;
     write(version, "3.tap.page");
     streams.process.streams = 0xFFFFFFFF;
     write(streams, "4.tap.page");
@@ -253,7 +263,7 @@ TEST_F(StatCommand, AHostilePageIsNamedAndHidesNoOther) {
     const ProgramResult result = stat("");
     EXPECT_EQ(result.status, 0);
     for (const char* text : {"./1.tap.page: this is no statistics page\n", "./2.tap.page: this is no statistics page\n",
-                             "./3.tap.page: its layout is number 2, this vexo knows number 1\n",
+                             "./3.tap.page: its layout is number 3, this vexo knows number 2\n",
                              "./4.tap.page: it is damaged\n", "./5.tap.page: it is damaged\n",
                              "./6.tap.page: it is cut off\n", "./7.tap.page: this is no statistics page\n",
                              "./8.tap.page: Too many levels of symbolic links\n", "type 17 1,000\n"}) {

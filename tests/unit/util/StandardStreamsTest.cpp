@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <functional>
 
@@ -46,6 +47,15 @@ TEST_F(StandardStreams, ADescriptorMovesOutOfTheirNumbersWithCloseOnExec) {
 TEST_F(StandardStreams, AnotherDescriptorStaysWhereItIs) {
     EXPECT_EQ(standard_streams::moveAbove(3), 3);
     EXPECT_EQ(standard_streams::moveAbove(-1), -1);
+}
+
+TEST_F(StandardStreams, LookingForClosedStreamsLeavesErrno) {
+    EXPECT_EQ(WithoutStandardStreams([] {
+                  errno = ERANGE;
+                  standard_streams::noteClosed();
+                  return errno;
+              }),
+              ERANGE);
 }
 
 TEST_F(StandardStreams, NothingIsPrintedOnceStandardOutputWasFoundClosed) {

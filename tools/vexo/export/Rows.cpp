@@ -40,7 +40,7 @@ Value secondsValue(std::uint64_t ns) {
 }
 
 // 2025-01-15T09:00:00.123456789+08:00
-void writeClock(std::uint64_t ns, char (&out)[40]) {
+void writeClock(std::uint64_t ns, char (&out)[48]) {
     const vexo_zce::HostTime time = vexo_zce::hostTimeOf(ns);
     std::snprintf(out, sizeof out, "%04u-%02u-%02uT%02u:%02u:%02u.%09u+08:00", time.date / 10000, time.date / 100 % 100,
                   time.date % 100, time.second / 3600, time.second / 60 % 60, time.second % 60,

@@ -68,7 +68,7 @@ struct Row {
     bool hasLookedForTime = false;
     bool hasQuoteTime = false;
     vexo_zce::QuoteTime quoteTime{};
-    char clock[40] = "";
+    char clock[48] = "";
 };
 
 enum class ValueKind { kNone, kUnsigned, kSigned, kDecimal, kFloat, kSeconds, kText, kBytes };

@@ -61,6 +61,7 @@ ordered_json streamJson(const Page& page, const Stream& stream) {
                             {"late", stream.sequenceLate},
                             {"restarts", stream.sequenceRestarts}};
     }
+    json["card_packets"] = orNull(stream.cardPackets);
     json["back_pressure"] = orNull(stream.backPressure);
     json["fifo_errors"] = orNull(stream.fifoErrors);
     json["errors"] = orNull(stream.errors);

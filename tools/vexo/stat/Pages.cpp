@@ -52,7 +52,7 @@ bool isRunning(const Process& process, uid_t owner) {
 
 std::string faultOf(const Process& process) {
     if (process.magic != vexo_stats::kMagic) return "this is no statistics page";
-    if (process.version != vexo_stats::kVersion) {
+    if (process.version < vexo_stats::kOldestVersion || process.version > vexo_stats::kVersion) {
         return "its layout is number " + std::to_string(process.version) + ", this vexo knows number " +
                std::to_string(vexo_stats::kVersion);
     }
@@ -117,6 +117,7 @@ double Page::timeOfDay(std::uint64_t clock) const {
 
 std::uint64_t packetsOf(const Stream& stream) { return sum(stream.packets); }
 std::uint64_t bytesOf(const Stream& stream) { return sum(stream.bytes); }
+bool knowsCallbacks(const Stream& stream) { return sum(stream.callbacks) != 0; }
 
 data::Losses lossOf(const Stream& stream) {
     const auto known = [](std::uint64_t n) { return n == kUnknown ? data::Count() : data::Count(n); };
@@ -126,6 +127,8 @@ data::Losses lossOf(const Stream& stream) {
     if (stream.sequenceKnown != 0 && counts.backPressure) counts.lostBeforeCard = stream.lostBeforeCard;
     counts.fifoErrors = known(stream.fifoErrors);
     counts.errors = known(stream.errors);
+    counts.byTap = known(stream.lostByTap);
+    counts.byRelay = known(stream.lostByRelay);
     return data::lossesOf(counts);
 }
 
@@ -148,6 +151,7 @@ std::string readPage(const std::string& path, Page& page) {
     for (std::size_t i = 1; i <= page.process.streams; ++i) {
         Stream stream;
         std::memcpy(&stream, bytes.data() + i * kBlockBytes, sizeof stream);
+        if (page.process.version < 2) stream.cardPackets = stream.lostByTap = stream.lostByRelay = kUnknown;
         if (stream.state != vexo_stats::kUnused) page.streams.push_back(stream);
     }
     page.file = path;

@@ -30,6 +30,8 @@ struct Page {
 
 std::uint64_t packetsOf(const vexo_stats::Stream& stream);
 std::uint64_t bytesOf(const vexo_stats::Stream& stream);
+/// A process that records has no times of callbacks.
+bool knowsCallbacks(const vexo_stats::Stream& stream);
 data::Losses lossOf(const vexo_stats::Stream& stream);
 
 /// What can be read, and one line for each file that cannot.

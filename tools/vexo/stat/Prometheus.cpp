@@ -172,6 +172,7 @@ void times(Metrics& metrics) {
     metrics.begin("vexo_callback_seconds", "histogram",
                   "Time from a packet's arrival until its callback has returned.");
     metrics.eachStream([&](const Page& page, const Stream& stream, const std::string& labels) {
+        if (!knowsCallbacks(stream)) return;
         histogram(metrics, page, labels, stream.callbacks, vexo_stats::kBuckets, page.seconds(stream.callbackClock));
     });
     metrics.begin("vexo_packet_gap_seconds", "histogram", "Time from one packet to the next.");

@@ -120,7 +120,7 @@ std::string streamText(const Page& page, const Stream& stream, const std::vector
         if (page.life == Life::kRunning)
             line("last packet", duration(page.seconds(page.readClock - stream.lastPacket)) + " ago");
         line("between packets", histogramLine(stream.gaps, kGapBuckets, page));
-        line("callbacks", histogramLine(stream.callbacks, vexo_stats::kBuckets, page));
+        if (knowsCallbacks(stream)) line("callbacks", histogramLine(stream.callbacks, vexo_stats::kBuckets, page));
     }
     if (stream.sequenceKnown != 0) line("sequence", sequenceLine(stream));
     line("lost", data::lossLine(lossOf(stream)));
@@ -152,7 +152,13 @@ const char* nameOf(vexo_stats::Step step) {
 
 const char* nameOf(Life life) { return life == Life::kRunning ? "running" : life == Life::kEnded ? "ended" : "died"; }
 
-const char* writerOf(const Page& page) { return page.process.writer == vexo_stats::kTap ? "tap" : "application"; }
+const char* writerOf(const Page& page) {
+    switch (page.process.writer) {
+        case vexo_stats::kTap: return "tap";
+        case vexo_stats::kRelay: return "relay";
+        default: return "application";
+    }
+}
 
 std::string typeName(std::size_t slot) {
     if (slot == vexo_stats::kOtherType) return "other";
