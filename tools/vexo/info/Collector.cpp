@@ -9,9 +9,26 @@ namespace {
 
 constexpr char kOtherStreams[] = "other streams";
 constexpr std::uint64_t kPacketsOfProgress = 1 << 16;
-// As the statistics page takes them: a longer way forward, or back, is no loss but another beginning.
-constexpr std::int64_t kMostLost = 1 << 20;
-constexpr std::int64_t kMostLate = 1 << 10;
+
+// Which of the counters of a numbering a packet has its number in; nothing for a packet without one.
+std::optional<std::uint32_t> numberSlotOf(const data::Numbering& numbering, const capture::Packet& packet) {
+    if (packet.size < data::kHeadBytes) return std::nullopt;
+    if (numbering.place == data::Numbering::Place::kHead) return 0;
+    const std::uint64_t type = data::loadUnsigned(packet.data, 4, false);
+    if (type >= data::Numbering::kTypes || numbering.fields[type].size != packet.size) return std::nullopt;
+    return numbering.isByType ? static_cast<std::uint32_t>(type) : 0;
+}
+
+// A sum is known only if all its parts are.
+void add(data::Count& all, const data::Count& part, bool isFirst) {
+    if (isFirst) {
+        all = part;
+    } else if (all && part) {
+        *all += *part;
+    } else {
+        all.reset();
+    }
+}
 
 std::size_t bucketOf(std::uint64_t ns) { return ns < 2 ? 0 : static_cast<std::size_t>(63 - __builtin_clzll(ns)); }
 
@@ -26,18 +43,21 @@ struct Collector::Stream {
     PeakRate<1'000'000'000> second;
     PeakRate<1'000'000> millisecond;
     LongestBurst burst;
-    std::uint64_t nextSequence = 0;          // if the summary has a sequence
+    data::SequenceCounter sequence;
+    vexo_stats::Stream numbers{};  // what it counts
+    std::uint64_t unrecorded = 0;
+    bool hasCounts = false;                  // a capture of the stream has ended
     std::optional<std::uint64_t> countedTo;  // end of the last capture's counts
-    bool isCounted = true;                   // all captures so far have counts
 };
 
 /// An interface of an open capture.
 struct Collector::Source {
     Stream* stream = nullptr;  // null: it is no stream
     bool isRegisters = false;
-    bool hasSequence = false;  // a sequence number has been seen
-    // A jump at its first sequence number. Whether it is a loss can be told at the end of the capture.
-    std::uint64_t jump = 0;
+    std::uint32_t numbered = 0;  // bit n: it had a packet with a number of slot n
+    // Jumps at the first of these numbers. Whether they are losses can be told at the end of the capture.
+    std::uint64_t jumps = 0;
+    std::uint64_t jumped = 0;
     std::uint64_t jumpNs = 0;
 };
 
@@ -55,6 +75,7 @@ Collector::Stream& Collector::streamOf(const std::string& name) {
         m_streams.push_back(std::make_unique<Stream>());
         stream = m_streams.back().get();
         stream->number = m_streams.size() - 1;
+        stream->sequence = data::SequenceCounter(&m_layouts);
         stream->summary.name = isFull ? kOtherStreams : name;
         stream->summary.place = capture::placeOf(name);
     }
@@ -155,85 +176,73 @@ void Collector::take(std::size_t file, const capture::Packet& packet) {
     countTimes(stream, packet.timeNs, bytes);
     if (const data::Payload* payload = m_layouts.find(packet.data, packet.size)) {
         ++type.described;
-        countPayload(packet, *payload);
+        if (payload->id != data::kNoField) countInstrument(packet, payload->fields[payload->id]);
     }
+    countNumber(packet);
     if (m_summary.packets % kPacketsOfProgress == 0 && m_progress) m_progress();
 }
 
-void Collector::countPayload(const capture::Packet& packet, const data::Payload& payload) {
-    const unsigned char* const data = packet.data + data::kHeadBytes;
-    if (payload.id != data::kNoField) {
-        const data::Field& field = payload.fields[payload.id];
-        const auto* const text = reinterpret_cast<const char*>(data + field.offset);
-        const std::string_view id(text, ::strnlen(text, std::min<std::size_t>(field.width, kMostIdBytes)));
-        auto found = m_instruments.find(id);
-        if (found == m_instruments.end() && m_instruments.size() < kMostInstruments)
-            found = m_instruments.emplace(m_ids.emplace_back(id), Instrument{}).first;
-        if (found != m_instruments.end()) {
-            ++found->second.packets;
-            found->second.bytes += packet.trueSize;
-        } else {
-            ++m_summary.otherInstruments;
-        }
+void Collector::countInstrument(const capture::Packet& packet, const data::Field& field) {
+    const auto* const text = reinterpret_cast<const char*>(packet.data + data::kHeadBytes + field.offset);
+    const std::string_view id(text, ::strnlen(text, std::min<std::size_t>(field.width, kMostIdBytes)));
+    auto found = m_instruments.find(id);
+    if (found == m_instruments.end() && m_instruments.size() < kMostInstruments)
+        found = m_instruments.emplace(m_ids.emplace_back(id), Instrument{}).first;
+    if (found == m_instruments.end()) {
+        ++m_summary.otherInstruments;
+        return;
     }
-    if (payload.sequence == data::kNoField) return;
-    const data::Field& field = payload.fields[payload.sequence];
-    const std::uint64_t number = data::loadUnsigned(data + field.offset, field.width, field.isBigEndian);
-    Stream& stream = *m_source->stream;
-    if (!stream.summary.sequence) {
-        stream.summary.sequence.emplace();
-        stream.nextSequence = number;
-    }
-    // Numbers of less than 64 bits begin again at 0.
-    const unsigned unused = 64 - 8 * field.width;
-    const std::int64_t ahead = static_cast<std::int64_t>((number - stream.nextSequence) << unused) >> unused;
-    if (ahead == 0) {
-        ++stream.nextSequence;
-    } else {
-        countOutOfTurn(*m_source, ahead, packet.timeNs);
-        if (ahead > 0 || ahead <= -kMostLate) stream.nextSequence = number + 1;
-    }
-    m_source->hasSequence = true;
+    ++found->second.packets;
+    found->second.bytes += packet.trueSize;
 }
 
-void Collector::countOutOfTurn(Source& source, std::int64_t ahead, std::uint64_t timeNs) {
-    Stream& stream = *source.stream;
-    SequenceCounts& counts = *stream.summary.sequence;
-    const bool isLoss = ahead > 0 && ahead < kMostLost;
-    if (!source.hasSequence && isLoss) {
-        source.jump = static_cast<std::uint64_t>(ahead);
-        source.jumpNs = timeNs;
-    } else if (!source.hasSequence) {
-        ++counts.unrecorded;
-    } else if (isLoss) {
-        ++counts.gaps;
-        counts.lost += static_cast<std::uint64_t>(ahead);
-        m_summary.timeline.addLost(stream.number, timeNs, static_cast<std::uint64_t>(ahead));
-    } else {
-        ++(ahead < 0 && ahead > -kMostLate ? counts.late : counts.restarts);
+void Collector::countNumber(const capture::Packet& packet) {
+    Stream& stream = *m_source->stream;
+    vexo_stats::Stream& numbers = stream.numbers;
+    const std::uint64_t lostBefore = numbers.sequenceLost;
+    const std::uint64_t restartsBefore = numbers.sequenceRestarts;
+    stream.sequence.take(numbers, packet.data, packet.size);
+    const data::Numbering* const numbering = stream.sequence.numbering();
+    const auto slot = numbering != nullptr ? numberSlotOf(*numbering, packet) : std::nullopt;
+    if (!slot) return;
+    const std::uint32_t bit = std::uint32_t{1} << *slot;
+    const bool isFirst = (m_source->numbered & bit) == 0;
+    m_source->numbered |= bit;
+    if (numbers.sequenceLost > lostBefore) {
+        const std::uint64_t lost = numbers.sequenceLost - lostBefore;
+        if (!isFirst) return m_summary.timeline.addLost(stream.number, packet.timeNs, lost);
+        ++m_source->jumps;
+        m_source->jumped += lost;
+        m_source->jumpNs = packet.timeNs;
+    } else if (isFirst && numbers.sequenceRestarts > restartsBefore) {
+        --numbers.sequenceRestarts;
+        ++stream.unrecorded;
     }
 }
 
 void Collector::takeCounts(Source& source, const capture::Interface& interface) {
     Stream& stream = *source.stream;
-    bool followsOn = false;  // nothing is between this capture and the one before
-    if (interface.counts) {
-        const capture::InterfaceCounts& counts = *interface.counts;
-        followsOn = stream.countedTo && *stream.countedTo == counts.startNs;
-        stream.countedTo = counts.endNs;
-        stream.summary.lost.byTap = stream.summary.lost.byTap.value_or(0) + counts.dropped;
-    } else {
-        stream.isCounted = false;
-        stream.countedTo.reset();
-    }
-    if (source.jump == 0) return;
-    SequenceCounts& sequence = *stream.summary.sequence;
+    data::LossCounts& lost = stream.summary.lost;
+    const bool isFirst = !stream.hasCounts;
+    const capture::InterfaceCounts counts = interface.counts.value_or(capture::InterfaceCounts{});
+    const capture::CardCounts card = counts.card.value_or(capture::CardCounts{});
+    add(lost.byTap, interface.counts ? data::Count(counts.dropped) : std::nullopt, isFirst);
+    add(lost.backPressure, card.backPressure, isFirst);
+    add(lost.backPressureByApplication, card.byApplication, isFirst);
+    add(lost.lostBeforeCard, card.beforeCard, isFirst);
+    add(lost.fifoErrors, card.fifoErrors, isFirst);
+    add(lost.errors, card.errors, isFirst);
+    stream.hasCounts = true;
+    // Nothing lies between this capture and the one before.
+    const bool followsOn = interface.counts && stream.countedTo && *stream.countedTo == counts.startNs;
+    stream.countedTo = interface.counts ? std::optional<std::uint64_t>(counts.endNs) : std::nullopt;
+    if (source.jumps == 0) return;
     if (followsOn) {
-        ++sequence.gaps;
-        sequence.lost += source.jump;
-        m_summary.timeline.addLost(stream.number, source.jumpNs, source.jump);
+        m_summary.timeline.addLost(stream.number, source.jumpNs, source.jumped);
     } else {
-        ++sequence.unrecorded;
+        stream.unrecorded += source.jumps;
+        stream.numbers.sequenceGaps -= std::min(stream.numbers.sequenceGaps, source.jumps);
+        stream.numbers.sequenceLost -= std::min(stream.numbers.sequenceLost, source.jumped);
     }
 }
 
@@ -265,8 +274,12 @@ Summary Collector::finish(const std::vector<std::string>& paths) {
         summary.second = stream->second.peak();
         summary.millisecond = stream->millisecond.peak();
         summary.burst = stream->burst.longest();
-        if (!stream->isCounted) summary.lost.byTap.reset();
-        if (summary.sequence) summary.lost.sequenceLost = summary.sequence->lost;
+        const vexo_stats::Stream& numbers = stream->numbers;
+        if (stream->sequence.numbering() != nullptr) {
+            summary.sequence = {numbers.sequenceGaps, numbers.sequenceLost, numbers.sequenceLate,
+                                numbers.sequenceRestarts, stream->unrecorded};
+            summary.lost.sequenceLost = numbers.sequenceLost;
+        }
         std::sort(summary.types.begin(), summary.types.end(),
                   [](const TypeCounts& a, const TypeCounts& b) { return a.type < b.type; });
         m_summary.streams.push_back(std::move(summary));

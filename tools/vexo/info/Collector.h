@@ -12,6 +12,7 @@
 
 #include "tools/data/CaptureSet.h"
 #include "tools/data/LayoutFile.h"
+#include "tools/data/Sequence.h"
 #include "tools/vexo/info/Summary.h"
 
 namespace vexo::info {
@@ -50,8 +51,8 @@ private:
     TypeCounts& typeOf(Stream& stream, const capture::Packet& packet);
     std::string meaningOf(std::uint64_t type) const;
     void countTimes(Stream& stream, std::uint64_t timeNs, std::uint64_t bytes);
-    void countPayload(const capture::Packet& packet, const data::Payload& payload);
-    void countOutOfTurn(Source& source, std::int64_t ahead, std::uint64_t timeNs);
+    void countInstrument(const capture::Packet& packet, const data::Field& id);
+    void countNumber(const capture::Packet& packet);
     void takeCounts(Source& source, const capture::Interface& interface);
     void addInstruments();
 
