@@ -342,7 +342,7 @@ TEST_F(InfoCommand, LossesByCauseAreTheSumsOfTheEndsOfTheCaptures) {
     EXPECT_EQ(all["streams"][0]["sequence"]["lost"], 47);
     EXPECT_THAT(
         Text("a.1.pcapng a.pcapng"),
-        HasSubstr("  channel 0                      4            4           23           5           -            "
+        HasSubstr("  channel 0                       4            4           23           5           -            "
                   "      10\n"));
     PageOf("a.pcapng a.1.pcapng", "'lost by the ring' '23'");
     // One capture whose writer did not ask the card: the sums are not known.
