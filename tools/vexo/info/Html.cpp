@@ -26,9 +26,11 @@ std::string row(const std::string& name, const std::string& cells, const char* k
 }
 
 // A wide table scrolls by itself, also with the keyboard; the page does not.
-std::string table(const std::string& name, const std::vector<std::string>& columns, const std::string& rows) {
-    return "<div class=\"scroll\" tabindex=\"0\" role=\"region\" aria-label=\"" + escaped(name) + "\"><table>\n" +
-           head(columns) + "<tbody>\n" + rows + "</tbody></table></div>\n";
+// @param kind  "narrow" for a table of few columns: an eye has to find the way from the first to the last one
+std::string table(const std::string& name, const std::vector<std::string>& columns, const std::string& rows,
+                  const std::string& kind = "wide") {
+    return "<div class=\"scroll\" tabindex=\"0\" role=\"region\" aria-label=\"" + escaped(name) + "\"><table class=\"" +
+           kind + "\">\n" + head(columns) + "<tbody>\n" + rows + "</tbody></table></div>\n";
 }
 
 // ---- the figures on top ----
@@ -101,7 +103,7 @@ std::string losses(const Summary& summary) {
     counted("sequence: gaps", &SequenceCounts::gaps, false);
     counted("sequence: again or late", &SequenceCounts::late, false);
     counted("sequence: restarts", &SequenceCounts::restarts, false);
-    return table("Packets lost, by channel and cause", columns, rows);
+    return table("Packets lost, by channel and cause", columns, rows, "narrow");
 }
 
 std::string channels(const Summary& summary) {
@@ -150,7 +152,7 @@ std::string comparison(const View& view) {
         rows += row(one.name, cell(one.one) + cell(one.other) + cell(one.change));
     return "<h2>Comparison</h2>\n<p><span class=\"key one\"></span> This one: " + escaped(captureNames(*view.summary)) +
            "</p>\n<p><span class=\"key other\"></span> The other: " + escaped(captureNames(*view.other)) + "</p>\n" +
-           table("Comparison", {"", "this one", "the other", "change"}, rows);
+           table("Comparison", {"", "this one", "the other", "change"}, rows, "narrow");
 }
 
 std::uint64_t spanOf(const Summary& summary) { return summary.timeline.bins().size() * summary.timeline.widthNs(); }

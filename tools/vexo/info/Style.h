@@ -36,11 +36,11 @@ figure { margin: 0 0 1.25rem; }
 .across span { position: absolute; top: calc(100% + .3rem); transform: translateX(-50%); font-size: .75rem;
                white-space: nowrap; color: var(--faint); }
 .grid { stroke: var(--line); vector-effect: non-scaling-stroke; }
-.mean { fill: var(--one); fill-opacity: .55; }
+.mean { fill: var(--one); fill-opacity: .55; stroke: var(--one); vector-effect: non-scaling-stroke; }
 .peak { fill: none; stroke: var(--peak); vector-effect: non-scaling-stroke; }
 .one { fill: var(--one); }
 .other { fill: var(--other); }
-.second .mean { fill: var(--other); }
+.second .mean { fill: var(--other); stroke: var(--other); }
 .lost { stroke: var(--lost); stroke-width: 2px; vector-effect: non-scaling-stroke; }
 .hit { fill: transparent; }
 .hit:hover { fill: var(--text); fill-opacity: .12; }
@@ -54,6 +54,7 @@ th, td { text-align: right; padding: .25rem .6rem; border-bottom: 1px solid var(
 th { color: var(--faint); font-weight: 600; vertical-align: bottom; }
 th:first-child, td:first-child, tbody th { text-align: left; }
 tbody th { color: inherit; font-weight: normal; max-width: 22rem; overflow: hidden; text-overflow: ellipsis; }
+table.narrow { width: auto; min-width: min(100%, 34rem); }
 tr.part th { padding-left: 1.8rem; color: var(--faint); }
 td.bad { color: var(--lost); font-weight: 600; }
 .cell { display: block; width: 100%; min-width: 5rem; height: .8rem; }
@@ -65,7 +66,9 @@ footer { margin-top: 2rem; border-top: 1px solid var(--line); padding-top: .5rem
   .tall { height: 11rem; }
   .figures { grid-template-columns: repeat(2, minmax(0, 1fr)); }
   th, td { padding: .25rem .4rem; }
-  tbody th { white-space: normal; }
+  tbody th { white-space: normal; overflow-wrap: break-word; }
+  .cell { min-width: 2.5rem; }
+  .bars { width: 25%; }
   tr.part th { padding-left: 1rem; }
   h1 { font-size: 1.2rem; } }
 )css";
