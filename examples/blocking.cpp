@@ -53,6 +53,7 @@ private:
 
 int main(int argc, char** argv) {
     const char* ini = example::arguments(argc, argv, kUsage, 1, 1).front();
+    example::requireFile(ini);
     Counter counter;  // outlives the API object, which keeps a reference to it
     const example::Api api = example::createApi();
 
@@ -62,5 +63,5 @@ int main(int argc, char** argv) {
     if (api->VexoRecvStart(counter, ini) != 0) return 1;  // only when there can be no log; it has said why
 
     counter.printTotals();
-    return 0;
+    return example::finish(0);
 }

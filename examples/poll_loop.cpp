@@ -84,7 +84,8 @@ int receive(Quotes& quotes, const char* ini, int cpu) {
 
 int main(int argc, char** argv) {
     const auto words = example::arguments(argc, argv, kUsage, 1, 2);
-    const int cpu = words.size() == 2 ? static_cast<int>(example::number(words[1], 1023)) : kNoCpu;
+    const int cpu = words.size() == 2 ? static_cast<int>(example::number("CPU", words[1], 1023)) : kNoCpu;
+    example::requireFile(words[0]);
     Quotes quotes;
     std::future<int> status = std::async(std::launch::async, receive, std::ref(quotes), words[0], cpu);
 
@@ -99,5 +100,5 @@ int main(int argc, char** argv) {
         before = now;
     }
     std::printf("received %lu quotes\n", quotes.received());
-    return status.get();
+    return example::finish(status.get());
 }

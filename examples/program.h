@@ -5,6 +5,8 @@
 #include <VexoZceMdApi.h>
 #include <VexoZceUtil.h>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -12,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace example {
@@ -23,7 +26,21 @@ namespace example {
     std::exit(2);
 }
 
+/// Writes out what standard output still holds. @return @p status, or 1 when it did not take everything
+inline int finish(int status, std::FILE* out = stdout) {
+    errno = 0;
+    if (std::fflush(out) == 0 && std::ferror(out) == 0) return status;
+    const char* why = errno == EBADF ? "it is closed" : errno != 0 ? std::strerror(errno) : "not all was written";
+    std::fprintf(stderr, "%s: standard output: %s\n", program_invocation_short_name, why);
+    return 1;
+}
+
 inline void showVersion() { std::printf("%s %s\n", program_invocation_short_name, GetUpDmaLibVersion()); }
+
+/// A configuration that the library could not read would end the process as any failed start does.
+inline void requireFile(const char* path) {
+    if (::access(path, R_OK) != 0) wrongUsage(path, std::strerror(errno));
+}
 
 /// The words of the command line. Ends the program for --help and --version with status 0, and with status 2 for any
 /// other option and for fewer than @p least or more than @p most words.
@@ -33,11 +50,11 @@ inline std::vector<const char*> arguments(int argc, char** argv, const char* usa
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--help") == 0) {
             std::fputs(usage, stdout);
-            std::exit(0);
+            std::exit(finish(0));
         }
         if (std::strcmp(argv[i], "--version") == 0) {
             showVersion();
-            std::exit(0);
+            std::exit(finish(0));
         }
         if (argv[i][0] == '-') wrongUsage(argv[i], "there is no such option");
         words.push_back(argv[i]);
@@ -47,14 +64,14 @@ inline std::vector<const char*> arguments(int argc, char** argv, const char* usa
     return words;
 }
 
-/// A whole number of the command line, from 0 to @p most.
-inline unsigned long number(const char* text, unsigned long most) {
+/// A whole number of the command line, from 0 to @p most. @param name  of the option or argument
+inline unsigned long number(const char* name, const char* text, unsigned long most) {
     char* end = nullptr;
     errno = 0;
     const unsigned long value = std::strtoul(text, &end, 10);
-    if (*text < '0' || *text > '9' || *end != '\0' || errno != 0 || value > most)
-        wrongUsage(text, "this is no number, or it is too large");
-    return value;
+    if (*text >= '0' && *text <= '9' && *end == '\0' && errno == 0 && value <= most) return value;
+    const std::string why = std::string(text) + " is not a whole number from 0 to " + std::to_string(most);
+    wrongUsage(name, why.c_str());
 }
 
 /// A start-up that fails ends the process inside VexoStart or VexoRecvStart, with exit status 0: a script would take it

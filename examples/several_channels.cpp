@@ -83,6 +83,7 @@ private:
 
 int main(int argc, char** argv) {
     const auto inis = example::arguments(argc, argv, kUsage, 1, 16);
+    for (const char* ini : inis) example::requireFile(ini);
     std::vector<std::unique_ptr<Channel>> channels;
     for (const char* ini : inis) channels.push_back(std::make_unique<Channel>(ini));  // one thread makes all objects
 
@@ -103,5 +104,5 @@ int main(int argc, char** argv) {
     while (success && channels.front()->goesOn())
         for (const auto& channel : channels) channel->print();
     channels.clear();  // waits for the threads
-    return success ? 0 : 1;
+    return example::finish(success ? 0 : 1);
 }

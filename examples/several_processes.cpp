@@ -50,7 +50,6 @@ int receive(const std::filesystem::path& ini, int started) {
     const std::filesystem::path path = std::filesystem::absolute(ini);
     std::filesystem::create_directories(ini.stem());
     std::filesystem::current_path(ini.stem());
-
     Counter counter;
     counter.name = ini.stem();
     const example::Api api = example::createApi();
@@ -62,7 +61,7 @@ int receive(const std::filesystem::path& ini, int started) {
     while (api->VexoRecv() != -1) {
     }
     counter.print();
-    return 0;
+    return example::finish(0);
 }
 
 // @return the child, or 0 when its start-up failed. The parent's standard output is buffered: it complains on stderr.
@@ -88,6 +87,7 @@ pid_t startChild(const char* ini) {
 
 int main(int argc, char** argv) {
     const auto inis = example::arguments(argc, argv, kUsage, 1, 16);
+    for (const char* ini : inis) example::requireFile(ini);
     sigset_t awaited;
     sigemptyset(&awaited);
     for (const int signal : {SIGINT, SIGTERM, SIGCHLD}) sigaddset(&awaited, signal);

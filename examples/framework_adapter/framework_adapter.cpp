@@ -71,14 +71,15 @@ int run(const char* ini, const char* productFile, std::size_t slots) {
     }
     adapter.stop();
     framework.print();
-    return 0;
+    return example::finish(0);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const auto words = example::arguments(argc, argv, kUsage, 2, 3);
-    const std::size_t slots = words.size() == 3 ? example::number(words[2], 1UL << 24) : 65536;
+    const std::size_t slots = words.size() == 3 ? example::number("SLOTS", words[2], 1UL << 24) : 65536;
+    for (const char* file : {words[0], words[1]}) example::requireFile(file);
     if (::dlsym(RTLD_DEFAULT, "enyx_sim_is_simulated") == nullptr) {
         std::fputs(
             "The payload of a real card has another layout than that of <enyx-sim/md_payload.h>.\n"

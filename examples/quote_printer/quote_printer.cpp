@@ -12,7 +12,6 @@
 #include <getopt.h>
 #include <unistd.h>
 #include <chrono>
-#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -32,6 +31,8 @@ void StopOnSignal(int) { g_stop = 1; }
 
 // The simulated card's library says so by a symbol that no other has.
 bool IsSimulatedCard() { return dlsym(RTLD_DEFAULT, "enyx_sim_is_simulated") != nullptr; }
+
+constexpr unsigned long kMost = 1000000000;  // of a number on the command line
 
 struct Options {
     const char* ini = nullptr;
@@ -62,11 +63,27 @@ void ShowHelp() {
 bool IsColored(const char* when) {
     if (std::strcmp(when, "always") == 0) return true;
     if (std::strcmp(when, "never") == 0) return false;
-    if (std::strcmp(when, "auto") != 0) example::wrongUsage(when, "give auto, always or never after --color");
+    if (std::strcmp(when, "auto") != 0) {
+        const std::string why = std::string(when) + " is none of auto, always, never";
+        example::wrongUsage("--color", why.c_str());
+    }
     const char* const refused = std::getenv("NO_COLOR");
     const char* const kind = std::getenv("TERM");
     return ::isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0') && kind != nullptr &&
            std::strcmp(kind, "dumb") != 0;
+}
+
+// getopt_long would take --sec for --seconds.
+void RefuseCutOffOptions(int argc, char** argv, const option* known) {
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        if (std::strncmp(argv[i], "--", 2) != 0) continue;
+        const std::size_t length = std::strcspn(argv[i] + 2, "=");
+        const option* one = known;
+        while (one->name != nullptr &&
+               (std::strlen(one->name) != length || std::strncmp(one->name, argv[i] + 2, length) != 0))
+            ++one;
+        if (one->name == nullptr) example::wrongUsage(argv[i], "there is no such option");
+    }
 }
 
 Options ParseArguments(int argc, char** argv) {
@@ -77,15 +94,16 @@ Options ParseArguments(int argc, char** argv) {
                                       {"json", no_argument, nullptr, 'j'},
                                       {"color", required_argument, nullptr, 'c'},
                                       {nullptr, 0, nullptr, 0}};
+    RefuseCutOffOptions(argc, argv, kOptions);
     ::opterr = 0;  // getopt_long says less than we do
     Options options;
     const char* when = "auto";
     for (int letter; (letter = ::getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
         switch (letter) {
-            case 'h': ShowHelp(); std::exit(0);
-            case 'v': example::showVersion(); std::exit(0);
-            case 'q': options.quotes = example::number(optarg, ULONG_MAX); break;
-            case 's': options.seconds = example::number(optarg, ULONG_MAX); break;
+            case 'h': ShowHelp(); std::exit(example::finish(0));
+            case 'v': example::showVersion(); std::exit(example::finish(0));
+            case 'q': options.quotes = example::number("--quotes", optarg, kMost); break;
+            case 's': options.seconds = example::number("--seconds", optarg, kMost); break;
             case 'j': options.json = true; break;
             case 'c': when = optarg; break;
             default: example::wrongUsage(argv[optind - 1], "there is no such option, or its value is missing");
@@ -94,6 +112,7 @@ Options ParseArguments(int argc, char** argv) {
     if (optind == argc) example::wrongUsage("INI", "name a configuration, such as zce.ini");
     if (optind + 1 < argc) example::wrongUsage(argv[optind + 1], "there is no place for it");
     options.ini = argv[optind];
+    example::requireFile(options.ini);
     options.colored = IsColored(when);
     return options;
 }
@@ -234,7 +253,7 @@ int main(int argc, char** argv) {
     const Options options = ParseArguments(argc, argv);
     const Output out = options.json ? OnlyOurs() : Output{stdout, false, options.colored};
     if (out.file == nullptr) {
-        std::perror("quote_printer: standard output");
+        std::fputs("quote_printer: standard output: it is closed\n", stderr);
         return 1;
     }
     std::signal(SIGINT, StopOnSignal);
@@ -251,5 +270,5 @@ int main(int argc, char** argv) {
     Receive(*api, printer, options.seconds);
     printer.PrintSummary();
     IVexoZceMdApi::DestroyVexoZceMdApi(*api);
-    return std::fflush(out.file) == 0 ? 0 : 1;
+    return example::finish(0, out.file);
 }

@@ -3,7 +3,8 @@
 # dissector with captures that were made up. scripts/soak.sh calls it.
 #
 # VEXO_SOAK_MINUTES  minutes in all; empty: 10 million packets for the packet entry, 1 million inputs for each other target
-#                    and 1 million packets for the dissector, but 50,000 spoiled cards: each runs a whole card
+#                    and 1 million packets for the dissector; the spoiled cards take more than half an hour, because each
+#                    runs a whole card
 # VEXO_SOAK_DIR      what the fuzzers leave: a log a target, the inputs found, and each input that is a finding
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/../common.sh"
@@ -21,7 +22,7 @@ targets=(
     "capture 1000000 2048"
     "ini 1000000 2048"
     "packet 10000000 1024"
-    "block 50000 600"
+    "block 1000000 600"
 )
 seconds=$((${minutes:-0} * 60 / (${#targets[@]} + 1)))
 

@@ -1,7 +1,5 @@
 #include "sim/card/Products.h"
 
-#include <cstring>
-
 namespace vexo_sim {
 namespace {
 
@@ -62,7 +60,7 @@ const ProductPair kPairs[kPairCount] = {
 
 const Product& productOf(const char* id) {
     for (const Product& product : kProducts)
-        if (std::strncmp(product.code, id, 2) == 0) return product;
+        if (id[0] == product.code[0] && id[1] == product.code[1]) return product;
     return kGeneric;
 }
 

@@ -52,6 +52,23 @@ TEST_F(CommandLine, WithUnknownOptionsOrChecksIsRefused) {
     EXPECT_THAT(run.errors, HasSubstr("there is no check no-such-check, see --list"));
 }
 
+TEST_F(CommandLine, ANumberOutOfItsRangeIsRefusedWithTheRange) {
+    const Outcome bus = RunCardtest({"--bus", "9"});
+    EXPECT_EQ(bus.status, 2);
+    EXPECT_EQ(bus.errors, "vexo-cardtest: --bus: 9 is not a whole number from 0 to 4\nSee vexo-cardtest --help\n");
+    EXPECT_THAT(RunCardtest({"--seconds", "x"}).errors,
+                HasSubstr("--seconds: x is not a whole number from 1 to 3600\n"));
+}
+
+TEST_F(CommandLine, AFileThatIsNoLibraryIsRefusedWithoutTheLoadersOwnLine) {
+    const test_support::TempDir directory;
+    const std::string file = directory.Write("notes.so", "no library");
+    const Outcome run = RunCardtest({"--library", file});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.errors,
+              "vexo-cardtest: --library " + file + ": this is no library that can be loaded: file too short\n");
+}
+
 TEST_F(CommandLine, OnlyRunsTheChecksThatItNames) {
     const Outcome run = RunCardtest({"--json", "--only", "core-root", "filter-name"});
     EXPECT_THAT(run.Checks("pass"), ElementsAre("filter-name", "core-root"));

@@ -30,6 +30,8 @@ EXPECTED_OUTPUT = [
     (r"^vexo check --config-only", r"no findings"),
     (r"^vexo stat$", r"[1-9][0-9,]* idle, 0 failed"),
     (r"^vexo stat --loss", r"^quote_printer [0-9]+ +0 +0 +[1-9]"),
+    (r"vexo watch .*--json", r'"kind":"summary"'),
+    (r"vexo watch demo.ini", r"^busiest instruments, of [1-9]"),
     (r"^vexo stat --json", r'"before_card":[0-9]'),
     (r"^vexo check --keys", r"BIN_DELAY_TIME"),
     (r"^vexo index$", r"complete: +yes"),

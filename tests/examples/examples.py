@@ -101,7 +101,8 @@ class Examples:
         expect("has released." in running.text(), f"the stream was not closed:\n{running.text()}")
 
     def failed_start(self, program):
-        for ini in ("nothere.ini", "zce.ini"):  # a file that is missing, and no card
+        (self.work / "broken.ini").write_text("no section and no key\n")
+        for ini in ("broken.ini", "zce.ini"):  # a file that the library refuses, and no card
             words = [ini] + [str(word) for word in self.words[program] if str(word).endswith(".csv")]
             running = self.start(program, *words, VEXO_SIM_CARD="hosted")
             status = running.process.wait()
@@ -130,7 +131,15 @@ class Examples:
             expect(re.search(r"Exit status:\s+0", shown.stdout), f"{program} --help does not tell the exit status")
             version = run("--version")
             expect(version.returncode == 0 and re.match(rf"{program} \d+\.\d+", version.stdout), f"{program} --version: {version}")
-            wrong = [[], ["--nonsense"], [f"{n}.ini" for n in range(20)]]
+            for redirection, cause in ((">/dev/full", "No space left on device"), (">&-", "it is closed")):
+                lost = run_shell(f'exec "$0" --help {redirection}', self.path(program))
+                expect(lost.returncode == 1 and lost.stderr == f"{program}: standard output: {cause}\n",
+                       f"{program} --help {redirection}: {lost}")
+            wrong = [[], ["--nonsense"], [f"{n}.ini" for n in range(20)],
+                     ["nothere.ini"] + [str(word) for word in self.words.get(program, [])[1:]]]
+            if program == "quote_printer":
+                wrong += [["--second", "1", "zce.ini"], ["--quote=1", "zce.ini"], ["--seconds", "1x", "zce.ini"],
+                          ["--color", "red", "zce.ini"]]
             if program == "poll_loop":
                 wrong += [["zce.ini", "first"], ["zce.ini", "1024"], ["zce.ini", "1", "2"]]
             for words in wrong:
@@ -188,6 +197,11 @@ class Examples:
         for path in files:
             lines = path.read_text().count("\n")
             expect(lines <= LONGEST, f"{path.name} has {lines} lines, more than {LONGEST}")
+
+
+def run_shell(command, *words):
+    return subprocess.run(["sh", "-c", command, *words], check=False, text=True, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE)
 
 
 def expect(condition, complaint):

@@ -296,6 +296,27 @@ TEST_F(HostedCard, ASecondHostOfABusIsRefusedWithTheFirstOnesName) {
                   " (vexo-simcard, user " + UserName() + "). Stop that one, or choose another bus with --bus.\n");
 }
 
+TEST_F(HostedCard, AWrongCommandLineHostsNothing) {
+    const struct {
+        std::vector<std::string> words;
+        std::string text;
+    } wrong[] = {
+        {{"--user", "nobody"}, "--user: only --status and --json look at the card of another user\n"},
+        {{"--bus", "9"}, "--bus: 9 is not a whole number from 0 to 4\nSee vexo-simcard --help\n"},
+        {{"--pace", "fast"}, "--pace: fast is none of real, x2 to x1000, max\nSee vexo-simcard --help\n"},
+        {{"--seconds", "0"}, "--seconds: 0 is not a whole number from 1 to 31622400\nSee vexo-simcard --help\n"},
+        {{"--record", "/none/a.pcapng"}, "--record /none/a.pcapng: there is no directory /none\n"},
+    };
+    for (const auto& one : wrong) {
+        std::vector<std::string> words = {VEXO_SIMCARD};
+        words.insert(words.end(), one.words.begin(), one.words.end());
+        std::filesystem::remove(directory.Path() + "/err");
+        Process process(words, {}, directory.Path() + "/err");
+        EXPECT_EQ(process.Wait(), 2) << one.text;
+        EXPECT_EQ(ReadFile(directory.Path() + "/err"), "vexo-simcard: " + one.text);
+    }
+}
+
 TEST_F(HostedCard, AKilledHostLeavesNothingBehindOnceAnotherHasStarted) {
     Process host = StartHost({"--bus", "2"});
     host.Signal(SIGKILL);

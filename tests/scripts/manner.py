@@ -24,6 +24,7 @@ PROGRAMS = ("vexo", "vexo-simcard", "vexo-cardtest", "quote_printer")
 STATUSES = {"0", "1", "2", "3", "4", "126", "127", "else"}
 
 QUOTES = ["quote_printer", "demo.ini", "--seconds", "1"]
+COUNTED = "PID"  # stands for the process whose page was kept
 # The command line that shows a result, its exit status, and where --json writes one object a line: on standard output,
 # or those lines of standard error that begin as given. In the examples' directory there are a configuration with a
 # mistake, a day log, a day file with a mistake, a list of instruments and a capture.
@@ -33,7 +34,10 @@ EXAMPLES = {
     "vexo info": (["a capture"], 0, None),
     "vexo plan": (["demo.ini", "--instruments", "list"], 1, None),
     "vexo log": (["day.log"], 0, ""),
+    "vexo report": (["--list", "demo.ini"], 0, None),
+    "vexo run": (["demo.ini", "--", *QUOTES], 0, ""),
     "vexo stat": (["--dir", "pages"], 0, ""),
+    "vexo watch": (["--dir", "pages", "--pid", COUNTED], 0, ""),
     "vexo tap": (["--output", "a.pcapng", "--", *QUOTES], 0, '{"tap":'),
     "vexo-simcard": (["--status"], 0, None),
     "vexo-cardtest": (["--only", "filter-create", "core-root"], 0, None),
@@ -76,10 +80,15 @@ class Place:
                              "VEXO_SIM_CARD": "embedded"}
         counted = self.run(["vexo", "tap", "--stats-only", "--keep-page", "--", *QUOTES], VEXO_STATS_DIR="pages")
         expect(counted.returncode == 0, "vexo tap --stats-only ended with", counted.returncode, counted.stderr)
+        self.counted = next((page.name.split(".")[0] for page in work.glob("pages/*.tap.page")), "0")
 
     def run(self, words, **environment):
         return subprocess.run([str(programs / words[0]), *words[1:]], cwd=self.work, text=True, check=False,
                               stdin=subprocess.DEVNULL, capture_output=True, env=self.environment | environment)
+
+    def run_shell(self, command, words):
+        return subprocess.run(["sh", "-c", command, "sh", str(programs / words[0]), *words[1:]], cwd=self.work, text=True,
+                              check=False, stdin=subprocess.DEVNULL, capture_output=True, env=self.environment)
 
     def on_terminal(self, words, stream, **environment):
         """What the command writes to a terminal that is its standard output or error."""
@@ -144,6 +153,12 @@ def check_basics(place, path, text):
     expect(not wrong.stdout, name, "--nonsense is told on standard output:", wrong.stdout)
     expect("--nonsense" in wrong.stderr and f"See {name} --help" in wrong.stderr, name, "--nonsense says", wrong.stderr)
     expect(wrong.stderr.startswith(f"{path[0]}: "), name, "--nonsense does not begin with the program:", wrong.stderr)
+    for redirection, cause in ((">/dev/full", "No space left on device"), (">&-", "it is closed")):
+        lost = place.run_shell(f'exec "$@" --help {redirection}', path)
+        expect(lost.returncode == 1, name, "--help", redirection, "ended with", lost.returncode)
+        expect(lost.stderr == f"{path[0]}: standard output: {cause}\n", name, "--help", redirection, "says", lost.stderr)
+    short = place.run([*path, "--versio"])
+    expect(short.returncode == 2 and "--versio" in short.stderr, name, "takes --versio for --version")
     expect(all(len(line) < 130 for line in text.splitlines()), name, "--help has a line that nobody reads")
 
 
@@ -202,6 +217,7 @@ def check_command(place, path, text, page):
         problems.append(f"{name} has --json or --color: give tests/scripts/manner.py a command line that shows a result")
         return
     words, status, lines = EXAMPLES[name]
+    words = [place.counted if word == COUNTED else word for word in words]
     if has["--json"]:
         check_json(place, name, [*path, *words], status, lines)
     if has["--color"]:

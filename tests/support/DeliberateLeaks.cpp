@@ -4,6 +4,6 @@ extern "C" const char* __lsan_default_suppressions();
 
 extern "C" const char* __lsan_default_suppressions() {
     // The services of channel 0 live until the process ends, as does the configuration object that they refer to.
-    return "leak:CZceDmaChanImpl::CreateServices\n"
+    return "leak:CZceDmaChanImpl::createServices\n"
            "leak:CVexoZceMdApiImpl::InitCfgInfo\n";
 }

@@ -1,5 +1,6 @@
 // vexo-cardtest: checks a card, real or simulated, against what the hardware interface promises.
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -18,10 +19,14 @@
 #include "tools/cli/Manner.h"
 #include "tools/cli/OptionTree.h"
 #include "tools/cli/Progress.h"
+#include "tools/cli/Values.h"
 
 using namespace cardtest;
 
 namespace {
+
+constexpr std::uint32_t kLastBus = 4;
+constexpr std::uint32_t kLastChannel = 15;
 
 struct Arguments {
     TestPlan plan;
@@ -36,6 +41,14 @@ struct Arguments {
 
 int fail(int status, const std::string& text) { return cli::fail("vexo-cardtest", status, text); }
 
+// The loader says of a file in LD_PRELOAD that it cannot load in words of its own, and goes on without it.
+std::string faultOfLibrary(const std::string& path) {
+    if (::dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL) != nullptr) return {};
+    std::string fault = ::dlerror();
+    if (fault.rfind(path + ": ", 0) == 0) fault.erase(0, path.size() + 2);
+    return fault;
+}
+
 // Starts the program anew with the library in LD_PRELOAD, so that every process of a run, helpers included, has the
 // same.
 int useLibrary(const std::string& library, char** argv) {
@@ -45,6 +58,8 @@ int useLibrary(const std::string& library, char** argv) {
     if (realpath(library.c_str(), path) == nullptr || access(path, R_OK) != 0)
         return fail(cli::kUsage, "--library " + library + ": " + std::strerror(errno));
     if (libraryInUse() == path) return cli::kFine;
+    if (const std::string fault = faultOfLibrary(path); !fault.empty())
+        return fail(cli::kUsage, "--library " + library + ": this is no library that can be loaded: " + fault);
     // The loader splits LD_PRELOAD at blanks, but not LD_LIBRARY_PATH, where it looks for a name without a directory.
     std::string name = path;
     const bool blank = name.find_first_of(" \t") != std::string::npos;
@@ -113,17 +128,23 @@ int testCard(const Arguments& arguments) {
 }
 
 void addOptions(CLI::App& app, Arguments& arguments) {
-    app.add_option("--bus", arguments.plan.bus, "Bus number of the card")->capture_default_str();
+    app.add_option("--bus", arguments.plan.bus, "Bus number of the card")
+        ->type_name("N")
+        ->transform(cli::wholeNumber(0, kLastBus))
+        ->capture_default_str();
     app.add_option("--channel", arguments.plan.channel, "Stream to use, 0 to 15; without it the last one that is free")
-        ->check(CLI::Range(0, 15));
+        ->type_name("N")
+        ->transform(cli::wholeNumber(0, kLastChannel));
     app.add_option("--library", arguments.library, "Card library to test, instead of what the loader finds")
         ->type_name("FILE");
     app.add_option("--only", arguments.only, "Run only these checks")->type_name("NAME")->check(unknownCheck);
     app.add_option("--seconds", arguments.plan.seconds, "How long to wait for packets")
-        ->check(CLI::Range(1, 3600))
+        ->type_name("SECONDS")
+        ->transform(cli::wholeNumber(1, 3600))
         ->capture_default_str();
-    app.add_option("--limit", arguments.limits.seconds, "How long one check may take, in seconds")
-        ->check(CLI::Range(1, 7200))
+    app.add_option("--limit", arguments.limits.seconds, "How long one check may take")
+        ->type_name("SECONDS")
+        ->transform(cli::wholeNumber(1, 7200))
         ->capture_default_str();
     app.add_flag("--write", arguments.plan.write, "Also program tables, reset the card and send to it");
     app.add_flag("--in-use", arguments.inUse, "Write even when another process holds a stream of the card");
@@ -141,6 +162,7 @@ void addOptions(CLI::App& app, Arguments& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    cli::guardStandardStreams();
     if (const int status = runRole(argc, argv); status >= 0) return status;
     Arguments arguments;
     CLI::App app{"Checks a card, real or simulated, against what its C interface promises.", "vexo-cardtest"};

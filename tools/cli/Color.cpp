@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "tools/cli/Progress.h"
+#include "tools/cli/Values.h"
 
 namespace cli {
 
@@ -11,7 +12,7 @@ void addColorOption(CLI::App& command, std::string& when) {
     when = "auto";
     command.add_option("--color", when, "Colours: auto, always or never; auto obeys NO_COLOR and TERM=dumb")
         ->type_name("WHEN")
-        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->check(oneOf({"auto", "always", "never"}))
         ->capture_default_str();
 }
 

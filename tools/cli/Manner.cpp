@@ -1,11 +1,11 @@
 #include "tools/cli/Manner.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <iostream>
 #include <memory>
+
+#include "tools/cli/OptionText.h"
+#include "tools/cli/Spelling.h"
 
 namespace cli {
 
@@ -32,11 +32,25 @@ std::string wrapped(const std::string& text, std::size_t width) {
     return out;
 }
 
-// Long texts of the help take several lines.
+std::string defaultOf(const CLI::Option& option) {
+    const std::string value = option.get_default_str();
+    return value.empty() ? "" : "default " + value;
+}
+
+// Long texts of the help take several lines. What an option takes and what it goes with stands behind its description.
 class Formatter : public CLI::Formatter {
 public:
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const std::string value = valueOf(*option);
+        const bool repeats = option->get_expected_max() == CLI::detail::expected_max_vector_size;
+        return (value.empty() ? "" : " " + value) + (repeats ? " ..." : "");
+    }
     std::string make_option_desc(const CLI::Option* option) const override {
-        return wrapped(option->get_description(), kHelpWidth - get_column_width());
+        std::string more;
+        for (const std::string& part : {rangeOf(*option), defaultOf(*option), conditionsOf(*option)})
+            if (!part.empty()) more += (more.empty() ? " (" : "; ") + part;
+        if (!more.empty()) more += ")";
+        return wrapped(option->get_description() + more, kHelpWidth - get_column_width());
     }
     std::string make_footer(const CLI::App* app) const override {
         return app->get_footer().empty() ? "" : wrapped(app->get_footer(), kHelpWidth) + "\n";
@@ -46,15 +60,60 @@ public:
     }
 };
 
+bool isOption(const std::string& word) { return word.size() > 1 && word.front() == '-'; }
+
+// The name that was probably meant; empty when none is near.
+std::string nearest(const std::string& word, const std::vector<std::string>& names) {
+    constexpr std::size_t kLongest = 64;  // a longer word is no slip of the hand
+    std::string meant;
+    std::size_t best = 3;  // from here on it is another word
+    for (const std::string& name : names) {
+        const bool isCutOff = word.size() > 3 && name.compare(0, word.size(), word) == 0;
+        const std::size_t far = isCutOff ? 0 : word.size() > kLongest ? best : distance(word, name);
+        if (far < best) meant = name;
+        best = std::min(best, far);
+    }
+    return meant;
+}
+
+std::vector<std::string> optionsOf(const CLI::App& command) {
+    std::vector<std::string> names;
+    for (const CLI::Option* option : command.get_options())
+        for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+    return names;
+}
+
+std::vector<std::string> subcommandsOf(const CLI::App& command) {
+    std::vector<std::string> names;
+    for (const CLI::App* below : command.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(below->get_name());
+    return names;
+}
+
+// An option that does not exist leaves its value behind, which then takes the place of another word. So the words after
+// it say nothing.
+std::string explainExtras(const CLI::App& app, const std::string& help, const Advice& advice) {
+    const CLI::App& command = chosen(app);
+    const std::vector<std::string> words = app.remaining(true);
+    const std::string one = "unexpected argument: ";
+    const std::string all = words.size() == 1 ? one : "unexpected arguments: ";
+    if (const std::string more = advice ? advice(words) : ""; !more.empty()) return all + joined(words) + "\n" + more;
+    const auto option = std::find_if(words.begin(), words.end(), isOption);
+    const bool isOptionWrong = option != words.end();
+    const std::string wrong = isOptionWrong ? *option : joined(words);
+    const std::string meant = isOptionWrong ? nearest(wrong.substr(0, wrong.find('=')), optionsOf(command))
+                                            : nearest(words.front(), subcommandsOf(command));
+    return (isOptionWrong ? one : all) + wrong + (meant.empty() ? "" : "; is it " + meant + "?") + help;
+}
+
 // The mistake, and where the help is that says how it is right.
 std::string explain(const CLI::App& app, const CLI::ParseError& error, const Advice& advice) {
-    const CLI::App& command = chosen(app);
-    const std::string help = "\nSee " + nameOf(command) + " --help";
-    if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr) return error.what() + help;
-    const std::vector<std::string> words = app.remaining(true);
-    const std::string text = (words.size() == 1 ? "unexpected argument: " : "unexpected arguments: ") + joined(words);
-    const std::string more = advice ? advice(words) : "";
-    return text + (more.empty() ? help : "\n" + more);
+    const std::string help = "\nSee " + nameOf(chosen(app)) + " --help";
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) return explainExtras(app, help, advice);
+    const std::string text = error.what();
+    // CLI11 says "--lines: 1 required N missing".
+    const std::size_t missing = text.find(": 1 required ");
+    return (missing == std::string::npos ? text : text.substr(0, missing) + ": its value is missing") + help;
 }
 
 }  // namespace
@@ -117,13 +176,6 @@ std::string joined(const std::vector<std::string>& words) {
 int fail(const std::string& program, int status, const std::string& text) {
     std::fprintf(stderr, "%s: %s\n", program.c_str(), text.c_str());
     return status;
-}
-
-std::string faultOfOutput() {
-    errno = 0;
-    std::cout.flush();
-    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && std::cout.good()) return {};
-    return std::string("standard output: ") + std::strerror(errno != 0 ? errno : EIO);
 }
 
 int finish(const std::string& program, int status) {

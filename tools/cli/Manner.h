@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli/Output.h"
+
 /// What all programs do alike on their command lines. docs/commands.md tells the user of it.
 namespace cli {
 
@@ -49,8 +51,5 @@ int fail(const std::string& program, int status, const std::string& text);
 
 /// Writes out what standard output still holds. A file system that is full turns @p status into kFinding and says why.
 int finish(const std::string& program, int status);
-
-/// Why standard output did not take everything; empty when it did.
-std::string faultOfOutput();
 
 }  // namespace cli

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "tools/cli/OptionText.h"
+
 namespace cli {
 
 namespace {
@@ -20,10 +22,12 @@ Json namesOf(const CLI::Option& option) {
 Json describe(const CLI::Option& option) {
     return {{"names", namesOf(option)},
             {"positional", option.get_positional() ? option.get_name(true) : ""},
-            {"value", option.get_items_expected_max() > 0 ? option.get_type_name() : ""},
+            {"value", valueOf(option)},
+            {"range", rangeOf(option)},
             {"default", option.get_default_str()},
             {"required", option.get_required()},
             {"repeats", option.get_items_expected_max() > 1},
+            {"conditions", conditionsOf(option)},
             {"help", option.get_description()}};
 }
 

@@ -56,8 +56,12 @@ def option_entry(option):
     names = ", ".join(f"\\fB{roff(name)}\\fR" for name in option["names"])
     value = f"\\fI{roff(option['value'])}\\fR" if option["value"] else ""
     lines = [".TP", " ".join(part for part in (names, value) if part), paragraph(option["help"])]
+    if option["range"]:
+        lines.append(f"It takes {roff(option['range'])}.")
     if option["default"]:
         lines.append(f"The default is {roff(option['default'])}.")
+    if option["conditions"]:
+        lines.append(paragraph(option["conditions"][0].upper() + option["conditions"][1:]))
     return lines
 
 
@@ -90,7 +94,9 @@ def status_lines(tree):
 def manual(tree):
     name = tree["name"]
     summary = tree["description"].rstrip(".")
-    lines = [f'.TH {roff(name).upper()} 1 "" "VexoZceMd {tree["version"]}" "User Commands"', ".SH NAME",
+    lines = [f'.TH {roff(name).upper()} 1 "" "VexoZceMd {tree["version"]}" "User Commands"',
+             ".nh",  # a name of an option is searched as it is typed
+             ".SH NAME",
              f"{roff(name)} \\- {roff(summary[0].lower() + summary[1:])}", ".SH SYNOPSIS"]
     commands = [(path, command) for path, command in walk(tree) if not command["commands"]]
     for number, (path, command) in enumerate(commands):

@@ -55,8 +55,9 @@ static void tellOnce(const char* path) {
 
 static bool isDayFile(const char* path) { return path != NULL && strncmp(path, kDayFiles, sizeof kDayFiles - 1) == 0; }
 
-// The path of a day file in the private directory, or the path itself where that is to be used.
-static const char* ownPath(const char* path, char* room) {
+// The path of a day file in the private directory, or the path itself where that is to be used. Only who writes a file
+// there needs the directory of its card.
+static const char* ownPath(const char* path, bool creates, char* room) {
     const char* directory = secure_getenv(kDirectoryVariable);
     if (directory == NULL || *directory == '\0') return path;
     void* card = dlopen(kCardLibrary, RTLD_LAZY | RTLD_NOLOAD);
@@ -68,17 +69,17 @@ static const char* ownPath(const char* path, char* room) {
     const int length = snprintf(room, kPathSize, "%s/card-%016" PRIx64, directory, key);
     // What does not fit leads nowhere: the library then goes on without a day file.
     if (length < 0 || length >= kPathSize) return "";
-    mkdir(room, 0700);  // if this fails, so does the open of a file in it
+    if (creates) mkdir(room, 0700);  // if this fails, so does the open of a file in it
     const int rest = snprintf(room + length, (size_t)(kPathSize - length), "%s", path + sizeof "/tmp" - 1);
     if (rest < 0 || rest >= kPathSize - length) return "";
-    tellOnce(room);
+    if (creates || key != 0) tellOnce(room);  // a program without a card has no use for day files
     return room;
 }
 
 __attribute__((noinline)) static int openDayFile(OpenFunction next, const char* path, int flags, mode_t mode) {
     char room[kPathSize];
     const int before = errno;
-    const char* own = ownPath(path, room);
+    const char* own = ownPath(path, (flags & O_CREAT) != 0, room);
     errno = before;
     return next(own, flags, mode);
 }

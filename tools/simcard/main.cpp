@@ -20,10 +20,14 @@
 #include "tools/cli/Manner.h"
 #include "tools/cli/OptionTree.h"
 #include "tools/cli/Progress.h"
+#include "tools/cli/Values.h"
 
 using namespace vexo_sim;
 
 namespace {
+
+constexpr std::uint32_t kLastBus = 4;
+constexpr std::uint32_t kLongestHosting = 86400 * 366;  // seconds
 
 struct Arguments {
     std::string scenario;
@@ -62,9 +66,12 @@ int showStatus(const Arguments& arguments) {
     const std::optional<uid_t> user = arguments.user.empty() ? geteuid() : findUser(arguments.user);
     if (!user) return fail(cli::kUsage, "there is no user " + arguments.user);
     const std::unique_ptr<SharedCard> card = attachCard(bus, *user, "vexo-simcard");
-    if (card == nullptr)
-        return fail(cli::kNoCard, "no card is hosted at bus " + std::to_string(bus) +
-                                      ". Start one: vexo-simcard --bus " + std::to_string(bus));
+    if (card == nullptr) {
+        const std::string whose = arguments.user.empty() ? "" : " by " + arguments.user + " for this user";
+        return fail(cli::kNoCard, "no card is hosted at bus " + std::to_string(bus) + whose +
+                                      ". Start one: vexo-simcard --bus " + std::to_string(bus) +
+                                      (whose.empty() ? "" : " --group GROUP"));
+    }
     const std::optional<CardStatus> status = readStatus(*card);
     if (!status) return fail(cli::kFinding, "the card cannot be read now");
     std::fputs((arguments.json ? toJson(*status) : textOf(*status, arguments)).c_str(), stdout);
@@ -118,6 +125,9 @@ int hostCard(const Arguments& arguments) {
     if (!arguments.group.empty() && !findGroup(arguments.group, group))
         return fail(cli::kUsage, "there is no group " + arguments.group);
     if (!arguments.group.empty()) plan.group = group;
+    if (!arguments.record.empty())
+        if (const std::string fault = cli::faultOfNewFile(arguments.record); !fault.empty())
+            return fail(cli::kUsage, "--record " + arguments.record + ": " + fault);
     catchStopSignals();
     cli::Progress progress;  // a capture may be large
     if (!plan.scenario.replayFile.empty()) progress.announce("reading " + plan.scenario.replayFile + " ...");
@@ -141,16 +151,24 @@ void addOptions(CLI::App& app, Arguments& arguments) {
     app.add_option("--set", arguments.settings.texts, "Set one key of the scenario; may be given several times")
         ->type_name("SECTION.KEY=VALUE")
         ->allow_extra_args(false);
-    app.add_option("--bus", arguments.bus, "Bus number of the card, 0 to 4; overrides the scenario's")
-        ->check(CLI::Range(0, 4));
+    app.add_option("--bus", arguments.bus, "Bus number of the card; overrides the scenario's")
+        ->type_name("N")
+        ->transform(cli::wholeNumber(0, kLastBus));
     app.add_option("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take the quotes")
-        ->check([](const std::string& text) { return parsePace(text) ? "" : "must be real, xN or max"; });
-    app.add_option("--group", arguments.group, "Share the card with the members of this group");
-    app.add_option("--record", arguments.record, "Write all that the card sends to a capture file")->type_name("FILE");
-    app.add_option("--seconds", arguments.seconds, "End after so many seconds");
+        ->type_name("PACE")
+        ->check(
+            [](const std::string& text) { return parsePace(text) ? "" : text + " is none of real, x2 to x1000, max"; });
+    app.add_option("--group", arguments.group, "Share the card with the members of this group")->type_name("GROUP");
+    app.add_option("--record", arguments.record,
+                   "Write all that the card sends to a capture file; if it exists, a free name with a number is used")
+        ->type_name("FILE");
+    app.add_option("--seconds", arguments.seconds, "End after this time")
+        ->type_name("SECONDS")
+        ->transform(cli::wholeNumber(1, kLongestHosting));
     app.add_flag("--quiet", arguments.quiet, "Show nothing while hosting");
     app.add_flag("--status", arguments.status, "Show the status of the card at the bus, and end");
-    app.add_option("--user", arguments.user, "Whose card --status and --json show; without it your own");
+    app.add_option("--user", arguments.user, "Whose card --status and --json show; without it your own")
+        ->type_name("USER");
     app.add_flag("--json", arguments.json, "Show the same as JSON, and end");
     cli::addColorOption(app, arguments.color);
     cli::tellStatuses(app, {{cli::kFine, "the card was hosted, or shown"},
@@ -163,10 +181,14 @@ void addOptions(CLI::App& app, Arguments& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    cli::guardStandardStreams();
     Arguments arguments;
     CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes.", "vexo-simcard"};
     addOptions(app, arguments);
     if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
     if (const std::optional<int> ends = cli::parse(app, cli::wordsOf(argc, argv))) return *ends;
-    return arguments.json || arguments.status ? showStatus(arguments) : hostCard(arguments);
+    if (arguments.json || arguments.status) return showStatus(arguments);
+    if (!arguments.user.empty())
+        return fail(cli::kUsage, "--user: only --status and --json look at the card of another user");
+    return hostCard(arguments);
 }

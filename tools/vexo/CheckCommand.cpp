@@ -32,7 +32,9 @@ bool checkFiles(const Options& options, check::Report& report) {
     for (const std::string& config : options.configs)
         programs.push_back(readable(config, [&] { return check::checkConfig(config, report); }));
     check::checkTogether(programs, report);
-    if (!programs.empty() && !options.configOnly) check::checkHost(programs, options.places, report);
+    check::HostPlaces places = options.places;
+    places.cardIsRead = options.card;
+    if (!programs.empty() && !options.configOnly) check::checkHost(programs, places, report);
     const bool hasCard = !options.card || check::checkCards(programs, report);
     if (options.log.empty()) return hasCard;
     requireFile(options.log);

@@ -48,5 +48,6 @@ void addRun(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);
 void addStat(CLI::App& app, Invocation& invocation);
 void addTap(CLI::App& app, Invocation& invocation);
+void addWatch(CLI::App& app, Invocation& invocation);
 
 }  // namespace vexo

@@ -1,13 +1,19 @@
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "src/instruments/InstId.h"
 #include "src/util/LocalTime.h"
 #include "tools/vexo/Command.h"
+#include "tools/vexo/check/DayFileState.h"
+#include "tools/vexo/check/SimRun.h"
+#include "tools/vexo/check/SimulatedMap.h"
 #include "tools/vexo/show/DayFileReport.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/Terminal.h"
@@ -21,9 +27,12 @@ struct Options {
     std::string file;
     std::string other;
     std::string color;
+    bool sim = false;
     bool list = false;
     bool json = false;
 };
+
+constexpr char kSeeApart[] = "Day files of simulated cards lie apart: see vexo index --sim";
 
 std::string clock(std::time_t when) {
     std::tm local{};
@@ -51,8 +60,10 @@ std::string halfDay(const DayFileReport& file) {
 
 std::string use(const DayFileReport& file) {
     if (!file.isLoaded()) return "a start does not load it, and learns the map";
-    return file.isCurrent ? "a start now loads it" : "a start now looks for " + currentDayFile();
+    return file.isCurrent ? "a start now loads it" : "a start now looks for " + file.lookedFor;
 }
+
+bool isSimulated(const DayFileReport& file) { return check::stateOfDayFile(file.path).simulated; }
 
 // Colours of the text, if any are wanted.
 class Text {
@@ -77,6 +88,7 @@ void printSummary(const DayFileReport& file, const Text& text) {
     std::printf("  written:      %s, %s\n", clock(file.written).c_str(), age(file.written).c_str());
     std::printf("  size:         %zu bytes\n", file.size);
     std::printf("  use:          %s\n", use(file).c_str());
+    if (isSimulated(file)) std::printf("  map:          %s\n", text.doubtful("that of a simulated card").c_str());
 }
 
 void printFindings(const DayFileReport& file, std::FILE* out, const Text& text) {
@@ -125,6 +137,7 @@ Json describe(const DayFileReport& file) {
             {"instruments", file.instruments.size()},
             {"single_leg", file.instruments.size() - combinations},
             {"combinations", combinations},
+            {"simulated", isSimulated(file)},
             {"owner", file.owner},
             {"written", clock(file.written)},
             {"age_seconds", static_cast<long>(std::time(nullptr) - file.written)},
@@ -140,8 +153,57 @@ Json describe(const DayFileReport& other, const DayFileChanges& changes) {
         {"file", other.path}, {"added", listed(changes.added)}, {"removed", listed(changes.removed)}, {"moved", moved}};
 }
 
+// An id may be any bytes: what is no UTF-8 is replaced.
+void printJson(const Json& all) { std::puts(all.dump(1, ' ', false, Json::error_handler_t::replace).c_str()); }
+
+// A simulated card looks for a file of this half-day in the directory that the file is in.
+DayFileReport readKept(const std::string& path) {
+    return readDayFile(path, currentDayFile(std::filesystem::path(path).parent_path().string()));
+}
+
+// The day files that `vexo sim run` keeps apart, one after the other.
+int showKept(const Options& options) {
+    const std::vector<std::string> paths = check::keptDayFiles();
+    if (paths.empty())
+        throw Failure(kFinding,
+                      "there is no day file of a simulated card\n"
+                      "vexo sim run -- PROGRAM keeps one for each card, once the program's master has learnt the map.");
+    const Text text(options);
+    Json all = Json::array();
+    int status = 0;
+    for (const std::string& path : paths) {
+        try {
+            const DayFileReport file = readKept(path);
+            if (!file.findings.empty()) status = kFinding;
+            if (options.json) {
+                all.push_back(describe(file));
+                continue;
+            }
+            if (path != paths.front()) std::puts("");
+            printSummary(file, text);
+            printFindings(file, stdout, text);
+        } catch (const Failure& failure) {
+            status = std::max(status, cli::fail("vexo", failure.status, failure.what()));
+        }
+    }
+    if (options.json) printJson(all);
+    return terminal::statusOfOutput(status);
+}
+
+// The file that the user named, or the one that a start looks for.
+DayFileReport readAsked(const Options& options) {
+    const std::string lookedFor = options.file.empty() ? check::dayFileOfStart() : currentDayFile();
+    try {
+        return readDayFile(options.file.empty() ? lookedFor : options.file, lookedFor);
+    } catch (const Failure& failure) {
+        if (!options.file.empty() || check::keptDayFiles().empty()) throw;
+        throw Failure(failure.status, std::string(failure.what()) + "\n" + kSeeApart);
+    }
+}
+
 int run(const Options& options) {
-    const DayFileReport file = readDayFile(options.file.empty() ? currentDayFile() : options.file);
+    if (options.sim) return showKept(options);
+    const DayFileReport file = readAsked(options);
     std::optional<DayFileReport> other;
     DayFileChanges changes;
     if (!options.other.empty()) {
@@ -153,8 +215,7 @@ int run(const Options& options) {
         Json all = describe(file);
         if (options.list) all["list"] = listed(file.instruments);
         if (other) all["since"] = describe(*other, changes);
-        // An id may be any bytes: what is no UTF-8 is replaced.
-        std::puts(all.dump(1, ' ', false, Json::error_handler_t::replace).c_str());
+        printJson(all);
     } else if (options.list) {
         printFindings(file, stderr, text);
         printList(file);
@@ -162,6 +223,7 @@ int run(const Options& options) {
         printSummary(file, text);
         printFindings(file, stdout, text);
         if (other) printChanges(*other, changes, text);
+        if (options.file.empty() && !check::isUnderSimRun() && !check::keptDayFiles().empty()) std::puts(kSeeApart);
     }
     return terminal::statusOfOutput(file.findings.empty() && !changes.any() ? 0 : kFinding);
 }
@@ -171,15 +233,24 @@ int run(const Options& options) {
 void addIndex(CLI::App& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     CLI::App* index = app.add_subcommand("index", "Show, check and compare day files: the maps of instruments");
-    index->add_option("file", options->file, "The day file; the default is the one that a start now looks for")
-        ->type_name("FILE");
+    CLI::Option* file = index->add_option("file", options->file,
+                                          "The day file; the default is the one that a start now looks for");
+    file->type_name("FILE");
     CLI::Option* compare = index->add_option("--compare", options->other,
                                              "Show what was added, removed or moved since this earlier file");
     compare->type_name("OTHER_FILE");
     CLI::Option* list = index->add_flag("--list", options->list, "Print only the instruments: index and id");
     CLI::Option* json = index->add_flag("--json", options->json, "Print JSON; with --list also the instruments");
+    index
+        ->add_flag("--sim", options->sim,
+                   "Show the day files that vexo sim run keeps apart, one for each simulated card")
+        ->excludes(file)
+        ->excludes(compare)
+        ->excludes(list);
     terminal::addColorOption(*index, options->color);
-    index->footer("Run it as:  vexo index [OPTIONS] [FILE]");
+    index->footer(
+        "Run it as:  vexo index [OPTIONS] [FILE]\n"
+        "Behind vexo sim run -- the default is the file of the simulated card that a program gets there.");
     cli::tellStatuses(*index, {{cli::kFine, "nothing is wrong with the file, and nothing has changed"},
                                {kFinding, "something is, or has, or there is no such file yet"},
                                {kUsage, "wrong usage, or a file that was named and cannot be read"}});

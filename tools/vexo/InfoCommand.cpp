@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/cli/Values.h"
 #include "tools/data/CaptureSource.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/export/OutputFile.h"
@@ -125,12 +126,13 @@ void addInfo(CLI::App& app, Invocation& invocation) {
         ->allow_extra_args(false);
     command->add_option("--top", options->top, "Show so many instruments, the busiest first")
         ->type_name("N")
+        ->transform(cli::wholeNumber(0, info::Collector::kMostInstruments))
         ->capture_default_str();
     command
         ->add_option("--burst", options->burstUs,
                      "Packets belong to one burst if each comes no more than so many microseconds after the one before")
         ->type_name("US")
-        ->check(CLI::Range(std::uint64_t{0}, kLongestBurstGapUs))
+        ->transform(cli::wholeNumber(0, kLongestBurstGapUs))
         ->capture_default_str();
     command
         ->add_option("--layout", options->layouts,

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/LogJson.h"
@@ -37,17 +38,6 @@ struct Options {
 };
 
 // ---- lines ----
-
-const char* colorOf(std::uint8_t level) {
-    switch (level) {
-        case 0:
-        case 1: return cli::kBoldRed;
-        case 2: return cli::kYellow;
-        case 3: return cli::kCyan;
-        case 4: return "";
-        default: return cli::kFaint;
-    }
-}
 
 // Shows lines; at first only the last ones, if so many are asked for.
 class View {
@@ -86,7 +76,7 @@ private:
         }
         std::string text = harmless(line.text);
         const std::size_t tag = parseLogLine(line.text).tag.size();
-        const char* const color = m_color && tag > 0 ? colorOf(parseLogLine(line.text).level) : "";
+        const char* const color = m_color && tag > 0 ? terminal::colorOfLevel(parseLogLine(line.text).level) : "";
         if (*color != '\0') text = cli::painted(text.substr(0, tag), color, true) + text.substr(tag);
         if (m_named) text.insert(0, harmless(name) + ": ");
         std::puts(text.c_str());
@@ -180,7 +170,8 @@ int explain(const std::string& text, bool json) {
 }
 
 std::string levelFault(const std::string& name) {
-    return levelNamed(name) == kNoLevel ? "no level; give assert, error, warn, event, info, debug or verbose" : "";
+    return levelNamed(name) == kNoLevel ? name + " is no level; give assert, error, warn, event, info, debug or verbose"
+                                        : "";
 }
 
 int run(Options& options) {
@@ -199,12 +190,14 @@ void addLog(CLI::App& app, Invocation& invocation) {
     paths->type_name("FILE|DIRECTORY");
     CLI::Option* follow = log->add_flag("-f,--follow", options->follow,
                                         "Go on showing what comes, also in the files of later days");
-    CLI::Option* level = log->add_option("--level", options->level,
-                                         "Show only this level and worse ones: error, warn, event, info, debug");
+    CLI::Option* level = log->add_option(
+        "--level", options->level,
+        "Show only this level and worse ones: assert, error, warn (or warning), event, info, debug, "
+        "verbose");
     level->type_name("LEVEL")->check(CLI::Validator(levelFault, ""));
     CLI::Option* lines = log->add_option("-n,--lines", options->lines,
                                          "Show only the last lines, so many; with --follow, 10 unless given");
-    lines->type_name("N")->check(CLI::Range(std::size_t{0}, kMostLines));
+    lines->type_name("N")->transform(cli::wholeNumber(0, kMostLines));
     log->add_flag("--json", options->json,
                   "Write JSON: one object a line of the log; with --explain one for all messages");
     terminal::addColorOption(*log, options->color);

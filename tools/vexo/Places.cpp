@@ -42,6 +42,8 @@ fs::path statsLibrary() { return find(layout::kStats, "the tap's stats-only mode
 
 fs::path pollsLibrary() { return find(layout::kPolls, "the library that counts polls"); }
 
+fs::path receiverProgram() { return find(layout::kReceiver, "what receives for vexo watch"); }
+
 fs::path dayFileLibrary() { return find(layout::kDayFile, "what keeps day files apart"); }
 
 }  // namespace vexo

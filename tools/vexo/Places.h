@@ -16,6 +16,9 @@ std::filesystem::path statsLibrary();
 /// The library that `vexo run` loads into a program, to see it poll.
 std::filesystem::path pollsLibrary();
 
+/// The program that `vexo watch CONFIG.ini` starts to receive.
+std::filesystem::path receiverProgram();
+
 /// The library that `vexo sim run` loads into a program.
 std::filesystem::path dayFileLibrary();
 

@@ -1,9 +1,14 @@
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <nlohmann/json.hpp>
 
+#include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/report/Collect.h"
+#include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/Terminal.h"
 
 namespace vexo {
@@ -15,6 +20,7 @@ struct Options {
     report::Wanted wanted;
     std::string output;
     bool list = false;
+    bool json = false;
 };
 
 std::string defaultName(std::time_t now) {
@@ -34,18 +40,51 @@ void show(const std::vector<report::Part>& parts) {
     std::printf("%10zu  bytes in all\n", total);
 }
 
+// @param file  that has been written; empty for none
+std::string asJson(const std::vector<report::Part>& parts, const std::string& file, bool masked) {
+    nlohmann::ordered_json all = {
+        {"file", file}, {"masked", masked}, {"bytes", 0}, {"parts", nlohmann::ordered_json::array()}};
+    std::size_t total = 0;
+    for (const report::Part& part : parts) {
+        all["parts"].push_back({{"name", part.name}, {"what", part.what}, {"bytes", part.content.size()}});
+        total += part.content.size();
+    }
+    all["bytes"] = total;
+    return all.dump(1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+// Before anything is gathered and shown.
+void requireNewFile(const std::string& output) {
+    struct stat there {};
+    const std::string fault = ::lstat(output.c_str(), &there) == 0
+                                  ? "it exists, and vexo never overwrites; give another name with --output"
+                                  : cli::faultOfNewFile(output);
+    if (!fault.empty()) throw Failure(kUsage, harmless(output) + ": " + fault);
+}
+
 int run(const Options& options) {
     const std::time_t now = std::time(nullptr);
     const std::string folder = defaultName(now);
+    const std::string output = options.list ? "" : options.output.empty() ? folder + ".tar" : options.output;
+    if (!options.list) requireNewFile(output);
     const std::vector<report::Part> parts = report::collect(options.wanted);
-    show(parts);
+    if (!options.json) show(parts);
+    if (options.list && options.json) std::fputs(asJson(parts, "", options.wanted.masked).c_str(), stdout);
     const int status = terminal::statusOfOutput(0);  // who cannot see the list gets no file
     if (options.list) return status;
-    const std::string output = options.output.empty() ? folder + ".tar" : options.output;
     report::writeNew(output, report::tarOf(parts, folder, now));
-    std::printf("written to %s%s\n", output.c_str(),
-                options.wanted.masked ? "" : "; it has addresses, and passwords if a file has any: see --mask");
-    return terminal::statusOfOutput(status);
+    if (!options.json) {
+        std::printf("written to %s%s\n", output.c_str(),
+                    options.wanted.masked ? "" : "; it has addresses, and passwords if a file has any: see --mask");
+        return terminal::statusOfOutput(status);
+    }
+    std::fputs(asJson(parts, output, options.wanted.masked).c_str(), stdout);
+    try {
+        return terminal::statusOfOutput(status);
+    } catch (const Failure&) {
+        ::unlink(output.c_str());  // the same holds here
+        throw;
+    }
 }
 
 }  // namespace
@@ -59,22 +98,23 @@ void addReport(CLI::App& app, Invocation& invocation) {
     report->add_option("--output", options->output, "File to write (default: vexo-report_DATE_TIME.tar)")
         ->type_name("FILE")
         ->excludes(list);
+    report->add_flag("--json", options->json, "Show the list as JSON");
     report->add_flag("--mask", options->wanted.masked, "Leave out passwords, IPv4 and MAC addresses");
     report->add_option("--lines", options->wanted.lines, "How many lines of the end of a log")
         ->type_name("N")
-        ->check(CLI::Range(std::size_t{1}, kMostLines))
+        ->transform(cli::wholeNumber(1, kMostLines))
         ->capture_default_str();
     report
         ->add_option("--directory", options->wanted.places.directory,
                      "Working directory of the program, with its log (default: this one)")
         ->type_name("DIR")
-        ->check(CLI::ExistingDirectory);
+        ->check(cli::directory());
     report->footer(
         "The list that it shows is all that the file has: no core dump, no environment, no arguments of programs.\n"
         "A file that is there is not overwritten. Only its owner can read it.");
     cli::tellStatuses(*report, {{cli::kFine, "fine"},
-                                {kFinding, "the file cannot be written"},
-                                {kUsage, "wrong usage, or a configuration that cannot be read"}});
+                                {kFinding, "the file cannot be written to its end"},
+                                {kUsage, "wrong usage, a configuration that cannot be read, or a file that is there"}});
     report->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 

@@ -7,13 +7,16 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 
+#include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/check/ConfigCheck.h"
 #include "tools/vexo/check/HostCheck.h"
 #include "tools/vexo/run/Ending.h"
+#include "tools/vexo/run/Events.h"
 #include "tools/vexo/run/Supervisor.h"
 
 namespace vexo {
@@ -33,6 +36,7 @@ struct Options {
     double longestWait = 60;
     bool restart = false;
     bool check = false;
+    bool json = false;
 };
 
 // A second application with the same configuration would take the same stream. While vexo lives, it holds a lock on
@@ -55,14 +59,19 @@ private:
 };
 
 // Every finding is shown. @return the configuration; a status when the start would end
-check::ConfigFacts checkBefore(const Options& options, int& status) {
+check::ConfigFacts checkBefore(const Options& options, const run::Events& events, int& status) {
     check::Report report;
     const check::ConfigFacts facts = readable(options.config,
                                               [&] { return check::checkConfig(options.config, report); });
     if (!options.check) return facts;
     check::checkHost({facts}, {}, report);
-    if (report.count() != 0) std::fputs(asText(report, false).c_str(), stderr);
     if (report.countFatal() != 0) status = run::kUseless;
+    if (events.isJson()) {
+        const std::string count = std::to_string(report.count()) + (report.count() == 1 ? " finding" : " findings");
+        events.tell("check", count, nlohmann::ordered_json::parse(asJson(report)));
+    } else if (report.count() != 0) {
+        std::fputs(asText(report, false).c_str(), stderr);
+    }
     return facts;
 }
 
@@ -80,15 +89,17 @@ int superviseProgram(const Options& options, const Program& program) {
     requireProgram(program);
     requireFile(options.config);
     const OnlyOne lock(options.config);
+    const run::Events events(options.json);
     int status = 0;
-    const check::ConfigFacts facts = checkBefore(options, status);
+    const check::ConfigFacts facts = checkBefore(options, events, status);
     if (status != 0) {
-        std::fprintf(stderr, "vexo run: not started: the start-up would end at what is fatal\n");
+        events.tell("refused", "not started: the start-up would end at what is fatal", {{"status", status}});
         return status;
     }
     const fs::path output = fs::path(options.directory) / (fs::path(options.config).stem().string() + ".out");
     run::Plan plan{program, run::KeptOutput(output.lexically_normal().string(), options.keep)};
     plan.isMaster = facts.device.valid && facts.device.channel == 0;
+    if (facts.device.valid) plan.card = facts.device.card;
     plan.watchdog = options.watchdog;
     plan.managersWatchdog = managersWatchdog();
     plan.killAfter = options.killAfter;
@@ -96,11 +107,16 @@ int superviseProgram(const Options& options, const Program& program) {
     plan.firstWait = options.firstWait;
     plan.longestWait = options.longestWait;
     const run::Notifier notifier(std::getenv("NOTIFY_SOCKET"));
-    return run::Supervisor(plan, notifier).run();
+    status = run::Supervisor(plan, notifier, events).run();
+    // The status is the application's, whoever reads the events.
+    if (const std::string fault = cli::faultOfOutput(); options.json && !fault.empty())
+        cli::fail("vexo", status, fault);
+    return status;
 }
 
-void addSeconds(CLI::App& command, const std::string& name, double& value, double least, const std::string& text) {
-    command.add_option(name, value, text)->type_name("SECONDS")->check(CLI::Range(least, kDay));
+CLI::Option* addSeconds(CLI::App& command, const std::string& name, double& value, double least,
+                        const std::string& text) {
+    return command.add_option(name, value, text)->type_name("SECONDS")->check(cli::number(least, kDay));
 }
 
 }  // namespace
@@ -113,20 +129,23 @@ void addRun(CLI::App& app, Invocation& invocation) {
     run->add_flag("--check", options->check, "Check configuration and host first; do not start when one is fatal");
     addSeconds(*run, "--watchdog", options->watchdog, 0.01,
                "End the application when it stops polling an open stream for so long");
-    addSeconds(*run, "--kill-after", options->killAfter, 0,
-               "Time from SIGTERM to SIGKILL of the watchdog (default: 10)");
+    addSeconds(*run, "--kill-after", options->killAfter, 0, "Time from SIGTERM to SIGKILL of the watchdog")
+        ->capture_default_str();
     run->add_flag("--restart", options->restart, "Start the application again until it ends in order");
-    addSeconds(*run, "--backoff", options->firstWait, 0,
-               "Wait before the first restart; doubles each time (default: 1)");
-    addSeconds(*run, "--backoff-limit", options->longestWait, 0, "Longest wait before a restart (default: 60)");
+    addSeconds(*run, "--backoff", options->firstWait, 0, "Wait before the first restart; doubles each time")
+        ->capture_default_str();
+    addSeconds(*run, "--backoff-limit", options->longestWait, 0, "Longest wait before a restart")
+        ->capture_default_str();
+    run->add_flag("--json", options->json,
+                  "Write what happens as JSON on standard output, one object a line: {\"event\": ...}");
     run->add_option("--keep", options->keep, "Starts whose output is kept")
         ->type_name("N")
-        ->check(CLI::Range(1U, 1000U))
+        ->transform(cli::wholeNumber(1, 1000))
         ->capture_default_str();
     run->add_option("--directory", options->directory,
                     "Directory of the kept output, CONFIG.out for the newest start (default: this one)")
         ->type_name("DIR")
-        ->check(CLI::ExistingDirectory);
+        ->check(cli::directory());
     run->footer(
         "Run it as:  vexo run [OPTIONS] CONFIG.ini -- PROGRAM [ARGUMENTS]\n"
         "Under systemd (Type=notify) it says READY=1 once the stream is open, and WATCHDOG=1 while the application "

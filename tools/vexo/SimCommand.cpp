@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "sim/scenario/Scenario.h"
+#include "sim/shm/CardPlaces.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/Places.h"
@@ -26,6 +27,7 @@ struct Options {
     vexo_sim::scenario::KeySettings settings{"--set", {}};
     bool embedded = false;
     bool hosted = false;
+    std::string user;  // whose hosted card; empty for this one's
     bool sharedDayFile = false;
 };
 
@@ -47,11 +49,18 @@ void describeCard(const Options& options) {
     set(kCardVariable, "embedded");
 }
 
+// Which card the program's library is to look for.
+std::string hostedCard(const std::string& user) {
+    if (user.empty()) return "hosted";
+    if (!vexo_sim::findUser(user)) throw Failure(kUsage, "--user " + user + ": there is no such user");
+    return "hosted:" + user;
+}
+
 int run(const Options& options, const Program& program) {
     requireProgram(program);
     if (!options.scenario.empty() || !options.settings.texts.empty()) describeCard(options);
     if (options.embedded) set(kCardVariable, "embedded");
-    if (options.hosted) set(kCardVariable, "hosted");
+    if (options.hosted) set(kCardVariable, hostedCard(options.user));
     set(kDayFilesVariable, options.sharedDayFile ? "" : privateDayFiles());
     if (!options.sharedDayFile) preload(dayFileLibrary());
     prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
@@ -77,10 +86,13 @@ void addSim(CLI::App& app, Invocation& invocation) {
     setting->type_name("SECTION.KEY=VALUE")->allow_extra_args(false);
     CLI::Option* embedded = runIt->add_flag("--embedded", options->embedded,
                                             "Use a card of the program's own, even when one is hosted");
-    runIt->add_flag("--hosted", options->hosted, "Use the card that vexo-simcard hosts, and no other")
-        ->excludes(embedded)
-        ->excludes(scenario)
-        ->excludes(setting);
+    CLI::Option* hosted = runIt->add_flag("--hosted", options->hosted,
+                                          "Use the card that vexo-simcard hosts, and no other");
+    hosted->excludes(embedded)->excludes(scenario)->excludes(setting);
+    runIt
+        ->add_option("--user", options->user, "With --hosted: whose card; they must share it with vexo-simcard --group")
+        ->type_name("USER")
+        ->needs(hosted);
     runIt->add_flag("--shared-day-file", options->sharedDayFile,
                     "Use the day file in /tmp, which a start on a real card would load too");
     runIt->callback([options, &invocation] {

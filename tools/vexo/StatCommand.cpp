@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "tools/cli/Progress.h"
+#include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/Terminal.h"
@@ -27,6 +28,7 @@ using stat::Page;
 
 constexpr double kUsualWatch = 1;
 constexpr double kLongestWatch = 86400;
+constexpr std::uint64_t kLargestPid = 1 << 22;  // of the kernel on 64 bits
 
 struct Options {
     std::string directory;
@@ -55,6 +57,8 @@ void writeFile(const std::string& path, const std::string& text) {
     struct ::stat there {};
     if (::lstat(path.c_str(), &there) == 0 && !S_ISREG(there.st_mode))
         throw Failure(kUsage, harmless(path) + ": this is no regular file; to write to standard output, give -");
+    if (const std::string fault = cli::faultOfNewFile(path); !fault.empty())
+        throw Failure(kUsage, harmless(path) + ": " + fault);
     const std::string temporary = path + "." + std::to_string(::getpid());
     const auto fail = [&](const std::string& name) {
         const std::string why = std::strerror(errno);
@@ -63,7 +67,7 @@ void writeFile(const std::string& path, const std::string& text) {
     };
     ::unlink(temporary.c_str());  // of a process that was killed
     std::FILE* const file = std::fopen(temporary.c_str(), "wxe");
-    if (file == nullptr) throw Failure(kFinding, harmless(temporary) + ": " + std::strerror(errno));
+    if (file == nullptr) throw Failure(kUsage, harmless(path) + ": " + std::strerror(errno));
     const bool isWritten = std::fwrite(text.data(), 1, text.size(), file) == text.size();
     const bool isReadable = ::fchmod(::fileno(file), 0644) == 0;
     const bool isClosed = std::fclose(file) == 0;
@@ -75,6 +79,13 @@ std::string view(const Options& options, const std::vector<Page>& pages, const s
     if (options.json) return stat::asJson(pages);
     if (options.loss) return stat::asLossTable(pages);
     return stat::asText(pages, before);
+}
+
+// A table without a row would look like one that nothing was lost in.
+void explainEmptyTable(const Options& options, const std::vector<Page>& pages) {
+    const auto hasStream = [](const Page& page) { return !page.streams.empty(); };
+    if (!options.loss || pages.empty() || std::any_of(pages.begin(), pages.end(), hasStream)) return;
+    std::puts("no stream has been opened yet: the table has a line for each");
 }
 
 // @return whether there was a page
@@ -90,10 +101,23 @@ bool showOnce(const Options& options, std::vector<Page>& before, bool isFirst) {
     if (repaints) std::fputs("\033[H\033[2J", stdout);
     const std::string text = options.prometheus == "-" ? stat::asPrometheus(pages) : view(options, pages, before);
     std::fputs(text.c_str(), stdout);
+    explainEmptyTable(options, pages);
     if (options.watch > 0 && !repaints && !options.json && options.prometheus.empty()) std::puts("");
     terminal::statusOfOutput(0);
     before = std::move(pages);
     return isAny;
+}
+
+// What a page is missing for.
+std::string whyNoPage(const Options& options) {
+    if (options.pid) {
+        std::string others;
+        for (const Page& page : stat::findPages(options.directory).pages)
+            others += (others.empty() ? "" : ", ") + std::to_string(page.process.pid);
+        const std::string rest = others.empty() ? "" : "; there are those of " + others;
+        return "no statistics page of process " + std::to_string(*options.pid) + rest;
+    }
+    return "no statistics page" + (options.directory.empty() ? "" : " in " + harmless(options.directory));
 }
 
 int run(const Options& options) {
@@ -108,8 +132,8 @@ int run(const Options& options) {
         isAny = showOnce(options, before, false);
     }
     if (isAny || !options.prometheus.empty()) return 0;
-    std::fputs("vexo: no statistics page; a program gets one by: vexo tap --stats-only -- PROGRAM\n", stderr);
-    return kFinding;
+    return cli::fail("vexo", kFinding,
+                     whyNoPage(options) + "; a program gets one by: vexo tap --stats-only -- PROGRAM");
 }
 
 }  // namespace
@@ -119,8 +143,11 @@ void addStat(CLI::App& app, Invocation& invocation) {
     CLI::App* stat = app.add_subcommand("stat", "Show what running programs receive and lose");
     stat->add_option("--dir", options->directory,
                      "Directory of the pages; the default is $VEXO_STATS_DIR, or else those of all users")
-        ->type_name("DIR");
-    stat->add_option("--pid", options->pid, "Show only this process")->type_name("PID");
+        ->type_name("DIR")
+        ->check(cli::directory());
+    stat->add_option("--pid", options->pid, "Show only this process")
+        ->type_name("PID")
+        ->transform(cli::wholeNumber(1, kLargestPid));
     CLI::Option* loss = stat->add_flag("--loss", options->loss, "Show one table: packets lost, by cause");
     CLI::Option* json = stat->add_flag("--json", options->json, "Show one line of JSON for each process");
     CLI::Option* prometheus = stat->add_option(
@@ -128,10 +155,10 @@ void addStat(CLI::App& app, Invocation& invocation) {
         "Write metrics of Prometheus into this file, for the node exporter's textfile directory; - is standard output");
     prometheus->type_name("FILE");
     CLI::Option* watch = stat->add_option("--watch", options->watch, "Show again after so many seconds, until Ctrl-C");
-    watch->type_name("SECONDS")->check(CLI::Range(0.1, kLongestWatch))->expected(0, 1)->default_str("1");
+    watch->type_name("SECONDS")->check(cli::number(0.1, kLongestWatch))->expected(0, 1)->default_str("1");
     CLI::Option* listen = stat->add_option("--listen", options->port,
                                            "Serve metrics over HTTP at this port of 127.0.0.1, until Ctrl-C; 0 is any");
-    listen->type_name("PORT");
+    listen->type_name("PORT")->transform(cli::wholeNumber(0, 65535));
     json->excludes(loss)->excludes(prometheus)->excludes(listen);
     prometheus->excludes(loss)->excludes(listen);
     listen->excludes(loss)->excludes(watch);

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "tools/cli/Values.h"
 #include "tools/data/LayoutFile.h"
 #include "tools/stats/Settings.h"
 #include "tools/tap/Settings.h"
@@ -86,12 +87,12 @@ void addTap(CLI::App& app, Invocation& invocation) {
     CLI::Option* const rotate = tap->add_option("--rotate", options->rotateMb,
                                                 "Start another file before one grows beyond so many megabytes")
                                     ->type_name("MB")
-                                    ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRotateMb));
+                                    ->transform(cli::wholeNumber(1, tap::kMaxRotateMb));
     CLI::Option* const ring = tap->add_option(
                                      "--ring", options->ringMb,
                                      "Megabytes of memory for packets on their way to the file, for each stream")
                                   ->type_name("MB")
-                                  ->check(CLI::Range(std::uint64_t{1}, tap::kMaxRingMb))
+                                  ->transform(cli::wholeNumber(1, tap::kMaxRingMb))
                                   ->capture_default_str();
     CLI::Option* statsOnly = tap->add_flag("--stats-only", options->statsOnly,
                                            "Record nothing; count for vexo stat what the program receives and loses");
@@ -99,7 +100,7 @@ void addTap(CLI::App& app, Invocation& invocation) {
                     "Microseconds until the ring of a stream is full when nobody polls: packets that a longer callback "
                     "costs are lost by the application")
         ->type_name("US")
-        ->check(CLI::Range(std::uint64_t{1}, stats::kMaxRingLastsUs))
+        ->transform(cli::wholeNumber(1, stats::kMaxRingLastsUs))
         ->capture_default_str();
     tap->add_flag("--keep-page", options->keepPage, "Keep the page of numbers for vexo stat when the program ends");
     for (CLI::Option* recording : {output, registers, rotate, ring}) statsOnly->excludes(recording);

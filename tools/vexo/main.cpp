@@ -13,7 +13,7 @@ namespace {
 using namespace vexo;
 
 constexpr AddCommand kCommands[] = {addCheck,  addExport, addIndex, addInfo, addLog, addPlan,
-                                    addReport, addRun,    addSim,   addStat, addTap};
+                                    addReport, addRun,    addSim,   addStat, addTap, addWatch};
 
 // The usual cause of words without a place is a program without "--" before it.
 std::string adviceFor(const CLI::App& app, const Invocation& invocation, const std::vector<std::string>& words) {
@@ -34,7 +34,7 @@ int parseAndRun(int argc, char** argv) {
 
     CLI::App app(
         "Checks and plans a configuration, supervises an application, runs programs on a simulated card, records, "
-        "counts and exports what a card delivers, and shows logs and day files.",
+        "counts and exports what a card delivers, and shows numbers, logs and day files.",
         "vexo");
     for (const AddCommand add : kCommands) add(app, invocation);
     cli::tellStatuses(app, {{cli::kFine, "fine"},
@@ -55,6 +55,7 @@ int parseAndRun(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    cli::guardStandardStreams();
     try {
         return parseAndRun(argc, argv);
     } catch (const Failure& failure) {

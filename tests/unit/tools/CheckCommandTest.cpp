@@ -96,6 +96,15 @@ TEST_F(CheckCommand, FindsBoardAndDriverAsTheLibraryDoes) {
     EXPECT_EQ(Check("zce.ini").status, 0) << Check("zce.ini").output;
 }
 
+TEST_F(CheckCommand, TheHintToTheSimulatedCardCanBeTyped) {
+    dir.Write("zce.ini", "[config]\ndevice = xilinx0:3\n");
+    Host("", "");
+    const ProgramResult result = Check("--card zce.ini", "env -u LD_LIBRARY_PATH");
+    EXPECT_EQ(result.status, 3);
+    EXPECT_THAT(result.output, HasSubstr("for the simulated card: vexo sim run -- vexo check --card zce.ini\n"));
+    EXPECT_THAT(result.output, HasSubstr("for the simulated card, put vexo sim run -- before the command\n"));
+}
+
 TEST_F(CheckCommand, ChecksTheDirectoryThatIsNamed) {
     dir.Write("zce.ini", "[config]\ndevice = xilinx0:3\n");
     Host("01:00.0 Xilinx card", "xdma 1");

@@ -322,6 +322,21 @@ TEST_F(CheckConfig, FindsRulesThatSelectNothing) {
                 IsEmpty());
 }
 
+TEST_F(CheckConfig, OptionsThatAreMissingEndTheRulesOfLaterChannels) {
+    const std::string rest = "options = recv\n";
+    const std::string text = "[config]\ndevice = xilinx0:1\n[channel7]\ninsts = SR\n" + rest +
+                             "[channel2]\ninsts = CF\nips = recv\n[channel1]\ninsts = TA\n" + rest +
+                             "[channel10]\nips = recv\n";
+    const std::vector<Finding> findings = Findings(text);
+    ASSERT_EQ(findings.size(), 1U) << ::testing::PrintToString(findings);
+    EXPECT_EQ(findings.front().line, 7U);
+    EXPECT_EQ(findings.front().what,
+              "[channel2] options is missing beside insts; the library ends reading rules here: of this channel it "
+              "takes insts, not ips and spd, and nothing of the later channels: [channel7] (line 3) and [channel10] "
+              "(line 12)");
+    EXPECT_EQ(findings.front().todo, "add options = recv or options = norecv to [channel2]");
+}
+
 TEST_F(CheckConfig, FindsFeedsThatBringNothing) {
     Lines lines = example;
     for (std::string& line : lines) {

@@ -47,10 +47,10 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         const char* text;
     } cases[] = {
         {"", "vexo: no subcommand: see vexo --help"},
-        {"tpa", "vexo: unexpected argument: tpa\nSee vexo --help"},
+        {"tpa", "vexo: unexpected argument: tpa; is it tap?\nSee vexo --help"},
         {"tap", "vexo: no program to run: put it after --"},
         {"sim", "vexo: no subcommand: see vexo sim --help"},
-        {"sim rnu", "vexo: unexpected argument: rnu\nSee vexo sim --help"},
+        {"sim rnu", "vexo: unexpected argument: rnu; is it run?\nSee vexo sim --help"},
         {"sim run", "vexo: no program to run: put it after --"},
         {"sim run --nonsense -- true", "vexo: unexpected argument: --nonsense\nSee vexo sim run --help"},
         {"sim run ./app x.ini",
@@ -66,9 +66,23 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"sim run --embedded --hosted -- true", "--embedded excludes --hosted"},
         {"sim run --scenario none.ini -- true", "vexo: --scenario none.ini: No such file or directory"},
         {"sim run --scenario . -- true", "vexo: --scenario .: this is a directory"},
-        {"log --level loud", "--level: no level; give assert, error, warn, "},
-        {"log --lines -1", "--lines"},
-        {"log --color red", "--color"},
+        {"log --level loud",
+         "vexo: --level: loud is no level; give assert, error, warn, event, info, debug or verbose\n"},
+        {"log --lines -1", "vexo: --lines: -1 is not a whole number from 0 to 1000000\nSee vexo log --help"},
+        {"log --lines 1e3", "vexo: --lines: 1e3 is not a whole number from 0 to 1000000\n"},
+        {"log --lines", "vexo: --lines: its value is missing\nSee vexo log --help"},
+        {"log --color red", "vexo: --color: red is none of auto, always, never\n"},
+        {"log --follo a.log", "vexo: unexpected argument: --follo; is it --follow?\nSee vexo log --help"},
+        {"run --watchdg 1 demo.ini -- true",
+         "vexo: unexpected argument: --watchdg; is it --watchdog?\nSee vexo run --help"},
+        {"run --watchdog x demo.ini -- true", "vexo: --watchdog: x is not a number from 0.01 to 86400\n"},
+        {"run --directory none demo.ini -- true", "vexo: --directory: there is no directory none\n"},
+        {"report --lines 0", "vexo: --lines: 0 is not a whole number from 1 to 100000\n"},
+        {"report --output none/a.tar", "vexo: none/a.tar: there is no directory none\n"},
+        {"report --output .", "vexo: .: it exists, and vexo never overwrites"},
+        {"sim run --user root -- true", "--user requires --hosted"},
+        {"sim run --hosted --user no-such-user -- true", "vexo: --user no-such-user: there is no such user\n"},
+        {"index --sim a", "excludes"},
         {"log --explain x a.log", "paths excludes --explain"},
         {"log --explain ' '", "vexo: --explain: the text is empty\n"},
         {"index a b", "vexo: unexpected argument: b\nSee vexo index --help"},
@@ -76,11 +90,14 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
          "vexo: --list shows no comparison; leave out --list or --compare, or add --json"},
         {"stat --json --loss", "--loss excludes --json"},
         {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
-        {"stat --listen 70000", "--listen"},
-        {"stat --watch 0", "--watch: Value 0 not in range"},
+        {"stat --listen 70000", "vexo: --listen: 70000 is not a whole number from 0 to 65535\n"},
+        {"stat --watch 0", "vexo: --watch: 0 is not a number from 0.1 to 86400\n"},
+        {"stat --pid abc", "vexo: --pid: abc is not a whole number from 1 to 4194304\n"},
+        {"stat --dir none", "vexo: --dir: there is no directory none\n"},
+        {"stat --prometheus none/a.prom", "vexo: none/a.prom: there is no directory none\n"},
         {"tap --stats-only --registers -- true", "--registers excludes --stats-only"},
-        {"tap --stats-only --ring-lasts 0 -- true", "--ring-lasts: Value 0 not in range"},
-        {"tap --rotate 0 -- true", "--rotate: Value 0 not in range"},
+        {"tap --stats-only --ring-lasts 0 -- true", "vexo: --ring-lasts: 0 is not a whole number from 1 to "},
+        {"tap --rotate 0 -- true", "vexo: --rotate: 0 is not a whole number from 1 to 1048576\n"},
         {"tap --output none/a.pcapng -- true", "vexo: --output none/a.pcapng: there is no directory "},
         {"tap --output . -- true", "vexo: --output .: this is a directory, not a file"},
     };
@@ -89,6 +106,33 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         EXPECT_EQ(result.status, 2) << c.words;
         EXPECT_THAT(result.output, HasSubstr(c.text)) << c.words;
     }
+}
+
+TEST_F(Command, AWholeNumberIsDecimalWhateverItsZeros) {
+    dir.Write("a.log", "[INFO   ]1\n2\n3\n4\n5\n6\n7\n8\n9\n10\n");
+    EXPECT_EQ(vexo("log --lines 010 a.log").output, dir.Read("a.log"));
+}
+
+TEST_F(Command, AnOutputThatIsFullOrClosedIsNamedWithItsCause) {
+    for (const char* words : {"check --keys", "--help", "log --help", "log --explain channel"}) {
+        const ProgramResult full = vexo(words + std::string(" > /dev/full"));
+        EXPECT_EQ(full.status, 1) << words;
+        EXPECT_EQ(full.output, "vexo: standard output: No space left on device\n") << words;
+        const ProgramResult closed = vexo(words + std::string(" >&-"));
+        EXPECT_EQ(closed.status, 1) << words;
+        EXPECT_EQ(closed.output, "vexo: standard output: it is closed\n") << words;
+    }
+}
+
+TEST_F(Command, AFileThatIsOpenedDoesNotGetWhatAClosedOutputWouldHave) {
+    const std::string list = "report --output a.tar >&-";
+    EXPECT_EQ(vexo(list).output, "vexo: standard output: it is closed\n");
+    EXPECT_NE(::access("a.tar", F_OK), 0);
+}
+
+TEST_F(Command, ASimulatedCardMayBeThatOfAnotherUser) {
+    const ProgramResult result = vexo("sim run --hosted --user root -- sh -c 'echo $VEXO_SIM_CARD'");
+    EXPECT_EQ(result.output, "hosted:root\n");
 }
 
 TEST_F(Command, AProgramThatIsNotThereIsNamedAndEndsAsInAShell) {

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "sim/card/InstrumentList.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/tools/Program.h"
 
@@ -100,6 +101,38 @@ TEST_F(IndexCommand, FindsWhatAMasterDidNotWrite) {
               "a:7: CF505 has the index of SR505\n"
               "a:9: the id \"D E\" is none of an instrument\n"
               "a:11: the file ends within this line\n");
+}
+
+TEST_F(IndexCommand, AFileOfAnotherKindIsNoDayFile) {
+    dir.Write("demo.ini", "; A small master channel, to try it\n[config]\ninsts = SR, CF\n");
+    const ProgramResult result = vexo("index demo.ini");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.output,
+              "vexo: demo.ini:1: this is no day file: it begins with \"; A small master channel, to try it\", not with "
+              "\"inst_index,inst_id\", and no line is an index and an id\n");
+    dir.Write("sound", kSound);
+    EXPECT_THAT(vexo("index sound --compare demo.ini").output, StartsWith("vexo: demo.ini:1: this is no day file"));
+}
+
+TEST_F(IndexCommand, LongIdsAreCutInFindings) {
+    dir.Write("a", "inst_index,inst_id\n1," + std::string(100000, '\x01') + "\nbin_file_over_tag\n");
+    EXPECT_LT(vexo("index a").output.size(), 2000U);
+}
+
+TEST_F(IndexCommand, SaysThatAMapIsThatOfASimulatedCard) {
+    const std::time_t now = std::time(nullptr);
+    const std::tm day = *std::localtime(&now);
+    const auto date = static_cast<std::uint32_t>((day.tm_year + 1900) * 10000 + (day.tm_mon + 1) * 100 + day.tm_mday);
+    std::vector<vexo_sim::Instrument> list(vexo_sim::kMaxInstruments);
+    list.resize(vexo_sim::makeInstrumentList(vexo_sim::InstrumentChoice::kDefault, date, list.data()));
+    std::string map = "inst_index,inst_id\n";
+    for (const vexo_sim::Instrument& one : list) map += std::to_string(one.row) + "," + one.id + "\n";
+    dir.Write("a", map + "bin_file_over_tag\n");
+    EXPECT_THAT(vexo("index a").output, HasSubstr("\n  map:          that of a simulated card\n"));
+    EXPECT_EQ(json::parse(vexo("index --json a").output)["simulated"], true);
+    dir.Write("b", kSound);
+    EXPECT_THAT(vexo("index b").output, Not(HasSubstr("simulated")));
+    EXPECT_EQ(json::parse(vexo("index --json b").output)["simulated"], false);
 }
 
 TEST_F(IndexCommand, ManyFindingsOfAKindAreCounted) {

@@ -30,6 +30,9 @@ std::string Line(const std::string& level, const std::string& time, const std::s
     return "[" + level + "][20261115-" + time + "][fpga]" + text + "\n";
 }
 
+// A file without a line of the library is no log.
+constexpr char kFirst[] = "[INFO   ][20261115-08:00:00][log]log is initialized successfully.\n";
+
 bool IsPrintable(const std::string& text) {
     return std::none_of(text.begin(), text.end(), [](char c) {
         const auto byte = static_cast<unsigned char>(c);
@@ -125,19 +128,57 @@ TEST_F(LogCommand, MergesLogsByTimeAndNamesThem) {
 }
 
 TEST_F(LogCommand, ALogThatCannotBeReadDoesNotHideTheOthers) {
-    dir.Write("a", "1\n");
+    dir.Write("a", kFirst);
     const ProgramResult result = vexo("log a missing");
     EXPECT_EQ(result.status, 2);
     std::filesystem::create_directory("empty");
     EXPECT_EQ(vexo("log a empty").status, 1);
     EXPECT_THAT(vexo("log a empty").output, HasSubstr("vexo: empty: no fpga_YYYYMMDD.log here\nName the working "));
-    EXPECT_THAT(result.output, AllOf(HasSubstr("a: 1\n"), HasSubstr("vexo: missing: No such file or directory\n")));
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("a: [INFO   ]"), HasSubstr("vexo: missing: No such file or directory\n")));
 }
 
 TEST_F(LogCommand, ShowsTheLastLinesOnly) {
-    dir.Write("a", "1\n2\n3\n");
+    dir.Write("a", kFirst + std::string("1\n2\n3\n"));
     EXPECT_EQ(vexo("log a -n 2").output, "2\n3\n");
     EXPECT_EQ(vexo("log a -n 0").output, "");
+}
+
+TEST_F(LogCommand, AFileWithoutALineOfTheLibraryIsNoLog) {
+    dir.Write("demo.ini", "; A small master channel on the simulated card, and more\n[config]\n");
+    const ProgramResult result = vexo("log demo.ini");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.output,
+              "vexo: demo.ini:1: this is no log of the library: it begins with \"; A small master channel on the "
+              "simulate...\", and no line begins with a level such as [INFO   ]\n");
+    dir.Write("chinese",
+              "\xE4\xB8\xAD\xE6\x96\x87\xE4\xB8\xAD\xE6\x96\x87\xE4\xB8\xAD\xE6\x96\x87\xE4\xB8\xAD"
+              "\xE6\x96\x87\xE4\xB8\xAD\xE6\x96\x87\xE4\xB8\xAD\xE6\x96\x87\xE4\xB8\xAD\xE6\x96\x87\n");
+    EXPECT_THAT(vexo("log chinese").output, Not(HasSubstr("\\x")));
+    dir.Write("fpga_20261115.log", "text\n");
+    EXPECT_EQ(vexo("log").status, 1);
+    EXPECT_THAT(vexo("log").output, HasSubstr("fpga_20261115.log:1: this is no log of the library"));
+    dir.Write("empty", "");
+    EXPECT_EQ(vexo("log empty").output, "vexo: no line at all\n");
+}
+
+TEST_F(LogCommand, WhatAnApplicationPrintsBeforeTheFirstLineOfTheLibraryIsShownToo) {
+    // The tag lies across the border of what is read at once.
+    for (const std::size_t before : {0, 1, 65536 - 5, 65536 - 1, 65536, 65536 + 7}) {
+        dir.Write("app.out", std::string(before, 'x') + "\n" + kFirst);
+        EXPECT_EQ(vexo("log app.out --lines 1").output, kFirst) << before;
+    }
+}
+
+TEST_F(LogCommand, ALevelHasItsUsualOtherName) {
+    dir.Write("a.log", Line("INFO   ", "09:00:00", "info") + Line("WARN   ", "09:00:01", "warn"));
+    EXPECT_EQ(vexo("log a.log --level Warning").output, Line("WARN   ", "09:00:01", "warn"));
+    const ProgramResult wrong = vexo("log a.log --level warnings");
+    EXPECT_EQ(wrong.status, 2);
+    EXPECT_THAT(wrong.output, StartsWith("vexo: --level: warnings is no level; give assert, error, warn, event, info, "
+                                         "debug or verbose\n"));
+    for (const char* level : {"assert", "error", "warn", "event", "info", "debug", "verbose"})
+        EXPECT_THAT(vexo("log --help").output, HasSubstr(level));
 }
 
 TEST_F(LogCommand, ColoursLevelsOnlyWhenAsked) {
@@ -163,11 +204,12 @@ TEST_F(LogCommand, ColoursObeyTheTerminal) {
 TEST_F(LogCommand, BytesThatCommandATerminalAreShownHarmless) {
     std::string all;
     for (int byte = 0; byte < 256; ++byte) all += static_cast<char>(byte);
-    dir.Write("a",
-              "\033]0;title\a \xC2\x9B"
-              "2J \xE2\x80\xAE \xE4\xB8\xAD\n");
-    EXPECT_EQ(vexo("log a").output, "\\x1B]0;title\\x07 \\xC2\\x9B2J \\xE2\\x80\\xAE \xE4\xB8\xAD\n");
-    dir.Write("b", all);
+    dir.Write("a", std::string("\033]0;title\a \xC2\x9B"
+                               "2J \xE2\x80\xAE \xE4\xB8\xAD\n") +
+                       kFirst);
+    EXPECT_EQ(vexo("log a --lines 2").output.substr(0, vexo("log a").output.find('\n') + 1),
+              "\\x1B]0;title\\x07 \\xC2\\x9B2J \\xE2\\x80\\xAE \xE4\xB8\xAD\n");
+    dir.Write("b", kFirst + all);
     const ProgramResult binary = vexo("log b");
     EXPECT_EQ(binary.status, 0);
     EXPECT_TRUE(IsPrintable(binary.output)) << binary.output;
@@ -179,12 +221,12 @@ TEST_F(LogCommand, BytesThatCommandATerminalAreShownHarmless) {
 
 TEST_F(LogCommand, OneHugeLineIsCut) {
     dir.Write("a", "x");
-    std::filesystem::resize_file(dir.Path("a"), 20U << 20);
-    Append("a", "\nlast\n");
+    std::filesystem::resize_file(dir.Path("a"), 10U << 20);
+    Append("a", std::string("\n") + kFirst + "last\n");
     const ProgramResult result = vexo("log a");
     EXPECT_EQ(result.status, 0);
     EXPECT_LT(result.output.size(), 300000U);
-    EXPECT_THAT(result.output, HasSubstr("...\nlast\n"));
+    EXPECT_THAT(result.output, AllOf(HasSubstr("...\n[INFO"), HasSubstr("\nlast\n")));
 }
 
 TEST_F(LogCommand, RefusesWhatIsNoRegularFile) {
@@ -194,9 +236,9 @@ TEST_F(LogCommand, RefusesWhatIsNoRegularFile) {
     std::filesystem::create_symlink("loop", "loop");
     EXPECT_EQ(vexo("log loop").output, "vexo: loop: Too many levels of symbolic links\n");
     EXPECT_EQ(vexo("log loop").status, 2);
-    dir.Write("a", "1\n");
+    dir.Write("a", kFirst);
     std::filesystem::create_symlink("a", "link");
-    EXPECT_EQ(vexo("log link").output, "1\n");
+    EXPECT_EQ(vexo("log link").output, kFirst);
 }
 
 TEST_F(LogCommand, FollowsWhatComes) {
@@ -299,7 +341,7 @@ TEST_F(LogCommand, ExplainsAsJson) {
 }
 
 TEST_F(LogCommand, AFullDiskIsReported) {
-    dir.Write("a", "1\n");
+    dir.Write("a", kFirst);
     const ProgramResult result = vexo("log a > /dev/full");
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.output, StartsWith("vexo: standard output: No space left on device"));

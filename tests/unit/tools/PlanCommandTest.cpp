@@ -280,6 +280,13 @@ TEST_F(PlanCommand, WrongUsageNamesWhatIsWrong) {
     }
 }
 
+TEST_F(PlanCommand, WhatTheLibraryPrintsIsNotAmongItsLines) {
+    dir.Write("zce.ini", "[config]\nL5_IPA = 239.3.50.1\n");
+    const ProgramResult result = Plan("zce.ini");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.output, AllOf(HasSubstr("[config] device is missing"), Not(HasSubstr("Invalid parameter"))));
+}
+
 TEST_F(PlanCommand, AValueCannotCommandTheTerminal) {
     Master("zce.ini", "[channel0]\ninsts = SR\033[2J1\noptions = norecv\n");
     EXPECT_THAT(Plan("zce.ini").output, AllOf(HasSubstr("\\x1B[2J"), Not(HasSubstr("\033"))));

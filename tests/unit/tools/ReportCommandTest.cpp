@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 #include "tests/hosted/HostProcess.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/tools/Program.h"
@@ -71,8 +73,10 @@ TEST_F(ReportCommand, DoesNotOverwriteAFileNorFollowALink) {
     ASSERT_EQ(::symlink("none", "b.tar"), 0);
     for (const char* name : {"a.tar", "b.tar"}) {
         const ProgramResult result = Report(std::string("--output ") + name);
-        EXPECT_EQ(result.status, 1);
-        EXPECT_THAT(result.output, HasSubstr(std::string("vexo: ") + name + ": File exists\n"));
+        EXPECT_EQ(result.status, 2);
+        // At once, without the list.
+        EXPECT_EQ(result.output, std::string("vexo: ") + name +
+                                     ": it exists, and vexo never overwrites; give another name with --output\n");
     }
     EXPECT_EQ(dir.Read("a.tar"), "precious");
     EXPECT_NE(::access("none", F_OK), 0);
@@ -94,8 +98,28 @@ TEST_F(ReportCommand, TheListAloneWritesNothing) {
 }
 
 TEST_F(ReportCommand, AListThatNobodyCanSeeGivesNoFile) {
-    EXPECT_EQ(runProgram(word(VEXO_COMMAND) + " report --output a.tar >/dev/full").status, 1);
-    EXPECT_NE(::access("a.tar", F_OK), 0);
+    for (const char* option : {"", "--json "}) {
+        EXPECT_EQ(Report(option + std::string("--output a.tar >/dev/full")).status, 1);
+        EXPECT_NE(::access("a.tar", F_OK), 0) << option;
+    }
+}
+
+TEST_F(ReportCommand, AsJsonHasTheSameList) {
+    dir.Write("fpga_20261116.log", "new\n");
+    const auto list = nlohmann::json::parse(Report("--list --json c3.ini").output);
+    EXPECT_EQ(list["file"], "");
+    const auto written = nlohmann::json::parse(Report("--json --mask --output a.tar c3.ini").output);
+    EXPECT_EQ(written["file"], "a.tar");
+    EXPECT_EQ(written["masked"], true);
+    std::string names;
+    std::size_t bytes = 0;
+    for (const auto& part : written["parts"]) {
+        names += part["name"].get<std::string>() + "\n";
+        bytes += part["bytes"].get<std::size_t>();
+    }
+    EXPECT_EQ(written["bytes"], bytes);
+    EXPECT_EQ(runProgram("tar -tf a.tar | sed 's:.*/::'").output, names);
+    EXPECT_EQ(list["parts"].size(), written["parts"].size());
 }
 
 TEST_F(ReportCommand, TakesTheEndOfALog) {

@@ -12,6 +12,8 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
 
 #include "tests/hosted/HostProcess.h"
 #include "tests/support/TempDir.h"
@@ -114,6 +116,53 @@ TEST_F(RunCommand, AnOrderlyEndIsZero) {
     EXPECT_EQ(StatusOf({"c3.ini"}, App("end")), 0);
     EXPECT_THAT(Said(), AllOf(HasSubstr("the stream is open"), HasSubstr("vexo run: ended in order\n")));
     EXPECT_THAT(dir.Read("c3.out"), HasSubstr("Init dma channel :CUSTOM_CHAN3_DATA success."));
+}
+
+TEST_F(RunCommand, AsJsonEachEventIsAnObjectOnALine) {
+    const auto events = [&](const Words& options, const Words& program, int status) {
+        EXPECT_EQ(Process(Run(options, program), "events", "said").Wait(), status) << Said();
+        EXPECT_EQ(Said(), "");
+        std::map<std::string, nlohmann::json> all;
+        std::istringstream lines(dir.Read("events"));
+        for (std::string line; std::getline(lines, line);) {
+            const nlohmann::json one = nlohmann::json::parse(line);
+            EXPECT_GT(one["time"].get<double>(), 1e9);
+            EXPECT_FALSE(one["text"].get<std::string>().empty());
+            all[one["event"]] = one;
+        }
+        return all;
+    };
+    auto all = events({"--json", "c3.ini"}, App("end"), 0);
+    EXPECT_EQ(all["start"]["number"], 1);
+    EXPECT_EQ(all["start"]["program"], VEXO_RUN_APP);
+    EXPECT_EQ(all["start"]["output"], "c3.out");
+    EXPECT_EQ(all["ready"]["pid"], all["start"]["pid"]);
+    EXPECT_EQ(all["end"]["pid"], all["start"]["pid"]);
+    EXPECT_EQ(all["end"]["orderly"], true);
+    EXPECT_EQ(all["end"]["status"], 0);
+    EXPECT_EQ(all.count("restart"), 0U);
+
+    ::setenv("VEXO_SIM_SCENARIO", VEXO_SCENARIO_DIR "/no_card.ini", 1);
+    all = events({"--json", "c3.ini"}, App("end"), 3);
+    EXPECT_EQ(all.count("ready"), 0U);
+    EXPECT_EQ(all["end"]["orderly"], false);
+    EXPECT_EQ(all["end"]["again"], true);
+    EXPECT_EQ(all["end"]["status"], 3);
+
+    all = events({"--json", "--check", "bad.ini"}, App("end", "bad.ini"), 4);
+    EXPECT_EQ(all["check"]["fatal"], 1);
+    EXPECT_EQ(all["refused"]["status"], 4);
+    EXPECT_EQ(all.count("start"), 0U);
+}
+
+TEST_F(RunCommand, AsJsonARestartIsAnEvent) {
+    ::setenv("VEXO_SIM_SCENARIO", VEXO_SCENARIO_DIR "/no_card.ini", 1);
+    Process vexo(Run({"--json", "--restart", "--backoff", "0.01", "c3.ini"}, App("end")), "events", "said");
+    EXPECT_TRUE(Eventually([&] { return dir.Read("events").find("\"number\":2") != std::string::npos; }));
+    vexo.Signal(SIGTERM);
+    vexo.Wait();
+    EXPECT_THAT(dir.Read("events"), HasSubstr("\"event\":\"restart\""));
+    EXPECT_THAT(dir.Read("events"), HasSubstr("\"wait_seconds\":0.01"));
 }
 
 TEST_F(RunCommand, SeesThePollsOfAPlugInThatHasItsLibrariesForItself) {

@@ -28,12 +28,14 @@ int Exited(int status) { return status << 8; }
 
 class EndOfAStart : public ::testing::Test {
 protected:
+    std::optional<unsigned int> card;
     Ending Judge(const std::string& output, bool isMaster = false, int status = 0) {
         dir.Write("app.out", output);
         Ended ended;
         ended.waitStatus = Exited(status);
         ended.output = "app.out";
         ended.isMaster = isMaster;
+        ended.card = card;
         ended.isAttached = true;
         ended.wasReady = output.find("Init dma channel") != std::string::npos;
         return judge(ended);
@@ -114,6 +116,14 @@ TEST_F(EndOfAStart, ALineOfTheLogTellsAFailedStart) {
     EXPECT_THAT(ending.text, HasSubstr("the start failed while opening the card: there is no card"));
     EXPECT_THAT(ending.text, HasSubstr("(app.out:2)"));
     EXPECT_TRUE(Judge(std::string(kBegin) + kOpen).orderly);
+}
+
+TEST_F(EndOfAStart, TheHintToHostACardNamesItsBus) {
+    EXPECT_THAT(Judge(std::string(kBegin) + kNoAccelerator).text, HasSubstr("or start vexo-simcard (app.out:2)"));
+    card = 3;
+    EXPECT_THAT(Judge(std::string(kBegin) + kNoAccelerator).text,
+                HasSubstr("or start vexo-simcard --bus 3 (app.out:2)"));
+    EXPECT_THAT(Judge(std::string(kBegin) + kTaken).text, testing::Not(HasSubstr("--bus")));
 }
 
 TEST_F(EndOfAStart, AMasterThatFoundItsStreamTakenIsNotStartedAgain) {

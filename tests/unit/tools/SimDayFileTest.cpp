@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -22,6 +23,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr char kMap[] = "inst_index,inst_id\n4,SR701\n5,SR705\nbin_file_over_tag\n";
+
+// Of the day file of this half-day.
+std::string NameNow() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    ::localtime_r(&now, &local);
+    char date[16];
+    std::strftime(date, sizeof date, "%Y%m%d", &local);
+    return std::string(".zce_") + date + (local.tm_hour >= 17 ? "_pm" : "_am");
+}
+
 class SimDayFile : public ::testing::Test {
 protected:
     SimDayFile() { ::setenv("VEXO_SIM_DIR", dir.Path().c_str(), 1); }
@@ -34,6 +47,19 @@ protected:
     }
     std::string Errors() { return dir.Read("err"); }
     std::string PrivateDirectory() { return dir.Path("vexo-day-files-" + std::to_string(::geteuid())); }
+
+    std::size_t PrivateEntries() {
+        std::size_t entries = 0;
+        for (const fs::directory_entry& one : fs::directory_iterator(PrivateDirectory()))
+            entries += one.exists() ? 1 : 0;
+        return entries;
+    }
+    // A vexo that is started by vexo sim run, and one that is not; what they print on both outputs.
+    static ProgramResult InSimRun(const std::string& words, const std::string& options = "") {
+        return runProgram("VEXO_SIM_CARD=embedded " + word(VEXO_COMMAND) + " sim run " + options + " -- " +
+                          word(VEXO_COMMAND) + " " + words);
+    }
+    static ProgramResult Vexo(const std::string& words) { return runProgram(word(VEXO_COMMAND) + " " + words); }
 
     test_support::TempDir dir;
     DayFiles days;
@@ -107,6 +133,77 @@ TEST_F(SimDayFile, DirectoryIsForItsUserAlone) {
     fs::create_directory_symlink(dir.Path("elsewhere"), PrivateDirectory());
     EXPECT_EQ(Run("", "read " + dayFile).status, 126);
     EXPECT_EQ(Run("--shared-day-file", "read " + dayFile).status, 0);
+}
+
+TEST_F(SimDayFile, WhoOnlyReadsLeavesNoDirectory) {
+    Run("", "read " + dayFile);
+    Run("", "--no-card read " + dayFile);
+    EXPECT_EQ(PrivateEntries(), 0U);
+    // A program without a card has no day file to be told of.
+    EXPECT_THAT(Errors(), Not(HasSubstr("vexo sim run:")));
+}
+
+TEST_F(SimDayFile, IsTheOneThatIndexShowsBehindSimRun) {
+    std::string now;
+    do {  // again when the half-day ends in between
+        now = NameNow();
+        const ProgramResult before = InSimRun("index");
+        EXPECT_EQ(before.status, 1);
+        EXPECT_THAT(before.output,
+                    AllOf(HasSubstr("vexo: " + PrivateDirectory() + "/card-"),
+                          HasSubstr("/" + now + ": No such file or directory\n"), Not(HasSubstr("vexo sim run:"))));
+        EXPECT_EQ(PrivateEntries(), 0U);
+        EXPECT_EQ(Vexo("index --sim").status, 1);
+        EXPECT_THAT(Vexo("index --sim").output, HasSubstr("vexo: there is no day file of a simulated card\n"));
+
+        Run("", "write /tmp/" + now + " '" + kMap + "'");
+        const ProgramResult after = InSimRun("index");
+        EXPECT_EQ(after.status, 0) << after.output;
+        EXPECT_THAT(after.output,
+                    AllOf(HasSubstr("/" + now + "\n"), HasSubstr("instruments:  2 "), HasSubstr("a start now loads it"),
+                          HasSubstr("map:          that of a simulated card\n"), Not(HasSubstr("vexo sim run:"))));
+        const ProgramResult all = Vexo("index --sim");
+        EXPECT_EQ(all.status, 0) << all.output;
+        EXPECT_EQ(all.output, after.output);
+        EXPECT_THAT(Vexo("index --sim --json").output, HasSubstr("\"loadable\": true"));
+        EXPECT_THAT(Vexo("index").output, HasSubstr("Day files of simulated cards lie apart: see vexo index --sim\n"));
+        EXPECT_THAT(InSimRun("index", "--set card.fibre_status=0xd").output, HasSubstr("No such file or directory\n"));
+        fs::remove_all(PrivateDirectory());
+    } while (now != NameNow());
+}
+
+TEST_F(SimDayFile, IsTheOneThatCheckJudgesBehindSimRun) {
+    dir.Write("zce.ini", "[config]\ndevice = xilinx0:0\n");
+    std::string now;
+    do {
+        now = NameNow();
+        for (const char* option : {"", "--card "}) {
+            const ProgramResult before = InSimRun(std::string("check ") + option + "zce.ini");
+            EXPECT_THAT(before.output,
+                        AllOf(HasSubstr("host: note: a start from here gets the simulated card of " VEXO_SIM_DIRECTORY),
+                              HasSubstr("/" + now + ": note: there is no day file yet; a master learns"),
+                              Not(HasSubstr("lspci")), Not(HasSubstr("/tmp/" + now)), Not(HasSubstr("remove it"))));
+        }
+        Run("", "write /tmp/" + now + " '" + kMap + "'");
+        EXPECT_THAT(InSimRun("check zce.ini").output,
+                    AllOf(HasSubstr(PrivateDirectory()),
+                          HasSubstr("/" + now + ": note: a master loads this day file: 2 instruments"),
+                          Not(HasSubstr("remove it"))));
+        EXPECT_THAT(InSimRun("check zce.ini", "--shared-day-file").output, HasSubstr("\n/tmp/" + now + ": "));
+        fs::remove_all(PrivateDirectory());
+    } while (now != NameNow());
+}
+
+TEST_F(SimDayFile, CheckMissesTheCardThatAStartBehindSimRunWouldMiss) {
+    dir.Write("zce.ini", "[config]\ndevice = xilinx2:0\n");
+    const ProgramResult result = InSimRun("check zce.ini");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.output,
+                HasSubstr("zce.ini:2: fatal: vexo sim run has no simulated card with this number; correct "
+                          "device, or start vexo-simcard --bus 2\n"));
+    EXPECT_THAT(result.output, Not(HasSubstr("day file")));
+    EXPECT_THAT(InSimRun("check zce.ini", "--set card.bus=2").output, Not(HasSubstr("fatal: vexo sim run has no")));
+    EXPECT_EQ(InSimRun("check --card zce.ini").status, 3);
 }
 
 TEST_F(SimDayFile, OldOnesAreRemovedAtTheNextRun) {

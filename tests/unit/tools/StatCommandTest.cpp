@@ -139,6 +139,30 @@ TEST_F(StatCommand, APageOfTheFirstVersionDoesNotKnowWhatItLacks) {
     EXPECT_TRUE(json["streams"].at(0)["card_packets"].is_null());
 }
 
+TEST_F(StatCommand, ATableWithoutALineSaysWhy) {
+    write(Written());
+    const ProgramResult result = stat("--loss");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, testing::EndsWith("\nno stream has been opened yet: the table has a line for each\n"));
+    write(busy());
+    EXPECT_THAT(stat("--loss").output, Not(HasSubstr("no stream")));
+}
+
+TEST_F(StatCommand, APageThatIsMissingIsNamed) {
+    EXPECT_EQ(stat("").output,
+              "vexo: no statistics page in .; a program gets one by: vexo tap --stats-only -- PROGRAM\n");
+    EXPECT_THAT(stat("--pid 1").output, HasSubstr("vexo: no statistics page of process 1; a program gets one by"));
+    write(busy());
+    const ProgramResult other = stat("--pid 1");
+    EXPECT_EQ(other.status, 1);
+    EXPECT_THAT(other.output, HasSubstr("no statistics page of process 1; there are those of " +
+                                        std::to_string(::getpid()) + "; a program"));
+    dir.Write("file", "");
+    const ProgramResult file = runProgram(word(VEXO_COMMAND) + " stat --dir file");
+    EXPECT_EQ(file.status, 2);
+    EXPECT_THAT(file.output, HasSubstr("vexo: --dir: file is no directory\n"));
+}
+
 TEST_F(StatCommand, JsonIsALineForEachProcess) {
     write(busy());
     write(Written(), "2.app.page");
@@ -233,7 +257,7 @@ TEST_F(StatCommand, TheFileOfMetricsIsReplacedAsAWhole) {
     std::size_t files = 0;
     for ([[maybe_unused]] const auto& file : std::filesystem::directory_iterator(".")) ++files;
     EXPECT_EQ(files, 2U);
-    EXPECT_EQ(stat("--prometheus none/m.prom").status, 1);
+    EXPECT_EQ(stat("--prometheus none/m.prom").status, 2);
 }
 
 TEST_F(StatCommand, MetricsReplaceNothingButAFile) {

@@ -66,7 +66,7 @@ bool CardCheck::run(const std::vector<const ConfigFacts*>& programs) {
         card = cardtest::openCard(m_bus);
     } catch (const cardtest::Untestable& why) {
         add(Level::kFatal, "there is no card with this number: " + why.reason + errors.taken(),
-            "correct device, load the driver, or start vexo-simcard");
+            "correct device, load the driver, or start vexo-simcard --bus " + std::to_string(m_bus));
         return false;
     }
     checkRegisters(programs);
@@ -162,10 +162,13 @@ void CardCheck::checkStream(enyx_hw_accelerator* card, const ConfigFacts& progra
 bool checkCards(const std::vector<ConfigFacts>& programs, Report& report) {
     std::string error;
     if (!cardtest::loadCardLibrary(error)) {
+        std::string files;
+        for (const ConfigFacts& program : programs) files += " " + program.file;
         report.add(
             {Level::kFatal, "host", 0, "the card's library cannot be loaded: " + error.substr(0, error.find(". Name")),
              "install it, or put its directory into LD_LIBRARY_PATH; for the simulated card: vexo sim run -- vexo "
-             "check --card"});
+             "check --card" +
+                 files});
         return false;
     }
     report.add({Level::kNote, "host", 0,

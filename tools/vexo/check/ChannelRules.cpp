@@ -73,9 +73,10 @@ std::vector<LineProblem> checkRules(const ChannelRules& rules) {
     if (rules.insts != nullptr && rules.options == nullptr)
         found.push_back({rules.insts->line,
                          {Level::kError,
-                          "options is missing beside insts; the library reads no more of this channel and none of the "
-                          "later channels",
-                          "add options = recv or options = norecv"},
+                          "options is missing beside insts; the library ends reading rules here: of this channel it "
+                          "takes insts, not ips and spd, and nothing of the later channels" +
+                              (rules.later.empty() ? "" : ": " + rules.later),
+                          "add options = recv or options = norecv to [" + rules.section + "]"},
                          "options"});
     if (rules.insts == nullptr && rules.options != nullptr)
         found.push_back({rules.options->line,

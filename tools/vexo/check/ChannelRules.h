@@ -15,6 +15,7 @@ struct ChannelRules {
     const IniLine* options;
     const IniLine* ips;
     const IniLine* spd;
+    std::string later;  ///< the channels behind it that have a section, with their lines: "[channel1] (line 30)"
 };
 
 struct LineProblem {

@@ -48,6 +48,7 @@ private:
     void requireKey(const Key& key);
     void checkOutputs();
     void checkFeeds();
+    std::string laterChannels(const std::string& section) const;
     void checkChannels();
 
     const IniLine* find(const std::string& section, const std::string& key) const {
@@ -290,6 +291,15 @@ void ConfigCheck::checkFeeds() {
     }
 }
 
+// In the order in which the library reads them, that of their numbers.
+std::string ConfigCheck::laterChannels(const std::string& section) const {
+    const std::vector<std::string> all = allSections();
+    std::vector<std::string> later;
+    for (auto one = std::find(all.begin(), all.end(), section) + 1; one != all.end(); ++one)
+        if (lineOf(*one) != 0) later.push_back("[" + *one + "] (line " + std::to_string(lineOf(*one)) + ")");
+    return listed(later, " and ");
+}
+
 void ConfigCheck::checkChannels() {
     bool anyRule = false;
     for (const std::string& section : allSections()) {
@@ -299,7 +309,8 @@ void ConfigCheck::checkChannels() {
                                  find(section, "insts"),
                                  find(section, "options"),
                                  find(section, "ips"),
-                                 find(section, "spd")};
+                                 find(section, "spd"),
+                                 laterChannels(section)};
         anyRule = true;
         for (const LineProblem& wrong : checkRules(rules)) {
             if (wrong.missingKey.empty() || m_explained.count({section, wrong.missingKey}) == 0)

@@ -89,7 +89,7 @@ DayFileState stateOfDayFile(const std::string& path) {
     return state;
 }
 
-Finding findingOf(const DayFileState& state, bool hasCard) {
+Finding findingOf(const DayFileState& state, bool hasCard, bool isPrivate) {
     const auto finding = [&](Level level, const std::string& what, const std::string& todo) {
         return Finding{level, state.path, 0, what, todo};
     };
@@ -99,19 +99,20 @@ Finding findingOf(const DayFileState& state, bool hasCard) {
                            " is writing the day file: a master is running",
                        "start no second master on its card: it would stop the quotes of the first");
     if (!state.present)
-        return state.writable ? finding(Level::kNote, "there is no day file yet; a master learns the contract map", "")
-                              : finding(Level::kWarning, "there is no day file, and this user cannot write one",
-                                        "give this user the right to write in that directory");
+        return state.writable || isPrivate
+                   ? finding(Level::kNote, "there is no day file yet; a master learns the contract map", "")
+                   : finding(Level::kWarning, "there is no day file, and this user cannot write one",
+                             "give this user the right to write in that directory");
     if (!state.distrusted.empty()) return finding(Level::kWarning, "the day file is not used, " + state.distrusted, "");
     if (!state.unreadable.empty())
         return finding(Level::kWarning, "the day file is not used: " + state.unreadable, "remove it");
-    if (state.complete && state.simulated)
+    if (state.complete && state.simulated && !isPrivate)
         return finding(hasCard ? Level::kError : Level::kNote,
                        "this day file is the map of a simulated card: " + contentInWords(state),
                        "remove it before a start on a real card, which would load wrong indexes");
     if (state.complete && state.instruments > 0)
         return finding(Level::kNote, "a master loads this day file: " + contentInWords(state),
-                       "remove it if a simulated card or another card left it");
+                       isPrivate ? "" : "remove it if a simulated card or another card left it");
     return finding(state.writable ? Level::kNote : Level::kWarning,
                    "the day file is not complete, a master learns the map again: " + contentInWords(state),
                    state.writable ? "" : "this user cannot write it: remove it");

@@ -30,7 +30,8 @@ std::string todaysDayFile(std::time_t now);
 DayFileState stateOfDayFile(const std::string& path);
 
 /// The state in words, and how much it matters to a start of a master.
-/// @param hasCard  a real one: the map of a simulated card must not reach it
-Finding findingOf(const DayFileState& state, bool hasCard);
+/// @param hasCard    a real one: the map of a simulated card must not reach it
+/// @param isPrivate  the file is a simulated card's own, which no start on a real card loads
+Finding findingOf(const DayFileState& state, bool hasCard, bool isPrivate = false);
 
 }  // namespace vexo::check

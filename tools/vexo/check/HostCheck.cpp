@@ -8,11 +8,13 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "VexoZceUtil.h"
 #include "tools/vexo/check/DayFileState.h"
 #include "tools/vexo/check/Quiet.h"
+#include "tools/vexo/check/SimRun.h"
 
 namespace vexo::check {
 
@@ -66,14 +68,19 @@ bool listHas(const std::string& list, long number) {
 
 bool checkBoard(Report& report) {
     const Quiet quiet;  // a host without lspci has no board for the library either
-    const int board = CheckEnvBoard();
     const auto add = [&](Level level, const std::string& what, const std::string& todo) {
         report.add({level, kHost, 0, what, todo});
     };
+    std::string simulated = isUnderSimRun() ? simulatedLibrary() : "";
+    const int board = simulated.empty() ? CheckEnvBoard() : 0;
     if (board == 0) {
-        add(Level::kError, "lspci shows no card",
-            "look at the card and at whether lspci is installed; for the simulated card, check with --config-only and "
-            "start with vexo sim run");
+        if (simulated.empty()) simulated = simulatedLibrary();
+        if (simulated.empty())
+            add(Level::kError, "lspci shows no card",
+                "look at the card and at whether lspci is installed; for the simulated card, put vexo sim run -- "
+                "before the command");
+        else
+            add(Level::kNote, "a start from here gets the simulated card of " + simulated, "");
         return false;
     }
     add(Level::kNote, board >= 3 ? "lspci shows several cards" : "lspci shows a card", "");
@@ -132,16 +139,37 @@ void checkDirectory(const HostPlaces& places, Report& report) {
             "remove or move it, or start as its owner");
 }
 
+void checkSimulatedCards(const std::vector<ConfigFacts>& programs, Report& report) {
+    if (simulatedLibrary().empty()) return;
+    for (const ConfigFacts& program : programs)
+        if (program.device.valid && !hasSimulatedCard(program.device.card))
+            report.add({Level::kFatal, program.file, program.deviceLine,
+                        "vexo sim run has no simulated card with this number",
+                        "correct device, or start vexo-simcard --bus " + std::to_string(program.device.card)});
+}
+
+// All real cards have one day file, each simulated card has its own.
+void checkDayFiles(const std::set<std::uint32_t>& cards, bool hasCard, Report& report) {
+    std::set<std::string> directories;
+    for (const std::uint32_t card : cards) directories.insert(dayFileDirectory(card));
+    for (const std::string& directory : directories) {
+        if (directory.empty()) continue;  // there is no such card
+        const bool isPrivate = directory != kSharedDayFiles;
+        report.add(findingOf(stateOfDayFile(directory + todaysDayFile(std::time(nullptr))), hasCard, isPrivate));
+    }
+}
+
 void checkHost(const std::vector<ConfigFacts>& programs, const HostPlaces& places, Report& report) {
     report.add({Level::kNote, kHost, 0, std::string("checked for user ") + GetCurUserName(), ""});
     const bool hasCard = checkBoard(report);
-    bool hasMaster = false;
+    std::set<std::uint32_t> mastersCards;
     for (const ConfigFacts& facts : programs) {
         checkCpu(facts, places, report);
-        hasMaster = hasMaster || (facts.device.valid && facts.device.channel == 0);
+        if (facts.device.valid && facts.device.channel == 0) mastersCards.insert(facts.device.card);
     }
+    if (!places.cardIsRead && isUnderSimRun() && !hasCard) checkSimulatedCards(programs, report);
     checkDirectory(places, report);
-    if (hasMaster) report.add(findingOf(stateOfDayFile(places.dayFiles + todaysDayFile(std::time(nullptr))), hasCard));
+    checkDayFiles(mastersCards, hasCard, report);
 }
 
 }  // namespace vexo::check

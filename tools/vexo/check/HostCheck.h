@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -12,18 +14,22 @@ namespace vexo::check {
 struct HostPlaces {
     std::string directory = ".";  ///< in which the program will run
     std::string cpus = "/sys/devices/system/cpu";
-    std::string dayFiles = "/tmp";
+    bool cardIsRead = false;  ///< another check says whether the card is there
 };
 
 /// Adds what the host means for a start of these programs. Changes nothing on it, and judges for the user that runs the
-/// check.
+/// check. Behind `vexo sim run` it tells, too, when a simulated card is missing.
 void checkHost(const std::vector<ConfigFacts>& programs, const HostPlaces& places, Report& report);
 
 // The parts of checkHost().
-/// @return whether there is a card
+/// @return whether there is a real card
 bool checkBoard(Report& report);
 void checkCpu(const ConfigFacts& facts, const HostPlaces& places, Report& report);
 void checkDirectory(const HostPlaces& places, Report& report);
+void checkSimulatedCards(const std::vector<ConfigFacts>& programs, Report& report);
+/// @param cards    those that have a master
+/// @param hasCard  a real one
+void checkDayFiles(const std::set<std::uint32_t>& cards, bool hasCard, Report& report);
 
 /// Whether a list of the kernel such as "0-3,8" has a number.
 bool listHas(const std::string& list, long number);

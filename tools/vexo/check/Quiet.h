@@ -8,27 +8,37 @@
 
 namespace vexo::check {
 
-/// While it lives, nothing reaches standard error: the library's checks and the commands that they start complain
-/// there, and the report says the same in its own words.
+/// While it lives, nothing reaches standard output and error: the library's checks and the commands that they start
+/// complain there, and the report says the same in its own words.
 class Quiet {
 public:
-    Quiet() : m_saved(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
-        std::fflush(stderr);
+    Quiet() {
         const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (m_saved >= 0 && nowhere >= 0) ::dup2(nowhere, STDERR_FILENO);
+        for (Redirected& one : m_streams) {
+            std::fflush(one.stream);
+            one.saved = ::fcntl(one.number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+            if (one.saved >= 0 && nowhere >= 0) ::dup2(nowhere, one.number);
+        }
         if (nowhere >= 0) ::close(nowhere);
     }
     ~Quiet() {
-        std::fflush(stderr);
-        if (m_saved < 0) return;
-        ::dup2(m_saved, STDERR_FILENO);
-        ::close(m_saved);
+        for (const Redirected& one : m_streams) {
+            std::fflush(one.stream);
+            if (one.saved < 0) continue;
+            ::dup2(one.saved, one.number);
+            ::close(one.saved);
+        }
     }
     Quiet(const Quiet&) = delete;
     Quiet& operator=(const Quiet&) = delete;
 
 private:
-    int m_saved;
+    struct Redirected {
+        std::FILE* stream;
+        int number;
+        int saved;
+    };
+    Redirected m_streams[2] = {{stdout, STDOUT_FILENO, -1}, {stderr, STDERR_FILENO, -1}};
 };
 
 /// While it lives, what a card's library writes to standard error is kept: the report quotes it.

@@ -42,21 +42,27 @@ bool isPartOf(const std::set<std::string_view>& lines, InstrumentChoice choice, 
 }
 
 bool isKept(const std::set<std::string_view>& lines) {
-    const std::string name = "/vexo-day-files-" + std::to_string(::geteuid());
-    for (const std::string& directory : vexo_sim::cardDirectories(::geteuid())) {
-        std::error_code error;
-        for (const fs::directory_entry& file : fs::recursive_directory_iterator(directory + name, error)) {
-            std::string content;
-            std::string refusal;
-            if (file.is_regular_file(error) && safe_file::readWhole(file.path().string(), content, refusal) &&
-                instrumentLines(content) == lines)
-                return true;
-        }
-    }
-    return false;
+    const std::vector<std::string> files = keptDayFiles();
+    return std::any_of(files.begin(), files.end(), [&](const std::string& file) {
+        std::string content;
+        std::string refusal;
+        return safe_file::readWhole(file, content, refusal) && instrumentLines(content) == lines;
+    });
 }
 
 }  // namespace
+
+std::vector<std::string> keptDayFiles() {
+    std::vector<std::string> files;
+    const std::string name = "/vexo-day-files-" + std::to_string(::geteuid());
+    for (const std::string& directory : vexo_sim::cardDirectories(::geteuid())) {
+        std::error_code error;
+        for (const fs::directory_entry& file : fs::recursive_directory_iterator(directory + name, error))
+            if (file.is_regular_file(error)) files.push_back(file.path().string());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
 
 std::set<std::string_view> instrumentLines(std::string_view content) {
     std::set<std::string_view> lines;

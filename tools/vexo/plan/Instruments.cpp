@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -17,11 +18,14 @@
 #include "tools/vexo/Command.h"
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/check/DayFileState.h"
+#include "tools/vexo/check/SimRun.h"
 #include "tools/vexo/show/DayFileReport.h"
 
 namespace vexo::plan {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr int kDaysBack = 10;  // holidays are at most nine days long
 constexpr int kMorning = 10;
@@ -60,6 +64,7 @@ Instruments takenFrom(const DayFileReport& report) {
 
 // The newest day file that a start would have loaded.
 bool findDayFile(Instruments& instruments) {
+    const std::string directory = check::dayFileDirectory(std::nullopt);
     const std::tm today = local_time::now();
     for (int back = 0; back < kDaysBack; ++back) {
         for (const int hour : {kEvening, kMorning}) {
@@ -69,7 +74,8 @@ bool findDayFile(Instruments& instruments) {
             day.tm_isdst = -1;
             if (std::mktime(&day) == -1) continue;
             try {
-                const DayFileReport report = readDayFile(day_file::pathAt(day));
+                const std::string name = fs::path(day_file::pathAt(day)).filename().string();
+                const DayFileReport report = readDayFile(directory + "/" + name, currentDayFile(directory));
                 if (!report.isLoaded()) continue;
                 instruments = takenFrom(report);
                 return true;
@@ -168,7 +174,10 @@ Instruments readFile(const std::string& file) {
 Instruments chooseInstruments(const std::string& asked) {
     if (asked == kSimulated) return builtIn(false);
     if (asked == kFull) return builtIn(true);
-    if (asked == kDayFile) return takenFrom(readDayFile(currentDayFile()));
+    if (asked == kDayFile) {
+        const std::string path = check::dayFileOfStart();
+        return takenFrom(readDayFile(path, path));
+    }
     if (!asked.empty()) return readFile(asked);
     Instruments instruments;
     return findDayFile(instruments) ? instruments : builtIn(false);

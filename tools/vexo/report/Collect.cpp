@@ -11,6 +11,7 @@
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/check/ConfigCheck.h"
 #include "tools/vexo/check/DayFileState.h"
+#include "tools/vexo/check/SimRun.h"
 #include "tools/vexo/report/Host.h"
 #include "tools/vexo/report/Mask.h"
 
@@ -67,12 +68,15 @@ std::string newestLog(const std::string& directory) {
     return newest;
 }
 
-std::string dayFiles(const check::HostPlaces& places) {
+std::string dayFiles() {
     check::Report report;
     const std::string now = check::todaysDayFile(std::time(nullptr));
     const std::string date = now.substr(0, now.rfind('_'));
+    const std::string directory = check::dayFileDirectory(std::nullopt);
+    if (directory.empty()) return "there is no simulated card, so a start looks for no day file\n";
+    const bool isPrivate = directory != check::kSharedDayFiles;
     for (const char* half : {"_am", "_pm"})
-        report.add(check::findingOf(check::stateOfDayFile(places.dayFiles + date + half), true));
+        report.add(check::findingOf(check::stateOfDayFile(directory + date + half), true, isPrivate));
     return asText(report, false);
 }
 
@@ -121,7 +125,7 @@ std::vector<Part> collect(const Wanted& wanted) {
     addConfigs(wanted, parts);
     addCheck(wanted, parts);
     addLogs(wanted, parts);
-    parts.push_back({"day-file.txt", "state of today's day files, not their content", dayFiles(wanted.places)});
+    parts.push_back({"day-file.txt", "state of today's day files, not their content", dayFiles()});
     parts.push_back({"cpus.txt", "CPUs: isolation, governors, kernel options", cpus()});
     parts.push_back({"interrupts.txt", "interrupts and the CPUs that take them", interrupts()});
     parts.push_back({"devices.txt", "kernel modules and PCI devices", devices()});

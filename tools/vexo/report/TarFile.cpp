@@ -80,7 +80,7 @@ std::string tarOf(const std::vector<Part>& parts, const std::string& folder, std
 
 void writeNew(const std::string& path, const std::string& content) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
-    if (fd < 0) throw Failure(kFinding, path + ": " + std::strerror(errno));
+    if (fd < 0) throw Failure(kUsage, path + ": " + std::strerror(errno));
     std::size_t done = 0;
     int error = 0;
     while (done < content.size() && error == 0) {

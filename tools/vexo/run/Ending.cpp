@@ -20,8 +20,11 @@ Ending failedStart(const check::StartEnd& end, const Ended& ended) {
     ending.again = line.again == Again::kMayHelp || line.again == Again::kNoCard ||
                    (line.again == Again::kUnlessMaster && !ended.isMaster);
     ending.status = line.again == Again::kNoCard ? kNoCard : ending.again ? kFinding : kUseless;
-    ending.text = std::string("the start failed while ") + line.step + ": " + line.why + "; " + line.todo + " (" +
-                  ended.output + ":" + std::to_string(end.number) + ")";
+    // What to do against a missing card ends with "start vexo-simcard", which hosts a card at bus 0 unless told.
+    const bool namesCard = line.again == Again::kNoCard && ended.card;
+    ending.text = std::string("the start failed while ") + line.step + ": " + line.why + "; " + line.todo +
+                  (namesCard ? " --bus " + std::to_string(*ended.card) : "") + " (" + ended.output + ":" +
+                  std::to_string(end.number) + ")";
     return ending;
 }
 

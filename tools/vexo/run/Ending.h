@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace vexo::run {
@@ -9,9 +10,10 @@ inline constexpr int kUseless = 4;
 
 /// What a supervisor knows of a start of the application that has ended.
 struct Ended {
-    int waitStatus = 0;        ///< of waitpid
-    std::string output;        ///< file with what it printed
-    bool isMaster = false;     ///< it uses channel 0
+    int waitStatus = 0;     ///< of waitpid
+    std::string output;     ///< file with what it printed
+    bool isMaster = false;  ///< it uses channel 0
+    std::optional<unsigned int> card;
     bool isAttached = false;   ///< it loaded the counting library
     bool wasReady = false;     ///< its stream was open
     bool wasStopped = false;   ///< a stop signal was passed on to it

@@ -25,10 +25,11 @@ bool isIgnored(int signal) {
 
 }  // namespace
 
-Signals::Signals() {
+Signals::Signals(std::initializer_list<int> more) {
     sigset_t all;
     sigemptyset(&all);
     sigaddset(&all, SIGCHLD);
+    for (const int one : more) sigaddset(&all, one);
     for (const int one : kPassedOn)
         if (!isIgnored(one)) sigaddset(&all, one);
     struct sigaction action {};

@@ -2,6 +2,7 @@
 
 #include <sys/signalfd.h>
 #include <csignal>
+#include <initializer_list>
 #include <optional>
 
 namespace vexo::run {
@@ -10,7 +11,8 @@ namespace vexo::run {
 /// SIGPIPE does nothing.
 class Signals {
 public:
-    Signals();  ///< Throws Failure.
+    /// Throws Failure. @param more  signals that come out of it, too
+    explicit Signals(std::initializer_list<int> more = {});
     ~Signals();
     Signals(const Signals&) = delete;
     Signals& operator=(const Signals&) = delete;
@@ -20,6 +22,8 @@ public:
 
     /// Gives a child of fork() what this process had before.
     void restore() const;
+    /// What was blocked before.
+    const sigset_t& before() const { return m_before; }
 
 private:
     int m_fd = -1;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 namespace vexo::run {
 namespace {
@@ -12,8 +13,6 @@ namespace {
 constexpr double kStarting = 0.1;  // how soon an open stream is seen
 constexpr double kUsual = 1;
 constexpr double kLeast = 0.01;
-
-void say(const std::string& text) { std::fprintf(stderr, "vexo run: %s\n", text.c_str()); }
 
 std::string shortNumber(double number) {
     char text[32];
@@ -28,16 +27,15 @@ double secondsSince(std::chrono::time_point<Clock> then) {
 
 }  // namespace
 
-Supervisor::Supervisor(const Plan& plan, const Notifier& notifier)
-    : m_plan(plan), m_notifier(notifier), m_backOff(plan.firstWait, plan.longestWait) {}
+Supervisor::Supervisor(const Plan& plan, const Notifier& notifier, const Events& events)
+    : m_plan(plan), m_notifier(notifier), m_events(events), m_backOff(plan.firstWait, plan.longestWait) {}
 
 int Supervisor::run() {
     for (;;) {
         const Ending ending = superviseStart();
-        say(ending.text);
         if (ending.orderly || !ending.again || !m_plan.restart || m_isLast) return ending.status;
         const double wait = m_backOff.next(m_lastRan);
-        say("starts it again in " + shortNumber(wait) + " s");
+        m_events.tell("restart", "starts it again in " + shortNumber(wait) + " s", {{"wait_seconds", wait}});
         if (!waitToRestart(wait)) return 0;
     }
 }
@@ -52,8 +50,13 @@ Ending Supervisor::superviseStart() {
         throw;
     }
     ::close(output);
-    say("started " + m_plan.program.front() + " as process " + std::to_string(start.child) + "; its output is in " +
-        m_plan.output.name());
+    m_events.tell("start",
+                  "started " + m_plan.program.front() + " as process " + std::to_string(start.child) +
+                      "; its output is in " + m_plan.output.name(),
+                  {{"number", ++m_starts},
+                   {"program", m_plan.program.front()},
+                   {"pid", start.child},
+                   {"output", m_plan.output.name()}});
     while (!start.waitStatus) {
         const double every = lookEvery(start);
         if (const std::optional<signalfd_siginfo> signal = m_signals.wait(every)) take(*signal, start.child);
@@ -64,7 +67,11 @@ Ending Supervisor::superviseStart() {
     while (const std::optional<signalfd_siginfo> signal = m_signals.wait(0))
         if (isStop(signal->ssi_signo)) m_stopAsked = m_isLast = true;
     m_lastRan = start.readySince ? secondsSince(*start.readySince) : 0;
-    return endingOf(start);
+    const Ending ending = endingOf(start);
+    m_events.tell(
+        "end", ending.text,
+        {{"pid", start.child}, {"orderly", ending.orderly}, {"status", ending.status}, {"again", ending.again}});
+    return ending;
 }
 
 double Supervisor::lookEvery(const Start& start) const {
@@ -96,7 +103,7 @@ void Supervisor::look(Start& start, double longest) {
     start.lastLook = Clock::now();
     if (!start.readySince && start.page.isReady()) {
         start.readySince = start.lastLook;
-        say("the stream is open");
+        m_events.tell("ready", "the stream is open", {{"pid", start.child}});
     }
     tellManager(start);
     endStanding(start);
@@ -112,8 +119,10 @@ void Supervisor::tellManager(Start& start) const {
 
 void Supervisor::endStanding(Start& start) const {
     if (!start.wasStanding && m_plan.watchdog > 0 && start.watchdog.standingStill() >= m_plan.watchdog) {
-        say("polls have stood still for " + shortNumber(m_plan.watchdog) + " s; ending process " +
-            std::to_string(start.child));
+        m_events.tell("standing",
+                      "polls have stood still for " + shortNumber(m_plan.watchdog) + " s; ending process " +
+                          std::to_string(start.child),
+                      {{"pid", start.child}});
         start.wasStanding = true;
         start.killAt = Clock::now() +
                        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_plan.killAfter));
@@ -136,12 +145,14 @@ bool Supervisor::waitToRestart(double seconds) {
 
 Ending Supervisor::endingOf(const Start& start) const {
     if (!start.page.isAttached())
-        say("the program did not load the library that counts polls (it is linked statically, runs with another "
-            "user's rights, or was started by a program that clears the environment)");
+        m_events.tell("notice",
+                      "the program did not load the library that counts polls (it is linked statically, runs with "
+                      "another user's rights, or was started by a program that clears the environment)");
     Ended ended;
     ended.waitStatus = *start.waitStatus;
     ended.output = m_plan.output.name();
     ended.isMaster = m_plan.isMaster;
+    ended.card = m_plan.card;
     ended.isAttached = start.page.isAttached();
     ended.wasReady = start.page.isReady();
     ended.wasStopped = m_stopAsked;

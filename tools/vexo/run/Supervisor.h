@@ -8,6 +8,7 @@
 #include "tools/vexo/Command.h"
 #include "tools/vexo/run/Child.h"
 #include "tools/vexo/run/Ending.h"
+#include "tools/vexo/run/Events.h"
 #include "tools/vexo/run/KeptOutput.h"
 #include "tools/vexo/run/Notifier.h"
 #include "tools/vexo/run/PollReader.h"
@@ -21,9 +22,10 @@ struct Plan {
     Program program;
     KeptOutput output;
     bool isMaster = false;
-    double watchdog = 0;          ///< polls may stand still for so long
-    double managersWatchdog = 0;  ///< the service manager wants a sign of life so often
-    double killAfter = 0;         ///< from SIGTERM of the watchdog to SIGKILL
+    std::optional<unsigned int> card{};  ///< that the configuration names
+    double watchdog = 0;                 ///< polls may stand still for so long
+    double managersWatchdog = 0;         ///< the service manager wants a sign of life so often
+    double killAfter = 0;                ///< from SIGTERM of the watchdog to SIGKILL
     bool restart = false;
     double firstWait = 0;
     double longestWait = 0;
@@ -32,7 +34,7 @@ struct Plan {
 /// Starts an application, watches it, and starts it again if the plan says so. One thread; no lock.
 class Supervisor {
 public:
-    Supervisor(const Plan& plan, const Notifier& notifier);
+    Supervisor(const Plan& plan, const Notifier& notifier, const Events& events);
 
     /// @return the exit status. Throws Failure when the application cannot be started.
     int run();
@@ -66,8 +68,10 @@ private:
 
     const Plan& m_plan;
     const Notifier& m_notifier;
+    const Events& m_events;
     Signals m_signals;
     BackOff m_backOff;
+    unsigned m_starts = 0;
     double m_lastRan = 0;  // with its stream open
     bool m_stopAsked = false;
     bool m_isLast = false;  // start it no more

@@ -53,6 +53,12 @@ bool isPlain(std::string_view id) {
     return !id.empty() && std::all_of(id.begin(), id.end(), [](char c) { return c > ' ' && c < '\x7F'; });
 }
 
+// Without commas and line feeds, a file of another kind is one id of megabytes.
+std::string shortened(const std::string& id) {
+    constexpr std::size_t kMost = 64;
+    return id.size() > kMost ? id.substr(0, kMost) + "..." : id;
+}
+
 void checkIndex(std::string_view text, unsigned short index, std::size_t line, Findings& findings) {
     const std::string shown(text.substr(0, 32));
     if (!isNumber(text)) {
@@ -73,8 +79,8 @@ public:
 
     void read(const std::string& content) {
         const std::string_view header = day_file::kHeaderLine;
-        if (content.compare(0, header.size(), header) != 0)
-            m_findings.add("header", 1, "the header \"inst_index,inst_id\" is missing");
+        m_isLikeDayFile = content.compare(0, header.size(), header) == 0;
+        if (!m_isLikeDayFile) m_findings.add("header", 1, "the header \"inst_index,inst_id\" is missing");
         day_file::forEachLine(
             content, [this](std::string_view line, std::string_view id, unsigned short index) { add(line, id, index); },
             [this] {
@@ -88,22 +94,30 @@ public:
         if (m_report.instruments.empty())
             m_findings.add("none", 0, "there are no instruments: a start does not load it");
     }
+    /// It has the header, or at least one line of an instrument.
+    bool isLikeDayFile() const { return m_isLikeDayFile; }
 
 private:
     void add(std::string_view line, std::string_view idText, unsigned short index) {
         ++m_line;
         const std::string id(idText);
         if (!isPlain(id))
-            m_findings.add("the id is none of an instrument", m_line, "the id \"" + id + "\" is none of an instrument");
-        checkIndex(line.substr(0, line.size() - id.size() - 1), index, m_line, m_findings);
+            m_findings.add("the id is none of an instrument", m_line,
+                           "the id \"" + shortened(id) + "\" is none of an instrument");
+        const std::string_view indexText = line.substr(0, line.size() - id.size() - 1);
+        checkIndex(indexText, index, m_line, m_findings);
+        m_isLikeDayFile = m_isLikeDayFile || (isPlain(id) && isNumber(indexText));
         const auto [place, isNew] = m_report.instruments.try_emplace(id, index);
         if (!isNew) {
-            m_findings.add("an id comes again", m_line,
-                           id + " comes again; its first index, " + std::to_string(place->second) + ", counts");
+            m_findings.add(
+                "an id comes again", m_line,
+                shortened(id) + " comes again; its first index, " + std::to_string(place->second) + ", counts");
             return;
         }
         const auto [row, isFree] = m_rows.try_emplace({tableOf(id), index}, id);
-        if (!isFree) m_findings.add("an index comes again", m_line, id + " has the index of " + row->second);
+        if (!isFree)
+            m_findings.add("an index comes again", m_line,
+                           shortened(id) + " has the index of " + shortened(row->second));
     }
 
     void skip(std::string_view line) {
@@ -115,6 +129,7 @@ private:
     DayFileReport& m_report;
     Findings m_findings;
     std::size_t m_line = 0;
+    bool m_isLikeDayFile = false;
     std::map<std::pair<std::uint8_t, unsigned short>, std::string> m_rows;
 };
 
@@ -145,11 +160,14 @@ std::size_t DayFileReport::combinations() const {
     }));
 }
 
-std::string currentDayFile() { return day_file::pathAt(local_time::now()); }
+std::string currentDayFile(const std::string& directory) {
+    return directory + "/" + std::filesystem::path(day_file::pathAt(local_time::now())).filename().string();
+}
 
-DayFileReport readDayFile(const std::string& path) {
+DayFileReport readDayFile(const std::string& path, const std::string& lookedFor) {
     DayFileReport report;
     report.path = path;
+    report.lookedFor = lookedFor;
     const std::string shown = harmless(path);
     std::error_code error;
     if (std::filesystem::is_directory(path, error)) throw Failure(kUsage, shown + ": this is a directory");
@@ -159,7 +177,7 @@ DayFileReport readDayFile(const std::string& path) {
         const int why = errno;
         if (!refusal.empty()) throw Failure(kFinding, shown + ": the library does not use this file: " + refusal);
         // That there is none yet, where a start looks for it, is what somebody wanted to know.
-        const bool notYet = why == ENOENT && path == currentDayFile();
+        const bool notYet = why == ENOENT && path == lookedFor;
         throw Failure(notYet ? kFinding : kUsage,
                       shown + ": " + std::strerror(why) +
                           (why == ENOENT ? "\nA master (channel 0) writes it while it learns the map." : ""));
@@ -170,10 +188,16 @@ DayFileReport readDayFile(const std::string& path) {
         report.written = status.st_mtime;
     }
     report.size = content.size();
-    report.isCurrent = path == currentDayFile();
-    report.isOfNow = std::filesystem::path(path).filename() == std::filesystem::path(currentDayFile()).filename();
+    report.isCurrent = path == lookedFor;
+    report.isOfNow = std::filesystem::path(path).filename() == std::filesystem::path(lookedFor).filename();
     readName(report);
-    Reader(report).read(content);
+    Reader reader(report);
+    reader.read(content);
+    // In its place a start takes it for a day file, whatever it is. Elsewhere it is a slip of the hand.
+    if (!report.isCurrent && !content.empty() && !reader.isLikeDayFile())
+        throw Failure(kUsage, shown + ":1: this is no day file: it begins with " +
+                                  quotedBegin(content.substr(0, content.find('\n'))) +
+                                  ", not with \"inst_index,inst_id\", and no line is an index and an id");
     return report;
 }
 

@@ -25,7 +25,8 @@ struct DayFileReport {
     std::string date;        ///< "2026-11-15" by the name of the file; empty for another name
     bool evening = false;    ///< the file of the half-day from 17:00
     bool isOfNow = false;    ///< the half-day has not ended
-    bool isCurrent = false;  ///< a start at this moment looks for this very file
+    std::string lookedFor;   ///< the file that a start at this moment looks for
+    bool isCurrent = false;  ///< it is this very one
     bool complete = false;   ///< it has an end tag
     std::map<std::string, unsigned short> instruments;
     std::vector<DayFileFinding> findings;
@@ -50,11 +51,13 @@ struct DayFileChanges {
 };
 
 /// The path that a master uses at this moment.
-std::string currentDayFile();
+/// @param directory  of the day files
+std::string currentDayFile(const std::string& directory = "/tmp");
 
 /// Reads a day file by the library's own rules. Throws Failure when the library would not read it: with kFinding when
-/// that says something of the file, with kUsage when the path is wrong.
-DayFileReport readDayFile(const std::string& path);
+/// that says something of the file, with kUsage when the path is wrong, or when another kind of file was named.
+/// @param lookedFor  the file that a start at this moment looks for
+DayFileReport readDayFile(const std::string& path, const std::string& lookedFor = currentDayFile());
 
 DayFileChanges changesBetween(const DayFileReport& before, const DayFileReport& after);
 

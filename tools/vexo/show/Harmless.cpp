@@ -62,4 +62,11 @@ std::string harmless(std::string_view text) {
     return out;
 }
 
+std::string quotedBegin(std::string_view line) {
+    constexpr std::size_t kMost = 40;
+    std::size_t end = std::min(line.size(), kMost);
+    while (end > 0 && end < line.size() && (static_cast<unsigned char>(line[end]) & 0xC0) == 0x80) --end;
+    return "\"" + harmless(line.substr(0, end)) + (end < line.size() ? "...\"" : "\"");
+}
+
 }  // namespace vexo

@@ -64,6 +64,9 @@ std::uint8_t levelNamed(std::string_view name) {
         if (known.size() == name.size() && ::strncasecmp(known.data(), name.data(), name.size()) == 0)
             return static_cast<std::uint8_t>(level);
     }
+    constexpr std::string_view kOtherWord = "warning";  // many programs call the level so
+    if (name.size() == kOtherWord.size() && ::strncasecmp(name.data(), kOtherWord.data(), name.size()) == 0)
+        return levelNamed("warn");
     return kNoLevel;
 }
 

@@ -23,7 +23,7 @@ LogLine parseLogLine(std::string_view line);
 /// "error" for 1; empty for kNoLevel.
 std::string levelName(std::uint8_t level);
 
-/// 0 to 6 for the name of a level in any case, kNoLevel for another word.
+/// 0 to 6 for the name of a level in any case, also "warning"; kNoLevel for another word.
 std::uint8_t levelNamed(std::string_view name);
 
 }  // namespace vexo

@@ -23,6 +23,8 @@ constexpr std::size_t kLongestLine = 65536;  // a log has no such line; another 
 constexpr std::string_view kOwnPrefix = "fpga";
 constexpr std::size_t kDateDigits = 8;
 constexpr std::string_view kEnding = ".log";
+constexpr off_t kFarthestFirstLine = 16 << 20;  // an application hardly prints more before it starts the library
+constexpr std::size_t kLongestTag = 16;
 
 struct DatedName {
     std::string prefix;  // "fpga"
@@ -37,6 +39,15 @@ DatedName datedName(const fs::path& file) {
     const std::size_t mark = name.size() - tail - 1;
     if (name[mark] != '_' || date.find_first_not_of("0123456789") != std::string::npos) return {};
     return {name.substr(0, mark), date};
+}
+
+// Whether a line of the text begins with the tag of a level. @param isBegin  the text begins where a line does
+bool hasLineOfLog(std::string_view text, bool isBegin) {
+    for (std::size_t at = isBegin ? 0 : text.find('\n') + 1; isBegin || at != 0; at = text.find('\n', at) + 1) {
+        if (parseLogLine(text.substr(at, kLongestTag)).level != kNoLevel) return true;
+        isBegin = false;
+    }
+    return false;
 }
 
 // The log of the directory that `better` prefers, among those with the prefix.
@@ -90,6 +101,7 @@ void LogSource::open() {
         const fs::path newest = newestLog();
         if (!newest.empty()) {
             openFile(newest, kFinding);
+            if (!m_follows) requireLog(kFinding);
         } else if (!m_follows) {
             throw Failure(kFinding, m_name +
                                         ": no fpga_YYYYMMDD.log here\n"
@@ -98,6 +110,7 @@ void LogSource::open() {
         return;
     }
     openFile(m_name, kUsage);
+    if (!m_follows) requireLog(kUsage);
     if (!datedName(m_name).date.empty())
         m_directory = fs::path(m_name).has_parent_path() ? fs::path(m_name).parent_path() : fs::path(".");
 }
@@ -116,6 +129,27 @@ void LogSource::openFile(const fs::path& file, int failed) {
     m_file = file;
     m_offset = 0;
     m_skips = false;
+}
+
+// What an application prints goes before the first line of the library, so a log need not begin with one. An empty file
+// is a log in which nothing has happened yet.
+void LogSource::requireLog(int failed) const {
+    std::string text;
+    std::string begin;
+    for (off_t offset = 0; offset < kFarthestFirstLine;) {
+        const std::size_t left = text.size();
+        text.resize(left + kChunk);
+        const ssize_t got = ::pread(m_fd, &text[left], kChunk, offset);
+        text.resize(left + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+        if (offset == 0) begin = text.substr(0, text.find('\n'));
+        if (got <= 0) break;
+        offset += got;
+        if (hasLineOfLog(text, offset == got)) return;
+        text.erase(0, text.size() - std::min(text.size(), kLongestTag));  // a tag may lie across the border
+    }
+    if (begin.empty() && text.empty()) return;
+    throw Failure(failed, harmless(m_file.string()) + ":1: this is no log of the library: it begins with " +
+                              quotedBegin(begin) + ", and no line begins with a level such as [INFO   ]");
 }
 
 fs::path LogSource::newestLog() const {

@@ -25,8 +25,8 @@ public:
     LogSource(const LogSource&) = delete;
     LogSource& operator=(const LogSource&) = delete;
 
-    /// Opens the log. Throws Failure with the reason when it cannot be read: with kUsage when the path is wrong. A
-    /// directory without a log is fine for a source that follows.
+    /// Opens the log. Throws Failure with the reason when it cannot be read or is no log: with kUsage when the path is
+    /// wrong. For a source that follows, a directory without a log is fine, and so is a file that may become one.
     void open();
     bool isOpen() const { return m_fd >= 0; }
     const std::string& name() const { return m_name; }  ///< as the user gave it
@@ -38,6 +38,7 @@ public:
 
 private:
     void openFile(const std::filesystem::path& file, int failed);
+    void requireLog(int failed) const;
     void close();
     bool readMore();
     bool startAgainIfCut();

@@ -25,24 +25,6 @@ using vexo_stats::Stream;
 constexpr std::uint64_t kSlowestClock = 1'000'000;
 constexpr std::uint64_t kFastestClock = 1'000'000'000'000;
 
-class File {
-public:
-    // A FIFO or a device in its place must not make us wait.
-    explicit File(const std::string& path) {
-        const capture::StandardNumbersTaken taken;
-        m_fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    }
-    ~File() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    int fd() const { return m_fd; }
-
-private:
-    int m_fd = -1;
-};
-
 bool isRunning(const Process& process, uid_t owner) {
     struct ::stat found {};
     const std::string path = "/proc/" + std::to_string(process.pid);
@@ -132,14 +114,25 @@ data::Losses lossOf(const Stream& stream) {
     return data::lossesOf(counts);
 }
 
-std::string readPage(const std::string& path, Page& page) {
-    const File file(path);
+OpenPage::OpenPage(std::string path) : m_path(std::move(path)) {
+    const capture::StandardNumbersTaken taken;
+    // A FIFO or a device in its place must not make us wait.
+    m_fd = ::open(m_path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (m_fd < 0) m_fault = std::strerror(errno);
+}
+
+OpenPage::~OpenPage() {
+    if (m_fd >= 0) ::close(m_fd);
+}
+
+std::string OpenPage::read(Page& page) const {
     struct ::stat found {};
-    if (file.fd() < 0 || ::fstat(file.fd(), &found) != 0) return std::strerror(errno);
+    if (m_fd < 0) return m_fault;
+    if (::fstat(m_fd, &found) != 0) return std::strerror(errno);
     if (!S_ISREG(found.st_mode)) return "this is no statistics page";
     // A copy: a page that is mapped here could be cut while it is read, which would end this process.
     std::vector<unsigned char> bytes(vexo_stats::kPageBytes);
-    const ssize_t got = ::pread(file.fd(), bytes.data(), bytes.size(), 0);
+    const ssize_t got = ::pread(m_fd, bytes.data(), bytes.size(), 0);
     if (got < 0) return std::strerror(errno);
     bytes.resize(static_cast<std::size_t>(got));
     if (bytes.size() < sizeof page.process) return "this is no statistics page";
@@ -154,7 +147,7 @@ std::string readPage(const std::string& path, Page& page) {
         if (page.process.version < 2) stream.cardPackets = stream.lostByTap = stream.lostByRelay = kUnknown;
         if (stream.state != vexo_stats::kUnused) page.streams.push_back(stream);
     }
-    page.file = path;
+    page.file = m_path;
     page.owner = found.st_uid;
     page.life = page.process.steps[vexo_stats::kEnded] != 0 ? Life::kEnded
                 : isRunning(page.process, page.owner)       ? Life::kRunning
@@ -162,6 +155,8 @@ std::string readPage(const std::string& path, Page& page) {
     page.readClock = vexo_stats::startNow();
     return "";
 }
+
+std::string readPage(const std::string& path, Page& page) { return OpenPage(path).read(page); }
 
 Found findPages(const std::string& directory) {
     Found found;

@@ -43,7 +43,24 @@ struct Found {
 /// @param directory  empty: $VEXO_STATS_DIR, or else the directories of all users
 Found findPages(const std::string& directory);
 
-/// One file. @return what is wrong with it; empty when @p page is filled
+/// The file of a page, kept open: it can still be read after its process has ended and removed it.
+class OpenPage {
+public:
+    explicit OpenPage(std::string path);
+    ~OpenPage();
+    OpenPage(const OpenPage&) = delete;
+    OpenPage& operator=(const OpenPage&) = delete;
+
+    /// @return what is wrong with it; empty when @p page is filled
+    std::string read(Page& page) const;
+
+private:
+    std::string m_path;
+    std::string m_fault;
+    int m_fd = -1;
+};
+
+/// The same, once.
 std::string readPage(const std::string& path, Page& page);
 
 }  // namespace vexo::stat

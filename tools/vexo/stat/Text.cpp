@@ -19,48 +19,9 @@ std::string format(const char* how, Arguments... arguments) {
     return text;
 }
 
-// 1234567 as 1,234,567.
-std::string grouped(std::uint64_t n) {
-    std::string text = std::to_string(n);
-    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
-    return text;
-}
-
-std::string duration(double seconds) {
-    if (seconds < 1e-6) return format("%.3g ns", seconds * 1e9);
-    if (seconds < 1e-3) return format("%.3g us", seconds * 1e6);
-    if (seconds < 1) return format("%.3g ms", seconds * 1e3);
-    return format("%.1f s", seconds);
-}
-
 std::string userName(uid_t user) {
     const passwd* entry = ::getpwuid(user);
     return entry != nullptr ? harmless(entry->pw_name) : std::to_string(user);
-}
-
-std::string processName(const Page& page) { return harmless(page.program()) + " " + std::to_string(page.process.pid); }
-
-std::string lifeLine(const Page& page) {
-    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
-    switch (page.life) {
-        case Life::kRunning: return "running for " + duration(page.seconds(page.readClock - began));
-        case Life::kEnded:
-            return "ended after " + duration(page.seconds(page.process.steps[vexo_stats::kEnded] - began));
-        default: return "died";
-    }
-}
-
-std::string startUpLine(const Page& page) {
-    std::string line;
-    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
-    for (int step = vexo_stats::kBegun + 1; step < vexo_stats::kEnded; ++step) {
-        const std::uint64_t at = page.process.steps[step];
-        if (at == 0) continue;
-        std::string name = nameOf(static_cast<vexo_stats::Step>(step));
-        std::replace(name.begin(), name.end(), '_', ' ');
-        line += (line.empty() ? "" : ", ") + name + " " + duration(page.seconds(at - began));
-    }
-    return line;
 }
 
 std::string packetLine(const Stream& stream) {
@@ -128,6 +89,44 @@ std::string streamText(const Page& page, const Stream& stream, const std::vector
 }
 
 }  // namespace
+
+std::string grouped(std::uint64_t n) {
+    std::string text = std::to_string(n);
+    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+    return text;
+}
+
+std::string duration(double seconds) {
+    if (seconds < 1e-6) return format("%.3g ns", seconds * 1e9);
+    if (seconds < 1e-3) return format("%.3g us", seconds * 1e6);
+    if (seconds < 1) return format("%.3g ms", seconds * 1e3);
+    return format("%.1f s", seconds);
+}
+
+std::string processName(const Page& page) { return harmless(page.program()) + " " + std::to_string(page.process.pid); }
+
+std::string lifeLine(const Page& page) {
+    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
+    switch (page.life) {
+        case Life::kRunning: return "running for " + duration(page.seconds(page.readClock - began));
+        case Life::kEnded:
+            return "ended after " + duration(page.seconds(page.process.steps[vexo_stats::kEnded] - began));
+        default: return "died";
+    }
+}
+
+std::string startUpLine(const Page& page) {
+    std::string line;
+    const std::uint64_t began = page.process.steps[vexo_stats::kBegun];
+    for (int step = vexo_stats::kBegun + 1; step < vexo_stats::kEnded; ++step) {
+        const std::uint64_t at = page.process.steps[step];
+        if (at == 0) continue;
+        std::string name = nameOf(static_cast<vexo_stats::Step>(step));
+        std::replace(name.begin(), name.end(), '_', ' ');
+        line += (line.empty() ? "" : ", ") + name + " " + duration(page.seconds(at - began));
+    }
+    return line;
+}
 
 double boundOf(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, double share, const Page& page) {
     std::uint64_t all = 0;

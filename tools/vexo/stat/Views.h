@@ -20,7 +20,13 @@ std::string asJson(const std::vector<Page>& pages);
 /// The text format of Prometheus. Processes that have ended are not in it.
 std::string asPrometheus(const std::vector<Page>& pages);
 
-// What the views share.
+// What the views share, `vexo watch` among them.
+
+std::string grouped(std::uint64_t n);       // 1234567 as 1,234,567
+std::string duration(double seconds);       // as in 1.05 ms
+std::string processName(const Page& page);  // name and number, harmless
+std::string lifeLine(const Page& page);     // as in running for 12.5 s
+std::string startUpLine(const Page& page);  // its steps, with the time of each since the first
 
 /// "callbacks": the first bound that at least this share of the times lies below, in seconds; 0 without any.
 double boundOf(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, double share, const Page& page);
