@@ -113,6 +113,9 @@ protected:
             EXPECT_EQ(onPage.is_null() ? "-" : onPage.dump(), vexo::data::lossText(losses[cause])) << nameOf(cause);
         }
         EXPECT_GE(counts->card->packets.value_or(0), NumberIn(output, "dma2soft:([0-9]+),"));
+        const auto info = nlohmann::json::parse(Output(Word(VEXO_PROGRAM_DIR "/vexo") + " info --json a.pcapng"));
+        EXPECT_EQ(info["streams"][0]["lost"], stream["lost"]);
+        EXPECT_EQ(info["packets"], packets);
     }
     std::uint64_t Lost(const char* cause) const { return stream["lost"][cause].get<std::uint64_t>(); }
 

@@ -12,6 +12,7 @@ import pathlib
 import pty
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -29,10 +30,11 @@ QUOTES = ["quote_printer", "demo.ini", "--seconds", "1"]
 COUNTED = "PID"  # stands for the process whose page was kept
 # The command line that shows a result, its exit status, and where --json writes one object a line: on standard output,
 # or those lines of standard error that begin as given. In the examples' directory there are a configuration with a
-# mistake, a day log, a day file with a mistake and a list of instruments.
+# mistake, a day log, a day file with a mistake, a list of instruments and a capture.
 EXAMPLES = {
     "vexo check": (["--config-only", "bad.ini"], 1, None),
     "vexo index": (["day-file"], 1, None),
+    "vexo info": (["a capture"], 0, None),
     "vexo plan": (["demo.ini", "--instruments", "list"], 1, None),
     "vexo log": (["day.log"], 0, ""),
     "vexo relay": (["--channel", "3", "--to", SERVER, "--seconds", "0.1"], 0, None),
@@ -53,6 +55,14 @@ def expect(right, *what):
         problems.append(" ".join(str(part) for part in what))
 
 
+def capture():
+    """A capture with one packet."""
+    def block(kind, content):
+        return struct.pack("<II", kind, len(content) + 12) + content + struct.pack("<I", len(content) + 12)
+    return (block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1)) + block(1, struct.pack("<HHI", 147, 0, 0)) +
+            block(6, struct.pack("<IIIII", 0, 0, 1, 4, 4) + bytes(4)))
+
+
 class Place:
     """A directory with something for each command to show, and a hosted card at bus 0."""
 
@@ -64,6 +74,7 @@ class Place:
         (work / "day.log").write_text("[ERROR  ][20261115-09:00:00][fpga]Init dma fail!\n  and more\n")
         (work / "list").write_text("SR701\nSR705 40\n")
         (work / "day-file").write_text("inst_index,inst_id\n0,SR705\n")
+        (work / "a capture").write_bytes(capture())
         shutil.copy(sources / "examples/demo.ini", work)
         shutil.copy(day_files_library, work / "preload.so")  # LD_PRELOAD takes no path with a blank
         self.environment = {name: value for name, value in os.environ.items()

@@ -40,6 +40,7 @@ using AddCommand = void (*)(CLI::App& app, Invocation& invocation);
 void addCheck(CLI::App& app, Invocation& invocation);
 void addExport(CLI::App& app, Invocation& invocation);
 void addIndex(CLI::App& app, Invocation& invocation);
+void addInfo(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
 void addPlan(CLI::App& app, Invocation& invocation);
 void addRelay(CLI::App& app, Invocation& invocation);
