@@ -42,6 +42,8 @@ void addExport(CLI::App& app, Invocation& invocation);
 void addIndex(CLI::App& app, Invocation& invocation);
 void addLog(CLI::App& app, Invocation& invocation);
 void addPlan(CLI::App& app, Invocation& invocation);
+void addRelay(CLI::App& app, Invocation& invocation);
+void addRemote(CLI::App& app, Invocation& invocation);
 void addReport(CLI::App& app, Invocation& invocation);
 void addRun(CLI::App& app, Invocation& invocation);
 void addSim(CLI::App& app, Invocation& invocation);

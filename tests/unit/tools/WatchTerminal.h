@@ -143,15 +143,21 @@ public:
     Terminal& operator=(const Terminal&) = delete;
 
     bool isThere() const { return m_ours >= 0; }
-    /// Waits until the window shows the text. False when the program has ended instead.
-    bool shows(const std::string& text) {
-        while (screen.text().find(text) == std::string::npos) {
+    /// Waits until the window shows the text so many times. False when the program has ended instead.
+    bool shows(const std::string& text, std::size_t times = 1) {
+        for (;;) {
             const bool isOver = hasEnded();
             take();
-            if (isOver) return screen.text().find(text) != std::string::npos;
+            if (timesShown(text) >= times) return true;
+            if (isOver) return false;
             ::usleep(10000);
         }
-        return true;
+    }
+    std::size_t timesShown(const std::string& text) const {
+        const std::string all = screen.text();
+        std::size_t times = 0;
+        for (std::size_t at = 0; (at = all.find(text, at)) != std::string::npos; ++at) ++times;
+        return times;
     }
     /// Takes all that has been written up to the end. @return the exit status, or 128 + signal
     int wait() {
