@@ -107,7 +107,7 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
         {"stat --listen 70000", "vexo: --listen: 70000 is not a whole number from 0 to 65535\n"},
         {"stat --watch 0", "vexo: --watch: 0 is not a number from 0.1 to 86400\n"},
-        {"stat --pid abc", "vexo: --pid: abc is not a whole number from 1 to 4194304\n"},
+        {"stat --pid abc", "vexo: --pid: abc is not a whole number from 1 to 1073741823\n"},
         {"stat --dir none", "vexo: --dir: there is no directory none\n"},
         {"stat --prometheus none/a.prom", "vexo: none/a.prom: there is no directory none\n"},
         {"tap --stats-only --registers -- true", "--registers excludes --stats-only"},
