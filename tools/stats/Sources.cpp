@@ -45,7 +45,7 @@ struct Page {
 
 enum class State { kNotBegun, kRunning, kOff };
 
-// Never deleted: a poll may be under way when the process ends.
+// Never deleted once it is used: a poll may be under way when the process ends.
 std::atomic<Page*> g_page{nullptr};
 std::atomic<State> g_state{State::kNotBegun};
 std::atomic<pid_t> g_beginner{0};  // process whose thread makes the page, or has made it
@@ -146,13 +146,13 @@ bool makePage(Page& page) {
 // The library with the card's calls is loaded by now, so its objects end after this.
 void begin() {
     ::pthread_atfork(nullptr, nullptr, leaveToParent);
-    auto* page = new (std::nothrow) Page;
+    std::unique_ptr<Page> page(new (std::nothrow) Page);
     if (page == nullptr || !makePage(*page)) {
         tap::report("no statistics page: " + (page != nullptr ? page->file.error() : std::string("no memory")));
         g_state.store(State::kOff);
         return;
     }
-    g_page.store(page);
+    g_page.store(page.release());
     g_state.store(State::kRunning);
     std::atexit(end);
 }
