@@ -25,7 +25,7 @@ constexpr std::uint64_t kMs = 1'000'000;
 /// A capture in the making: packets of some channels, at times of the test's own.
 class Capture {
 public:
-    explicit Capture(const std::string& path) : m_files({path, 0, {}, [](const std::string&) {}}) {}
+    explicit Capture(const std::string& path) : m_files({path, 0, 0, {}, {}, [](const std::string&) {}}) {}
 
     void add(const std::string& interface, std::uint64_t ns, const Bytes& packet,
              std::uint16_t linkType = capture::kStreamLink) {
