@@ -548,12 +548,12 @@ TEST(OtherVersion, ASecondHostDoesNotAdviseToRemoveALiveCard) {
 
 TEST(ChoiceOfCard, AnotherWordIsRefusedWithTheWordsThatExist) {
     const CardDirectory directory;
-    setenv("VEXO_SIM_CARD", "remote", 1);
+    setenv("VEXO_SIM_CARD", "distant", 1);
     Process user({VEXO_CARD_USER, "write", "262", "20310305"}, {}, directory.Path() + "/err");
     EXPECT_EQ(user.Wait(), ENODEV);
     unsetenv("VEXO_SIM_CARD");
     EXPECT_EQ(ReadFile(directory.Path() + "/err"),
-              "libenyx-hw-c: VEXO_SIM_CARD is \"remote\", it must be auto, embedded, hosted or hosted:USER: "
+              "libenyx-hw-c: VEXO_SIM_CARD is \"distant\", it must be auto, embedded, hosted, hosted:USER or remote: "
               "no simulated card.\n");
 }
 

@@ -218,7 +218,7 @@ void addExport(CLI::App& app, Invocation& invocation) {
             "--to", options->format,
             "csv, jsonl or npy; the default is what the name of the output ends with, and csv on standard output")
         ->type_name("FORMAT")
-        ->check(CLI::IsMember({"csv", "jsonl", "npy"}));
+        ->check(cli::oneOf({"csv", "jsonl", "npy"}));
     command
         ->add_option(
             "-o,--output", options->output,

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "interface/CardRegisters.h"
+#include "tools/cli/Values.h"
 #include "tools/relay/Settings.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/InputFile.h"
@@ -46,6 +47,7 @@ void takePlaceFromConfig(const Options& options, vexo_sim::remote::Place& place)
 
 relay::Settings settingsOf(const Options& options) {
     relay::Settings settings = options.settings;
+    if (options.to.empty()) throw Failure(kUsage, "no servers: give --to nats://HOST:PORT\nSee vexo relay --help");
     std::string error;
     settings.connection.servers = vexo_sim::remote::serversOf(options.to, error);
     if (settings.connection.servers.empty()) throw Failure(kUsage, "--to: " + error);
@@ -84,23 +86,23 @@ void addLimits(CLI::App& command, Options& options) {
     relay::Settings& settings = options.settings;
     command.add_option("--batch-bytes", settings.limits.bytes, "Most bytes of a message")
         ->type_name("N")
-        ->check(CLI::Range(relay::kLeastBatchBytes, relay::kMostBatchBytes))
+        ->transform(cli::wholeNumber(relay::kLeastBatchBytes, relay::kMostBatchBytes))
         ->capture_default_str();
     command
         .add_option("--batch-time", options.batchTimeUs,
                     "Microseconds that a packet waits for company in its message; 0: each packet is a message")
         ->type_name("US")
-        ->check(CLI::Range(std::uint64_t{0}, relay::kMostBatchTimeUs))
+        ->transform(cli::wholeNumber(0, relay::kMostBatchTimeUs))
         ->capture_default_str();
     command.add_option("--queue", options.queueMb, "Megabytes of memory for packets on their way to the network")
         ->type_name("MB")
-        ->check(CLI::Range(std::uint64_t{1}, relay::kMostQueueMb))
+        ->transform(cli::wholeNumber(1, relay::kMostQueueMb))
         ->capture_default_str();
     command
         .add_option("--poll-rest", settings.pollRestUs,
                     "Microseconds that the polling thread sleeps when there is no packet; 0: it never sleeps")
         ->type_name("US")
-        ->check(CLI::Range(std::uint64_t{0}, relay::kMostBatchTimeUs))
+        ->transform(cli::wholeNumber(0, relay::kMostBatchTimeUs))
         ->capture_default_str();
 }
 
@@ -115,14 +117,13 @@ void addRelay(CLI::App& app, Invocation& invocation) {
                       "Start as an application with this configuration does; the master needs one");
     options->channel = relay->add_option("--channel", settings.place.channel, "Channel to relay")
                            ->type_name("N")
-                           ->check(CLI::Range(0U, card_reg::kChannels - 1));
+                           ->transform(cli::wholeNumber(0, card_reg::kChannels - 1));
     options->bus = relay->add_option("--bus", settings.place.bus, "Number of the card")
                        ->type_name("N")
-                       ->check(CLI::Range(0U, kLastBus))
+                       ->transform(cli::wholeNumber(0, kLastBus))
                        ->capture_default_str();
     relay->add_option("--to", options->to, "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
-        ->type_name("SERVERS")
-        ->required();
+        ->type_name("SERVERS");
     relay->add_option("--site", settings.place.site, "Name of this site, a part of the subjects")
         ->type_name("NAME")
         ->capture_default_str();
@@ -133,7 +134,7 @@ void addRelay(CLI::App& app, Invocation& invocation) {
     addServerFiles(*relay, settings.connection);
     relay->add_option("--seconds", settings.seconds, "End after so long; 0: at SIGINT or SIGTERM")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, kDay))
+        ->check(cli::number(0, kDay))
         ->capture_default_str();
     relay->add_flag("--json", settings.json, "Show the result as JSON; a log goes to standard error");
     relay->footer(

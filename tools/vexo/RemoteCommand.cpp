@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "sim/remote/Subjects.h"
+#include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/Places.h"
@@ -28,6 +29,8 @@ struct Options {
 
 // The program would find a mistake only when it opens its card.
 void check(const Options& options) {
+    if (options.servers.empty())
+        throw Failure(kUsage, "no servers: give --from nats://HOST:PORT\nSee vexo remote run --help");
     std::string error;
     if (vexo_sim::remote::serversOf(options.servers, error).empty()) throw Failure(kUsage, "--from: " + error);
     if (!vexo_sim::remote::isSite(options.site))
@@ -78,14 +81,13 @@ void addRemote(CLI::App& app, Invocation& invocation) {
     runIt
         ->add_option("--from", options->servers,
                      "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
-        ->type_name("SERVERS")
-        ->required();
+        ->type_name("SERVERS");
     runIt->add_option("--site", options->site, "Name of the relay's site, a part of the subjects")
         ->type_name("NAME")
         ->capture_default_str();
     runIt->add_option("--bus", options->bus, "Number of the card at the relay, and of the card that the program finds")
         ->type_name("N")
-        ->check(CLI::Range(0, kLastBus));
+        ->transform(cli::wholeNumber(0, kLastBus));
     runIt->add_flag("--own-registers", options->ownRegisters,
                     "Let a model in the program answer its registers, and send it a contract map");
     addServerFiles(*runIt, options->connection);

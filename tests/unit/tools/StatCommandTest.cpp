@@ -249,7 +249,7 @@ TEST_F(StatCommand, AHostilePageIsNamedAndHidesNoOther) {
           "./9.tap.page: it is the page of process ", "type 17 1,000\n"}) {
         EXPECT_THAT(result.output, HasSubstr(text));
     }
-    for (const char* text : {"01.tap", "x.page", "other", "-1.app"}) EXPECT_THAT(result.output, Not(HasSubstr(text)));
+    for (const char* text : {"01.tap", "x.page", "1.other", "-1.app"}) EXPECT_THAT(result.output, Not(HasSubstr(text)));
     EXPECT_THAT(prometheus::Faults(stat("--prometheus - 2>/dev/null").output), IsEmpty());
 }
 

@@ -132,7 +132,8 @@ TEST_F(StatsPage, IsSharedByTheLibrariesOfAProcess) {
     for (const vexo_stats::Stream& stream : pages[0].streams) EXPECT_EQ(packetsOf(stream), 1U) << stream.channel;
 }
 
-TEST_F(StatsPage, OfAPluginThatIsLoadedAgainIsMadeAgain) {
+// The loader may keep a plug-in whose templates have static members until the process ends.
+TEST_F(StatsPage, OfAPluginThatIsLoadedAgainIsOne) {
     EXPECT_EQ(RunInChild([this] {
                   for (int n = 0; n < 3; ++n) {
                       void* const plugin = ::dlopen(VEXO_STATS_PLUGIN, RTLD_NOW | RTLD_LOCAL);
@@ -140,7 +141,6 @@ TEST_F(StatsPage, OfAPluginThatIsLoadedAgainIsMadeAgain) {
                       EXPECT_EQ(reinterpret_cast<int (*)(unsigned)>(::dlsym(plugin, "countQuote"))(2), 0);
                       EXPECT_THAT(Pages(), SizeIs(1));
                       ::dlclose(plugin);
-                      EXPECT_THAT(Pages(), IsEmpty());
                   }
               }),
               0);

@@ -247,7 +247,7 @@ TEST_F(Tap, KeepsItsNewestFilesOverSeveralRuns) {
     const auto files = [&] {
         std::vector<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(dir.Path()))
-            names.push_back(entry.path().filename());
+            if (entry.path().extension() == ".pcapng") names.push_back(entry.path().filename());
         std::sort(names.begin(), names.end());
         return names;
     };
