@@ -62,13 +62,10 @@ std::string timeText(std::uint64_t ns) {
     const std::uint64_t yearOfEra = (day - day / 1460 + day / 36524 - day / 146096) / 365;
     const std::uint64_t dayOfYear = day - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);  // March 1 is 0
     const std::uint64_t month = (5 * dayOfYear + 2) / 153;                                      // March is 0
-    const unsigned long long year = yearOfEra + era * 400 + (month >= 10 ? 1 : 0);
-    char text[64];
-    std::snprintf(text, sizeof text, "%04llu%02llu%02lluT%02llu%02llu%02lluZ", year,
-                  static_cast<unsigned long long>(month < 10 ? month + 3 : month - 9),
-                  static_cast<unsigned long long>(dayOfYear - (153 * month + 2) / 5 + 1),
-                  static_cast<unsigned long long>(seconds / 3600 % 24),
-                  static_cast<unsigned long long>(seconds / 60 % 60), static_cast<unsigned long long>(seconds % 60));
+    const std::uint64_t year = yearOfEra + era * 400 + (month >= 10 ? 1 : 0);
+    char text[128];
+    std::snprintf(text, sizeof text, "%04lu%02lu%02luT%02lu%02lu%02luZ", year, month < 10 ? month + 3 : month - 9,
+                  dayOfYear - (153 * month + 2) / 5 + 1, seconds / 3600 % 24, seconds / 60 % 60, seconds % 60);
     return text;
 }
 

@@ -94,8 +94,10 @@ void turnOff() {
     tap::origins().end();
 }
 
+// When there is no memory for that, the parent's page counts one packet too many.
 void mapNothing(void* block) {
-    ::mmap(block, vexo_stats::kBlockBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    static_cast<void>(
+        ::mmap(block, vexo_stats::kBlockBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0));
 }
 
 // In a child of fork(): the page is the parent's. The fork may have come from a packet's handler, whose poll still
