@@ -50,6 +50,7 @@ void close(BlockBuffer& out, std::size_t start) {
 void appendSection(BlockBuffer& out, const SectionInfo& info) {
     const std::size_t start = out.size();
     append(out, format::SectionHead{format::kSectionHeader, 0, format::kByteOrderMagic, 1, 0, -1});
+    appendOption(out, format::kComment, info.comment);  // first: a recorder finds its mark there
     appendOption(out, format::kSectionHardware, info.hardware);
     appendOption(out, format::kSectionOs, info.os);
     appendOption(out, format::kSectionApplication, info.application);
@@ -82,6 +83,7 @@ void appendStatistics(BlockBuffer& out, std::uint32_t interface, const Interface
     appendTimeOption(out, format::kStatisticsEnd, counts.endNs);
     appendOption(out, format::kStatisticsReceived, &counts.received, sizeof counts.received);
     appendOption(out, format::kStatisticsDropped, &counts.dropped, sizeof counts.dropped);
+    if (counts.card) appendOption(out, format::kComment, textOf(*counts.card));
     close(out, start);
 }
 
@@ -90,7 +92,8 @@ std::uint32_t packetBlockBytes(std::uint32_t size) {
 }
 
 std::uint32_t statisticsBlockBytes() {
-    constexpr std::size_t options = 5 * sizeof(format::OptionHead) + 4 * sizeof(std::uint64_t);
+    constexpr std::size_t options = 6 * sizeof(format::OptionHead) + 4 * sizeof(std::uint64_t) +
+                                    format::padded(kMostCardText);
     return static_cast<std::uint32_t>(sizeof(format::StatisticsHead) + options + sizeof(std::uint32_t));
 }
 

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "capture/CardCounts.h"
 
 namespace capture {
 
@@ -15,6 +18,7 @@ struct SectionInfo {
     std::string hardware;
     std::string os;
     std::string application;
+    std::string comment = {};
 };
 
 /// The source of packets: a stream of the card, or the registers.
@@ -28,8 +32,9 @@ struct InterfaceInfo {
 struct InterfaceCounts {
     std::uint64_t startNs = 0;
     std::uint64_t endNs = 0;
-    std::uint64_t received = 0;  // all packets that the program received
-    std::uint64_t dropped = 0;   // those of them that are not in the file
+    std::uint64_t received = 0;           // all packets that the program received
+    std::uint64_t dropped = 0;            // those of them that are not in the file
+    std::optional<CardCounts> card = {};  // empty: the writer did not ask a card
 };
 
 /// Blocks of a capture file, one after another in memory.
@@ -46,7 +51,7 @@ void appendStatistics(BlockBuffer& out, std::uint32_t interface, const Interface
 
 /// Bytes that a packet of @p size bytes takes in a file.
 std::uint32_t packetBlockBytes(std::uint32_t size);
-/// Bytes of one appendStatistics().
+/// Bytes of one appendStatistics(), at most.
 std::uint32_t statisticsBlockBytes();
 
 }  // namespace capture

@@ -15,15 +15,21 @@ constexpr unsigned kMaxNames = 1'000'000;
 
 }  // namespace
 
+CaptureFiles::CaptureFiles(Settings settings) : m_settings(std::move(settings)) {
+    if (m_settings.recorder.keep > 0) m_recorder.emplace(m_settings.path, m_settings.recorder, m_settings.report);
+    m_waitsForPacket = m_recorder.has_value();
+}
+
 CaptureFiles::~CaptureFiles() {
     if (isOpen()) ::close(m_fd);
 }
 
 std::uint32_t CaptureFiles::addInterface(const InterfaceInfo& info, std::uint64_t startNs) {
     m_interfaces.push_back({info, startNs});
+    m_nowNs = startNs;
     if (isOpen()) {
         appendInterface(m_buffer, info);
-    } else {
+    } else if (!m_waitsForPacket) {
         openNext();  // the first interface opens the first file; later ones try again when the disk failed
     }
     return static_cast<std::uint32_t>(m_interfaces.size() - 1);
@@ -31,8 +37,12 @@ std::uint32_t CaptureFiles::addInterface(const InterfaceInfo& info, std::uint64_
 
 void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
                              std::uint32_t trueSize) {
-    if (isOpen() && wouldGrowTooBig(size)) {
+    m_nowNs = timeNs;
+    if (isOpen() && (wouldGrowTooBig(size) || isTimeOver(timeNs))) {
         close(timeNs);
+        openNext();
+    } else if (m_waitsForPacket) {
+        m_waitsForPacket = false;
         openNext();
     }
     Known& known = m_interfaces[interface];
@@ -43,7 +53,7 @@ void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, cons
     }
     appendPacket(m_buffer, interface, timeNs, data, size, trueSize);
     ++known.buffered;
-    ++m_filePackets;
+    if (m_filePackets++ == 0) m_fileNs = timeNs;
     if (m_buffer.size() >= kFlushBytes) flush();
 }
 
@@ -52,6 +62,14 @@ bool CaptureFiles::wouldGrowTooBig(std::uint32_t size) const {
     if (m_settings.rotateBytes == 0) return false;
     const std::uint64_t tail = std::uint64_t{statisticsBlockBytes()} * m_interfaces.size();
     return m_filePackets > 0 && m_fileBytes + m_buffer.size() + packetBlockBytes(size) + tail > m_settings.rotateBytes;
+}
+
+// Packets of several interfaces come a little out of order: one from before the file's beginning belongs to it. A clock
+// that was set back far begins a new file.
+bool CaptureFiles::isTimeOver(std::uint64_t timeNs) const {
+    const std::uint64_t every = m_settings.rotateEveryNs;
+    if (every == 0 || m_filePackets == 0) return false;
+    return timeNs / every > m_fileNs / every || timeNs + every < m_fileNs;
 }
 
 std::string CaptureFiles::nameOf(unsigned number) const {
@@ -63,28 +81,43 @@ std::string CaptureFiles::nameOf(unsigned number) const {
     return m_settings.path.substr(0, end) + "." + std::to_string(number) + m_settings.path.substr(end);
 }
 
-int CaptureFiles::createFile(std::string& name) {
+// @return what is wrong; nothing if the file is open
+std::string CaptureFiles::createFree() {
     const StandardNumbersTaken taken;
-    int fd = -1;
     errno = EEXIST;
-    while (fd < 0 && errno == EEXIST && m_nextNumber < kMaxNames) {
-        name = nameOf(m_nextNumber);
-        fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-        if (fd >= 0 || errno == EEXIST) ++m_nextNumber;
+    while (!isOpen() && errno == EEXIST && m_nextNumber < kMaxNames) {
+        m_name = nameOf(m_nextNumber);
+        m_fd = ::open(m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (isOpen() || errno == EEXIST) ++m_nextNumber;
     }
-    return fd;
+    if (!isOpen()) return std::strerror(errno);
+    m_settings.report("writing " + m_name);
+    return {};
+}
+
+std::string CaptureFiles::createRecorded() {
+    const RecorderFiles::Created created = m_recorder->create(m_nowNs, [this](const std::string& mark) {
+        BlockBuffer head;
+        SectionInfo section = m_settings.section;
+        section.comment = mark;
+        appendSection(head, section);
+        return head;
+    });
+    m_fd = created.fd;
+    m_name = created.name;
+    m_fileBytes = created.bytes;
+    return created.problem;
 }
 
 void CaptureFiles::openNext() {
-    m_fd = createFile(m_name);
+    m_fileBytes = m_filePackets = 0;
+    m_described = 0;
+    const std::string problem = m_recorder ? createRecorded() : createFree();
     if (!isOpen()) {
-        reportOnce(m_openFailureReported, "cannot create " + m_name + ": " + std::strerror(errno));
+        reportOnce(m_openFailureReported, "cannot create " + m_name + ": " + problem);
         return;
     }
     ++m_files;
-    m_fileBytes = m_filePackets = 0;
-    m_described = 0;
-    m_settings.report("writing " + m_name);
     startBuffer();
 }
 
@@ -98,24 +131,42 @@ void CaptureFiles::startBuffer() {
 void CaptureFiles::appendCounts(std::uint64_t nowNs) {
     for (std::uint32_t i = 0; i < m_interfaces.size(); ++i) {
         const Known& known = m_interfaces[i];
-        appendStatistics(m_buffer, i, {known.startNs, nowNs, known.received + known.lost, known.lost});
+        InterfaceCounts counts = {known.startNs, nowNs, known.received + known.lost, known.lost, {}};
+        if (known.card) counts.card = *known.card - known.cardBefore;
+        appendStatistics(m_buffer, i, counts);
     }
 }
 
 void CaptureFiles::flush() {
     if (!isOpen()) {
-        if (!m_interfaces.empty()) openNext();
+        if (!m_interfaces.empty() && !m_waitsForPacket) openNext();
         return;
     }
     if (m_buffer.empty()) return;
-    if (writeAll(m_buffer.data(), m_buffer.size())) {
+    writeBuffer(true);
+}
+
+void CaptureFiles::tick(std::uint64_t nowNs) {
+    m_nowNs = nowNs;
+    if (isOpen() && isTimeOver(nowNs)) {
+        close(nowNs);
+        m_waitsForPacket = true;
+    }
+    flush();
+}
+
+// @param needsRoom  a recorder leaves space free, but for the few bytes at the end of a file
+void CaptureFiles::writeBuffer(bool needsRoom) {
+    const bool hasRoom = !needsRoom || !m_recorder || m_recorder->hasRoom(m_buffer.size(), m_nowNs);
+    if (hasRoom && writeAll(m_buffer.data(), m_buffer.size())) {
         m_fileBytes += m_buffer.size();
         m_described = m_interfaces.size();
         countWritten();
         reportLost();
     } else {
+        const std::string problem = hasRoom ? std::strerror(errno) : m_recorder->whyNoRoom();
         reportOnce(m_writeFailureReported,
-                   "cannot write " + m_name + ": " + std::strerror(errno) + "; packets are lost, and counted");
+                   "cannot write " + m_name + ": " + problem + "; packets are lost, and counted");
         cutUnwritten();
         loseBuffered();
     }
@@ -134,6 +185,7 @@ void CaptureFiles::loseBuffered() {
     for (Known& known : m_interfaces) {
         known.lost += known.buffered;
         m_lostUnreported += known.buffered;
+        m_filePackets -= known.buffered;
         known.buffered = 0;
     }
 }
@@ -170,23 +222,25 @@ void CaptureFiles::close(std::uint64_t nowNs) {
     flush();
     if (isOpen()) {
         appendCounts(nowNs);
-        flush();
+        writeBuffer(false);
     }
     if (isOpen() && ::close(m_fd) != 0) {  // a network file system may report a failed write here
         reportOnce(m_writeFailureReported, "cannot write " + m_name + ": " + std::strerror(errno));
     }
     m_fd = -1;
+    if (m_recorder) m_recorder->closed();
     reportLost();
-    m_lostBefore = lost();
     for (Known& known : m_interfaces) {
         known.startNs = nowNs;
+        known.lostBefore += known.lost;
         known.received = known.lost = 0;
+        if (known.card) known.cardBefore = *known.card;
     }
 }
 
 std::uint64_t CaptureFiles::lost() const {
-    std::uint64_t all = m_lostBefore;
-    for (const Known& known : m_interfaces) all += known.lost;
+    std::uint64_t all = 0;
+    for (const Known& known : m_interfaces) all += known.lostBefore + known.lost;
     return all;
 }
 

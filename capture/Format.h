@@ -20,6 +20,7 @@ inline constexpr std::uint32_t kFrameBytes = 12;            // type and both len
 
 enum OptionCode : std::uint16_t {
     kEnd = 0,
+    kComment = 1,
     kSectionHardware = 2,
     kSectionOs = 3,
     kSectionApplication = 4,

@@ -227,6 +227,7 @@ bool Reader::takeStatistics() {
     InterfaceCounts counts;
     Option option;
     for (std::size_t position = sizeof block; nextOption(position, option);) {
+        if (option.code == format::kComment) counts.card = cardCountsOf(option.text());
         if (option.length != sizeof(std::uint64_t)) continue;
         if (option.code == format::kStatisticsStart) counts.startNs = loadTime(option.data, interface->unitsPerSecond);
         if (option.code == format::kStatisticsEnd) counts.endNs = loadTime(option.data, interface->unitsPerSecond);

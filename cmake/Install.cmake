@@ -2,12 +2,15 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS vexo_zce_md EXPORT VexoZceMdTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT dev)
-install(FILES include/VexoZceInstrument.h include/VexoZceMdApi.h include/VexoZceMdStats.h include/VexoZceMdStatsPage.h
-              include/VexoZceSession.h include/VexoZceUtil.h
+install(FILES include/VexoZceInstrument.h include/VexoZceMdApi.h include/VexoZceMdStats.h include/VexoZceMdStatsFile.h
+              include/VexoZceMdStatsPage.h include/VexoZceSession.h include/VexoZceUtil.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
 # The simulated card: where no loader looks by itself, so that it is never mistaken for the card's own library.
 install(TARGETS vexo_sim_hw LIBRARY DESTINATION ${VEXO_SIM_INSTALL_DIR} COMPONENT sim)
+if(TARGET vexo_remote)
+    install(TARGETS vexo_remote LIBRARY DESTINATION ${VEXO_SIM_INSTALL_DIR} COMPONENT sim)
+endif()
 if(TARGET vexo-simcard)
     install(TARGETS vexo-simcard RUNTIME COMPONENT sim)
 endif()

@@ -12,7 +12,7 @@
 namespace vexo_stats {
 
 constexpr std::uint64_t kMagic = 0x4547415053584556;  // "VEXSPAGE"
-constexpr std::uint32_t kVersion = 1;                 // another layout has another version
+constexpr std::uint32_t kVersion = 2;                 // another layout has another version
 constexpr std::size_t kBlockBytes = 4096;
 constexpr std::size_t kStreams = 16;
 constexpr std::size_t kPageBytes = kBlockBytes * (1 + kStreams);
@@ -41,7 +41,7 @@ enum Step {
     kSteps
 };
 
-enum Writer { kApplication = 1, kTap = 2 };
+enum Writer { kApplication = 1, kTap = 2, kRelay = 3 };
 
 /// The page's clock is the processor's time-stamp counter, doubled, so that the time between two readings is never 0.
 struct Process {
@@ -58,9 +58,16 @@ struct Process {
     std::uint64_t startNs;         // since 1970
     std::uint64_t steps[kSteps];
     char program[kProgramBytes];  // ends with a zero byte
+    // What tells the page of a running process from one that was left behind.
+    std::uint64_t pidNamespace;  // who sees the process under this number; 0: not known
+    std::uint64_t boot;          // the machine's run whose counter is the page's clock; 0: not known
+    std::uint64_t isLocked;      // 1: the process keeps a lock on the file until it ends or becomes another program
+    std::uint64_t isKept;        // 1: the page stays when the process has ended
+    std::uint64_t endNs;         // the moment of steps[kEnded], since 1970
+    std::uint64_t users;         // libraries of the process that share the page
 };
 
-enum StreamState { kUnused = 0, kOpen = 1, kClosed = 2 };
+enum StreamState { kUnused = 0, kOpen = 1, kClosed = 2, kPreparing = 3 };  // kPreparing: not to be read yet
 
 /// Buckets of the gaps that count no gap: a first packet after the stream was opened; a clock that ran backwards.
 enum { kFirstBucket = 62, kBackwardsBucket = 63 };
@@ -97,6 +104,9 @@ struct Stream {
     std::uint64_t pollsKnown;    // 0: the writer does not see polls
     std::uint64_t closedClock;   // of the time from the first packet to the last: what is no gap
     std::uint64_t longCallback;  // on the page's clock: a callback of this length outlasts the ring
+    std::uint64_t cardPackets;   // what the card counts: packets put into the ring; kUnknown where it cannot be read
+    std::uint64_t lostByTap;     // received, but not recorded by the tap; kUnknown without a recording
+    std::uint64_t lostByRelay;   // received, but not sent on by this process; kUnknown if it is no relay
 };
 
 static_assert(sizeof(Process) <= kBlockBytes && sizeof(Stream) <= kBlockBytes, "blocks of the statistics page");
@@ -146,6 +156,17 @@ inline void expectFirst(Stream& stream, std::uint64_t now) {
         stream.closedClock += now - stream.lastPacket;
     }
     set(stream.lastPacket, now - (static_cast<std::uint64_t>(1) << kFirstBucket));
+}
+
+/// Fills in a new block, before the first packet: what only some writers know is unknown. The state is left to the
+/// caller.
+/// @param card, channel  kUnknown if the writer does not know them
+inline void describe(Stream& stream, std::uint64_t card, std::uint64_t channel) {
+    stream.card = card;
+    stream.channel = channel;
+    stream.backPressure = stream.backPressureInCallbacks = kUnknown;
+    stream.fifoErrors = stream.errors = stream.cardPackets = kUnknown;
+    stream.lostByTap = stream.lostByRelay = kUnknown;
 }
 
 /// Counts a packet whose sequence number is not the expected one.

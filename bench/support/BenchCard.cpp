@@ -58,11 +58,11 @@ Library ReadWithLibrary(IVexoZceMdSpi& spi) {
     return api;
 }
 
-Bare ReadBare() {
+Bare ReadBare(std::uint32_t channel) {
     static enyx_hw_accelerator* const accelerator = FirstAccelerator();
     enyx_hw_filter* filter = enyx_hw_filter_create();
     char name[32];
-    std::snprintf(name, sizeof name, "CUSTOM_CHAN%u_DATA", kBareChannel);
+    std::snprintf(name, sizeof name, "CUSTOM_CHAN%u_DATA", channel);
     Need(enyx_hw_filter_set_name(filter, name) == 0, "naming the stream");
     enyx_hw_a2c_stream_descriptor* descriptor = nullptr;
     Need(enyx_hw_accelerator_enumerate_a2c_streams(accelerator, filter, &descriptor, 1) == 1, "finding the stream");

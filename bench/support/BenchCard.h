@@ -25,8 +25,8 @@ using Bare = std::unique_ptr<enyx_hw_a2c_stream, StopReading>;
 
 /// The library reading its channel's stream. Writes an ini file and the log into the working directory.
 Library ReadWithLibrary(IVexoZceMdSpi& spi);
-/// The other channel's stream without the library.
-Bare ReadBare();
+/// Another channel's stream without the library.
+Bare ReadBare(std::uint32_t channel = kBareChannel);
 
 enum class Types { kConstant, kAlternating, kRotating, kRandom };
 

@@ -22,6 +22,7 @@ targets=(
     "capture 1000000 2048"
     "ini 1000000 2048"
     "packet 10000000 1024"
+    "remote 1000000 2048"
     "block 1000000 600"
 )
 seconds=$((${minutes:-0} * 60 / (${#targets[@]} + 1)))

@@ -37,6 +37,10 @@ std::string hostOf(const HwCard& card) {
 
 void announceOnce(HwCard& card) {
     if (card.announced.exchange(true)) return;
+    if (const std::string banner = card.backend->banner(card.index); !banner.empty()) {
+        capture::printError("libenyx-hw-c: %s\n", banner.c_str());
+        return;
+    }
     capture::printError(
         "libenyx-hw-c: SIMULATED CARD at bus %u%s, not the real thing: "
         "every quote is made up, none comes from an exchange.\n",
@@ -60,6 +64,10 @@ ssize_t enumerateMmios(const enyx_hw_accelerator* accelerator, const enyx_hw_fil
 
 enyx_hw_mmio* createMmio(const enyx_hw_mmio_descriptor* descriptor) {
     if (!usable(descriptor) || !isPresent(*descriptor->card)) return nullptr;
+    if (!descriptor->card->backend->offersRegisters()) {
+        errno = EPERM;
+        return nullptr;
+    }
     enyx_hw_mmio* mmio = pool<enyx_hw_mmio>().make();
     if (mmio == nullptr) return nullptr;
     mmio->card = descriptor->card;

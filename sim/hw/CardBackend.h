@@ -9,8 +9,9 @@
 
 namespace vexo_sim {
 
-/// How this process reaches a card. There are two ways: OwnCard lives in this process and is advanced by its calls;
-/// HostedCard lies in shared memory and is advanced by its host. All that differs between the two is here.
+/// How this process reaches a card. There are three ways: OwnCard lives in this process and is advanced by its calls;
+/// HostedCard lies in shared memory and is advanced by its host; RemoteCard gets its packets from a card of another
+/// machine. All that differs between them is here.
 class CardBackend {
 public:
     virtual ~CardBackend() = default;
@@ -25,8 +26,13 @@ public:
     virtual bool isCurrent() const = 0;
     /// The process that hosts the card, when that is another one.
     virtual std::optional<Holder> host() const = 0;
-    /// The host's scenario; empty for a card of this process, which its environment describes.
+    /// What else the card is known by: the host's scenario, or where a remote card is. Empty for a card of this
+    /// process, which its environment describes.
     virtual std::string hostedScenario() const { return {}; }
+    /// What the banner says instead of the usual; empty for the usual.
+    virtual std::string banner(std::uint32_t /*bus*/) { return {}; }
+    /// Whether its registers can be opened. If not, a line says why and what to do.
+    virtual bool offersRegisters() { return true; }
 
     /// Writes a line about a lock that was not simply taken, if an operator needs it.
     virtual void tellOf(CardLock::Result) {}
@@ -42,8 +48,9 @@ public:
     /// The next packet, after the ring was found empty: advances the card first, unless somebody else advances it.
     virtual PacketView advanceAndPeek(RingState& ring) = 0;
 
-    /// Opens a stream for this process. False when somebody holds it, this process included.
-    virtual bool take(CardPart stream) = 0;
+    /// Opens a stream for this process: 0, or an errno value. EBUSY: somebody holds it, this process included. Of any
+    /// other a line tells.
+    virtual int take(CardPart stream) = 0;
     /// Closes a stream that this process holds. In a child of fork() the parent's streams stay open.
     virtual void giveBack(CardPart stream) = 0;
     /// Who holds a stream, this process included.

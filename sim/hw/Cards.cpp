@@ -16,6 +16,8 @@
 #include "sim/hw/Hooks.h"
 #include "sim/hw/HostedCard.h"
 #include "sim/hw/OwnCard.h"
+#include "sim/hw/RemoteCard.h"
+#include "sim/hw/TransportLibrary.h"
 #include "sim/shm/CardPlaces.h"
 
 namespace vexo_sim {
@@ -58,6 +60,7 @@ struct Wish {
     bool own = true;     // a card of the process's own is welcome
     bool hosted = true;  // a hosted one is
     uid_t user = geteuid();
+    bool remote = false;  // a remote one, and no other
 };
 
 // Nothing, with a line on standard error, when the variable cannot be understood.
@@ -68,9 +71,10 @@ std::optional<Wish> readWish() {
     if (text == "" || text == "auto") return Wish{true, !hasScenario()};
     if (text == "embedded") return Wish{true, false};
     if (text == "hosted") return Wish{false, true};
+    if (text == "remote") return Wish{false, false, geteuid(), true};
     if (text.substr(0, kHostedBy.size()) != kHostedBy) {
         capture::printError(
-            "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded, hosted or hosted:USER: "
+            "libenyx-hw-c: VEXO_SIM_CARD is \"%s\", it must be auto, embedded, hosted, hosted:USER or remote: "
             "no simulated card.\n",
             variable);
         return std::nullopt;
@@ -95,6 +99,10 @@ Cards& Cards::instance() {
 void Cards::decide() {
     const std::optional<Wish> wish = readWish();
     if (!wish) return;
+    if (wish->remote) {
+        if (makeRemote()) m_kind = Kind::kRemote;
+        return;
+    }
     m_hostUser = wish->user;
     if (wish->hosted) attachHosted();
     const bool found = std::any_of(std::begin(m_cards), std::end(m_cards),
@@ -116,6 +124,41 @@ bool Cards::makeOwn() {
         error);
     if (!scenario) capture::printError("libenyx-hw-c: %s\nlibenyx-hw-c: no simulated card.\n", error.c_str());
     return scenario && powerOn(*scenario) == 0;
+}
+
+bool Cards::makeRemote() {
+    std::string error;
+    if (connectRemote(error)) return true;
+    capture::printError("libenyx-hw-c: %s\nlibenyx-hw-c: no simulated card.\n", error.c_str());
+    return false;
+}
+
+// A scenario describes the model that answers registers, and faults.
+bool Cards::connectRemote(std::string& error) {
+    const std::optional<RemoteSettings> settings = readRemoteSettings(error);
+    if (!settings) return false;
+    const std::optional<scenario::Scenario> scenario = scenario::load(
+        environment(kScenarioVariable), scenario::settingsOfEnvironment(environment(scenario::kSettingsVariable)),
+        error);
+    if (!scenario) return false;
+    if (!scenario->replayFile.empty()) {
+        error = "a remote card cannot replay a capture too: leave out VEXO_SIM_CARD=remote or the scenario's replay";
+        return false;
+    }
+    remote::Transport* const transport = loadTransport(error);
+    if (transport == nullptr) return false;
+    const std::uint32_t bus = settings->bus.value_or(scenario->bus);
+    std::unique_ptr<RemoteCard> remote = RemoteCard::make(*settings, bus, *transport, *scenario, error);
+    if (remote == nullptr) return false;
+    for (const CallFailure& failure : scenario->callFailures) hooks::addScript(failure);
+    auto card = std::make_unique<HwCard>();
+    card->index = bus;
+    card->accelerator.card = card.get();
+    card->accelerator.alive = true;
+    card->backend = std::move(remote);
+    m_cards[bus] = card.get();
+    m_attached.push_back(std::move(card));
+    return true;
 }
 
 void Cards::attachHosted() {
@@ -164,14 +207,15 @@ int Cards::powerCycle(const scenario::Scenario& scenario) {
     return powerOn(scenario);
 }
 
-// A process whose first call is a power cycle gets a card of its own, unless VEXO_SIM_CARD insists on a hosted one.
+// A process whose first call is a power cycle gets a card of its own, unless VEXO_SIM_CARD insists on another.
 int Cards::claimOwn() {
     std::call_once(m_firstUse, [this] {
         const char* wish = ::secure_getenv("VEXO_SIM_CARD");
         const std::string_view text = wish != nullptr ? wish : "";
-        m_kind = text.substr(0, 6) == "hosted" ? Kind::kHosted : Kind::kEmbedded;
+        const bool isHosted = text.substr(0, 6) == "hosted";
+        m_kind = isHosted ? Kind::kHosted : text == "remote" ? Kind::kRemote : Kind::kEmbedded;
     });
-    if (m_kind == Kind::kHosted) {
+    if (m_kind == Kind::kHosted || m_kind == Kind::kRemote) {
         errno = EPERM;
         return -1;
     }

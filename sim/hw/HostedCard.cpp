@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace vexo_sim {
@@ -62,14 +63,14 @@ bool HostedCard::onState(Work work) {
     }
 }
 
-bool HostedCard::take(CardPart stream) {
-    if (!claim(stream)) return false;
+int HostedCard::take(CardPart stream) {
+    if (!claim(stream)) return EBUSY;
     const bool isOpen = onState([=](Card card) {
         close(card, stream);  // its last owner may have died and left it open
         return open(card, stream);
     });
     if (!isOpen) release(stream);
-    return isOpen;
+    return isOpen ? 0 : EBUSY;
 }
 
 // The kernel's lock is released in any case. If the state cannot be locked, the host later closes the stream, as it

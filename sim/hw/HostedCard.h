@@ -30,7 +30,7 @@ public:
     void bringUpToDate() override {}
     void forgetTime() override {}
     PacketView advanceAndPeek(RingState&) override { return {}; }
-    bool take(CardPart stream) override;
+    int take(CardPart stream) override;
     void giveBack(CardPart stream) override;
     std::optional<Holder> holderOf(CardPart stream) const override;
 

@@ -1,19 +1,17 @@
 #include "sim/hw/OwnCard.h"
 
-#include <unistd.h>
-
+#include <cerrno>
 #include <new>
 
 namespace vexo_sim {
 
 std::unique_ptr<OwnCard> OwnCard::make() {
-    std::unique_ptr<Memory> memory(new (std::nothrow) Memory);
-    if (memory == nullptr || memory->get() == nullptr) return nullptr;
-    return std::unique_ptr<OwnCard>(new (std::nothrow) OwnCard(std::move(memory)));
+    std::unique_ptr<Memory> memory = makeMemory();
+    return std::unique_ptr<OwnCard>(memory != nullptr ? new (std::nothrow) OwnCard(std::move(memory)) : nullptr);
 }
 
 bool OwnCard::replay(const scenario::Scenario& scenario, std::string& problem) {
-    const StateLock lock(m_ownLocks, state());
+    const StateLock lock(locks(), state());
     Card card(state());
     m_replay = CardReplay::start(scenario, card, problem);
     return m_replay != nullptr;
@@ -21,39 +19,32 @@ bool OwnCard::replay(const scenario::Scenario& scenario, std::string& problem) {
 
 inline void OwnCard::advance() {
     Card card(state());
-    card.advance(m_clock.now());
+    card.advance(clock().now());
     if (m_replay != nullptr) m_replay->advance(card);
 }
 
 void OwnCard::bringUpToDate() { advance(); }
 
-void OwnCard::forgetTime() {
-    const StateLock lock(m_ownLocks, state());
-    m_clock.forget();
-}
-
 // If another thread holds the lock, it is advancing the card. The packets then come with the next poll.
 PacketView OwnCard::advanceAndPeek(RingState& ring) {
     {
-        const StateLock lock(m_ownLocks, state(), std::try_to_lock);
+        const StateLock lock(locks(), state(), std::try_to_lock);
         if (!lock.owns()) return {};
         advance();
     }
     return ring::peek(ring);
 }
 
-bool OwnCard::take(CardPart stream) {
-    const StateLock lock(m_ownLocks, state());
+int OwnCard::take(CardPart stream) {
+    const StateLock lock(locks(), state());
     advance();
-    return open(Card(state()), stream);
+    return open(Card(state()), stream) ? 0 : EBUSY;
 }
 
 void OwnCard::giveBack(CardPart stream) {
-    const StateLock lock(m_ownLocks, state());
+    const StateLock lock(locks(), state());
     advance();
     close(Card(state()), stream);
 }
-
-std::optional<Holder> OwnCard::holderOf(CardPart) const { return describeProcess(getpid()); }
 
 }  // namespace vexo_sim

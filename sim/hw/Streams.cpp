@@ -73,10 +73,11 @@ typename Direction::Stream* openStream(const typename Direction::Descriptor* des
     stream->channel = descriptor->channel;
     Direction::attach(*stream);
     pool<Stream>().publish(stream);
-    if (stream->card->backend->take({Direction::kPart, stream->channel})) return stream;
-    tellHolder(*stream->card, {Direction::kPart, stream->channel});
+    const int error = stream->card->backend->take({Direction::kPart, stream->channel});
+    if (error == 0) return stream;
+    if (error == EBUSY) tellHolder(*stream->card, {Direction::kPart, stream->channel});
     pool<Stream>().kill(stream);
-    errno = EBUSY;
+    errno = error;
     return nullptr;
 }
 
@@ -108,7 +109,11 @@ int getCounter(const enyx_hw_a2c_stream* stream, std::uint32_t UpStreamState::*c
     }
     CardAccess card(*stream->card);
     if (!card) return -1;
-    *value = card->state().up[stream->channel].*counter;
+    const UpStreamState& counted = card->state().up[stream->channel];
+    // The errors of a scenario come with the stream's first packet, so that it can be seen in which stream they
+    // happened.
+    const bool isError = counter == &UpStreamState::fifoErrors || counter == &UpStreamState::errors;
+    *value = isError && counted.packets == 0 ? 0 : counted.*counter;
     return card.end() ? 0 : -1;
 }
 

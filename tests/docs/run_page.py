@@ -14,6 +14,7 @@ import pathlib
 import re
 import shlex
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
@@ -50,22 +51,31 @@ UNTIL_STOPPED = [
     (r"^vexo-simcard(?! --(status|json|help|version))", "vexo-simcard --json >/dev/null 2>&1"),
     (r"^vexo sim run (--shared-day-file )?-- \./app", RECEIVES),
     (r"^vexo sim run --hosted -- \.\.?/app", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
+    (r"^nats-server ", "(: </dev/tcp/127.0.0.1/4222) 2>/dev/null"),
+    (r" vexo relay ", "grep -q '^vexo relay: ' \"$log\""),
 ]
 # What goes on while others are typed, in other terminals: a hosted card and its users. A program with a card of its own
 # is ended as soon as it works, as Ctrl-C ends it for a reader.
-GOES_ON = r"^vexo-simcard| --hosted "
-BESIDE = r" --hosted "
+GOES_ON = r"^nats-server |^vexo-simcard| --hosted "
+BESIDE = r"^nats-server | --hosted "
+# A program that ends with status 1 when it is asked to end; the others end with 0.
+ENDS_WITH_ONE = r"^nats-server "
+# The port that a page shows for a message server. Another server may have it, so the test takes a free one.
+PORT_ON_PAGES = "4222"
 
 PRELUDE = """\
 set -euo pipefail
-background=() logs=()
+background=() logs=() ends=()
 # Ends what runs in the background, the last one first.
 stop() {
-    local n
+    local n status
     for ((n = ${#background[@]} - 1; n >= 0; --n)); do
         kill "${background[n]}"
-        wait "${background[n]}" || { echo "the program in the background ended with status $?"; cat "${logs[n]}"; exit 1; }
-        unset "background[n]" "logs[n]"
+        status=0
+        wait "${background[n]}" || status=$?
+        [ "$status" -eq "${ends[n]}" ] ||
+            { echo "the program in the background ended with status $status"; cat "${logs[n]}"; exit 1; }
+        unset "background[n]" "logs[n]" "ends[n]"
     done
 }
 trap 'for process in "${background[@]}"; do kill "$process" || true; done' EXIT
@@ -153,7 +163,7 @@ def script(page, text, skipped):
             if ready:
                 out.append(("" if re.search(BESIDE, command) else "stop\n") +
                            f"log=$(mktemp -p \"$HOME\")\n( exec {bare(command)} ) >\"$log\" 2>&1 &\n"
-                           f"background+=($!) logs+=(\"$log\")\n"
+                           f"background+=($!) logs+=(\"$log\") ends+=({1 if re.search(ENDS_WITH_ONE, command) else 0})\n"
                            f"until {ready}; do\n"
                            f"    kill -0 ${{background[-1]}} 2>/dev/null || {{ cat \"$log\"; exit 1; }}\n"
                            f"    sleep 0.1\ndone\n" + ("" if re.search(GOES_ON, command) else "stop\n"))
@@ -165,6 +175,12 @@ def script(page, text, skipped):
                 out.append(command + "\n")
     out.append("stop\necho 'all commands work'\n")
     return typed, "".join(out)
+
+
+def free_port():
+    with socket.socket() as one:
+        one.bind(("127.0.0.1", 0))
+        return one.getsockname()[1]
 
 
 def sandbox(work, sources, build):
@@ -193,6 +209,8 @@ def main():
     if arguments.count:
         print(typed)
         return 0
+    if "nats-server " in text:
+        text = text.replace(PORT_ON_PAGES, str(free_port()))
     stale = [command for (page, command), used in skipped.items() if page == arguments.page and not used]
     if stale:
         sys.exit(f"not_run.txt has lines that are not on {arguments.page}: {stale}")

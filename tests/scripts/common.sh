@@ -74,6 +74,10 @@ demo.sh --seconds
 demo.sh --seconds soon
 demo.sh --built
 demo.sh --built /nowhere
+demo-many.sh --nonsense
+demo-many.sh --seconds 0
+demo-many.sh --rate soon
+demo-many.sh --built /nowhere
 bench.sh --nonsense
 bench.sh --figure
 bench.sh --figure all

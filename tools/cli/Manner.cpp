@@ -42,7 +42,9 @@ class Formatter : public CLI::Formatter {
 public:
     std::string make_option_opts(const CLI::Option* option) const override {
         const std::string value = valueOf(*option);
-        const bool repeats = option->get_expected_max() == CLI::detail::expected_max_vector_size;
+        // The commas of "N,..." say already that there may be several.
+        const bool isList = value.find(",...") != std::string::npos;
+        const bool repeats = !isList && option->get_expected_max() == CLI::detail::expected_max_vector_size;
         return (value.empty() ? "" : " " + value) + (repeats ? " ..." : "");
     }
     std::string make_option_desc(const CLI::Option* option) const override {

@@ -16,6 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kDigits[] = "0123456789";
+constexpr std::uint64_t kLargestPid = (1U << 30) - 1;  // that Linux can have
 
 std::string shortNumber(double number) {
     char text[32];
@@ -49,6 +50,8 @@ CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
     };
     return {check, range};
 }
+
+CLI::Validator processId() { return wholeNumber(1, kLargestPid); }
 
 CLI::Validator number(double least, double most) {
     const std::string range = shortNumber(least) + " to " + shortNumber(most);

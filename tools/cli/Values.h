@@ -12,6 +12,9 @@ namespace cli {
 /// A whole number in decimal digits. Use with transform(): zeros in front go, which would make the number octal.
 CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most);
 
+/// A process. Use with transform(), too.
+CLI::Validator processId();
+
 /// A number, also with a fraction.
 CLI::Validator number(double least, double most);
 

@@ -9,6 +9,7 @@
 #include <streambuf>
 #include <vector>
 
+#include "capture/StandardStreams.h"
 #include "tools/vexo/show/Harmless.h"
 
 namespace vexo::data {
@@ -16,6 +17,20 @@ namespace {
 
 constexpr std::size_t kBufferBytes = 1U << 20;
 constexpr unsigned char kZstdMagic[] = {0x28, 0xB5, 0x2F, 0xFD};
+constexpr char kStandardInput[] = "-";
+
+std::string shownName(const std::string& path) { return path == kStandardInput ? "standard input" : harmless(path); }
+
+[[noreturn]] void failFor(const std::string& path, const std::string& what) {
+    throw SourceError(shownName(path) + ": " + what);
+}
+
+// Never under the number of a standard stream: that would get what others print, or read what is meant for them.
+int openToRead(const std::string& path) {
+    if (path == kStandardInput) return STDIN_FILENO;
+    const capture::StandardNumbersTaken taken;
+    return ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+}
 
 }  // namespace
 
@@ -24,7 +39,7 @@ class CaptureSource::FileBuffer : public std::streambuf {
 public:
     FileBuffer(int fd, std::string& failure) : m_fd(fd), m_failure(failure), m_bytes(kBufferBytes) {}
     ~FileBuffer() override {
-        if (m_fd > STDERR_FILENO) ::close(m_fd);
+        if (m_fd != STDIN_FILENO) ::close(m_fd);
     }
     FileBuffer(const FileBuffer&) = delete;
     FileBuffer& operator=(const FileBuffer&) = delete;
@@ -117,19 +132,30 @@ private:
     bool m_isInFrame = false;
 };
 
+std::uint64_t CaptureSource::check(const std::string& path) {
+    struct stat state {};
+    const bool isThere = path == kStandardInput ? ::fstat(STDIN_FILENO, &state) == 0
+                                                : ::stat(path.c_str(), &state) == 0;
+    if (!isThere) failFor(path, std::strerror(errno));
+    if (S_ISDIR(state.st_mode)) failFor(path, "this is a directory, not a capture");
+    if (!S_ISREG(state.st_mode)) return 0;
+    const int fd = openToRead(path);
+    if (fd < 0) failFor(path, std::strerror(errno));
+    if (fd != STDIN_FILENO) ::close(fd);
+    return static_cast<std::uint64_t>(state.st_size);
+}
+
 CaptureSource::CaptureSource(const std::string& path) {
-    const std::string shown = path == "-" ? "standard input" : harmless(path);
-    const int fd = path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw SourceError(shown + ": " + std::strerror(errno));
+    const int fd = openToRead(path);
+    if (fd < 0) failFor(path, std::strerror(errno));
     m_file = std::make_unique<FileBuffer>(fd, m_failure);
     struct stat state {};
-    if (::fstat(fd, &state) == 0 && S_ISDIR(state.st_mode))
-        throw SourceError(shown + ": this is a directory, not a capture");
+    if (::fstat(fd, &state) == 0 && S_ISDIR(state.st_mode)) failFor(path, "this is a directory, not a capture");
     if (S_ISREG(state.st_mode)) m_fileBytes = static_cast<std::uint64_t>(state.st_size);
     try {
         if (m_file->beginsWith(kZstdMagic)) m_unpacked = std::make_unique<ZstdBuffer>(*m_file, m_failure);
     } catch (const SourceError& error) {
-        throw SourceError(shown + ": " + error.what());
+        failFor(path, error.what());
     }
     m_stream = std::make_unique<std::istream>(m_unpacked != nullptr ? m_unpacked.get() : m_file.get());
 }

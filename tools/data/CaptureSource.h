@@ -19,6 +19,9 @@ class CaptureSource {
 public:
     /// @param path  "-" = standard input. Throws SourceError.
     explicit CaptureSource(const std::string& path);
+    /// Throws SourceError if the file cannot be opened now. A pipe is not opened: that would take it from its reader.
+    /// @return bytes of the file; 0 if that is not known
+    static std::uint64_t check(const std::string& path);
     ~CaptureSource();
     CaptureSource(const CaptureSource&) = delete;
     CaptureSource& operator=(const CaptureSource&) = delete;

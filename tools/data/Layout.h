@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -38,6 +39,27 @@ struct FixedValue {
 
 inline constexpr std::size_t kNoField = ~std::size_t{0};
 
+/// Where the packets of a layout have their numbers, by which one sees that packets are missing.
+struct Numbering {
+    enum class Place {
+        kNone,
+        kHead,  // a u32 of the head, at byte headAt of each packet
+        kField  // a field of the payload; packets of types without a place in fields have no number
+    };
+    struct FieldPlace {
+        std::uint32_t size = 0;  // of the whole packet; 0: packets of this type have no number
+        std::uint32_t at = 0;    // byte of the packet
+    };
+    static constexpr std::uint32_t kTypes = 32;  // numbers of other packet types are not looked at
+
+    Place place = Place::kNone;
+    std::uint32_t headAt = 0;
+    std::uint32_t width = sizeof(std::uint32_t);
+    bool isBigEndian = false;
+    bool isByType = false;  // each packet type counts by itself, instead of the stream as a whole
+    std::array<FieldPlace, kTypes> fields{};
+};
+
 struct Layout;
 
 /// The payload of the packets of one type.
@@ -63,6 +85,7 @@ struct Layout {
     std::string meaning;
     std::optional<std::uint32_t> lengthAt;  // byte of the head where the packet's length is, if it is there
     std::vector<Payload> payloads;          // by type; they point to this layout
+    Numbering numbering;
     std::map<std::string, std::map<std::uint64_t, std::string>> values;  // names of a field's values
 
     Layout() = default;

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "tools/data/LayoutText.h"
@@ -22,6 +24,12 @@ constexpr std::uint32_t kMostValues = 64;  // of a list
 constexpr std::uint32_t kMostText = 1024;  // bytes of a text
 constexpr std::uint32_t kMostScale = 1'000'000'000;
 constexpr std::size_t kMostName = 32;
+// Far more than a card needs. A file that asks for more would take minutes, or all the memory.
+constexpr std::size_t kMostTypes = 256;
+constexpr std::size_t kMostGroups = 64;    // of fields, in a type
+constexpr std::size_t kMostFields = 1024;  // of a type
+constexpr std::size_t kMostFixed = 64;     // of a type
+constexpr std::size_t kMostColumns = 4096;
 
 struct TypeName {
     const char* name;
@@ -60,10 +68,17 @@ public:
             m_text.reject(0, "there is no section [type N]; add one for each packet type with its size and fields");
         }
         for (const LayoutSection& section : m_text.sections()) requireUse(section);
+        takeNumbering(*head);
         return std::move(m_layout);
     }
 
 private:
+    /// A field, and the first packet type that has it.
+    struct Known {
+        Field field;
+        std::uint32_t type = 0;
+    };
+
     void checkSections() const {
         for (const LayoutSection& section : m_text.sections()) {
             const bool isKnown = section.kind == "type" || section.kind == "fields" || section.kind == "values";
@@ -102,13 +117,59 @@ private:
     }
 
     void takeHead(const LayoutSection& head) {
-        allowOnly(head, {"name", "meaning", "length_at", "sequence_field", "id_field", "time_field", "millis_field"});
+        allowOnly(head, {"name", "meaning", "length_at", "sequence_at", "sequence_field", "sequence_scope", "id_field",
+                         "time_field", "millis_field"});
         const LayoutEntry& name = required(head, "name");
         if (!isName(name.value)) m_text.reject(name.line, nameRule("the layout"));
         m_layout->name = name.value;
         m_layout->meaning = required(head, "meaning").value;
         if (const LayoutEntry* at = head.find("length_at")) {
             m_layout->lengthAt = number(at->line, at->value, 4, kHeadBytes - 4, "the byte of the packet's length");
+        }
+    }
+
+    void takeNumbering(const LayoutSection& head) {
+        Numbering& numbering = m_layout->numbering;
+        if (const LayoutEntry* scope = head.find("sequence_scope")) {
+            if (scope->value != "stream" && scope->value != "type") {
+                m_text.reject(scope->line,
+                              "the numbers count in the whole stream or for each type; write stream or type");
+            }
+            numbering.isByType = scope->value == "type";
+        }
+        if (const LayoutEntry* at = head.find("sequence_at")) {
+            numbering.place = Numbering::Place::kHead;
+            numbering.headAt = number(at->line, at->value, 4, kHeadBytes - 4, "the byte of the packet's number");
+            if (m_layout->lengthAt && numbering.headAt < *m_layout->lengthAt + 4 &&
+                *m_layout->lengthAt < numbering.headAt + 4) {
+                m_text.reject(at->line, "sequence_at and length_at lie on the same bytes; correct one of them");
+            }
+            if (numbering.isByType) {
+                m_text.reject(head.find("sequence_scope")->line,
+                              "sequence_at counts all packets of a stream; leave out sequence_at or sequence_scope");
+            }
+        } else if (const LayoutEntry* field = head.find("sequence_field")) {
+            takeNumberFields(*field);
+        } else if (const LayoutEntry* scope = head.find("sequence_scope")) {
+            m_text.reject(scope->line, "there are no numbers; add sequence_field, or leave out sequence_scope");
+        }
+    }
+
+    void takeNumberFields(const LayoutEntry& entry) {
+        Numbering& numbering = m_layout->numbering;
+        for (const Payload& payload : m_layout->payloads) {
+            const Field& field = payload.fields[payload.sequence];
+            if (numbering.place != Numbering::Place::kNone && field.isBigEndian != numbering.isBigEndian) {
+                m_text.reject(entry.line, field.name + " has another byte order in type " +
+                                              std::to_string(payload.type) +
+                                              "; number the packets by a field that is the same everywhere");
+            }
+            numbering.place = Numbering::Place::kField;
+            numbering.width = field.width;
+            numbering.isBigEndian = field.isBigEndian;
+            if (payload.type < Numbering::kTypes) {
+                numbering.fields[payload.type] = {kHeadBytes + payload.size, kHeadBytes + field.offset};
+            }
         }
     }
 
@@ -121,6 +182,7 @@ private:
         allowOnly(section, {"meaning", "size", "fields", "fixed"});
         Payload payload;
         payload.layout = m_layout.get();
+        limit(m_layout->payloads.size() + 1, kMostTypes, section.line, "types");
         payload.type = number(section.line, section.name, 0, 0xFFFFFFFF, "the packet type");
         for (const Payload& other : m_layout->payloads) {
             if (other.type == payload.type) m_text.reject(section.line, "the type is there twice; remove one section");
@@ -129,12 +191,7 @@ private:
         const LayoutEntry& size = required(section, "size");
         payload.size = number(size.line, size.value, 1, kMostPayload, "the size of the payload in bytes");
         const LayoutEntry& groups = required(section, "fields");
-        for (const std::string& name : splitAtCommas(groups.value)) {
-            const LayoutSection* group = m_text.find("fields", name);
-            if (group == nullptr) m_text.reject(groups.line, "there is no section [fields " + name + "]; add it");
-            m_used.push_back(group);
-            for (const LayoutEntry& entry : group->entries) addField(payload, entry);
-        }
+        takeGroups(payload, groups);
         sortFields(payload, groups.line);
         if (const LayoutEntry* fixed = section.find("fixed")) takeFixed(payload, *fixed);
         payload.sequence = role(head, "sequence_field", payload);
@@ -145,7 +202,26 @@ private:
         m_layout->payloads.push_back(std::move(payload));
     }
 
-    void addField(Payload& payload, const LayoutEntry& entry) {
+    void takeGroups(Payload& payload, const LayoutEntry& groups) {
+        const std::vector<std::string> names = splitAtCommas(groups.value);
+        limit(names.size(), kMostGroups, groups.line, "groups of fields in a type");
+        std::unordered_set<std::string> seen;  // names of fields
+        for (const std::string& name : names) {
+            const LayoutSection* group = m_text.find("fields", name);
+            if (group == nullptr) m_text.reject(groups.line, "there is no section [fields " + name + "]; add it");
+            m_used.insert(group);
+            for (const LayoutEntry& entry : group->entries) {
+                limit(payload.fields.size() + 1, kMostFields, entry.line, "fields in a type");
+                addField(payload, entry, seen);
+            }
+        }
+    }
+
+    void limit(std::size_t count, std::size_t most, unsigned line, const char* what) const {
+        if (count > most) m_text.reject(line, "more than " + std::to_string(most) + " " + what + "; leave some out");
+    }
+
+    void addField(Payload& payload, const LayoutEntry& entry, std::unordered_set<std::string>& seen) {
         if (!isName(entry.key)) m_text.reject(entry.line, nameRule("a field"));
         const std::vector<std::string> parts = splitAtCommas(entry.value, 4);
         if (parts.size() != 4) m_text.reject(entry.line, "write NAME = OFFSET, TYPE, SCALE, MEANING");
@@ -160,26 +236,28 @@ private:
                                           ", past the payload of type " + std::to_string(payload.type) + " with " +
                                           std::to_string(payload.size) + " bytes; correct offset, type or size");
         }
-        if (payload.indexOf(field.name) != kNoField) {
+        if (!seen.insert(field.name).second) {
             m_text.reject(entry.line, "type " + std::to_string(payload.type) + " has two fields " + field.name +
                                           "; give them different names");
         }
-        requireSameEverywhere(field, entry.line);
+        requireSameEverywhere(field, payload, entry.line);
         payload.fields.push_back(std::move(field));
     }
 
     // A field of one name is one column, whatever the packet type.
-    void requireSameEverywhere(const Field& field, unsigned line) const {
-        for (const Payload& payload : m_layout->payloads) {
-            const std::size_t index = payload.indexOf(field.name);
-            if (index == kNoField) continue;
-            const Field& other = payload.fields[index];
-            if (other.kind != field.kind || other.width != field.width || other.decimals != field.decimals ||
-                (other.count == 0) != (field.count == 0)) {
-                m_text.reject(line, field.name + " has another type or scale in type " + std::to_string(payload.type) +
-                                        "; give one of them another name");
-            }
+    void requireSameEverywhere(const Field& field, const Payload& payload, unsigned line) {
+        const auto [known, isNew] = m_known.try_emplace(field.name, Known{field, payload.type});
+        const Field& other = known->second.field;
+        if (other.kind != field.kind || other.width != field.width || other.decimals != field.decimals ||
+            (other.count == 0) != (field.count == 0)) {
+            m_text.reject(line, field.name + " has another type or scale in type " +
+                                    std::to_string(known->second.type) + "; give one of them another name");
         }
+        const std::uint32_t before = isNew ? 0 : other.values();
+        if (field.values() <= before) return;
+        m_columns += field.values() - before;
+        known->second.field.count = field.count;
+        limit(m_columns, kMostColumns, line, "columns");
     }
 
     void takeFieldType(Field& field, const std::string& text, unsigned line) const {
@@ -232,7 +310,9 @@ private:
     }
 
     void takeFixed(Payload& payload, const LayoutEntry& entry) const {
-        for (const std::string& text : splitAtCommas(entry.value)) {
+        const std::vector<std::string> values = splitAtCommas(entry.value);
+        limit(values.size(), kMostFixed, entry.line, "fixed values");
+        for (const std::string& text : values) {
             const std::size_t blank = text.find(' ');
             const std::size_t index = payload.indexOf(text.substr(0, blank));
             if (blank == std::string::npos || index == kNoField) {
@@ -287,20 +367,20 @@ private:
 
     // A group that no type uses, or values of a field that is not there, is most likely a typing mistake.
     void requireUse(const LayoutSection& section) const {
-        if (section.kind == "fields" && std::find(m_used.begin(), m_used.end(), &section) == m_used.end()) {
+        if (section.kind == "fields" && m_used.count(&section) == 0) {
             m_text.reject(section.line, "no type uses these fields; name the section in the fields of a type");
         }
         if (section.kind != "values") return;
-        for (const Payload& payload : m_layout->payloads) {
-            const std::size_t index = payload.indexOf(section.name);
-            if (index != kNoField && payload.fields[index].kind == FieldKind::kUnsigned) return;
-        }
+        const auto known = m_known.find(section.name);
+        if (known != m_known.end() && known->second.field.kind == FieldKind::kUnsigned) return;
         m_text.reject(section.line, "there is no unsigned field " + section.name + "; correct the name");
     }
 
     const LayoutText& m_text;
     std::unique_ptr<Layout> m_layout;
-    std::vector<const LayoutSection*> m_used;
+    std::unordered_set<const LayoutSection*> m_used;
+    std::unordered_map<std::string, Known> m_known;  // by name; of a list, the longest
+    std::size_t m_columns = 0;
 };
 
 std::vector<std::string> namesOfVariable() {

@@ -13,6 +13,11 @@ namespace {
 
 constexpr char kBlanks[] = " \t\r";
 
+// Far more than a card needs. They bound the time that a file of anybody takes, whatever is in it.
+constexpr std::size_t kMostLine = 4096;
+constexpr std::size_t kMostSections = 1000;
+constexpr std::size_t kMostEntries = 10'000;
+
 std::string trimmed(const std::string& text) {
     const std::size_t first = text.find_first_not_of(kBlanks);
     return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
@@ -41,12 +46,16 @@ void LayoutText::reject(unsigned line, const std::string& what) const {
 }
 
 void LayoutText::takeLine(const std::string& line, unsigned number) {
+    if (line.size() > kMostLine) reject(number, "the line is longer than " + std::to_string(kMostLine) + " bytes");
     if (line.empty() || line.front() == ';' || line.front() == '#') return;
     if (!isPlain(line)) reject(number, "the line has control characters; a layout file is plain text");
     if (line.front() == '[') return takeSection(line, number);
     const std::size_t equals = line.find('=');
     if (equals == std::string::npos) reject(number, "no KEY = VALUE; begin a comment with ; or #");
     if (m_sections.empty()) reject(number, "a key before the first section; begin with [layout]");
+    if (++m_entries > kMostEntries) {
+        reject(number, "more than " + std::to_string(kMostEntries) + " keys; this is no layout file");
+    }
     const LayoutEntry entry = {trimmed(line.substr(0, equals)), trimmed(line.substr(equals + 1)), number};
     if (entry.key.empty() || entry.value.empty()) reject(number, "key or value is missing; write KEY = VALUE");
     if (m_sections.back().find(entry.key) != nullptr) {
@@ -65,6 +74,9 @@ void LayoutText::takeSection(const std::string& line, unsigned number) {
     section.line = number;
     if (find(section.kind, section.name) != nullptr) {
         reject(number, "the section [" + inside + "] is there twice; join the two");
+    }
+    if (m_sections.size() == kMostSections) {
+        reject(number, "more than " + std::to_string(kMostSections) + " sections; this is no layout file");
     }
     m_sections.push_back(section);
 }

@@ -41,6 +41,7 @@ private:
 
     std::string m_file;
     std::vector<LayoutSection> m_sections;
+    std::size_t m_entries = 0;  // of all of them
 };
 
 /// The pieces between commas, without blanks around them. @param most  the last of so many pieces may have commas

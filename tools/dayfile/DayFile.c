@@ -11,6 +11,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdatomic.h>
 #include <stdbool.h>
@@ -18,6 +19,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 static const char kDayFiles[] = "/tmp/.zce_";
@@ -29,10 +32,18 @@ enum { kPathSize = 4096 };
 typedef int (*CardKey)(uint64_t* key);
 typedef int (*OpenFunction)(const char* path, int flags, ...);
 
+// The functions behind these. They are looked up when this library is loaded: a program may call open() in a handler of
+// a signal or in its allocator, where nothing may be looked up.
+static OpenFunction g_open;
+static OpenFunction g_open64;
 static bool g_isErrorClosed;
 
-// A descriptor 2 that was closed at the start may later be a file of the program.
-__attribute__((constructor)) static void lookAtLoad(void) { g_isErrorClosed = fcntl(STDERR_FILENO, F_GETFD) < 0; }
+__attribute__((constructor(101))) static void lookAtLoad(void) {
+    *(void**)&g_open = dlsym(RTLD_NEXT, "open");
+    *(void**)&g_open64 = dlsym(RTLD_NEXT, "open64");
+    // A descriptor 2 that was closed at the start may later be a file of the program.
+    g_isErrorClosed = fcntl(STDERR_FILENO, F_GETFD) < 0;
+}
 
 // Which card the program has opened. The program may have been linked so that it got a real one in spite of
 // `vexo sim run`: the map of a real card lies in the usual place.
@@ -49,8 +60,18 @@ static uint64_t keyOf(void* card) {
 static void tellOnce(const char* path) {
     static atomic_flag told = ATOMIC_FLAG_INIT;
     if (g_isErrorClosed || atomic_flag_test_and_set(&told)) return;
+    // A pipe that nobody reads must not end the program.
+    sigset_t pending, pipe, before;
+    sigemptyset(&pending);
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    sigpending(&pending);
+    pthread_sigmask(SIG_BLOCK, &pipe, &before);
     fprintf(stderr, "vexo sim run: the day file of this simulated card is %s, not in /tmp (see --shared-day-file).\n",
             path);
+    const struct timespec atOnce = {0, 0};
+    if (!sigismember(&pending, SIGPIPE)) sigtimedwait(&pipe, NULL, &atOnce);
+    pthread_sigmask(SIG_SETMASK, &before, NULL);
 }
 
 static bool isDayFile(const char* path) { return path != NULL && strncmp(path, kDayFiles, sizeof kDayFiles - 1) == 0; }
@@ -88,21 +109,23 @@ static mode_t modeOf(int flags, va_list arguments) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(arguments, mode_t) : 0;
 }
 
-#define OPEN(name)                                                                               \
+// For the constructors of libraries that are loaded before this one.
+static int openDirectly(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return (int)syscall(SYS_openat, AT_FDCWD, path, flags, mode);
+}
+
+#define OPEN(name, known)                                                                        \
     __attribute__((visibility("default"))) int name(const char* path, int flags, ...) {          \
-        static _Atomic(void*) known;                                                             \
-        void* found = atomic_load_explicit(&known, memory_order_relaxed);                        \
-        if (found == NULL) {                                                                     \
-            found = dlsym(RTLD_NEXT, #name);                                                     \
-            atomic_store_explicit(&known, found, memory_order_relaxed);                          \
-        }                                                                                        \
-        OpenFunction next;                                                                       \
-        *(void**)&next = found;                                                                  \
+        const OpenFunction next = known != NULL ? known : openDirectly;                          \
         va_list arguments;                                                                       \
         va_start(arguments, flags);                                                              \
         const mode_t mode = modeOf(flags, arguments);                                            \
         va_end(arguments);                                                                       \
         return isDayFile(path) ? openDayFile(next, path, flags, mode) : next(path, flags, mode); \
     }
-OPEN(open)
-OPEN(open64)
+OPEN(open, g_open)
+OPEN(open64, g_open64)

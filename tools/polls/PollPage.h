@@ -1,5 +1,7 @@
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -13,9 +15,22 @@ inline constexpr std::size_t kStreams = 64;
 
 /// One open stream. A cache line each: several threads poll several streams.
 struct alignas(64) StreamSlot {
-    std::atomic<std::uint32_t> owner;  ///< process that opened the stream; 0 = the slot is free
-    std::atomic<std::uint64_t> polls;  ///< only the polling thread writes it
+    std::atomic<std::uint32_t> owner;       ///< process that opened the stream; 0 = the slot is free
+    std::atomic<std::uint32_t> isHeld;      ///< 1: the owner keeps a lock as long as it runs its program, see lockOf()
+    std::atomic<std::uint64_t> ownerStart;  ///< field 22 of its /proc/PID/stat; 0 = it cannot be told
+    std::atomic<std::uint64_t> polls;       ///< only the polling thread writes it
 };
+
+/// The byte of the page that a process locks. The lock goes when the process ends, and when it becomes another program:
+/// its streams are gone then, too.
+inline struct flock lockOf(std::uint32_t process, short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = static_cast<off_t>(process);
+    lock.l_len = 1;
+    return lock;
+}
 
 /// What an application and its supervisor share: an anonymous file of the supervisor's. It vanishes with the last of
 /// the two, however they end.
@@ -23,6 +38,7 @@ struct PollPage {
     std::uint32_t magic;
     std::atomic<std::uint32_t> attached;  ///< 1 once a program has loaded the counting library
     std::atomic<std::uint32_t> ready;     ///< 1 once a channel's streams were open
+    std::uint64_t pidNamespace;           ///< of the supervisor; other processes' numbers mean nothing to it
     StreamSlot streams[kStreams];
 };
 

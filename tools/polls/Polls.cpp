@@ -1,11 +1,15 @@
 // libvexo-polls.so: counts the polls of an application for the program that supervises it. It lies between the
 // application and the card's library. A poll costs a few instructions more and no system call.
 
+#include <VexoZceMdStatsFile.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 
 // Everything else of this library is hidden.
@@ -30,15 +34,46 @@ PollPage* g_page = nullptr;
 // Which slot of the page belongs to a stream of this process: the slot at the same place.
 std::atomic<const void*> g_streams[kStreams];
 
+// What this process writes into its slots.
+std::uint32_t g_isHeld = 0;
+std::uint64_t g_start = 0;
+
 // Another program may have closed the descriptor and given its number to a file of its own. The seals, which only an
-// anonymous file can have, the size and the first word tell that it is the page; the seals also keep its size.
+// anonymous file can have, the size and the first word tell that it is the page; the seals also keep its size. The
+// system may have added seals: vm.memfd_noexec adds one.
 bool isPage(int fd) {
     constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
     struct stat status;
-    if (::fcntl(fd, F_GET_SEALS) != kSeals || ::fstat(fd, &status) != 0) return false;
+    const int seals = ::fcntl(fd, F_GET_SEALS);
+    if (seals < 0 || (seals & kSeals) != kSeals || ::fstat(fd, &status) != 0) return false;
     std::uint32_t magic = 0;
     return status.st_size == sizeof(PollPage) && ::pread(fd, &magic, sizeof magic, 0) == sizeof magic &&
            magic == kMagic;
+}
+
+// An opened file of this process alone, so that its lock is too. It need not stay open: what is mapped keeps the lock.
+int openAgain(int fd) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    const int again = vexo_stats::aboveStandardStreams(::open(path, O_RDWR | O_CLOEXEC));
+    if (again < 0) return -1;
+    struct flock lock = lockOf(static_cast<std::uint32_t>(::getpid()), F_WRLCK);
+    g_isHeld = ::fcntl(again, F_OFD_SETLK, &lock) == 0 ? 1 : 0;
+    return again;
+}
+
+// In a child of fork(). The streams, their slots and the lock stay its parent's. It may open streams of its own.
+void beginAsChild() {
+    for (std::atomic<const void*>& stream : g_streams) stream.store(nullptr, std::memory_order_relaxed);
+    g_isHeld = 0;
+    g_start = 0;  // looked up when a stream is opened
+}
+
+void map(int fd) {
+    const int own = openAgain(fd);
+    void* const page = ::mmap(nullptr, sizeof(PollPage), PROT_READ | PROT_WRITE, MAP_SHARED, own >= 0 ? own : fd, 0);
+    if (own >= 0) ::close(own);
+    if (page != MAP_FAILED) g_page = static_cast<PollPage*>(page);
 }
 
 [[gnu::constructor]] void attach() {
@@ -48,9 +83,14 @@ bool isPage(int fd) {
     char* end = nullptr;
     const long fd = std::strtol(text, &end, 10);
     if (end == text || *end != '\0' || fd < 0 || fd > 0x7FFFFFFF || !isPage(static_cast<int>(fd))) return;
-    void* const page = ::mmap(nullptr, sizeof(PollPage), PROT_READ | PROT_WRITE, MAP_SHARED, static_cast<int>(fd), 0);
-    if (page == MAP_FAILED) return;
-    g_page = static_cast<PollPage*>(page);
+    map(static_cast<int>(fd));
+    if (g_page == nullptr) return;
+    ::pthread_atfork(nullptr, nullptr, beginAsChild);
+    // What this process had open before it became this program.
+    for (StreamSlot& slot : g_page->streams) {
+        auto self = static_cast<std::uint32_t>(::getpid());
+        slot.owner.compare_exchange_strong(self, 0);
+    }
     g_page->attached.store(1, std::memory_order_relaxed);
 }
 
@@ -68,21 +108,38 @@ StreamSlot* find(const void* stream) {
     return nullptr;
 }
 
+// A process of this supervisor that ended without closing its stream. In another namespace, all seem to be gone.
+bool isGone(std::uint32_t process) {
+    return g_page->pidNamespace == vexo_stats::pidNamespace() && ::kill(static_cast<pid_t>(process), 0) != 0 &&
+           errno == ESRCH;
+}
+
+bool take(StreamSlot& slot, std::uint32_t from) {
+    if (!slot.owner.compare_exchange_strong(from, static_cast<std::uint32_t>(::getpid()))) return false;
+    slot.ownerStart.store(g_start);
+    slot.isHeld.store(g_isHeld);
+    return true;
+}
+
 // With more streams than slots, those without one are not watched.
 void open(const void* stream) {
     if (g_page == nullptr || stream == nullptr) return;
-    std::size_t i = firstPlace(stream);
-    for (std::size_t n = 0; n < kStreams; ++n, i = (i + 1) % kStreams) {
-        std::uint32_t nobody = 0;
-        StreamSlot& slot = g_page->streams[i];
-        if (!slot.owner.compare_exchange_strong(nobody, static_cast<std::uint32_t>(::getpid()))) continue;
-        countOne(slot);  // opening counts as a sign of life
-        g_streams[i].store(stream, std::memory_order_release);
-        return;
+    if (g_start == 0 && g_page->pidNamespace == vexo_stats::pidNamespace())
+        g_start = vexo_stats::processStart(static_cast<unsigned long>(::getpid()));
+    for (const bool takesDead : {false, true}) {
+        std::size_t i = firstPlace(stream);
+        for (std::size_t n = 0; n < kStreams; ++n, i = (i + 1) % kStreams) {
+            StreamSlot& slot = g_page->streams[i];
+            const std::uint32_t owner = slot.owner.load();
+            if (owner != 0 && !(takesDead && isGone(owner))) continue;
+            if (!take(slot, owner)) continue;
+            countOne(slot);  // opening counts as a sign of life
+            g_streams[i].store(stream, std::memory_order_release);
+            return;
+        }
     }
 }
 
-// A child of fork() has a copy of the table. The slots stay its parent's.
 void close(const void* stream) {
     StreamSlot* const slot = g_page != nullptr && stream != nullptr ? find(stream) : nullptr;
     if (slot == nullptr || slot->owner.load() != static_cast<std::uint32_t>(::getpid())) return;
@@ -124,6 +181,7 @@ int enyx_hw_c2a_stream_get_mtu(const enyx_hw_c2a_stream* stream, uint32_t* mtu) 
 
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     const std::size_t place = firstPlace(stream);
+    if (handler == nullptr) return g_poll(stream, handler, context);  // an error, no sign of life
     if (g_streams[place].load(std::memory_order_relaxed) == stream && stream != nullptr)
         countOne(g_page->streams[place]);
     else

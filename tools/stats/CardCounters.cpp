@@ -5,71 +5,75 @@ namespace {
 
 using vexo_stats::kUnknown;
 
-std::uint64_t load(const std::uint64_t& word) { return __atomic_load_n(&word, __ATOMIC_RELAXED); }
-void store(std::uint64_t& word, std::uint64_t value) { __atomic_store_n(&word, value, __ATOMIC_RELAXED); }
+std::uint64_t orZero(std::uint64_t number) { return number == kUnknown ? 0 : number; }
 
-// What a counter of 32 bits gained. It begins again at 0 when it passes its end, and when the stream is opened again.
-std::uint32_t gained(CardCounter& counter, std::uint32_t now) {
+// What a counter of 32 bits gained. It begins again at 0 when it passes its end, and when somebody resets the card.
+std::uint32_t gained(std::uint32_t last, std::uint32_t now) {
     constexpr std::uint32_t kHalf = 1U << 31;
-    const std::uint32_t last = counter.last;
-    counter.last = now;
     return now < last && last < kHalf ? now : now - last;
 }
 
-// Whether the program stayed away from the ring for longer than it lasts, since the last look or shortly before that:
-// the card may count a packet as lost some time after its ring was full.
-bool stayedAway(Source& source) {
-    const vexo_stats::Stream& counts = source.counts;
-    std::uint64_t longOnes = 0;
-    // From the first bucket on that has none but long ones.
-    for (std::size_t b = vexo_stats::bucketOf((counts.longCallback - 1) | 1) + 1; b < vexo_stats::kBuckets; ++b) {
-        longOnes += load(counts.callbacks[b]);
-    }
-    const std::uint64_t polls = load(counts.idlePolls) + load(counts.failedPolls);
-    const std::uint64_t packet = load(counts.lastPacket);
-    const std::uint64_t now = vexo_stats::startNow();
-    const bool stands = polls == source.pollsBefore && packet == source.packetBefore &&
-                        now - source.lookedAt >= counts.longCallback;
-    source.lookedAt = now;
-    const bool isLong = longOnes != source.longBefore || stands;
-    const bool away = isLong || source.wasLong;
-    source.longBefore = longOnes;
-    source.pollsBefore = polls;
-    source.packetBefore = packet;
-    source.wasLong = isLong;
-    return away;
+// @return what is new
+std::uint32_t take(std::optional<std::uint32_t>& last, const std::optional<std::uint32_t>& now, std::uint64_t& word) {
+    if (!now) return 0;
+    const std::uint32_t more = gained(last.value_or(0), *now);
+    last = now;
+    vexo_stats::set(word, orZero(word) + more);
+    return more;
 }
 
-template <typename Call>
-std::uint32_t read(Call& call, const Source& source, CardCounter& counter, std::uint64_t& word) {
-    std::uint32_t value = 0;
-    const auto* stream = static_cast<const enyx_hw_a2c_stream*>(source.stream.load(std::memory_order_relaxed));
-    if (!call.isThere() || call(stream, &value) != 0) return 0;
-    const std::uint32_t more = gained(counter, value);
-    store(word, (word == kUnknown ? 0 : word) + more);
-    return more;
+void know(const std::optional<std::uint32_t>& now, std::uint64_t& word) {
+    if (now) vexo_stats::set(word, orZero(word));
+}
+
+// Nobody says whether a card counts from the opening of a stream or from its own start. A stream that was opened a
+// moment ago has no more packets than its ring holds: with more, or without an answer, the card's counters are older.
+bool isOlderThanTheStream(const CardReading& atOpening) {
+    constexpr std::uint32_t kMoreThanARingHolds = 65536;
+    return !atOpening.packets || *atOpening.packets >= kMoreThanARingHolds;
 }
 
 }  // namespace
 
-void readCardCounters(Source& source) {
-    const tap::KeepErrno keep;
-    vexo_stats::Stream& counts = source.counts;
-    const bool away = stayedAway(source);
-    const std::uint64_t missing = load(counts.sequenceLost);  // before the card is asked: it has counted their cause
-    const std::uint32_t lost = read(tap::g_next.enyx_hw_a2c_stream_stats_get_backpressure, source, source.backPressure,
-                                    counts.backPressure);
-    if (counts.backPressure != kUnknown) {
-        const std::uint64_t before = counts.backPressureInCallbacks == kUnknown ? 0 : counts.backPressureInCallbacks;
-        store(counts.backPressureInCallbacks, before + (away ? lost : 0));
-        // The card may have counted packets whose gap has not arrived yet.
-        if (missing > counts.backPressure + counts.lostBeforeCard) {
-            store(counts.lostBeforeCard, missing - counts.backPressure);
-        }
+void CardCounters::start(vexo_stats::Stream& counts, const CardReading& now, std::uint64_t missing,
+                         std::uint64_t lostInTap) {
+    m_last = isOlderThanTheStream(now) ? now : CardReading();
+    m_missing = missing;
+    m_lostInTap = lostInTap;
+    m_backPressure = orZero(counts.backPressure);
+    m_lostBeforeCard = counts.lostBeforeCard;
+    know(now.packets, counts.cardPackets);
+    know(now.backPressure, counts.backPressure);
+    know(now.backPressure, counts.backPressureInCallbacks);
+    know(now.fifoErrors, counts.fifoErrors);
+    know(now.errors, counts.errors);
+}
+
+void CardCounters::add(vexo_stats::Stream& counts, const CardReading& now, bool byApplication) {
+    take(m_last.packets, now.packets, counts.cardPackets);
+    const std::uint32_t lost = take(m_last.backPressure, now.backPressure, counts.backPressure);
+    if (now.backPressure) {
+        const std::uint64_t before = orZero(counts.backPressureInCallbacks);
+        vexo_stats::set(counts.backPressureInCallbacks, before + (byApplication ? lost : 0));
     }
-    read(tap::g_next.enyx_hw_a2c_stream_stats_get_fifo_errors, source, source.fifoErrors, counts.fifoErrors);
-    read(tap::g_next.enyx_hw_a2c_stream_stats_get_errors, source, source.errors, counts.errors);
-    store(counts.cardRead, vexo_stats::startNow());
+    take(m_last.fifoErrors, now.fifoErrors, counts.fifoErrors);
+    take(m_last.errors, now.errors, counts.errors);
+    vexo_stats::set(counts.cardRead, vexo_stats::startNow());
+}
+
+void CardCounters::noteLostBeforeCard(vexo_stats::Stream& counts, std::uint64_t missing,
+                                      std::uint64_t lostInTap) const {
+    if (counts.backPressure == kUnknown) return;
+    // The card may have counted packets whose gap has not arrived yet.
+    const std::uint64_t explained = counts.backPressure - m_backPressure + lostInTap - m_lostInTap;
+    const std::uint64_t missed = missing - m_missing;
+    if (missed <= explained) return;
+    const std::uint64_t lost = m_lostBeforeCard + missed - explained;
+    if (lost > counts.lostBeforeCard) vexo_stats::set(counts.lostBeforeCard, lost);
+}
+
+std::uint64_t shortestAbsence(std::uint64_t ringLasts) {
+    return std::uint64_t{1} << (vexo_stats::bucketOf((ringLasts - 1) | 1) + 1);
 }
 
 }  // namespace stats

@@ -2,9 +2,10 @@
 // and its errno unchanged. None of these functions is noexcept: an exception of a packet handler must pass through, and
 // so must the unwinding when its thread ends.
 
-#include <dlfcn.h>
+#include <cstddef>
 #include <cstring>
 
+#include "tools/data/Sequence.h"
 #include "tools/stats/Sources.h"
 
 using namespace stats;
@@ -33,11 +34,12 @@ int enyx_hw_write(enyx_hw_core* core, const enyx_hw_register_description* reg, u
 
 namespace {
 
-// The head of a packet: its type, and on the simulated card its length and its sequence number.
-constexpr std::size_t kHeadBytes = 12;
-constexpr std::size_t kLengthAt = 4;
-constexpr std::size_t kSequenceAt = 8;
+using vexo::data::Numbering;
+using Expected = vexo::data::SequenceCounter::Expected;
+
+constexpr std::size_t kHeadBytes = vexo::data::kHeadBytes;
 constexpr std::uint32_t kOrdinaryTypes = 32;
+static_assert(kOrdinaryTypes == Numbering::kTypes);
 
 std::uint32_t word(const std::uint8_t* data, std::size_t at = 0) {
     std::uint32_t value;
@@ -45,11 +47,16 @@ std::uint32_t word(const std::uint8_t* data, std::size_t at = 0) {
     return value;
 }
 
-bool isSimulated() { return ::dlsym(RTLD_DEFAULT, "enyx_sim_is_simulated") != nullptr; }
+constexpr std::size_t kCountsAt = vexo_stats::kBlockBytes;  // of Source::counts, the second half of a source
 
-void countPacket(Source& source, std::uint32_t slot, std::uint32_t size) {
-    vexo_stats::addOne(source.counts.packets[slot]);
-    vexo_stats::add(source.counts.bytes[slot], size);
+// One more packet in its slot, and its bytes. Left to itself, the compiler first works out where the slot is.
+void countPacket(Source& source, std::uint64_t slot, std::uint64_t size) {
+    __asm__ volatile("incq %c[packets](%[source], %[slot], 8)\n\taddq %[size], %c[bytes](%[source], %[slot], 8)"
+                     :
+                     : [packets] "i"(kCountsAt + offsetof(vexo_stats::Stream, packets)),
+                       [bytes] "i"(kCountsAt + offsetof(vexo_stats::Stream, bytes)), [source] "r"(&source),
+                       [slot] "r"(slot), [size] "r"(size)
+                     : "cc", "memory");
 }
 
 // The time from the packet before to this one.
@@ -74,15 +81,9 @@ std::uint32_t slotOf(const std::uint8_t* data, std::uint32_t size) {
     source.handler(data, size, source.context);
 }
 
-[[gnu::noinline, gnu::cold]] void deliverOddInTurn(const std::uint8_t* data, std::uint32_t size, void* context) {
+[[gnu::noinline, gnu::cold]] void deliverOutOfTurn(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
-    bool goesOn = true;
-    if (size >= kHeadBytes && word(data, kSequenceAt) != source.next) {
-        const auto ahead = static_cast<std::int32_t>(word(data, kSequenceAt) - source.next);
-        goesOn = vexo_stats::countOutOfTurn(source.counts, ahead);
-        if (goesOn) source.next = word(data, kSequenceAt);
-    }
-    if (goesOn) ++source.next;  // a packet without a number had the expected one
+    source.sequence.take(source.counts, data, size);
     deliverOdd(data, size, context);
 }
 
@@ -98,65 +99,131 @@ void countAndDeliver(const std::uint8_t* data, std::uint32_t size, void* context
     source.handler(data, size, source.context);
 }
 
+// Each packet has a number in its head. Compares, then counts on, both in memory.
+template <std::uint32_t kAt>
+struct HeadNumber {
+    static constexpr std::uint32_t kLeast = kHeadBytes;
+    static bool isNext(const Expected& expected, std::uint32_t, const std::uint8_t* data, std::uint32_t) {
+        bool isNext;
+        __asm__("cmpl %[number], %[next]"
+                : "=@cce"(isNext)
+                : [next] "m"(expected.next[0]), [number] "r"(word(data, kAt)));
+        return isNext;
+    }
+    static void goOn(Expected& expected, std::uint32_t) { vexo_stats::addOne(expected.next[0]); }
+};
+
+// Packets of some types have a number in their payload.
+template <typename Number, bool kIsBigEndian, bool kIsByType>
+struct FieldNumber {
+    static constexpr std::uint32_t kLeast = sizeof(std::uint32_t);
+    static bool isNext(const Expected& expected, std::uint32_t type, const std::uint8_t* data, std::uint32_t size) {
+        if (size != expected.sizes[type]) return false;
+        return vexo::data::loadUnsigned(data + expected.at[type], sizeof(Number), kIsBigEndian) ==
+               static_cast<Number>(expected.next[kIsByType ? type : 0]);
+    }
+    static void goOn(Expected& expected, std::uint32_t type) {
+        vexo_stats::addOne(expected.next[kIsByType ? type : 0]);
+    }
+};
+
+template <class Place>
 void countInTurnAndDeliver(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
     countGap(source);
-    if (size < kHeadBytes) return deliverOddInTurn(data, size, context);
+    if (size < Place::kLeast) return deliverOutOfTurn(data, size, context);
     const std::uint32_t type = word(data);
-    if (type >= kOrdinaryTypes || word(data, kSequenceAt) != source.next) return deliverOddInTurn(data, size, context);
-    ++source.next;
+    Expected& expected = source.sequence.expected;
+    if (type >= kOrdinaryTypes || !Place::isNext(expected, type, data, size)) {
+        return deliverOutOfTurn(data, size, context);
+    }
+    Place::goOn(expected, type);
     countPacket(source, type, size);
     source.handler(data, size, source.context);
+}
+
+// ---- which of these a stream needs ----
+
+template <typename Number>
+Handler inTurnBy(const Numbering& numbering) {
+    if (numbering.isBigEndian) {
+        return numbering.isByType ? countInTurnAndDeliver<FieldNumber<Number, true, true>>
+                                  : countInTurnAndDeliver<FieldNumber<Number, true, false>>;
+    }
+    return numbering.isByType ? countInTurnAndDeliver<FieldNumber<Number, false, true>>
+                              : countInTurnAndDeliver<FieldNumber<Number, false, false>>;
+}
+
+// @param numbering  null: nobody knows how the packets are numbered
+Handler handlerFor(const Numbering* numbering) {
+    if (numbering == nullptr) return countAndDeliver;
+    if (numbering->place == Numbering::Place::kHead) {
+        switch (numbering->headAt) {
+            case 4: return countInTurnAndDeliver<HeadNumber<4>>;
+            case 5: return countInTurnAndDeliver<HeadNumber<5>>;
+            case 6: return countInTurnAndDeliver<HeadNumber<6>>;
+            case 7: return countInTurnAndDeliver<HeadNumber<7>>;
+            default: return countInTurnAndDeliver<HeadNumber<8>>;
+        }
+    }
+    switch (numbering->width) {
+        case 1: return inTurnBy<std::uint8_t>(*numbering);
+        case 2: return inTurnBy<std::uint16_t>(*numbering);
+        case 4: return inTurnBy<std::uint32_t>(*numbering);
+        default: return inTurnBy<std::uint64_t>(*numbering);
+    }
 }
 
 bool isQuote(const std::uint8_t* data, std::uint32_t size) {
     return size >= kHeadBytes && word(data) >= 17 && word(data) <= 20;
 }
 
-// Until a market-data packet has come: notes the steps of a start-up, and looks whether heads are the simulated card's.
-// A simulated card may replay a capture of a real one.
+// Until it is known how the quotes are numbered.
 [[gnu::cold]] void countFirst(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
-    {
-        const KeepErrno keep;
-        noteFirst(vexo_stats::kFirstPacket);
-        const bool isKnown = size >= kHeadBytes && word(data, kLengthAt) == size && isSimulated();
-        if (isKnown) source.counts.sequenceKnown = 1;
-        if (isQuote(data, size)) {
-            noteFirst(vexo_stats::kFirstQuote);
-            source.counting = source.counts.sequenceKnown != 0 ? countInTurnAndDeliver : countAndDeliver;
-        }
+    countGap(source);
+    source.sequence.take(source.counts, data, size);
+    if (isQuote(data, size)) {
+        noteFirst(vexo_stats::kFirstQuote);
+        if (source.sequence.isDecided()) source.counting = handlerFor(source.sequence.numbering());
     }
-    return source.counts.sequenceKnown != 0 ? countInTurnAndDeliver(data, size, context)
-                                            : countAndDeliver(data, size, context);
+    deliverOdd(data, size, context);
 }
 
 // The first packet after the stream was opened: its time is no gap.
 [[gnu::cold]] void countOpening(const std::uint8_t* data, std::uint32_t size, void* context) {
     Source& source = *static_cast<Source*>(context);
     vexo_stats::expectFirst(source.counts, vexo_stats::startNow());
+    noteFirst(vexo_stats::kFirstPacket);
     source.counting = countFirst;
     countFirst(data, size, context);
 }
 
 // ---- polls ----
 
-// What a thread polled that has polled nothing.
-struct NoSource : Source {
-    NoSource() { close(); }
-} g_none;
+// What a thread polled that has polled nothing. A constant, because a poll may come before any constructor ran.
+Source g_none(&Source::kNoStream);
 
 // The stream that this thread polled last.
 [[gnu::tls_model("initial-exec")]] thread_local Source* t_last = &g_none;
 
-// After the poll.
+// What the card calls for each packet of this poll. Without a handler the poll is an error, and the card has to see
+// that there is none. The compiler would make a branch of it.
+Handler countingFor(const Source& source, Handler handler) {
+    __asm__("testq %0, %0\n\tcmovneq %1, %0" : "+r"(handler) : "m"(source.counting) : "cc");
+    return handler;
+}
+
+// After the poll. The result of the usual one is made anew, because the clock takes the register that it is in.
 int countPoll(Source& source, int result) {
     vexo_stats::Stream& counts = source.counts;
     if (__builtin_expect(result == 1, 1)) {
         const std::uint64_t time = vexo_stats::endNow() - counts.lastPacket;
         vexo_stats::add(counts.callbackClock, time);
         vexo_stats::addOne(counts.callbacks[vexo_stats::bucketOf(time)]);
-        return 1;
+        int one;
+        __asm__("movl $1, %0" : "=r"(one));
+        return one;
     }
     if (result == 0) {
         vexo_stats::addOne(counts.idlePolls);
@@ -166,7 +233,14 @@ int countPoll(Source& source, int result) {
     return result;
 }
 
-// A thread's first poll of the stream, or one with another handler.
+// Compares in memory. Another thread may close this thread's last stream and open another one in its place.
+bool isOf(const Source& source, const enyx_hw_a2c_stream* stream) {
+    bool isIt;
+    __asm__("cmpq %[stream], %[now]" : "=@cce"(isIt) : [now] "m"(source.stream), [stream] "r"(stream));
+    return isIt;
+}
+
+// The thread polled another stream before.
 [[gnu::noinline, gnu::cold]] int pollSlow(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler,
                                           void* context) {
     Source* source = stream != nullptr ? find(stream) : nullptr;
@@ -197,9 +271,8 @@ void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) {
 
 int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_handler handler, void* context) {
     Source& source = *t_last;
-    if (source.stream.load(std::memory_order_relaxed) != stream || source.handler != handler ||
-        source.context != context) {
-        return pollSlow(stream, handler, context);
-    }
-    return countPoll(source, g_next.enyx_hw_a2c_stream_poll_once.known()(stream, source.counting, &source));
+    if (!isOf(source, stream)) return pollSlow(stream, handler, context);
+    source.handler = handler;
+    source.context = context;
+    return countPoll(source, source.poll(stream, countingFor(source, handler), &source));
 }

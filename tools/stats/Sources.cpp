@@ -1,20 +1,22 @@
 #include "tools/stats/Sources.h"
 
-#include <VexoZceMdStats.h>
-#include <dlfcn.h>
+#include <VexoZceMdStatsFile.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstdlib>
+#include <exception>
+#include <memory>
 #include <mutex>
 #include <new>
-#include <system_error>
 #include <thread>
 
-#include "tools/stats/CardCounters.h"
 #include "tools/stats/Settings.h"
+#include "tools/tap/AllSignalsBlocked.h"
+#include "tools/tap/KnownLayouts.h"
 #include "tools/tap/Report.h"
 
 namespace stats {
@@ -34,6 +36,7 @@ struct Page {
     PageFile file;
     Process* process = nullptr;
     std::uint64_t longCallback = 0;
+    std::unique_ptr<vexo::data::Layouts> layouts;  // null: none is known
     std::mutex streamsMutex;  // held while streams are opened and closed, and while the card's counters are read
     std::condition_variable wake;
     bool isEnding = false;
@@ -42,20 +45,28 @@ struct Page {
 
 enum class State { kNotBegun, kRunning, kOff };
 
-// Never deleted: a poll may be under way when the process ends.
+// Never deleted once it is used: a poll may be under way when the process ends.
 std::atomic<Page*> g_page{nullptr};
 std::atomic<State> g_state{State::kNotBegun};
-std::mutex g_beginMutex;
-cpu_set_t g_cpusAtStart;  // before the application pinned a thread
+std::atomic<pid_t> g_beginner{0};  // process whose thread makes the page, or has made it
+cpu_set_t g_cpusAtStart;           // before the application pinned a thread
 bool g_cpusKnown = false;
 
 [[gnu::constructor]] void rememberCpus() {
     g_cpusKnown = ::sched_getaffinity(0, sizeof g_cpusAtStart, &g_cpusAtStart) == 0;
 }
 
+void readCard(Source& source) {
+    const void* const stream = source.stream.load(std::memory_order_relaxed);
+    const bool byApplication = source.absence.look(source.counts);
+    const std::uint64_t missing = __atomic_load_n(&source.counts.sequenceLost, __ATOMIC_RELAXED);
+    source.card.add(source.counts, askCard(stream), byApplication);
+    source.card.noteLostBeforeCard(source.counts, missing);
+}
+
 void readAll() {
     for (Source& source : g_sources) {
-        if (source.isOpen()) readCardCounters(source);
+        if (source.isOpen()) readCard(source);
     }
 }
 
@@ -68,24 +79,33 @@ void runReader(Page& page) {
     readAll();
 }
 
-// The application's signal handlers must not run in the reader.
 void startReader(Page& page) {
-    sigset_t all;
-    sigset_t before;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    const tap::AllSignalsBlocked blocked;  // also in the reader: the application's handlers must not run there
     try {
         page.reader = std::thread([&page] { runReader(page); });
-    } catch (const std::system_error& error) {
+    } catch (const std::exception& error) {  // no thread, or no memory
         tap::report(std::string("cannot start a thread: ") + error.what() + "; counters of the card are not shown");
     }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void turnOff() {
     g_state.store(State::kOff);
     for (Source& source : g_sources) source.close();
     tap::origins().end();
+}
+
+void mapNothing(void* block) {
+    ::mmap(block, vexo_stats::kBlockBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+}
+
+// In a child of fork(): the page is the parent's. The fork may have come from a packet's handler, whose poll still
+// counts when the handler returns, or while another thread made the page.
+void leaveToParent() {
+    if (g_beginner.load() == 0) return;
+    turnOff();
+    for (Source& source : g_sources) mapNothing(&source.counts);
+    const Page* page = g_page.load();
+    if (page != nullptr) mapNothing(page->process);
 }
 
 // At exit, and before the objects of the card's library end: they were there first.
@@ -110,50 +130,102 @@ bool map(Page& page) {
     for (std::size_t i = 0; i < g_sources.size(); ++i) {
         isMapped = isMapped && page.file.map(1 + i, 1, &g_sources[i].counts) != nullptr;
     }
-    page.file.close();
     return isMapped;
+}
+
+bool makePage(Page& page) {
+    if (!page.file.make(vexo_stats::kTap) || !map(page)) return false;
+    vexo_stats::describe(*page.process, vexo_stats::kTap);
+    page.layouts = tap::knownLayouts();
+    page.longCallback = page.process->clockPerSecond / kMicroseconds * ringLastsMicroseconds();
+    const bool isPublished = page.file.publish(*page.process);
+    page.file.close();
+    return isPublished;
 }
 
 // The library with the card's calls is loaded by now, so its objects end after this.
 void begin() {
-    const std::lock_guard<std::mutex> lock(g_beginMutex);
-    if (g_state.load() != State::kNotBegun) return;
-    auto* page = new (std::nothrow) Page;
-    if (page == nullptr || !page->file.make(vexo_stats::kTap) || !map(*page)) {
-        tap::report("no statistics page: " +
-                    (page != nullptr && !page->file.error().empty() ? page->file.error() : std::string("no memory")));
+    ::pthread_atfork(nullptr, nullptr, leaveToParent);
+    std::unique_ptr<Page> page(new (std::nothrow) Page);
+    if (page == nullptr || !makePage(*page)) {
+        tap::report("no statistics page: " + (page != nullptr ? page->file.error() : std::string("no memory")));
         g_state.store(State::kOff);
         return;
     }
-    vexo_stats::describe(*page->process, vexo_stats::kTap);
-    page->longCallback = page->process->clockPerSecond / kMicroseconds * ringLastsMicroseconds();
-    ::pthread_atfork(nullptr, nullptr, turnOff);  // the page is the parent's
-    g_page.store(page);
+    g_page.store(page.release());
     g_state.store(State::kRunning);
     std::atexit(end);
 }
 
+void beginOnce() {
+    pid_t beginner = 0;
+    if (g_beginner.compare_exchange_strong(beginner, ::getpid())) {
+        try {
+            begin();
+        } catch (const std::bad_alloc&) {
+            g_state.store(State::kOff);
+        }
+    }
+    // Another thread is about it. In a child of fork() there is no such thread, and no page.
+    while (g_state.load(std::memory_order_acquire) == State::kNotBegun && g_beginner.load() == ::getpid()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 Page* running() {
-    if (g_state.load(std::memory_order_acquire) == State::kNotBegun) begin();
+    if (g_state.load(std::memory_order_acquire) == State::kNotBegun) beginOnce();
     return g_state.load(std::memory_order_acquire) == State::kRunning ? g_page.load() : nullptr;
+}
+
+// A library may free a stream in another way than by a destroy call. Its handle comes back then, or its place.
+void closeFreed(const void* stream, std::uint64_t card, std::uint64_t channel) {
+    for (Source& source : g_sources) {
+        if (!source.isOpen()) continue;
+        const bool isSamePlace = card != vexo_stats::kUnknown && channel != vexo_stats::kUnknown &&
+                                 source.counts.card == card && source.counts.channel == channel;
+        if (!isSamePlace && source.stream.load() != stream) continue;
+        source.close();
+        source.counts.state = vexo_stats::kClosed;
+    }
 }
 
 // The block of the same stream when it is opened again, or a new one.
 Source* sourceFor(const Page& page, std::uint64_t card, std::uint64_t channel) {
     for (Source& source : g_sources) {
-        if (source.isOpen()) continue;
+        const Stream& counts = source.counts;
+        if (counts.state == vexo_stats::kClosed && counts.card == card && counts.channel == channel) return &source;
+    }
+    for (Source& source : g_sources) {
         Stream& counts = source.counts;
-        if (counts.state == vexo_stats::kClosed && (counts.card != card || counts.channel != channel)) continue;
-        if (counts.state != vexo_stats::kUnused) return &source;
-        counts.card = card;
-        counts.channel = channel;
-        counts.backPressure = counts.backPressureInCallbacks = vexo_stats::kUnknown;
-        counts.fifoErrors = counts.errors = vexo_stats::kUnknown;
+        if (counts.state != vexo_stats::kUnused) continue;
+        vexo_stats::describe(counts, card, channel);
         counts.pollsKnown = 1;
         counts.longCallback = page.longCallback;
         return &source;
     }
     return nullptr;
+}
+
+void open(Page& page, const enyx_hw_a2c_stream* stream, const tap::Origin& origin, Handler counting) {
+    const auto number = [](std::int64_t value) {
+        return value == tap::Origin::kUnknown ? vexo_stats::kUnknown : static_cast<std::uint64_t>(value);
+    };
+    const std::lock_guard<std::mutex> lock(page.streamsMutex);
+    closeFreed(stream, number(origin.card), number(origin.index));
+    Source* source = sourceFor(page, number(origin.card), number(origin.index));
+    if (source == nullptr) {
+        tap::report("no room for " + tap::describeStream(origin).name + " in the statistics page: it is not counted");
+        return;
+    }
+    source->counting = counting;
+    source->handler = nullptr;
+    source->poll = tap::g_next.enyx_hw_a2c_stream_poll_once.known();
+    source->sequence.restart(page.layouts.get());
+    source->absence.start(source->counts);
+    source->card.start(source->counts, askCard(stream), source->counts.sequenceLost);
+    source->counts.state = vexo_stats::kOpen;
+    source->stream.store(stream, std::memory_order_release);
+    if (!page.reader.joinable()) startReader(page);
 }
 
 }  // namespace
@@ -163,9 +235,10 @@ void noteLast(vexo_stats::Step step) {
     if (page != nullptr) __atomic_store_n(&page->process->steps[step], vexo_stats::startNow(), __ATOMIC_RELAXED);
 }
 
+// Steps are noted once, but looked at as often as polls of several streams alternate.
 void noteFirst(vexo_stats::Step step) {
     const Page* page = running();
-    if (page == nullptr) return;
+    if (page == nullptr || __atomic_load_n(&page->process->steps[step], __ATOMIC_RELAXED) != 0) return;
     std::uint64_t notYet = 0;
     __atomic_compare_exchange_n(&page->process->steps[step], &notYet, vexo_stats::startNow(), false, __ATOMIC_RELAXED,
                                 __ATOMIC_RELAXED);
@@ -175,24 +248,11 @@ void openStream(enyx_hw_a2c_stream* stream, const tap::Origin& origin, Handler c
     Page* page = running();
     if (page == nullptr) return;
     noteFirst(vexo_stats::kStreamOpened);
-    const auto number = [](std::int64_t value) {
-        return value == tap::Origin::kUnknown ? vexo_stats::kUnknown : static_cast<std::uint64_t>(value);
-    };
-    const std::lock_guard<std::mutex> lock(page->streamsMutex);
-    if (Source* before = find(stream)) before->close();  // freed in another way than by a destroy call
-    Source* source = sourceFor(*page, number(origin.card), number(origin.index));
-    if (source == nullptr) {
-        tap::report("no room for " + tap::describeStream(origin).name + " in the statistics page: it is not counted");
-        return;
+    try {
+        open(*page, stream, origin, counting);
+    } catch (const std::bad_alloc&) {
+        // Not counted, and no memory to say so. The application goes on.
     }
-    source->counting = counting;
-    source->handler = nullptr;
-    source->next = 1;
-    source->lookedAt = vexo_stats::startNow();
-    source->counts.state = vexo_stats::kOpen;
-    source->stream.store(stream, std::memory_order_release);
-    readCardCounters(*source);
-    if (!page->reader.joinable()) startReader(*page);
 }
 
 void closeStream(const void* stream) {
@@ -200,7 +260,7 @@ void closeStream(const void* stream) {
     const std::lock_guard<std::mutex> lock(g_page.load()->streamsMutex);
     Source* source = find(stream);
     if (source == nullptr) return;
-    readCardCounters(*source);
+    readCard(*source);
     source->close();
     source->counts.state = vexo_stats::kClosed;
 }

@@ -5,6 +5,9 @@
 #include <atomic>
 #include <cstdint>
 
+#include "tools/data/Sequence.h"
+#include "tools/stats/Absence.h"
+#include "tools/stats/CardCounters.h"
 #include "tools/tap/NextCalls.h"
 #include "tools/tap/Origins.h"
 
@@ -12,41 +15,34 @@
 namespace stats {
 
 using Handler = enyx_hw_a2c_stream_handler;
-
-/// How far a counter of the card had come.
-struct CardCounter {
-    std::uint32_t last = 0;
-};
+using Poll = decltype(&::enyx_hw_a2c_stream_poll_once);
 
 /// A stream. The poll's own values lie in a page of private memory, directly before the block of the shared page: so
 /// one register reaches both.
 struct alignas(vexo_stats::kBlockBytes) Source {
-    // The poll compares the first three with its arguments. A thread at a time polls a stream.
-    std::atomic<const void*> stream{nullptr};  // see isOpen()
-    Handler handler = nullptr;
+    constexpr explicit Source(const void* handle = nullptr) : stream(handle) {}
+
+    // A thread at a time polls a stream.
+    std::atomic<const void*> stream;  // see isOpen()
+    Handler handler = nullptr;        // the program's, of this poll
     void* context = nullptr;
     Handler counting = nullptr;  // what the card calls instead: counts, then calls the handler
-    std::uint32_t next = 1;      // expected sequence number
+    Poll poll = nullptr;         // the card's
+    vexo::data::SequenceCounter sequence;
 
     // Of the thread that reads the card's counters.
-    CardCounter backPressure;
-    CardCounter fifoErrors;
-    CardCounter errors;
-    std::uint64_t longBefore = 0;  // callbacks longer than the ring lasts
-    std::uint64_t pollsBefore = 0;
-    std::uint64_t packetBefore = 0;
-    std::uint64_t lookedAt = 0;
-    bool wasLong = false;
+    CardCounters card;
+    Absence absence;
 
     alignas(vexo_stats::kBlockBytes) vexo_stats::Stream counts{};
 
     // No stream has this address, and a poll of null, which is an error, does not find a closed stream.
-    static const void* noStream() { return reinterpret_cast<const void*>(std::uintptr_t{1}); }
+    static constexpr char kNoStream = 0;
     bool isOpen() const {
         const void* const now = stream.load(std::memory_order_relaxed);
-        return now != nullptr && now != noStream();
+        return now != nullptr && now != &kNoStream;
     }
-    void close() { stream.store(noStream(), std::memory_order_release); }
+    void close() { stream.store(&kNoStream, std::memory_order_release); }
 };
 static_assert(sizeof(Source) == 2 * vexo_stats::kBlockBytes);
 

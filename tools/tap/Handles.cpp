@@ -50,6 +50,14 @@ int changeFilter(const enyx_hw_filter* filter, int result, Change change) {
 
 }  // namespace
 
+// What an earlier handle at this address asked for is not asked for any more. It may have been freed in another way.
+enyx_hw_filter* enyx_hw_filter_create() {
+    enyx_hw_filter* const filter = g_next.enyx_hw_filter_create();
+    const KeepErrno keep;
+    origins().forget(filter);
+    return filter;
+}
+
 int enyx_hw_filter_set_index(enyx_hw_filter* filter, uint32_t index) {
     return changeFilter(filter, g_next.enyx_hw_filter_set_index(filter, index),
                         [index](Origin& wanted) { wanted.index = index; });
@@ -103,6 +111,11 @@ void enyx_hw_free_mmio_descriptors(enyx_hw_mmio_descriptor** descriptors, size_t
 
 enyx_hw_mmio* enyx_hw_mmio_create(const enyx_hw_mmio_descriptor* descriptor) {
     return inherit(descriptor, g_next.enyx_hw_mmio_create(descriptor));
+}
+
+void enyx_hw_mmio_destroy(enyx_hw_mmio* mmio) {
+    origins().forget(mmio);
+    g_next.enyx_hw_mmio_destroy(mmio);
 }
 
 enyx_hw_core_tree* enyx_hw_enumerate_cores(enyx_hw_mmio* mmio) {

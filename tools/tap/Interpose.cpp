@@ -104,7 +104,11 @@ std::uint32_t askForLimit(Source& source) {
         std::uint32_t limit = source.limit.load(std::memory_order_relaxed);
         if (limit == 0) limit = askForLimit(source);
         const std::uint32_t kept = std::min(size, limit);
-        source.ring.put(clock_ticks::now(), data, kept, size - kept);
+        if (source.ring.put(clock_ticks::now(), data, kept, size - kept, source.presence.atOnce())) {
+            source.presence.packet();
+        } else {
+            source.presence.begin();
+        }
     }
     source.handler(data, size, source.context);
 }
@@ -115,12 +119,13 @@ void recordAndDeliver(const std::uint8_t* data, std::uint32_t size, void* contex
     Source& source = *static_cast<Source*>(context);
     const bool isUsual = size - 1 < source.quickLimit.load(std::memory_order_relaxed);  // not empty, not too long
     if (!isUsual) return recordAndDeliverSlow(data, size, context);
-    unsigned char* room = source.ring.reserve(__rdtsc(), size, 0);
+    unsigned char* room = source.ring.reserve(__rdtsc(), size, 0, source.presence.atOnce());
     if (room == nullptr) return recordAndDeliverSlow(data, size, context);
     source.data = data;
     source.size = size;
     std::memcpy(room, data, size);
     source.ring.commit();
+    source.presence.packet();
     source.handler(source.data, source.size, source.context);
 }
 
@@ -131,6 +136,7 @@ void recordAndDeliver(const std::uint8_t* data, std::uint32_t size, void* contex
     if (source == nullptr || handler == nullptr) return g_next.enyx_hw_a2c_stream_poll_once(stream, handler, context);
     source->handler = handler;
     source->context = context;
+    source->presence.poll();
     return g_next.enyx_hw_a2c_stream_poll_once(stream, recordAndDeliver, source);
 }
 
@@ -148,5 +154,6 @@ int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_
     if (source == nullptr || handler == nullptr) return pollSlow(stream, handler, context);
     source->handler = handler;
     source->context = context;
+    source->presence.poll();
     return g_next.enyx_hw_a2c_stream_poll_once.known()(stream, recordAndDeliver, source);
 }

@@ -1,18 +1,32 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <link.h>
 #include <atomic>
 #include <cerrno>
 #include <type_traits>
 
 namespace tap {
 
+/// The library that has this function stays loaded, also when the program closes it: the function is kept.
+[[gnu::cold]] inline void* keepLoaded(void* function) {
+    Dl_info info{};
+    void* map = nullptr;
+    if (::dladdr1(function, &info, &map, RTLD_DL_LINKMAP) == 0 || map == nullptr) return function;
+    const char* const name = static_cast<const link_map*>(map)->l_name;
+    if (*name != '\0') ::dlopen(name, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);  // empty: the program itself
+    return function;
+}
+
 /// Looks up a function of the hardware library. A program may have loaded that library for a plug-in alone, where the
-/// search behind this library does not find it. It then stays loaded, because its functions are kept.
+/// search behind this library does not find it.
 [[gnu::cold]] inline void* findNext(const char* name) {
-    if (void* const function = ::dlsym(RTLD_NEXT, name)) return function;
+    if (void* const function = ::dlsym(RTLD_NEXT, name)) return keepLoaded(function);
     void* const library = ::dlopen("libenyx-hw-c.so.1", RTLD_LAZY | RTLD_NOLOAD);
-    return library != nullptr ? ::dlsym(library, name) : nullptr;
+    void* const function = library != nullptr ? ::dlsym(library, name) : nullptr;
+    if (function != nullptr) keepLoaded(function);
+    if (library != nullptr) ::dlclose(library);
+    return function;
 }
 
 /// A function of the hardware library behind the tap. It is looked up at its first call, because that library may be

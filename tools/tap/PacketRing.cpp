@@ -33,19 +33,29 @@ PacketRing::~PacketRing() {
     if (m_bytes != nullptr) ::munmap(m_bytes, 2 * m_capacity);
 }
 
-unsigned char* PacketRing::reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t cut) {
-    m_limit = m_tail.load(std::memory_order_acquire) + m_capacity;
-    unsigned char* room = reserve(ticks, size, cut);
+unsigned char* PacketRing::reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t cut,
+                                       std::uint32_t marks) {
+    refreshLimit();
+    unsigned char* room = reserve(ticks, size, cut, marks);
     if (room == nullptr) m_lost.store(m_lost.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return room;
 }
 
-void PacketRing::put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t cut) {
-    unsigned char* room = reserve(ticks, size, cut);
-    if (room == nullptr) room = reserveSlow(ticks, size, cut);
-    if (room == nullptr) return;
+bool PacketRing::put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t cut,
+                     std::uint32_t marks) {
+    unsigned char* room = reserve(ticks, size, cut, marks);
+    if (room == nullptr) room = reserveSlow(ticks, size, cut, marks);
+    if (room == nullptr) return false;
     if (size > 0) std::memcpy(room, data, size);
     commit();
+    return true;
+}
+
+bool PacketRing::putOpening(std::uint64_t ticks) {
+    refreshLimit();
+    if (reserve(ticks, 0, kOpening, 0) == nullptr) return false;
+    commit();
+    return true;
 }
 
 }  // namespace tap

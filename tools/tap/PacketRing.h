@@ -21,6 +21,8 @@ public:
         const unsigned char* data;
         std::uint32_t size;
         std::uint32_t trueSize;  // greater than size when the packet was cut
+        bool isAtOnce;           // its poll was the first one since the packet before
+        bool isOpening;          // no packet: the stream was opened here
     };
 
     /// @param capacity  bytes, rounded up to a power of two; the memory is touched here, so that no poll waits for it
@@ -32,24 +34,31 @@ public:
     /// False when there was no memory; nothing else may be called then.
     bool isUsable() const { return m_bytes != nullptr; }
 
+    /// Added to a packet's size: see Record::isAtOnce.
+    static constexpr std::uint32_t kAtOnce = 1U << 31;
+
     // ---- producer: one packet is reserve(), its bytes, commit() ----
     /// Room for the packet's bytes. Null when there may be none: then try reserveSlow().
-    /// @param cut  bytes of the packet that are left out behind the @p size that are kept
-    unsigned char* reserve(std::uint64_t ticks, std::uint32_t size, std::uint32_t cut) {
+    /// @param size   less than 1 GB
+    /// @param cut    bytes of the packet that are left out behind the @p size that are kept
+    /// @param marks  kAtOnce or 0
+    unsigned char* reserve(std::uint64_t ticks, std::uint32_t size, std::uint32_t cut, std::uint32_t marks) {
         const std::uint64_t head = m_head.load(std::memory_order_relaxed);
         m_end = head + footprint(size);
         if (m_end > m_limit) return nullptr;
         unsigned char* at = m_bytes + (head & m_mask);
-        const Prefix prefix{ticks, size | std::uint64_t{cut} << 32};
+        const Prefix prefix{ticks, (size | marks) | std::uint64_t{cut} << 32};
         std::memcpy(at, &prefix, sizeof prefix);
         return at + sizeof prefix;
     }
     /// The same, but reads the consumer's present position first. Null: there is no room, and the packet is counted as
     /// lost.
-    unsigned char* reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t cut);
+    unsigned char* reserveSlow(std::uint64_t ticks, std::uint32_t size, std::uint32_t cut, std::uint32_t marks);
     void commit() { m_head.store(m_end, std::memory_order_release); }
-    /// Reserves, copies and commits.
-    void put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t cut = 0);
+    /// Reserves, copies and commits. @return false: there was no room
+    bool put(std::uint64_t ticks, const void* data, std::uint32_t size, std::uint32_t cut = 0, std::uint32_t marks = 0);
+    /// Marks that the stream is opened. @return false: a full ring takes no mark
+    bool putOpening(std::uint64_t ticks);
 
     // ---- consumer ----
     /// The end of the packets that are there now.
@@ -61,15 +70,18 @@ public:
         const unsigned char* at = m_bytes + (tail & m_mask);
         Prefix prefix;
         std::memcpy(&prefix, at, sizeof prefix);
-        const auto size = static_cast<std::uint32_t>(prefix.sizes);
+        const auto kept = static_cast<std::uint32_t>(prefix.sizes);
+        const std::uint32_t size = kept & kSizeBits;
         const auto cut = static_cast<std::uint32_t>(prefix.sizes >> 32);
-        record = {prefix.ticks, at + sizeof prefix, size, size + cut};
+        const bool isOpening = size == 0 && cut == kOpening;
+        record = {prefix.ticks, at + sizeof prefix, size, size + cut, (kept & ~kSizeBits) != 0, isOpening};
         return true;
     }
     void pop(const Record& record) {
         const std::uint64_t tail = m_tail.load(std::memory_order_relaxed);
         m_tail.store(tail + footprint(record.size), std::memory_order_release);
     }
+    bool isEmpty() const { return m_tail.load(std::memory_order_relaxed) == published(); }
     /// Since the ring was made.
     std::uint64_t lost() const { return m_lost.load(std::memory_order_relaxed); }
 
@@ -79,6 +91,11 @@ private:
         std::uint64_t sizes;  // the size, and in the upper half what was cut: one store where nothing was
     };
     static_assert(sizeof(Prefix) == 16);
+
+    static constexpr std::uint32_t kSizeBits = (1U << 30) - 1;
+    static constexpr std::uint32_t kOpening = ~0U;  // cut off a packet of which nothing is kept
+
+    void refreshLimit() { m_limit = m_tail.load(std::memory_order_acquire) + m_capacity; }
 
     static constexpr std::uint64_t footprint(std::uint32_t size) {
         return sizeof(Prefix) + ((std::uint64_t{size} + 15) & ~std::uint64_t{15});

@@ -8,18 +8,21 @@
 namespace tap {
 namespace {
 
-std::uint64_t megabytes(const char* variable, std::uint64_t least, std::uint64_t most, std::uint64_t otherwise) {
+struct Range {
+    std::uint64_t least, most, otherwise;
+};
+
+std::uint64_t number(const char* variable, const Range& range) {
     const char* text = std::getenv(variable);
-    if (text == nullptr || *text == '\0') return otherwise * kMegabyte;
+    if (text == nullptr || *text == '\0') return range.otherwise;
     char* end = nullptr;
     errno = 0;
     const unsigned long long value = std::strtoull(text, &end, 10);
-    if (*text >= '0' && *text <= '9' && *end == '\0' && errno == 0 && value >= least && value <= most) {
-        return value * kMegabyte;
-    }
-    report(std::string(variable) + "=" + text + " is not a number from " + std::to_string(least) + " to " +
-           std::to_string(most) + ": " + std::to_string(otherwise) + " is used");
-    return otherwise * kMegabyte;
+    const bool isNumber = *text >= '0' && *text <= '9' && *end == '\0' && errno == 0;
+    if (isNumber && (value == range.otherwise || (value >= range.least && value <= range.most))) return value;
+    report(std::string(variable) + "=" + text + " is not a number from " + std::to_string(range.least) + " to " +
+           std::to_string(range.most) + ": " + std::to_string(range.otherwise) + " is used");
+    return range.otherwise;
 }
 
 bool isOne(const char* variable) {
@@ -34,8 +37,17 @@ Settings settingsFromEnvironment() {
     const char* file = std::getenv(kFileVariable);
     if (file != nullptr && *file != '\0') settings.file = file;
     settings.registers = isOne(kRegistersVariable);
-    settings.rotateBytes = megabytes(kRotateVariable, 0, kMaxRotateMb, 0);
-    settings.ringBytes = megabytes(kRingVariable, 1, kMaxRingMb, kDefaultRingMb);
+    settings.rotateBytes = number(kRotateVariable, {0, kMaxRotateMb, 0}) * kMegabyte;
+    settings.rotateSeconds = number(kRotateEveryVariable, {0, kMaxSeconds, 0});
+    settings.keep = number(kKeepVariable, {kLeastKeptFiles, kMostKeptFiles, 0});
+    settings.keepFreeBytes = number(kKeepSpaceVariable, {0, kMaxKeepSpaceMb, kDefaultKeepSpaceMb}) * kMegabyte;
+    settings.durationSeconds = number(kDurationVariable, {0, kMaxSeconds, 0});
+    settings.ringBytes = number(kRingVariable, {1, kMaxRingMb, kDefaultRingMb}) * kMegabyte;
+    if (settings.keep > 0 && settings.rotateBytes == 0 && settings.rotateSeconds == 0) {
+        report(std::string(kKeepVariable) + " has no effect without " + kRotateVariable + " or " +
+               kRotateEveryVariable + ": one file grows without a limit");
+        settings.keep = 0;
+    }
     return settings;
 }
 

@@ -7,15 +7,17 @@
 #include <unistd.h>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
-#include <system_error>
 #include <thread>
 
 #include "tools/Version.h"
+#include "tools/stats/CardCounters.h"
+#include "tools/tap/AllSignalsBlocked.h"
 #include "tools/tap/Report.h"
+#include "tools/tap/TapPage.h"
 
 namespace tap {
 
@@ -27,9 +29,12 @@ constexpr auto kIdle = std::chrono::milliseconds(1);
 constexpr auto kFlushEvery = std::chrono::milliseconds(100);
 
 struct Capture {
-    Capture(const Settings& s, capture::CaptureFiles::Settings files) : settings(s), writer(s, std::move(files)) {}
+    Capture(const Settings& s, capture::CaptureFiles::Settings files) : settings(s), writer(s, std::move(files)) {
+        writer.countWith([this](const capture::InterfaceInfo& info) { return page.newStats(info); });
+    }
 
     Settings settings;
+    TapPage page;
     TapWriter writer;
     std::mutex registerMutex;  // register accesses come from any thread; they are rare
     Source* registers = nullptr;
@@ -43,7 +48,8 @@ enum class State { kNotBegun, kRunning, kOff };
 std::atomic<Capture*> g_capture{nullptr};
 std::atomic<State> g_state{State::kNotBegun};
 std::mutex g_beginMutex;
-std::mutex g_streamsMutex;  // held while g_streams changes
+std::mutex g_streamsMutex;  // held while g_streams changes, and while the card is asked for its counters
+bool g_cardAnswers = true;  // until the recording or the card's library ends; under g_streamsMutex
 cpu_set_t g_cpusAtStart;    // before the application pinned a thread
 bool g_cpusKnown = false;
 
@@ -71,41 +77,53 @@ capture::CaptureFiles::Settings fileSettings(const Settings& settings) {
     capture::CaptureFiles::Settings files;
     files.path = settings.file;
     files.rotateBytes = settings.rotateBytes;
+    files.rotateEveryNs = settings.rotateSeconds * 1'000'000'000;
+    files.recorder = {settings.keep, settings.keepFreeBytes};
     files.section = {hardwareName(), osName(), applicationName()};
     files.report = report;
     return files;
 }
 
-void runWriter(Capture& capture) {
-    if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
-    ::pthread_setname_np(::pthread_self(), "vexo-tap");
-    capture.writer.startClock();
-    auto flushed = std::chrono::steady_clock::now();
-    while (!capture.ending.load(std::memory_order_acquire)) {
-        if (!capture.writer.drain()) std::this_thread::sleep_for(kIdle);
-        const auto now = std::chrono::steady_clock::now();
-        if (now - flushed < kFlushEvery) continue;
-        capture.writer.flush();
-        flushed = now;
-    }
-    capture.writer.finish();
+stats::CardReading askCard(const Source& source) {
+    if (!g_cardAnswers || source.stream == nullptr) return {};
+    return stats::askCard(source.stream);
 }
 
-// All signals are blocked in the writer: the application's handlers must not run in its thread.
-bool startWriter(Capture& capture) {
-    sigset_t all;
-    sigset_t before;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool started = true;
-    try {
-        capture.thread = std::thread([&capture] { runWriter(capture); });
-    } catch (const std::system_error& error) {
-        report(std::string("cannot start the writer: ") + error.what() + "; nothing is captured");
-        started = false;
-    }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return started;
+// What the card has counted for the streams. In the writer's thread: the answers take time, and no packet must wait.
+void readCards(Capture& capture) {
+    capture.writer.eachSource([&capture](Source& source) {
+        if (source.stats == nullptr || !source.described) return;
+        StreamStats& stats = *source.stats;
+        stats.beginLook(source.presence, source.ring);
+        std::vector<StreamStats::Noted> noted;
+        {
+            const std::lock_guard<std::mutex> lock(g_streamsMutex);
+            if (g_cardAnswers && source.stream != nullptr)
+                stats.note(askCard(source), StreamStats::When::kOpen, source.ring.lost());
+            noted = stats.takeNoted();
+        }
+        capture::CaptureFiles& files = capture.writer.files();
+        const std::uint64_t lostInRing = source.ring.lost();
+        stats.endLook(noted, lostInRing, files.lost(source.interface) + lostInRing - source.lostCounted);
+        files.setCard(source.interface, stats.card());
+    });
+}
+
+// Asks a last time. Under g_streamsMutex.
+void askLast(Capture& capture, StreamStats::When when) {
+    capture.writer.eachSource([when](Source& source) {
+        if (source.stats != nullptr && source.stream != nullptr)
+            source.stats->note(askCard(source), when, source.ring.lost());
+    });
+    g_cardAnswers = false;
+}
+
+// At exit, before the objects of the card's library end: they were there first.
+void askLastAtExit() {
+    Capture* capture = g_capture.load();
+    if (capture == nullptr || g_state.load() != State::kRunning) return;
+    const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    askLast(*capture, StreamStats::When::kOpen);
 }
 
 void tellResult(const Capture& capture) {
@@ -114,15 +132,61 @@ void tellResult(const Capture& capture) {
 }
 
 // After this, calls go to the card and are not recorded.
-bool turnOff() {
-    const bool wasRunning = g_state.exchange(State::kOff) == State::kRunning;
+void turnOff() {
+    g_state.store(State::kOff);
     g_streams.clear();
     origins().end();
-    return wasRunning;
+}
+
+// The program goes on, and its polls find no ring any more. It may destroy a stream from now on without our knowing.
+void stopRecording(Capture& capture) {
+    const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    askLast(capture, StreamStats::When::kClosed);
+    turnOff();
+}
+
+void runWriter(Capture& capture) {
+    if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
+    ::pthread_setname_np(::pthread_self(), "vexo-tap");
+    capture.writer.startClock();
+    const auto begun = std::chrono::steady_clock::now();
+    const std::chrono::seconds duration(capture.settings.durationSeconds);
+    auto flushed = begun;
+    bool isOver = false;
+    while (!isOver && !capture.ending.load(std::memory_order_acquire)) {
+        if (!capture.writer.drain()) std::this_thread::sleep_for(kIdle);
+        const auto now = std::chrono::steady_clock::now();
+        isOver = duration.count() > 0 && now - begun >= duration;
+        if (now - flushed < kFlushEvery) continue;
+        readCards(capture);
+        capture.writer.flush();
+        flushed = now;
+    }
+    if (isOver) stopRecording(capture);
+    capture.writer.drainAll();
+    readCards(capture);
+    capture.writer.finish();
+    if (isOver) report("recorded for " + std::to_string(duration.count()) + " seconds: the recording ends");
+    tellResult(capture);
+}
+
+bool startWriter(Capture& capture) {
+    const AllSignalsBlocked blocked;  // also in the writer: the application's handlers must not run there
+    try {
+        capture.thread = std::thread([&capture] { runWriter(capture); });
+    } catch (const std::exception& error) {  // no thread, or no memory
+        report(std::string("cannot start the writer: ") + error.what() + "; nothing is captured");
+        return false;
+    }
+    return true;
 }
 
 // A child of fork() has no writer, and must not write into its parent's file.
-void stopInChild() { turnOff(); }
+void stopInChild() {
+    turnOff();
+    if (Capture* const capture = g_capture.load()) capture->page.leaveToParent();
+    g_capture.store(nullptr);
+}
 
 void begin() {
     const std::lock_guard<std::mutex> lock(g_beginMutex);
@@ -135,12 +199,14 @@ void begin() {
         capture->registers = capture->writer.add({capture::kRegisterLink, "registers", "register accesses"});
         if (capture->registers == nullptr) report("no memory for register accesses: they are not captured");
     }
-    if (startWriter(*capture)) {
-        g_capture.store(capture.release());
-        g_state.store(State::kRunning);
-    } else {
-        g_state.store(State::kOff);
+    g_capture.store(capture.get());
+    g_state.store(State::kRunning);
+    std::atexit(askLastAtExit);
+    if (!startWriter(*capture)) {
+        turnOff();
+        g_capture.store(nullptr);
     }
+    [[maybe_unused]] const Capture* kept = capture.release();
 }
 
 Capture* running() {
@@ -154,11 +220,23 @@ Capture* running() {
 
 // At exit: writes what is in the rings, and ends the file.
 [[gnu::destructor]] void end() {
-    if (!turnOff()) return;
-    Capture& capture = *g_capture.load();
-    capture.ending.store(true, std::memory_order_release);
-    capture.thread.join();
-    tellResult(capture);
+    turnOff();
+    Capture* capture = g_capture.load();
+    if (capture == nullptr) return;
+    capture->ending.store(true, std::memory_order_release);
+    capture->thread.join();
+    capture->page.end();
+}
+
+}  // namespace
+
+namespace {
+
+// Under g_streamsMutex.
+void release(Source& source) {
+    if (source.stats != nullptr) source.stats->note(askCard(source), StreamStats::When::kClosed, source.ring.lost());
+    source.stream = nullptr;
+    TapWriter::release(source);
 }
 
 }  // namespace
@@ -169,14 +247,18 @@ void openStream(const void* stream, const Origin& origin) {
     const capture::InterfaceInfo info = describeStream(origin);
     Source* source = capture->writer.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
+    if (g_state.load() != State::kRunning) return;  // the recording has just ended
     // The same handle may come back without a destroy call: a library may free it in another way.
-    if (Source* before = g_streams.remove(stream)) TapWriter::release(*before);
+    if (Source* before = g_streams.remove(stream)) release(*before);
     if (source != nullptr) {
         source->stream = stream;
         source->keepUpTo(0);
+        source->presence.begin();
+        const bool isMarked = source->ring.putOpening(clock_ticks::now());
+        if (source->stats != nullptr) source->stats->noteOpening(askCard(*source), source->ring.lost(), isMarked);
     }
     if (source != nullptr && g_streams.insert(stream, source)) return;
-    if (source != nullptr) TapWriter::release(*source);
+    if (source != nullptr) release(*source);
     report("no memory or no room for " + info.name + ": it is not captured");
 }
 
@@ -184,7 +266,7 @@ void closeStream(const void* stream) {
     if (g_state.load(std::memory_order_acquire) != State::kRunning) return;
     const std::lock_guard<std::mutex> lock(g_streamsMutex);
     Source* source = g_streams.remove(stream);
-    if (source != nullptr) TapWriter::release(*source);
+    if (source != nullptr) release(*source);
 }
 
 bool recordsRegisters() {

@@ -32,6 +32,7 @@ Source* TapWriter::add(const capture::InterfaceInfo& info) {
     if (count == kMaxSources) return nullptr;
     std::unique_ptr<Source> source(new (std::nothrow) Source(info, m_ringBytes));
     if (!source || !source->ring.isUsable()) return nullptr;
+    if (m_newStats && info.linkType == capture::kStreamLink) source->stats = m_newStats(info);
     m_sources[count].store(source.get(), std::memory_order_relaxed);
     m_count.store(count + 1, std::memory_order_release);
     return source.release();
@@ -80,6 +81,8 @@ bool TapWriter::drain() {
 }
 
 void TapWriter::write(Source& source, const PacketRing::Record& record) {
+    if (source.stats != nullptr) source.stats->take(record);
+    if (record.isOpening) return;
     std::uint64_t ns = m_clock.at(record.ticks);
     if (ns < source.lastNs && source.lastNs - ns < kClockNoiseNs) ns = source.lastNs;
     source.lastNs = ns;
@@ -105,8 +108,7 @@ void TapWriter::countLost() {
 }
 
 void TapWriter::finish() {
-    while (drain()) {
-    }
+    drainAll();
     m_clock.sample();
     m_files.close(nowNs());
 }

@@ -3,11 +3,15 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <mutex>
 
 #include "capture/CaptureFiles.h"
 #include "tools/tap/PacketRing.h"
+#include "tools/tap/Presence.h"
 #include "tools/tap/Settings.h"
+#include "tools/tap/StreamStats.h"
 #include "tools/tap/TapClock.h"
 
 namespace tap {
@@ -32,6 +36,8 @@ struct Source {
     std::atomic<std::uint32_t> quickLimit{0};  // packets up to this size take the fast path: the limit, or 0
     std::atomic<std::uint32_t> limit{0};       // bytes of a packet that are kept; 0 = the stream's MTU is not known yet
     const void* stream = nullptr;              // the handle; null for registers
+    Presence presence;
+    std::unique_ptr<StreamStats> stats;  // null: nobody counts; made before the writer knows this source
 
     void keepUpTo(std::uint32_t bytes) {
         limit.store(bytes, std::memory_order_relaxed);
@@ -63,14 +69,32 @@ public:
     Source* add(const capture::InterfaceInfo& info);
     static void release(Source& source) { source.open.store(false, std::memory_order_release); }
 
+    using NewStats = std::function<std::unique_ptr<StreamStats>(const capture::InterfaceInfo&)>;
+    /// What add() gives each new source. Before the first add().
+    void countWith(NewStats newStats) { m_newStats = std::move(newStats); }
+
     /// Must be called before the first drain(). Takes a millisecond.
     void startClock();
     /// Writes the packets that are in the rings now, oldest first. @return false when there were none.
     bool drain();
-    void flush() { m_files.flush(); }
+    void flush() { m_files.tick(nowNs()); }
+    /// Writes all packets that are in the rings.
+    void drainAll() {
+        while (drain()) {
+        }
+    }
     /// Writes the last packets and ends the file.
     void finish();
 
+    /// Calls @p what with each source.
+    template <typename What>
+    void eachSource(What what) {
+        for (std::size_t i = 0; i < m_count.load(std::memory_order_acquire); ++i) {
+            what(*m_sources[i].load(std::memory_order_relaxed));
+        }
+    }
+
+    capture::CaptureFiles& files() { return m_files; }
     const capture::CaptureFiles& files() const { return m_files; }
 
 private:
@@ -87,6 +111,7 @@ private:
     std::uint64_t nowNs() const { return m_clock.at(clock_ticks::now()); }
 
     const std::size_t m_ringBytes;
+    NewStats m_newStats;
     std::mutex m_addMutex;
     std::array<std::atomic<Source*>, kMaxSources> m_sources{};  // filled up to m_count, and never removed
     std::atomic<std::size_t> m_count{0};

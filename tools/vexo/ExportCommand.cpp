@@ -1,15 +1,14 @@
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "tools/cli/Values.h"
 #include "tools/data/CaptureSource.h"
 #include "tools/vexo/Command.h"
-#include "tools/vexo/export/Filter.h"
-#include "tools/vexo/export/Progress.h"
-#include "tools/vexo/export/RowWriter.h"
+#include "tools/vexo/export/Exporter.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/Terminal.h"
 
@@ -32,21 +31,18 @@ struct Options {
     Filter filter;
 };
 
-/// What has been exported, and what not.
-struct Outcome {
-    std::uint64_t rows = 0;
-    std::map<std::uint32_t, std::uint64_t> unknown;  // packets that no layout describes, by type
-    bool isDamaged = false;
-};
-
-// The format that was asked for, or that the name of the output shows.
+// The format that was asked for, or that the name of the output shows. A name that shows none is no guess: x.json could
+// be lines or one text.
 std::string formatOf(const Options& options) {
     if (!options.format.empty()) return options.format;
+    if (options.output == "-") return "csv";
     std::string name = options.output;
     if (OutputFile::isCompressedName(name)) name.resize(name.size() - 4);
     const std::size_t dot = name.rfind('.');
     const std::string ending = dot == std::string::npos ? "" : name.substr(dot + 1);
-    return ending == "jsonl" || ending == "npy" ? ending : "csv";
+    if (ending == "csv" || ending == "jsonl" || ending == "npy") return ending;
+    throw Failure(kUsage, "--output " + harmless(options.output) +
+                              ": the name does not show a format; let it end with .csv, .jsonl or .npy, or add --to");
 }
 
 std::unique_ptr<RowWriter> makeWriter(const std::string& format, OutputFile& file, const std::vector<Column>& columns) {
@@ -90,84 +86,46 @@ int listColumns(const data::Layouts& layouts) {
     return terminal::statusOfOutput(0);
 }
 
-/// Reads captures, one after the other, into one output.
-class Exporter {
-public:
-    Exporter(const Options& options, RowMaker& maker, RowWriter& writer)
-        : m_options(options), m_maker(maker), m_writer(writer) {}
-
-    void take(const std::string& path, data::CaptureSource& source, Progress& progress, std::uint64_t bytesBefore) {
-        capture::Reader reader(source.stream());
-        m_maker.beginCapture();
-        capture::Packet packet;
-        Row row;
-        while (!isFull() && reader.next(packet)) {
-            takePacket(packet, row);
-            progress.update(m_outcome.rows, bytesBefore + source.readBytes());
-        }
-        if (!reader.damage()) return;
-        m_outcome.isDamaged = true;
-        progress.clear();
-        const std::string why = source.failure().empty() ? "" : ": " + source.failure();
-        std::fprintf(stderr, "vexo: %s: %s%s; what precedes it is exported\n", harmless(path).c_str(),
-                     reader.damage()->text.c_str(), why.c_str());
-    }
-    bool isFull() const { return m_options.limit > 0 && m_outcome.rows >= m_options.limit; }
-    const Outcome& outcome() const { return m_outcome; }
-
-private:
-    static constexpr std::uint32_t kContractMap = 2;  // has no payload that a layout could describe
-
-    void takePacket(const capture::Packet& packet, Row& row) {
-        if (!m_maker.begin(packet, row)) return;
-        if (!m_options.filter.takes(row)) return;
-        if (row.payload == nullptr && !m_options.filter.takesUnknown) {
-            if (row.type != kContractMap) ++m_outcome.unknown[row.type];
-            return;
-        }
-        m_maker.addQuoteTime(row);
-        if (!m_options.filter.takesSession(row)) return;
-        m_maker.complete(row);
-        m_writer.add(m_maker, row);
-        ++m_outcome.rows;
-    }
-
-    const Options& m_options;
-    RowMaker& m_maker;
-    RowWriter& m_writer;
-    Outcome m_outcome;
-};
-
-void sayWhatIsMissing(const Outcome& outcome, const RowMaker& maker) {
-    for (const auto& [type, count] : outcome.unknown) {
-        std::fprintf(stderr,
-                     "vexo: no layout describes %llu packets of type %u: left out. Give a layout with --layout, or "
-                     "their bytes with the column payload\n",
-                     static_cast<unsigned long long>(count), type);
-    }
-    if (maker.nonsenseTimes() > 0) {
-        std::fprintf(stderr, "vexo: %llu quotes have an exchange time that is none: without day and session\n",
-                     static_cast<unsigned long long>(maker.nonsenseTimes()));
-    }
-    if (outcome.rows == 0) std::fprintf(stderr, "vexo: no packet became a row\n");
+// A word behind a list is a capture for the command line: --type 17 18.
+std::string listAdvice(const Options& options) {
+    const Filter& filter = options.filter;
+    const bool hasList = !filter.types.empty() || !filter.channels.empty() || !filter.ids.empty() ||
+                         !filter.sessions.empty() || !options.columns.empty();
+    return hasList ? "\nIf it belongs to a list, write the list with commas: --type 17,18" : "";
 }
 
-using Sources = std::vector<std::unique_ptr<data::CaptureSource>>;
-
-// All before the first row is written: a wrong name in the middle must not cost a long run.
-Sources openAll(const std::vector<std::string>& paths) {
-    Sources sources;
-    for (const std::string& path : paths) sources.push_back(std::make_unique<data::CaptureSource>(path));
-    return sources;
-}
-
-std::uint64_t bytesOf(const Sources& sources) {
+// All before the first row is written: a wrong name in the middle must not cost a long run. One at a time: there may be
+// more captures than a process may open.
+std::uint64_t checkCaptures(const Options& options) {
     std::uint64_t all = 0;
-    for (const auto& source : sources) {
-        if (source->fileBytes() == 0) return 0;  // a pipe among them: nobody knows
-        all += source->fileBytes();
+    bool isKnown = true;
+    unsigned standardInputs = 0;
+    for (const std::string& path : options.captures) {
+        if (path == "-" && ++standardInputs > 1) throw Failure(kUsage, "standard input (-) can be read only once");
+        try {
+            const std::uint64_t bytes = data::CaptureSource::check(path);
+            isKnown = isKnown && bytes > 0;
+            all += bytes;
+        } catch (const data::SourceError& error) {
+            throw Failure(kUsage, error.what() + listAdvice(options));
+        }
     }
-    return all;
+    return isKnown ? all : 0;  // a pipe among them: nobody knows
+}
+
+void checkTypes(const Filter& filter, const data::Layouts& layouts) {
+    if (filter.takesUnknown) return;
+    std::set<std::uint32_t> known;
+    for (const auto& layout : layouts.all()) {
+        for (const data::Payload& payload : layout->payloads) known.insert(payload.type);
+    }
+    for (const std::uint32_t type : filter.types) {
+        if (known.count(type) > 0) continue;
+        std::string list;
+        for (const std::uint32_t one : known) list += (list.empty() ? "" : ", ") + std::to_string(one);
+        throw Failure(kUsage, "--type " + std::to_string(type) + ": no layout describes this type; there are " + list +
+                                  ". Give a layout with --layout, or name the column payload for its bytes");
+    }
 }
 
 int exportAll(Options& options, const data::Layouts& layouts) {
@@ -180,22 +138,27 @@ int exportAll(Options& options, const data::Layouts& layouts) {
     for (const Column& column : columns) options.filter.takesUnknown |= column.source == Source::kPayload;
     RowMaker maker(layouts, columns, !options.filter.sessions.empty());
     loadHolidayFile(options.holidays, maker.holidays());
-    Sources sources = openAll(options.captures);
+    checkTypes(options.filter, layouts);
+    const std::uint64_t allBytes = checkCaptures(options);
     OutputFile file(options.output);
     const std::unique_ptr<RowWriter> writer = makeWriter(format, file, columns);
-    Exporter exporter(options, maker, *writer);
+    Exporter exporter(options.filter, options.limit, maker, *writer);
     {
-        Progress progress(bytesOf(sources));
+        Progress progress(allBytes);
         std::uint64_t bytesBefore = 0;
-        for (std::size_t i = 0; i < sources.size() && !exporter.isFull(); ++i) {
-            exporter.take(options.captures[i], *sources[i], progress, bytesBefore);
-            bytesBefore += sources[i]->fileBytes();
+        for (const std::string& path : options.captures) {
+            if (exporter.isFull()) break;
+            bytesBefore += exporter.take(path, progress, bytesBefore);
         }
     }
-    writer->finish(exporter.outcome().rows);
-    file.finish();
-    sayWhatIsMissing(exporter.outcome(), maker);
-    return exporter.outcome().rows > 0 && !exporter.outcome().isDamaged ? 0 : kFinding;
+    const Outcome& outcome = exporter.outcome();
+    // Without a row there is no file: one with a head alone would only stand in the way of the next try.
+    if (outcome.rows > 0) {
+        writer->finish(outcome.rows);
+        file.finish();
+    }
+    sayWhatIsMissing(outcome, maker);
+    return outcome.rows > 0 && !outcome.isDamaged ? 0 : kFinding;
 }
 
 int run(Options& options) {
@@ -239,7 +202,7 @@ void addFilters(CLI::App& command, Options& options) {
         ->allow_extra_args(false);
     command.add_option("--limit", options.limit, "End after so many rows")
         ->type_name("N")
-        ->check(CLI::Range(std::uint64_t{1}, ~std::uint64_t{0}));
+        ->transform(cli::wholeNumber(1, ~std::uint64_t{0}));
 }
 
 }  // namespace
@@ -251,8 +214,9 @@ void addExport(CLI::App& app, Invocation& invocation) {
     command->add_option("captures", options->captures, "Captures, also compressed with zstd; - is standard input")
         ->type_name("FILE");
     command
-        ->add_option("--to", options->format,
-                     "csv, jsonl or npy; the default is what the name of the output ends with, or csv")
+        ->add_option(
+            "--to", options->format,
+            "csv, jsonl or npy; the default is what the name of the output ends with, and csv on standard output")
         ->type_name("FORMAT")
         ->check(CLI::IsMember({"csv", "jsonl", "npy"}));
     command

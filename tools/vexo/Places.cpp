@@ -44,6 +44,8 @@ fs::path pollsLibrary() { return find(layout::kPolls, "the library that counts p
 
 fs::path receiverProgram() { return find(layout::kReceiver, "what receives for vexo watch"); }
 
+fs::path relayLibrary() { return find(layout::kRelay, "the relay"); }
+
 fs::path dayFileLibrary() { return find(layout::kDayFile, "what keeps day files apart"); }
 
 }  // namespace vexo

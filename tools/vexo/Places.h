@@ -19,6 +19,9 @@ std::filesystem::path pollsLibrary();
 /// The program that `vexo watch CONFIG.ini` starts to receive.
 std::filesystem::path receiverProgram();
 
+/// The library that is `vexo relay`.
+std::filesystem::path relayLibrary();
+
 /// The library that `vexo sim run` loads into a program.
 std::filesystem::path dayFileLibrary();
 

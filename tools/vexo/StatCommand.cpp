@@ -28,7 +28,6 @@ using stat::Page;
 
 constexpr double kUsualWatch = 1;
 constexpr double kLongestWatch = 86400;
-constexpr std::uint64_t kLargestPid = 1 << 22;  // of the kernel on 64 bits
 
 struct Options {
     std::string directory;
@@ -145,9 +144,7 @@ void addStat(CLI::App& app, Invocation& invocation) {
                      "Directory of the pages; the default is $VEXO_STATS_DIR, or else those of all users")
         ->type_name("DIR")
         ->check(cli::directory());
-    stat->add_option("--pid", options->pid, "Show only this process")
-        ->type_name("PID")
-        ->transform(cli::wholeNumber(1, kLargestPid));
+    stat->add_option("--pid", options->pid, "Show only this process")->type_name("PID")->transform(cli::processId());
     CLI::Option* loss = stat->add_flag("--loss", options->loss, "Show one table: packets lost, by cause");
     CLI::Option* json = stat->add_flag("--json", options->json, "Show one line of JSON for each process");
     CLI::Option* prometheus = stat->add_option(

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tools/cli/Progress.h"
+#include "tools/cli/Values.h"
 #include "tools/data/LayoutFile.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
@@ -199,7 +200,7 @@ void addWatch(CLI::App& app, Invocation& invocation) {
     CLI::Option* config = watch->add_option("CONFIG.ini", options->config,
                                             "Receive on the channel of this configuration, and show it");
     CLI::Option* pid = watch->add_option("--pid", options->pid, "Show a process that has a statistics page");
-    pid->type_name("PID")->check(CLI::Range(1U, 1U << 30))->excludes(config);
+    pid->type_name("PID")->transform(cli::processId())->excludes(config);
     watch
         ->add_option("--dir", options->directory,
                      "Directory of the pages; the default is $VEXO_STATS_DIR, or else those of all users")
@@ -210,12 +211,13 @@ void addWatch(CLI::App& app, Invocation& invocation) {
         ->type_name("FILE")
         ->allow_extra_args(false)
         ->excludes(pid);
-    watch->add_option("--interval", options->interval, "Look again after so many seconds (default: 1)")
+    watch->add_option("--interval", options->interval, "Look again after so many seconds")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, kDay));
+        ->check(cli::number(0.1, kDay))
+        ->capture_default_str();
     watch->add_option("--seconds", options->seconds, "End after so many seconds; without it, on Ctrl-C")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, 366 * kDay));
+        ->check(cli::number(0.1, 366 * kDay));
     CLI::Option* plain = watch->add_flag("--plain", options->plain,
                                          "Write lines, one for each look; so it does where there is no terminal");
     watch->add_flag("--json", options->json, "Write one line of JSON for each look")->excludes(plain);

@@ -12,8 +12,8 @@ namespace {
 
 using namespace vexo;
 
-constexpr AddCommand kCommands[] = {addCheck, addExport, addIndex, addLog, addPlan, addReport,
-                                    addRun,   addSim,    addStat,  addTap, addWatch};
+constexpr AddCommand kCommands[] = {addCheck,  addExport, addIndex, addInfo, addLog,  addPlan, addRelay,
+                                    addRemote, addReport, addRun,   addSim,  addStat, addTap,  addWatch};
 
 // The usual cause of words without a place is a program without "--" before it.
 std::string adviceFor(const CLI::App& app, const Invocation& invocation, const std::vector<std::string>& words) {
@@ -33,8 +33,9 @@ int parseAndRun(int argc, char** argv) {
     words.erase(dashes, words.end());
 
     CLI::App app(
-        "Checks and plans a configuration, supervises an application, runs programs on a simulated card, records and "
-        "exports what a card delivers, and shows numbers, logs and day files.",
+        "Checks and plans a configuration, supervises an application, runs programs on a simulated card or on the card "
+        "of another machine, records, counts, exports and relays what a card delivers, and shows numbers, logs and day "
+        "files.",
         "vexo");
     for (const AddCommand add : kCommands) add(app, invocation);
     cli::tellStatuses(app, {{cli::kFine, "fine"},

@@ -31,7 +31,7 @@ struct Sample {
         end();
         appendPacket(blocks, 0, kMorning + 2, "a packet of 28 bytes, no pad", 28);
         end();
-        appendStatistics(blocks, 0, {kMorning, kMorning + 5, 9, 7});
+        appendStatistics(blocks, 0, {kMorning, kMorning + 5, 9, 7, {}});
         end();
     }
 

@@ -33,9 +33,10 @@ TEST_F(Command, TellsItsVersion) { EXPECT_EQ(vexo("--version").output, "vexo " V
 
 TEST_F(Command, ExplainsEverySubcommand) {
     EXPECT_EQ(vexo("--help").status, 0);
-    EXPECT_THAT(vexo("--help").output, AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "),
-                                             HasSubstr("\n  plan "), HasSubstr("\n  report "), HasSubstr("\n  run "),
-                                             HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
+    EXPECT_THAT(vexo("--help").output,
+                AllOf(HasSubstr("\n  check "), HasSubstr("\n  index "), HasSubstr("\n  log "), HasSubstr("\n  plan "),
+                      HasSubstr("\n  relay "), HasSubstr("\n  remote "), HasSubstr("\n  report "),
+                      HasSubstr("\n  run "), HasSubstr("\n  sim "), HasSubstr("\n  stat "), HasSubstr("\n  tap ")));
     EXPECT_THAT(vexo("sim --help").output, HasSubstr("\n  run "));
     EXPECT_THAT(vexo("sim run --help").output, HasSubstr("vexo sim run [OPTIONS] -- PROGRAM [ARGUMENTS]"));
     EXPECT_THAT(vexo("tap --help").output, HasSubstr("vexo tap [OPTIONS] -- PROGRAM [ARGUMENTS]"));
@@ -88,17 +89,40 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"index a b", "vexo: unexpected argument: b\nSee vexo index --help"},
         {"index a --compare b --list",
          "vexo: --list shows no comparison; leave out --list or --compare, or add --json"},
+        {"relay --channel 3", "--to is required"},
+        {"relay --channel 16 --to nats://h", "--channel: Value 16 not in range"},
+        {"relay --to nats://h", "vexo: no channel: give --channel N, or a configuration\n"},
+        {"relay --channel 0 --to nats://h", "vexo: channel 0 is the master's, which programs the card"},
+        {"relay --channel 3 --to http://h", "vexo: --to: \"http://h\" is not nats://HOST:PORT or tls://HOST:PORT\n"},
+        {"relay --channel 3 --to nats://me:secret@h", "vexo: --to: a server's address must not carry a user"},
+        {"relay --channel 3 --to nats://h --site a.b", "vexo: --site a.b: use 1 to 32 letters, digits, _ and -\n"},
+        {"relay none.ini --to nats://h", "vexo: none.ini: No such file or directory\n"},
+        {"remote run --from nats://h", "vexo: no program to run: put it after --"},
+        {"remote run -- true", "--from is required"},
+        {"remote run --from nats://me:secret@h -- true", "vexo: --from: a server's address must not carry a user"},
+        {"remote run --from nats://h --site a.b -- true", "vexo: --site a.b: use 1 to 32 letters, digits, _ and -\n"},
+        {"remote run --from nats://h --bus 5 -- true", "--bus: Value 5 not in range"},
+        {"remote run --from nats://h --creds none -- true", "vexo: none: No such file or directory\n"},
         {"stat --json --loss", "--loss excludes --json"},
         {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
         {"stat --listen 70000", "vexo: --listen: 70000 is not a whole number from 0 to 65535\n"},
         {"stat --watch 0", "vexo: --watch: 0 is not a number from 0.1 to 86400\n"},
-        {"stat --pid abc", "vexo: --pid: abc is not a whole number from 1 to 4194304\n"},
+        {"stat --pid abc", "vexo: --pid: abc is not a whole number from 1 to 1073741823\n"},
         {"stat --dir none", "vexo: --dir: there is no directory none\n"},
         {"stat --prometheus none/a.prom", "vexo: none/a.prom: there is no directory none\n"},
-        {"tap --keep-page -- true", "--keep-page requires --stats-only"},
         {"tap --stats-only --registers -- true", "--registers excludes --stats-only"},
         {"tap --stats-only --ring-lasts 0 -- true", "vexo: --ring-lasts: 0 is not a whole number from 1 to "},
         {"tap --rotate 0 -- true", "vexo: --rotate: 0 is not a whole number from 1 to 1048576\n"},
+        {"tap --keep 5 -- true", "vexo: --keep keeps the newest files, so there must be several: add --rotate or "},
+        {"tap --keep 1 --rotate 1 -- true", "vexo: --keep: 1 is not a whole number from 2 to 100000\n"},
+        {"tap --keep-space 1 -- true", "--keep-space requires --keep"},
+        {"tap --duration 1w -- true", "--duration: 1w is no time; write seconds, or a number with s, m, h or d"},
+        {"tap --duration -1 -- true", "--duration: -1 is no time"},
+        {"tap --duration 0 -- true", "--duration: 0 is not between a second and 3660 days"},
+        {"tap --rotate-every 99999999999999999999 -- true", "--rotate-every: 99999999999999999999 is no time"},
+        {"tap --rotate-every 9999999999999999d -- true", "--rotate-every: 9999999999999999d is no time"},
+        {"tap --rotate-every 4000d -- true", "--rotate-every: 4000d is not between a second and 3660 days"},
+        {"tap --stats-only --duration 1h -- true", "--stats-only excludes --duration"},
         {"tap --output none/a.pcapng -- true", "vexo: --output none/a.pcapng: there is no directory "},
         {"tap --output . -- true", "vexo: --output .: this is a directory, not a file"},
     };
@@ -162,6 +186,14 @@ TEST_F(Command, TapWithStatsOnlyLoadsTheCounterAndNoRecorder) {
     EXPECT_THAT(result.output, EndsWith(" 7 1\n"));
 }
 
+TEST_F(Command, TapTellsTheRecorderItsLimits) {
+    const ProgramResult result = vexo(
+        "tap --rotate 100 --rotate-every 2h --keep 50 --keep-space 1000 --duration 365d -- sh -c 'echo $VEXO_TAP_ROTATE_MB "
+        "$VEXO_TAP_ROTATE_SECONDS $VEXO_TAP_KEEP $VEXO_TAP_KEEP_SPACE_MB $VEXO_TAP_DURATION_SECONDS'");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, EndsWith("100 7200 50 1000 31536000\n"));
+}
+
 TEST_F(Command, SimRunPutsTheSimulatedCardBeforeEverythingElse) {
     const ProgramResult result = runProgram("LD_LIBRARY_PATH=/opt/other " + word(VEXO_COMMAND) +
                                             " sim run -- sh -c 'echo $LD_LIBRARY_PATH'");
@@ -174,6 +206,16 @@ TEST_F(Command, SimRunHandsOnScenarioAndKindOfCard) {
     EXPECT_EQ(vexo("sim run" + show).output, "|\n");
     EXPECT_EQ(vexo("sim run --scenario a.ini --embedded" + show).output, dir.Path("a.ini") + "|embedded\n");
     EXPECT_EQ(vexo("sim run --hosted" + show).output, "|hosted\n");
+}
+
+TEST_F(Command, RemoteRunHandsOnWhereTheCardIs) {
+    dir.Write("me", "user\n");
+    const std::string show =
+        " -- sh -c 'echo \"$VEXO_SIM_CARD|$VEXO_SIM_REMOTE|$VEXO_SIM_REMOTE_SITE|$VEXO_SIM_REMOTE_BUS|"
+        "$VEXO_SIM_REMOTE_REGISTERS|$VEXO_NATS_USER_FILE\"'";
+    EXPECT_EQ(vexo("remote run --from nats://a:1,b:2" + show).output, "remote|nats://a:1,b:2|local|||\n");
+    EXPECT_EQ(vexo("remote run --from a --site colo --bus 3 --own-registers --user-file me" + show).output,
+              "remote|a|colo|3|own|" + dir.Path("me") + "\n");
 }
 
 TEST_F(Command, SimRunChecksTheScenarioBeforeTheProgramStarts) {

@@ -196,6 +196,69 @@ TEST_F(ExportCommand, AFileIsNeverOverwrittenAndHasItsNameOnlyWhenItIsComplete) 
     EXPECT_FALSE(std::filesystem::exists("new.csv"));
 }
 
+TEST_F(ExportCommand, WithoutARowThereIsNoFileAndEachFilterSaysWhatItLeftOut) {
+    const std::string none = "vexo: no packet became a row, so nothing is written: ";
+    EXPECT_EQ(
+        Fault("a.pcapng -o new.csv --id 'XX*'", 1),
+        "vexo: no layout describes 1 packets of type 21: left out. Give a layout with --layout, or their bytes with "
+        "the column payload\n" +
+            none +
+            "of 7 packets, 1 of type 2 (contract maps, without quotes), 1 of type 21 (not in the layout), 5 left out by "
+            "--id\n");
+    EXPECT_EQ(Fault("a.pcapng -o new.csv --type 18 --session night", 1),
+              none + "of 7 packets, 6 left out by --type, 1 left out by --session\n");
+    EXPECT_EQ(Fault("a.pcapng -o new.csv --until 2025-01-15 --channel 7", 1),
+              none + "of 7 packets, 7 left out by --from or --until\n");
+    EXPECT_EQ(Fault("a.pcapng --channel 7", 1), none + "of 7 packets, 7 left out by --channel\n");
+    EXPECT_EQ(Export("a.pcapng --channel 7").output, "");
+    BlockBuffer blocks = emptyCapture();
+    dir.Write("b.pcapng", text(blocks));
+    EXPECT_EQ(Fault("b.pcapng -o new.npy", 1), none + "there is no packet of a stream\n");
+    EXPECT_FALSE(std::filesystem::exists("new.csv") || std::filesystem::exists("new.npy"));
+    EXPECT_EQ(Export("a.pcapng -o new.csv").status, 0);  // nothing stands in the way of the next try
+}
+
+TEST_F(ExportCommand, AHostileNumberOfTypesIsToldInAFewLines) {
+    BlockBuffer blocks = emptyCapture();
+    for (std::uint32_t type = 1000; type < 1100; ++type) {
+        const char* bytes = reinterpret_cast<const char*>(&type);
+        appendPacket(blocks, 0, NsAt(90000), std::string(bytes, 4) + std::string(20, 'x'));
+    }
+    dir.Write("b.pcapng", text(blocks));
+    const auto lines = LinesOf(Fault("b.pcapng", 1));
+    EXPECT_EQ(lines.size(), 18U);
+    EXPECT_EQ(lines[16], "vexo: no layout describes 84 packets of other types: left out");
+}
+
+TEST_F(ExportCommand, MoreCapturesThanAProcessMayOpenAreReadOneAfterTheOther) {
+    for (int i = 0; i < 100; ++i) std::filesystem::create_symlink("a.pcapng", "b" + std::to_string(i) + ".pcapng");
+    const ProgramResult result = Export("b*.pcapng --columns id", "ulimit -n 20; ");
+    EXPECT_EQ(result.status, 0) << dir.Read("err");
+    EXPECT_EQ(LinesOf(result.output).size(), 501U);
+}
+
+TEST_F(ExportCommand, StandardStreamsThatAreClosedGetNoRowsAndLoseNone) {
+    EXPECT_EQ(Export("a.pcapng -o out.csv", "exec 0<&- 1>&-; ").status, 0) << dir.Read("err");
+    EXPECT_EQ(LinesOf(dir.Read("out.csv")).size(), 6U);
+    EXPECT_EQ(Export("a.pcapng", "exec 0<&- 1>&-; ").status, 1);
+    EXPECT_THAT(dir.Read("err"), HasSubstr("standard output: cannot be written: Bad file descriptor"));
+    EXPECT_EQ(Export("-", "exec 0<&-; ").status, 2);
+    EXPECT_THAT(dir.Read("err"), HasSubstr("standard input: Bad file descriptor"));
+    EXPECT_EQ(dir.Read("a.pcapng"), m_capture);
+}
+
+TEST_F(ExportCommand, ACaptureThatVanishesMeanwhileIsToldAndTheOthersAreExported) {
+    std::filesystem::copy("a.pcapng", "b.pcapng");
+    std::filesystem::copy("a.pcapng", "c.pcapng");
+    // The pipe gives its capture only when the next file is gone.
+    ASSERT_EQ(runProgram("mkfifo pipe").status, 0);
+    const ProgramResult result = Export("pipe b.pcapng c.pcapng --columns id",
+                                        "(exec 3>pipe; rm b.pcapng; cat a.pcapng >&3) & ");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(LinesOf(result.output).size(), 11U);
+    EXPECT_THAT(dir.Read("err"), HasSubstr("vexo: b.pcapng: No such file or directory; nothing of it is exported\n"));
+}
+
 TEST_F(ExportCommand, AFullOutputIsAFailure) {
     const ProgramResult result = Export("a.pcapng >/dev/full");
     EXPECT_EQ(result.status, 1);
@@ -211,6 +274,13 @@ TEST_F(ExportCommand, TheNameOfTheOutputSaysTheFormat) {
     EXPECT_EQ(dir.Read("out.npy.csv").substr(0, 5), "time,");
     EXPECT_EQ(Export("a.pcapng --to csv -o out2.jsonl").status, 0);
     EXPECT_EQ(dir.Read("out2.jsonl").substr(0, 5), "time,");
+    for (const std::string name : {"x.json", "x", "x.json.zst", "x.CSV", "csv", "dir.csv/x"}) {
+        EXPECT_THAT(Fault("a.pcapng -o " + name), HasSubstr("--output " + name +
+                                                            ": the name does not show a format; let "
+                                                            "it end with .csv, .jsonl or .npy, or add --to"));
+    }
+    EXPECT_EQ(Export("a.pcapng --to jsonl -o x.json").status, 0);
+    EXPECT_EQ(dir.Read("x.json").front(), '{');
 }
 
 TEST_F(ExportCommand, CompressedCapturesAndOutputsAreTheSame) {
@@ -245,7 +315,7 @@ TEST_F(ExportCommand, ADamagedCaptureIsNamedAndWhatPrecedesTheDamageIsExported) 
     EXPECT_THAT(Fault("cut.zst", 1), HasSubstr("the file cannot be read: the compressed file is cut off"));
     EXPECT_THAT(Fault("bad.zst", 1), HasSubstr("the file cannot be read: the compressed file is damaged: "));
     dir.Write("text", "no capture");
-    EXPECT_THAT(Fault("text", 1), HasSubstr("text: at byte 0: "));
+    EXPECT_THAT(Fault("text", 1), AllOf(HasSubstr("text: at byte 0: "), HasSubstr("; no packet precedes it\n")));
     dir.Write("empty", "");
     EXPECT_THAT(Fault("empty", 1), HasSubstr("empty: at byte 0: the file is empty"));
 }
@@ -315,6 +385,13 @@ TEST_F(ExportCommand, WrongUsageIsNamedBeforeAnythingIsWritten) {
     for (const std::string time : {"noon", "2025-01-15 9:00", "2025-02-30", "2025-01-15 24:00", "2025-01-15 09:00:",
                                    "-1", "2025-01-15x", "2025-01-15 09:00:00.1234567891", "99999999999"})
         EXPECT_THAT(Fault("a.pcapng --from '" + time + "'"), HasSubstr("this is no time")) << time;
+    EXPECT_THAT(
+        Fault("a.pcapng --type 17 18"),
+        HasSubstr("vexo: 18: No such file or directory\nIf it belongs to a list, write the list with commas: "));
+    EXPECT_THAT(Fault("a.pcapng --type 17,21"),
+                HasSubstr("--type 21: no layout describes this type; there are 17, 18, 19, 20. Give a layout "));
+    EXPECT_THAT(Fault("a.pcapng --type 17,x"), HasSubstr("--type"));
+    EXPECT_THAT(Fault("- - <a.pcapng"), HasSubstr("standard input (-) can be read only once"));
     EXPECT_THAT(Fault("a.pcapng --to npy"), HasSubstr("add --output FILE.npy"));
     EXPECT_THAT(Fault("a.pcapng -o x.npy.zst"), HasSubstr("numpy cannot map a compressed file"));
     EXPECT_THAT(Fault("a.pcapng -o x.npy --columns payload"), HasSubstr("cannot hold the column payload"));
@@ -324,6 +401,12 @@ TEST_F(ExportCommand, WrongUsageIsNamedBeforeAnythingIsWritten) {
     EXPECT_THAT(Fault("a.pcapng --holidays holidays"), HasSubstr("holidays:2: this is no date YYYY-MM-DD"));
     Fault("a.pcapng --to xml");
     EXPECT_FALSE(std::filesystem::exists("x.npy") || std::filesystem::exists("x.npy.zst"));
+}
+
+TEST_F(ExportCommand, HelpNamesListsOnce) {
+    const std::string help = Export("--help").output;
+    EXPECT_THAT(help, HasSubstr("--type N,... "));
+    EXPECT_THAT(help, Not(HasSubstr(",... ...")));
 }
 
 TEST_F(ExportCommand, ListsTheColumnsOfALayout) {

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -137,6 +138,12 @@ TEST(LayoutFile, EveryMistakeIsNamedWithItsLineAndWhatToDo) {
         {{4, "meaning ="}, ":4: key or value is missing; write KEY = VALUE"},
         {{4, "name = two"}, ":4: name is in this section twice; remove one of the two lines"},
         {{5, "length_at = 9"}, ":5: the byte of the packet's length is a number from 4 to 8, not 9"},
+        {{5, "sequence_at = 3"}, ":5: the byte of the packet's number is a number from 4 to 8, not 3"},
+        {{5, "length_at = 6\nsequence_at = 8"}, ":6: sequence_at and length_at lie on the same bytes; correct one"},
+        {{5, "sequence_at = 8\nsequence_scope = type"}, ":6: sequence_at counts all packets of a stream; leave out"},
+        {{5, "sequence_scope = day\nsequence_field = mark"}, ":5: the numbers count in the whole stream or for each"},
+        {{5, "sequence_scope = type"}, ":5: there are no numbers; add sequence_field, or leave out sequence_scope"},
+        {{5, "sequence_field = price"}, ":5: price has a type that sequence_field cannot have; it is one unsigned"},
         {{6, "id_feld = id"}, ":6: unknown key id_feld; this section has name, meaning, length_at, "},
         {{6, "id_field = name"}, ":6: type 17 has no field name; add it, or leave out id_field"},
         {{6, "id_field = mark"}, ":6: mark has a type that id_field cannot have; it is char[N]"},
@@ -259,4 +266,54 @@ TEST(Layouts, AreThoseOfTheVariableUnlessNamed) {
     EXPECT_EQ(namesOf({}), "simulated ");
     ::unsetenv(kLayoutVariable);
     EXPECT_THROW(namesOf({"none.ini"}), LayoutError);
+}
+
+// Each of these took minutes, or the memory of the machine.
+TEST(LayoutFile, AFileThatAsksForTooMuchIsRefusedAtOnce) {
+    const auto repeated = [](std::size_t times, const std::function<std::string(std::string)>& line) {
+        std::string text;
+        for (std::size_t i = 0; i < times; ++i) text += line(std::to_string(i));
+        return text;
+    };
+    const std::string head = "[layout]\nname = x\nmeaning = x\n";
+    const auto type = [](const std::string& number, const std::string& fields) {
+        return "[type " + number + "]\nmeaning = x\nsize = 65536\nfields = " + fields + "\n";
+    };
+    const auto field = [](const std::string& number) { return "f" + number + " = " + number + ",u8,1,x\n"; };
+    const std::string all = "[fields all]\n";
+    const struct {
+        std::string text;
+        const char* fault;
+    } cases[] = {
+        {head + repeated(20'000, [](const std::string& n) { return "k" + n + "=1\n"; }), "more than 10000 keys"},
+        {head + repeated(2'000, [](const std::string& n) { return "[values v" + n + "]\n"; }),
+         "more than 1000 sections"},
+        {head + "k=" + std::string(5000, 'x'), "x.ini:4: the line is longer than 4096 bytes"},
+        {head + type("1", "all") + all + repeated(2000, field), "more than 1024 fields in a type; leave some out"},
+        {head + repeated(300, [&](const std::string& n) { return type(n, "all"); }) + all + field("0"),
+         "more than 256 types; leave some out"},
+        {head + type("1", "all") + all +
+             repeated(100,
+                      [](const std::string& n) {
+                          return "f" + n + " = " + std::to_string(64 * std::stoul(n)) + ",u8[64],1,x\n";
+                      }),
+         "more than 4096 columns; leave some out"},
+        {head + type("1", "all" + repeated(64, [](const std::string&) { return ",all"; })) + all,
+         "more than 64 groups of fields in a type; leave some out"},
+        {head + type("1", "all") + "fixed = f0 0" + repeated(64, [](const std::string&) { return ",f0 0"; }) + "\n" +
+             all + field("0"),
+         "more than 64 fixed values; leave some out"},
+    };
+    for (const auto& c : cases) {
+        try {
+            parseLayout(c.text, "x.ini");
+            ADD_FAILURE() << c.fault << " was not said";
+        } catch (const LayoutError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(c.fault));
+        }
+    }
+    const auto most = parseLayout(
+        head + repeated(256, [&](const std::string& n) { return type(n, "all"); }) + all + repeated(1024, field),
+        "x.ini");
+    EXPECT_EQ(most->payloads.size(), 256U);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/wait.h>
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -24,6 +25,18 @@ inline ProgramResult runProgram(const std::string& command) {
     return result;
 }
 
+/// The same, but nobody reads what the command writes on standard error, and nobody ever will.
+inline ProgramResult runWithoutReader(const std::string& command) {
+    constexpr int kBroken = 9;  // one digit: shells know no more
+    int ends[2];
+    if (::pipe(ends) != 0 || ::dup2(ends[1], kBroken) != kBroken) return {};
+    ::close(ends[0]);
+    if (ends[1] != kBroken) ::close(ends[1]);
+    const ProgramResult result = runProgram("{ " + command + "; } 2>&9");
+    ::close(kBroken);
+    return result;
+}
+
 /// A path as one word of a shell command, also inside single quotes.
 inline std::string word(const std::string& path) { return "\"" + path + "\""; }
 
@@ -33,11 +46,12 @@ inline std::string preloading(const std::string& library) {
     return "LD_LIBRARY_PATH=" + word(library.substr(0, slash)) + " LD_PRELOAD=" + library.substr(slash + 1) + " ";
 }
 
-/// Settings before a command that loads the tap: a sanitizer's library cannot come before what is preloaded.
+/// Settings before a command that loads the tap: a sanitizer's library cannot come before what is preloaded, and the
+/// statistics page is to be in the test's directory.
 inline std::string tapSettings(const std::string& file) {
     const char* sanitizer = std::getenv("ASAN_OPTIONS");
     return "export ASAN_OPTIONS=verify_asan_link_order=0:" + std::string(sanitizer != nullptr ? sanitizer : "") +
-           " VEXO_TAP_FILE=" + file + "; ";
+           " VEXO_TAP_FILE=" + file + " VEXO_STATS_DIR=\"$PWD/pages\"; ";
 }
 
 }  // namespace capture

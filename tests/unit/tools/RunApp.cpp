@@ -1,6 +1,6 @@
 // An application that knows nothing of a supervisor: starts the library, then does what its second argument says.
 //
-//     run_app INI poll|three|end|hang|deaf|status|abort|signals
+//     run_app INI poll|three|end|hang|deaf|status|abort|signals|become PROGRAM...
 //
 // While the working directory has a file "hold", it waits before it starts the library, and says so by a file
 // "holding". A file "up" says that the library has started.
@@ -45,8 +45,9 @@ int AwaitTwoSignals() {
     return 0;
 }
 
-int Do(IVexoZceMdApi& api, const std::string& what) {
+int Do(IVexoZceMdApi& api, const std::string& what, char** program) {
     if (what == "signals") return AwaitTwoSignals();
+    if (what == "become") ::execv(program[0], program);
     if (what == "deaf") std::signal(SIGTERM, SIG_IGN);
     std::ofstream("up") << ::getpid();
     if (what == "status") return 7;
@@ -62,12 +63,12 @@ int Do(IVexoZceMdApi& api, const std::string& what) {
 
 // Also for a program that loads this as a plug-in.
 extern "C" int runApp(int argc, char** argv) {
-    if (argc != 3) return 2;
+    if (argc < 3) return 2;
     Hold();
     NoQuotes quotes;
     IVexoZceMdApi* const api = IVexoZceMdApi::CreateVexoZceMdApi();
     if (api->VexoStart(quotes, argv[1]) != 0) return 1;
-    return Do(*api, argv[2]);
+    return Do(*api, argv[2], argv + 3);
 }
 
 #ifndef VEXO_PLUGIN

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -368,6 +369,90 @@ TEST_F(RunCommand, PollsAreCountedUntilTheStreamIsClosed) {
         polls += stream.polls;
     }
     EXPECT_EQ(polls, 4U);  // opening counts as one
+}
+
+namespace {
+
+// The counting library in another program than vexo run starts: on the library's card, or on the scripted one.
+std::string Counted(const vexo::run::PollReader& page, const std::string& program) {
+    return "9<>/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(page.descriptor()) + " " +
+           capture::preloading(VEXO_POLLS_LIBRARY) + polls::kVariable + "=9 " + program;
+}
+
+std::vector<vexo::run::StreamPolls> OpenOnes(const vexo::run::PollReader& page) {
+    std::vector<vexo::run::StreamPolls> open = page.streams();
+    open.erase(std::remove_if(open.begin(), open.end(), [](const auto& stream) { return stream.owner == 0; }),
+               open.end());
+    return open;
+}
+
+}  // namespace
+
+TEST_F(RunCommand, APageWithMoreSealsIsThePage) {
+    const vexo::run::PollReader page;
+    EXPECT_NE(::fcntl(page.descriptor(), F_GET_SEALS) & 0x20, 0) << "this system does not seal against execution";
+    EXPECT_EQ(capture::runProgram(Counted(page, capture::word(VEXO_RUN_APP) + " c3.ini end")).status, 0);
+    EXPECT_TRUE(page.isAttached());
+}
+
+TEST_F(RunCommand, AHelperThatDiedHasNoStreamThatStandsStill) {
+    const vexo::run::PollReader page;
+    EXPECT_EQ(capture::runProgram(Counted(page, capture::word(VEXO_RUN_APP) + " c3.ini abort")).status, 128 + SIGABRT);
+    EXPECT_TRUE(page.isReady());
+    EXPECT_TRUE(OpenOnes(page).empty());
+}
+
+// The one that nobody has waited for yet.
+TEST_F(RunCommand, AHelperThatDiedAndIsStillThereHasNoStreamThatStandsStill) {
+    const vexo::run::PollReader page;
+    const std::string program = Counted(page, capture::word(VEXO_RUN_APP) + " c3.ini abort");
+    Process shell({"/bin/sh", "-c", program + " & echo $! >child; exec sleep 1000"}, "", "said");
+    ASSERT_TRUE(Eventually([&] { return page.isReady() && OpenOnes(page).empty(); })) << Said();
+    shell.Signal(SIGKILL);
+}
+
+TEST_F(RunCommand, AProgramThatBecameAnotherHasNoStreamThatStandsStill) {
+    const vexo::run::PollReader page;
+    const std::string app = capture::word(VEXO_RUN_APP);
+    {
+        // One that knows nothing of the page, and has its memory.
+        Process shell({"/bin/sh", "-c", Counted(page, "exec " + app + " c3.ini become /usr/bin/env -i sleep 1000")}, "",
+                      "said");
+        EXPECT_TRUE(Eventually([&] { return page.isReady() && OpenOnes(page).empty(); })) << Said();
+        shell.Signal(SIGKILL);
+    }
+    // One that counts again, in a slot of its own.
+    Process shell({"/bin/sh", "-c", Counted(page, "exec " + app + " c3.ini become " + app + " c3.ini deaf")}, "",
+                  "said");
+    ASSERT_TRUE(IsThereAtLast(shell, "up")) << Said();
+    EXPECT_EQ(OpenOnes(page).size(), 1U);
+    shell.Signal(SIGKILL);
+}
+
+TEST_F(RunCommand, TheWatchdogLeavesAProgramAloneThatBecameAnother) {
+    EXPECT_EQ(StatusOf({"--watchdog", "0.2", "c3.ini"},
+                       {VEXO_RUN_APP, "c3.ini", "become", "/bin/sh", "-c", "exec env -i sleep 1"}),
+              0)
+        << Said();
+    EXPECT_THAT(Said(), AllOf(HasSubstr("the stream is open"), Not(HasSubstr("stood still"))));
+}
+
+TEST_F(RunCommand, PollsOfAChildAreNotItsParents) {
+    const vexo::run::PollReader page;
+    const capture::ProgramResult result = capture::runProgram("SCRIPTED_PACKETS=10 " +
+                                                              Counted(page, capture::word(VEXO_TAP_APP) + " fork"));
+    EXPECT_EQ(result.status, 0) << result.output;
+    std::uint64_t polls = 0;
+    for (const vexo::run::StreamPolls& stream : page.streams()) polls += stream.polls;
+    EXPECT_EQ(polls, 12U);  // opening, 10 packets, one idle
+}
+
+TEST_F(RunCommand, APollWithoutAHandlerIsNoSignOfLife) {
+    const vexo::run::PollReader page;
+    EXPECT_EQ(capture::runProgram(Counted(page, capture::word(VEXO_TAP_APP) + " no-handler")).status, 0);
+    std::uint64_t polls = 0;
+    for (const vexo::run::StreamPolls& stream : page.streams()) polls += stream.polls;
+    EXPECT_EQ(polls, 1U);  // opening
 }
 
 TEST_F(RunCommand, AFileThatHasTheNumberOfThePageIsNotWritten) {

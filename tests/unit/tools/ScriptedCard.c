@@ -1,5 +1,8 @@
 /* A hardware library that no tool knows anything of: handles are what malloc() gives, a stream delivers numbered
- * packets as fast as they are asked for. SCRIPTED_PACKETS says how many, SCRIPTED_SIZE how long they are. */
+ * packets as fast as they are asked for. SCRIPTED_PACKETS says how many, SCRIPTED_SIZE how long they are. With
+ * SCRIPTED_HEADS, packets have the heads of the simulated card, whose numbers go on when a stream is opened again, from
+ * that number on. SCRIPTED_BACKPRESSURE is what the counter of lost packets shows. With SCRIPTED_ONE_HANDLE, all
+ * streams have the same handle. */
 #include "tests/unit/tools/ScriptedCard.h"
 
 #include <errno.h>
@@ -64,17 +67,32 @@ ssize_t enyx_hw_accelerator_enumerate_a2c_streams(const enyx_hw_accelerator* acc
 void enyx_hw_free_a2c_stream_descriptors(enyx_hw_a2c_stream_descriptor** descriptors, size_t count) {
     for (size_t i = 0; i < count; ++i) free(descriptors[i]);
 }
+static uint32_t nextSequence;
+static enyx_hw_a2c_stream oneStream;
+
 enyx_hw_a2c_stream* enyx_hw_a2c_stream_create(const enyx_hw_a2c_stream_descriptor* descriptor,
                                               const void* configuration) {
     (void)descriptor;
     (void)configuration;
-    enyx_hw_a2c_stream* stream = calloc(1, sizeof *stream);
+    const int isOne = number("SCRIPTED_ONE_HANDLE", 0) != 0;
+    enyx_hw_a2c_stream* stream = isOne ? &oneStream : calloc(1, sizeof *stream);
     if (stream == NULL) return NULL;
+    stream->delivered = 0;
+    if (nextSequence == 0) nextSequence = number("SCRIPTED_HEADS", 0);
     stream->packets = number("SCRIPTED_PACKETS", 0);
     stream->size = number("SCRIPTED_SIZE", SCRIPTED_MAX_SIZE);
     return stream;
 }
-void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) { free(stream); }
+void scripted_card_free(enyx_hw_a2c_stream* stream) {
+    if (stream != &oneStream) free(stream);
+}
+void enyx_hw_a2c_stream_destroy(enyx_hw_a2c_stream* stream) { scripted_card_free(stream); }
+
+int enyx_hw_a2c_stream_stats_get_backpressure(const enyx_hw_a2c_stream* stream, uint32_t* value) {
+    if (getenv("SCRIPTED_BACKPRESSURE") == NULL) return -1;
+    *value = number("SCRIPTED_BACKPRESSURE", 0) + stream->delivered;
+    return 0;
+}
 
 int enyx_hw_a2c_stream_get_mtu(const enyx_hw_a2c_stream* stream, uint32_t* mtu) {
     if (stream == NULL || number("SCRIPTED_NO_MTU", 0) != 0) return -1;
@@ -93,6 +111,11 @@ int enyx_hw_a2c_stream_poll_once(enyx_hw_a2c_stream* stream, enyx_hw_a2c_stream_
     }
     ++stream->delivered;
     memcpy(packet, &stream->delivered, sizeof stream->delivered);
+    if (getenv("SCRIPTED_HEADS") != NULL) {
+        memcpy(packet + 4, &stream->size, sizeof stream->size);
+        memcpy(packet + 8, &nextSequence, sizeof nextSequence);
+        ++nextSequence;
+    }
     handler(packet, stream->size, context);
     errno = ERANGE; /* a result that nobody would expect by chance */
     return 1;

@@ -13,6 +13,9 @@ extern "C" {
 /* Where the bytes of every packet lie. */
 const unsigned char* scripted_card_packet(void);
 
+/* Frees a stream in another way than by enyx_hw_a2c_stream_destroy(). */
+void scripted_card_free(enyx_hw_a2c_stream* stream);
+
 #ifdef __cplusplus
 }
 #endif

@@ -135,6 +135,14 @@ TEST_F(SimDayFile, DirectoryIsForItsUserAlone) {
     EXPECT_EQ(Run("--shared-day-file", "read " + dayFile).status, 0);
 }
 
+// The card's banner, and where the day file is.
+TEST_F(SimDayFile, LinesThatNobodyReadsDoNotEndTheProgram) {
+    const ProgramResult result = runWithoutReader("VEXO_SIM_CARD=embedded " + word(VEXO_COMMAND) + " sim run -- " +
+                                                  word(VEXO_DAY_FILE_APP) + " write " + dayFile + " map");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "wrote with mode 640\n");
+}
+
 TEST_F(SimDayFile, WhoOnlyReadsLeavesNoDirectory) {
     Run("", "read " + dayFile);
     Run("", "--no-card read " + dayFile);

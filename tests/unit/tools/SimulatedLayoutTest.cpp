@@ -137,6 +137,15 @@ TEST(SimulatedLayout, KnowsItsPacketsByTypeSizeLengthAndMarks) {
     EXPECT_EQ(found(packet.size()), nullptr);
 }
 
+TEST(SimulatedLayout, NumbersPacketsInTheirHead) {
+    const Layouts layouts({kSimulated});
+    const Layout& layout = *layouts.all().front();
+    EXPECT_EQ(layout.numbering.place, Numbering::Place::kHead);
+    EXPECT_EQ(layout.numbering.headAt, offsetof(enyx_sim::PacketHead, sequence));
+    EXPECT_EQ(layout.numbering.width, sizeof(enyx_sim::PacketHead::sequence));
+    EXPECT_EQ(layout.lengthAt, offsetof(enyx_sim::PacketHead, length));
+}
+
 TEST(SimulatedLayout, IsInTheProgramAsItsFileSays) {
     std::ostringstream text;
     text << std::ifstream(VEXO_SIMULATED_LAYOUT).rdbuf();

@@ -9,11 +9,15 @@
 #include <sys/stat.h>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <new>
 #include <nlohmann/json.hpp>
 
 #include "tests/support/TempDir.h"
 #include "tests/unit/tools/Program.h"
 #include "tests/unit/tools/PrometheusCheck.h"
+#include "tests/unit/tools/StatsPage.h"
+#include "tools/vexo/stat/Listen.h"
 #include "tools/vexo/stat/Pages.h"
 #include "tools/vexo/stat/Views.h"
 
@@ -26,69 +30,21 @@ using ::testing::SizeIs;
 
 namespace {
 
-constexpr std::uint64_t kClock = 2'000'000'000;
+using stats_page::kClock;
+using stats_page::Written;
 
-// A page as this test's own process would have it.
-struct Written {
-    vexo_stats::Process process{};
-    std::vector<vexo_stats::Stream> streams;
-
-    Written() {
-        vexo_stats::describe(process, vexo_stats::kTap);
-        process.clockPerSecond = kClock;
-        std::strcpy(process.program, "quotes");
-    }
-    vexo_stats::Stream& add(std::uint64_t channel) {
-        vexo_stats::Stream stream{};
-        stream.state = vexo_stats::kOpen;
-        stream.card = 0;
-        stream.channel = channel;
-        stream.pollsKnown = 1;
-        streams.push_back(stream);
-        return streams.back();
-    }
-    std::string bytes() const {
-        std::string all(vexo_stats::kPageBytes, '\0');
-        all.replace(0, sizeof process, reinterpret_cast<const char*>(&process), sizeof process);
-        for (std::size_t i = 0; i < streams.size(); ++i) {
-            all.replace((i + 1) * vexo_stats::kBlockBytes, sizeof streams[i],
-                        reinterpret_cast<const char*>(&streams[i]), sizeof streams[i]);
-        }
-        return all;
-    }
-};
-
-Written busy() {
-    Written page;
-    vexo_stats::Stream& stream = page.add(3);
-    stream.packets[2] = 5;
-    stream.packets[17] = 1000;
-    stream.bytes[17] = 140'000;
-    stream.idlePolls = 1'000'000;
-    stream.failedPolls = 7;
-    stream.firstPacket = page.process.startClock;
-    stream.lastPacket = page.process.startClock + 3 * kClock;
-    stream.callbacks[9] = 1000;
-    stream.callbacks[20] = 5;
-    stream.callbackClock = 2 * kClock;
-    stream.gaps[20] = 1004;
-    stream.gaps[vexo_stats::kFirstBucket] = 1;
-    stream.sequenceKnown = 1;
-    stream.sequenceGaps = 4;
-    stream.sequenceLost = 50;
-    stream.sequenceLate = 2;
-    stream.backPressure = 30;
-    stream.backPressureInCallbacks = 10;
-    stream.lostBeforeCard = 20;
-    stream.fifoErrors = 17;
-    stream.errors = 1;
-    return page;
-}
+Written busy() { return stats_page::Busy(); }
 
 class StatCommand : public ::testing::Test {
 protected:
     ProgramResult stat(const std::string& words) { return runProgram(word(VEXO_COMMAND) + " stat --dir . " + words); }
-    void write(const Written& page, const std::string& name = "1.tap.page") { dir.Write(name, page.bytes()); }
+    // Under the name of its process, by its writer.
+    void write(const Written& page) { write(page, page.name()); }
+    void write(const Written& page, const std::string& name) { dir.Write(name, page.bytes()); }
+    static Written byApplication(Written page) {
+        page.process.writer = vexo_stats::kApplication;
+        return page;
+    }
 
     test_support::TempDir dir;
 };
@@ -112,8 +68,8 @@ TEST_F(StatCommand, ShowsWhatAPageSays) {
 
 TEST_F(StatCommand, TheTableOfLossesHasALineForEachStream) {
     Written page = busy();
-    page.add(4).backPressure = vexo_stats::kUnknown;
-    page.streams[1].fifoErrors = page.streams[1].errors = vexo_stats::kUnknown;
+    page.streams[0].lostByTap = 11;
+    page.add(4).lostByRelay = 12;
     write(page);
     const std::string process = "quotes " + std::to_string(::getpid());
     const std::string pad(process.size() - 7, ' ');
@@ -122,10 +78,10 @@ TEST_F(StatCommand, TheTableOfLossesHasALineForEachStream) {
         "by the application\n";
     EXPECT_EQ(stat("--loss").output,
               "program" + pad + head + process +
-                  "     0        3     1005               20           18           20           -           -  "
+                  "     0        3     1005               20           18           20          11           -  "
                   "                10\n" +
                   process +
-                  "     0        4        0                -            -            -           -           -  "
+                  "     0        4        0                -            -            -           -          12  "
                   "                 -\n");
 }
 
@@ -155,10 +111,12 @@ TEST_F(StatCommand, APageThatIsMissingIsNamed) {
 
 TEST_F(StatCommand, JsonIsALineForEachProcess) {
     write(busy());
-    write(Written(), "2.app.page");
+    write(byApplication(Written()));
     const std::string text = stat("--json").output;
     std::istringstream lines(text);
+    std::string first;
     std::string line;
+    ASSERT_TRUE(std::getline(lines, first));  // of the application
     ASSERT_TRUE(std::getline(lines, line));
     const auto json = nlohmann::json::parse(line);
     EXPECT_EQ(json["program"], "quotes");
@@ -172,8 +130,7 @@ TEST_F(StatCommand, JsonIsALineForEachProcess) {
     ASSERT_THAT(stream["callbacks"], SizeIs(2));
     EXPECT_NEAR(stream["callbacks"].at(0)["below_seconds"], 512e-9, 1e-12);
     EXPECT_EQ(stream["callbacks"].at(0)["count"], 1000);
-    ASSERT_TRUE(std::getline(lines, line));
-    EXPECT_TRUE(nlohmann::json::parse(line)["streams"].empty());
+    EXPECT_TRUE(nlohmann::json::parse(first)["streams"].empty());
     EXPECT_FALSE(std::getline(lines, line));
 }
 
@@ -184,16 +141,18 @@ TEST_F(StatCommand, MetricsAreAsPrometheusWantsThem) {
     page.streams.push_back(page.streams[0]);
     page.streams[2].card = page.streams[2].channel = vexo_stats::kUnknown;
     page.streams.push_back(page.streams[2]);  // two streams that nobody can tell apart by card and channel
+    page.streams.push_back(page.streams[0]);
+    page.streams[4].card = vexo_stats::kUnknown;
+    page.streams.push_back(page.streams[4]);  // two wrappers with the same channel, of two cards
     write(page);
-    Written odd = busy();
+    Written odd = byApplication(busy());
     std::strcpy(odd.process.program, "a\"b\\c\nd");
-    odd.process.writer = vexo_stats::kApplication;
-    write(odd, "2.app.page");
+    write(odd);
     const ProgramResult result = stat("--prometheus -");
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(prometheus::Faults(result.output), IsEmpty());
-    const std::string labels = "{program=\"quotes\",pid=\"" + std::to_string(::getpid()) +
-                               "\",writer=\"tap\",card=\"0\",channel=\"3\"";
+    const std::string labels = "{program=\"quotes\",pid=\"" + std::to_string(::getpid()) + "\",writer=\"tap\",user=\"" +
+                               std::to_string(::geteuid()) + "\",stream=\"0\",card=\"0\",channel=\"3\"";
     for (const char* text : {",type=\"17\"} 1000\n", ",result=\"idle\"} 1000000\n", ",cause=\"application\"} 10\n",
                              ",kind=\"fifo\"} 17\n", ",le=\"+Inf\"} 1005\n"}) {
         EXPECT_THAT(result.output, HasSubstr(labels + text));
@@ -224,9 +183,9 @@ TEST_F(StatCommand, MetricsOfProcessesThatHaveEndedAreLeftOut) {
     Written page = busy();
     page.process.steps[vexo_stats::kEnded] = page.process.startClock;
     write(page);
-    Written dead = busy();
+    Written dead = byApplication(busy());
     dead.process.processStart = 1;
-    write(dead, "2.tap.page");
+    write(dead);
     EXPECT_EQ(stat("--prometheus -").output, "");
     EXPECT_THAT(stat("").output, HasSubstr("ended after "));
     EXPECT_THAT(stat("").output, HasSubstr("died\n"));
@@ -261,11 +220,12 @@ TEST_F(StatCommand, MetricsReplaceNothingButAFile) {
 }
 
 TEST_F(StatCommand, AHostilePageIsNamedAndHidesNoOther) {
-    write(busy(), "9.tap.page");
+    const std::string good = busy().name();
+    write(busy());
     dir.Write("1.tap.page", "");
     dir.Write("2.tap.page", std::string(vexo_stats::kPageBytes, 'x'));
     Written version, streams, clock, cut;
-    version.process.version = 2;
+    version.process.version = 3;
     write(version, "3.tap.page");
     streams.process.streams = 0xFFFFFFFF;
     write(streams, "4.tap.page");
@@ -273,16 +233,74 @@ TEST_F(StatCommand, AHostilePageIsNamedAndHidesNoOther) {
     write(clock, "5.tap.page");
     dir.Write("6.tap.page", cut.bytes().substr(0, 5000));
     ASSERT_EQ(::mkfifo("7.tap.page", 0600), 0);
-    std::filesystem::create_symlink("9.tap.page", "8.tap.page");
+    std::filesystem::create_symlink(good, "8.tap.page");
+    write(busy(), "9.tap.page");
+    for (const char* name : {"0.tap.page", "01.tap.page", "99999999999.tap.page", "1.tap.page.page", "x.page",
+                             ".tap.page", "1.other.page", "-1.app.page"}) {
+        dir.Write(name, "no page");
+    }
     const ProgramResult result = stat("");
     EXPECT_EQ(result.status, 0);
-    for (const char* text : {"./1.tap.page: this is no statistics page\n", "./2.tap.page: this is no statistics page\n",
-                             "./3.tap.page: its layout is number 2, this vexo knows number 1\n",
-                             "./4.tap.page: it is damaged\n", "./5.tap.page: it is damaged\n",
-                             "./6.tap.page: it is cut off\n", "./7.tap.page: this is no statistics page\n",
-                             "./8.tap.page: Too many levels of symbolic links\n", "type 17 1,000\n"}) {
+    for (const char* text :
+         {"./1.tap.page: this is no statistics page\n", "./2.tap.page: this is no statistics page\n",
+          "./3.tap.page: its layout is number 3, this vexo knows number 2\n", "./4.tap.page: it is damaged\n",
+          "./5.tap.page: it is damaged\n", "./6.tap.page: it is cut off\n",
+          "./7.tap.page: this is no statistics page\n", "./8.tap.page: Too many levels of symbolic links\n",
+          "./9.tap.page: it is the page of process ", "type 17 1,000\n"}) {
         EXPECT_THAT(result.output, HasSubstr(text));
     }
+    for (const char* text : {"01.tap", "x.page", "other", "-1.app"}) EXPECT_THAT(result.output, Not(HasSubstr(text)));
+    EXPECT_THAT(prometheus::Faults(stat("--prometheus - 2>/dev/null").output), IsEmpty());
+}
+
+TEST_F(StatCommand, ADirectoryWithTooManyFilesIsReadInPart) {
+    write(busy());
+    for (int n = 0; n < 10'001; ++n) std::ofstream("file" + std::to_string(n));
+    const ProgramResult result = stat("");
+    EXPECT_THAT(result.output, HasSubstr("vexo: .: there are too many files; not all of them were looked at\n"));
+}
+
+// The rate in a page has three digits: by itself it would be 14 seconds wrong after an hour.
+TEST_F(StatCommand, TimesDoNotDrift) {
+    const vexo_stats::ClockPair first = vexo_stats::readPair(CLOCK_MONOTONIC);
+    ::usleep(50'000);
+    const vexo_stats::ClockPair second = vexo_stats::readPair(CLOCK_MONOTONIC);
+    const double rate = static_cast<double>(second.clock - first.clock) * 1e9 /
+                        static_cast<double>(second.ns - first.ns);
+    const vexo_stats::ClockPair now = vexo_stats::readPair(CLOCK_REALTIME);
+    Written page = busy();
+    page.process.clockPerSecond = static_cast<std::uint64_t>(rate * 1.004);
+    page.process.clockIsEven = 1;
+    page.process.startNs = now.ns - 3'600'000'000'000;
+    page.process.startClock = now.clock - static_cast<std::uint64_t>(3600 * rate);
+    page.streams[0].firstPacket = page.process.startClock;
+    page.streams[0].lastPacket = now.clock;
+    const auto last = [&] {
+        write(page);
+        return nlohmann::json::parse(stat("--json").output)["streams"][0]["last_packet"].get<double>();
+    };
+    EXPECT_NEAR(last(), static_cast<double>(now.ns) / 1e9, 1);
+    // Of a process that has ended, the same for ever.
+    page.process.steps[vexo_stats::kEnded] = now.clock;
+    page.process.endNs = now.ns;
+    page.process.boot = 1;
+    EXPECT_NEAR(last(), static_cast<double>(now.ns) / 1e9, 1e-3);
+    // Of another run of the machine, whose counter means nothing now.
+    page.process.steps[vexo_stats::kEnded] = 0;
+    EXPECT_NEAR(last(), static_cast<double>(now.ns) / 1e9 - 3600 * (1 - 1 / 1.004), 1);
+}
+
+// Taken between two words of the same packet.
+TEST_F(StatCommand, ACopyWithAnOldLastPacketHasNoNegativeTimes) {
+    Written page = busy();
+    page.streams[0].lastPacket = page.streams[0].firstPacket - (std::uint64_t{1} << vexo_stats::kFirstBucket);
+    page.streams[0].closedClock = kClock;
+    write(page);
+    const std::string metrics = stat("--prometheus -").output;
+    EXPECT_THAT(metrics, HasSubstr("\",channel=\"3\"} 0\n"));  // the sum of the gaps
+    EXPECT_THAT(prometheus::Faults(metrics), IsEmpty());
+    EXPECT_NEAR(nlohmann::json::parse(stat("--json").output)["streams"][0]["last_packet"].get<double>(),
+                static_cast<double>(page.process.startNs) / 1e9, 1e-3);
 }
 
 TEST_F(StatCommand, NumbersOfAnySizeAndTextsOfAnyKindDoNoHarm) {
@@ -335,6 +353,31 @@ std::string httpGet(std::uint16_t port, const std::string& request) {
 }
 
 }  // namespace
+
+TEST_F(StatCommand, WithoutMemoryForAnAnswerItGoesOnServing) {
+    int said[2];
+    ASSERT_EQ(::pipe(said), 0);
+    const pid_t server = ::fork();
+    if (server == 0) {
+        ::dup2(said[1], STDOUT_FILENO);
+        listen(0, []() -> std::string { throw std::bad_alloc(); });
+        ::_exit(0);
+    }
+    ::close(said[1]);
+    std::FILE* const lines = ::fdopen(said[0], "r");
+    unsigned port = 0;
+    ASSERT_EQ(std::fscanf(lines, "http://127.0.0.1:%u/metrics", &port), 1);
+    for (int n = 0; n < 2; ++n) {
+        EXPECT_THAT(
+            httpGet(static_cast<std::uint16_t>(port), "GET /metrics HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"),
+            HasSubstr("HTTP/1.1 500 "));
+    }
+    EXPECT_EQ(::kill(server, SIGTERM), 0);
+    int status = -1;
+    EXPECT_EQ(::waitpid(server, &status, 0), server);
+    EXPECT_EQ(status, 0);
+    std::fclose(lines);
+}
 
 TEST_F(StatCommand, ServesMetricsOverHttp) {
     write(busy());

@@ -23,9 +23,8 @@ struct Written {
     }
     vexo_stats::Stream& add(std::uint64_t channel) {
         vexo_stats::Stream stream{};
+        vexo_stats::describe(stream, 0, channel);
         stream.state = vexo_stats::kOpen;
-        stream.card = 0;
-        stream.channel = channel;
         stream.pollsKnown = 1;
         streams.push_back(stream);
         return streams.back();

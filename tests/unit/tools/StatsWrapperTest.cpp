@@ -163,6 +163,53 @@ TEST_F(StatsWrapper, SequenceNumbersTellLostRepeatedAndRestartedQuotes) {
     EXPECT_EQ(stream.sequenceRestarts, 3U);  // back to 1; to the number that is none, and back
 }
 
+TEST_F(StatsWrapper, TheFirstSequenceNumberMayBeZero) {
+    const Page page = pageOf([] {
+        Quotes quotes;
+        VexoZceMdStats<IVexoZceMdSpi, PlainSequence> counted(quotes);
+        for (const std::uint64_t sequence : {0UL, 1UL, 2UL, 5UL}) counted.OnUpSubsResult18(payloadOf(sequence));
+    });
+    const vexo_stats::Stream& stream = page.streams.at(0);
+    EXPECT_NE(stream.firstPacket, 0U);
+    EXPECT_EQ(stream.gaps[vexo_stats::kFirstBucket], 1U);
+    EXPECT_EQ(stream.sequenceGaps, 1U);
+    EXPECT_EQ(stream.sequenceLost, 2U);
+}
+
+TEST_F(StatsWrapper, AWrapperGoesOnInTheBlockOfAnEarlierOneOfItsChannel) {
+    const Page page = pageOf([] {
+        Quotes quotes;
+        for (std::uint64_t n = 0; n < 100; ++n) {
+            VexoZceMdStats<IVexoZceMdSpi, PlainSequence> counted(quotes, 5);
+            counted.OnUpSubsResult18(payloadOf(1000 * n));
+            counted.OnUpSubsResult18(payloadOf(1000 * n + 2));
+        }
+    });
+    ASSERT_THAT(page.streams, SizeIs(1));
+    const vexo_stats::Stream& stream = page.streams[0];
+    EXPECT_EQ(packetsOf(stream), 200U);
+    EXPECT_EQ(stream.gaps[vexo_stats::kFirstBucket], 100U);  // the time without a wrapper is no gap
+    EXPECT_EQ(stream.sequenceLost, 100U);                    // and what was sent in that time is not lost
+    EXPECT_EQ(stream.sequenceRestarts, 0U);
+}
+
+TEST_F(StatsWrapper, ABlockThatIsLeftGoesToAnotherChannelWhenThereIsNoOther) {
+    const Page page = pageOf([] {
+        Quotes quotes;
+        for (std::uint64_t n = 0; n < 100; ++n) {
+            VexoZceMdStats<> counted(quotes, n);
+            for (std::uint64_t packet = 0; packet <= n; ++packet) counted.OnUpSubsResult17(nullptr);
+        }
+    });
+    ASSERT_THAT(page.streams, SizeIs(vexo_stats::kStreams));
+    std::uint64_t newest = 0;
+    for (const vexo_stats::Stream& stream : page.streams) {
+        EXPECT_EQ(packetsOf(stream), stream.channel + 1);
+        newest = std::max(newest, stream.channel);
+    }
+    EXPECT_EQ(newest, 99U);
+}
+
 TEST_F(StatsWrapper, EachWrapperOfAProcessHasABlockUntilThereIsNoneLeft) {
     const Page page = pageOf([] {
         Quotes quotes;

@@ -4,24 +4,29 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "tests/unit/tools/ScriptedCard.h"
 
 namespace {
 
 std::uint32_t g_received = 0;
-std::mutex g_disk;  // whoever holds it lets no write to a file come to its end
+std::atomic<long> g_aheadSeconds{0};  // of the clock that runs while the program does
+std::mutex g_disk;                    // whoever holds it lets no write to a file come to its end
 
 [[noreturn]] void fail(const char* what) {
     std::fprintf(stderr, "%s\n", what);
@@ -118,6 +123,58 @@ void receiveAroundFork(enyx_hw_a2c_stream* stream) {
     if (status != 0) fail("the child did not end well");
 }
 
+std::function<void()> g_inThirdPacket;
+
+void countAndAct(const std::uint8_t* data, std::uint32_t size, void* context) {
+    count(data, size, context);
+    if (g_received == 3) g_inThirdPacket();
+}
+
+// The child goes on in the handler, receives the rest, and ends as programs do.
+void receiveAroundForkInHandler(enyx_hw_a2c_stream* stream) {
+    pid_t child = -1;
+    g_inThirdPacket = [&child] { child = fork(); };
+    receiveAll(stream, countAndAct);
+    if (child == 0) std::exit(0);
+    int status = -1;
+    waitpid(child, &status, 0);
+    if (status != 0) fail("the child did not end well");
+}
+
+std::atomic<bool> g_stopsInRest{false};  // the next rest of any thread waits until the program has forked
+std::atomic<bool> g_isResting{false};
+std::atomic<bool> g_hasForked{false};
+
+// A thread opens a stream and is about to make what a library before the card makes at that moment.
+void receiveAroundForkWhileOpening(const Wanted& wanted) {
+    g_stopsInRest = true;
+    std::thread opener([&wanted] { openStream(wanted); });
+    while (!g_isResting) sched_yield();
+    const pid_t child = fork();
+    if (child == 0) {
+        receiveAll(openStream(wanted).get(), count);
+        std::exit(g_received != 0 ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    g_hasForked = true;
+    opener.join();
+    if (status != 0) fail("the child did not end well");
+}
+
+// The first stream is freed in another way, then one of another card and channel is opened.
+void receiveAfterAStreamThatWasFreed(const Wanted& first, const Wanted& second) {
+    scripted_card_free(openStream(first).release());
+    receiveAll(openStream(second).get(), count);
+}
+
+// A library lost its handle. The card may give the same stream out again.
+void receiveAfterAStreamThatWasForgotten(const Wanted& wanted) {
+    static enyx_hw_a2c_stream* const forgotten = openStream(wanted).release();
+    receiveAll(openStream(wanted).get(), count);
+    if (forgotten == nullptr) fail("no stream");
+}
+
 void receiveTwice(const Wanted& wanted) {
     for (int time = 0; time < 2; ++time) {
         g_received = 0;
@@ -199,6 +256,16 @@ void lookAtWriter(const Wanted& wanted) {
     std::printf("%s\n", statusOf("vexo-tap", "SigBlk:").c_str());
 }
 
+// Half of the packets come before the recording's duration has passed. Nobody waits: the clock is set forward.
+void receiveBeyondDuration(enyx_hw_a2c_stream* stream) {
+    for (int i = 0; i < 5; ++i) enyx_hw_a2c_stream_poll_once(stream, count, &g_received);
+    while (statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
+    g_aheadSeconds = 3600;
+    while (!statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
+    receiveAll(stream, count);
+    openStream({"CUSTOM_CHAN4_DATA"});
+}
+
 [[noreturn]] void receiveAndWait(enyx_hw_a2c_stream* stream) {
     receiveAll(stream, count);
     std::printf("process %d\n", getpid());
@@ -215,6 +282,25 @@ extern "C" ssize_t write(int fd, const void* bytes, std::size_t size) {
     return ::syscall(SYS_write, fd, bytes, size);
 }
 
+// The same. Waits when the program wants it to.
+extern "C" int nanosleep(const timespec* time, timespec* rest) {
+    if (g_stopsInRest.exchange(false)) {
+        g_isResting = true;
+        while (!g_hasForked) sched_yield();
+    }
+    return static_cast<int>(::syscall(SYS_nanosleep, time, rest));
+}
+
+#ifdef TAP_APP_ON_SIMULATED_CARD
+extern "C" int enyx_sim_is_simulated() { return 1; }
+#endif
+
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    const long result = ::syscall(SYS_clock_gettime, clock, now);
+    if (result == 0 && clock == CLOCK_MONOTONIC) now->tv_sec += g_aheadSeconds.load();
+    return static_cast<int>(result);
+}
+
 int main(int argc, char** argv) {
     const std::string way = argc > 1 ? argv[1] : "";
     const Wanted third{"CUSTOM_CHAN3_DATA"};
@@ -225,6 +311,10 @@ int main(int argc, char** argv) {
     if (way == "throw") receiveWithExceptions(openStream(third).get());
     if (way == "exit-in-handler") receiveAll(openStream(third).get(), exitAtThird);
     if (way == "fork") receiveAroundFork(openStream(third).get());
+    if (way == "fork-in-handler") receiveAroundForkInHandler(openStream(third).get());
+    if (way == "fork-while-opening") receiveAroundForkWhileOpening(third);
+    if (way == "freed") receiveAfterAStreamThatWasFreed(third, {nullptr, 5, 1});
+    if (way == "forgotten") receiveAfterAStreamThatWasForgotten(third);
     if (way == "twice") receiveTwice(third);
     if (way == "in-turn") receiveInTurn(third, {nullptr, 5, 1});
     if (way == "without-disk") receiveWithoutDisk(third);
@@ -232,6 +322,7 @@ int main(int argc, char** argv) {
     if (way == "ask-mtu") receiveAfterAskingForMtu(openStream(third).get());
     if (way == "registers") accessRegisters();
     if (way == "look-at-writer") lookAtWriter(third);
+    if (way == "beyond-duration") receiveBeyondDuration(openStream(third).get());
     if (way == "wait") receiveAndWait(openStream(third).get());
     std::printf("received %u\n", g_received);
     return 0;

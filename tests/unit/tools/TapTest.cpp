@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -13,9 +14,11 @@
 #include "tests/unit/tools/ScriptedCard.h"
 
 using namespace capture;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::SizeIs;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -237,6 +240,45 @@ TEST_F(Tap, RotatesBySize) {
     EXPECT_EQ(received, 2000U);
 }
 
+TEST_F(Tap, KeepsItsNewestFilesOverSeveralRuns) {
+    const std::string settings =
+        "SCRIPTED_PACKETS=2000 SCRIPTED_SIZE=2000 VEXO_TAP_ROTATE_MB=1 VEXO_TAP_KEEP=3 "
+        "VEXO_TAP_KEEP_SPACE_MB=0";
+    const auto files = [&] {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(dir.Path()))
+            names.push_back(entry.path().filename());
+        std::sort(names.begin(), names.end());
+        return names;
+    };
+    EXPECT_EQ(run("receive", settings).status, 0);
+    EXPECT_THAT(files(), ElementsAre(StartsWith("a.00000002."), StartsWith("a.00000003."), StartsWith("a.00000004.")));
+    EXPECT_EQ(run("receive", settings).status, 0);
+    EXPECT_THAT(files(), ElementsAre(StartsWith("a.00000006."), StartsWith("a.00000007."), StartsWith("a.00000008.")));
+    EXPECT_EQ(numberOf(read(files().back()).packets.back()), 2000U);
+}
+
+TEST_F(Tap, EndsTheRecordingAfterItsDurationAndTheProgramGoesOn) {
+    const ProgramResult program = run("beyond-duration", "SCRIPTED_PACKETS=10 VEXO_TAP_DURATION_SECONDS=3600");
+    EXPECT_EQ(program.status, 0);
+    EXPECT_THAT(program.output, HasSubstr("received 10\n"));
+    EXPECT_THAT(program.output, HasSubstr("vexo tap: recorded for 3600 seconds: the recording ends\n"
+                                          "vexo tap: 5 packets in 1 file(s), 0 lost\n"));
+    const ReadFile file = read();
+    EXPECT_FALSE(file.damage);
+    EXPECT_THAT(file.interfaces, SizeIs(1));
+    EXPECT_EQ(file.interface("channel 3")->counts->received, 5U);
+}
+
+TEST_F(Tap, AWrongNumberInItsVariablesIsToldAndNotUsed) {
+    const std::string output = run("receive", "SCRIPTED_PACKETS=1 VEXO_TAP_KEEP=1 VEXO_TAP_DURATION_SECONDS=1h").output;
+    EXPECT_THAT(output, HasSubstr("vexo tap: VEXO_TAP_KEEP=1 is not a number from 2 to 100000: 0 is used\n"));
+    EXPECT_THAT(output, HasSubstr("vexo tap: VEXO_TAP_DURATION_SECONDS=1h is not a number from 0 to "));
+    EXPECT_THAT(run("receive", "SCRIPTED_PACKETS=1 VEXO_TAP_KEEP=5").output,
+                HasSubstr("VEXO_TAP_KEEP has no effect without VEXO_TAP_ROTATE_MB or VEXO_TAP_ROTATE_SECONDS: "));
+    EXPECT_THAT(read("a.1.pcapng").packets, SizeIs(1));
+}
+
 TEST_F(Tap, DoesNotTouchAFileThatExists) {
     dir.Write("a.pcapng", "precious");
     EXPECT_EQ(run("receive").status, 0);
@@ -258,4 +300,19 @@ TEST_F(Tap, AKilledProgramLeavesWholeBlocks) {
     const ReadFile file = read();
     EXPECT_FALSE(file.damage);
     EXPECT_THAT(file.packets, SizeIs(10));
+}
+
+TEST_F(Tap, ALineThatNobodyReadsDoesNotEndTheProgram) {
+    const ProgramResult program = runWithoutReader(tapSettings(dir.Path("none/a.pcapng")) + "SCRIPTED_PACKETS=10 " +
+                                                   preloading(VEXO_TAP_LIBRARY) + word(VEXO_TAP_APP) + " receive");
+    EXPECT_EQ(program.status, 0);
+    EXPECT_EQ(program.output, "received 10\n");
+}
+
+// What the tap has looked up must not be gone when the program closes the library again.
+TEST_F(Tap, AProgramMayCloseTheCardsLibraryAndGoOn) {
+    const ProgramResult program = runProgram(tapSettings(dir.Path("a.pcapng")) + preloading(VEXO_TAP_LIBRARY) +
+                                             word(VEXO_CARD_LOADER) + " " + word(VEXO_SCRIPTED_CARD));
+    EXPECT_EQ(program.status, 0);
+    EXPECT_EQ(program.output, "a filter\n");
 }

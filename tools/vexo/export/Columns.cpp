@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <unordered_map>
 
 #include "tools/vexo/Command.h"
 #include "tools/vexo/export/Rows.h"
@@ -55,7 +56,13 @@ std::string columnNameOf(const data::Field& field, std::vector<Column>& reserved
     return find(reserved, field.name) != reserved.end() ? "quote_" + field.name : field.name;
 }
 
-void addField(std::vector<Column>& fields, const data::Field& field, std::vector<Column>& reserved) {
+/// The columns of all fields, each name once.
+struct FieldColumns {
+    std::vector<Column> columns;
+    std::unordered_map<std::string, std::size_t> places;  // by name
+};
+
+void addField(FieldColumns& fields, const data::Field& field, std::vector<Column>& reserved) {
     const std::string name = columnNameOf(field, reserved);
     for (std::uint32_t element = 0; element < field.values(); ++element) {
         Column made;
@@ -64,10 +71,13 @@ void addField(std::vector<Column>& fields, const data::Field& field, std::vector
         made.field = field;
         made.element = element;
         made.isDefault = true;
-        const auto known = find(fields, made.name);
-        if (known == fields.end()) {
-            fields.push_back(made);
-        } else if (known->field.name != field.name || !haveOneType(known->field, field)) {
+        const auto [place, isNew] = fields.places.try_emplace(made.name, fields.columns.size());
+        if (isNew) {
+            fields.columns.push_back(made);
+            continue;
+        }
+        const data::Field& known = fields.columns[place->second].field;
+        if (known.name != field.name || !haveOneType(known, field)) {
             throw Failure(kUsage, "the column " + made.name +
                                       " is there twice, with different types; give the layout's field another name");
         }
@@ -81,16 +91,16 @@ std::vector<Column> allColumns(const data::Layouts& layouts) {
     const std::vector<Column> others = otherColumns();
     std::vector<Column> reserved = all;
     reserved.insert(reserved.end(), others.begin(), others.end());
-    std::vector<Column> fields;
+    FieldColumns fields;
     for (const auto& layout : layouts.all()) {
         for (const data::Payload& payload : layout->payloads) {
             for (const data::Field& field : payload.fields) addField(fields, field, reserved);
         }
     }
-    for (const Column& one : fields) {
+    for (const Column& one : fields.columns) {
         if (find(all, one.name) != all.end()) continue;  // of a list that is there already
         // The elements of a list stay together, also if another payload has more of them.
-        for (const Column& other : fields) {
+        for (const Column& other : fields.columns) {
             if (other.field.name == one.field.name) all.push_back(other);
         }
     }

@@ -78,22 +78,27 @@ bool matches(const std::string& pattern, std::string_view text) {
     return p == pattern.size();
 }
 
-bool Filter::takes(const Row& row) const {
-    if (fromNs && row.packet->timeNs < *fromNs) return false;
-    if (untilNs && row.packet->timeNs >= *untilNs) return false;
-    if (!types.empty() && (!row.hasType || !isWanted(row.type, types))) return false;
-    if (!isWanted(row.channel, channels)) return false;
-    return ids.empty() ||
-           std::any_of(ids.begin(), ids.end(), [&](const std::string& one) { return matches(one, row.id); });
+Rejection Filter::rejects(const Row& row) const {
+    if (fromNs && row.packet->timeNs < *fromNs) return Rejection::kTime;
+    if (untilNs && row.packet->timeNs >= *untilNs) return Rejection::kTime;
+    if (!types.empty() && (!row.hasType || !isWanted(row.type, types))) return Rejection::kType;
+    return isWanted(row.channel, channels) ? Rejection::kNone : Rejection::kChannel;
 }
 
-bool Filter::takesSession(const Row& row) const {
-    if (sessions.empty()) return true;
-    if (!row.hasQuoteTime || row.quoteTime.session == nullptr) return false;
+Rejection Filter::rejectsId(const Row& row) const {
+    const bool isWantedId = ids.empty() || std::any_of(ids.begin(), ids.end(),
+                                                       [&](const std::string& one) { return matches(one, row.id); });
+    return isWantedId ? Rejection::kNone : Rejection::kId;
+}
+
+Rejection Filter::rejectsSession(const Row& row) const {
+    if (sessions.empty()) return Rejection::kNone;
+    if (!row.hasQuoteTime || row.quoteTime.session == nullptr) return Rejection::kSession;
     const vexo_zce::SessionHours& session = *row.quoteTime.session;
-    return std::any_of(sessions.begin(), sessions.end(), [&](const std::string& one) {
+    const bool isWantedSession = std::any_of(sessions.begin(), sessions.end(), [&](const std::string& one) {
         return one == session.name || (one == kDay && !session.isNight);
     });
+    return isWantedSession ? Rejection::kNone : Rejection::kSession;
 }
 
 std::optional<std::uint64_t> momentOf(const std::string& text) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -9,6 +10,10 @@
 
 namespace vexo::exporting {
 
+/// The filter that a packet does not pass.
+enum class Rejection { kTime, kType, kChannel, kId, kSession, kNone };
+inline constexpr std::size_t kRejections = 5;
+
 /// Which packets become rows. An empty list takes everything.
 struct Filter {
     std::vector<std::string> ids;  // * stands for any characters, ? for one
@@ -17,11 +22,12 @@ struct Filter {
     std::vector<std::string> sessions;     // names of the session table; "day" for all but the night
     std::optional<std::uint64_t> fromNs;   // since 1970
     std::optional<std::uint64_t> untilNs;  // the first that is not taken
-    bool takesUnknown = false;             // packets that no layout describes; not asked by takes()
+    bool takesUnknown = false;             // packets that no layout describes
 
-    /// Whether a row passes the filters for ids, types, channels and times.
-    bool takes(const Row& row) const;
-    bool takesSession(const Row& row) const;
+    /// By time, type and channel, which every packet has.
+    Rejection rejects(const Row& row) const;
+    Rejection rejectsId(const Row& row) const;
+    Rejection rejectsSession(const Row& row) const;
 };
 
 /// Whether the whole text is what the pattern says.

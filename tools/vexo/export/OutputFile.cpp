@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
+#include "capture/StandardStreams.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/show/Harmless.h"
 
@@ -14,7 +17,10 @@ namespace vexo::exporting {
 namespace {
 
 constexpr char kPackedEnding[] = ".zst";
+constexpr char kPartEnding[] = ".part";
 constexpr mode_t kMode = 0666;  // less the umask
+
+std::string openName(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
 }  // namespace
 
@@ -23,7 +29,7 @@ bool OutputFile::isCompressedName(const std::string& path) {
     return path.size() > length && path.compare(path.size() - length, length, kPackedEnding) == 0;
 }
 
-OutputFile::OutputFile(const std::string& path) : m_path(path) {
+OutputFile::OutputFile(const std::string& path, std::string option) : m_path(path), m_option(std::move(option)) {
     if (path == "-") {
         m_fd = STDOUT_FILENO;
         return;
@@ -31,7 +37,7 @@ OutputFile::OutputFile(const std::string& path) : m_path(path) {
     struct stat state {};
     if (::lstat(path.c_str(), &state) == 0) {
         throw Failure(kUsage,
-                      "--output " + harmless(path) + ": it exists, and vexo never overwrites; give another name");
+                      m_option + " " + harmless(path) + ": it exists, and vexo never overwrites; give another name");
     }
     open();
     if (!isCompressedName(path)) return;
@@ -41,25 +47,34 @@ OutputFile::OutputFile(const std::string& path) : m_path(path) {
     m_packed.resize(ZSTD_CStreamOutSize());
 }
 
+// A file without a name needs /proc to get one, too.
 void OutputFile::open() {
+    const capture::StandardNumbersTaken taken;
     std::filesystem::path folder = std::filesystem::path(m_path).parent_path();
     if (folder.empty()) folder = ".";
     m_fd = ::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kMode);
+    if (m_fd >= 0 && ::access(openName(m_fd).c_str(), F_OK) == 0) return;
+    if (m_fd >= 0) ::close(m_fd);
+    m_part = m_path + kPartEnding;
+    m_fd = ::open(m_part.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, kMode);
     if (m_fd >= 0) return;
-    m_hasName = true;
-    m_fd = ::open(m_path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, kMode);
-    if (m_fd < 0) throw Failure(kUsage, "--output " + harmless(m_path) + ": " + std::strerror(errno));
+    const int error = errno;
+    const std::string part = std::exchange(m_part, {});
+    if (error != EEXIST) throw Failure(kUsage, m_option + " " + harmless(m_path) + ": " + std::strerror(error));
+    throw Failure(kUsage, m_option + " " + harmless(m_path) + ": " + harmless(part) +
+                              " is of an export that runs, or was killed; remove it, or give another name");
 }
 
 OutputFile::~OutputFile() {
-    if (m_fd <= STDERR_FILENO) return;
-    ::close(m_fd);
-    if (m_hasName && !m_isFinished) ::unlink(m_path.c_str());
+    if (m_path == "-" || m_isFinished) return;
+    if (m_fd >= 0) ::close(m_fd);
+    if (!m_part.empty()) ::unlink(m_part.c_str());
 }
 
 void OutputFile::fail(const char* what) const {
+    const std::string error = std::strerror(errno);
     const std::string name = m_path == "-" ? "standard output" : harmless(m_path);
-    throw Failure(kFinding, name + ": " + what + ": " + std::strerror(errno));
+    throw Failure(kFinding, name + ": " + what + ": " + error);
 }
 
 void OutputFile::writeAll(const char* data, std::size_t size) {
@@ -95,13 +110,51 @@ void OutputFile::rewriteHead(const void* data, std::size_t size) {
     writeAll(static_cast<const char*>(data), size);
 }
 
+// A network file system may report a failed write here.
+bool OutputFile::closeFile() { return ::close(std::exchange(m_fd, -1)) == 0 || errno == EINTR; }
+
+// Only close() tells of a write that a network file system could not do. The descriptor itself stays.
+void OutputFile::finishStandardOutput() const {
+    const int copy = ::dup(m_fd);
+    if (copy >= 0 && ::close(copy) != 0 && errno != EINTR) fail("cannot be written");
+}
+
+void OutputFile::finishNameless() {
+    // Fails if a file of the name has come meanwhile.
+    if (::linkat(AT_FDCWD, openName(m_fd).c_str(), AT_FDCWD, m_path.c_str(), AT_SYMLINK_FOLLOW) != 0)
+        fail("cannot get its name");
+    if (closeFile()) return;
+    const int error = errno;
+    ::unlink(m_path.c_str());
+    errno = error;
+    fail("cannot be written");
+}
+
+void OutputFile::finishPart() {
+    if (!closeFile()) fail("cannot be written");
+    if (::renameat2(AT_FDCWD, m_part.c_str(), AT_FDCWD, m_path.c_str(), RENAME_NOREPLACE) == 0) return;
+    if (errno != EINVAL && errno != ENOSYS) fail("cannot get its name");
+    // The file system can only rename over a file: over an empty one of our own then.
+    const int own = ::open(m_path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, kMode);
+    if (own < 0) fail("cannot get its name");
+    ::close(own);
+    if (::rename(m_part.c_str(), m_path.c_str()) == 0) return;
+    const int error = errno;
+    ::unlink(m_path.c_str());
+    errno = error;
+    fail("cannot get its name");
+}
+
 void OutputFile::finish() {
     if (m_packer != nullptr) pack(nullptr, 0, true);
+    if (m_path == "-") {
+        finishStandardOutput();
+    } else if (m_part.empty()) {
+        finishNameless();
+    } else {
+        finishPart();
+    }
     m_isFinished = true;
-    if (m_fd <= STDERR_FILENO || m_hasName) return;
-    const std::string open = "/proc/self/fd/" + std::to_string(m_fd);
-    // Fails if a file of the name has come meanwhile.
-    if (::linkat(AT_FDCWD, open.c_str(), AT_FDCWD, m_path.c_str(), AT_SYMLINK_FOLLOW) != 0) fail("cannot get its name");
 }
 
 }  // namespace vexo::exporting

@@ -8,12 +8,14 @@
 
 namespace vexo::exporting {
 
-/// The file that an export writes. It gets its name only when it is complete, and never replaces a file. If its name
-/// ends in .zst it is compressed. Failures throw vexo::Failure; then there is no file.
+/// A file that an export, or another command, writes. It gets its name only when it is complete, and never replaces a
+/// file. Until then it has no name; where the file system cannot do that, it is NAME.part. If its name ends in .zst it
+/// is compressed. Failures throw vexo::Failure; then there is no file.
 class OutputFile {
 public:
-    /// @param path  "-" = standard output
-    explicit OutputFile(const std::string& path);
+    /// @param path    "-" = standard output
+    /// @param option  that named it, for messages
+    explicit OutputFile(const std::string& path, std::string option = "--output");
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -31,11 +33,16 @@ private:
     void open();
     void writeAll(const char* data, std::size_t size);
     void pack(const void* data, std::size_t size, bool isEnd);
+    bool closeFile();
+    void finishStandardOutput() const;
+    void finishNameless();
+    void finishPart();
     [[noreturn]] void fail(const char* what) const;
 
     std::string m_path;
+    std::string m_option;
+    std::string m_part;  // its name until it is complete; empty: it has none
     int m_fd = -1;
-    bool m_hasName = false;  // the file system cannot make a file without a name
     bool m_isFinished = false;
     std::uint64_t m_written = 0;
     std::unique_ptr<ZSTD_CCtx, std::size_t (*)(ZSTD_CCtx*)> m_packer{nullptr, ZSTD_freeCCtx};

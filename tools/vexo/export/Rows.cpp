@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <unordered_map>
 
 #include "capture/StreamPlace.h"
 #include "tools/data/NumberText.h"
@@ -67,12 +68,14 @@ bool RowMaker::needs(Source first, Source last) const {
 
 void RowMaker::prepareCells(const data::Payload& payload) {
     Cells cells(m_columns.size());
+    std::unordered_map<std::string, std::size_t> places;  // of the fields, by name
+    for (const data::Field& field : payload.fields) places.emplace(field.name, places.size());
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
         const Column& column = m_columns[i];
         if (column.source != Source::kField) continue;
-        const std::size_t index = payload.indexOf(column.field.name);
-        if (index == data::kNoField || column.element >= payload.fields[index].values()) continue;
-        const data::Field& field = payload.fields[index];
+        const auto place = places.find(column.field.name);
+        if (place == places.end() || column.element >= payload.fields[place->second].values()) continue;
+        const data::Field& field = payload.fields[place->second];
         cells[i] = {&field, data::kHeadBytes + field.offset + column.element * field.width,
                     data::powerOfTen(field.decimals)};
     }

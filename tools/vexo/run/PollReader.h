@@ -9,7 +9,7 @@ namespace vexo::run {
 
 /// A stream of the application at one moment.
 struct StreamPolls {
-    std::uint32_t owner = 0;  ///< 0 = no stream is open in this slot
+    std::uint32_t owner = 0;  ///< 0 = no stream is open in this slot, or its process is gone
     std::uint64_t polls = 0;
 };
 
@@ -27,6 +27,8 @@ public:
     std::vector<StreamPolls> streams() const;
 
 private:
+    bool isThere(const polls::StreamSlot& slot, std::uint32_t owner) const;
+
     int m_fd = -1;
     polls::PollPage* m_page = nullptr;
 };

@@ -24,9 +24,7 @@ ordered_json histogram(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std
     ordered_json all = ordered_json::array();
     for (std::size_t b = 0; b < used; ++b) {
         if (buckets[b] == 0) continue;
-        const double bound = b < 63 ? page.seconds(std::uint64_t{1} << (b + 1))
-                                    : 2 * page.seconds(std::uint64_t{1} << b);
-        all.push_back({{"below_seconds", bound}, {"count", buckets[b]}});
+        all.push_back({{"below_seconds", page.endOfBucket(b)}, {"count", buckets[b]}});
     }
     return all;
 }
@@ -50,7 +48,7 @@ ordered_json streamJson(const Page& page, const Stream& stream) {
     if (stream.pollsKnown != 0) json["polls"] = {{"idle", stream.idlePolls}, {"failed", stream.failedPolls}};
     if (stream.firstPacket != 0) {
         json["first_packet"] = page.timeOfDay(stream.firstPacket);
-        json["last_packet"] = page.timeOfDay(stream.lastPacket);
+        json["last_packet"] = page.timeOfDay(lastPacketOf(stream));
     }
     json["gaps"] = histogram(stream.gaps, kGapBuckets, page);
     json["callbacks"] = histogram(stream.callbacks, vexo_stats::kBuckets, page);
@@ -61,6 +59,7 @@ ordered_json streamJson(const Page& page, const Stream& stream) {
                             {"late", stream.sequenceLate},
                             {"restarts", stream.sequenceRestarts}};
     }
+    json["card_packets"] = orNull(stream.cardPackets);
     json["back_pressure"] = orNull(stream.backPressure);
     json["fifo_errors"] = orNull(stream.fifoErrors);
     json["errors"] = orNull(stream.errors);

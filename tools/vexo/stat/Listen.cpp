@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 
 #include "tools/vexo/Command.h"
@@ -34,8 +35,13 @@ MHD_Result serve(void* context, MHD_Connection* connection, const char* path, co
     if (std::strcmp(method, MHD_HTTP_METHOD_GET) != 0)
         return answer(connection, MHD_HTTP_METHOD_NOT_ALLOWED, "GET only\n", kPlain);
     if (std::strcmp(path, "/metrics") != 0) return answer(connection, MHD_HTTP_NOT_FOUND, "See /metrics\n", kPlain);
-    return answer(connection, MHD_HTTP_OK, (*static_cast<const Text*>(context))(),
-                  "text/plain; version=0.0.4; charset=utf-8");
+    // No exception passes through the server's library.
+    try {
+        return answer(connection, MHD_HTTP_OK, (*static_cast<const Text*>(context))(),
+                      "text/plain; version=0.0.4; charset=utf-8");
+    } catch (const std::exception&) {
+        return answer(connection, MHD_HTTP_INTERNAL_SERVER_ERROR, "The pages cannot be shown\n", kPlain);
+    }
 }
 
 }  // namespace

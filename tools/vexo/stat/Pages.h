@@ -11,7 +11,12 @@
 /// Statistics pages, as a reader sees them. Whoever wrote a page may be hostile: nothing of it is believed unchecked.
 namespace vexo::stat {
 
-enum class Life { kRunning, kEnded, kDied };  // kDied: without an orderly end
+enum class Life {
+    kRunning,
+    kEnded,
+    kDied,    // without an orderly end
+    kUnseen,  // a process of another container, whose file system has no locks: it cannot be told
+};
 
 /// A copy of a page.
 struct Page {
@@ -22,14 +27,24 @@ struct Page {
     std::vector<vexo_stats::Stream> streams;  // those in use
     std::uint64_t readClock = 0;              // when it was read, on the page's clock
 
+    double rate = 0;  // of the page's clock, in a second
+
     std::string program() const;  // as it stands there
     double seconds(std::uint64_t clock) const;
+    /// The time that ends bucket @p b of a histogram: the same at each start of each program on this machine.
+    double endOfBucket(std::size_t b) const;
     /// Seconds since 1970 of a moment on the page's clock.
     double timeOfDay(std::uint64_t clock) const;
 };
 
 std::uint64_t packetsOf(const vexo_stats::Stream& stream);
 std::uint64_t bytesOf(const vexo_stats::Stream& stream);
+/// When its last packet came, on the page's clock; 0 without any.
+std::uint64_t lastPacketOf(const vexo_stats::Stream& stream);
+/// From its first packet to its last, without the time that it was closed.
+std::uint64_t gapsOf(const vexo_stats::Stream& stream);
+/// A process that records has no times of callbacks.
+bool knowsCallbacks(const vexo_stats::Stream& stream);
 data::Losses lossOf(const vexo_stats::Stream& stream);
 
 /// What can be read, and one line for each file that cannot.

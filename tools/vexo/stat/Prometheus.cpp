@@ -45,13 +45,13 @@ std::string label(const char* name, const std::string& value) {
 
 std::string processLabels(const Page& page) {
     return label("program", page.program()) + "," + label("pid", std::to_string(page.process.pid)) + "," +
-           label("writer", writerOf(page));
+           label("writer", writerOf(page)) + "," + label("user", std::to_string(page.owner));
 }
 
+// The names of pages make a process, its writer and its user unique; the place of a stream in its page is the rest.
 std::string streamLabels(const Page& page, const Stream& stream, std::size_t place) {
-    const bool isNamed = stream.card != kUnknown || stream.channel != kUnknown;
-    return processLabels(page) + "," + label("card", numberOrNone(stream.card)) + "," +
-           label("channel", isNamed ? numberOrNone(stream.channel) : "-" + std::to_string(place));
+    return processLabels(page) + "," + label("stream", std::to_string(place)) + "," +
+           label("card", numberOrNone(stream.card)) + "," + label("channel", numberOrNone(stream.channel));
 }
 
 // Collects the series of one metric after the other, as the format wants them.
@@ -160,8 +160,7 @@ void histogram(Metrics& metrics, const Page& page, const std::string& labels,
     for (std::size_t b = 0; b < used; ++b) {
         below += buckets[b];
         if (b < kFirst || b > kLast || (b - kFirst) % 2 != 0) continue;
-        const double seconds = page.seconds(std::uint64_t{1} << (b + 1));
-        metrics.add(labels + ",le=\"" + bound(seconds) + "\"", std::to_string(below), "_bucket");
+        metrics.add(labels + ",le=\"" + bound(page.endOfBucket(b)) + "\"", std::to_string(below), "_bucket");
     }
     metrics.add(labels + ",le=\"+Inf\"", std::to_string(below), "_bucket");
     metrics.add(labels, number(sum), "_sum");
@@ -172,18 +171,16 @@ void times(Metrics& metrics) {
     metrics.begin("vexo_callback_seconds", "histogram",
                   "Time from a packet's arrival until its callback has returned.");
     metrics.eachStream([&](const Page& page, const Stream& stream, const std::string& labels) {
+        if (!knowsCallbacks(stream)) return;
         histogram(metrics, page, labels, stream.callbacks, vexo_stats::kBuckets, page.seconds(stream.callbackClock));
     });
     metrics.begin("vexo_packet_gap_seconds", "histogram", "Time from one packet to the next.");
     metrics.eachStream([&](const Page& page, const Stream& stream, const std::string& labels) {
-        const std::uint64_t gaps = stream.firstPacket == 0
-                                       ? 0
-                                       : stream.lastPacket - stream.firstPacket - stream.closedClock;
-        histogram(metrics, page, labels, stream.gaps, kGapBuckets, page.seconds(gaps));
+        histogram(metrics, page, labels, stream.gaps, kGapBuckets, page.seconds(gapsOf(stream)));
     });
     metrics.begin("vexo_last_packet_timestamp_seconds", "gauge", "When the last packet came, since 1970.");
     metrics.eachStream([&](const Page& page, const Stream& stream, const std::string& labels) {
-        if (stream.firstPacket != 0) metrics.add(labels, moment(page.timeOfDay(stream.lastPacket)));
+        if (stream.firstPacket != 0) metrics.add(labels, moment(page.timeOfDay(lastPacketOf(stream))));
     });
 }
 

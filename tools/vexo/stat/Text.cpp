@@ -79,9 +79,9 @@ std::string streamText(const Page& page, const Stream& stream, const std::vector
     if (stream.pollsKnown != 0) line("polls", pollLine(stream));
     if (packetsOf(stream) != 0 && stream.firstPacket != 0) {
         if (page.life == Life::kRunning)
-            line("last packet", duration(page.seconds(page.readClock - stream.lastPacket)) + " ago");
+            line("last packet", duration(page.seconds(page.readClock - lastPacketOf(stream))) + " ago");
         line("between packets", histogramLine(stream.gaps, kGapBuckets, page));
-        line("callbacks", histogramLine(stream.callbacks, vexo_stats::kBuckets, page));
+        if (knowsCallbacks(stream)) line("callbacks", histogramLine(stream.callbacks, vexo_stats::kBuckets, page));
     }
     if (stream.sequenceKnown != 0) line("sequence", sequenceLine(stream));
     line("lost", data::lossLine(lossOf(stream)));
@@ -111,6 +111,7 @@ std::string lifeLine(const Page& page) {
         case Life::kRunning: return "running for " + duration(page.seconds(page.readClock - began));
         case Life::kEnded:
             return "ended after " + duration(page.seconds(page.process.steps[vexo_stats::kEnded] - began));
+        case Life::kUnseen: return "in another container";
         default: return "died";
     }
 }
@@ -134,10 +135,7 @@ double boundOf(const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t
     std::uint64_t below = 0;
     for (std::size_t b = 0; b < used && all > 0; ++b) {
         below += buckets[b];
-        if (static_cast<double>(below) >= share * static_cast<double>(all) && below > 0) {
-            return static_cast<double>(std::uint64_t{1} << std::min<std::size_t>(b + 1, 63)) /
-                   static_cast<double>(page.process.clockPerSecond);
-        }
+        if (static_cast<double>(below) >= share * static_cast<double>(all) && below > 0) return page.endOfBucket(b);
     }
     return 0;
 }
@@ -149,9 +147,22 @@ const char* nameOf(vexo_stats::Step step) {
     return kNames[step];
 }
 
-const char* nameOf(Life life) { return life == Life::kRunning ? "running" : life == Life::kEnded ? "ended" : "died"; }
+const char* nameOf(Life life) {
+    switch (life) {
+        case Life::kRunning: return "running";
+        case Life::kEnded: return "ended";
+        case Life::kUnseen: return "unseen";
+        default: return "died";
+    }
+}
 
-const char* writerOf(const Page& page) { return page.process.writer == vexo_stats::kTap ? "tap" : "application"; }
+const char* writerOf(const Page& page) {
+    switch (page.process.writer) {
+        case vexo_stats::kTap: return "tap";
+        case vexo_stats::kRelay: return "relay";
+        default: return "application";
+    }
+}
 
 std::string typeName(std::size_t slot) {
     if (slot == vexo_stats::kOtherType) return "other";

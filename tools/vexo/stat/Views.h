@@ -35,7 +35,7 @@ inline constexpr std::size_t kGapBuckets = vexo_stats::kFirstBucket;
 
 const char* nameOf(vexo_stats::Step step);  // as in card_looked_up
 const char* nameOf(Life life);
-const char* writerOf(const Page& page);     // tap or application
+const char* writerOf(const Page& page);     // tap, relay or application
 std::string typeName(std::size_t slot);     // as in 17, other, none
 std::string numberOrNone(std::uint64_t n);  // "-" for what is not known
 

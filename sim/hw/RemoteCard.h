@@ -1,0 +1,86 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/hw/LocalCard.h"
+#include "sim/hw/RemoteSettings.h"
+#include "sim/remote/Receiver.h"
+#include "sim/remote/Transport.h"
+#include "sim/scenario/Scenario.h"
+
+namespace vexo_sim {
+
+/// A card whose packets come over the network, from a relay beside the card of another machine. A stream receives from
+/// when it is opened. Everything else is a card of this process that sends nothing by itself: registers, if the user
+/// asked for them, and versions, time and counters.
+///
+/// A thread of the transport fills the rings. It holds the state's lock for the packets of one message, as whoever else
+/// writes into a ring does. The reader of a stream needs no lock. A full ring holds back the messages of its channel;
+/// the transport keeps some tens of megabytes of them.
+class RemoteCard final : public LocalCard, private remote::MessageSink {
+public:
+    /// Connects, and switches the card on as the scenario says. The card is never destroyed: the transport knows it.
+    /// @param error  one line when that is not possible
+    static std::unique_ptr<RemoteCard> make(const RemoteSettings& settings, std::uint32_t bus,
+                                            remote::Transport& transport, const scenario::Scenario& scenario,
+                                            std::string& error);
+
+    std::string hostedScenario() const override;
+    std::string banner(std::uint32_t bus) override;
+    bool offersRegisters() override;
+    void bringUpToDate() override;
+    PacketView advanceAndPeek(RingState& ring) override;
+    int take(CardPart stream) override;
+    void giveBack(CardPart stream) override;
+
+private:
+    // How a relay answered, at the start of this card.
+    struct Relay {
+        bool isThere = false;
+        bool isSimulated = false;
+        std::string user;
+        std::string host;
+        std::uint64_t roundTripNs = 0;
+    };
+    struct Channel {
+        explicit Channel(std::uint32_t number) : receiver(number) {}
+        remote::Receiver receiver;
+        std::uint32_t opening = 0;
+    };
+
+    RemoteCard(std::unique_ptr<Memory> memory, const RemoteSettings& settings, std::uint32_t bus,
+               remote::Transport& transport);
+
+    void receive(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) override;
+    void tell(remote::LineState state, const std::string& server) override;
+    void end() override { m_isEnding = true; }
+
+    void powerOn(const scenario::Scenario& scenario);
+    void greetRelays();
+    void join(std::uint32_t channel, std::uint32_t opening);
+    template <typename Work>
+    bool onChannel(std::uint32_t channel, std::uint32_t opening, Work work);
+    void welcome(std::uint32_t channel, std::uint32_t opening, const wire::Head& hello);
+    void tellNotice(std::uint32_t channel, const remote::Notice& notice) const;
+    bool isOfThisProcess() const;
+    bool isAdvanceDue();
+    remote::Place place(std::uint32_t channel) const { return {m_settings.site, m_bus, channel}; }
+
+    const RemoteSettings m_settings;
+    const std::uint32_t m_bus;
+    remote::Transport& m_transport;
+    const std::uint32_t m_forks;      // generation of the process that connected
+    std::vector<Channel> m_channels;  // used with the state's lock held
+    Relay m_relay;                    // before the transport is used, then left alone
+    std::uint32_t m_mtu = 0;          // as the relay said; 0 = no relay did
+    std::atomic<std::uint64_t> m_nextAdvanceNs{0};
+    std::atomic<bool> m_isRefusalTold{false};
+    std::atomic<bool> m_isSlowTold{false};
+    std::atomic<bool> m_isEnding{false};
+};
+
+}  // namespace vexo_sim

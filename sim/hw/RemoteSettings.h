@@ -1,0 +1,22 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/remote/Subjects.h"
+
+namespace vexo_sim {
+
+/// What the environment says about a remote card.
+struct RemoteSettings {
+    std::vector<std::string> servers;  // VEXO_SIM_REMOTE
+    std::string site = "local";        // VEXO_SIM_REMOTE_SITE
+    std::optional<std::uint32_t> bus;  // VEXO_SIM_REMOTE_BUS
+    bool ownRegisters = false;         // VEXO_SIM_REMOTE_REGISTERS=own
+};
+
+/// Nothing, with one line in @p error, when a value cannot be used.
+std::optional<RemoteSettings> readRemoteSettings(std::string& error);
+
+}  // namespace vexo_sim

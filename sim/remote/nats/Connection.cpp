@@ -1,0 +1,281 @@
+#include "sim/remote/nats/Connection.h"
+
+#include <nats/nats.h>
+#include <condition_variable>
+#include <csignal>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "sim/remote/nats/ConnectionOptions.h"
+#include "sim/remote/nats/SignalsBlocked.h"
+
+namespace vexo_sim::remote {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kMaxPendingMessages = 1 << 20;
+constexpr int kMaxPendingBytes = 64 << 20;
+
+// Who is told of a connection's events. The engine calls back at any time, also after a connection was destroyed, so
+// it gets a number and no pointer.
+class Listeners {
+public:
+    static Listeners& instance() {
+        static Listeners& listeners = *new Listeners;  // never destroyed: the engine's threads may outlive main()
+        return listeners;
+    }
+    std::uint64_t add(TellEvent tell) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_tell.emplace(++m_last, std::move(tell));
+        return m_last;
+    }
+    void remove(std::uint64_t number) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_tell.erase(number);
+    }
+    void tell(std::uint64_t number, ConnectionEvent event, const std::string& server) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_tell.find(number);
+        if (found != m_tell.end() && found->second) found->second(event, server);
+    }
+
+private:
+    std::mutex m_mutex;  // held while an event is told: after remove() nobody is told any more
+    std::map<std::uint64_t, TellEvent> m_tell;
+    std::uint64_t m_last = 0;
+};
+
+void* closureOf(std::uint64_t number) { return reinterpret_cast<void*>(static_cast<std::uintptr_t>(number)); }
+std::uint64_t numberOf(void* closure) { return reinterpret_cast<std::uintptr_t>(closure); }
+
+std::string serverOf(natsConnection* connection) {
+    char url[256] = {};
+    natsConnection_GetConnectedUrl(connection, url, sizeof url);
+    return url;
+}
+
+template <ConnectionEvent event>
+void onEvent(natsConnection* connection, void* closure) {
+    Listeners::instance().tell(numberOf(closure), event, serverOf(connection));
+}
+
+void onError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure) {
+    if (status != NATS_SLOW_CONSUMER) return;
+    Listeners::instance().tell(numberOf(closure), ConnectionEvent::kSlow, serverOf(connection));
+}
+
+// Once a process. The engine's threads inherit the blocked signals of the caller, and its change of the process's
+// SIGPIPE is taken back: the application decides about that.
+void openEngine() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction before {};
+        sigaction(SIGPIPE, nullptr, &before);
+        nats_Open(-1);
+        sigaction(SIGPIPE, &before, nullptr);
+    });
+}
+
+std::string joined(const std::vector<std::string>& servers) {
+    std::string text;
+    for (const std::string& server : servers) text += (text.empty() ? "" : ",") + server;
+    return text;
+}
+
+// What the thread that connects and the one that waits for it share.
+struct Attempt {
+    std::mutex mutex;
+    std::condition_variable done;
+    bool isDone = false;
+    bool isGivenUp = false;
+    natsConnection* connection = nullptr;
+    std::string error;
+};
+
+void connect(const ConnectionSettings& settings, std::uint64_t number, Attempt& attempt) {
+    openEngine();
+    std::string error;
+    natsConnection* connection = nullptr;
+    OptionsPointer options = makeOptions(settings, error);
+    if (options != nullptr) {
+        natsOptions* const o = options.get();
+        natsOptions_SetDisconnectedCB(o, onEvent<ConnectionEvent::kLost>, closureOf(number));
+        natsOptions_SetReconnectedCB(o, onEvent<ConnectionEvent::kBack>, closureOf(number));
+        natsOptions_SetClosedCB(o, onEvent<ConnectionEvent::kClosed>, closureOf(number));
+        natsOptions_SetErrorHandler(o, onError, closureOf(number));
+        const natsStatus status = natsConnection_Connect(&connection, o);
+        if (status != NATS_OK) error = "cannot connect to " + joined(settings.servers) + ": " + reasonOf(status);
+    }
+    const std::lock_guard<std::mutex> lock(attempt.mutex);
+    attempt.isDone = true;
+    attempt.error = std::move(error);
+    if (attempt.isGivenUp)
+        natsConnection_Destroy(connection);
+    else
+        attempt.connection = connection;
+    attempt.done.notify_one();
+}
+
+std::string inMilliseconds(std::chrono::milliseconds wait) { return std::to_string(wait.count()) + " ms"; }
+
+void takeMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
+    const auto& take = *static_cast<TakeMessage*>(closure);
+    const int size = natsMsg_GetDataLength(message);
+    take({natsMsg_GetData(message), size > 0 ? static_cast<std::size_t>(size) : 0, natsMsg_GetReply(message)});
+    natsMsg_Destroy(message);
+}
+
+void forgetTaker(void* closure) { delete static_cast<TakeMessage*>(closure); }
+
+std::int64_t millisecondsUntil(Clock::time_point end) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+}
+
+// The subscription that answers come to.
+class AnswerBox {
+public:
+    explicit AnswerBox(natsConnection* connection) {
+        if (natsInbox_Create(&m_subject) != NATS_OK) return;
+        natsConnection_SubscribeSync(&m_subscription, connection, m_subject);
+    }
+    ~AnswerBox() {
+        natsSubscription_Destroy(m_subscription);
+        natsInbox_Destroy(m_subject);
+    }
+    AnswerBox(const AnswerBox&) = delete;
+    AnswerBox& operator=(const AnswerBox&) = delete;
+
+    bool isOpen() const { return m_subscription != nullptr; }
+    const char* subject() const { return m_subject; }
+
+    struct Free {
+        void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
+    };
+    using Message = std::unique_ptr<natsMsg, Free>;
+    /// NATS_NO_RESPONDERS: the server knows nobody who answers one of the requests.
+    natsStatus next(Clock::time_point end, Message& message) {
+        natsMsg* next = nullptr;
+        const std::int64_t left = millisecondsUntil(end);
+        const natsStatus status = left > 0 ? natsSubscription_NextMsg(&next, m_subscription, left) : NATS_TIMEOUT;
+        message.reset(next);
+        return status;
+    }
+
+private:
+    natsInbox* m_subject = nullptr;
+    natsSubscription* m_subscription = nullptr;
+};
+
+}  // namespace
+
+Subscription& Subscription::operator=(Subscription&& from) noexcept {
+    std::swap(m_subscription, from.m_subscription);
+    return *this;
+}
+
+void Subscription::end() {
+    if (m_subscription == nullptr) return;
+    const SignalsBlocked blocked;
+    natsSubscription_Destroy(m_subscription);
+    m_subscription = nullptr;
+}
+
+// The engine's own time limits do not cover the look-up of a host's name. So a thread connects, and the caller waits
+// for it no longer than it wants.
+std::unique_ptr<Connection> Connection::open(const ConnectionSettings& settings, TellEvent tell, std::string& error) {
+    const auto attempt = std::make_shared<Attempt>();
+    const std::uint64_t number = Listeners::instance().add(std::move(tell));
+    try {
+        const SignalsBlocked blocked;
+        std::thread([settings, number, attempt] { connect(settings, number, *attempt); }).detach();
+    } catch (const std::system_error& failure) {
+        Listeners::instance().remove(number);
+        error = std::string("cannot start a thread: ") + failure.what();
+        return nullptr;
+    }
+    std::unique_lock<std::mutex> lock(attempt->mutex);
+    attempt->done.wait_for(lock, settings.wait, [&] { return attempt->isDone; });
+    attempt->isGivenUp = !attempt->isDone;
+    if (attempt->connection != nullptr) return std::unique_ptr<Connection>(new Connection(attempt->connection, number));
+    lock.unlock();
+    Listeners::instance().remove(number);
+    error = attempt->isGivenUp
+                ? "cannot connect to " + joined(settings.servers) + " within " + inMilliseconds(settings.wait)
+                : attempt->error;
+    return nullptr;
+}
+
+Connection::~Connection() {
+    const SignalsBlocked blocked;
+    Listeners::instance().remove(m_number);
+    natsConnection_Destroy(m_connection);
+}
+
+bool Connection::publish(const std::string& subject, const void* data, std::size_t size) {
+    return natsConnection_Publish(m_connection, subject.c_str(), data, static_cast<int>(size)) == NATS_OK;
+}
+
+bool Connection::flush(std::chrono::milliseconds wait) {
+    const SignalsBlocked blocked;
+    return natsConnection_FlushTimeout(m_connection, wait.count()) == NATS_OK;
+}
+
+Subscription Connection::subscribe(const std::string& subject, TakeMessage take) {
+    const SignalsBlocked blocked;
+    auto* const taker = new TakeMessage(std::move(take));
+    natsSubscription* subscription = nullptr;
+    if (natsConnection_Subscribe(&subscription, m_connection, subject.c_str(), takeMessage, taker) != NATS_OK) {
+        delete taker;
+        return {};
+    }
+    natsSubscription_SetPendingLimits(subscription, kMaxPendingMessages, kMaxPendingBytes);
+    natsSubscription_SetOnCompleteCB(subscription, forgetTaker, taker);
+    return Subscription(subscription);
+}
+
+Connection::Answer Connection::ask(const std::vector<std::string>& subjects, const void* data, std::size_t size,
+                                   std::chrono::milliseconds wait,
+                                   const std::function<bool(const void*, std::size_t)>& take) {
+    const SignalsBlocked blocked;
+    AnswerBox answers(m_connection);
+    if (!answers.isOpen()) return Answer::kNone;
+    for (const std::string& subject : subjects)
+        natsConnection_PublishRequest(m_connection, subject.c_str(), answers.subject(), data, static_cast<int>(size));
+    const Clock::time_point end = Clock::now() + wait;
+    for (std::size_t refused = 0; refused < subjects.size();) {
+        AnswerBox::Message message;
+        const natsStatus status = answers.next(end, message);
+        if (status == NATS_NO_RESPONDERS) {
+            ++refused;
+        } else if (status != NATS_OK) {
+            return Answer::kNone;
+        } else if (take(natsMsg_GetData(message.get()),
+                        static_cast<std::size_t>(natsMsg_GetDataLength(message.get())))) {
+            return Answer::kTaken;
+        }
+    }
+    return Answer::kNobody;
+}
+
+bool Connection::isConnected() const { return natsConnection_Status(m_connection) == NATS_CONN_STATUS_CONNECTED; }
+
+std::string Connection::server() const { return serverOf(m_connection); }
+
+std::size_t Connection::largestMessage() const {
+    return static_cast<std::size_t>(natsConnection_GetMaxPayload(m_connection));
+}
+
+std::size_t Connection::waitingBytes() const {
+    const int bytes = natsConnection_Buffered(m_connection);
+    return bytes > 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
+void Connection::endEngine(std::chrono::milliseconds wait) {
+    const SignalsBlocked blocked;
+    nats_CloseAndWait(wait.count());
+}
+
+}  // namespace vexo_sim::remote

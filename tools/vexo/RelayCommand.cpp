@@ -1,0 +1,154 @@
+#include <dlfcn.h>
+#include <filesystem>
+#include <memory>
+
+#include "interface/CardRegisters.h"
+#include "tools/relay/Settings.h"
+#include "tools/vexo/Command.h"
+#include "tools/vexo/InputFile.h"
+#include "tools/vexo/Places.h"
+#include "tools/vexo/ServerOptions.h"
+#include "tools/vexo/check/ConfigCheck.h"
+
+namespace vexo {
+namespace {
+
+constexpr double kDay = 86400;
+constexpr std::uint32_t kLastBus = 4;
+
+struct Options {
+    relay::Settings settings;
+    std::string to;
+    std::uint64_t batchTimeUs = 100;
+    std::uint64_t queueMb = 64;
+    CLI::Option* channel = nullptr;
+    CLI::Option* bus = nullptr;
+};
+
+// The configuration decides card and channel. What the command line says of them must agree.
+void takePlaceFromConfig(const Options& options, vexo_sim::remote::Place& place) {
+    const std::string& config = options.settings.config;
+    requireFile(config);
+    check::Report report;
+    const check::ConfigFacts facts = readable(config, [&] { return check::checkConfig(config, report); });
+    if (!facts.device.valid)
+        throw Failure(kUsage, config + ": there is no valid device in it; vexo check tells what is wrong");
+    const auto differs = [](const CLI::Option* option, std::uint32_t said, std::uint32_t meant) {
+        return option->count() > 0 && said != meant;
+    };
+    if (differs(options.channel, place.channel, facts.device.channel) ||
+        differs(options.bus, place.bus, facts.device.card))
+        throw Failure(kUsage, config + " names channel " + std::to_string(facts.device.channel) + " of card " +
+                                  std::to_string(facts.device.card) + ", the command line another one");
+    place.channel = facts.device.channel;
+    place.bus = facts.device.card;
+}
+
+relay::Settings settingsOf(const Options& options) {
+    relay::Settings settings = options.settings;
+    std::string error;
+    settings.connection.servers = vexo_sim::remote::serversOf(options.to, error);
+    if (settings.connection.servers.empty()) throw Failure(kUsage, "--to: " + error);
+    for (const std::string* file :
+         {&settings.connection.credsFile, &settings.connection.userFile, &settings.connection.tlsCaFile,
+          &settings.connection.tlsCertFile, &settings.connection.tlsKeyFile})
+        if (!file->empty()) requireFile(*file);
+    if (!vexo_sim::remote::isSite(settings.place.site))
+        throw Failure(kUsage, "--site " + settings.place.site + ": use 1 to 32 letters, digits, _ and -");
+    if (!settings.config.empty()) {
+        takePlaceFromConfig(options, settings.place);
+    } else if (options.channel->count() == 0) {
+        throw Failure(kUsage, "no channel: give --channel N, or a configuration");
+    } else if (settings.place.channel == 0) {
+        throw Failure(kUsage, "channel 0 is the master's, which programs the card: give its configuration");
+    }
+    settings.limits.timeNs = options.batchTimeUs * 1000;
+    settings.queueBytes = options.queueMb * relay::kMegabyte;
+    return settings;
+}
+
+// The card's library is loaded with the relay's, so a machine without one is noticed here.
+relay::Run* load() {
+    const std::filesystem::path path = relayLibrary();
+    void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr)
+        throw Failure(kNoCard,
+                      std::string(::dlerror()) +
+                          "\nThe card's library may be missing. For the simulated card: vexo sim run -- vexo relay");
+    void* const run = ::dlsym(library, relay::kRunName);
+    if (run == nullptr) throw Failure(kFinding, ::dlerror());
+    return reinterpret_cast<relay::Run*>(run);
+}
+
+void addLimits(CLI::App& command, Options& options) {
+    relay::Settings& settings = options.settings;
+    command.add_option("--batch-bytes", settings.limits.bytes, "Most bytes of a message")
+        ->type_name("N")
+        ->check(CLI::Range(relay::kLeastBatchBytes, relay::kMostBatchBytes))
+        ->capture_default_str();
+    command
+        .add_option("--batch-time", options.batchTimeUs,
+                    "Microseconds that a packet waits for company in its message; 0: each packet is a message")
+        ->type_name("US")
+        ->check(CLI::Range(std::uint64_t{0}, relay::kMostBatchTimeUs))
+        ->capture_default_str();
+    command.add_option("--queue", options.queueMb, "Megabytes of memory for packets on their way to the network")
+        ->type_name("MB")
+        ->check(CLI::Range(std::uint64_t{1}, relay::kMostQueueMb))
+        ->capture_default_str();
+    command
+        .add_option("--poll-rest", settings.pollRestUs,
+                    "Microseconds that the polling thread sleeps when there is no packet; 0: it never sleeps")
+        ->type_name("US")
+        ->check(CLI::Range(std::uint64_t{0}, relay::kMostBatchTimeUs))
+        ->capture_default_str();
+}
+
+}  // namespace
+
+void addRelay(CLI::App& app, Invocation& invocation) {
+    const auto options = std::make_shared<Options>();
+    relay::Settings& settings = options->settings;
+    CLI::App* relay = app.add_subcommand("relay",
+                                         "Publish what a channel delivers, for remote cards of other machines");
+    relay->add_option("CONFIG.ini", settings.config,
+                      "Start as an application with this configuration does; the master needs one");
+    options->channel = relay->add_option("--channel", settings.place.channel, "Channel to relay")
+                           ->type_name("N")
+                           ->check(CLI::Range(0U, card_reg::kChannels - 1));
+    options->bus = relay->add_option("--bus", settings.place.bus, "Number of the card")
+                       ->type_name("N")
+                       ->check(CLI::Range(0U, kLastBus))
+                       ->capture_default_str();
+    relay->add_option("--to", options->to, "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
+        ->type_name("SERVERS")
+        ->required();
+    relay->add_option("--site", settings.place.site, "Name of this site, a part of the subjects")
+        ->type_name("NAME")
+        ->capture_default_str();
+    relay->add_flag(
+        "--by-contract", settings.byContract,
+        "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
+    addLimits(*relay, *options);
+    addServerFiles(*relay, settings.connection);
+    relay->add_option("--seconds", settings.seconds, "End after so long; 0: at SIGINT or SIGTERM")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, kDay))
+        ->capture_default_str();
+    relay->add_flag("--json", settings.json, "Show the result as JSON; a log goes to standard error");
+    relay->footer(
+        "The relay has its channel for itself, like an application. Its subject is vexo.SITE.BUS.CHANNEL.stream.");
+    cli::tellStatuses(*relay,
+                      {{cli::kFine, "ended as asked, and the server has confirmed everything"},
+                       {kFinding, "no server, the stream or the subject is taken, or not everything was confirmed"},
+                       {kUsage, "wrong usage, or a file that was named and cannot be read"},
+                       {kNoCard, "no card"}});
+    relay->callback([options, &invocation] {
+        invocation.run = [options] {
+            const relay::Settings chosen = settingsOf(*options);
+            return load()(chosen);
+        };
+    });
+}
+
+}  // namespace vexo

@@ -1,0 +1,99 @@
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "sim/remote/Subjects.h"
+#include "tools/vexo/Command.h"
+#include "tools/vexo/Launch.h"
+#include "tools/vexo/Places.h"
+#include "tools/vexo/PrivateDayFiles.h"
+#include "tools/vexo/ServerOptions.h"
+
+namespace vexo {
+namespace {
+
+constexpr int kLastBus = 4;
+
+struct Options {
+    std::string servers;
+    std::string site = "local";
+    std::optional<int> bus;
+    vexo_sim::remote::ConnectionSettings connection;
+    bool ownRegisters = false;
+    bool sharedDayFile = false;
+};
+
+// The program would find a mistake only when it opens its card.
+void check(const Options& options) {
+    std::string error;
+    if (vexo_sim::remote::serversOf(options.servers, error).empty()) throw Failure(kUsage, "--from: " + error);
+    if (!vexo_sim::remote::isSite(options.site))
+        throw Failure(kUsage, "--site " + options.site + ": use 1 to 32 letters, digits, _ and -");
+}
+
+// Without the option, the environment may name the file. The program may change its directory before it connects.
+void setFile(const char* variable, const std::string& file) {
+    if (file.empty()) return;
+    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, file + ": " + std::strerror(errno));
+    set(variable, std::filesystem::absolute(file).string());
+}
+
+void describeConnection(const vexo_sim::remote::ConnectionSettings& connection) {
+    setFile("VEXO_NATS_CREDS", connection.credsFile);
+    setFile("VEXO_NATS_USER_FILE", connection.userFile);
+    setFile("VEXO_NATS_TLS_CA", connection.tlsCaFile);
+    setFile("VEXO_NATS_TLS_CERT", connection.tlsCertFile);
+    setFile("VEXO_NATS_TLS_KEY", connection.tlsKeyFile);
+}
+
+int run(const Options& options, const Program& program) {
+    requireProgram(program);
+    check(options);
+    describeConnection(options.connection);
+    set("VEXO_SIM_CARD", "remote");
+    set("VEXO_SIM_REMOTE", options.servers);
+    set("VEXO_SIM_REMOTE_SITE", options.site);
+    set("VEXO_SIM_REMOTE_BUS", options.bus ? std::to_string(*options.bus) : "");
+    set("VEXO_SIM_REMOTE_REGISTERS", options.ownRegisters ? "own" : "");
+    set("VEXO_SIM_DAY_FILES", options.sharedDayFile ? "" : privateDayFiles());
+    if (!options.sharedDayFile) preload(dayFileLibrary());
+    prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
+    become(program);
+}
+
+}  // namespace
+
+void addRemote(CLI::App& app, Invocation& invocation) {
+    const auto options = std::make_shared<Options>();
+    CLI::App* remote = app.add_subcommand("remote", "The card of another machine");
+    CLI::App* runIt = remote->add_subcommand(
+        "run", "Run a program on the packets that a relay sends from the card of another machine");
+    takeProgram(
+        *runIt, "remote run", invocation,
+        "Each channel that the program opens receives what a relay sends of the same channel. A master (channel "
+        "0) needs --own-registers.");
+    runIt
+        ->add_option("--from", options->servers,
+                     "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
+        ->type_name("SERVERS")
+        ->required();
+    runIt->add_option("--site", options->site, "Name of the relay's site, a part of the subjects")
+        ->type_name("NAME")
+        ->capture_default_str();
+    runIt->add_option("--bus", options->bus, "Number of the card at the relay, and of the card that the program finds")
+        ->type_name("N")
+        ->check(CLI::Range(0, kLastBus));
+    runIt->add_flag("--own-registers", options->ownRegisters,
+                    "Let a model in the program answer its registers, and send it a contract map");
+    addServerFiles(*runIt, options->connection);
+    runIt->add_flag("--shared-day-file", options->sharedDayFile,
+                    "Use the day file in /tmp, which a start on a real card would load too");
+    runIt->callback([options, &invocation] {
+        invocation.run = [options, &invocation] { return run(*options, invocation.program); };
+    });
+}
+
+}  // namespace vexo

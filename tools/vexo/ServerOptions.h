@@ -1,0 +1,12 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "sim/remote/nats/Connection.h"
+
+namespace vexo {
+
+/// Adds the options that name the files of a connection. What is secret is in files alone, never on a command line.
+void addServerFiles(CLI::App& subcommand, vexo_sim::remote::ConnectionSettings& connection);
+
+}  // namespace vexo

@@ -1,0 +1,121 @@
+#include "tools/vexo/export/Exporter.h"
+
+#include <cstdio>
+
+#include "tools/vexo/show/Harmless.h"
+
+namespace vexo::exporting {
+namespace {
+
+constexpr std::uint32_t kContractMap = 2;  // has no payload that a layout could describe
+
+constexpr const char* kFilterNames[kRejections] = {"--from or --until", "--type", "--channel", "--id", "--session"};
+
+std::string packetsText(std::uint64_t count) { return std::to_string(count) + (count == 1 ? " packet" : " packets"); }
+
+unsigned long long shown(std::uint64_t number) { return number; }
+
+}  // namespace
+
+std::uint64_t Exporter::take(const std::string& path, Progress& progress, std::uint64_t bytesBefore) {
+    try {
+        data::CaptureSource source(path);
+        takeAll(path, source, progress, bytesBefore);
+        return source.fileBytes();
+    } catch (const data::SourceError& error) {  // it could be opened at the start
+        m_outcome.isDamaged = true;
+        progress.clear();
+        std::fprintf(stderr, "vexo: %s; nothing of it is exported\n", error.what());
+        return 0;
+    }
+}
+
+void Exporter::takeAll(const std::string& path, data::CaptureSource& source, Progress& progress,
+                       std::uint64_t bytesBefore) {
+    capture::Reader reader(source.stream());
+    m_maker.beginCapture();
+    capture::Packet packet;
+    Row row;
+    bool isAny = false;
+    while (!isFull() && reader.next(packet)) {
+        isAny = true;
+        takePacket(packet, row);
+        progress.update(m_outcome.rows, bytesBefore + source.readBytes());
+    }
+    if (!reader.damage()) return;
+    m_outcome.isDamaged = true;
+    progress.clear();
+    const std::string why = source.failure().empty() ? "" : ": " + source.failure();
+    std::fprintf(stderr, "vexo: %s: %s%s; %s\n", path == "-" ? "standard input" : harmless(path).c_str(),
+                 reader.damage()->text.c_str(), why.c_str(),
+                 isAny ? "what precedes it is exported" : "no packet precedes it");
+}
+
+bool Exporter::isRejected(Rejection why) {
+    if (why == Rejection::kNone) return false;
+    ++m_outcome.rejected[static_cast<std::size_t>(why)];
+    return true;
+}
+
+void Exporter::countUnknown(const Row& row) {
+    if (row.type == kContractMap) {
+        ++m_outcome.maps;
+    } else if (m_outcome.unknown.size() < Outcome::kMostTypes || m_outcome.unknown.count(row.type) > 0) {
+        ++m_outcome.unknown[row.type];
+    } else {
+        ++m_outcome.unknownOfOtherTypes;
+    }
+}
+
+void Exporter::takePacket(const capture::Packet& packet, Row& row) {
+    if (!m_maker.begin(packet, row)) return;
+    ++m_outcome.packets;
+    if (isRejected(m_filter.rejects(row))) return;
+    if (row.payload == nullptr && !m_filter.takesUnknown) return countUnknown(row);
+    if (isRejected(m_filter.rejectsId(row))) return;
+    m_maker.addQuoteTime(row);
+    if (isRejected(m_filter.rejectsSession(row))) return;
+    m_maker.complete(row);
+    m_writer.add(m_maker, row);
+    ++m_outcome.rows;
+}
+
+std::string whyNoRow(const Outcome& outcome) {
+    if (outcome.packets == 0) return "there is no packet of a stream";
+    std::string text = "of " + packetsText(outcome.packets);
+    const char* separator = ", ";
+    const auto add = [&](std::uint64_t count, const std::string& what) {
+        if (count > 0) text += separator + std::to_string(count) + what;
+    };
+    add(outcome.maps, " of type 2 (contract maps, without quotes)");
+    for (const auto& [type, count] : outcome.unknown) {
+        add(count, " of type " + std::to_string(type) + " (not in the layout)");
+    }
+    add(outcome.unknownOfOtherTypes, " of other types (not in the layout)");
+    for (std::size_t i = 0; i < kRejections; ++i) {
+        add(outcome.rejected[i], std::string(" left out by ") + kFilterNames[i]);
+    }
+    return text;
+}
+
+void sayWhatIsMissing(const Outcome& outcome, const RowMaker& maker) {
+    for (const auto& [type, count] : outcome.unknown) {
+        std::fprintf(stderr,
+                     "vexo: no layout describes %llu packets of type %u: left out. Give a layout with --layout, or "
+                     "their bytes with the column payload\n",
+                     shown(count), type);
+    }
+    if (outcome.unknownOfOtherTypes > 0) {
+        std::fprintf(stderr, "vexo: no layout describes %llu packets of other types: left out\n",
+                     shown(outcome.unknownOfOtherTypes));
+    }
+    if (maker.nonsenseTimes() > 0) {
+        std::fprintf(stderr, "vexo: %llu quotes have an exchange time that is none: without day and session\n",
+                     shown(maker.nonsenseTimes()));
+    }
+    if (outcome.rows == 0) {
+        std::fprintf(stderr, "vexo: no packet became a row, so nothing is written: %s\n", whyNoRow(outcome).c_str());
+    }
+}
+
+}  // namespace vexo::exporting
