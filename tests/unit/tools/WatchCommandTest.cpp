@@ -422,7 +422,8 @@ TEST_F(WatchChannel, AgreesWithVexoStatAboutAProgramWithLosses) {
     ASSERT_TRUE(IsUp(program)) << dir.Read("app.out") << dir.Read("app.err");
     Process watch({VEXO_COMMAND, "watch", "--pid", std::to_string(program.Id()), "--json", "--interval", "0.1"}, "said",
                   "errors");
-    const std::regex hasLost("\"before_card\":[1-9]");
+    // Which cause comes first depends on how busy this machine is: a slow program overflows its ring.
+    const std::regex hasLost("\"(before_card|by_ring|by_application)\":[1-9]");
     ASSERT_TRUE(Eventually([&] { return std::regex_search(Said(), hasLost) || !watch.IsRunning(); })) << Errors();
     program.Signal(SIGTERM);
     program.Wait();
