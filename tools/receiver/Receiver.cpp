@@ -178,11 +178,11 @@ int main(int argc, char** argv) {
                                 0);
     if (shared == MAP_FAILED) return fail("shared memory", std::strerror(errno));
     try {
-        const vexo::data::Layouts layouts(std::vector<std::string>{});
+        static const vexo::data::Layouts layouts(std::vector<std::string>{});
         if (::chdir(argv[2]) != 0) return fail(argv[2], std::strerror(errno));
         const Directory directory(argv[2], vexo);
         auto& page = *static_cast<InstrumentPage*>(shared);
-        InstrumentCounter counter(page, layouts);
+        static InstrumentCounter counter(page, layouts);  // polls reach it from outside of this function
         g_poll.counter = &counter;
         return receive(argv[1], page);
     } catch (const std::exception& error) {

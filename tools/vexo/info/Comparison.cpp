@@ -16,7 +16,7 @@ std::uint64_t burstOf(const Summary& summary) {
     return stream == nullptr ? 0 : stream->burst.packets;
 }
 
-Compared counted(const char* name, const data::Count& one, const data::Count& other) {
+Compared counted(const std::string& name, const data::Count& one, const data::Count& other) {
     const bool isKnown = one && other;
     return {name, data::groupedLossText(one), data::groupedLossText(other),
             isKnown ? changeText(static_cast<double>(*other), static_cast<double>(*one)) : "-"};
@@ -45,8 +45,8 @@ std::vector<Compared> compare(const Summary& one, const Summary& other) {
     const data::Losses ours = lossesOf(one);
     const data::Losses theirs = lossesOf(other);
     for (const data::LossCause cause : data::kAllLossCauses) {
-        const std::string name = std::string("lost ") + data::nameOf(cause);
-        if (ours[cause] || theirs[cause]) all.push_back(counted(name.c_str(), ours[cause], theirs[cause]));
+        if (ours[cause] || theirs[cause])
+            all.push_back(counted(std::string("lost ") + data::nameOf(cause), ours[cause], theirs[cause]));
     }
     return all;
 }
