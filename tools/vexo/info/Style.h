@@ -54,7 +54,7 @@ rect.one:hover, rect.other:hover { fill-opacity: .75; }
 table { border-collapse: collapse; width: 100%; font-size: .9375rem; font-variant-numeric: tabular-nums; }
 th, td { text-align: right; padding: .25rem .6rem; border-bottom: 1px solid var(--line); white-space: nowrap; }
 th { color: var(--faint); font-weight: 600; vertical-align: bottom; }
-thead th { white-space: normal; min-width: 4.5rem; max-width: 12rem; }
+thead th { white-space: normal; overflow-wrap: break-word; max-width: 12rem; }
 th:first-child, td:first-child, tbody th { text-align: left; }
 tbody th { color: inherit; font-weight: normal; max-width: 22rem; overflow: hidden; text-overflow: ellipsis; }
 table.narrow { width: auto; min-width: min(100%, 34rem); }
@@ -71,7 +71,7 @@ footer { margin-top: 2rem; border-top: 1px solid var(--line); padding-top: .5rem
   table { font-size: .8125rem; }
   table.narrow { min-width: 100%; }
   th, td { padding: .25rem .3rem; }
-  thead th { min-width: 0; }
+  thead th { max-width: 7rem; }
   tbody th { white-space: normal; min-width: 6rem; overflow-wrap: anywhere; }
   .cell { min-width: 2.5rem; }
   .bars { width: 25%; }
