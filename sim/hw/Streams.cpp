@@ -109,11 +109,7 @@ int getCounter(const enyx_hw_a2c_stream* stream, std::uint32_t UpStreamState::*c
     }
     CardAccess card(*stream->card);
     if (!card) return -1;
-    const UpStreamState& counted = card->state().up[stream->channel];
-    // The errors of a scenario come with the stream's first packet, so that it can be seen in which stream they
-    // happened.
-    const bool isError = counter == &UpStreamState::fifoErrors || counter == &UpStreamState::errors;
-    *value = isError && counted.packets == 0 ? 0 : counted.*counter;
+    *value = card->state().up[stream->channel].*counter;
     return card.end() ? 0 : -1;
 }
 

@@ -299,8 +299,8 @@ private:
     }
 
     void sortFields(Payload& payload, unsigned line) const {
-        std::sort(payload.fields.begin(), payload.fields.end(),
-                  [](const Field& one, const Field& other) { return one.offset < other.offset; });
+        std::stable_sort(payload.fields.begin(), payload.fields.end(),
+                         [](const Field& one, const Field& other) { return one.offset < other.offset; });
         for (std::size_t i = 1; i < payload.fields.size(); ++i) {
             const Field& before = payload.fields[i - 1];
             if (before.offset + before.bytes() <= payload.fields[i].offset) continue;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tools/data/NumberText.h"
+
 namespace vexo::data {
 namespace {
 
@@ -13,25 +15,19 @@ constexpr struct {
     {"by the tap", "by_tap"},           {"by a relay", "by_relay"}, {"by the application", "by_application"},
 };
 
-std::string grouped(std::uint64_t n) {
-    std::string text = std::to_string(n);
-    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
-    return text;
-}
-
-// Counters of a hostile page may have any value: nothing here wraps around.
-std::uint64_t added(std::uint64_t one, std::uint64_t other) {
-    std::uint64_t both = 0;
-    return __builtin_add_overflow(one, other, &both) ? ~std::uint64_t{0} : both;
-}
 std::uint64_t without(std::uint64_t all, const Count& part) { return all - std::min(all, part.value_or(0)); }
 
 Count sum(const Count& one, const Count& other) {
     if (!one && !other) return std::nullopt;
-    return added(one.value_or(0), other.value_or(0));
+    return sumOf(one.value_or(0), other.value_or(0));
 }
 
 }  // namespace
+
+std::uint64_t sumOf(std::uint64_t one, std::uint64_t other) {
+    std::uint64_t both = 0;
+    return __builtin_add_overflow(one, other, &both) ? ~std::uint64_t{0} : both;
+}
 
 Losses lossesOf(const LossCounts& counts) {
     Losses losses;
@@ -57,6 +53,12 @@ Losses operator+(const Losses& one, const Losses& other) {
     Losses both;
     for (const LossCause cause : kAllLossCauses) both[cause] = sum(one[cause], other[cause]);
     return both;
+}
+
+std::uint64_t totalOf(const Losses& losses) {
+    std::uint64_t total = 0;
+    for (const Count& count : losses.counts) total = sumOf(total, count.value_or(0));
+    return total;
 }
 
 const char* nameOf(LossCause cause) { return kCauses[static_cast<std::size_t>(cause)].name; }

@@ -46,11 +46,17 @@ struct LossCounts {
     Count byRelay;
 };
 
+/// Counters of a hostile page or capture may have any value: a sum that does not fit is the largest number.
+std::uint64_t sumOf(std::uint64_t one, std::uint64_t other);
+
 /// The one rule that turns counters into causes, for all commands.
 Losses lossesOf(const LossCounts& counts);
 
 /// Those of several streams together. A cause is known if it is known of one of them.
 Losses operator+(const Losses& one, const Losses& other);
+
+/// All causes that are known together; errors of the card count as one packet each.
+std::uint64_t totalOf(const Losses& losses);
 
 /// "before the card", "by the tap": the head of a column.
 const char* nameOf(LossCause cause);

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <charconv>
+#include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace vexo::data {
 
@@ -38,6 +40,13 @@ inline char* putDecimal(char* at, bool isNegative, std::uint64_t magnitude, std:
     }
     *at++ = '.';
     return putPlaces(at, places, decimals);
+}
+
+/// 1234567 as 1,234,567: for people.
+inline std::string grouped(std::uint64_t n) {
+    std::string text = std::to_string(n);
+    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+    return text;
 }
 
 /// Seconds since 1970 with nine places.

@@ -11,109 +11,21 @@
 
 -- ---- layout files ----
 
-local function trim(text) return text:match("^%s*(.-)%s*$") end
-
--- The sections of a layout file: { kind, name, keys in their order, values by key }. Nothing for a line of another form.
-local function read_sections(path)
-    local file, problem = io.open(path, "r")
-    if file == nil then return nil, problem end
-    local sections, number = {}, 0
-    for line in file:lines() do
-        line, number = trim(line), number + 1
-        local kind, name = line:match("^%[(%w+)%s*([^%]]*)%]$")
-        local key, value = line:match("^([%w_]+)%s*=%s*(.+)$")
-        if kind ~= nil then
-            table.insert(sections, { kind = kind, name = trim(name), keys = {}, values = {} })
-        elseif key ~= nil and #sections > 0 then
-            table.insert(sections[#sections].keys, key)
-            sections[#sections].values[key] = value
-        elseif line ~= "" and not line:match("^[;#]") then
-            file:close()
-            return nil, path .. ":" .. number .. ": not a line of a layout file"
-        end
+-- The folder "layouts" lies beside this script once installed, and in the folder above it in the sources.
+local here = debug.getinfo(1, "S").source:match("^@(.*[/\\])") or "./"
+local folder, read_layout
+for _, name in ipairs({ here .. "layouts/", here .. "../layouts/" }) do
+    local file = folder == nil and io.open(name .. "reader.lua", "rb")
+    if file then
+        file:close()
+        folder, read_layout = name, dofile(name .. "reader.lua")
     end
-    file:close()
-    return sections
 end
 
-local widths = { u8 = 1, u16 = 2, u32 = 4, u64 = 8, i8 = 1, i16 = 2, i32 = 4, i64 = 8, f32 = 4, f64 = 8 }
-
--- A field from "OFFSET, TYPE, SCALE, MEANING", or nil.
-local function read_field(name, text)
-    local offset, kind, scale, meaning = text:match("^(%w+)%s*,%s*([%w%[%]]+)%s*,%s*(%w+)%s*,%s*(.+)$")
-    if meaning == nil then return nil end
-    local base, count = kind:match("^(%w+)%[(%w+)%]$")
-    base, count = base or kind, tonumber(count)
-    local field = { name = name, offset = tonumber(offset), scale = tonumber(scale), meaning = meaning, count = 1 }
-    field.big = widths[base] == nil and base:match("be$") ~= nil
-    field.kind = field.big and base:sub(1, -3) or base
-    if field.kind == "char" or field.kind == "bytes" then
-        field.width = count
-    else
-        field.width, field.count = widths[field.kind], count or 1
-    end
-    if field.offset == nil or field.scale == nil or field.width == nil then return nil end
-    return field
-end
-
-local function add_fields(payload, sections, wanted)
-    for _, section in ipairs(sections) do
-        if section.kind == "fields" and section.name == wanted then
-            for _, key in ipairs(section.keys) do
-                local field = read_field(key, section.values[key])
-                if field == nil or field.offset + field.width * field.count > payload.size then return false end
-                table.insert(payload.fields, field)
-                payload.by_name[key] = field
-            end
-            return true
-        end
-    end
-    return false
-end
-
-local function read_payload(section, sections)
-    local payload = { size = tonumber(section.values.size), fields = {}, by_name = {}, fixed = {} }
-    if payload.size == nil or section.values.fields == nil then return nil end
-    for wanted in section.values.fields:gmatch("[^,%s]+") do
-        if not add_fields(payload, sections, wanted) then return nil end
-    end
-    for name, value in (section.values.fixed or ""):gmatch("([%w_]+)%s+(%w+)") do
-        local field = payload.by_name[name]
-        if field == nil or tonumber(value) == nil or field.width > 4 then return nil end
-        table.insert(payload.fixed, { field = field, value = tonumber(value) })
-    end
-    table.sort(payload.fields, function(one, other) return one.offset < other.offset end)
-    return payload
-end
-
--- A layout: its name, the payloads by packet type, the names of values by field. Nil and the reason if the file is none.
-local function read_layout(path)
-    local sections, problem = read_sections(path)
-    if sections == nil then return nil, problem end
-    local layout = { payloads = {}, value_names = {} }
-    for _, section in ipairs(sections) do
-        if section.kind == "layout" then
-            layout.name, layout.id_field = section.values.name, section.values.id_field
-            layout.length_at = tonumber(section.values.length_at)
-        elseif section.kind == "type" then
-            local payload = read_payload(section, sections)
-            if payload == nil then return nil, path .. ": type " .. section.name .. " has a mistake" end
-            layout.payloads[tonumber(section.name)] = payload
-        elseif section.kind == "values" then
-            local names = {}
-            for key, value in pairs(section.values) do names[tonumber(key)] = value end
-            layout.value_names[section.name] = names
-        end
-    end
-    if layout.name == nil then return nil, path .. ": no name in [layout]" end
-    return layout
-end
-
--- The simulated card's layout lies beside this script once installed, and in the folder above it in the sources.
-local function simulated_layout()
-    local folder = debug.getinfo(1, "S").source:match("^@(.*[/\\])") or "./"
-    local layout, problem = read_layout(folder .. "layouts/simulated.ini")
-    if layout == nil then layout = read_layout(folder .. "../layouts/simulated.ini") end
+local function layout_of(name)
+    if folder == nil then return nil, name .. ": there is no folder layouts beside this script; copy it" end
+    if name ~= "simulated" then return read_layout(name) end
+    local layout, problem = read_layout(folder .. "simulated.ini")
     if layout ~= nil then layout.is_simulated = true end
     return layout, problem
 end
@@ -122,8 +34,7 @@ local layouts = {}
 local wanted_layouts = os.getenv("VEXO_LAYOUT")
 if wanted_layouts == nil or wanted_layouts == "" then wanted_layouts = "simulated" end
 for name in wanted_layouts:gmatch("[^:]+") do
-    local layout, problem
-    if name == "simulated" then layout, problem = simulated_layout() else layout, problem = read_layout(name) end
+    local layout, problem = layout_of(name)
     if layout ~= nil then
         table.insert(layouts, layout)
     else
@@ -181,7 +92,7 @@ local function look_of(field)
     return (field.scale ~= 1 or field.kind == "f32" or field.kind == "f64") and "double" or field.kind
 end
 for _, layout in ipairs(layouts) do
-    for _, payload in pairs(layout.payloads) do
+    for _, payload in ipairs(layout.in_order) do
         for _, field in ipairs(payload.fields) do
             if shown[field.name] == nil then
                 shown[field.name] = { look = look_of(field), proto = proto_field(field, layout.value_names[field.name]) }

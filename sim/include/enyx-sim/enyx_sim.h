@@ -130,8 +130,8 @@ int enyx_sim_push(uint32_t card, uint32_t channel, const void* data, uint32_t si
 typedef struct enyx_sim_counters {
     uint32_t packets;       /* card to host: put into the stream since it was opened */
     uint32_t back_pressure; /* card to host: lost because the ring was full */
-    uint32_t fifo_errors;   /* card to host: 0 unless set here; a program sees it from the first packet on */
-    uint32_t errors;        /* the same */
+    uint32_t fifo_errors;   /* card to host: 0 unless set here */
+    uint32_t errors;        /* card to host: 0 unless set here */
     uint64_t sent_packets;  /* host to card: accepted since power-on */
     uint64_t sent_bytes;
 } enyx_sim_counters;

@@ -3,17 +3,22 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
 #include <regex>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "capture/RegisterAccess.h"
 #include "interface/CardRegisters.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/capture/CaptureSample.h"
+#include "tests/unit/tools/LayoutSample.h"
 #include "tests/unit/tools/Program.h"
+#include "tools/data/LayoutFile.h"
 
 using namespace capture;
 using ::testing::AllOf;
@@ -240,6 +245,84 @@ TEST_F(Dissector, ALayoutThatCannotBeReadIsNamedAndThePayloadShownAsBytes) {
         EXPECT_THAT(result.output, HasSubstr("vexo.lua: " + file + ":"));
         EXPECT_THAT(result.output, HasSubstr("Payload, of no known layout: aabbcc"));
     }
+}
+
+namespace {
+
+std::string faultOfProgramsIn(const std::string& path) {
+    try {
+        vexo::data::readLayout(path);
+        return "";
+    } catch (const vexo::data::LayoutError& error) {
+        return error.what();
+    }
+}
+
+// A sound layout with a few bytes changed. Bytes of other alphabets are shown differently in messages.
+std::string spoiledLayout(std::mt19937& random) {
+    static const std::string bytes = "0123456789[],=\n\t\r bexuicharfield_;#\x01";
+    std::string text = layout_sample::kSound;
+    for (auto changes = 1 + random() % 3; changes > 0; --changes) {
+        const std::size_t at = random() % text.size();
+        if (random() % 3 == 0) text.erase(at, 1 + random() % 20);
+        text.insert(std::min(at, text.size()), 1, bytes[random() % bytes.size()]);
+    }
+    return text;
+}
+
+}  // namespace
+
+// Anybody may have written a layout file.
+TEST_F(Dissector, RefusesTheLayoutsThatTheProgramsRefuseAndSaysTheSame) {
+    std::vector<std::string> texts = {"", std::string((1U << 20) + 1, '\n'), "[layout]\nname = a\nmeaning = b\n",
+                                      std::string(1U << 19, ' ') + "x" + std::string(1U << 18, ' ') + "y"};
+    for (const auto& refused : layout_sample::Mistakes()) texts.push_back(refused.text);
+    for (const auto& refused : layout_sample::TooMuch()) texts.push_back(refused.text);
+    std::mt19937 random(20261122);
+    for (int i = 0; i < 400; ++i) texts.push_back(spoiledLayout(random));
+
+    std::string names;
+    std::string faults;
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        const std::string name = std::to_string(i) + ".ini";
+        dir.Write(name, texts[i]);
+        names += (names.empty() ? "" : ":") + name;
+        const std::string fault = faultOfProgramsIn(name);
+        if (!fault.empty()) faults += "vexo.lua: " + fault + "; payloads are shown without this layout\n";
+    }
+    write(fileWith(kStreamLink, bytes("11000000 0102030405060708 aabbcc")));
+    const ProgramResult result = runProgram("VEXO_LAYOUT=" + names + ":. HOME=" + dir.Path() + " " + word(VEXO_TSHARK) +
+                                            " -X lua_script:" + word(VEXO_DISSECTOR) + " -r a.pcapng -V 2>err");
+    EXPECT_THAT(result.output, HasSubstr("Payload, of no known layout: aabbcc"));
+    std::istringstream lines(dir.Read("err"));
+    std::string said;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("lua") != std::string::npos) said += line + "\n";
+    }
+    EXPECT_EQ(said, faults +
+                        "vexo.lua: .: this is a directory, not a layout file; payloads are shown without this "
+                        "layout\n");
+}
+
+TEST_F(Dissector, TakesALayoutThatHasAsMuchAsItMay) {
+    dir.Write("most.ini", layout_sample::TheMost());
+    std::string packet(12 + 65536, '\0');
+    packet[0] = '\x7F';
+    packet[12 + 1023] = '\x05';
+    write(fileWith(kStreamLink, packet));
+    ::setenv("VEXO_LAYOUT", "most.ini", 1);
+    EXPECT_EQ(tshark("-T fields -e vexo.layout -e vexo.quote.f1023"), "x\t5\n");
+    ::unsetenv("VEXO_LAYOUT");
+}
+
+TEST_F(Dissector, WithoutTheFolderOfLayoutsItShowsPayloadsAsBytesAndSaysWhy) {
+    std::filesystem::copy_file(VEXO_DISSECTOR, dir.Path("vexo.lua"));
+    write(fileWith(kStreamLink, bytes("11000000 0102030405060708 aabbcc")));
+    const ProgramResult result = runProgram("HOME=" + dir.Path() + " " + word(VEXO_TSHARK) +
+                                            " -X lua_script:vexo.lua -r a.pcapng -V");
+    EXPECT_THAT(result.output,
+                HasSubstr("vexo.lua: simulated: there is no folder layouts beside this script; copy it"));
+    EXPECT_THAT(result.output, HasSubstr("Payload, of no known layout: aabbcc"));
 }
 
 TEST_F(Dissector, NoLengthOfAPacketMakesItStumble) {

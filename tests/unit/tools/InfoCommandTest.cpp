@@ -354,6 +354,44 @@ TEST_F(InfoCommand, LossesByCauseAreTheSumsOfTheEndsOfTheCaptures) {
                                                                      {"by_application", nullptr}}));
 }
 
+// Channel 0 has packets whose numbers nobody knows.
+TEST_F(InfoCommand, LossesWithoutSequenceNumbersStandInTheTimeOfTheirCapture) {
+    const auto write = [&](const std::string& name, std::uint64_t second, const InterfaceCounts& counts) {
+        BlockBuffer blocks = emptyCapture();
+        appendPacket(blocks, 0, kNine + second * kSecond + 1, std::string({21, 0, 0, 0}) + std::string(20, '\0'));
+        appendPacket(blocks, 3, kNine + (second + 1) * kSecond - 1, Quote(17, "SR505", second));
+        appendStatistics(blocks, 0, counts);
+        appendStatistics(blocks, 3, {counts.startNs, counts.endNs, 1, 0});
+        dir.Write(name, text(blocks));
+    };
+    write("a.pcapng", 0, {kNine, kNine + kSecond, 9, 5, CardCounts{100, 30, 2, 1, 10, {}}});
+    write("a.1.pcapng", 1, {kNine + kSecond, kNine + 2 * kSecond, 9, 0, CardCounts{100, 0, 0, 0, 0, {}}});
+    write("a.2.pcapng", 2, {kNine + 2 * kSecond, kNine + 3 * kSecond, 9, 0, CardCounts{100, 7, 0, 0, 0, {}}});
+    write("sound.pcapng", 3, {kNine + 3 * kSecond, kNine + 4 * kSecond, 9, 0, CardCounts{100, 0, 0, 0, 0, {}}});
+    write("backwards.pcapng", 4, {kNine + 5 * kSecond, kNine + 4 * kSecond, 9, 6, CardCounts{100, 0, 0, 0, 0, {}}});
+    const json lost = Json("a.2.pcapng a.1.pcapng a.pcapng")["streams"][0]["counted_losses"];
+    ASSERT_EQ(lost.size(), 2U);
+    EXPECT_EQ(lost[0]["from"], Seconds(kNine));
+    EXPECT_EQ(lost[0]["to"], Seconds(kNine + kSecond));
+    EXPECT_EQ(lost[0]["lost"]["by_ring"], 20);
+    EXPECT_EQ(lost[0]["lost"]["by_tap"], 5);
+    EXPECT_EQ(lost[1]["from"], Seconds(kNine + 2 * kSecond));
+    EXPECT_EQ(lost[1]["lost"]["by_ring"], 7);
+    const std::string first =
+        "'2025-01-15 09:00:00.000 to 2025-01-15 09:00:01.000: lost before the card -, by the card 3, by the ring 20, "
+        "by the tap 5, by a relay -, by the application 10'";
+    PageOf("a.pcapng a.1.pcapng a.2.pcapng",
+           first +
+               " 'No number is missing in the sequence: stream odd.' "
+               "'channel 0: packets lost and errors of the card, as counted in the time of each capture' "
+               "'When in that time is not known: no layout says where the sequence number is'");
+    PageOf("sound.pcapng", "'No layout says where the sequence number is, and no loss was counted: channel 0.'");
+    PageOf("sound.pcapng --compare a.pcapng", first);
+    PageOf("backwards.pcapng",
+           "'channel 0: 6 packets were lost in captures that do not say from when to when they are' "
+           "'When packets were lost is not known, because no layout says where the sequence number is: channel 0.'");
+}
+
 TEST_F(InfoCommand, SequenceNumbersAreWhereTheLayoutSays) {
     dir.Write("odd.ini",
               "[layout]\nname = odd\nmeaning = x\nid_field = name\nsequence_field = n\n[type 21]\nmeaning = Odd ones\n"
@@ -372,7 +410,8 @@ TEST_F(InfoCommand, SequenceNumbersAreWhereTheLayoutSays) {
     EXPECT_EQ(unknown["instrument_count"], 0);
     EXPECT_THAT(unknown["notes"][0],
                 "4 packets of type 21 have no layout: their instruments and sequence numbers are not known");
-    PageOf("odd.pcapng", "'When packets were lost is not known: no layout says where their sequence number is.'");
+    PageOf("odd.pcapng",
+           "'When packets were lost is not known, because no layout says where the sequence number is: channel 0.'");
     const json known = Json("odd.pcapng --layout odd.ini");
     EXPECT_EQ(known["streams"][0]["sequence"]["lost"], 3);
     EXPECT_EQ(known["streams"][0]["sequence"]["restarts"], 0);

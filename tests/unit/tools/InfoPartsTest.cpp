@@ -139,6 +139,49 @@ TEST(InfoTimeline, AnyTimeHasAPlace) {
     EXPECT_LE(timeline.bins().size(), Timeline::kMostBins);
 }
 
+TEST(InfoCollector, LossesOfAnyNumberOfCapturesTakeLittleMemoryAndNoneIsForgotten) {
+    Feed feed;
+    feed.TakeAt(kNine);
+    constexpr std::uint64_t kCaptures = 5000;
+    for (std::uint64_t i = 0; i < kCaptures; ++i) {
+        capture::InterfaceCounts counts;
+        counts.startNs = kNine + i * kSecond;
+        counts.endNs = counts.startNs + kSecond;
+        counts.dropped = 3;
+        feed.interfaces.front().counts = counts;
+        feed.collector.end(i + 1, feed.interfaces, "");
+    }
+    feed.interfaces.front().counts.reset();
+    const Summary summary = feed.Finish();
+    const std::vector<CountedLoss>& counted = summary.streams.at(0).counted;
+    ASSERT_EQ(counted.size(), Collector::kMostCounted);
+    EXPECT_EQ(counted.back().fromNs, kNine + (Collector::kMostCounted - 1) * kSecond);
+    EXPECT_EQ(counted.back().untilNs, kNine + kCaptures * kSecond);
+    std::uint64_t lost = 0;
+    for (const CountedLoss& loss : counted) lost += data::totalOf(loss.lost);
+    EXPECT_EQ(lost, 3 * kCaptures);
+}
+
+// Nothing wraps around, and no bar leaves the picture.
+TEST(InfoCharts, CountsAndTimesOfAHostileCaptureHaveAPlace) {
+    Feed feed;
+    feed.TakeAt(kNine);
+    feed.TakeAt(kNine + kSecond);
+    capture::InterfaceCounts counts;
+    counts.startNs = 1;
+    counts.endNs = ~std::uint64_t{0};
+    counts.dropped = ~std::uint64_t{0};
+    counts.card = capture::CardCounts{{}, ~std::uint64_t{0}, ~std::uint64_t{0}, ~std::uint64_t{0}, 0, {}};
+    feed.interfaces.front().counts = counts;
+    feed.collector.end(1, feed.interfaces, "");
+    const Summary summary = feed.Finish();
+    EXPECT_EQ(summary.streams.at(0).lost.byTap, ~std::uint64_t{0});
+    EXPECT_EQ(mostLostOf(summary), ~std::uint64_t{0});
+    const std::string chart = lossChart(summary, kSecond, mostLostOf(summary));
+    EXPECT_THAT(chart, HasSubstr("x=\"0\" y=\"0.50"));
+    EXPECT_THAT(chart, HasSubstr("width=\"1000\""));
+}
+
 TEST(InfoCollector, GapsAndBurstsAreThoseOfOneChannel) {
     Feed feed(1000);
     const capture::Interface& other = feed.AddInterface("channel 3");

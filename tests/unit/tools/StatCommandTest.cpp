@@ -23,6 +23,7 @@
 
 using namespace capture;
 using namespace vexo::stat;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -64,6 +65,47 @@ TEST_F(StatCommand, ShowsWhatAPageSays) {
           "by the application 10\n"}) {
         EXPECT_THAT(result.output, HasSubstr(text));
     }
+}
+
+TEST_F(StatCommand, OnePacketIsNoTimeBetweenPackets) {
+    Written page = busy();
+    std::memset(page.streams[0].gaps, 0, sizeof page.streams[0].gaps);
+    page.streams[0].gaps[vexo_stats::kFirstBucket] = 1;
+    write(page);
+    const std::string output = stat("").output;
+    EXPECT_THAT(output, AllOf(HasSubstr("last packet"), Not(HasSubstr("between packets"))));
+}
+
+// Several wrappers of an application that do not know their channels.
+TEST_F(StatCommand, StreamsWithoutANameHaveRatesAndLabelsByTheirPlaceInThePage) {
+    Written written = byApplication({});
+    for (const std::uint64_t packets : {1000, 10}) written.add(vexo_stats::kUnknown).packets[17] = packets;
+    for (vexo_stats::Stream& stream : written.streams) stream.card = vexo_stats::kUnknown;
+    const std::string file = dir.Write(written.name(), written.bytes());
+    vexo::stat::Page before;
+    ASSERT_EQ(vexo::stat::readPage(file, before), "");
+    before.readClock = written.process.startClock;
+    written.streams[1].packets[17] += 30;
+    dir.Write(written.name(), written.bytes());
+    vexo::stat::Page now;
+    ASSERT_EQ(vexo::stat::readPage(file, now), "");
+    now.readClock = before.readClock + 2 * kClock;
+    now.rate = static_cast<double>(kClock);
+    const std::string text = vexo::stat::asText({now}, {before});
+    EXPECT_THAT(text, AllOf(HasSubstr(" 0 packets a second"), HasSubstr(" 15 packets a second")));
+    // One that has been taken over counts anew.
+    before.streams[1].packets[17] = 1'000'000;
+    EXPECT_THAT(vexo::stat::asText({now}, {before}), Not(HasSubstr(" 15 packets a second")));
+    EXPECT_THAT(vexo::stat::asText({now}, {before}), Not(HasSubstr("00000 packets a second")));
+
+    // A wrapper is about to take the first block over.
+    written.streams[0].state = vexo_stats::kPreparing;
+    dir.Write(written.name(), written.bytes());
+    ASSERT_EQ(vexo::stat::readPage(file, now), "");
+    now.life = vexo::stat::Life::kRunning;
+    ASSERT_EQ(now.streams.size(), 1U);
+    EXPECT_EQ(vexo::stat::packetsOf(*vexo::stat::sameStream(now, 0, before)), 1'000'000U);
+    EXPECT_THAT(vexo::stat::asPrometheus({now}), AllOf(HasSubstr("stream=\"1\""), Not(HasSubstr("stream=\"0\""))));
 }
 
 TEST_F(StatCommand, TheTableOfLossesHasALineForEachStream) {

@@ -13,6 +13,7 @@ namespace {
 // Units of the SVG, whatever its size on the screen.
 constexpr double kWidth = 1000;
 constexpr double kHeight = 100;
+constexpr double kThinnest = 2;  // of what would be too thin to see
 constexpr double kNsOfSecond = 1e9;
 
 std::string number(double value) {
@@ -91,6 +92,11 @@ struct Across {
                static_cast<double>(spanNs);
     }
     double width() const { return at(1); }
+    // Any moment, also one of a hostile capture.
+    double atTime(std::uint64_t ns) const {
+        if (ns <= timeline.startNs()) return 0;
+        return std::min(kWidth, kWidth * static_cast<double>(ns - timeline.startNs()) / static_cast<double>(spanNs));
+    }
     std::string timesOf(std::size_t bin) const {
         const std::uint64_t from = timeline.startNs() + bin * timeline.widthNs();
         const unsigned places = timeline.widthNs() % 1'000'000'000 == 0 ? 0 : 3;
@@ -266,35 +272,78 @@ std::string gapChart(const Summary& summary, const Summary* other) {
     return chart(frame, inside);
 }
 
-std::string lossChart(const Summary& summary, std::uint64_t spanNs) {
-    const Across across{summary.timeline, spanNs};
+std::uint64_t mostLostOf(const Summary& summary) {
     std::uint64_t most = 0;
     for (std::size_t i = 0; i < summary.streams.size(); ++i) {
         for (const auto& [bin, lost] : summary.timeline.lane(i)) most = std::max(most, lost);
+        if (summary.streams[i].sequence) continue;
+        for (const CountedLoss& loss : summary.streams[i].counted) most = std::max(most, data::totalOf(loss.lost));
     }
+    return most;
+}
+
+namespace {
+
+Frame lossFrame(const Summary& summary, std::uint64_t spanNs, const Logarithmic& up) {
+    Frame frame;
+    frame.up = up.ticks();
+    frame.across = timeTicks(summary.timeline.startNs(), spanNs);
+    frame.kind = "low";
+    frame.axis = dayAxis(summary.timeline, spanNs) + "; the number of packets is on a logarithmic axis";
+    return frame;
+}
+
+// By the sequence numbers: a line for each bin.
+std::string missingLines(const Across& across, const Timeline::Lane& lane, const Logarithmic& up) {
+    std::string inside;
+    for (const auto& [bin, lost] : lane) {
+        // A line has the same width on every screen; a bin may be narrower than a point of it.
+        const std::string x = number(across.at(bin) + across.width() / 2);
+        const double height = kHeight * up.height(lost);
+        inside += "<line class=\"lost\" x1=\"" + x + "\" x2=\"" + x + "\" y1=\"" + number(kHeight) + "\" y2=\"" +
+                  number(kHeight - height) + "\"><title>" + across.timesOf(bin) + ": " + grouped(lost) +
+                  " missing</title></line>\n";
+    }
+    return inside;
+}
+
+// By the ends of the captures: a bar as long as each capture.
+std::string countedBars(const Across& across, const std::vector<CountedLoss>& counted, const Logarithmic& up) {
+    std::string inside;
+    for (const CountedLoss& loss : counted) {
+        const double from = std::min(across.atTime(loss.fromNs), kWidth - kThinnest);
+        const double until = std::max(across.atTime(loss.untilNs), from + kThinnest);
+        const std::string title = momentText(loss.fromNs, 3) + " to " + momentText(loss.untilNs, 3) + ": lost " +
+                                  data::lossLine(loss.lost);
+        inside += rect("counted", from, until - from, kHeight * up.height(data::totalOf(loss.lost)), title);
+    }
+    return inside;
+}
+
+}  // namespace
+
+std::string lossChart(const Summary& summary, std::uint64_t spanNs, std::uint64_t mostLost) {
+    const Across across{summary.timeline, spanNs};
     // One packet in a hundred is seen beside the thousands that an overflow costs.
-    const Logarithmic up{static_cast<double>(most)};
+    const Logarithmic up{static_cast<double>(mostLost)};
     std::string html;
     for (std::size_t i = 0; i < summary.streams.size(); ++i) {
+        const StreamSummary& stream = summary.streams[i];
         const Timeline::Lane lane = summary.timeline.lane(i);
-        if (lane.empty()) continue;
-        Frame frame;
-        frame.up = up.ticks();
-        frame.across = timeTicks(summary.timeline.startNs(), spanNs);
-        frame.kind = "low";
-        frame.caption = summary.streams[i].name + ": packets missing in each " +
-                        durationText(summary.timeline.widthNs());
-        frame.axis = dayAxis(summary.timeline, spanNs) + "; the number of packets is on a logarithmic axis";
-        frame.description = frame.caption + ", over time.";
+        Frame frame = lossFrame(summary, spanNs, up);
         std::string inside;
-        for (const auto& [bin, lost] : lane) {
-            // A line has the same width on every screen; a bin may be narrower than a point of it.
-            const std::string x = number(across.at(bin) + across.width() / 2);
-            const double height = kHeight * up.height(lost);
-            inside += "<line class=\"lost\" x1=\"" + x + "\" x2=\"" + x + "\" y1=\"" + number(kHeight) + "\" y2=\"" +
-                      number(kHeight - height) + "\"><title>" + across.timesOf(bin) + ": " + grouped(lost) +
-                      " missing</title></line>\n";
+        if (!lane.empty()) {
+            frame.caption = stream.name + ": packets missing in each " + durationText(summary.timeline.widthNs());
+            inside = missingLines(across, lane, up);
+        } else if (!stream.sequence && !stream.counted.empty()) {
+            frame.caption = stream.name +
+                            ": packets lost and errors of the card, as counted in the time of each capture";
+            frame.axis += ". When in that time is not known: no layout says where the sequence number is";
+            inside = countedBars(across, stream.counted, up);
+        } else {
+            continue;
         }
+        frame.description = frame.caption + ", over time.";
         html += chart(frame, inside);
     }
     return html;

@@ -31,8 +31,10 @@ double mostRateOf(const Summary& summary);
 /// How long packets were apart. @param other  beside it, or null
 std::string gapChart(const Summary& summary, const Summary* other);
 
-/// When packets were lost: a strip for each stream. Empty if there is nothing to show.
-std::string lossChart(const Summary& summary, std::uint64_t spanNs);
+/// When packets were lost: a strip for each stream, by its sequence numbers or by what the captures counted. Empty if
+/// there is nothing to show. @param spanNs, mostLost  of the axes
+std::string lossChart(const Summary& summary, std::uint64_t spanNs, std::uint64_t mostLost);
+std::uint64_t mostLostOf(const Summary& summary);
 
 /// A bar in a cell of a table.
 std::string cellBar(double share);

@@ -24,10 +24,28 @@ void add(data::Count& all, const data::Count& part, bool isFirst) {
     if (isFirst) {
         all = part;
     } else if (all && part) {
-        *all += *part;
+        all = data::sumOf(*all, *part);
     } else {
         all.reset();
     }
+}
+
+constexpr data::Count data::LossCounts::*kCountsOfCaptures[] = {
+    &data::LossCounts::byTap,          &data::LossCounts::backPressure, &data::LossCounts::backPressureByApplication,
+    &data::LossCounts::lostBeforeCard, &data::LossCounts::fifoErrors,   &data::LossCounts::errors};
+
+// What the end of a capture tells.
+data::LossCounts lossCountsOf(const capture::Interface& interface) {
+    data::LossCounts lost;
+    if (!interface.counts) return lost;
+    const capture::CardCounts card = interface.counts->card.value_or(capture::CardCounts{});
+    lost.byTap = interface.counts->dropped;
+    lost.backPressure = card.backPressure;
+    lost.backPressureByApplication = card.byApplication;
+    lost.lostBeforeCard = card.beforeCard;
+    lost.fifoErrors = card.fifoErrors;
+    lost.errors = card.errors;
+    return lost;
 }
 
 std::size_t bucketOf(std::uint64_t ns) { return ns < 2 ? 0 : static_cast<std::size_t>(63 - __builtin_clzll(ns)); }
@@ -220,18 +238,27 @@ void Collector::countNumber(const capture::Packet& packet) {
     }
 }
 
+void Collector::noteCounted(Stream& stream, const capture::InterfaceCounts& counts, const data::LossCounts& lost) {
+    StreamSummary& summary = stream.summary;
+    const CountedLoss now = {counts.startNs, counts.endNs, data::lossesOf(lost)};
+    const std::uint64_t total = data::totalOf(now.lost);
+    if (total == 0) return;
+    if (now.fromNs == 0 || now.untilNs < now.fromNs) {
+        summary.countedWithoutTime += total;
+    } else if (summary.counted.size() < kMostCounted) {
+        summary.counted.push_back(now);
+    } else {
+        CountedLoss& last = summary.counted.back();
+        last = {std::min(last.fromNs, now.fromNs), std::max(last.untilNs, now.untilNs), last.lost + now.lost};
+    }
+}
+
 void Collector::takeCounts(Source& source, const capture::Interface& interface) {
     Stream& stream = *source.stream;
-    data::LossCounts& lost = stream.summary.lost;
-    const bool isFirst = !stream.hasCounts;
     const capture::InterfaceCounts counts = interface.counts.value_or(capture::InterfaceCounts{});
-    const capture::CardCounts card = counts.card.value_or(capture::CardCounts{});
-    add(lost.byTap, interface.counts ? data::Count(counts.dropped) : std::nullopt, isFirst);
-    add(lost.backPressure, card.backPressure, isFirst);
-    add(lost.backPressureByApplication, card.byApplication, isFirst);
-    add(lost.lostBeforeCard, card.beforeCard, isFirst);
-    add(lost.fifoErrors, card.fifoErrors, isFirst);
-    add(lost.errors, card.errors, isFirst);
+    const data::LossCounts lost = lossCountsOf(interface);
+    for (const auto count : kCountsOfCaptures) add(stream.summary.lost.*count, lost.*count, !stream.hasCounts);
+    if (interface.counts) noteCounted(stream, counts, lost);
     stream.hasCounts = true;
     // Nothing lies between this capture and the one before.
     const bool followsOn = interface.counts && stream.countedTo && *stream.countedTo == counts.startNs;

@@ -24,7 +24,8 @@ public:
     static constexpr std::size_t kMostStreams = 64;
     static constexpr std::size_t kMostTypes = 32;  // of a stream
     static constexpr std::size_t kMostInstruments = 65536;
-    static constexpr std::size_t kMostIdBytes = 64;  // a longer id is cut
+    static constexpr std::size_t kMostIdBytes = 64;    // a longer id is cut
+    static constexpr std::size_t kMostCounted = 1200;  // losses of captures; later ones are joined with the last one
 
     /// @param progress  called now and then
     Collector(const data::Layouts& layouts, std::uint64_t burstNs, std::function<void()> progress = {});
@@ -54,6 +55,7 @@ private:
     void countInstrument(const capture::Packet& packet, const data::Field& id);
     void countNumber(const capture::Packet& packet);
     void takeCounts(Source& source, const capture::Interface& interface);
+    static void noteCounted(Stream& stream, const capture::InterfaceCounts& counts, const data::LossCounts& lost);
     void addInstruments();
 
     const data::Layouts& m_layouts;

@@ -73,6 +73,10 @@ std::vector<std::string> notesOf(const Summary& summary) {
             notes.push_back(name + grouped(stream.backwards) + " packets have an earlier time than the packet before");
         if (stream.cut > 0)
             notes.push_back(name + "of " + grouped(stream.cut) + " packets the captures do not hold all bytes");
+        if (stream.countedWithoutTime > 0) {
+            notes.push_back(name + grouped(stream.countedWithoutTime) +
+                            " packets were lost in captures that do not say from when to when they are");
+        }
         if (stream.sequence && stream.sequence->unrecorded > 0) {
             notes.push_back(name + "the sequence jumps " + grouped(stream.sequence->unrecorded) +
                             " times between captures that do not follow on: not counted as a loss");

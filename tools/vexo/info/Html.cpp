@@ -174,23 +174,44 @@ std::string forBoth(const View& view, const Chart& chart) {
     return html;
 }
 
+std::string sentenceOf(const std::string& before, const std::vector<std::string>& names, const std::string& behind) {
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+    return text.empty() ? "" : "<p>" + escaped(before + text + behind) + "</p>\n";
+}
+
+// Of the streams that have no picture of their losses.
 std::string whyNoChart(const Summary& summary) {
-    if (missingOf(summary)) return "No number is missing in the sequences.";
-    return "When packets were lost is not known: no layout says where their sequence number is.";
+    std::vector<std::string> whole;
+    std::vector<std::string> counted;
+    std::vector<std::string> unknown;
+    for (const StreamSummary& stream : summary.streams) {
+        if (stream.packets == 0) continue;
+        if (stream.sequence) {
+            if (stream.sequence->lost == 0) whole.push_back(stream.name);
+        } else if (stream.counted.empty()) {
+            (stream.lost.backPressure && stream.countedWithoutTime == 0 ? counted : unknown).push_back(stream.name);
+        }
+    }
+    return sentenceOf("No number is missing in the sequence: ", whole, ".") +
+           sentenceOf("No layout says where the sequence number is, and no loss was counted: ", counted, ".") +
+           sentenceOf("When packets were lost is not known, because no layout says where the sequence number is: ",
+                      unknown, ".");
 }
 
 std::string charts(const View& view) {
     std::uint64_t spanNs = spanOf(*view.summary);
     double mostRate = mostRateOf(*view.summary);
+    std::uint64_t mostLost = mostLostOf(*view.summary);
     if (view.other != nullptr) {
         spanNs = std::max(spanNs, spanOf(*view.other));
         mostRate = std::max(mostRate, mostRateOf(*view.other));
+        mostLost = std::max(mostLost, mostLostOf(*view.other));
     }
     std::string html = "<h2>Rate</h2>\n" +
                        forBoth(view, [&](const Summary& one) { return rateChart(one, spanNs, mostRate); });
     html += "<h2>Losses</h2>\n" + forBoth(view, [&](const Summary& one) {
-                const std::string missing = lossChart(one, spanNs);
-                return (missing.empty() ? "<p>" + whyNoChart(one) + "</p>\n" : missing) + losses(one);
+                return lossChart(one, spanNs, mostLost) + whyNoChart(one) + losses(one);
             });
     return html + "<h2>Gaps</h2>\n" + gapChart(*view.summary, view.other);
 }
@@ -205,13 +226,23 @@ std::string begin(const View& view) {
            name + "</title>\n<style>" + kStyle + "</style>\n</head>\n<body>\n<header>\n<h1>" + name + "</h1>\n";
 }
 
+// A recorder makes thousands of them.
+std::string filesOf(const Summary& summary) {
+    constexpr std::size_t kMost = 50;
+    std::string names;
+    for (std::size_t i = 0; i < std::min(kMost, summary.files.size()); ++i)
+        names += (i == 0 ? "" : ", ") + summary.files[i].path;
+    if (summary.files.size() > kMost) names += " and " + grouped(summary.files.size() - kMost) + " more";
+    return names;
+}
+
 std::string end(const View& view) {
     const Summary& summary = *view.summary;
     std::string html =
         "<footer class=\"faint\">\n<p>Times are those of the exchange's zone, UTC+8. A burst is packets of "
         "one channel, each of which came " +
         durationText(summary.burstNs) + " or less after the one before. A dash: not known.</p>\n";
-    for (const CaptureFile& file : summary.files) html += "<p>" + escaped(file.path) + "</p>\n";
+    html += "<p>" + escaped(filesOf(summary)) + "</p>\n";
     return html + "<p>vexo info " + kVexoVersion + "</p>\n</footer>\n</body>\n</html>\n";
 }
 

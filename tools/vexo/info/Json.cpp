@@ -83,6 +83,11 @@ ordered_json streamJson(const StreamSummary& stream) {
     json["gaps"] = histogramJson(stream.gaps);
     json["sequence"] = sequenceJson(stream.sequence);
     json["lost"] = lossJson(data::lossesOf(stream.lost));
+    json["counted_losses"] = ordered_json::array();
+    for (const CountedLoss& loss : stream.counted) {
+        json["counted_losses"].push_back(
+            {{"from", seconds(loss.fromNs)}, {"to", seconds(loss.untilNs)}, {"lost", lossJson(loss.lost)}});
+    }
     return json;
 }
 

@@ -42,6 +42,8 @@ figure { margin: 0 0 1.25rem; }
 .other { fill: var(--other); }
 .second .mean { fill: var(--other); stroke: var(--other); }
 .lost { stroke: var(--lost); stroke-width: 2px; vector-effect: non-scaling-stroke; }
+.counted { fill: var(--lost); fill-opacity: .35; stroke: var(--lost); vector-effect: non-scaling-stroke; }
+.counted:hover { fill-opacity: .6; }
 .hit { fill: transparent; }
 .hit:hover { fill: var(--text); fill-opacity: .12; }
 rect.one:hover, rect.other:hover { fill-opacity: .75; }
@@ -52,6 +54,7 @@ rect.one:hover, rect.other:hover { fill-opacity: .75; }
 table { border-collapse: collapse; width: 100%; font-size: .9375rem; font-variant-numeric: tabular-nums; }
 th, td { text-align: right; padding: .25rem .6rem; border-bottom: 1px solid var(--line); white-space: nowrap; }
 th { color: var(--faint); font-weight: 600; vertical-align: bottom; }
+thead th { white-space: normal; overflow-wrap: break-word; max-width: 12rem; }
 th:first-child, td:first-child, tbody th { text-align: left; }
 tbody th { color: inherit; font-weight: normal; max-width: 22rem; overflow: hidden; text-overflow: ellipsis; }
 table.narrow { width: auto; min-width: min(100%, 34rem); }
@@ -65,8 +68,11 @@ footer { margin-top: 2rem; border-top: 1px solid var(--line); padding-top: .5rem
   .plot { margin-left: 3.4rem; margin-right: .6rem; }
   .tall { height: 11rem; }
   .figures { grid-template-columns: repeat(2, minmax(0, 1fr)); }
-  th, td { padding: .25rem .4rem; }
-  tbody th { white-space: normal; overflow-wrap: break-word; }
+  table { font-size: .8125rem; }
+  table.narrow { min-width: 100%; }
+  th, td { padding: .25rem .3rem; }
+  thead th { max-width: 7rem; }
+  tbody th { white-space: normal; min-width: 6rem; overflow-wrap: anywhere; }
   .cell { min-width: 2.5rem; }
   .bars { width: 25%; }
   tr.part th { padding-left: 1rem; }

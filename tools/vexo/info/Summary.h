@@ -45,6 +45,13 @@ struct SequenceCounts {
     std::uint64_t unrecorded = 0;  // jumps from the end of a recording to the beginning of the next one
 };
 
+/// What was lost in a time, as the end of a capture tells it. When in that time is not known.
+struct CountedLoss {
+    std::uint64_t fromNs = 0;
+    std::uint64_t untilNs = 0;
+    data::Losses lost;
+};
+
 struct StreamSummary {
     std::string name;  // as the captures have it
     std::optional<capture::StreamPlace> place;
@@ -62,6 +69,8 @@ struct StreamSummary {
     Burst burst;
     std::optional<SequenceCounts> sequence;  // nothing without a layout that has a sequence number
     data::LossCounts lost;
+    std::vector<CountedLoss> counted;      // in the order of the captures; those that lost nothing are left out
+    std::uint64_t countedWithoutTime = 0;  // packets that captures lost that do not say from when to when they are
 };
 
 struct InstrumentCounts {

@@ -23,12 +23,6 @@ std::string threeDigits(double value) {
 
 }  // namespace
 
-std::string grouped(std::uint64_t n) {
-    std::string text = std::to_string(n);
-    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
-    return text;
-}
-
 std::string bytesText(std::uint64_t bytes) {
     if (bytes < 1000) return std::to_string(bytes) + " bytes";
     static const char* const kUnits[] = {"kB", "MB", "GB", "TB", "PB", "EB"};

@@ -3,13 +3,13 @@
 #include <cstdint>
 #include <string>
 
+#include "tools/data/NumberText.h"
 #include "tools/vexo/info/Summary.h"
 
 /// Numbers, times and names, as people read them.
 namespace vexo::info {
 
-/// "1,234,567"
-std::string grouped(std::uint64_t n);
+using data::grouped;
 /// "512 bytes", "3.52 MB": powers of 1000.
 std::string bytesText(std::uint64_t bytes);
 /// "5,004", or "4.2" below a hundred.
@@ -28,7 +28,7 @@ std::string shareText(std::uint64_t part, std::uint64_t all);
 std::string changeText(double before, double after);
 /// "17", "other", "none".
 std::string typeName(std::uint64_t type);
-/// "+ 3" of a text that is shown: "morning.pcapng and 2 more".
+/// "morning.pcapng and 2 more"
 std::string captureNames(const Summary& summary);
 
 }  // namespace vexo::info

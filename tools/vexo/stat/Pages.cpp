@@ -153,6 +153,14 @@ double Page::timeOfDay(std::uint64_t clock) const {
     return static_cast<double>(process.startNs) / 1e9 + since / rate;
 }
 
+const Stream* sameStream(const Page& now, std::size_t i, const Page& before) {
+    const auto found = std::find(before.places.begin(), before.places.end(), now.places[i]);
+    if (found == before.places.end()) return nullptr;
+    const Stream& old = before.streams[static_cast<std::size_t>(found - before.places.begin())];
+    // Another stream may have taken the place over.
+    return old.card == now.streams[i].card && old.channel == now.streams[i].channel ? &old : nullptr;
+}
+
 std::uint64_t packetsOf(const Stream& stream) { return sum(stream.packets); }
 std::uint64_t bytesOf(const Stream& stream) { return sum(stream.bytes); }
 bool knowsCallbacks(const Stream& stream) { return sum(stream.callbacks) != 0; }
@@ -208,11 +216,13 @@ std::string OpenPage::read(Page& page) const {
     if (!fault.empty()) return fault;
     if (bytes.size() < kBlockBytes * (1 + page.process.streams)) return "it is cut off";
     page.streams.clear();
+    page.places.clear();
     for (std::size_t i = 1; i <= page.process.streams; ++i) {
         Stream stream;
         std::memcpy(&stream, bytes.data() + i * kBlockBytes, sizeof stream);
         if (stream.state == vexo_stats::kUnused || stream.state == vexo_stats::kPreparing) continue;
         page.streams.push_back(stream);
+        page.places.push_back(i - 1);
     }
     page.file = m_path;
     page.owner = found.st_uid;

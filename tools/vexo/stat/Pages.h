@@ -2,6 +2,7 @@
 
 #include <VexoZceMdStatsPage.h>
 #include <sys/types.h>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@ struct Page {
     Life life = Life::kDied;
     vexo_stats::Process process{};
     std::vector<vexo_stats::Stream> streams;  // those in use
+    std::vector<std::size_t> places;          // of each of them in the file: they may have no other name
     std::uint64_t readClock = 0;              // when it was read, on the page's clock
 
     double rate = 0;  // of the page's clock, in a second
@@ -36,6 +38,9 @@ struct Page {
     /// Seconds since 1970 of a moment on the page's clock.
     double timeOfDay(std::uint64_t clock) const;
 };
+
+/// Stream @p i of a page in an earlier look at the same page; null if it was not there.
+const vexo_stats::Stream* sameStream(const Page& now, std::size_t i, const Page& before);
 
 std::uint64_t packetsOf(const vexo_stats::Stream& stream);
 std::uint64_t bytesOf(const vexo_stats::Stream& stream);

@@ -73,7 +73,7 @@ public:
         for (const Page& page : m_pages) {
             if (page.life != Life::kRunning) continue;
             for (std::size_t i = 0; i < page.streams.size(); ++i) {
-                what(page, page.streams[i], streamLabels(page, page.streams[i], i));
+                what(page, page.streams[i], streamLabels(page, page.streams[i], page.places[i]));
             }
         }
     }

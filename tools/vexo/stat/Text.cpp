@@ -52,35 +52,39 @@ std::string sequenceLine(const Stream& stream) {
            grouped(stream.sequenceLate) + " again or late, " + grouped(stream.sequenceRestarts) + " restarts";
 }
 
-// The same stream in an earlier look.
-const Stream* earlier(const Page& page, const Stream& stream, const std::vector<Page>& before, double& seconds) {
+// Packets a second since an earlier look; empty if it did not see the stream.
+std::string rateLine(const Page& page, std::size_t i, const std::vector<Page>& before) {
     for (const Page& old : before) {
         if (old.file != page.file || old.process.processStart != page.process.processStart) continue;
-        seconds = page.seconds(page.readClock - old.readClock);
-        for (const Stream& one : old.streams)
-            if (one.card == stream.card && one.channel == stream.channel) return &one;
+        const Stream* const same = sameStream(page, i, old);
+        if (same == nullptr || page.readClock <= old.readClock) return "";
+        const std::uint64_t now = packetsOf(page.streams[i]);
+        const std::uint64_t more = now - std::min(now, packetsOf(*same));
+        return format("%.0f packets a second",
+                      static_cast<double>(more) / page.seconds(page.readClock - old.readClock));
     }
-    return nullptr;
+    return "";
 }
 
-std::string streamText(const Page& page, const Stream& stream, const std::vector<Page>& before) {
+bool hasGaps(const Stream& stream) {
+    return std::any_of(stream.gaps, stream.gaps + kGapBuckets, [](std::uint64_t count) { return count != 0; });
+}
+
+std::string streamText(const Page& page, std::size_t i, const std::vector<Page>& before) {
+    const Stream& stream = page.streams[i];
     std::string text = "  card " + numberOrNone(stream.card) + " channel " + numberOrNone(stream.channel) +
                        (stream.state == vexo_stats::kOpen ? "" : ", closed") + "\n";
     const auto line = [&text](const char* name, const std::string& what) {
         text += format("    %-16s ", name) + what + "\n";
     };
     line("packets", packetLine(stream));
-    double seconds = 0;
-    const Stream* const old = earlier(page, stream, before, seconds);
-    if (old != nullptr && seconds > 0) {
-        const auto more = static_cast<double>(packetsOf(stream) - packetsOf(*old));
-        line("rate", format("%.0f packets a second", more / seconds));
-    }
+    const std::string rate = rateLine(page, i, before);
+    if (!rate.empty()) line("rate", rate);
     if (stream.pollsKnown != 0) line("polls", pollLine(stream));
     if (packetsOf(stream) != 0 && stream.firstPacket != 0) {
         if (page.life == Life::kRunning)
             line("last packet", duration(page.seconds(page.readClock - lastPacketOf(stream))) + " ago");
-        line("between packets", histogramLine(stream.gaps, kGapBuckets, page));
+        if (hasGaps(stream)) line("between packets", histogramLine(stream.gaps, kGapBuckets, page));
         if (knowsCallbacks(stream)) line("callbacks", histogramLine(stream.callbacks, vexo_stats::kBuckets, page));
     }
     if (stream.sequenceKnown != 0) line("sequence", sequenceLine(stream));
@@ -89,12 +93,6 @@ std::string streamText(const Page& page, const Stream& stream, const std::vector
 }
 
 }  // namespace
-
-std::string grouped(std::uint64_t n) {
-    std::string text = std::to_string(n);
-    for (std::size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
-    return text;
-}
 
 std::string duration(double seconds) {
     if (seconds < 1e-6) return format("%.3g ns", seconds * 1e9);
@@ -181,7 +179,7 @@ std::string asText(const std::vector<Page>& pages, const std::vector<Page>& befo
         if (page.process.clockIsEven == 0) text += "  the processor's clock is uneven: times are rough\n";
         const std::string steps = startUpLine(page);
         if (!steps.empty()) text += "  start-up: " + steps + "\n";
-        for (const Stream& stream : page.streams) text += streamText(page, stream, before);
+        for (std::size_t i = 0; i < page.streams.size(); ++i) text += streamText(page, i, before);
     }
     return text;
 }

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/data/NumberText.h"
 #include "tools/vexo/stat/Pages.h"
 
 /// The same pages, for different readers.
@@ -22,7 +23,7 @@ std::string asPrometheus(const std::vector<Page>& pages);
 
 // What the views share, `vexo watch` among them.
 
-std::string grouped(std::uint64_t n);       // 1234567 as 1,234,567
+using data::grouped;
 std::string duration(double seconds);       // as in 1.05 ms
 std::string processName(const Page& page);  // name and number, harmless
 std::string lifeLine(const Page& page);     // as in running for 12.5 s

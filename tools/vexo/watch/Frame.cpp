@@ -160,11 +160,6 @@ std::string bar(std::uint64_t count, std::uint64_t most, std::size_t width) {
     return std::string(std::max<std::size_t>(1, static_cast<std::size_t>(share * static_cast<double>(width))), '#');
 }
 
-std::string boundOfBucket(const stat::Page& page, std::size_t bucket) {
-    const double begin = page.seconds(std::uint64_t{1} << bucket);
-    return stat::duration(2 * begin);
-}
-
 // The rows of a histogram: as many buckets in each as it takes to have no more than so many rows.
 struct Rows {
     std::size_t first = 0;
@@ -215,7 +210,7 @@ Block times(const Scene& scene, std::size_t width, std::size_t mostRows) {
         // In a colour where packets have come since the look before.
         const bool hasGaps = rows.sum(scene.more.gaps, stat::kGapBuckets, row) != 0;
         const bool hasCallbacks = rows.sum(scene.more.callbacks, kBuckets, row) != 0;
-        Line line(format("%-8s", boundOfBucket(*scene.page, rows.lastBucket(row)).c_str()));
+        Line line(format("%-8s", stat::duration(scene.page->endOfBucket(rows.lastBucket(row))).c_str()));
         line.add(format("%6s ", shortNumber(static_cast<double>(gaps)).c_str()));
         line.add(format("%-*s ", pad, bar(gaps, mostGaps, barWidth).c_str()), hasGaps ? cli::kCyan : cli::kFaint);
         line.add(format("%6s ", shortNumber(static_cast<double>(callbacks)).c_str()));

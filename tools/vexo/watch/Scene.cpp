@@ -34,14 +34,11 @@ std::vector<BusyInstrument> byRate(const Instruments& now, const Instruments* be
     return busy;
 }
 
-// Blocks of a page keep their place. One that another stream has taken over starts anew.
 std::vector<std::uint64_t> moreOfStreams(const stat::Page& now, const stat::Page& before) {
     std::vector<std::uint64_t> more;
     for (std::size_t i = 0; i < now.streams.size(); ++i) {
-        const vexo_stats::Stream& stream = now.streams[i];
-        const bool isKnown = i < before.streams.size() && before.streams[i].card == stream.card &&
-                             before.streams[i].channel == stream.channel;
-        more.push_back(less(stat::packetsOf(stream), isKnown ? stat::packetsOf(before.streams[i]) : 0));
+        const vexo_stats::Stream* const same = stat::sameStream(now, i, before);
+        more.push_back(less(stat::packetsOf(now.streams[i]), same != nullptr ? stat::packetsOf(*same) : 0));
     }
     return more;
 }

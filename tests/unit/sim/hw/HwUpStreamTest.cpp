@@ -92,6 +92,14 @@ TEST_F(UpStreams, ShowTheCountersThatWereSet) {
     EXPECT_EQ(read.sent_bytes, 66U);
 }
 
+TEST_F(UpStreams, ShowErrorsBeforeTheFirstPacketToo) {
+    const UpStream stream = openUp(accelerator, 7);
+    const enyx_sim_counters counters = {0, 0, 33, 44, 0, 0};
+    ASSERT_EQ(enyx_sim_set_counters(0, 7, &counters), 0);
+    EXPECT_EQ(counter(enyx_hw_a2c_stream_stats_get_fifo_errors, stream), 33U);
+    EXPECT_EQ(counter(enyx_hw_a2c_stream_stats_get_errors, stream), 44U);
+}
+
 TEST_F(UpStreams, ANewHolderStartsWithAnEmptyStreamAndCountersAtZero) {
     UpStream stream = openUp(accelerator, 0);
     ASSERT_EQ(push(0, "left behind"), 0);
