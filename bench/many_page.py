@@ -24,6 +24,7 @@ def lost(run):
 
 
 def keeps_up(run):
+    """Nothing is lost, and nothing piles up on the way."""
     return sum(run["lost"]) == 0 and run["arrived_per_second"] > 0.97 * run["rate"]
 
 
@@ -38,9 +39,10 @@ def together(run):
 
 
 def rates(runs):
-    head = ("packets a second", "arrive a second", "lost", *(name for _, name in PARTS), "together")
-    return table(head, [(f"{run['rate']:,}", f"{run['arrived_per_second']:,.0f}", lost(run), *cpu(run),
-                         f"{together(run):.2f}") for run in runs])
+    head = ("packets a second", "arrive a second", "lost", "wait for the relay's poll at most",
+            *(name for _, name in PARTS), "together")
+    return table(head, [(f"{run['rate']:,}", f"{run['arrived_per_second']:,.0f}", lost(run),
+                         f"{run['most_waiting']:,}", *cpu(run), f"{together(run):.2f}") for run in runs])
 
 
 def latencies(runs):
@@ -51,8 +53,9 @@ def latencies(runs):
 
 
 def subscribers(runs):
-    head = ("receivers", "relay: sends", "server", "each receiver", "together", "median", "99.9th percentile", "lost")
-    return table(head, [(str(run["readers"]), cpu(run)[1], cpu(run)[2],
+    head = ("receivers", "`--batch-time`", "relay: sends", "server", "each receiver", "together", "median",
+            "99.9th percentile", "lost")
+    return table(head, [(str(run["readers"]), str(run["batch_time_us"]), cpu(run)[1], cpu(run)[2],
                          f"{run['cpu_per_million']['takes'] + run['cpu_per_million']['reads']:.2f}",
                          f"{together(run):.2f}", time(run["median_us"]), time(run["p999_us"]), lost(run))
                         for run in runs])
@@ -70,10 +73,12 @@ def block(found):
     measured = (f"Measured on {described['date'][:10]}: {described['cpu']}, {described['kernel']}; load "
                 f"{described['load']}. Packets of 140 bytes, everything on one machine, over the loopback.")
     costs = (f"CPU seconds for a million packets. The polling threads rest {rest} us when there is no packet: one that "
-             f"never rests uses up its CPU. {carried(found['rates'])}")
+             "never rests uses up its CPU. A card's ring has to hold the packets that wait for the relay's poll. "
+             + carried(found["rates"]))
     times = ("Time from the relay's poll to the poll on the remote card, of the same packet: what the network adds to a "
              "program beside the card.")
-    several = f"More receivers, at {found['subscribers'][0]['rate']:,} packets a second; the slowest one's times:"
+    several = (f"More receivers, at {found['subscribers'][0]['rate']:,} packets a second: CPU seconds for a million "
+               "packets, and the times of the slowest receiver.")
     return "\n\n".join([wrapped(measured), wrapped(costs), rates(found["rates"]), wrapped(times),
                         latencies(found["latencies"]), wrapped(several), subscribers(found["subscribers"])])
 

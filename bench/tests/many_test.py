@@ -17,7 +17,7 @@ import many  # noqa: E402
 import many_page  # noqa: E402
 
 RUN = {"rate": 1000, "packets": 5000, "readers": 3, "rest_us": 50, "batch_time_us": 100, "arrived_per_second": 1000,
-       "lost": [0, 7, 0], "uncounted": [], "wrong": 0,
+       "lost": [0, 7, 0], "uncounted": [], "wrong": 0, "most_waiting": 4321,
        "cpu_per_million": {"polls": 0.1, "sends": 0.2, "server": 0.3, "takes": 0.01, "reads": 0.02},
        "median_us": 123.4, "p999_us": 9999.4, "longest_us": 12345}
 FINE = dict(RUN, lost=[0, 0, 0])
@@ -25,7 +25,10 @@ FINE = dict(RUN, lost=[0, 0, 0])
 
 class Tables(unittest.TestCase):
     def test_the_loss_is_that_of_the_worst_receiver(self):
-        self.assertIn("| 3 | 0.20 | 0.30 | 0.03 | 0.69 | 123 us | 9,999 us | 7 |", many_page.subscribers([RUN]))
+        self.assertIn("| 3 | 100 | 0.20 | 0.30 | 0.03 | 0.69 | 123 us | 9,999 us | 7 |", many_page.subscribers([RUN]))
+
+    def test_what_a_ring_would_have_to_hold_is_shown(self):
+        self.assertIn("| 1,000 | 1,000 | 7 | 4,321 | 0.10 | 0.20 | 0.30 | 0.01 | 0.02 | 0.69 |", many_page.rates([RUN]))
 
     def test_only_a_rate_that_arrives_without_loss_is_carried(self):
         runs = [FINE, dict(FINE, rate=2000, arrived_per_second=1900), dict(RUN, rate=3000, arrived_per_second=3000)]
