@@ -220,7 +220,7 @@ void RemoteCard::giveBack(CardPart stream) {
     }
     if (!isOfThisProcess()) return;
     m_transport.unsubscribe(stream.channel);
-    if (ignored > 0) tellOf(stream.channel, std::to_string(ignored) + " messages were ignored in all.");
+    if (ignored > 0) tellChannel(stream.channel, std::to_string(ignored) + " messages were ignored in all.");
 }
 
 // A full ring makes this thread wait, and further messages wait in the transport's memory. So a reader that was away
@@ -242,12 +242,12 @@ void RemoteCard::receive(std::uint32_t channel, std::uint32_t opening, const voi
     }
 }
 
-void RemoteCard::tellOf(std::uint32_t channel, const std::string& text) const {
+void RemoteCard::tellChannel(std::uint32_t channel, const std::string& text) const {
     capture::printError("libenyx-hw-c: channel %u of the remote card at bus %u: %s\n", channel, m_bus, text.c_str());
 }
 
 void RemoteCard::tellNotice(std::uint32_t channel, const remote::Notice& notice) const {
-    const auto tell = [&](const std::string& text) { tellOf(channel, text); };
+    const auto tell = [&](const std::string& text) { tellChannel(channel, text); };
     switch (notice.kind) {
         case remote::Notice::kNotARelays:
             return tell("a message that is not a relay's was ignored; further ones are ignored without a line.");
