@@ -39,9 +39,9 @@ def block(machine, judged, numbers, cases):
     return "\n\n".join(parts)
 
 
-def replaced(page, text):
+def replaced(page, text, first=BEGIN, last=END):
     """The page with the text between its two comments."""
-    begin, end = page.index(BEGIN) + len(BEGIN), page.index(END)
+    begin, end = page.index(first) + len(first), page.index(last)
     return page[:begin] + "\n\n" + text + "\n\n" + page[end:]
 
 

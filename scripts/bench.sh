@@ -4,7 +4,9 @@
 # no counter, is "not judged"; that is no failure.
 #
 #     scripts/bench.sh [--quick] [--figure NAME]... [--plots] [--write-page]
+#     scripts/bench.sh --many [--quick] [--write-page]
 #
+#   --many         instead: what relay, server and remote cards carry together and cost, for docs/many-machines.md
 #   --quick        shorter: fewer turns for each figure
 #   --figure NAME  this figure alone; may be repeated. The names are in bench/figures.json: packet, idle, log-line, ...
 #   --plots        also draw docs/figures/*.svg from the numbers
@@ -14,9 +16,11 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 help_if_asked "$@"
 
 page=$vexo_root/docs/performance.md
-options=() plots=no writes=no chosen=no
+many_page=$vexo_root/docs/many-machines.md
+options=() plots=no writes=no chosen=no many=no
 while [ $# -gt 0 ]; do
     case $1 in
+        --many) many=yes ;;
         --plots) plots=yes ;;
         --quick) options+=("$1") ;;
         --write-page) writes=yes ;;
@@ -33,6 +37,17 @@ while [ $# -gt 0 ]; do
     shift
 done
 [ "$writes$chosen" != yesyes ] || usage_error "--write-page writes all figures, so it takes no --figure"
+[ "$many" = no ] || [ "$plots$chosen" = nono ] || usage_error "--many takes neither --plots nor --figure"
+
+if [ "$many" = yes ]; then
+    [ "$writes" = no ] || options+=(--write-page "$many_page")
+    need_packages "${build_packages[@]}" "${tool_packages[@]}" libspdlog-dev nats-server python3
+    echo "Building (a minute or two the first time), then measuring (about four minutes; --quick two) ..."
+    build_preset "$vexo_root/build/bench-build.log" bench -- vexo vexo_paced_stream timed_reader
+    while_showing "  measuring" python3 "$vexo_root/bench/many.py" --build "$vexo_root/build/bench" \
+        --out "$vexo_root/build/bench/many-results.json" "${options[@]}"
+    exit
+fi
 [ "$writes" = no ] || options+=(--write-page "$page")
 
 need_packages "${build_packages[@]}" "${tool_packages[@]}" libspdlog-dev valgrind python3

@@ -80,7 +80,7 @@ echo "Message server: $url"
 start host vexo-simcard --quiet --set quotes.per_second="$rate"
 is_hosted() { vexo-simcard --status >status.out 2>&1; }
 until_true host "${running[-1]}" is_hosted
-echo "Card: hosted, $rate quotes a second"
+echo "Card: hosted, $rate quotes a second on all channels together"
 
 # What the master has programmed stays when it has ended.
 vexo sim run --hosted -- quote_printer master.ini --seconds 3 --quotes 0 >master.out 2>master.err ||

@@ -209,12 +209,18 @@ void RemoteCard::welcome(std::uint32_t channel, std::uint32_t opening, const wir
 }
 
 void RemoteCard::giveBack(CardPart stream) {
+    std::uint64_t ignored = 0;
     {
         const StateLock lock(locks(), state());
         close(Card(state()), stream);
-        if (stream.kind == CardPart::kUp) ++m_channels[stream.channel].opening;  // nothing more is put into the ring
+        if (stream.kind != CardPart::kUp) return;
+        Channel& channel = m_channels[stream.channel];
+        ++channel.opening;  // nothing more is put into the ring
+        ignored = channel.receiver.ignored();
     }
-    if (stream.kind == CardPart::kUp && isOfThisProcess()) m_transport.unsubscribe(stream.channel);
+    if (!isOfThisProcess()) return;
+    m_transport.unsubscribe(stream.channel);
+    if (ignored > 0) tellChannel(stream.channel, std::to_string(ignored) + " messages were ignored in all.");
 }
 
 // A full ring makes this thread wait, and further messages wait in the transport's memory. So a reader that was away
@@ -236,11 +242,12 @@ void RemoteCard::receive(std::uint32_t channel, std::uint32_t opening, const voi
     }
 }
 
+void RemoteCard::tellChannel(std::uint32_t channel, const std::string& text) const {
+    capture::printError("libenyx-hw-c: channel %u of the remote card at bus %u: %s\n", channel, m_bus, text.c_str());
+}
+
 void RemoteCard::tellNotice(std::uint32_t channel, const remote::Notice& notice) const {
-    const auto tell = [&](const std::string& text) {
-        capture::printError("libenyx-hw-c: channel %u of the remote card at bus %u: %s\n", channel, m_bus,
-                            text.c_str());
-    };
+    const auto tell = [&](const std::string& text) { tellChannel(channel, text); };
     switch (notice.kind) {
         case remote::Notice::kNotARelays:
             return tell("a message that is not a relay's was ignored; further ones are ignored without a line.");

@@ -65,6 +65,7 @@ private:
     template <typename Work>
     bool onChannel(std::uint32_t channel, std::uint32_t opening, Work work);
     void welcome(std::uint32_t channel, std::uint32_t opening, const wire::Head& hello);
+    void tellChannel(std::uint32_t channel, const std::string& text) const;
     void tellNotice(std::uint32_t channel, const remote::Notice& notice) const;
     bool isOfThisProcess() const;
     bool isAdvanceDue();

@@ -8,18 +8,23 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
+#include "tests/remote/JumpingClock.h"
 #include "tests/remote/RemoteUser.h"
 #include "tests/remote/ScriptedRelay.h"
 #include "tests/support/NatsServer.h"
 #include "tests/support/TempDir.h"
+#include "tests/unit/sim/remote/Messages.h"
 
 namespace remote_tests {
 namespace {
 
 using test_support::NatsServer;
 using test_support::TempDir;
+namespace wire = vexo_sim::wire;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -209,6 +214,58 @@ TEST_F(RemoteCard, MessagesOfAStrangerAreIgnoredAndToldOfOnce) {
     relay.Send(0, 10);
     EXPECT_EQ(user->Ask("receive 3 10"), "0-9");
     EXPECT_EQ(Count(user->Errors(), "a message that is not a relay's was ignored"), 1);
+}
+
+// What is no message of a relay, made of one: cut, lengthened, or with some of its bytes changed.
+std::vector<unsigned char> Spoiled(std::minstd_rand& random) {
+    wire::Head head;
+    head.epoch = kRun;
+    head.first = random() % 2'000'000;
+    for (;;) {
+        std::vector<unsigned char> message = wire::MessageOf(head, static_cast<std::uint32_t>(random() % 5));
+        if (random() % 2 == 0) message.resize(random() % (message.size() + 100), 0xFF);
+        for (auto changes = random() % 4; changes > 0 && !message.empty(); --changes)
+            message[random() % message.size()] = static_cast<unsigned char>(random());
+        if (wire::decode(message.data(), message.size()).problem != wire::Problem::kNone) return message;
+    }
+}
+
+TEST_F(RemoteCard, TenThousandSpoiledMessagesAreCountedAndTheQuotesGoOn) {
+    constexpr int kSpoiled = 10'000;
+    constexpr int kEvery = 100;
+    ScriptedRelay relay(Server().Url(), kRun);
+    const auto user = User();
+    ASSERT_EQ(user->Ask("open 3"), "ok");
+    std::minstd_rand random(20310305);
+    for (int n = 0; n < kSpoiled; ++n) {
+        const std::vector<unsigned char> message = Spoiled(random);
+        relay.Publish(message.data(), message.size());
+        if (n % kEvery == 0) relay.Send(static_cast<std::uint64_t>(n / kEvery) * 10, 10);
+    }
+    relay.Send(1000, 1);
+    EXPECT_EQ(user->Ask("receive 3 1001"), "0-1000");
+    EXPECT_EQ(user->Ask("counters 3"), "packets 1001 lost 0 fifo 0 errors 0");
+    EXPECT_EQ(user->Ask("close 3"), "ok");
+    EXPECT_THAT(user->Errors(), HasSubstr("channel 3 of the remote card at bus 0: " + std::to_string(kSpoiled) +
+                                          " messages were ignored in all.\n"));
+    EXPECT_EQ(Count(user->Errors(), "was ignored; further ones"), 1);
+    EXPECT_EQ(user->End(), 0);
+}
+
+TEST_F(RemoteCard, AClockThatJumpsCostsNoPacket) {
+    SKIP_WITHOUT_JUMPING_CLOCK();
+    ScriptedRelay relay(Server().Url(), kRun);
+    JumpingClock clock(m_directory.Path());
+    const auto user = User();
+    ASSERT_EQ(user->Ask("open 3"), "ok");
+    std::uint64_t next = 0;
+    for (const int hours : {1, -2, 3, -24, 0}) {
+        clock.Set(hours * JumpingClock::kHour);
+        relay.Send(next, 10);
+        EXPECT_EQ(user->Ask("receive 3 10"), std::to_string(next) + "-" + std::to_string(next + 9));
+        next += 10;
+    }
+    EXPECT_EQ(user->Ask("counters 3"), "packets 50 lost 0 fifo 0 errors 0");
 }
 
 TEST_F(RemoteCard, ARelayOfAnotherVersionIsRefusedWithBothVersions) {

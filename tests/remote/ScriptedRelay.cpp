@@ -73,8 +73,12 @@ void ScriptedRelay::SendAll(std::uint64_t first, std::uint64_t end, std::uint32_
 }
 
 void ScriptedRelay::SendRaw(const void* data, std::size_t size) {
-    m_connection->publish(remote::streamSubject(m_place), data, size);
+    Publish(data, size);
     Flush();
+}
+
+void ScriptedRelay::Publish(const void* data, std::size_t size) {
+    m_connection->publish(remote::streamSubject(m_place), data, size);
 }
 
 }  // namespace remote_tests

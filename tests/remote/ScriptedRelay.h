@@ -25,6 +25,8 @@ public:
     void SendAll(std::uint64_t first, std::uint64_t end, std::uint32_t batch = 100);
     /// Any bytes.
     void SendRaw(const void* data, std::size_t size);
+    /// The same, but it only comes before what is sent next.
+    void Publish(const void* data, std::size_t size);
     /// A message without packets; @p next is the number of the next one.
     void Heartbeat(std::uint64_t next) { Send(next, 0); }
 
