@@ -4,90 +4,13 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <algorithm>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <sstream>
-
-#include "capture/CaptureFiles.h"
-#include "enyx-sim/md_payload.h"
-#include "tests/relay/RelayFixture.h"
-
-namespace {
+#include "tests/remote/EndToEndFixture.h"
 
 using hosted::Process;
 using test_support::NatsServer;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-
-// Few enough for the memory of a connection, so that no reader is too slow for them.
-constexpr std::uint32_t kQuotes = 30'000;
-
-const std::vector<std::string> kAllQuotes = {"--json", "--quotes", "1000000000"};
-
-class EndToEnd : public RelayFixture {
-protected:
-    void SetUp() override {
-        SKIP_WITHOUT_NATS_SERVER();
-        WriteQuotes();
-        dir.Write("third.ini",
-                  "[config]\ndevice = xilinx0:3\nBIN_DELAY_TIME = 0\nL5_IPA = 239.3.50.1\nL5_IPB = 239.3.51.1\n"
-                  "L5_PORT = 18501\nL1_IPA = 239.3.10.1\nL1_IPB = 239.3.11.1\nL1_PORT = 18101\n"
-                  "[version]\n1.1.2.12 = 11\n1.1.2.13 = 12\n[channel3]\ninsts = SR\noptions = norecv\n");
-    }
-
-    /// A capture of quotes that differ, for channel 3.
-    void WriteQuotes() {
-        capture::CaptureFiles::Settings settings;
-        settings.path = dir.Path("day.pcapng");
-        settings.report = [](const std::string&) {};
-        capture::CaptureFiles files(settings);
-        const std::uint32_t stream = files.addInterface({capture::kStreamLink, "channel 3", ""}, 0);
-        struct [[gnu::packed]] {
-            enyx_sim::PacketHead head;
-            enyx_sim::Level1Quote quote;
-        } packet{};
-        std::strcpy(packet.quote.common.id, "SR505");
-        for (std::uint32_t n = 1; n <= kQuotes; ++n) {
-            packet.head = {17, sizeof packet, n};
-            packet.quote.common.sequence = n;
-            packet.quote.common.totalVolume = n;
-            packet.quote.common.lastPrice = 50'000'000 + 10'000 * (n % 97);
-            files.addPacket(stream, n * std::uint64_t{20'000}, &packet, sizeof packet);
-        }
-        files.close(kQuotes * std::uint64_t{20'000});
-        dir.Write("replay.ini", "[replay]\nfile = day.pcapng\n");
-    }
-
-    Process Printer(std::vector<std::string> command, const std::string& name) {
-        command.insert(command.end(), {"--", VEXO_QUOTE_PRINTER, "third.ini"});
-        command.insert(command.end(), kAllQuotes.begin(), kAllQuotes.end());
-        return Process(command, dir.Path(name + ".out"), dir.Path(name + ".err"));
-    }
-    /// The printer writes a line of totals each second, also when nothing comes any more.
-    bool HasTotal(const std::string& name, std::uint32_t quotes) const {
-        constexpr std::streamoff kTail = 4096;
-        std::ifstream file(dir.Path(name + ".out"), std::ios::ate | std::ios::binary);
-        file.seekg(std::max<std::streamoff>(0, file.tellg() - kTail));
-        const std::string tail(std::istreambuf_iterator<char>(file), {});
-        return tail.find("\"all\":" + std::to_string(quotes) + ",") != std::string::npos;
-    }
-    /// Ends the printer when it has all quotes. @return its lines of quotes
-    std::vector<std::string> QuotesOf(Process& printer, const std::string& name) const {
-        EXPECT_TRUE(hosted::Eventually([&] { return HasTotal(name, kQuotes) || !printer.IsRunning(); }));
-        printer.Signal(SIGINT);
-        printer.Wait();
-        std::vector<std::string> quotes;
-        std::istringstream lines(dir.Read(name + ".out"));
-        for (std::string line; std::getline(lines, line);)
-            if (line.find("\"kind\":\"quote\"") != std::string::npos) quotes.push_back(line);
-        return quotes;
-    }
-};
-
-}  // namespace
 
 TEST_F(EndToEnd, AnUnmodifiedProgramPrintsOnARemoteCardWhatItPrintsBesideTheCard) {
     const NatsServer server;

@@ -117,6 +117,7 @@ Relay::Relay(const Settings& settings)
     refuseSecond();
     tap::clock_ticks::choose();
     m_stream = openSource(settings);
+    if (settings.beside) refuseSecond();  // it may have waited for an application, and another one did not
     m_page = std::make_unique<RelayPage>(settings.place.bus, settings.place.channel, m_stream->knowsPolls());
     m_facts = {randomEpoch(), m_stream->mtu(), m_stream->isSimulated() ? wire::kSimulated : 0};
     makeBatcher();
