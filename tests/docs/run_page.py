@@ -53,7 +53,7 @@ UNTIL_STOPPED = [
     (r"^vexo sim run (--shared-day-file )?-- \./app", RECEIVES),
     (r"^vexo sim run --hosted -- \.\.?/app", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
     (r"^nats-server ", "(: </dev/tcp/127.0.0.1/4222) 2>/dev/null"),
-    (r" vexo tap --share ", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
+    (r" vexo tap --share ", "grep -q '^quote ' \"$log\""),
     (r" vexo relay ", "grep -q '^vexo relay: ' \"$log\""),
 ]
 # What goes on while others are typed, in other terminals: a hosted card and its users. A program with a card of its own
