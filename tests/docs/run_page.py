@@ -33,6 +33,7 @@ EXPECTED_OUTPUT = [
     (r"^vexo stat --loss", r"^quote_printer [0-9]+ +0 +0 +[1-9]"),
     (r"vexo watch .*--json", r'"kind":"summary"'),
     (r"vexo watch demo.ini", r"^busiest instruments, of [1-9]"),
+    (r"^vexo relay --beside", r"^[1-9][0-9]* packets of the stream: [1-9]"),
     (r"^vexo stat --json", r'"before_card":[0-9]'),
     (r"^vexo check --keys", r"BIN_DELAY_TIME"),
     (r"^vexo index$", r"complete: +yes"),
@@ -52,6 +53,7 @@ UNTIL_STOPPED = [
     (r"^vexo sim run (--shared-day-file )?-- \./app", RECEIVES),
     (r"^vexo sim run --hosted -- \.\.?/app", "grep -q '^[1-9][0-9]* quotes' \"$log\""),
     (r"^nats-server ", "(: </dev/tcp/127.0.0.1/4222) 2>/dev/null"),
+    (r" vexo tap --share ", "grep -q '^quote ' \"$log\""),
     (r" vexo relay ", "grep -q '^vexo relay: ' \"$log\""),
 ]
 # What goes on while others are typed, in other terminals: a hosted card and its users. A program with a card of its own
@@ -221,7 +223,7 @@ def main():
         shutil.copy(arguments.preload, preload)
         environment = {k: v for k, v in os.environ.items() if not k.startswith("VEXO_")}
         environment |= {"HOME": str(work / "home"), "VEXO_SIM_DIR": str(work / "cards"), "LD_PRELOAD": str(preload),
-                        "VEXO_TEST_DAY_FILES": str(work / "day-files")}
+                        "VEXO_TEST_DAY_FILES": str(work / "day-files"), "VEXO_SHARE_DIR": str(work / "rings")}
         return subprocess.run(["bash", "-c", text], cwd=top, env=environment, check=False).returncode
 
 

@@ -7,9 +7,31 @@
 
 #include "capture/CaptureFiles.h"
 
-RelayFixture::RelayFixture() { ::setenv("VEXO_LAYOUT", "simulated", 1); }
+using hosted::Process;
 
-RelayFixture::~RelayFixture() { ::unsetenv("VEXO_LAYOUT"); }
+namespace {
+
+// Statistics pages and shared rings of other tests, and of the user, are not seen.
+constexpr const char* kDirectories[] = {"VEXO_STATS_DIR", "VEXO_SHARE_DIR"};
+
+}  // namespace
+
+RelayFixture::RelayFixture() {
+    ::setenv("VEXO_LAYOUT", "simulated", 1);
+    for (const char* variable : kDirectories) ::setenv(variable, dir.Path(variable).c_str(), 1);
+}
+
+RelayFixture::~RelayFixture() {
+    ::unsetenv("VEXO_LAYOUT");
+    for (const char* variable : kDirectories) ::unsetenv(variable);
+}
+
+std::string RelayFixture::Shown(std::vector<std::string> words) const {
+    words.insert(words.begin(), VEXO_COMMAND);
+    Process command(words, dir.Path("shown"), dir.Path("shown.err"));
+    EXPECT_EQ(command.Wait(), 0) << dir.Read("shown.err");
+    return dir.Read("shown");
+}
 
 std::vector<std::string> RelayFixture::WriteCapture(std::size_t packets, std::size_t size, std::uint64_t everyNs) {
     capture::CaptureFiles::Settings settings;

@@ -30,6 +30,8 @@ protected:
     /// Ends it as Ctrl-C does. @return what it shows at its end
     nlohmann::json End(hosted::Process& relay, const std::string& name = "relay");
     nlohmann::json Result(const std::string& name = "relay") const;
+    /// What `vexo WORDS` writes to standard output.
+    std::string Shown(std::vector<std::string> words) const;
 
     test_support::TempDir dir;  // the working directory, too
     hosted::CardDirectory cards;

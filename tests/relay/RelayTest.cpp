@@ -16,6 +16,7 @@
 
 using hosted::Process;
 using test_support::NatsServer;
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 
 namespace wire = vexo_sim::wire;
@@ -95,7 +96,16 @@ TEST_F(Relay, WhatItsQueueCannotTakeWhileTheServerHangsIsCountedToThePacket) {
     EXPECT_TRUE(hosted::Eventually([&] { return hasGivenUp() || !relay.IsRunning(); }));
     server.Server().Signal(SIGCONT);
     ASSERT_TRUE(listener.Until(Has(kPackets)));
+    const std::string pid = std::to_string(relay.Id());
+    const std::string table = Shown({"stat", "--loss"});
+    const std::string metrics = Shown({"stat", "--prometheus", "-"});
+    const std::string watched = Shown({"watch", "--pid", pid, "--seconds", "0.1", "--json"});
     const nlohmann::json result = End(relay);
+    const std::string lost = std::to_string(result["lost"]["relay"].get<std::uint64_t>());
+    EXPECT_THAT(table, ContainsRegex("vexo " + pid + " +0 +3 +100000 +- +0 +0 +- +" + lost + " +0\n"));
+    EXPECT_THAT(metrics,
+                ContainsRegex("vexo_lost_packets_total\\{[^}]*writer=\"relay\"[^}]*cause=\"relay\"\\} " + lost));
+    EXPECT_THAT(watched, HasSubstr("\"by_relay\":" + lost));
     const Listener::Account account = listener.Now();
     EXPECT_TRUE(account.isComplete());
     EXPECT_EQ(account.packets + account.missing, kPackets);
@@ -106,6 +116,46 @@ TEST_F(Relay, WhatItsQueueCannotTakeWhileTheServerHangsIsCountedToThePacket) {
     EXPECT_EQ(result["lost"]["ring"], 0);
     EXPECT_EQ(result["sent"].get<std::uint64_t>() + result["lost"]["relay"].get<std::uint64_t>(), kPackets);
     EXPECT_GE(account.missing, result["lost"]["relay"].get<std::uint64_t>());
+}
+
+TEST_F(Relay, ItsStatisticsPageAgreesWithItsSummary) {
+    const NatsServer server;
+    WriteCapture(3000, 140, 100'000);
+    const Listener listener(server.Url(), kStream);
+    ::setenv("VEXO_STATS_KEEP", "1", 1);
+    Process relay = Start(Replaying("real"), {"--channel", "3", "--to", server.Url()});
+    ::unsetenv("VEXO_STATS_KEEP");
+    ASSERT_TRUE(listener.Until(Has(3000)));
+    const nlohmann::json result = End(relay);
+    const nlohmann::json page = nlohmann::json::parse(Shown({"stat", "--json"}));
+    EXPECT_EQ(page["writer"], "relay");
+    EXPECT_EQ(page["state"], "ended");
+    EXPECT_TRUE(page["steps"].contains("first_packet"));
+    const nlohmann::json& stream = page["streams"][0];
+    EXPECT_EQ(stream["channel"], 3);
+    EXPECT_EQ(stream["open"], false);
+    EXPECT_EQ(stream["packets"], result["packets"]);
+    EXPECT_EQ(stream["types"]["17"]["bytes"], 3000 * 140);
+    EXPECT_GT(stream["polls"]["idle"], 0);
+    EXPECT_EQ(stream["polls"]["failed"], 0);
+    std::uint64_t gaps = 0;
+    for (const nlohmann::json& bucket : stream["gaps"]) gaps += bucket["count"].get<std::uint64_t>();
+    EXPECT_EQ(gaps, 3000U - 1);
+    EXPECT_EQ(stream["back_pressure"], result["lost"]["ring"]);
+    EXPECT_EQ(stream["lost"]["by_relay"], result["lost"]["relay"]);
+    EXPECT_EQ(stream["lost"]["by_ring"], result["lost"]["ring"]);
+    EXPECT_EQ(stream["lost"]["by_tap"], nullptr);
+}
+
+TEST_F(Relay, WithoutADirectoryForItsPageItRelaysAllTheSame) {
+    const NatsServer server;
+    WriteCapture(10, 140, 0);
+    ::setenv("VEXO_STATS_DIR", dir.Path("day.pcapng").c_str(), 1);
+    const Listener listener(server.Url(), kStream);
+    Process relay = Start(Replaying("max"), {"--channel", "3", "--to", server.Url()});
+    ASSERT_TRUE(listener.Until(Has(10)));
+    EXPECT_EQ(End(relay)["sent"], 10);
+    EXPECT_THAT(Errors(), HasSubstr("vexo relay: no statistics page: "));
 }
 
 TEST_F(Relay, ASubscriberThatStopsTakesNothingFromOthersNorFromTheStream) {

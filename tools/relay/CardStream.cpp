@@ -9,6 +9,7 @@
 #include "src/config/ConfigFile.h"
 #include "src/driver/DmaStream.h"
 #include "tools/relay/Failure.h"
+#include "tools/relay/Settings.h"
 #include "tools/tap/TapClock.h"
 
 // Only a simulated card's library has it.
@@ -76,14 +77,12 @@ void CardStream::close() {
     m_api = nullptr;
 }
 
-std::uint32_t CardStream::mtu() const { return m_mtu; }
-
-bool CardStream::isSimulated() { return enyx_sim_is_simulated != nullptr; }
+bool CardStream::isSimulated() const { return enyx_sim_is_simulated != nullptr; }
 
 void CardStream::onPacket(const std::uint8_t* data, std::uint32_t size, void* context) {
     auto& self = *static_cast<CardStream*>(context);
     // A length above the MTU is not trusted: there may be no bytes to copy.
-    size <= self.m_mtu ? self.m_queue->put(tap::clock_ticks::now(), data, size) : self.m_queue->lose();
+    size <= self.m_mtu ? self.m_intake->take(tap::clock_ticks::now(), data, size) : self.m_intake->lose();
     if (self.m_master != nullptr) self.handOver(data, size);
 }
 
@@ -116,6 +115,11 @@ bool CardStream::readCounters(bool isFirst) {
 std::optional<StreamCounts> CardStream::counts() {
     if (!readCounters(false)) return std::nullopt;
     return StreamCounts{m_backPressure.total, m_fifoErrors.total, m_errors.total};
+}
+
+std::unique_ptr<PacketSource> openSource(const Settings& settings) {
+    return settings.config.empty() ? std::make_unique<CardStream>(settings.place.bus, settings.place.channel)
+                                   : std::make_unique<CardStream>(settings.config);
 }
 
 }  // namespace relay

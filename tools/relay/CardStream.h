@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "tools/relay/PacketQueue.h"
+#include "tools/relay/PacketSource.h"
 
 class CVexoZceMdApiImpl;
 class CZceDmaChanImpl;
@@ -16,16 +16,9 @@ class CDrvDMAEnyx;
 
 namespace relay {
 
-/// Counts of a stream since it was opened.
-struct StreamCounts {
-    std::uint64_t backPressure = 0;
-    std::uint64_t fifoErrors = 0;
-    std::uint64_t errors = 0;
-};
-
 /// The channel that the relay reads. The library opens it, as for any application. Its callbacks leave out the head of
 /// a packet; so the packets are polled at the card's interface, where they are whole.
-class CardStream {
+class CardStream : public PacketSource {
 public:
     /// Starts as an application with this configuration does: a master programs the card and learns the map, and its
     /// log goes to standard output and into the working directory. Throws Failure.
@@ -33,22 +26,22 @@ public:
     /// Opens the stream alone; there is no log. Throws Failure.
     CardStream(std::uint32_t bus, std::uint32_t channel);
     /// Closes the stream. The library logs its counters before.
-    ~CardStream();
-    CardStream(const CardStream&) = delete;
-    CardStream& operator=(const CardStream&) = delete;
+    ~CardStream() override;
 
-    std::uint32_t mtu() const;
-    static bool isSimulated();
-
-    /// Takes at most one packet. @return whether there was one
-    bool poll(PacketQueue& queue) {
-        m_queue = &queue;
-        const bool any = enyx_hw_a2c_stream_poll_once(m_stream, &onPacket, this) > 0;
+    std::uint32_t mtu() const override { return m_mtu; }
+    bool isSimulated() const override;
+    bool knowsPolls() const override { return true; }
+    /// Takes at most one packet.
+    bool poll(Intake& intake) override {
+        m_intake = &intake;
+        const int result = enyx_hw_a2c_stream_poll_once(m_stream, &onPacket, this);
         if (__builtin_expect(m_isOwnMatterUnderWay, 0)) endOwnMatter();
-        return any;
+        if (result > 0) return true;
+        result == 0 ? intake.noteIdlePoll() : intake.noteFailedPoll();
+        return false;
     }
-    /// Asks the card; any thread, one at a time. Nothing when the card does not answer.
-    std::optional<StreamCounts> counts();
+    /// Asks the card.
+    std::optional<StreamCounts> counts() override;
 
 private:
     // The library calls back with market data only when it polls itself, which it does not do here.
@@ -76,7 +69,7 @@ private:
     std::unique_ptr<CDrvDMAEnyx> m_ownDma;  // without one
     CDrvDMAEnyx* m_dma = nullptr;
     enyx_hw_a2c_stream* m_stream = nullptr;
-    PacketQueue* m_queue = nullptr;
+    Intake* m_intake = nullptr;
     std::uint32_t m_mtu = 0;
     bool m_isOwnMatterUnderWay = false;
     Counter m_backPressure, m_fifoErrors, m_errors;

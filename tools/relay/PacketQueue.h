@@ -35,8 +35,10 @@ public:
         // Behind the packet: who reads this number finds every packet below it in the ring, unless it is lost.
         m_delivered.store(number + 1, std::memory_order_release);
     }
-    /// A packet whose bytes cannot be had.
-    void lose() { m_delivered.store(m_delivered.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+    /// Packets whose bytes cannot be had.
+    void lose(std::uint64_t packets = 1) {
+        m_delivered.store(m_delivered.load(std::memory_order_relaxed) + packets, std::memory_order_release);
+    }
 
     // ---- any thread ----
     /// Packets that the stream has delivered, those included that did not fit.

@@ -51,11 +51,6 @@ remote::ConnectionSettings withName(remote::ConnectionSettings settings, const r
     return settings;
 }
 
-std::unique_ptr<CardStream> openStream(const Settings& settings) {
-    return settings.config.empty() ? std::make_unique<CardStream>(settings.place.bus, settings.place.channel)
-                                   : std::make_unique<CardStream>(settings.config);
-}
-
 }  // namespace
 
 // ---- the servers ----
@@ -121,8 +116,10 @@ Relay::Relay(const Settings& settings)
         throw Failure(Failure::kFinding, "there is no memory for a queue of this size; give a smaller --queue");
     refuseSecond();
     tap::clock_ticks::choose();
-    m_stream = openStream(settings);
-    m_facts = {randomEpoch(), m_stream->mtu(), CardStream::isSimulated() ? wire::kSimulated : 0};
+    m_stream = openSource(settings);
+    if (settings.beside) refuseSecond();  // it may have waited for an application, and another one did not
+    m_page = std::make_unique<RelayPage>(settings.place.bus, settings.place.channel, m_stream->knowsPolls());
+    m_facts = {randomEpoch(), m_stream->mtu(), m_stream->isSimulated() ? wire::kSimulated : 0};
     makeBatcher();
     const auto answer = [hello = m_hello](const remote::MessageIn& request) { hello->answer(request); };
     m_helloSubscription = m_servers.connection().subscribe(helloSubject(settings.place), answer);
@@ -214,7 +211,9 @@ void Relay::send() {
 }
 
 void Relay::watch(const Sender& sender, Clock::time_point end) {
-    m_hello->setHead(m_batcher->head(sender.nowNs()));
+    const wire::Head head = m_batcher->head(sender.nowNs());
+    m_hello->setHead(head);
+    m_page->setCounts(head.counts);
     if (Clock::now() >= end || m_servers.isRefused()) m_isEnding.store(true);
     if (sender.isCardSilent() == m_wasSilent) return;
     m_wasSilent = sender.isCardSilent();
@@ -227,8 +226,9 @@ Result Relay::run(const std::atomic<bool>& stop) {
     startSender();
     const timespec rest{static_cast<std::time_t>(m_settings.pollRestUs / 1'000'000),
                         static_cast<long>(m_settings.pollRestUs % 1'000'000 * 1000)};
+    Intake intake(m_queue, *m_page);
     while (!stop.load(std::memory_order_relaxed) && !m_isEnding.load(std::memory_order_relaxed)) {
-        if (!m_stream->poll(m_queue) && m_settings.pollRestUs != 0) ::nanosleep(&rest, nullptr);
+        if (!m_stream->poll(intake) && m_settings.pollRestUs != 0) ::nanosleep(&rest, nullptr);
     }
     endSender();
     Result result;
@@ -236,6 +236,7 @@ Result Relay::run(const std::atomic<bool>& stop) {
     result.delivered = m_queue.delivered();
     result.sent = m_batcher->sent();
     result.counts = m_batcher->head(0).counts;
+    m_page->setCounts(result.counts);
     result.contracts = m_contracts != nullptr ? m_contracts->count() : 0;
     result.timesLost = m_servers.timesLost();
     return result;

@@ -9,10 +9,11 @@
 #include <thread>
 
 #include "tools/relay/Batcher.h"
-#include "tools/relay/CardStream.h"
 #include "tools/relay/Contracts.h"
 #include "tools/relay/Network.h"
 #include "tools/relay/PacketQueue.h"
+#include "tools/relay/PacketSource.h"
+#include "tools/relay/RelayPage.h"
 #include "tools/relay/Sender.h"
 #include "tools/relay/Settings.h"
 
@@ -92,7 +93,8 @@ private:
     const Settings m_settings;
     Servers m_servers;
     PacketQueue m_queue;
-    std::unique_ptr<CardStream> m_stream;
+    std::unique_ptr<PacketSource> m_stream;
+    std::unique_ptr<RelayPage> m_page;
     StreamFacts m_facts;
     std::unique_ptr<vexo::data::Layouts> m_layouts;
     std::unique_ptr<Contracts> m_contracts;

@@ -6,8 +6,8 @@
 #include <optional>
 
 #include "tools/relay/Batcher.h"
-#include "tools/relay/CardStream.h"
 #include "tools/relay/PacketQueue.h"
+#include "tools/relay/PacketSource.h"
 #include "tools/tap/TapClock.h"
 
 namespace relay {

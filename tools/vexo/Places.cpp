@@ -46,6 +46,10 @@ fs::path receiverProgram() { return find(layout::kReceiver, "what receives for v
 
 fs::path relayLibrary() { return find(layout::kRelay, "the relay"); }
 
+fs::path besideRelayLibrary() { return find(layout::kRelayBeside, "the relay beside an application"); }
+
+fs::path shareLibrary() { return find(layout::kShare, "what shares a program's packets"); }
+
 fs::path dayFileLibrary() { return find(layout::kDayFile, "what keeps day files apart"); }
 
 }  // namespace vexo

@@ -19,8 +19,12 @@ std::filesystem::path pollsLibrary();
 /// The program that `vexo watch CONFIG.ini` starts to receive.
 std::filesystem::path receiverProgram();
 
-/// The library that is `vexo relay`.
+/// The library that is `vexo relay`, and the one that is `vexo relay --beside`.
 std::filesystem::path relayLibrary();
+std::filesystem::path besideRelayLibrary();
+
+/// The library that `vexo tap --share` loads into a program.
+std::filesystem::path shareLibrary();
 
 /// The library that `vexo sim run` loads into a program.
 std::filesystem::path dayFileLibrary();

@@ -17,12 +17,14 @@ namespace {
 
 constexpr double kDay = 86400;
 constexpr std::uint32_t kLastBus = 4;
+constexpr std::uint64_t kBesideRestUs = 50;
 
 struct Options {
     relay::Settings settings;
     std::string to;
     std::uint64_t batchTimeUs = 100;
     std::uint64_t queueMb = 64;
+    CLI::Option* pollRest = nullptr;
     CLI::Option* channel = nullptr;
     CLI::Option* bus = nullptr;
 };
@@ -62,18 +64,21 @@ relay::Settings settingsOf(const Options& options) {
         takePlaceFromConfig(options, settings.place);
     } else if (options.channel->count() == 0) {
         throw Failure(kUsage, "no channel: give --channel N, or a configuration");
-    } else if (settings.place.channel == 0) {
+    } else if (settings.place.channel == 0 && !options.settings.beside) {
         throw Failure(kUsage, "channel 0 is the master's, which programs the card: give its configuration");
     }
     settings.limits.timeNs = options.batchTimeUs * 1000;
     settings.queueBytes = options.queueMb * relay::kMegabyte;
+    if (options.settings.beside && options.pollRest->count() == 0) settings.pollRestUs = kBesideRestUs;
     return settings;
 }
 
-// The card's library is loaded with the relay's, so a machine without one is noticed here.
-relay::Run* load() {
-    const std::filesystem::path path = relayLibrary();
+// The card's library is loaded with the relay's, so a machine without one is noticed here. Beside an application none
+// is needed.
+relay::Run* load(bool beside) {
+    const std::filesystem::path path = beside ? besideRelayLibrary() : relayLibrary();
     void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr && beside) throw Failure(kFinding, ::dlerror());
     if (library == nullptr)
         throw Failure(kNoCard,
                       std::string(::dlerror()) +
@@ -99,12 +104,13 @@ void addLimits(CLI::App& command, Options& options) {
         ->type_name("MB")
         ->transform(cli::wholeNumber(1, relay::kMostQueueMb))
         ->capture_default_str();
-    command
-        .add_option("--poll-rest", settings.pollRestUs,
-                    "Microseconds that the polling thread sleeps when there is no packet; 0: it never sleeps")
-        ->type_name("US")
-        ->transform(cli::wholeNumber(0, relay::kMostBatchTimeUs))
-        ->capture_default_str();
+    options.pollRest = command
+                           .add_option("--poll-rest", settings.pollRestUs,
+                                       "Microseconds that the polling thread sleeps when there is no packet; 0: it "
+                                       "never sleeps. With --beside 50, unless given")
+                           ->type_name("US")
+                           ->transform(cli::wholeNumber(0, relay::kMostBatchTimeUs))
+                           ->capture_default_str();
 }
 
 }  // namespace
@@ -114,8 +120,12 @@ void addRelay(CLI::App& app, Invocation& invocation) {
     relay::Settings& settings = options->settings;
     CLI::App* relay = app.add_subcommand("relay",
                                          "Publish what a channel delivers, for remote cards of other machines");
-    relay->add_option("CONFIG.ini", settings.config,
-                      "Start as an application with this configuration does; the master needs one");
+    CLI::Option* const config = relay->add_option(
+        "CONFIG.ini", settings.config, "Start as an application with this configuration does; the master needs one");
+    relay
+        ->add_flag("--beside", settings.beside,
+                   "Relay what an application receives that runs under vexo tap --share; open no channel")
+        ->excludes(config);
     options->channel = relay->add_option("--channel", settings.place.channel, "Channel to relay")
                            ->type_name("N")
                            ->transform(cli::wholeNumber(0, card_reg::kChannels - 1));
@@ -139,7 +149,8 @@ void addRelay(CLI::App& app, Invocation& invocation) {
         ->capture_default_str();
     relay->add_flag("--json", settings.json, "Show the result as JSON; a log goes to standard error");
     relay->footer(
-        "The relay has its channel for itself, like an application. Its subject is vexo.SITE.BUS.CHANNEL.stream.");
+        "The relay has its channel for itself, like an application, but for --beside. Its subject is "
+        "vexo.SITE.BUS.CHANNEL.stream.");
     cli::tellStatuses(*relay,
                       {{cli::kFine, "ended as asked, and the server has confirmed everything"},
                        {kFinding, "no server, the stream or the subject is taken, or not everything was confirmed"},
@@ -148,7 +159,7 @@ void addRelay(CLI::App& app, Invocation& invocation) {
     relay->callback([options, &invocation] {
         invocation.run = [options] {
             const relay::Settings chosen = settingsOf(*options);
-            return load()(chosen);
+            return load(chosen.beside)(chosen);
         };
     });
 }

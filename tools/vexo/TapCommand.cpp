@@ -8,6 +8,7 @@
 #include "tools/cli/Duration.h"
 #include "tools/cli/Values.h"
 #include "tools/data/LayoutFile.h"
+#include "tools/share/SharedRing.h"
 #include "tools/stats/Settings.h"
 #include "tools/tap/Settings.h"
 #include "tools/vexo/Command.h"
@@ -30,6 +31,7 @@ struct Options {
     std::uint64_t durationSeconds = 0;
     std::uint64_t ringMb = tap::kDefaultRingMb;
     bool statsOnly = false;
+    bool share = false;
     std::uint64_t ringLastsUs = stats::kDefaultRingLastsUs;
     bool keepPage = false;
 };
@@ -65,8 +67,17 @@ void keepLayouts() {
     become(program);
 }
 
+[[noreturn]] void shareWithRelay(const Options& options, const Program& program) {
+    set(tap::kJsonVariable, options.json ? "1" : "0");
+    set(share::kRingVariable, std::to_string(options.ringMb));
+    if (std::getenv(share::kDirectoryVariable) != nullptr) set(share::kDirectoryVariable, share::directory());
+    preload(shareLibrary());
+    become(program);
+}
+
 int run(const Options& options, const Program& program) {
     requireProgram(program);
+    if (options.share) shareWithRelay(options, program);
     if (options.keep > 0 && options.rotateMb == 0 && options.rotateSeconds == 0) {
         throw Failure(kUsage,
                       "--keep keeps the newest files, so there must be several: add --rotate or --rotate-every");
@@ -130,24 +141,32 @@ void addTap(CLI::App& app, Invocation& invocation) {
                                     ->type_name("FILE")
                                     ->capture_default_str();
     CLI::Option* const registers = tap->add_flag("--registers", options->registers, "Record every register access too");
-    CLI::Option* const ring = tap->add_option(
-                                     "--ring", options->ringMb,
-                                     "Megabytes of memory for packets on their way to the file, for each stream")
-                                  ->type_name("MB")
-                                  ->transform(cli::wholeNumber(1, tap::kMaxRingMb))
-                                  ->capture_default_str();
+    CLI::Option* const ring =
+        tap->add_option("--ring", options->ringMb,
+                        "Megabytes of memory for packets on their way to the file or the relay, for each stream")
+            ->type_name("MB")
+            ->transform(cli::wholeNumber(1, tap::kMaxRingMb))
+            ->capture_default_str();
     CLI::Option* statsOnly = tap->add_flag("--stats-only", options->statsOnly,
                                            "Record nothing; count for vexo stat what the program receives and loses");
-    tap->add_option("--ring-lasts", options->ringLastsUs,
-                    "Microseconds until the ring of a stream is full when nobody polls: packets that a longer callback "
-                    "costs are lost by the application")
-        ->type_name("US")
-        ->transform(cli::wholeNumber(1, stats::kMaxRingLastsUs))
-        ->capture_default_str();
-    tap->add_flag("--keep-page", options->keepPage, "Keep the page of numbers for vexo stat when the program ends");
+    CLI::Option* const share = tap->add_flag("--share", options->share,
+                                             "Record nothing; share the packets with vexo relay --beside");
+    CLI::Option* const ringLasts =
+        tap->add_option(
+               "--ring-lasts", options->ringLastsUs,
+               "Microseconds until the ring of a stream is full when nobody polls: packets that a longer callback "
+               "costs are lost by the application")
+            ->type_name("US")
+            ->transform(cli::wholeNumber(1, stats::kMaxRingLastsUs))
+            ->capture_default_str();
+    CLI::Option* const keepPage = tap->add_flag("--keep-page", options->keepPage,
+                                                "Keep the page of numbers for vexo stat when the program ends");
     std::vector<CLI::Option*> recording = addLimits(*tap, *options);
-    recording.insert(recording.end(), {output, registers, ring});
+    recording.insert(recording.end(), {output, registers});
+    statsOnly->excludes(ring);
     for (CLI::Option* one : recording) statsOnly->excludes(one);
+    for (CLI::Option* one : recording) share->excludes(one);
+    for (CLI::Option* one : {statsOnly, ringLasts, keepPage}) share->excludes(one);
     tap->add_flag("--json", options->json,
                   "Write what the tap says on standard error as JSON, one object a line: {\"tap\": ...}");
     tap->callback([options, &invocation] {

@@ -85,6 +85,14 @@ std::string joined(const std::vector<std::string>& servers) {
     return text;
 }
 
+// A server that does not accept a client's certificate, or finds none, closes the encrypted connection without a word.
+std::string hintOf(const ConnectionSettings& settings, natsStatus status) {
+    const bool isClosed = status == NATS_PROTOCOL_ERROR || status == NATS_IO_ERROR || status == NATS_CONNECTION_CLOSED;
+    if (settings.tlsCaFile.empty() || !isClosed) return {};
+    return settings.tlsCertFile.empty() ? "; the server may want a certificate of this program"
+                                        : "; the server may not accept this program's certificate";
+}
+
 // What the thread that connects and the one that waits for it share.
 struct Attempt {
     std::mutex mutex;
@@ -107,7 +115,9 @@ void connect(const ConnectionSettings& settings, std::uint64_t number, Attempt& 
         natsOptions_SetClosedCB(o, onEvent<ConnectionEvent::kClosed>, closureOf(number));
         natsOptions_SetErrorHandler(o, onError, closureOf(number));
         const natsStatus status = natsConnection_Connect(&connection, o);
-        if (status != NATS_OK) error = "cannot connect to " + joined(settings.servers) + ": " + reasonOf(status);
+        if (status != NATS_OK)
+            error = "cannot connect to " + joined(settings.servers) + ": " + reasonOf(status) +
+                    hintOf(settings, status);
     }
     const std::lock_guard<std::mutex> lock(attempt.mutex);
     attempt.isDone = true;

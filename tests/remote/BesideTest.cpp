@@ -1,0 +1,194 @@
+// The relay beside an unmodified application, which receives from its own channel and shares what it receives.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdlib>
+
+#include "tests/relay/Listener.h"
+#include "tests/remote/EndToEndFixture.h"
+
+using hosted::Process;
+using test_support::NatsServer;
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr char kStream[] = "vexo.local.0.3.stream";
+
+class Beside : public EndToEnd {
+protected:
+    /// An application that shares its packets, on a card of its own that replays the capture.
+    Process Application(const std::string& name = "application", std::vector<std::string> tap = {}) {
+        std::vector<std::string> command = {VEXO_COMMAND, "sim", "run"};
+        const std::vector<std::string> card = Replaying("real");
+        command.insert(command.end(), card.begin(), card.end());
+        command.insert(command.end(), {"--", VEXO_COMMAND, "tap", "--share"});
+        command.insert(command.end(), tap.begin(), tap.end());
+        return Printer(command, name);
+    }
+    /// A relay that needs no card: its library is not even found.
+    Process BesideRelay(const NatsServer& server, const std::string& name = "relay") {
+        return Process({VEXO_COMMAND, "relay", "--beside", "--json", "--channel", "3", "--to", server.Url()},
+                       dir.Path(name + ".out"), dir.Path(name + ".err"));
+    }
+    bool IsWaiting(Process& relay, const std::string& name = "relay") const {
+        const auto waits = [&] { return Errors(name).find("waiting for: vexo tap --share") != std::string::npos; };
+        return hosted::Eventually([&] { return waits() || !relay.IsRunning(); }) && waits();
+    }
+};
+
+auto Has(std::uint64_t packets) {
+    return [packets](const Listener::Account& account) { return account.packets + account.missing >= packets; };
+}
+
+}  // namespace
+
+TEST_F(Beside, ARemoteCardReceivesTheApplicationsPacketsByteForByte) {
+    const NatsServer server;
+    const Listener listener(server.Url(), kStream, true);
+    Process relay = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    Process remote = Printer({VEXO_COMMAND, "remote", "run", "--from", server.Url()}, "remote");
+    ASSERT_TRUE(hosted::Eventually([&] {
+        return !remote.IsRunning() || Errors("remote").find("the stream is idle") != std::string::npos;
+    })) << Errors("remote");
+    Process application = Application();
+    const std::vector<std::string> expected = QuotesOf(application, "application");
+    EXPECT_EQ(expected.size(), kQuotes);
+    EXPECT_TRUE(QuotesOf(remote, "remote") == expected);
+    const nlohmann::json result = End(relay);
+    EXPECT_TRUE(listener.Packets() == packets);
+    EXPECT_EQ(listener.Now().head.flags & vexo_sim::wire::kSimulated, vexo_sim::wire::kSimulated);
+    EXPECT_EQ(result["packets"], kQuotes);
+    EXPECT_EQ(result["sent"], kQuotes);
+    EXPECT_EQ(result["lost"]["relay"], 0);
+    EXPECT_EQ(result["lost"]["ring"], 0);
+    EXPECT_THAT(Errors(), HasSubstr("vexo relay: channel 3 of card 0 comes from quote_printer (process " +
+                                    std::to_string(application.Id()) + ")\n"));
+}
+
+TEST_F(Beside, AKilledRelayCostsTheApplicationNothingAndTheNextOneGoesOn) {
+    WriteQuotes(200'000);  // six seconds
+    const NatsServer server;
+    const Listener listener(server.Url(), kStream);
+    Process first = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(first)) << Errors();
+    Process application = Application("application");
+    ASSERT_TRUE(listener.Until(Has(1000)));
+    first.Signal(SIGKILL);
+    first.Wait();
+    Process second = BesideRelay(server, "second");
+    ASSERT_TRUE(IsRelaying(second, "second")) << Errors("second");
+    ASSERT_TRUE(listener.Until([](const Listener::Account& a) { return a.epochs == 2 && a.packets > 0; }));
+    EXPECT_EQ(QuotesOf(application, "application").size(), kQuotes);
+    const nlohmann::json result = End(second, "second");
+    EXPECT_LT(result["packets"].get<std::uint64_t>(), kQuotes);
+    EXPECT_EQ(result["sent"], result["packets"]);
+    EXPECT_EQ(listener.Now().packets, result["packets"].get<std::uint64_t>());
+}
+
+TEST_F(Beside, WhatAStalledRelayCannotTakeIsItsLossToThePacketAndNotTheApplications) {
+    WriteQuotes(100'000);
+    const NatsServer server;
+    const Listener listener(server.Url(), kStream);
+    ::setenv("VEXO_STATS_KEEP", "1", 1);
+    Process relay = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    Process application = Application("application", {"--ring", "1", "--", VEXO_COMMAND, "tap", "--stats-only"});
+    ::unsetenv("VEXO_STATS_KEEP");
+    ASSERT_TRUE(listener.Until(Has(1000)));
+    relay.Signal(SIGSTOP);
+    const bool hasAll = HasAllQuotes(application, "application");
+    relay.Signal(SIGCONT);
+    ASSERT_TRUE(hasAll) << Errors("application");
+    ASSERT_TRUE(listener.Until(Has(kQuotes)));
+    const nlohmann::json result = End(relay);
+    EXPECT_EQ(QuotesOf(application, "application").size(), kQuotes);
+    const Listener::Account account = listener.Now();
+    EXPECT_EQ(account.packets + account.missing, kQuotes);
+    EXPECT_EQ(result["packets"], kQuotes);
+    EXPECT_GT(result["lost"]["relay"], 0);
+    EXPECT_EQ(result["lost"]["relay"], account.missing);
+    EXPECT_EQ(result["lost"]["ring"], 0);
+    std::istringstream pages(Shown({"stat", "--json"}));
+    for (std::string line; std::getline(pages, line);) {
+        const nlohmann::json page = nlohmann::json::parse(line);
+        const nlohmann::json& stream = page["streams"][0];
+        EXPECT_EQ(stream["packets"], kQuotes) << line;
+        EXPECT_EQ(stream["lost"]["by_ring"], 0) << line;
+        EXPECT_EQ(stream["lost"]["by_application"], 0) << line;
+        const bool isRelay = page["writer"] == "relay";
+        EXPECT_EQ(stream["lost"]["by_relay"], isRelay ? result["lost"]["relay"] : nlohmann::json(nullptr)) << line;
+    }
+}
+
+TEST_F(Beside, AKilledApplicationIsFollowedByTheNextOneAndTheNumbersGoOn) {
+    const NatsServer server;
+    const Listener listener(server.Url(), kStream, true);
+    Process relay = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    Process first = Application("first");
+    ASSERT_TRUE(listener.Until(Has(1000)));
+    first.Signal(SIGKILL);
+    first.Wait();
+    ASSERT_TRUE(hosted::Eventually([&] {
+        return Errors().find("(process " + std::to_string(first.Id()) +
+                             ") shares channel 3 of card 0 no more; waiting for the next one\n") != std::string::npos;
+    })) << Errors();
+    const std::uint64_t before = listener.Now().packets;
+    Process second = Application("second");
+    EXPECT_EQ(QuotesOf(second, "second").size(), kQuotes);
+    const nlohmann::json result = End(relay);
+    const Listener::Account account = listener.Now();
+    EXPECT_EQ(account.epochs, 1U);
+    EXPECT_EQ(account.missing, 0U);
+    EXPECT_EQ(account.packets, result["packets"].get<std::uint64_t>());
+    EXPECT_GE(account.packets, before + kQuotes);
+    std::vector<std::string> received = listener.Packets();
+    ASSERT_GE(received.size(), packets.size());
+    received.erase(received.begin(), received.end() - static_cast<std::ptrdiff_t>(packets.size()));
+    EXPECT_TRUE(received == packets);
+    EXPECT_THAT(Errors(), HasSubstr("comes from quote_printer (process " + std::to_string(second.Id()) + ")\n"));
+}
+
+TEST_F(Beside, AStoppedSubscriberCostsTheApplicationNothing) {
+    const NatsServer server;
+    Process stopped({VEXO_RELAY_LISTENER, server.Url(), kStream}, dir.Path("stopped.out"));
+    ASSERT_TRUE(hosted::Eventually([&] { return dir.Read("stopped.out") == "subscribed\n"; }));
+    stopped.Signal(SIGSTOP);
+    Process relay = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    Process application = Application("application", {"--", VEXO_COMMAND, "tap", "--stats-only", "--keep-page"});
+    EXPECT_EQ(QuotesOf(application, "application").size(), kQuotes);
+    EXPECT_EQ(End(relay)["packets"], kQuotes);
+    const nlohmann::json page = nlohmann::json::parse(Shown({"stat", "--json"}));
+    const nlohmann::json& stream = page["streams"][0];
+    EXPECT_EQ(page["writer"], "tap");
+    EXPECT_EQ(stream["packets"], kQuotes);
+    EXPECT_EQ(stream["polls"]["failed"], 0);
+    EXPECT_EQ(stream["back_pressure"], 0);
+}
+
+TEST_F(Beside, ASecondRelayOfTheSameSiteIsRefusedAlsoWhileBothWait) {
+    const NatsServer server;
+    Process first = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(first)) << Errors();
+    Process second = BesideRelay(server, "second");
+    EXPECT_EQ(second.Wait(), 1);
+    EXPECT_THAT(Errors("second"),
+                HasSubstr("vexo relay: channel 3 of card 0 of site local: another vexo relay --beside "
+                          "has it; name this site with --site\n"));
+}
+
+TEST_F(Beside, ASecondApplicationOfTheSameChannelRunsUnshared) {
+    const NatsServer server;
+    Process first = Application("first");
+    ASSERT_TRUE(hosted::Eventually([&] { return !first.IsRunning() || !dir.Read("first.out").empty(); }));
+    Process second = Application("second");
+    EXPECT_EQ(QuotesOf(second, "second").size(), kQuotes);
+    EXPECT_THAT(Errors("second"), HasSubstr("vexo tap: channel 3 is not shared: "));
+    EXPECT_THAT(Errors("second"), HasSubstr("0.3.ring: another process shares this channel\n"));
+    EXPECT_EQ(QuotesOf(first, "first").size(), kQuotes);
+}
