@@ -1,6 +1,7 @@
 #include "tools/cli/Color.h"
 
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 
 #include "tools/cli/Progress.h"

@@ -1,5 +1,6 @@
 #include "tools/cli/Duration.h"
 
+#include <CLI/CLI.hpp>
 #include <charconv>
 #include <limits>
 

@@ -1,9 +1,12 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
+
+namespace CLI {
+class Validator;
+}
 
 namespace cli {
 

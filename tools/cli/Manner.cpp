@@ -1,5 +1,6 @@
 #include "tools/cli/Manner.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <memory>

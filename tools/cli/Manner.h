@@ -1,12 +1,15 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/cli/Output.h"
+
+namespace CLI {
+class App;
+}
 
 /// What all programs do alike on their command lines. docs/commands.md tells the user of it.
 namespace cli {

@@ -1,5 +1,6 @@
 #include "tools/cli/OptionText.h"
 
+#include <CLI/CLI.hpp>
 #include <set>
 
 namespace cli {

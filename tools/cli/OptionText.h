@@ -1,7 +1,10 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
+
+namespace CLI {
+class Option;
+}
 
 /// What --help and the manual pages say of an option besides its names and its description.
 namespace cli {

@@ -1,5 +1,6 @@
 #include "tools/cli/OptionTree.h"
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>

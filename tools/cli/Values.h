@@ -1,9 +1,12 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class Validator;
+}
 
 /// Checks of the values of options. All programs word their errors alike: "--keep: 0 is not a whole number from 1 to
 /// 9".

@@ -1,12 +1,14 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "tools/cli/Manner.h"
+#include "tools/vexo/Failure.h"
+
+namespace CLI {
+class App;
+}
 
 namespace vexo {
 
@@ -19,20 +21,6 @@ struct Invocation {
     std::function<int()> run;                  // set by the chosen subcommand; returns the exit status
     std::vector<const CLI::App*> takeProgram;  // subcommands that need a program after "--"
 };
-
-/// Thrown to end vexo with a message on standard error.
-struct Failure : std::runtime_error {
-    Failure(int exitStatus, const std::string& text) : std::runtime_error(text), status(exitStatus) {}
-    int status;
-};
-
-// Exit statuses of vexo itself. Once vexo has become the program, the status is the program's. 126 and 127 mean the
-// same as in a shell.
-inline constexpr int kFinding = cli::kFinding;
-inline constexpr int kUsage = cli::kUsage;
-inline constexpr int kNoCard = cli::kNoCard;
-inline constexpr int kCannotRun = 126;
-inline constexpr int kNotFound = 127;
 
 /// Adds a subcommand to @p app. The subcommand sets invocation.run when it is chosen. One source file each.
 using AddCommand = void (*)(CLI::App& app, Invocation& invocation);

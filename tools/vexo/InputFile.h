@@ -8,7 +8,7 @@
 #include <string>
 #include <system_error>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo {
 

@@ -1,6 +1,7 @@
 #include "tools/vexo/Launch.h"
 
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>

@@ -3,7 +3,7 @@
 #include <string>
 #include <system_error>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/Layout.h"
 
 namespace vexo {

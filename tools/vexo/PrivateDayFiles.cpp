@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "sim/shm/CardPlaces.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo {
 namespace {

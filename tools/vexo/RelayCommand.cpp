@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <memory>
 

@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <ctime>
 #include <memory>

@@ -1,5 +1,6 @@
 #include "tools/vexo/ServerOptions.h"
 
+#include <CLI/CLI.hpp>
 #include <string>
 
 namespace vexo {

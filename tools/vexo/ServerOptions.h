@@ -1,8 +1,10 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include "sim/remote/nats/Connection.h"
+
+namespace CLI {
+class App;
+}
 
 namespace vexo {
 

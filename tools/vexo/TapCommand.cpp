@@ -1,4 +1,5 @@
 #include <VexoZceMdStatsPage.h>
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>

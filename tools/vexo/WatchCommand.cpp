@@ -1,4 +1,5 @@
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <csignal>

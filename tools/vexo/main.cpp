@@ -1,5 +1,6 @@
 // vexo: the command-line tool. Words after "--" are a program: vexo sets its environment, then becomes it.
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <optional>
 

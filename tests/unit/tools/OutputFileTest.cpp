@@ -12,7 +12,7 @@
 
 #include "tests/support/StandardStreams.h"
 #include "tests/support/TempDir.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/export/OutputFile.h"
 
 using ::testing::HasSubstr;

@@ -4,7 +4,7 @@
 #include <csignal>
 
 #include "tests/support/TempDir.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/run/Ending.h"
 #include "tools/vexo/run/KeptOutput.h"
 #include "tools/vexo/run/Watchdog.h"

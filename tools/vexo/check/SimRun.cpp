@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "tools/cardtest/CardUnderTest.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/show/DayFileReport.h"
 
 namespace vexo::check {

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <unordered_map>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/export/Rows.h"
 #include "tools/vexo/show/Harmless.h"
 

@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "tools/data/NumberText.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/export/RowWriter.h"
 
 namespace vexo::exporting {

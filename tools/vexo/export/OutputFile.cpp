@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "capture/StandardStreams.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/show/Harmless.h"
 
 namespace vexo::exporting {

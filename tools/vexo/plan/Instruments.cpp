@@ -15,7 +15,7 @@
 #include "src/dayfile/DayLines.h"
 #include "src/instruments/InstId.h"
 #include "src/util/LocalTime.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/check/DayFileState.h"
 #include "tools/vexo/check/SimRun.h"

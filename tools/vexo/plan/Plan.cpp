@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "src/instruments/InstId.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/check/ChannelRules.h"
 #include "tools/vexo/check/ConfigCheck.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <numeric>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo::report {
 namespace {

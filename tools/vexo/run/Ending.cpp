@@ -5,7 +5,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/check/StartLog.h"
 #include "tools/vexo/run/Signals.h"
 

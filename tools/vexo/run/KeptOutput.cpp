@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo::run {
 namespace {

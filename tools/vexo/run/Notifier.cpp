@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo::run {
 

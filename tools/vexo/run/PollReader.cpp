@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo::run {
 namespace {

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo::run {
 namespace {

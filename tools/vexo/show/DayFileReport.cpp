@@ -14,7 +14,7 @@
 #include "src/instruments/InstId.h"
 #include "src/util/LocalTime.h"
 #include "src/util/SafeFile.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/show/Harmless.h"
 
 namespace vexo {

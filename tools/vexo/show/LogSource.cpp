@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/LogLine.h"
 

@@ -1,7 +1,7 @@
 #include "tools/vexo/show/Terminal.h"
 
 #include "tools/cli/Manner.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo::terminal {
 

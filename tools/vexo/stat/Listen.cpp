@@ -10,7 +10,7 @@
 #include <exception>
 #include <memory>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 
 namespace vexo::stat {
 namespace {

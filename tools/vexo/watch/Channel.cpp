@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tools/cardtest/CardUnderTest.h"
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/check/CardUsers.h"
 #include "tools/vexo/check/Quiet.h"
 #include "tools/vexo/show/Harmless.h"

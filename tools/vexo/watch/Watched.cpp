@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <optional>
 
-#include "tools/vexo/Command.h"
+#include "tools/vexo/Failure.h"
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/stat/Views.h"
