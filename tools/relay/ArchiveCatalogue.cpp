@@ -174,15 +174,25 @@ void ArchiveCatalogue::fail() {
 
 std::vector<ArchiveCatalogue::File> ArchiveCatalogue::load() {
     std::vector<File> files;
+    if (m_isBehind || read(files)) return files;
+    if (isDamaged()) {  // behind its head
+        putAside();
+        if (open()) return {};
+    }
+    fail();
+    return {};
+}
+
+bool ArchiveCatalogue::read(std::vector<File>& files) {
     const Statement rows = prepare(kSelect);
-    if (rows == nullptr) return files;
+    if (rows == nullptr) return false;
     bindPlace(rows.get());
     int status = SQLITE_ROW;
     while ((status = sqlite3_step(rows.get())) == SQLITE_ROW) {
         Row row(rows.get());
         const std::uint64_t number = row.number();
         const std::string path = row.text();
-        row.number();
+        row.number();  // the place of the block, by which they are sorted
         if (files.empty() || files.back().number != number) files.push_back({number, path, {}});
         ScannedFile::Block block;
         block.place.offset = row.number();
@@ -204,14 +214,7 @@ std::vector<ArchiveCatalogue::File> ArchiveCatalogue::load() {
         facts.flags = row.word();
         files.back().blocks.push_back(block);
     }
-    if (status == SQLITE_DONE) return files;
-    if (!isDamaged()) {
-        fail();
-        return {};
-    }
-    putAside();
-    if (!open()) fail();
-    return {};
+    return status == SQLITE_DONE;
 }
 
 void ArchiveCatalogue::insert(const Statement& statement, const File& file, std::size_t index,

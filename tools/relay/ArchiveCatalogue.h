@@ -56,6 +56,7 @@ private:
     bool isOurs();
     bool isDamaged() const;
     void putAside();
+    bool read(std::vector<File>& files);
     bool run(const char* text);
     Statement prepare(const char* text);
     void bindPlace(sqlite3_stmt* statement) const;

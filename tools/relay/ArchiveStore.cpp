@@ -84,7 +84,8 @@ void ArchiveStore::takeOver() {
         isNew = isNew || files.back().blocks.size() != before;
     }
     if (again > 0)
-        m_report(std::to_string(again) + " files were read again, because the catalogue did not describe them");
+        m_report(std::to_string(again) + (again == 1 ? " file was" : " files were") +
+                 " read again, because the catalogue did not describe what is there");
     for (const ArchiveCatalogue::File& file : files) {
         m_paths[file.number] = file.path;
         for (std::size_t n = 0; n < file.blocks.size(); ++n)
@@ -110,11 +111,7 @@ std::vector<ArchiveCatalogue::File> ArchiveStore::all() const {
 
 void ArchiveStore::add(const wire::Message& message, std::uint64_t lost, std::uint64_t nowNs) {
     const bool isPacket = message.head.packets > 0;
-    const std::uint64_t every = m_rotateEveryNs;
-    // The files of different hours share no block.
-    if (isPacket && every != 0 && !m_growing.isEmpty() &&
-        message.head.timeNs / every != m_growing.facts().firstNs / every)
-        seal(nowNs);
+    if (isPacket && isOfAnotherHour(message.head.timeNs)) seal(nowNs);
     if (m_growing.isEmpty() && isPacket) m_begunNs = nowNs;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -126,9 +123,15 @@ void ArchiveStore::add(const wire::Message& message, std::uint64_t lost, std::ui
     if (m_growing.isFull()) seal(nowNs);
 }
 
+// The files of different hours share no block.
+bool ArchiveStore::isOfAnotherHour(std::uint64_t timeNs) const {
+    const std::uint64_t every = m_rotateEveryNs;
+    return every != 0 && !m_growing.isEmpty() && timeNs / every != m_growing.facts().firstNs / every;
+}
+
 void ArchiveStore::tick(std::uint64_t nowNs) {
     const bool isOld = nowNs - m_begunNs >= kOldNs;  // also when the clock was set back
-    if (isOld && (!m_growing.isEmpty() || hasNews())) seal(nowNs);
+    if ((isOld && (!m_growing.isEmpty() || hasNews())) || isOfAnotherHour(nowNs)) seal(nowNs);
     m_files.tick(nowNs);
 }
 

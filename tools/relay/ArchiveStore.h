@@ -62,6 +62,7 @@ private:
     static bool complete(ArchiveCatalogue::File& known, const ArchiveFile& file);
     void takeOver();
     bool hasNews() const;
+    bool isOfAnotherHour(std::uint64_t timeNs) const;
     void seal(std::uint64_t nowNs);
     void enter(const ArchiveFiles::Written& written, const BlockFacts& facts);
     void forgetRemoved();

@@ -113,8 +113,9 @@ TEST_F(RelayArchive, AnswersReceiversInTurn) {
     history.answer();
     history.answer();
     EXPECT_THAT(inbox.subjects, ElementsAre("_INBOX.greedy000001.999", "_INBOX.modest000001.1"));
-    history.close();
-    EXPECT_FALSE(history.answer()) << "nobody else waits";
+    history.ask(request.data(), request.size(), "_INBOX.modest000001.2");
+    history.answer();
+    EXPECT_EQ(inbox.subjects.back(), "_INBOX.modest000001.2") << "nobody else has waited";
 }
 
 TEST_F(RelayArchive, ManyReceiversAtOnceAreBounded) {
@@ -152,12 +153,12 @@ TEST_F(RelayArchive, AHostileRequestIsLeftOut) {
 
 TEST_F(RelayArchive, AnyNumbersInARequestAreAnswered) {
     Start();
-    Feed(0, 60'000);
+    Feed(0, 15'000);
     Tick();
     constexpr std::uint64_t kHuge = ~std::uint64_t{0};
     for (const std::uint64_t cursor : {std::uint64_t{1}, std::uint64_t{1} << 24, (std::uint64_t{1} << 24) + 1, kHuge}) {
         for (const std::uint64_t epoch : {std::uint64_t{0}, kEpoch, kHuge}) {
-            for (const std::uint64_t next : {std::uint64_t{0}, std::uint64_t{30'000}, kHuge}) {
+            for (const std::uint64_t next : {std::uint64_t{0}, std::uint64_t{10'000}, kHuge}) {
                 Inbox inbox;
                 ArchiveHistory history(*store, inbox, 64 * 1024);
                 const std::vector<unsigned char> bytes = wire::encodeHistoryRequest(
@@ -165,7 +166,8 @@ TEST_F(RelayArchive, AnyNumbersInARequestAreAnswered) {
                 history.ask(bytes.data(), bytes.size(), kReceiver);
                 history.answer();
                 EXPECT_THAT(inbox.subjects, SizeIs(1));
-                if (epoch == kEpoch && !inbox.packets.empty()) EXPECT_GE(inbox.packets.front().number, next);
+                const bool hasPackets = epoch == kEpoch && !inbox.packets.empty();
+                EXPECT_TRUE(!hasPackets || inbox.packets.front().number >= next);
             }
         }
     }
