@@ -1,6 +1,6 @@
-# vexo_command_line(<source>...): sources that read a command line. CLI11's templates take most of their time to compile,
-# and what they do takes none.
-function(vexo_command_line)
+# vexo_quick_build(<source>...): sources that read a command line, write JSON or match expressions once a run. The
+# templates of CLI11, nlohmann-json and <regex> take most of the time to compile, and what they do takes none.
+function(vexo_quick_build)
     set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-O0;-g1")
 endfunction()
 

@@ -32,7 +32,8 @@ bool strikesMapsOnly(PacketFaultKind kind) { return kind >= PacketFaultKind::kMa
 bool isDue(PacketFaultState& fault, std::uint64_t& random) {
     const PacketFault& rule = fault.rule;
     const std::uint64_t number = ++fault.seen;
-    if (number < rule.first || (number - rule.first) % rule.every != 0) return false;
+    // In shared memory another process can write any rule: it must not make this one divide by 0.
+    if (number < rule.first || (number - rule.first) % std::max(rule.every, 1U) != 0) return false;
     if (rule.times != 0 && fault.strikes >= rule.times) return false;
     return rule.perMillion == kMillion || nextRandom(random) % kMillion < rule.perMillion;
 }

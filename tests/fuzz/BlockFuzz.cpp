@@ -46,7 +46,7 @@ enum Switch : std::uint8_t {
     kWithReset = 4 | 8,  // few inputs: a reset walks all rows and takes longer than all else
 };
 
-std::size_t InPages(std::size_t bytes) { return (bytes + kPage - 1) / kPage * kPage; }
+static_assert(sizeof(CardBlock) % kPage == 0, "the block fills its pages");
 
 CardTime At(std::uint64_t ms) { return {ms * 1'000'000, 20250115, 100000, 0}; }
 
@@ -54,27 +54,43 @@ CardTime At(std::uint64_t ms) { return {ms * 1'000'000, 20250115, 100000, 0}; }
 class GuardedBlock {
 public:
     GuardedBlock() {
-        const std::size_t size = InPages(sizeof(CardBlock));
+        constexpr std::size_t size = sizeof(CardBlock);
         const int fd = ::memfd_create("block", MFD_CLOEXEC);
         fuzz::Require(fd >= 0 && ::ftruncate(fd, static_cast<off_t>(size)) == 0, "no memory for a block");
-        // The block's end lies at the guard behind it.
         void* const made = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         fuzz::Require(made != MAP_FAILED, "no memory for a block");
-        const std::size_t slack = size - sizeof(CardBlock);
-        SetToWork(*reinterpret_cast<CardBlock*>(static_cast<char*>(made) + slack));
+        SetToWork(*static_cast<CardBlock*>(made));
         ::munmap(made, size);
         void* const room = ::mmap(nullptr, size + 2 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         fuzz::Require(room != MAP_FAILED, "no memory for a block");
         m_begin = static_cast<char*>(room) + kPage;
-        m_size = size;
-        void* const placed = ::mmap(m_begin, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, fd, 0);
-        fuzz::Require(placed == m_begin, "no memory for a block");
-        m_block = reinterpret_cast<CardBlock*>(m_begin + slack);
-        ::close(fd);
+        m_fd = fd;
+        Place();
     }
 
-    CardBlock& Block() { return *m_block; }
-    void Restore() { fuzz::Require(::madvise(m_begin, m_size, MADV_DONTNEED) == 0, "the block is not restored"); }
+    CardBlock& Block() { return *reinterpret_cast<CardBlock*>(m_begin); }
+    void Restore() {
+        fuzz::Require(::madvise(m_begin, sizeof(CardBlock), MADV_DONTNEED) == 0, "the block is not restored");
+    }
+    /// The same when something else was mapped over parts of the block.
+    void Place() {
+        void* const placed = ::mmap(m_begin, sizeof(CardBlock), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, m_fd,
+                                    0);
+        fuzz::Require(placed == m_begin, "no memory for a block");
+    }
+    /// Writes the content with which each execution begins.
+    void CopyTo(int file) const {
+        std::vector<char> bytes;
+        off_t end = 0;
+        for (off_t begin = 0; (begin = ::lseek(m_fd, end, SEEK_DATA)) >= 0;) {
+            end = ::lseek(m_fd, begin, SEEK_HOLE);
+            bytes.resize(static_cast<std::size_t>(end - begin));
+            const auto size = static_cast<ssize_t>(bytes.size());
+            fuzz::Require(::pread(m_fd, bytes.data(), bytes.size(), begin) == size &&
+                              ::pwrite(file, bytes.data(), bytes.size(), begin) == size,
+                          "the block is not copied");
+        }
+    }
 
 private:
     // A card in full work: instruments learned, masks set, quotes and the contract map on their way.
@@ -105,9 +121,8 @@ private:
         card.advance(At(3020));
     }
 
+    int m_fd = -1;  // of the content
     char* m_begin = nullptr;
-    std::size_t m_size = 0;
-    CardBlock* m_block = nullptr;
 };
 
 /// The name of a card in a directory, and a process that counts as its host.
@@ -134,7 +149,6 @@ public:
     HostedFile& operator=(const HostedFile&) = delete;
 
     const test_support::TempDir& Dir() const { return m_dir; }
-    CardFile TakeFile() { return std::move(m_file); }
     /// Writes the begin of the file and gives it its size.
     void Write(const void* begin, std::size_t bytes, std::size_t size) const {
         fuzz::Require(::truncate(m_path.c_str(), static_cast<off_t>(size)) == 0, "the card's file is not cut");
@@ -161,6 +175,8 @@ private:
 class Campaign {
 public:
     void Run(fuzz::Input input) {
+        // A place of the state that an input made up: parts of the card's file are mapped over the block since.
+        if (m_card == nullptr || m_guarded.Block().place != 0) MakeCard();
         if (m_runs++ % kRunsOfOneRecord == 0) RecordAnew();
         m_guarded.Restore();
         const std::uint8_t switches = input.Byte();
@@ -221,6 +237,18 @@ private:
         ::munmap(&card->block(), sizeof(CardBlock));  // a program keeps a card for its life
     }
 
+    // The card's file belongs to it alone: nobody cuts it, and the state finds two more places in it.
+    void MakeCard() {
+        m_card.reset();
+        m_guarded.Place();
+        CardFile file = CardFile::create(m_hosted.Dir().Path(), 1, 0600, getegid());
+        fuzz::Require(file && ::unlink(file.path().c_str()) == 0 &&
+                          ::ftruncate(file.descriptor(), sizeof(CardBlock) + 2 * sizeof(CardState)) == 0,
+                      "no file for a card");
+        m_guarded.CopyTo(file.descriptor());
+        m_card = std::make_unique<SharedCard>(std::move(file), m_guarded.Block(), "fuzz");
+    }
+
     static void Show(SharedCard& card) {
         const auto status = readStatus(card);
         fuzz::Require(!status || toJson(*status).size() > toText(*status).size(), "a status without its fields");
@@ -277,7 +305,7 @@ private:
         CardBlock& block = m_guarded.Block();
         const std::uint8_t action = input.Byte();
         const std::uint32_t channel = action >> 4;
-        const StateLock lock(m_card.locks(), block.state);
+        const StateLock lock(m_card->locks(), block.state);
         if (!lock.owns()) return;
         Card card(block.state);
         const unsigned char packet[64] = {2};
@@ -305,7 +333,7 @@ private:
 
     GuardedBlock m_guarded;
     HostedFile m_hosted;
-    SharedCard m_card{m_hosted.TakeFile(), m_guarded.Block(), "fuzz"};
+    std::unique_ptr<SharedCard> m_card;
     std::unique_ptr<CardRecorder> m_recorder;
     unsigned int m_runs = 0;
     bool m_mayReset = false;

@@ -1,6 +1,7 @@
 // Memory that runs out while the configuration is loaded: it is loaded as a whole or not at all.
 
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include <limits>
 #include <map>
@@ -73,6 +74,21 @@ TEST_F(ConfigMemory, AStartThatFailedForMemoryCanBeRepeated) {
 
         EXPECT_EQ(result, 0U);
         EXPECT_EQ(config->m_strDmaChanName, "CUSTOM_CHAN0_DATA") << "after allocation " << nth;
+    }
+}
+
+TEST_F(ConfigMemory, AStartThatFailedForMemoryKeepsNone) {
+    if (kWithAddressSanitizer || kWithThreadSanitizer) GTEST_SKIP() << "the sanitizer has the allocator";
+    constexpr std::size_t kStarts = 32;
+    Lines output;
+    for (std::size_t nth = 1; FailsAt(nth, 1, output); ++nth) {
+        for (std::size_t i = 0; i < kStarts; ++i) FailsAt(nth, 1, output);  // what the allocator keeps for later
+        const std::size_t before = mallinfo2().uordblks;
+        for (std::size_t i = 0; i < kStarts; ++i) FailsAt(nth, 1, output);
+        const std::size_t after = mallinfo2().uordblks;
+
+        // The smallest block of the C library's allocator has 32 bytes.
+        EXPECT_LT(after, before + kStarts * 32) << "after allocation " << nth;
     }
 }
 
