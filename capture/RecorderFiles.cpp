@@ -16,6 +16,7 @@
 
 #include "capture/Format.h"
 #include "capture/StandardStreams.h"
+#include "capture/StoredFrame.h"
 
 namespace capture {
 namespace {
@@ -26,7 +27,6 @@ constexpr unsigned kMostTries = 1000;
 constexpr std::uint64_t kSecondNs = 1'000'000'000;
 constexpr std::uint64_t kMegabyte = 1U << 20;
 constexpr mode_t kMode = 0644;  // less the umask
-constexpr char kMark[] = "vexo tap recorder, file ";
 
 /// Closes a descriptor, and leaves errno as it is.
 class Descriptor {
@@ -49,8 +49,6 @@ private:
 Descriptor openFolder(const std::string& folder) {
     return Descriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
-
-std::string markOf(const std::string& name) { return kMark + name; }
 
 // Days since 1970 as year, month, day of the Gregorian calendar. The C library's functions share a lock with the
 // application, which a child of fork() may find taken for ever.
@@ -94,7 +92,10 @@ bool isBeingWritten(int fd) {
 bool hasMark(int fd, const std::string& mark) {
     unsigned char bytes[sizeof(format::SectionHead) + sizeof(format::OptionHead) + 512];
     const std::size_t wanted = sizeof(format::SectionHead) + sizeof(format::OptionHead) + mark.size();
-    if (wanted > sizeof bytes || ::pread(fd, bytes, wanted, 0) != static_cast<ssize_t>(wanted)) return false;
+    unsigned char frame[kStoredFrameHead];
+    const bool isStored = ::pread(fd, frame, sizeof frame, 0) == sizeof frame && isStoredFrame(frame);
+    const off_t begin = isStored ? kStoredFrameHead : 0;
+    if (wanted > sizeof bytes || ::pread(fd, bytes, wanted, begin) != static_cast<ssize_t>(wanted)) return false;
     format::SectionHead head{};
     format::OptionHead option{};
     std::memcpy(&head, bytes, sizeof head);
@@ -115,15 +116,28 @@ bool writeWhole(int fd, const BlockBuffer& bytes) {
 
 }  // namespace
 
-RecorderFiles::RecorderFiles(const std::string& path, Limits limits, Report report)
-    : m_limits(limits), m_report(std::move(report)) {
+RecorderFiles::RecorderFiles(const std::string& path, Limits limits, Report report, Maker maker)
+    : m_limits(limits), m_report(std::move(report)), m_maker(std::move(maker.name)) {
     // The application may change its directory.
     std::error_code error;
     std::filesystem::path whole = std::filesystem::absolute(path, error);
     if (error) whole = path;
     m_folder = whole.has_parent_path() ? whole.parent_path().string() : ".";
+    if (maker.compresses) {
+        m_ending = whole.extension().string();
+        whole.replace_extension();
+    }
     m_stem = whole.stem().string() + ".";
-    m_ending = whole.extension().string();
+    m_ending = whole.extension().string() + m_ending;
+}
+
+std::string RecorderFiles::markOf(const std::string& name) const { return m_maker + " recorder, file " + name; }
+
+std::map<std::uint64_t, std::string> RecorderFiles::files() {
+    look();
+    std::map<std::uint64_t, std::string> paths;
+    for (const auto& file : m_own) paths.emplace(file.first.first, m_folder + "/" + file.first.second);
+    return paths;
 }
 
 std::string RecorderFiles::nameOf(std::uint64_t number, std::uint64_t nowNs) const {
@@ -282,7 +296,7 @@ int RecorderFiles::createWithHead(const std::string& name, const BlockBuffer& he
     const Descriptor folder = openFolder(m_folder);
     if (folder.get() < 0) return -1;
     struct flock lock = wholeFile();
-    Descriptor nameless(::openat(folder.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kMode));
+    Descriptor nameless(::openat(folder.get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kMode));
     if (nameless.get() >= 0) {
         if (!writeWhole(nameless.get(), head)) return -1;
         ::fcntl(nameless.get(), F_SETLK, &lock);
@@ -292,7 +306,7 @@ int RecorderFiles::createWithHead(const std::string& name, const BlockBuffer& he
         if (errno == EEXIST) return -1;
     }
     // A file system without files that have no name, or no /proc.
-    Descriptor file(::openat(folder.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
+    Descriptor file(::openat(folder.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
     if (file.get() < 0) return -1;
     ::fcntl(file.get(), F_SETLK, &lock);
     if (writeWhole(file.get(), head)) return file.release();
@@ -317,6 +331,7 @@ RecorderFiles::Created RecorderFiles::create(std::uint64_t nowNs, const MakeHead
         const std::string name = nameOf(++m_lastNumber, nowNs);
         const BlockBuffer head = makeHead(markOf(name));
         created.name = m_folder + "/" + name;
+        created.number = m_lastNumber;
         created.bytes = head.size();
         created.fd = createWithHead(name, head);
         if (created.fd >= 0) m_current = name;

@@ -13,7 +13,8 @@
 namespace capture {
 
 /// The files of a recorder that keeps its newest ones: FILE.00000001.20261122T073132Z.pcapng and so on. The numbers go
-/// on where an earlier run stopped, so the names sort by age, whatever the clock did. The time is UTC.
+/// on where an earlier run stopped, so the names sort by age, whatever the clock did. The time is UTC. A compressed
+/// file has its head in a stored frame (capture/StoredFrame.h), and its name ends in ".pcapng.zst".
 ///
 /// The oldest files are removed when there are too many, or when space is short. A file is removed only if this
 /// recorder has made it: its name stands inside the file, too (its mark), it is a regular file of this user with one
@@ -31,14 +32,21 @@ public:
     using MakeHead = std::function<BlockBuffer(const std::string& mark)>;
 
     struct Created {
-        int fd = -1;
-        std::string name;         // its path
+        int fd = -1;       // for writing, and for reading what was written
+        std::string name;  // its path
+        std::uint64_t number = 0;
         std::uint64_t bytes = 0;  // of its head
         std::string problem;      // why there is none
     };
 
+    struct Maker {
+        std::string name = "vexo tap";  // stands in the mark
+        bool compresses = false;        // the ending of a file's name consists of two: ".pcapng.zst"
+    };
+
     /// @param path  what the user calls the recording: FILE.pcapng
-    RecorderFiles(const std::string& path, Limits limits, Report report);
+    RecorderFiles(const std::string& path, Limits limits, Report report) : RecorderFiles(path, limits, report, {}) {}
+    RecorderFiles(const std::string& path, Limits limits, Report report, Maker maker);
 
     /// Removes what is too old, and creates the next file with its head.
     Created create(std::uint64_t nowNs, const MakeHead& makeHead);
@@ -47,6 +55,8 @@ public:
 
     /// Whether there is space for so many bytes more. Removes old files for it.
     bool hasRoom(std::uint64_t bytes, std::uint64_t nowNs);
+    /// The paths of all files of this recorder, by their numbers.
+    std::map<std::uint64_t, std::string> files();
     /// Why there is none: "only 3 MB are free ...".
     std::string whyNoRoom() const;
 
@@ -57,6 +67,7 @@ private:
 
     std::optional<std::uint64_t> numberIn(const std::string& name) const;
     std::string nameOf(std::uint64_t number, std::uint64_t nowNs) const;
+    std::string markOf(const std::string& name) const;
     void look();
     void lookAt(int folder, const Key& key, ino_t inode, Files& own, Files& foreign);
     Found judge(int directory, const std::string& name) const;
@@ -70,9 +81,10 @@ private:
 
     std::string m_folder;
     std::string m_stem;    // of the names: "FILE."
-    std::string m_ending;  // ".pcapng", or nothing
+    std::string m_ending;  // ".pcapng", ".pcapng.zst", or nothing
     Limits m_limits;
     Report m_report;
+    std::string m_maker;
     Files m_own;      // the one that is written, too
     Files m_foreign;  // names like this recorder's that are none of its own
     std::uint64_t m_lastNumber = 0;

@@ -137,7 +137,7 @@ need_packages() {
 
 build_packages=(g++ cmake ninja-build libiniparser-dev)
 # What the tools need on top, unless -DVEXO_BUILD_TOOLS=OFF, and what the tests do.
-tool_packages=(libcli11-dev libmicrohttpd-dev libnats-dev libzstd-dev nlohmann-json3-dev)
+tool_packages=(libcli11-dev libmicrohttpd-dev libnats-dev libsqlite3-dev libzstd-dev nlohmann-json3-dev)
 test_packages=(clang clang-format clang-tidy cppcheck pkg-config libgtest-dev libgmock-dev binutils tshark valgrind python3
     python3-numpy man-db abigail-tools doxygen nats-server zstd)
 

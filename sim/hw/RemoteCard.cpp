@@ -13,17 +13,13 @@ namespace vexo_sim {
 namespace {
 
 constexpr std::chrono::milliseconds kHelloWait{1000};
+// Live messages that wait while a stream is in the past.
+constexpr std::size_t kMostWaitingBytes = 16 << 20;
 // How often a polling thread looks after the model's contract map.
 constexpr std::uint64_t kAdvanceEveryNs = 100'000;
 // Between two looks at a full ring.
 constexpr std::chrono::microseconds kFirstPause{100};
 constexpr std::chrono::microseconds kLongestPause{2000};
-
-std::uint64_t steadyNs() {
-    std::timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
-}
 
 std::string joined(const std::vector<std::string>& words) {
     std::string text;
@@ -38,6 +34,12 @@ std::string inMilliseconds(std::uint64_t ns) {
 }
 
 }  // namespace
+
+std::uint64_t RemoteCard::steadyNs() {
+    std::timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+}
 
 RemoteCard::RemoteCard(std::unique_ptr<Memory> memory, const RemoteSettings& settings, std::uint32_t bus,
                        remote::Transport& transport)
@@ -158,6 +160,7 @@ int RemoteCard::take(CardPart stream) {
         if (stream.kind != CardPart::kUp) return 0;
         Channel& channel = m_channels[stream.channel];
         channel.receiver.restart();
+        if (m_settings.sinceNs) channel.handover = std::make_unique<remote::Handover>(kMostWaitingBytes);
         opening = ++channel.opening;
     }
     join(stream.channel, opening);
@@ -185,25 +188,18 @@ void RemoteCard::join(std::uint32_t channel, std::uint32_t opening) {
             return isOther || hello.message.problem == wire::Problem::kNone;
         });
     tellNotice(channel, notice);
-    if (answer == remote::Answer::kTaken) return;
+    const bool isRelayThere = answer == remote::Answer::kTaken;
+    if (m_settings.sinceNs) startHistory({channel, opening, isRelayThere, {}, {}, false, 0, 0, 0});
+    if (isRelayThere) return;
     capture::printError(
         "libenyx-hw-c: no relay answers for channel %u of site %s, bus %u%s: the stream is idle until "
         "one sends.\n",
         channel, m_settings.site.c_str(), m_bus, answer == remote::Answer::kNone ? " within a second" : "");
 }
 
-// Work on the receiver of one opening of a channel. False when the stream was closed meanwhile.
-template <typename Work>
-bool RemoteCard::onChannel(std::uint32_t channel, std::uint32_t opening, Work work) {
-    const StateLock lock(locks(), state());
-    if (!lock.owns() || m_channels[channel].opening != opening) return false;
-    work(m_channels[channel].receiver, Card(state()));
-    return true;
-}
-
 void RemoteCard::welcome(std::uint32_t channel, std::uint32_t opening, const wire::Head& hello) {
-    onChannel(channel, opening, [&](remote::Receiver& receiver, Card card) {
-        receiver.greet(hello);
+    onChannel(channel, opening, [&](Channel& joined, Card card) {
+        if (joined.handover == nullptr) joined.receiver.greet(hello);
         if (hello.mtu != 0) card.state().config.mtu = safeMtu(hello.mtu);
     });
 }
@@ -217,37 +213,43 @@ void RemoteCard::giveBack(CardPart stream) {
         Channel& channel = m_channels[stream.channel];
         ++channel.opening;  // nothing more is put into the ring
         ignored = channel.receiver.ignored();
+        channel.handover.reset();
     }
     if (!isOfThisProcess()) return;
     m_transport.unsubscribe(stream.channel);
-    if (ignored > 0) tellChannel(stream.channel, std::to_string(ignored) + " messages were ignored in all.");
+    if (ignored > 0) tellOfChannel(stream.channel, std::to_string(ignored) + " messages were ignored in all.");
+}
+
+void RemoteCard::receive(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) {
+    if (!keepForLater(channel, opening, data, size)) put(channel, opening, data, size);
 }
 
 // A full ring makes this thread wait, and further messages wait in the transport's memory. So a reader that was away
-// for a moment loses nothing.
-void RemoteCard::receive(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) {
+// for a moment loses nothing. @return false when the stream was closed
+bool RemoteCard::put(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) {
     remote::Notice notice;
     bool isHeld = false;
-    bool isOpen = onChannel(channel, opening, [&](remote::Receiver& receiver, Card card) {
-        notice = receiver.receive(card, data, size, steadyNs());
-        isHeld = receiver.isHoldingBack();
+    bool isOpen = onChannel(channel, opening, [&](Channel& joined, Card card) {
+        notice = joined.receiver.receive(card, data, size, steadyNs());
+        isHeld = joined.receiver.isHoldingBack();
     });
     tellNotice(channel, notice);
     for (auto pause = kFirstPause; isOpen && isHeld && !m_isEnding; pause = std::min(2 * pause, kLongestPause)) {
         std::this_thread::sleep_for(pause);
-        isOpen = onChannel(channel, opening, [&](remote::Receiver& receiver, Card card) {
-            receiver.resume(card);
-            isHeld = receiver.isHoldingBack();
+        isOpen = onChannel(channel, opening, [&](Channel& joined, Card card) {
+            joined.receiver.resume(card);
+            isHeld = joined.receiver.isHoldingBack();
         });
     }
+    return isOpen && !isHeld;
 }
 
-void RemoteCard::tellChannel(std::uint32_t channel, const std::string& text) const {
+void RemoteCard::tellOfChannel(std::uint32_t channel, const std::string& text) const {
     capture::printError("libenyx-hw-c: channel %u of the remote card at bus %u: %s\n", channel, m_bus, text.c_str());
 }
 
 void RemoteCard::tellNotice(std::uint32_t channel, const remote::Notice& notice) const {
-    const auto tell = [&](const std::string& text) { tellChannel(channel, text); };
+    const auto tell = [&](const std::string& text) { tellOfChannel(channel, text); };
     switch (notice.kind) {
         case remote::Notice::kNotARelays:
             return tell("a message that is not a relay's was ignored; further ones are ignored without a line.");

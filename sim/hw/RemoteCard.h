@@ -2,12 +2,15 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "sim/hw/LocalCard.h"
 #include "sim/hw/RemoteSettings.h"
+#include "sim/remote/Handover.h"
 #include "sim/remote/Receiver.h"
 #include "sim/remote/Transport.h"
 #include "sim/scenario/Scenario.h"
@@ -21,6 +24,9 @@ namespace vexo_sim {
 /// A thread of the transport fills the rings. It holds the state's lock for the packets of one message, as whoever else
 /// writes into a ring does. The reader of a stream needs no lock. A full ring holds back the messages of its channel;
 /// the transport keeps some tens of megabytes of them.
+///
+/// A stream that begins in the past has a thread of its own until it has come up to the present (RemoteHistory.cpp):
+/// it asks the relay's archive for one piece after the other, and live messages wait meanwhile.
 class RemoteCard final : public LocalCard, private remote::MessageSink {
 public:
     /// Connects, and switches the card on as the scenario says. The card is never destroyed: the transport knows it.
@@ -50,6 +56,19 @@ private:
         explicit Channel(std::uint32_t number) : receiver(number) {}
         remote::Receiver receiver;
         std::uint32_t opening = 0;
+        std::unique_ptr<remote::Handover> handover;  // while the stream is in the past
+    };
+    // The part of the past that one opening of a channel has received.
+    struct Past {
+        std::uint32_t channel = 0;
+        std::uint32_t opening = 0;
+        bool isRelayThere = false;
+        wire::HistoryRequest request;
+        wire::HistoryEnd end;  // of the last answer
+        bool hasAnswer = false;
+        std::uint64_t answeredNs = 0;
+        std::uint64_t beginNs = 0;  // of the first packet; 0: none came
+        std::uint64_t packets = 0;
     };
 
     RemoteCard(std::unique_ptr<Memory> memory, const RemoteSettings& settings, std::uint32_t bus,
@@ -57,16 +76,33 @@ private:
 
     void receive(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) override;
     void tell(remote::LineState state, const std::string& server) override;
-    void end() override { m_isEnding = true; }
+    void end() override;
 
     void powerOn(const scenario::Scenario& scenario);
     void greetRelays();
     void join(std::uint32_t channel, std::uint32_t opening);
+    /// Work on one opening of a channel. False when the stream was closed meanwhile.
     template <typename Work>
-    bool onChannel(std::uint32_t channel, std::uint32_t opening, Work work);
+    bool onChannel(std::uint32_t channel, std::uint32_t opening, Work work) {
+        const StateLock lock(locks(), state());
+        if (!lock.owns() || m_channels[channel].opening != opening) return false;
+        work(m_channels[channel], Card(state()));
+        return true;
+    }
+    static std::uint64_t steadyNs();
     void welcome(std::uint32_t channel, std::uint32_t opening, const wire::Head& hello);
-    void tellChannel(std::uint32_t channel, const std::string& text) const;
+    bool put(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size);
+    bool keepForLater(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size);
     void tellNotice(std::uint32_t channel, const remote::Notice& notice) const;
+    void tellOfChannel(std::uint32_t channel, const std::string& text) const;
+
+    void startHistory(const Past& past);
+    void followHistory(Past past);
+    enum class Pulled { kAnswer, kNothing, kOver };
+    Pulled pull(Past& past);
+    bool isWorthAsking(const Past& past, remote::Answer answer) const;
+    bool goLive(const Past& past, bool isGivenUp);
+    void tellLive(const Past& past) const;
     bool isOfThisProcess() const;
     bool isAdvanceDue();
     remote::Place place(std::uint32_t channel) const { return {m_settings.site, m_bus, channel}; }
@@ -82,6 +118,9 @@ private:
     std::atomic<bool> m_isRefusalTold{false};
     std::atomic<bool> m_isSlowTold{false};
     std::atomic<bool> m_isEnding{false};
+    std::mutex m_historyMutex;
+    std::condition_variable m_historyEnded;
+    std::uint32_t m_histories = 0;  // threads that receive the past
 };
 
 }  // namespace vexo_sim

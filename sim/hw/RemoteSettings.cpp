@@ -1,8 +1,10 @@
 #include "sim/hw/RemoteSettings.h"
 
 #include <cstdlib>
+#include <ctime>
 
 #include "sim/hw/Cards.h"
+#include "sim/remote/Moment.h"
 
 namespace vexo_sim {
 namespace {
@@ -40,6 +42,18 @@ bool readRegisters(RemoteSettings& settings, std::string& error) {
     return false;
 }
 
+bool readSince(RemoteSettings& settings, std::string& error) {
+    const std::string text = environment("VEXO_SIM_REMOTE_SINCE");
+    if (text.empty()) return true;
+    std::timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const auto nowNs = static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+    settings.sinceNs = remote::pastMomentOf(text, nowNs);
+    if (settings.sinceNs) return true;
+    error = "VEXO_SIM_REMOTE_SINCE is \"" + text + "\": " + remote::kMomentForms;
+    return false;
+}
+
 }  // namespace
 
 std::optional<RemoteSettings> readRemoteSettings(std::string& error) {
@@ -54,7 +68,9 @@ std::optional<RemoteSettings> readRemoteSettings(std::string& error) {
         error = "VEXO_SIM_REMOTE: " + error;
         return std::nullopt;
     }
-    if (!readSite(settings, error) || !readBus(settings, error) || !readRegisters(settings, error)) return std::nullopt;
+    if (!readSite(settings, error) || !readBus(settings, error) || !readRegisters(settings, error) ||
+        !readSince(settings, error))
+        return std::nullopt;
     return settings;
 }
 

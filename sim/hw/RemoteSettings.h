@@ -14,6 +14,8 @@ struct RemoteSettings {
     std::string site = "local";        // VEXO_SIM_REMOTE_SITE
     std::optional<std::uint32_t> bus;  // VEXO_SIM_REMOTE_BUS
     bool ownRegisters = false;         // VEXO_SIM_REMOTE_REGISTERS=own
+    /// VEXO_SIM_REMOTE_SINCE: streams begin with the packets from then on, nanoseconds since 1970.
+    std::optional<std::uint64_t> sinceNs;
 };
 
 /// Nothing, with one line in @p error, when a value cannot be used.

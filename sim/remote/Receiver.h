@@ -3,8 +3,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 #include "sim/card/Card.h"
+#include "sim/remote/Handover.h"
 #include "sim/remote/Wire.h"
 
 namespace vexo_sim::remote {
@@ -51,6 +53,10 @@ public:
     bool isHoldingBack() const { return m_held.packets.data != nullptr; }
     void resume(Card& card);
 
+    /// Nothing before the first message.
+    std::optional<Position> position() const {
+        return m_run != nullptr ? std::make_optional(Position{m_run->epoch, m_run->next}) : std::nullopt;
+    }
     /// Messages that were ignored since restart().
     std::uint64_t ignored() const { return m_ignored; }
 

@@ -46,6 +46,8 @@ std::string streamSubject(const Place& place) { return subjectOf(place) + ".stre
 
 std::string helloSubject(const Place& place) { return subjectOf(place) + ".hello"; }
 
+std::string historySubject(const Place& place) { return subjectOf(place) + ".history"; }
+
 std::string contractSubject(const Place& place, std::uint32_t type, const std::string& key) {
     return subjectOf(place) + ".q." + std::to_string(type) + "." + key;
 }

@@ -23,6 +23,8 @@ std::string subjectOf(const Place& place);
 std::string streamSubject(const Place& place);
 /// Where the relay answers who it is.
 std::string helloSubject(const Place& place);
+/// Where the relay's archive answers.
+std::string historySubject(const Place& place);
 /// Packets of one contract. @p key must have no blank, '.', '*' or '>'.
 std::string contractSubject(const Place& place, std::uint32_t type, const std::string& key);
 

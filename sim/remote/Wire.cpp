@@ -203,4 +203,55 @@ Hello decodeHello(const void* data, std::size_t size) {
     return hello;
 }
 
+std::vector<unsigned char> encodeHistoryRequest(const HistoryRequest& request) {
+    HistoryRequestBytes whole{{},
+                              kVersion,
+                              sizeof(HistoryRequestBytes),
+                              request.cursor,
+                              request.epoch,
+                              request.next,
+                              request.timeNs,
+                              request.mostBytes,
+                              0};
+    std::memcpy(whole.magic, kMagic, sizeof kMagic);
+    std::vector<unsigned char> bytes(sizeof whole);
+    std::memcpy(bytes.data(), &whole, sizeof whole);
+    return bytes;
+}
+
+bool decodeHistoryRequest(const void* data, std::size_t size, HistoryRequest& request) {
+    HistoryRequestBytes whole;
+    if (size != sizeof whole) return false;
+    std::memcpy(&whole, data, sizeof whole);
+    const bool isOurs = std::memcmp(whole.magic, kMagic, sizeof kMagic) == 0 && whole.version == kVersion &&
+                        whole.bytes == sizeof whole && whole.reserved == 0;
+    request = {whole.cursor, whole.epoch, whole.next, whole.timeNs, whole.mostBytes};
+    return isOurs;
+}
+
+std::vector<unsigned char> encodeHistoryEnd(const HistoryEnd& end) {
+    Head head = end.head;
+    head.packets = 0;
+    head.flags |= kHistory | kHeartbeat;
+    const HistoryEndBytes whole{toBytes(head, sizeof(HistoryEndBytes) - kHeadBytes), end.cursor, end.messages,
+                                end.isAll ? 1U : 0U};
+    std::vector<unsigned char> bytes(sizeof whole);
+    std::memcpy(bytes.data(), &whole, sizeof whole);
+    return bytes;
+}
+
+bool decodeHistoryEnd(const void* data, std::size_t size, HistoryEnd& end) {
+    HistoryEndBytes whole;
+    if (size != sizeof whole) return false;
+    HeadBytes head{};
+    const Message message = decodeHead(data, size, head);
+    std::memcpy(&whole, data, sizeof whole);
+    constexpr std::uint32_t kFlags = kHistory | kHeartbeat;
+    if (message.problem != Problem::kNone || (head.flags & kFlags) != kFlags || head.packets != 0 ||
+        head.packetBytes != sizeof whole - kHeadBytes || head.mtu > kMaxPacketBytes || whole.isAll > 1)
+        return false;
+    end = {message.head, whole.cursor, whole.messages, whole.isAll == 1};
+    return true;
+}
+
 }  // namespace vexo_sim::wire

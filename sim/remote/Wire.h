@@ -21,6 +21,7 @@ inline constexpr std::uint32_t kMaxPacketBytes = 65536;  // the largest MTU of a
 inline constexpr std::uint32_t kHeartbeat = 1;  // no packets: the counts, while the channel is quiet
 inline constexpr std::uint32_t kSelection = 2;  // packets of one type and contract: their numbers count these alone
 inline constexpr std::uint32_t kSimulated = 4;  // the relay's own card is a simulated one
+inline constexpr std::uint32_t kHistory = 8;    // from the relay's archive, to one receiver that asked for it
 
 /// Counts of the relay's stream since its epoch began.
 struct Counts {
@@ -168,5 +169,52 @@ std::uint16_t versionOfHelloRequest(const void* data, std::size_t size);
 std::vector<unsigned char> encodeHello(const Head& head, const std::string& user, const std::string& host);
 /// User and host are made printable: they come from another machine.
 Hello decodeHello(const void* data, std::size_t size);
+
+/// What a receiver asks the archive of a relay for: the packets from a moment on, or those that follow an answer.
+struct HistoryRequest {
+    std::uint64_t cursor = 0;     // of the last answer; 0: the packets from timeNs on
+    std::uint64_t epoch = 0;      // of the packet that came last, and
+    std::uint64_t next = 0;       // the number that follows it: packets of this epoch below it are not wanted
+    std::uint64_t timeNs = 0;     // since 1970; without a cursor
+    std::uint32_t mostBytes = 0;  // the answer ends with the first block of the archive that reaches so many
+};
+struct HistoryRequestBytes {
+    char magic[4];
+    std::uint16_t version;
+    std::uint16_t bytes;
+    std::uint64_t cursor;
+    std::uint64_t epoch;
+    std::uint64_t next;
+    std::uint64_t timeNs;
+    std::uint32_t mostBytes;
+    std::uint32_t reserved;
+};
+static_assert(sizeof(HistoryRequestBytes) == 48 && offsetof(HistoryRequestBytes, cursor) == 8);
+static_assert(offsetof(HistoryRequestBytes, timeNs) == 32 && offsetof(HistoryRequestBytes, mostBytes) == 40);
+
+std::vector<unsigned char> encodeHistoryRequest(const HistoryRequest& request);
+/// False when this is no such request of this version.
+bool decodeHistoryRequest(const void* data, std::size_t size, HistoryRequest& request);
+
+/// The last message of an answer. The others are messages as of the stream, with kHistory.
+struct HistoryEnd {
+    /// Of the stream as it is now. `first` is the number that the archive gets next: what is below and is not in the
+    /// archive will not come.
+    Head head;
+    std::uint64_t cursor = 0;    // where the next request goes on; 0: at its moment
+    std::uint32_t messages = 0;  // of this answer, before this one
+    bool isAll = false;          // the archive has nothing more now
+};
+struct HistoryEndBytes {
+    HeadBytes head;
+    std::uint64_t cursor;
+    std::uint32_t messages;
+    std::uint32_t isAll;
+};
+static_assert(sizeof(HistoryEndBytes) == kHeadBytes + 16);
+
+std::vector<unsigned char> encodeHistoryEnd(const HistoryEnd& end);
+/// False for any other message.
+bool decodeHistoryEnd(const void* data, std::size_t size, HistoryEnd& end);
 
 }  // namespace vexo_sim::wire

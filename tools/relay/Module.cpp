@@ -53,24 +53,35 @@ void showText(std::FILE* out, const Result& result) {
                  result.counts.lostByRing, result.counts.fifoErrors + result.counts.streamErrors,
                  result.counts.fifoErrors, result.counts.streamErrors, result.counts.lostByRelay);
     if (result.contracts > 0) std::fprintf(out, "%zu contracts with a subject of their own\n", result.contracts);
+    if (result.archive)
+        std::fprintf(out,
+                     "archive: %" PRIu64 " packets in %u files, %" PRIu64 " packets lost to it, %" PRIu64
+                     " requests answered\n",
+                     result.archive->packets, result.archive->files, result.archive->lost, result.archive->answers);
     if (result.timesLost > 0) std::fprintf(out, "the connection was lost %u times\n", result.timesLost);
     if (!result.isFlushed) std::fprintf(out, "the server has not confirmed the last messages\n");
 }
 
 void showJson(std::FILE* out, const Settings& settings, const Result& result) {
-    const nlohmann::ordered_json json = {{"subject", streamSubject(settings.place)},
-                                         {"packets", result.delivered},
-                                         {"sent", result.sent.packets},
-                                         {"messages", result.sent.messages},
-                                         {"bytes", result.sent.bytes},
-                                         {"lost",
-                                          {{"ring", result.counts.lostByRing},
-                                           {"fifo", result.counts.fifoErrors},
-                                           {"errors", result.counts.streamErrors},
-                                           {"relay", result.counts.lostByRelay}}},
-                                         {"contracts", result.contracts},
-                                         {"connection_lost", result.timesLost},
-                                         {"confirmed", result.isFlushed}};
+    nlohmann::ordered_json json = {{"subject", streamSubject(settings.place)},
+                                   {"packets", result.delivered},
+                                   {"sent", result.sent.packets},
+                                   {"messages", result.sent.messages},
+                                   {"bytes", result.sent.bytes},
+                                   {"lost",
+                                    {{"ring", result.counts.lostByRing},
+                                     {"fifo", result.counts.fifoErrors},
+                                     {"errors", result.counts.streamErrors},
+                                     {"relay", result.counts.lostByRelay}}},
+                                   {"contracts", result.contracts},
+                                   {"connection_lost", result.timesLost},
+                                   {"confirmed", result.isFlushed}};
+    json["archive"] = nullptr;
+    if (result.archive)
+        json["archive"] = {{"packets", result.archive->packets},
+                           {"lost", result.archive->lost},
+                           {"files", result.archive->files},
+                           {"answers", result.archive->answers}};
     std::fprintf(out, "%s\n", json.dump(2).c_str());
 }
 

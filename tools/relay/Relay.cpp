@@ -161,13 +161,25 @@ void Relay::makeBatcher() {
                                              ": raise max_payload of the server");
     BatchLimits limits = m_settings.limits;
     limits.bytes = std::min(limits.bytes, largest);
-    m_batcher = std::make_unique<Batcher>(m_servers, streamSubject(m_settings.place), m_facts, limits);
+    Network& network = m_settings.archive.directory.empty() ? m_servers : makeArchive(limits.bytes);
+    m_batcher = std::make_unique<Batcher>(network, streamSubject(m_settings.place), m_facts, limits);
     if (m_settings.byContract) {
         m_layouts = std::make_unique<vexo::data::Layouts>(std::vector<std::string>{});
         m_contracts = std::make_unique<Contracts>(*m_layouts, m_settings.place);
         m_batcher->addContracts(*m_contracts);
     }
     m_hello->setHead(m_batcher->head(tap::clock_ticks::timeOfDay()));
+}
+
+Network& Relay::makeArchive(std::size_t messageBytes) {
+    wire::Head stream;
+    stream.epoch = m_facts.epoch;
+    stream.mtu = m_facts.mtu;
+    stream.flags = m_facts.flags;
+    const Archive::Surroundings around{m_settings.place, m_settings.connection, m_settings.queueBytes, messageBytes,
+                                       m_cpus};
+    m_archive = std::make_unique<Archive>(m_settings.archive, around, stream, m_servers);
+    return *m_archive;
 }
 
 std::string Relay::describe() const {
@@ -233,6 +245,7 @@ Result Relay::run(const std::atomic<bool>& stop) {
     endSender();
     Result result;
     result.isFlushed = m_servers.connection().flush(kConfirmAtEnd);
+    if (m_archive != nullptr) result.archive = m_archive->end();
     result.delivered = m_queue.delivered();
     result.sent = m_batcher->sent();
     result.counts = m_batcher->head(0).counts;

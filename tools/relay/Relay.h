@@ -5,9 +5,11 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
+#include "tools/relay/Archive.h"
 #include "tools/relay/Batcher.h"
 #include "tools/relay/Contracts.h"
 #include "tools/relay/Network.h"
@@ -65,6 +67,7 @@ struct Result {
     wire::Counts counts;
     std::size_t contracts = 0;
     unsigned timesLost = 0;
+    std::optional<Archive::Totals> archive;
     bool isFlushed = false;  // the server has confirmed everything
 };
 
@@ -85,6 +88,7 @@ public:
 private:
     void refuseSecond();
     void makeBatcher();
+    Network& makeArchive(std::size_t messageBytes);
     void startSender();
     void endSender();
     void send();
@@ -98,6 +102,7 @@ private:
     StreamFacts m_facts;
     std::unique_ptr<vexo::data::Layouts> m_layouts;
     std::unique_ptr<Contracts> m_contracts;
+    std::unique_ptr<Archive> m_archive;  // null: none is wanted
     std::unique_ptr<Batcher> m_batcher;
     const std::shared_ptr<Hello> m_hello;
     vexo_sim::remote::Subscription m_helloSubscription;

@@ -5,6 +5,7 @@
 
 #include "sim/remote/Subjects.h"
 #include "sim/remote/nats/Connection.h"
+#include "tools/relay/ArchiveSettings.h"
 #include "tools/relay/Batcher.h"
 
 namespace relay {
@@ -26,6 +27,7 @@ struct Settings {
     std::size_t queueBytes = 64 * kMegabyte;
     bool byContract = false;
     bool beside = false;           // packets that an application shares; no channel is opened
+    ArchiveSettings archive;
     double seconds = 0;            // 0: until SIGINT or SIGTERM
     std::uint64_t pollRestUs = 0;  // sleep of the polling thread when there is no packet
     bool json = false;

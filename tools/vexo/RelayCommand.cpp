@@ -4,8 +4,10 @@
 #include <memory>
 
 #include "interface/CardRegisters.h"
+#include "tools/cli/Duration.h"
 #include "tools/cli/Values.h"
 #include "tools/relay/Settings.h"
+#include "tools/tap/Settings.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/InputFile.h"
 #include "tools/vexo/Places.h"
@@ -25,6 +27,9 @@ struct Options {
     std::uint64_t batchTimeUs = 100;
     std::uint64_t queueMb = 64;
     CLI::Option* pollRest = nullptr;
+    std::uint64_t rotateMb = relay::ArchiveSettings().rotateBytes / relay::kMegabyte;
+    std::uint64_t rotateSeconds = 0;
+    std::uint64_t keepSpaceMb = relay::ArchiveSettings().keepFreeBytes / relay::kMegabyte;
     CLI::Option* channel = nullptr;
     CLI::Option* bus = nullptr;
 };
@@ -70,6 +75,9 @@ relay::Settings settingsOf(const Options& options) {
     settings.limits.timeNs = options.batchTimeUs * 1000;
     settings.queueBytes = options.queueMb * relay::kMegabyte;
     if (options.settings.beside && options.pollRest->count() == 0) settings.pollRestUs = kBesideRestUs;
+    settings.archive.rotateBytes = options.rotateMb * relay::kMegabyte;
+    settings.archive.rotateEveryNs = options.rotateSeconds * 1'000'000'000;
+    settings.archive.keepFreeBytes = options.keepSpaceMb * relay::kMegabyte;
     return settings;
 }
 
@@ -113,6 +121,43 @@ void addLimits(CLI::App& command, Options& options) {
                            ->capture_default_str();
 }
 
+// As those of a recording: vexo tap has the same.
+void addArchive(CLI::App& command, Options& options) {
+    relay::ArchiveSettings& archive = options.settings.archive;
+    CLI::Option* const directory =
+        command
+            .add_option("--archive", archive.directory,
+                        "Keep the packets in files of this directory, for programs that start with --since")
+            ->type_name("DIR")
+            ->check(cli::directory());
+    CLI::Option* const rotate = command
+                                    .add_option("--rotate", options.rotateMb,
+                                                "Start another file before one grows beyond so many megabytes")
+                                    ->type_name("MB")
+                                    ->transform(cli::wholeNumber(1, tap::kMaxRotateMb))
+                                    ->capture_default_str();
+    CLI::Option* const rotateEvery =
+        command
+            .add_option("--rotate-every", options.rotateSeconds,
+                        "Start another file at each multiple of this time: 1h is at each full hour of UTC. TIME is "
+                        "seconds, or a number with s, m, h or d")
+            ->type_name("TIME")
+            ->transform(cli::duration(tap::kMaxSeconds));
+    CLI::Option* const keep = command.add_option("--keep", archive.keep, "Keep the newest N files, remove older ones")
+                                  ->type_name("N")
+                                  ->transform(cli::wholeNumber(tap::kLeastKeptFiles, tap::kMostKeptFiles))
+                                  ->capture_default_str();
+    CLI::Option* const keepSpace =
+        command
+            .add_option("--keep-space", options.keepSpaceMb,
+                        "Megabytes of the disk to leave free: older files are removed for it; then nothing is stored "
+                        "until there is space again")
+            ->type_name("MB")
+            ->transform(cli::wholeNumber(0, tap::kMaxKeepSpaceMb))
+            ->capture_default_str();
+    for (CLI::Option* one : {rotate, rotateEvery, keep, keepSpace}) one->needs(directory);
+}
+
 }  // namespace
 
 void addRelay(CLI::App& app, Invocation& invocation) {
@@ -142,6 +187,7 @@ void addRelay(CLI::App& app, Invocation& invocation) {
         "--by-contract", settings.byContract,
         "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
     addLimits(*relay, *options);
+    addArchive(*relay, *options);
     addServerFiles(*relay, settings.connection);
     relay->add_option("--seconds", settings.seconds, "End after so long; 0: at SIGINT or SIGTERM")
         ->type_name("SECONDS")

@@ -2,10 +2,12 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <optional>
 
+#include "sim/remote/Moment.h"
 #include "sim/remote/Subjects.h"
 #include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
@@ -24,6 +26,7 @@ struct Options {
     std::string site = "local";
     std::optional<int> bus;
     vexo_sim::remote::ConnectionSettings connection;
+    std::string since;
     bool ownRegisters = false;
     bool sharedDayFile = false;
 };
@@ -36,6 +39,17 @@ void check(const Options& options) {
     if (vexo_sim::remote::serversOf(options.servers, error).empty()) throw Failure(kUsage, "--from: " + error);
     if (!vexo_sim::remote::isSite(options.site))
         throw Failure(kUsage, "--site " + options.site + ": use 1 to 32 letters, digits, _ and -");
+}
+
+// The moment is fixed here: a program that is started again at once begins with the same packets.
+std::string sinceOf(const Options& options) {
+    if (options.since.empty()) return {};
+    std::timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const auto nowNs = static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+    const auto found = vexo_sim::remote::pastMomentOf(options.since, nowNs);
+    if (!found) throw Failure(kUsage, "--since " + options.since + ": " + vexo_sim::remote::kMomentForms);
+    return vexo_sim::remote::secondsText(*found);
 }
 
 // Without the option, the environment may name the file. The program may change its directory before it connects.
@@ -62,6 +76,7 @@ int run(const Options& options, const Program& program) {
     set("VEXO_SIM_REMOTE_SITE", options.site);
     set("VEXO_SIM_REMOTE_BUS", options.bus ? std::to_string(*options.bus) : "");
     set("VEXO_SIM_REMOTE_REGISTERS", options.ownRegisters ? "own" : "");
+    set("VEXO_SIM_REMOTE_SINCE", sinceOf(options));
     set("VEXO_SIM_DAY_FILES", options.sharedDayFile ? "" : privateDayFiles());
     if (!options.sharedDayFile) preload(dayFileLibrary());
     prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
@@ -89,6 +104,11 @@ void addRemote(CLI::App& app, Invocation& invocation) {
     runIt->add_option("--bus", options->bus, "Number of the card at the relay, and of the card that the program finds")
         ->type_name("N")
         ->transform(cli::wholeNumber(0, kLastBus));
+    runIt
+        ->add_option("--since", options->since,
+                     "Receive the packets from this time on first, from the relay's archive: 09:00, \"2026-11-22 "
+                     "09:00\" of the exchange's zone, or seconds since 1970")
+        ->type_name("TIME");
     runIt->add_flag("--own-registers", options->ownRegisters,
                     "Let a model in the program answer its registers, and send it a contract map");
     addServerFiles(*runIt, options->connection);

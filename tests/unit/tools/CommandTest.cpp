@@ -96,12 +96,15 @@ TEST_F(Command, AWrongCommandLineEndsWithTwoAndSaysWhatIsWrong) {
         {"relay --channel 3 --to http://h", "vexo: --to: \"http://h\" is not nats://HOST:PORT or tls://HOST:PORT\n"},
         {"relay --channel 3 --to nats://me:secret@h", "vexo: --to: a server's address must not carry a user"},
         {"relay --channel 3 --to nats://h --site a.b", "vexo: --site a.b: use 1 to 32 letters, digits, _ and -\n"},
+        {"relay --channel 3 --to nats://h --archive none", "vexo: --archive: "},
+        {"relay --channel 3 --to nats://h --keep 3", "vexo: --keep requires --archive"},
         {"relay none.ini --to nats://h", "vexo: none.ini: No such file or directory\n"},
         {"remote run --from nats://h", "vexo: no program to run: put it after --"},
         {"remote run -- true", "vexo: no servers: give --from nats://HOST:PORT"},
         {"remote run --from nats://me:secret@h -- true", "vexo: --from: a server's address must not carry a user"},
         {"remote run --from nats://h --site a.b -- true", "vexo: --site a.b: use 1 to 32 letters, digits, _ and -\n"},
         {"remote run --from nats://h --bus 5 -- true", "vexo: --bus: 5 is not a whole number from 0 to 4\n"},
+        {"remote run --from nats://h --since noon -- true", "vexo: --since noon: write 09:00 or"},
         {"remote run --from nats://h --creds none -- true", "vexo: none: No such file or directory\n"},
         {"stat --json --loss", "--loss excludes --json"},
         {"stat --listen 0 --prometheus -", "--prometheus excludes --listen"},
@@ -216,6 +219,8 @@ TEST_F(Command, RemoteRunHandsOnWhereTheCardIs) {
     EXPECT_EQ(vexo("remote run --from nats://a:1,b:2" + show).output, "remote|nats://a:1,b:2|local|||\n");
     EXPECT_EQ(vexo("remote run --from a --site colo --bus 3 --own-registers --user-file me" + show).output,
               "remote|a|colo|3|own|" + dir.Path("me") + "\n");
+    EXPECT_EQ(vexo("remote run --from a --since 1736902800 -- sh -c 'echo $VEXO_SIM_REMOTE_SINCE'").output,
+              "1736902800.000000000\n");
 }
 
 TEST_F(Command, SimRunChecksTheScenarioBeforeTheProgramStarts) {

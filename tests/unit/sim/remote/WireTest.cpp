@@ -202,5 +202,41 @@ TEST(Wire, ARequestForAHelloIsKnownByItsVersion) {
     EXPECT_EQ(versionOfHelloRequest(request.data(), request.size()), 0U);
 }
 
+TEST(Wire, ARequestToTheArchiveIsReadAsItWasWritten) {
+    const std::vector<unsigned char> bytes = encodeHistoryRequest({1, 2, 3, 4, 5});
+    HistoryRequest request;
+    ASSERT_TRUE(decodeHistoryRequest(bytes.data(), bytes.size(), request));
+    EXPECT_EQ(request.cursor, 1U);
+    EXPECT_EQ(request.epoch, 2U);
+    EXPECT_EQ(request.next, 3U);
+    EXPECT_EQ(request.timeNs, 4U);
+    EXPECT_EQ(request.mostBytes, 5U);
+    for (std::size_t size = 0; size < bytes.size(); ++size)
+        EXPECT_FALSE(decodeHistoryRequest(bytes.data(), size, request)) << size;
+    for (const std::size_t at : {0U, 4U, 6U, 44U}) {  // magic, version, size, reserved
+        std::vector<unsigned char> other = bytes;
+        ++other[at];
+        EXPECT_FALSE(decodeHistoryRequest(other.data(), other.size(), request)) << at;
+    }
+}
+
+TEST(Wire, TheEndOfAnAnswerIsNoMessageOfAStream) {
+    const std::vector<unsigned char> bytes = encodeHistoryEnd({SomeHead(), 77, 3, true});
+    HistoryEnd end;
+    ASSERT_TRUE(decodeHistoryEnd(bytes.data(), bytes.size(), end));
+    EXPECT_EQ(end.head.first, 1000U);
+    EXPECT_EQ(end.cursor, 77U);
+    EXPECT_EQ(end.messages, 3U);
+    EXPECT_TRUE(end.isAll);
+    EXPECT_NE(decode(bytes.data(), bytes.size()).problem, Problem::kNone);
+    for (std::size_t size = 0; size < bytes.size(); ++size)
+        EXPECT_FALSE(decodeHistoryEnd(bytes.data(), size, end)) << size;
+    for (const std::size_t at : {0U, 4U, 32U, 36U, 84U, 108U}) {  // magic, version, packets, bytes, flags, isAll
+        std::vector<unsigned char> other = bytes;
+        ++other[at];
+        EXPECT_FALSE(decodeHistoryEnd(other.data(), other.size(), end)) << at;
+    }
+}
+
 }  // namespace
 }  // namespace vexo_sim::wire
