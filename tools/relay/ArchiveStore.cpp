@@ -68,10 +68,13 @@ void ArchiveStore::takeOver() {
     std::vector<ArchiveCatalogue::File> files;
     std::size_t again = 0;
     bool isNew = known.size() != paths.size();
-    for (const auto& [number, path] : paths) {
+    for (const auto& one : paths) {
+        const std::uint64_t number = one.first;
+        const std::string& path = one.second;
         const ArchiveFile file(path);
-        const auto isIt = [&, name = std::filesystem::path(path).filename()](const ArchiveCatalogue::File& one) {
-            return one.number == number && one.path == name;
+        const std::string name = std::filesystem::path(path).filename();
+        const auto isIt = [&](const ArchiveCatalogue::File& each) {
+            return each.number == number && each.path == name;
         };
         const auto found = std::find_if(known.begin(), known.end(), isIt);
         const std::size_t before = found != known.end() ? found->blocks.size() : 0;
