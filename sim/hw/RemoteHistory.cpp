@@ -3,13 +3,13 @@
 #include <pthread.h>
 
 #include <chrono>
-#include <csignal>
 #include <system_error>
 #include <thread>
 #include <utility>
 
 #include "sim/hw/RemoteCard.h"
 #include "sim/remote/Moment.h"
+#include "sim/remote/SignalsBlocked.h"
 
 namespace vexo_sim {
 namespace {
@@ -21,22 +21,6 @@ constexpr std::chrono::milliseconds kAskForMore{10};  // an archive stores what 
 constexpr std::uint32_t kPullBytes = 2 << 20;
 
 using Messages = std::vector<std::vector<unsigned char>>;
-
-// The application's handlers must not run on the new thread.
-class SignalsBlocked {
-public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_before);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t m_before;
-};
 
 bool isFromArchive(const wire::Message& message) {
     return message.problem == wire::Problem::kNone && (message.head.flags & wire::kHistory) != 0;
@@ -73,7 +57,7 @@ void RemoteCard::startHistory(const Past& past) {
         m_historyEnded.notify_all();
     };
     try {
-        const SignalsBlocked blocked;
+        const remote::SignalsBlocked blocked;  // the application's handlers must not run on the new thread
         std::thread(follow).detach();
     } catch (const std::system_error&) {
         tellOfChannel(past.channel, "no thread for the history can be started: the stream begins with live packets.");

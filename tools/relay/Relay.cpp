@@ -161,8 +161,9 @@ void Relay::makeBatcher() {
                                              ": raise max_payload of the server");
     BatchLimits limits = m_settings.limits;
     limits.bytes = std::min(limits.bytes, largest);
-    Network& network = m_settings.archive.directory.empty() ? m_servers : makeArchive(limits.bytes);
-    m_batcher = std::make_unique<Batcher>(network, streamSubject(m_settings.place), m_facts, limits);
+    Network* network = &m_servers;
+    if (!m_settings.archive.directory.empty()) network = &makeArchive(limits.bytes);
+    m_batcher = std::make_unique<Batcher>(*network, streamSubject(m_settings.place), m_facts, limits);
     if (m_settings.byContract) {
         m_layouts = std::make_unique<vexo::data::Layouts>(std::vector<std::string>{});
         m_contracts = std::make_unique<Contracts>(*m_layouts, m_settings.place);

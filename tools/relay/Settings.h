@@ -26,7 +26,7 @@ struct Settings {
     BatchLimits limits;
     std::size_t queueBytes = 64 * kMegabyte;
     bool byContract = false;
-    bool beside = false;           // packets that an application shares; no channel is opened
+    bool beside = false;  // packets that an application shares; no channel is opened
     ArchiveSettings archive;
     double seconds = 0;            // 0: until SIGINT or SIGTERM
     std::uint64_t pollRestUs = 0;  // sleep of the polling thread when there is no packet

@@ -8,8 +8,8 @@
 #include <system_error>
 #include <thread>
 
+#include "sim/remote/SignalsBlocked.h"
 #include "sim/remote/nats/ConnectionOptions.h"
-#include "sim/remote/nats/SignalsBlocked.h"
 
 namespace vexo_sim::remote {
 namespace {
