@@ -287,7 +287,7 @@ void AllOtherMoments(Campaign& campaign, unsigned count) {
 int main(int argc, char** argv) {
     if (argc != 3) return 2;
     // A shell that starts a command in the background lets it ignore SIGINT.
-    std::signal(SIGINT, SIG_DFL);
+    ::signal(SIGINT, SIG_DFL);
     const unsigned count = static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10));
     setenv("TZ", "Asia/Shanghai", 1);
     setenv("VEXO_SIM_CARD", "embedded", 1);
