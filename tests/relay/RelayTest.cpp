@@ -190,10 +190,19 @@ TEST_F(Relay, AServerThatDiesAndComesBackCostsPacketsThatAreKnownToThePacket) {
     WriteCapture(kPackets, 140, 20'000);
     const Listener listener(server.Url(), kStream);
     Process relay = Start(Replaying("real"), {"--channel", "3", "--to", server.Url()});
+    const auto returns = [this] {
+        const std::string errors = Errors();
+        int found = 0;
+        for (std::size_t at = 0; (at = errors.find("connected again", at)) != std::string::npos; ++at) ++found;
+        return found;
+    };
+    int deaths = 0;
     for (const std::uint64_t due : {5000, 15'000, 25'000}) {
         ASSERT_TRUE(listener.Until(Has(due)));
         server.Kill();
         server.Start();
+        ++deaths;
+        ASSERT_TRUE(hosted::Eventually([&] { return returns() == deaths; })) << Errors();
     }
     ASSERT_TRUE(listener.Until(Has(kPackets)));
     const nlohmann::json result = End(relay);
