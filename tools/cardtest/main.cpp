@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <climits>
 #include <cstdio>
@@ -127,31 +126,31 @@ int testCard(const Arguments& arguments) {
     return cli::finish("vexo-cardtest", count(results, Verdict::kFail) == 0 ? cli::kFine : cli::kFinding);
 }
 
-void addOptions(CLI::App& app, Arguments& arguments) {
-    app.add_option("--bus", arguments.plan.bus, "Bus number of the card")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(0, kLastBus))
-        ->capture_default_str();
-    app.add_option("--channel", arguments.plan.channel, "Stream to use, 0 to 15; without it the last one that is free")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(0, kLastChannel));
-    app.add_option("--library", arguments.library, "Card library to test, instead of what the loader finds")
-        ->type_name("FILE");
-    app.add_option("--only", arguments.only, "Run only these checks")->type_name("NAME")->check(unknownCheck);
-    app.add_option("--seconds", arguments.plan.seconds, "How long to wait for packets")
-        ->type_name("SECONDS")
-        ->transform(cli::wholeNumber(1, 3600))
-        ->capture_default_str();
-    app.add_option("--limit", arguments.limits.seconds, "How long one check may take")
-        ->type_name("SECONDS")
-        ->transform(cli::wholeNumber(1, 7200))
-        ->capture_default_str();
-    app.add_flag("--write", arguments.plan.write, "Also program tables, reset the card and send to it");
-    app.add_flag("--in-use", arguments.inUse, "Write even when another process holds a stream of the card");
-    app.add_flag("--list", arguments.list, "Show all checks and end");
-    app.add_flag("--json", arguments.json, "Show the results as JSON; with --list the checks");
+void addOptions(const cli::Command& app, Arguments& arguments) {
+    app.addOption("--bus", arguments.plan.bus, "Bus number of the card")
+        .takes("N")
+        .check(cli::wholeNumber(0, kLastBus))
+        .showsDefault();
+    app.addOption("--channel", arguments.plan.channel, "Stream to use, 0 to 15; without it the last one that is free")
+        .takes("N")
+        .check(cli::wholeNumber(0, kLastChannel));
+    app.addOption("--library", arguments.library, "Card library to test, instead of what the loader finds")
+        .takes("FILE");
+    app.addOption("--only", arguments.only, "Run only these checks").takes("NAME").check({unknownCheck});
+    app.addOption("--seconds", arguments.plan.seconds, "How long to wait for packets")
+        .takes("SECONDS")
+        .check(cli::wholeNumber(1, 3600))
+        .showsDefault();
+    app.addOption("--limit", arguments.limits.seconds, "How long one check may take")
+        .takes("SECONDS")
+        .check(cli::wholeNumber(1, 7200))
+        .showsDefault();
+    app.addFlag("--write", arguments.plan.write, "Also program tables, reset the card and send to it");
+    app.addFlag("--in-use", arguments.inUse, "Write even when another process holds a stream of the card");
+    app.addFlag("--list", arguments.list, "Show all checks and end");
+    app.addFlag("--json", arguments.json, "Show the results as JSON; with --list the checks");
     cli::addColorOption(app, arguments.color);
-    app.add_flag("--verbose", arguments.limits.verbose, "Let through what the card's library writes to standard error");
+    app.addFlag("--verbose", arguments.limits.verbose, "Let through what the card's library writes to standard error");
     cli::tellStatuses(app, {{cli::kFine, "no promise is broken"},
                             {cli::kFinding, "one is"},
                             {cli::kUsage, "wrong usage"},
@@ -165,7 +164,9 @@ int main(int argc, char** argv) {
     cli::guardStandardStreams();
     if (const int status = runRole(argc, argv); status >= 0) return status;
     Arguments arguments;
-    CLI::App app{"Checks a card, real or simulated, against what its C interface promises.", "vexo-cardtest"};
+    const cli::CommandLine line("vexo-cardtest",
+                                "Checks a card, real or simulated, against what its C interface promises.");
+    const cli::Command app = line.command();
     addOptions(app, arguments);
     if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
     if (const std::optional<int> ends = cli::parse(app, cli::wordsOf(argc, argv))) return *ends;

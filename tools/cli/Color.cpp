@@ -1,7 +1,6 @@
 #include "tools/cli/Color.h"
 
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 
 #include "tools/cli/Progress.h"
@@ -9,12 +8,12 @@
 
 namespace cli {
 
-void addColorOption(CLI::App& command, std::string& when) {
+void addColorOption(const cli::Command& command, std::string& when) {
     when = "auto";
-    command.add_option("--color", when, "Colours: auto, always or never; auto obeys NO_COLOR and TERM=dumb")
-        ->type_name("WHEN")
-        ->check(oneOf({"auto", "always", "never"}))
-        ->capture_default_str();
+    command.addOption("--color", when, "Colours: auto, always or never; auto obeys NO_COLOR and TERM=dumb")
+        .takes("WHEN")
+        .check(oneOf({"auto", "always", "never"}))
+        .showsDefault();
 }
 
 bool isColored(const std::string& when) {

@@ -2,9 +2,7 @@
 
 #include <string>
 
-namespace CLI {
-class App;
-}
+#include "tools/cli/Command.h"
 
 namespace cli {
 
@@ -19,7 +17,7 @@ inline constexpr char kYellow[] = "\033[33m";
 inline constexpr char kCyan[] = "\033[36m";
 
 /// Adds --color to a program or subcommand. @param when  becomes auto, always or never
-void addColorOption(CLI::App& command, std::string& when);
+void addColorOption(const cli::Command& command, std::string& when);
 
 /// Whether to colour what goes to standard output. With "auto" it must be a terminal that can, and NO_COLOR must not be
 /// set.

@@ -1,6 +1,5 @@
 #include "tools/cli/Duration.h"
 
-#include <CLI/CLI.hpp>
 #include <charconv>
 #include <limits>
 
@@ -28,7 +27,7 @@ std::optional<std::uint64_t> secondsOf(const std::string& text) {
     return number * unit;
 }
 
-CLI::Validator duration(std::uint64_t most) {
+Check duration(std::uint64_t most) {
     const auto take = [most](std::string& text) -> std::string {
         const std::optional<std::uint64_t> seconds = secondsOf(text);
         if (!seconds) return text + " is no time; write seconds, or a number with s, m, h or d, such as 8h";
@@ -38,7 +37,7 @@ CLI::Validator duration(std::uint64_t most) {
         text = std::to_string(*seconds);
         return {};
     };
-    return {take, "", "duration"};
+    return {take};
 }
 
 }  // namespace cli

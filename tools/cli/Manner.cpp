@@ -95,9 +95,9 @@ std::vector<std::string> subcommandsOf(const CLI::App& command) {
 
 // An option that does not exist leaves its value behind, which then takes the place of another word. So the words after
 // it say nothing.
-std::string explainExtras(const CLI::App& app, const std::string& help, const Advice& advice) {
-    const CLI::App& command = chosen(app);
-    const std::vector<std::string> words = app.remaining(true);
+std::string explainExtras(const Command& program, const std::string& help, const Advice& advice) {
+    const CLI::App& command = chosen(program).app();
+    const std::vector<std::string> words = program.app().remaining(true);
     const std::string one = "unexpected argument: ";
     const std::string all = words.size() == 1 ? one : "unexpected arguments: ";
     if (const std::string more = advice ? advice(words) : ""; !more.empty()) return all + joined(words) + "\n" + more;
@@ -110,9 +110,9 @@ std::string explainExtras(const CLI::App& app, const std::string& help, const Ad
 }
 
 // The mistake, and where the help is that says how it is right.
-std::string explain(const CLI::App& app, const CLI::ParseError& error, const Advice& advice) {
-    const std::string help = "\nSee " + nameOf(chosen(app)) + " --help";
-    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) return explainExtras(app, help, advice);
+std::string explain(const Command& program, const CLI::ParseError& error, const Advice& advice) {
+    const std::string help = "\nSee " + nameOf(chosen(program)) + " --help";
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) return explainExtras(program, help, advice);
     const std::string text = error.what();
     // CLI11 says "--lines: 1 required N missing".
     const std::size_t missing = text.find(": 1 required ");
@@ -121,8 +121,8 @@ std::string explain(const CLI::App& app, const CLI::ParseError& error, const Adv
 
 }  // namespace
 
-void tellStatuses(CLI::App& command, const std::vector<ExitStatus>& statuses) {
-    std::string text = command.get_footer();
+void tellStatuses(const Command& command, const std::vector<ExitStatus>& statuses) {
+    std::string text = command.app().get_footer();
     if (!text.empty()) text += "\n\n";
     text += kStatusTitle;
     for (const ExitStatus& one : statuses) {
@@ -132,25 +132,27 @@ void tellStatuses(CLI::App& command, const std::vector<ExitStatus>& statuses) {
     command.footer(text);
 }
 
-void complete(CLI::App& app, const char* version) {
-    std::string program = app.get_name();
-    for (const CLI::App* at = app.get_parent(); at != nullptr; at = at->get_parent()) program = at->get_name();
+void complete(const Command& program, const char* version) {
+    CLI::App& app = program.app();
+    std::string name = app.get_name();
+    for (const CLI::App* at = app.get_parent(); at != nullptr; at = at->get_parent()) name = at->get_name();
     app.formatter(std::make_shared<Formatter>());
     app.get_help_ptr()->description("Show this text and end");
-    app.set_version_flag("--version", program + " " + version, "Show the version and end");
+    app.set_version_flag("--version", name + " " + version, "Show the version and end");
     const std::vector<CLI::App*> commands = app.get_subcommands([](const CLI::App*) { return true; });
     if (commands.empty() && app.get_footer().find(kStatusTitle) == std::string::npos) {
-        tellStatuses(app, {{kFine, "fine"}, {kFinding, "a finding, or a failure"}, {kUsage, "wrong usage"}});
+        tellStatuses(program, {{kFine, "fine"}, {kFinding, "a finding, or a failure"}, {kUsage, "wrong usage"}});
     }
-    for (CLI::App* command : commands) complete(*command, version);
+    for (CLI::App* command : commands) complete(Command(command), version);
 }
 
-std::optional<int> parse(CLI::App& app, std::vector<std::string> words, const Advice& advice) {
+std::optional<int> parse(const Command& program, std::vector<std::string> words, const Advice& advice) {
+    CLI::App& app = program.app();
     std::reverse(words.begin(), words.end());  // CLI11 takes them last one first
     try {
         app.parse(words);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) return fail(app.get_name(), kUsage, explain(app, error, advice));
+        if (error.get_exit_code() != 0) return fail(app.get_name(), kUsage, explain(program, error, advice));
         app.exit(error);
         return finish(app.get_name(), kFine);
     }
@@ -161,13 +163,14 @@ std::vector<std::string> wordsOf(int argc, const char* const* argv) {
     return argc > 1 ? std::vector<std::string>(argv + 1, argv + argc) : std::vector<std::string>();
 }
 
-const CLI::App& chosen(const CLI::App& app) {
-    const std::vector<CLI::App*> next = app.get_subcommands();
-    return next.empty() ? app : chosen(*next.front());
+Command chosen(const Command& program) {
+    const std::vector<CLI::App*> next = program.app().get_subcommands();
+    return next.empty() ? program : chosen(Command(next.front()));
 }
 
-std::string nameOf(const CLI::App& app) {
-    return (app.get_parent() != nullptr ? nameOf(*app.get_parent()) + " " : "") + app.get_name();
+std::string nameOf(const Command& command) {
+    CLI::App* const above = command.app().get_parent();
+    return (above != nullptr ? nameOf(Command(above)) + " " : "") + command.app().get_name();
 }
 
 std::string joined(const std::vector<std::string>& words) {

@@ -54,8 +54,8 @@ bool isDumpWanted(int argc, const char* const* argv) {
     return argc == 2 && std::strcmp(argv[1], "--dump-options") == 0;
 }
 
-int dumpOptions(const CLI::App& app, const char* version) {
-    Json tree = describe(app);
+int dumpOptions(const Command& program, const char* version) {
+    Json tree = describe(program.app());
     tree["version"] = version;
     return std::puts(tree.dump(1).c_str()) < 0 ? 1 : 0;
 }

@@ -1,8 +1,6 @@
 #pragma once
 
-namespace CLI {
-class App;
-}
+#include "tools/cli/Command.h"
 
 namespace cli {
 
@@ -10,7 +8,7 @@ namespace cli {
 /// what it prints, so that they cannot differ from --help.
 bool isDumpWanted(int argc, const char* const* argv);
 
-/// Prints the options and subcommands of @p app as JSON on standard output. @return an exit status
-int dumpOptions(const CLI::App& app, const char* version);
+/// Prints the options and subcommands of @p program as JSON on standard output. @return an exit status
+int dumpOptions(const Command& program, const char* version);
 
 }  // namespace cli

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -41,7 +40,7 @@ bool readWhole(const std::string& text, std::uint64_t least, std::uint64_t most,
 
 }  // namespace
 
-CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
+Check wholeNumber(std::uint64_t least, std::uint64_t most) {
     const std::string range = std::to_string(least) + " to " + std::to_string(most);
     const auto check = [=](std::string& text) {
         std::uint64_t value = 0;
@@ -52,9 +51,9 @@ CLI::Validator wholeNumber(std::uint64_t least, std::uint64_t most) {
     return {check, range};
 }
 
-CLI::Validator processId() { return wholeNumber(1, kLargestPid); }
+Check processId() { return wholeNumber(1, kLargestPid); }
 
-CLI::Validator number(double least, double most) {
+Check number(double least, double most) {
     const std::string range = shortNumber(least) + " to " + shortNumber(most);
     const auto check = [=](std::string& text) {
         char* end = nullptr;
@@ -65,21 +64,21 @@ CLI::Validator number(double least, double most) {
     return {check, range};
 }
 
-CLI::Validator oneOf(const std::vector<std::string>& words) {
+Check oneOf(const std::vector<std::string>& words) {
     const auto check = [=](std::string& text) {
         const bool isOne = std::find(words.begin(), words.end(), text) != words.end();
         return isOne ? std::string() : text + " is none of " + listed(words);
     };
-    return {check, ""};
+    return {check};
 }
 
-CLI::Validator directory() {
+Check directory() {
     const auto check = [](std::string& text) {
         std::error_code error;
         if (fs::is_directory(text, error)) return std::string();
         return fs::exists(text, error) ? text + " is no directory" : "there is no directory " + text;
     };
-    return {check, ""};
+    return {check};
 }
 
 std::string faultOfNewFile(const std::string& path) {

@@ -6,7 +6,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -145,31 +144,31 @@ int hostCard(const Arguments& arguments) {
     return cli::finish("vexo-simcard", cli::kFine);
 }
 
-void addOptions(CLI::App& app, Arguments& arguments) {
-    app.add_option("scenario", arguments.scenario, "Scenario file; without one the card has an ordinary day")
-        ->type_name("SCENARIO.ini");
-    app.add_option("--set", arguments.settings.texts, "Set one key of the scenario; may be given several times")
-        ->type_name("SECTION.KEY=VALUE")
-        ->allow_extra_args(false);
-    app.add_option("--bus", arguments.bus, "Bus number of the card; overrides the scenario's")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(0, kLastBus));
-    app.add_option("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take the quotes")
-        ->type_name("PACE")
-        ->check(
-            [](const std::string& text) { return parsePace(text) ? "" : text + " is none of real, x2 to x1000, max"; });
-    app.add_option("--group", arguments.group, "Share the card with the members of this group")->type_name("GROUP");
-    app.add_option("--record", arguments.record,
-                   "Write all that the card sends to a capture file; if it exists, a free name with a number is used")
-        ->type_name("FILE");
-    app.add_option("--seconds", arguments.seconds, "End after this time")
-        ->type_name("SECONDS")
-        ->transform(cli::wholeNumber(1, kLongestHosting));
-    app.add_flag("--quiet", arguments.quiet, "Show nothing while hosting");
-    app.add_flag("--status", arguments.status, "Show the status of the card at the bus, and end");
-    app.add_option("--user", arguments.user, "Whose card --status and --json show; without it your own")
-        ->type_name("USER");
-    app.add_flag("--json", arguments.json, "Show the same as JSON, and end");
+void addOptions(const cli::Command& app, Arguments& arguments) {
+    app.addOption("scenario", arguments.scenario, "Scenario file; without one the card has an ordinary day")
+        .takes("SCENARIO.ini");
+    app.addOption("--set", arguments.settings.texts, "Set one key of the scenario; may be given several times")
+        .takes("SECTION.KEY=VALUE")
+        .takesOneEach();
+    app.addOption("--bus", arguments.bus, "Bus number of the card; overrides the scenario's")
+        .takes("N")
+        .check(cli::wholeNumber(0, kLastBus));
+    app.addOption("--pace", arguments.pace, "real, x2 to x1000, or max: as fast as the readers take the quotes")
+        .takes("PACE")
+        .check({[](const std::string& text) {
+            return parsePace(text) ? "" : text + " is none of real, x2 to x1000, max";
+        }});
+    app.addOption("--group", arguments.group, "Share the card with the members of this group").takes("GROUP");
+    app.addOption("--record", arguments.record,
+                  "Write all that the card sends to a capture file; if it exists, a free name with a number is used")
+        .takes("FILE");
+    app.addOption("--seconds", arguments.seconds, "End after this time")
+        .takes("SECONDS")
+        .check(cli::wholeNumber(1, kLongestHosting));
+    app.addFlag("--quiet", arguments.quiet, "Show nothing while hosting");
+    app.addFlag("--status", arguments.status, "Show the status of the card at the bus, and end");
+    app.addOption("--user", arguments.user, "Whose card --status and --json show; without it your own").takes("USER");
+    app.addFlag("--json", arguments.json, "Show the same as JSON, and end");
     cli::addColorOption(app, arguments.color);
     cli::tellStatuses(app, {{cli::kFine, "the card was hosted, or shown"},
                             {cli::kFinding, "it could not be"},
@@ -183,7 +182,8 @@ void addOptions(CLI::App& app, Arguments& arguments) {
 int main(int argc, char** argv) {
     cli::guardStandardStreams();
     Arguments arguments;
-    CLI::App app{"Hosts a simulated card in shared memory for up to sixteen processes.", "vexo-simcard"};
+    const cli::CommandLine line("vexo-simcard", "Hosts a simulated card in shared memory for up to sixteen processes.");
+    const cli::Command app = line.command();
     addOptions(app, arguments);
     if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
     if (const std::optional<int> ends = cli::parse(app, cli::wordsOf(argc, argv))) return *ends;

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -62,34 +61,34 @@ int run(const Options& options) {
 
 }  // namespace
 
-void addCheck(CLI::App& app, Invocation& invocation) {
+void addCheck(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* check = app.add_subcommand(
+    const cli::Command check = app.addCommand(
         "check", "Find what is wrong with a configuration and this host before a start, or why a start failed");
-    CLI::Option* config = check->add_option("CONFIG.ini", options->configs,
-                                            "Configuration, such as zce.ini; several if they run on one host");
-    check->add_option("--after", options->log, "Say what became of the last start-up in a day log")
-        ->type_name("fpga_YYYYMMDD.log");
-    check->add_flag("--config-only", options->configOnly, "Check the configuration, not this host")->needs(config);
+    const cli::Option config = check.addOption("CONFIG.ini", options->configs,
+                                               "Configuration, such as zce.ini; several if they run on one host");
+    check.addOption("--after", options->log, "Say what became of the last start-up in a day log")
+        .takes("fpga_YYYYMMDD.log");
+    check.addFlag("--config-only", options->configOnly, "Check the configuration, not this host").needs(config);
     check
-        ->add_flag("--card", options->card,
-                   "Read the card too: versions, fibres, date, switch, who holds the streams; writes no register")
-        ->needs(config);
+        .addFlag("--card", options->card,
+                 "Read the card too: versions, fibres, date, switch, who holds the streams; writes no register")
+        .needs(config);
     check
-        ->add_option("--directory", options->places.directory,
-                     "Directory in which the program will run (default: this one)")
-        ->type_name("DIR");
-    check->add_flag("--keys", options->keys, "Show every key with type, range, default and meaning")->excludes(config);
-    check->add_flag("--json", options->json, "Write JSON");
-    terminal::addColorOption(*check, options->color);
-    check->footer(
+        .addOption("--directory", options->places.directory,
+                   "Directory in which the program will run (default: this one)")
+        .takes("DIR");
+    check.addFlag("--keys", options->keys, "Show every key with type, range, default and meaning").excludes(config);
+    check.addFlag("--json", options->json, "Write JSON");
+    terminal::addColorOption(check, options->color);
+    check.footer(
         "Levels: fatal ends the start-up; error: the start goes on, but not as the file asks; warning: works, but is "
         "probably not meant; note: no finding.");
-    cli::tellStatuses(*check, {{cli::kFine, "no findings"},
-                               {kFinding, "findings"},
-                               {kUsage, "wrong usage, or a file that cannot be read"},
-                               {kNoCard, "no card, with --card"}});
-    check->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
+    cli::tellStatuses(check, {{cli::kFine, "no findings"},
+                              {kFinding, "findings"},
+                              {kUsage, "wrong usage, or a file that cannot be read"},
+                              {kNoCard, "no card, with --card"}});
+    check.whenChosen([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 
 }  // namespace vexo

@@ -4,11 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli/Command.h"
 #include "tools/vexo/Failure.h"
-
-namespace CLI {
-class App;
-}
 
 namespace vexo {
 
@@ -18,26 +15,26 @@ using Program = std::vector<std::string>;
 /// What the command line asks for.
 struct Invocation {
     Program program;
-    std::function<int()> run;                  // set by the chosen subcommand; returns the exit status
-    std::vector<const CLI::App*> takeProgram;  // subcommands that need a program after "--"
+    std::function<int()> run;               // set by the chosen subcommand; returns the exit status
+    std::vector<cli::Command> takeProgram;  // subcommands that need a program after "--"
 };
 
 /// Adds a subcommand to @p app. The subcommand sets invocation.run when it is chosen. One source file each.
-using AddCommand = void (*)(CLI::App& app, Invocation& invocation);
+using AddCommand = void (*)(const cli::Command& app, Invocation& invocation);
 
-void addCheck(CLI::App& app, Invocation& invocation);
-void addExport(CLI::App& app, Invocation& invocation);
-void addIndex(CLI::App& app, Invocation& invocation);
-void addInfo(CLI::App& app, Invocation& invocation);
-void addLog(CLI::App& app, Invocation& invocation);
-void addPlan(CLI::App& app, Invocation& invocation);
-void addRelay(CLI::App& app, Invocation& invocation);
-void addRemote(CLI::App& app, Invocation& invocation);
-void addReport(CLI::App& app, Invocation& invocation);
-void addRun(CLI::App& app, Invocation& invocation);
-void addSim(CLI::App& app, Invocation& invocation);
-void addStat(CLI::App& app, Invocation& invocation);
-void addTap(CLI::App& app, Invocation& invocation);
-void addWatch(CLI::App& app, Invocation& invocation);
+void addCheck(const cli::Command& app, Invocation& invocation);
+void addExport(const cli::Command& app, Invocation& invocation);
+void addIndex(const cli::Command& app, Invocation& invocation);
+void addInfo(const cli::Command& app, Invocation& invocation);
+void addLog(const cli::Command& app, Invocation& invocation);
+void addPlan(const cli::Command& app, Invocation& invocation);
+void addRelay(const cli::Command& app, Invocation& invocation);
+void addRemote(const cli::Command& app, Invocation& invocation);
+void addReport(const cli::Command& app, Invocation& invocation);
+void addRun(const cli::Command& app, Invocation& invocation);
+void addSim(const cli::Command& app, Invocation& invocation);
+void addStat(const cli::Command& app, Invocation& invocation);
+void addTap(const cli::Command& app, Invocation& invocation);
+void addWatch(const cli::Command& app, Invocation& invocation);
 
 }  // namespace vexo

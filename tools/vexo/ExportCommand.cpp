@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -176,74 +175,66 @@ int run(Options& options) {
     }
 }
 
-void addFilters(CLI::App& command, Options& options) {
-    command.add_option("--id", options.filter.ids, "Only these ids, such as SR701; * stands for any characters: SR*")
-        ->type_name("ID,...")
-        ->delimiter(',')
-        ->allow_extra_args(false);
-    command.add_option("--type", options.filter.types, "Only these packet types: 17, 18, 19, 20")
-        ->type_name("N,...")
-        ->delimiter(',')
-        ->allow_extra_args(false);
-    command.add_option("--channel", options.filter.channels, "Only these channels")
-        ->type_name("N,...")
-        ->delimiter(',')
-        ->allow_extra_args(false);
+void addFilters(const cli::Command& command, Options& options) {
+    command.addOption("--id", options.filter.ids, "Only these ids, such as SR701; * stands for any characters: SR*")
+        .takes("ID,...")
+        .takesList();
+    command.addOption("--type", options.filter.types, "Only these packet types: 17, 18, 19, 20")
+        .takes("N,...")
+        .takesList();
+    command.addOption("--channel", options.filter.channels, "Only these channels").takes("N,...").takesList();
     command
-        .add_option(
-            "--from", options.from,
-            "Only packets from this time on: \"2026-11-22 21:30\" of the exchange's zone, or seconds since 1970")
-        ->type_name("TIME");
-    command.add_option("--until", options.until, "Only packets before this time")->type_name("TIME");
+        .addOption("--from", options.from,
+                   "Only packets from this time on: \"2026-11-22 21:30\" of the exchange's zone, or seconds since 1970")
+        .takes("TIME");
+    command.addOption("--until", options.until, "Only packets before this time").takes("TIME");
     command
-        .add_option("--session", options.filter.sessions,
-                    "Only quotes of these sessions: night, day, morning, afternoon; by the exchange's time")
-        ->type_name("NAME,...")
-        ->delimiter(',')
-        ->allow_extra_args(false);
-    command.add_option("--limit", options.limit, "End after so many rows")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(1, ~std::uint64_t{0}));
+        .addOption("--session", options.filter.sessions,
+                   "Only quotes of these sessions: night, day, morning, afternoon; by the exchange's time")
+        .takes("NAME,...")
+        .takesList();
+    command.addOption("--limit", options.limit, "End after so many rows")
+        .takes("N")
+        .check(cli::wholeNumber(1, ~std::uint64_t{0}));
 }
 
 }  // namespace
 
-void addExport(CLI::App& app, Invocation& invocation) {
+void addExport(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("export",
-                                           "Write the quotes of captures as CSV, JSON lines or a numpy array");
-    command->add_option("captures", options->captures, "Captures, also compressed with zstd; - is standard input")
-        ->type_name("FILE");
+    const cli::Command command = app.addCommand("export",
+                                                "Write the quotes of captures as CSV, JSON lines or a numpy array");
+    command.addOption("captures", options->captures, "Captures, also compressed with zstd; - is standard input")
+        .takes("FILE");
     command
-        ->add_option(
+        .addOption(
             "--to", options->format,
             "csv, jsonl or npy; the default is what the name of the output ends with, and csv on standard output")
-        ->type_name("FORMAT")
-        ->check(cli::oneOf({"csv", "jsonl", "npy"}));
+        .takes("FORMAT")
+        .check(cli::oneOf({"csv", "jsonl", "npy"}));
     command
-        ->add_option(
+        .addOption(
             "-o,--output", options->output,
             "File to write; compressed if it ends with .zst; - is standard output. A file that exists is never overwritten")
-        ->type_name("FILE")
-        ->capture_default_str();
-    command->add_option("--columns", options->columns, "Columns, in this order; see --list-columns")
-        ->type_name("NAME,...")
-        ->delimiter(',')
-        ->allow_extra_args(false);
-    addFilters(*command, *options);
+        .takes("FILE")
+        .showsDefault();
+    command.addOption("--columns", options->columns, "Columns, in this order; see --list-columns")
+        .takes("NAME,...")
+        .takesList();
+    addFilters(command, *options);
     command
-        ->add_option("--layout", options->layouts,
-                     "Layout of the payloads; the default is VEXO_LAYOUT, or simulated, the simulated card's")
-        ->type_name("FILE")
-        ->allow_extra_args(false);
-    command->add_option("--holidays", options->holidays, "File with the exchange's holidays, for day and session")
-        ->type_name("FILE");
-    command->add_flag("--list-columns", options->listsColumns, "Show all columns, with those of the layouts");
-    command->footer("Run it as:  vexo export [OPTIONS] CAPTURE...");
-    cli::tellStatuses(*command, {{cli::kFine, "rows written"},
-                                 {kFinding, "no row, or a damaged capture"},
-                                 {kUsage, "wrong usage, or a file that cannot be opened"}});
-    command->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
+        .addOption("--layout", options->layouts,
+                   "Layout of the payloads; the default is VEXO_LAYOUT, or simulated, the simulated card's")
+        .takes("FILE")
+        .takesOneEach();
+    command.addOption("--holidays", options->holidays, "File with the exchange's holidays, for day and session")
+        .takes("FILE");
+    command.addFlag("--list-columns", options->listsColumns, "Show all columns, with those of the layouts");
+    command.footer("Run it as:  vexo export [OPTIONS] CAPTURE...");
+    cli::tellStatuses(command, {{cli::kFine, "rows written"},
+                                {kFinding, "no row, or a damaged capture"},
+                                {kUsage, "wrong usage, or a file that cannot be opened"}});
+    command.whenChosen([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 
 }  // namespace vexo

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -231,32 +230,31 @@ int run(const Options& options) {
 
 }  // namespace
 
-void addIndex(CLI::App& app, Invocation& invocation) {
+void addIndex(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* index = app.add_subcommand("index", "Show, check and compare day files: the maps of instruments");
-    CLI::Option* file = index->add_option("file", options->file,
-                                          "The day file; the default is the one that a start now looks for");
-    file->type_name("FILE");
-    CLI::Option* compare = index->add_option("--compare", options->other,
-                                             "Show what was added, removed or moved since this earlier file");
-    compare->type_name("OTHER_FILE");
-    CLI::Option* list = index->add_flag("--list", options->list, "Print only the instruments: index and id");
-    CLI::Option* json = index->add_flag("--json", options->json, "Print JSON; with --list also the instruments");
+    const cli::Command index = app.addCommand("index", "Show, check and compare day files: the maps of instruments");
+    const cli::Option file = index.addOption("file", options->file,
+                                             "The day file; the default is the one that a start now looks for");
+    file.takes("FILE");
+    const cli::Option compare = index.addOption("--compare", options->other,
+                                                "Show what was added, removed or moved since this earlier file");
+    compare.takes("OTHER_FILE");
+    const cli::Option list = index.addFlag("--list", options->list, "Print only the instruments: index and id");
+    const cli::Option json = index.addFlag("--json", options->json, "Print JSON; with --list also the instruments");
     index
-        ->add_flag("--sim", options->sim,
-                   "Show the day files that vexo sim run keeps apart, one for each simulated card")
-        ->excludes(file)
-        ->excludes(compare)
-        ->excludes(list);
-    terminal::addColorOption(*index, options->color);
-    index->footer(
+        .addFlag("--sim", options->sim, "Show the day files that vexo sim run keeps apart, one for each simulated card")
+        .excludes(file)
+        .excludes(compare)
+        .excludes(list);
+    terminal::addColorOption(index, options->color);
+    index.footer(
         "Run it as:  vexo index [OPTIONS] [FILE]\n"
         "Behind vexo sim run -- the default is the file of the simulated card that a program gets there.");
-    cli::tellStatuses(*index, {{cli::kFine, "nothing is wrong with the file, and nothing has changed"},
-                               {kFinding, "something is, or has, or there is no such file yet"},
-                               {kUsage, "wrong usage, or a file that was named and cannot be read"}});
-    index->callback([options, compare, list, json, &invocation] {
-        if (compare->count() > 0 && list->count() > 0 && json->count() == 0)
+    cli::tellStatuses(index, {{cli::kFine, "nothing is wrong with the file, and nothing has changed"},
+                              {kFinding, "something is, or has, or there is no such file yet"},
+                              {kUsage, "wrong usage, or a file that was named and cannot be read"}});
+    index.whenChosen([options, compare, list, json, &invocation] {
+        if (compare.isGiven() && list.isGiven() && !json.isGiven())
             throw Failure(kUsage, "--list shows no comparison; leave out --list or --compare, or add --json");
         invocation.run = [options] { return run(*options); };
     });

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -105,46 +104,45 @@ int run(const Options& options) {
 
 }  // namespace
 
-void addInfo(CLI::App& app, Invocation& invocation) {
+void addInfo(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("info", "Show what captures hold: rates, gaps, losses, instruments");
+    const cli::Command command = app.addCommand("info", "Show what captures hold: rates, gaps, losses, instruments");
     command
-        ->add_option("captures", options->captures,
-                     "Captures of one recording, in any order, also compressed with zstd; - is standard input")
-        ->type_name("FILE");
-    CLI::Option* json = command->add_flag("--json", options->json, "Show it as JSON");
+        .addOption("captures", options->captures,
+                   "Captures of one recording, in any order, also compressed with zstd; - is standard input")
+        .takes("FILE");
+    const cli::Option json = command.addFlag("--json", options->json, "Show it as JSON");
     command
-        ->add_option(
-            "--html", options->html,
-            "Write a page for a browser into this file; a file that exists is never overwritten; - is standard "
-            "output")
-        ->type_name("FILE")
-        ->excludes(json);
+        .addOption("--html", options->html,
+                   "Write a page for a browser into this file; a file that exists is never overwritten; - is standard "
+                   "output")
+        .takes("FILE")
+        .excludes(json);
     command
-        ->add_option("--compare", options->others,
-                     "Compare with this capture; once for each capture of the other recording")
-        ->type_name("FILE")
-        ->allow_extra_args(false);
-    command->add_option("--top", options->top, "Show so many instruments, the busiest first")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(0, info::Collector::kMostInstruments))
-        ->capture_default_str();
+        .addOption("--compare", options->others,
+                   "Compare with this capture; once for each capture of the other recording")
+        .takes("FILE")
+        .takesOneEach();
+    command.addOption("--top", options->top, "Show so many instruments, the busiest first")
+        .takes("N")
+        .check(cli::wholeNumber(0, info::Collector::kMostInstruments))
+        .showsDefault();
     command
-        ->add_option("--burst", options->burstUs,
-                     "Packets belong to one burst if each comes no more than so many microseconds after the one before")
-        ->type_name("US")
-        ->transform(cli::wholeNumber(0, kLongestBurstGapUs))
-        ->capture_default_str();
+        .addOption("--burst", options->burstUs,
+                   "Packets belong to one burst if each comes no more than so many microseconds after the one before")
+        .takes("US")
+        .check(cli::wholeNumber(0, kLongestBurstGapUs))
+        .showsDefault();
     command
-        ->add_option("--layout", options->layouts,
-                     "Layout of the payloads; the default is VEXO_LAYOUT, or simulated, the simulated card's")
-        ->type_name("FILE")
-        ->allow_extra_args(false);
-    command->footer("Run it as:  vexo info [OPTIONS] CAPTURE...");
-    cli::tellStatuses(*command, {{cli::kFine, "shown"},
-                                 {kFinding, "no packet, or a damaged capture"},
-                                 {kUsage, "wrong usage, or a file that cannot be opened"}});
-    command->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
+        .addOption("--layout", options->layouts,
+                   "Layout of the payloads; the default is VEXO_LAYOUT, or simulated, the simulated card's")
+        .takes("FILE")
+        .takesOneEach();
+    command.footer("Run it as:  vexo info [OPTIONS] CAPTURE...");
+    cli::tellStatuses(command, {{cli::kFine, "shown"},
+                                {kFinding, "no packet, or a damaged capture"},
+                                {kUsage, "wrong usage, or a file that cannot be opened"}});
+    command.whenChosen([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 
 }  // namespace vexo

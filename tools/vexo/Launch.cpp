@@ -1,21 +1,21 @@
 #include "tools/vexo/Launch.h"
 
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 namespace vexo {
 
-void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation, const std::string& notes) {
+void takeProgram(const cli::Command& subcommand, const std::string& name, Invocation& invocation,
+                 const std::string& notes) {
     subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]" +
                       (notes.empty() ? "" : "\n" + notes));
     cli::tellStatuses(subcommand, {{kUsage, "wrong usage, or a file that was named and cannot be read"},
                                    {kCannotRun, "the program cannot be run"},
                                    {kNotFound, "the program is not there"},
                                    {cli::kElse, "that of the program"}});
-    invocation.takeProgram.push_back(&subcommand);
+    invocation.takeProgram.push_back(subcommand);
 }
 
 void requireProgram(const Program& program) {

@@ -11,7 +11,8 @@ namespace vexo {
 /// help.
 /// @param name   as typed: "sim run"
 /// @param notes  more for the end of the help
-void takeProgram(CLI::App& subcommand, const std::string& name, Invocation& invocation, const std::string& notes = {});
+void takeProgram(const cli::Command& subcommand, const std::string& name, Invocation& invocation,
+                 const std::string& notes = {});
 
 /// Fails with status 2 when no program was named.
 void requireProgram(const Program& program);

@@ -1,5 +1,4 @@
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -182,35 +181,36 @@ int run(Options& options) {
 
 }  // namespace
 
-void addLog(CLI::App& app, Invocation& invocation) {
+void addLog(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* log = app.add_subcommand("log", "Show logs of the library, and explain their messages");
-    CLI::Option* paths = log->add_option("paths", options->paths,
-                                         "Log files, or working directories of programs; several are merged by time. "
-                                         "The default is the newest log of this directory");
-    paths->type_name("FILE|DIRECTORY");
-    CLI::Option* follow = log->add_flag("-f,--follow", options->follow,
-                                        "Go on showing what comes, also in the files of later days");
-    CLI::Option* level = log->add_option(
+    const cli::Command log = app.addCommand("log", "Show logs of the library, and explain their messages");
+    const cli::Option paths = log.addOption(
+        "paths", options->paths,
+        "Log files, or working directories of programs; several are merged by time. "
+        "The default is the newest log of this directory");
+    paths.takes("FILE|DIRECTORY");
+    const cli::Option follow = log.addFlag("-f,--follow", options->follow,
+                                           "Go on showing what comes, also in the files of later days");
+    const cli::Option level = log.addOption(
         "--level", options->level,
         "Show only this level and worse ones: assert, error, warn (or warning), event, info, debug, "
         "verbose");
-    level->type_name("LEVEL")->check(CLI::Validator(levelFault, ""));
-    CLI::Option* lines = log->add_option("-n,--lines", options->lines,
-                                         "Show only the last lines, so many; with --follow, 10 unless given");
-    lines->type_name("N")->transform(cli::wholeNumber(0, kMostLines));
-    log->add_flag("--json", options->json,
-                  "Write JSON: one object a line of the log; with --explain one for all messages");
-    terminal::addColorOption(*log, options->color);
-    CLI::Option* explained = log->add_option("--explain", options->explain,
-                                             "Explain a message: a line of a log, or a part of one");
-    explained->type_name("TEXT")->excludes(paths)->excludes(follow)->excludes(level)->excludes(lines);
-    log->footer("Run it as:  vexo log [OPTIONS] [FILE|DIRECTORY]...");
-    cli::tellStatuses(*log, {{cli::kFine, "there was something to show"},
-                             {kFinding, "no log, no such line, or no such message"},
-                             {kUsage, "wrong usage, or a log that was named and cannot be read"}});
-    log->callback([options, explained, &invocation] {
-        const bool wantsExplanation = explained->count() > 0;
+    level.takes("LEVEL").check({levelFault});
+    const cli::Option lines = log.addOption("-n,--lines", options->lines,
+                                            "Show only the last lines, so many; with --follow, 10 unless given");
+    lines.takes("N").check(cli::wholeNumber(0, kMostLines));
+    log.addFlag("--json", options->json,
+                "Write JSON: one object a line of the log; with --explain one for all messages");
+    terminal::addColorOption(log, options->color);
+    const cli::Option explained = log.addOption("--explain", options->explain,
+                                                "Explain a message: a line of a log, or a part of one");
+    explained.takes("TEXT").excludes(paths).excludes(follow).excludes(level).excludes(lines);
+    log.footer("Run it as:  vexo log [OPTIONS] [FILE|DIRECTORY]...");
+    cli::tellStatuses(log, {{cli::kFine, "there was something to show"},
+                            {kFinding, "no log, no such line, or no such message"},
+                            {kUsage, "wrong usage, or a log that was named and cannot be read"}});
+    log.whenChosen([options, explained, &invocation] {
+        const bool wantsExplanation = explained.isGiven();
         invocation.run = [options, wantsExplanation] {
             return wantsExplanation ? explain(options->explain, options->json) : run(*options);
         };

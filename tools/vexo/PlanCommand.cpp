@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -36,35 +35,35 @@ int run(const Options& options) {
 
 }  // namespace
 
-void addPlan(CLI::App& app, Invocation& invocation) {
+void addPlan(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand(
+    const cli::Command command = app.addCommand(
         "plan", "Show which instruments each channel would get from a start, without starting anything");
-    command->add_option("CONFIG.ini", options->configs,
-                        "Configuration of the master, such as zce.ini; with those of the other programs");
+    command.addOption("CONFIG.ini", options->configs,
+                      "Configuration of the master, such as zce.ini; with those of the other programs");
     command
-        ->add_option("--against", options->against,
-                     "Show what changes from this configuration; may be given several times")
-        ->type_name("OTHER.ini")
-        ->allow_extra_args(false);
+        .addOption("--against", options->against,
+                   "Show what changes from this configuration; may be given several times")
+        .takes("OTHER.ini")
+        .takesOneEach();
     command
-        ->add_option(
+        .addOption(
             "--instruments", options->instruments,
             "The instruments of the card: day-file (the one that a start now loads), simulated or full (lists of "
             "the simulated card), or a file: a day file, or lines of an id, or of an id and its index. The "
             "default is the newest day file of the last days, or else the simulated list")
-        ->type_name("FILE");
-    command->add_flag("--all", options->all, "Show every name and every row, not only the first names");
-    command->add_flag("--json", options->json, "Write JSON, with every name and every row");
-    terminal::addColorOption(*command, options->color);
-    command->footer(
+        .takes("FILE");
+    command.addFlag("--all", options->all, "Show every name and every row, not only the first names");
+    command.addFlag("--json", options->json, "Write JSON, with every name and every row");
+    terminal::addColorOption(command, options->color);
+    command.footer(
         "Example: vexo plan zce.ini --against zce.ini.old shows what a change of insts= does to each channel.\n"
         "Only the master's configuration, of channel 0, decides about instruments. It does so for all channels.\n"
         "A difference is no finding.");
-    cli::tellStatuses(*command, {{cli::kFine, "no findings"},
-                                 {kFinding, "findings, such as a rule that matches nothing"},
-                                 {kUsage, "wrong usage, or a file that cannot be read"}});
-    command->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
+    cli::tellStatuses(command, {{cli::kFine, "no findings"},
+                                {kFinding, "findings, such as a rule that matches nothing"},
+                                {kUsage, "wrong usage, or a file that cannot be read"}});
+    command.whenChosen([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 
 }  // namespace vexo

@@ -1,5 +1,4 @@
 #include <dlfcn.h>
-#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <memory>
 
@@ -26,12 +25,12 @@ struct Options {
     std::string to;
     std::uint64_t batchTimeUs = 100;
     std::uint64_t queueMb = 64;
-    CLI::Option* pollRest = nullptr;
+    cli::Option pollRest;
     std::uint64_t rotateMb = relay::ArchiveSettings().rotateBytes / relay::kMegabyte;
     std::uint64_t rotateSeconds = 0;
     std::uint64_t keepSpaceMb = relay::ArchiveSettings().keepFreeBytes / relay::kMegabyte;
-    CLI::Option* channel = nullptr;
-    CLI::Option* bus = nullptr;
+    cli::Option channel;
+    cli::Option bus;
 };
 
 // The configuration decides card and channel. What the command line says of them must agree.
@@ -42,8 +41,8 @@ void takePlaceFromConfig(const Options& options, vexo_sim::remote::Place& place)
     const check::ConfigFacts facts = readable(config, [&] { return check::checkConfig(config, report); });
     if (!facts.device.valid)
         throw Failure(kUsage, config + ": there is no valid device in it; vexo check tells what is wrong");
-    const auto differs = [](const CLI::Option* option, std::uint32_t said, std::uint32_t meant) {
-        return option->count() > 0 && said != meant;
+    const auto differs = [](const cli::Option& option, std::uint32_t said, std::uint32_t meant) {
+        return option.isGiven() && said != meant;
     };
     if (differs(options.channel, place.channel, facts.device.channel) ||
         differs(options.bus, place.bus, facts.device.card))
@@ -67,14 +66,14 @@ relay::Settings settingsOf(const Options& options) {
         throw Failure(kUsage, "--site " + settings.place.site + ": use 1 to 32 letters, digits, _ and -");
     if (!settings.config.empty()) {
         takePlaceFromConfig(options, settings.place);
-    } else if (options.channel->count() == 0) {
+    } else if (!options.channel.isGiven()) {
         throw Failure(kUsage, "no channel: give --channel N, or a configuration");
     } else if (settings.place.channel == 0 && !options.settings.beside) {
         throw Failure(kUsage, "channel 0 is the master's, which programs the card: give its configuration");
     }
     settings.limits.timeNs = options.batchTimeUs * 1000;
     settings.queueBytes = options.queueMb * relay::kMegabyte;
-    if (options.settings.beside && options.pollRest->count() == 0) settings.pollRestUs = kBesideRestUs;
+    if (options.settings.beside && !options.pollRest.isGiven()) settings.pollRestUs = kBesideRestUs;
     settings.archive.rotateBytes = options.rotateMb * relay::kMegabyte;
     settings.archive.rotateEveryNs = options.rotateSeconds * 1'000'000'000;
     settings.archive.keepFreeBytes = options.keepSpaceMb * relay::kMegabyte;
@@ -96,113 +95,111 @@ relay::Run* load(bool beside) {
     return reinterpret_cast<relay::Run*>(run);
 }
 
-void addLimits(CLI::App& command, Options& options) {
+void addLimits(const cli::Command& command, Options& options) {
     relay::Settings& settings = options.settings;
-    command.add_option("--batch-bytes", settings.limits.bytes, "Most bytes of a message")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(relay::kLeastBatchBytes, relay::kMostBatchBytes))
-        ->capture_default_str();
+    command.addOption("--batch-bytes", settings.limits.bytes, "Most bytes of a message")
+        .takes("N")
+        .check(cli::wholeNumber(relay::kLeastBatchBytes, relay::kMostBatchBytes))
+        .showsDefault();
     command
-        .add_option("--batch-time", options.batchTimeUs,
-                    "Microseconds that a packet waits for company in its message; 0: each packet is a message")
-        ->type_name("US")
-        ->transform(cli::wholeNumber(0, relay::kMostBatchTimeUs))
-        ->capture_default_str();
-    command.add_option("--queue", options.queueMb, "Megabytes of memory for packets on their way to the network")
-        ->type_name("MB")
-        ->transform(cli::wholeNumber(1, relay::kMostQueueMb))
-        ->capture_default_str();
+        .addOption("--batch-time", options.batchTimeUs,
+                   "Microseconds that a packet waits for company in its message; 0: each packet is a message")
+        .takes("US")
+        .check(cli::wholeNumber(0, relay::kMostBatchTimeUs))
+        .showsDefault();
+    command.addOption("--queue", options.queueMb, "Megabytes of memory for packets on their way to the network")
+        .takes("MB")
+        .check(cli::wholeNumber(1, relay::kMostQueueMb))
+        .showsDefault();
     options.pollRest = command
-                           .add_option("--poll-rest", settings.pollRestUs,
-                                       "Microseconds that the polling thread sleeps when there is no packet; 0: it "
-                                       "never sleeps. With --beside 50, unless given")
-                           ->type_name("US")
-                           ->transform(cli::wholeNumber(0, relay::kMostBatchTimeUs))
-                           ->capture_default_str();
+                           .addOption("--poll-rest", settings.pollRestUs,
+                                      "Microseconds that the polling thread sleeps when there is no packet; 0: it "
+                                      "never sleeps. With --beside 50, unless given")
+                           .takes("US")
+                           .check(cli::wholeNumber(0, relay::kMostBatchTimeUs))
+                           .showsDefault();
 }
 
 // As those of a recording: vexo tap has the same.
-void addArchive(CLI::App& command, Options& options) {
+void addArchive(const cli::Command& command, Options& options) {
     relay::ArchiveSettings& archive = options.settings.archive;
-    CLI::Option* const directory =
+    const cli::Option directory =
         command
-            .add_option("--archive", archive.directory,
-                        "Keep the packets in files of this directory, for programs that start with --since")
-            ->type_name("DIR")
-            ->check(cli::directory());
-    CLI::Option* const rotate = command
-                                    .add_option("--rotate", options.rotateMb,
-                                                "Start another file before one grows beyond so many megabytes")
-                                    ->type_name("MB")
-                                    ->transform(cli::wholeNumber(1, tap::kMaxRotateMb))
-                                    ->capture_default_str();
-    CLI::Option* const rotateEvery =
+            .addOption("--archive", archive.directory,
+                       "Keep the packets in files of this directory, for programs that start with --since")
+            .takes("DIR")
+            .check(cli::directory());
+    const cli::Option rotate =
+        command.addOption("--rotate", options.rotateMb, "Start another file before one grows beyond so many megabytes")
+            .takes("MB")
+            .check(cli::wholeNumber(1, tap::kMaxRotateMb))
+            .showsDefault();
+    const cli::Option rotateEvery =
         command
-            .add_option("--rotate-every", options.rotateSeconds,
-                        "Start another file at each multiple of this time: 1h is at each full hour of UTC. TIME is "
-                        "seconds, or a number with s, m, h or d")
-            ->type_name("TIME")
-            ->transform(cli::duration(tap::kMaxSeconds));
-    CLI::Option* const keep = command.add_option("--keep", archive.keep, "Keep the newest N files, remove older ones")
-                                  ->type_name("N")
-                                  ->transform(cli::wholeNumber(tap::kLeastKeptFiles, tap::kMostKeptFiles))
-                                  ->capture_default_str();
-    CLI::Option* const keepSpace =
+            .addOption("--rotate-every", options.rotateSeconds,
+                       "Start another file at each multiple of this time: 1h is at each full hour of UTC. TIME is "
+                       "seconds, or a number with s, m, h or d")
+            .takes("TIME")
+            .check(cli::duration(tap::kMaxSeconds));
+    const cli::Option keep = command.addOption("--keep", archive.keep, "Keep the newest N files, remove older ones")
+                                 .takes("N")
+                                 .check(cli::wholeNumber(tap::kLeastKeptFiles, tap::kMostKeptFiles))
+                                 .showsDefault();
+    const cli::Option keepSpace =
         command
-            .add_option("--keep-space", options.keepSpaceMb,
-                        "Megabytes of the disk to leave free: older files are removed for it; then nothing is stored "
-                        "until there is space again")
-            ->type_name("MB")
-            ->transform(cli::wholeNumber(0, tap::kMaxKeepSpaceMb))
-            ->capture_default_str();
-    for (CLI::Option* one : {rotate, rotateEvery, keep, keepSpace}) one->needs(directory);
+            .addOption("--keep-space", options.keepSpaceMb,
+                       "Megabytes of the disk to leave free: older files are removed for it; then nothing is stored "
+                       "until there is space again")
+            .takes("MB")
+            .check(cli::wholeNumber(0, tap::kMaxKeepSpaceMb))
+            .showsDefault();
+    for (const cli::Option& one : {rotate, rotateEvery, keep, keepSpace}) one.needs(directory);
 }
 
 }  // namespace
 
-void addRelay(CLI::App& app, Invocation& invocation) {
+void addRelay(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     relay::Settings& settings = options->settings;
-    CLI::App* relay = app.add_subcommand("relay",
-                                         "Publish what a channel delivers, for remote cards of other machines");
-    CLI::Option* const config = relay->add_option(
+    const cli::Command relay = app.addCommand("relay",
+                                              "Publish what a channel delivers, for remote cards of other machines");
+    const cli::Option config = relay.addOption(
         "CONFIG.ini", settings.config, "Start as an application with this configuration does; the master needs one");
     relay
-        ->add_flag("--beside", settings.beside,
-                   "Relay what an application receives that runs under vexo tap --share; open no channel")
-        ->excludes(config);
-    options->channel = relay->add_option("--channel", settings.place.channel, "Channel to relay")
-                           ->type_name("N")
-                           ->transform(cli::wholeNumber(0, card_reg::kChannels - 1));
-    options->bus = relay->add_option("--bus", settings.place.bus, "Number of the card")
-                       ->type_name("N")
-                       ->transform(cli::wholeNumber(0, kLastBus))
-                       ->capture_default_str();
-    relay->add_option("--to", options->to, "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
-        ->type_name("SERVERS");
-    relay->add_option("--site", settings.place.site, "Name of this site, a part of the subjects")
-        ->type_name("NAME")
-        ->capture_default_str();
-    relay->add_flag(
-        "--by-contract", settings.byContract,
-        "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
-    addLimits(*relay, *options);
-    addArchive(*relay, *options);
-    addServerFiles(*relay, settings.connection);
-    relay->add_option("--seconds", settings.seconds, "End after so long; 0: at SIGINT or SIGTERM")
-        ->type_name("SECONDS")
-        ->check(cli::number(0, kDay))
-        ->capture_default_str();
-    relay->add_flag("--json", settings.json, "Show the result as JSON; a log goes to standard error");
-    relay->footer(
+        .addFlag("--beside", settings.beside,
+                 "Relay what an application receives that runs under vexo tap --share; open no channel")
+        .excludes(config);
+    options->channel = relay.addOption("--channel", settings.place.channel, "Channel to relay")
+                           .takes("N")
+                           .check(cli::wholeNumber(0, card_reg::kChannels - 1));
+    options->bus = relay.addOption("--bus", settings.place.bus, "Number of the card")
+                       .takes("N")
+                       .check(cli::wholeNumber(0, kLastBus))
+                       .showsDefault();
+    relay.addOption("--to", options->to, "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
+        .takes("SERVERS");
+    relay.addOption("--site", settings.place.site, "Name of this site, a part of the subjects")
+        .takes("NAME")
+        .showsDefault();
+    relay.addFlag("--by-contract", settings.byContract,
+                  "Publish each contract's packets under a subject of its own, too; VEXO_LAYOUT describes the payload");
+    addLimits(relay, *options);
+    addArchive(relay, *options);
+    addServerFiles(relay, settings.connection);
+    relay.addOption("--seconds", settings.seconds, "End after so long; 0: at SIGINT or SIGTERM")
+        .takes("SECONDS")
+        .check(cli::number(0, kDay))
+        .showsDefault();
+    relay.addFlag("--json", settings.json, "Show the result as JSON; a log goes to standard error");
+    relay.footer(
         "The relay has its channel for itself, like an application, but for --beside. Its subject is "
         "vexo.SITE.BUS.CHANNEL.stream.");
-    cli::tellStatuses(*relay,
+    cli::tellStatuses(relay,
                       {{cli::kFine, "ended as asked, and the server has confirmed everything"},
                        {kFinding, "no server, the stream or the subject is taken, or not everything was confirmed"},
                        {kUsage, "wrong usage, or a file that was named and cannot be read"},
                        {kNoCard, "no card"}});
-    relay->callback([options, &invocation] {
+    relay.whenChosen([options, &invocation] {
         invocation.run = [options] {
             const relay::Settings chosen = settingsOf(*options);
             return load(chosen.beside)(chosen);

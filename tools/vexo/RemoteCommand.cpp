@@ -1,5 +1,4 @@
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -85,36 +84,35 @@ int run(const Options& options, const Program& program) {
 
 }  // namespace
 
-void addRemote(CLI::App& app, Invocation& invocation) {
+void addRemote(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* remote = app.add_subcommand("remote", "The card of another machine");
-    CLI::App* runIt = remote->add_subcommand(
+    const cli::Command remote = app.addCommand("remote", "The card of another machine");
+    const cli::Command runIt = remote.addCommand(
         "run", "Run a program on the packets that a relay sends from the card of another machine");
     takeProgram(
-        *runIt, "remote run", invocation,
+        runIt, "remote run", invocation,
         "Each channel that the program opens receives what a relay sends of the same channel. A master (channel "
         "0) needs --own-registers.");
     runIt
-        ->add_option("--from", options->servers,
-                     "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
-        ->type_name("SERVERS");
-    runIt->add_option("--site", options->site, "Name of the relay's site, a part of the subjects")
-        ->type_name("NAME")
-        ->capture_default_str();
-    runIt->add_option("--bus", options->bus, "Number of the card at the relay, and of the card that the program finds")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(0, kLastBus));
+        .addOption("--from", options->servers, "Servers, with commas between them: nats://HOST:PORT or tls://HOST:PORT")
+        .takes("SERVERS");
+    runIt.addOption("--site", options->site, "Name of the relay's site, a part of the subjects")
+        .takes("NAME")
+        .showsDefault();
+    runIt.addOption("--bus", options->bus, "Number of the card at the relay, and of the card that the program finds")
+        .takes("N")
+        .check(cli::wholeNumber(0, kLastBus));
     runIt
-        ->add_option("--since", options->since,
-                     "Receive the packets from this time on first, from the relay's archive: 09:00, \"2026-11-22 "
-                     "09:00\" of the exchange's zone, or seconds since 1970")
-        ->type_name("TIME");
-    runIt->add_flag("--own-registers", options->ownRegisters,
-                    "Let a model in the program answer its registers, and send it a contract map");
-    addServerFiles(*runIt, options->connection);
-    runIt->add_flag("--shared-day-file", options->sharedDayFile,
-                    "Use the day file in /tmp, which a start on a real card would load too");
-    runIt->callback([options, &invocation] {
+        .addOption("--since", options->since,
+                   "Receive the packets from this time on first, from the relay's archive: 09:00, \"2026-11-22 "
+                   "09:00\" of the exchange's zone, or seconds since 1970")
+        .takes("TIME");
+    runIt.addFlag("--own-registers", options->ownRegisters,
+                  "Let a model in the program answer its registers, and send it a contract map");
+    addServerFiles(runIt, options->connection);
+    runIt.addFlag("--shared-day-file", options->sharedDayFile,
+                  "Use the day file in /tmp, which a start on a real card would load too");
+    runIt.whenChosen([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });
 }

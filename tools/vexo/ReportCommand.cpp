@@ -1,6 +1,5 @@
 #include <sys/stat.h>
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -90,33 +89,33 @@ int run(const Options& options) {
 
 }  // namespace
 
-void addReport(CLI::App& app, Invocation& invocation) {
+void addReport(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
     options->wanted.lines = 2000;
-    CLI::App* report = app.add_subcommand("report", "Gather what support needs into one tar file");
-    report->add_option("CONFIG.ini", options->wanted.configs, "Configurations of the programs on this host");
-    CLI::Option* list = report->add_flag("--list", options->list, "Show what the file would have; write nothing");
-    report->add_option("--output", options->output, "File to write (default: vexo-report_DATE_TIME.tar)")
-        ->type_name("FILE")
-        ->excludes(list);
-    report->add_flag("--json", options->json, "Show the list as JSON");
-    report->add_flag("--mask", options->wanted.masked, "Leave out passwords, IPv4 and MAC addresses");
-    report->add_option("--lines", options->wanted.lines, "How many lines of the end of a log")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(1, kMostLines))
-        ->capture_default_str();
+    const cli::Command report = app.addCommand("report", "Gather what support needs into one tar file");
+    report.addOption("CONFIG.ini", options->wanted.configs, "Configurations of the programs on this host");
+    const cli::Option list = report.addFlag("--list", options->list, "Show what the file would have; write nothing");
+    report.addOption("--output", options->output, "File to write (default: vexo-report_DATE_TIME.tar)")
+        .takes("FILE")
+        .excludes(list);
+    report.addFlag("--json", options->json, "Show the list as JSON");
+    report.addFlag("--mask", options->wanted.masked, "Leave out passwords, IPv4 and MAC addresses");
+    report.addOption("--lines", options->wanted.lines, "How many lines of the end of a log")
+        .takes("N")
+        .check(cli::wholeNumber(1, kMostLines))
+        .showsDefault();
     report
-        ->add_option("--directory", options->wanted.places.directory,
-                     "Working directory of the program, with its log (default: this one)")
-        ->type_name("DIR")
-        ->check(cli::directory());
-    report->footer(
+        .addOption("--directory", options->wanted.places.directory,
+                   "Working directory of the program, with its log (default: this one)")
+        .takes("DIR")
+        .check(cli::directory());
+    report.footer(
         "The list that it shows is all that the file has: no core dump, no environment, no arguments of programs.\n"
         "A file that is there is not overwritten. Only its owner can read it.");
-    cli::tellStatuses(*report, {{cli::kFine, "fine"},
-                                {kFinding, "the file cannot be written to its end"},
-                                {kUsage, "wrong usage, a configuration that cannot be read, or a file that is there"}});
-    report->callback([options, &invocation] { invocation.run = [options] { return run(*options); }; });
+    cli::tellStatuses(report, {{cli::kFine, "fine"},
+                               {kFinding, "the file cannot be written to its end"},
+                               {kUsage, "wrong usage, a configuration that cannot be read, or a file that is there"}});
+    report.whenChosen([options, &invocation] { invocation.run = [options] { return run(*options); }; });
 }
 
 }  // namespace vexo

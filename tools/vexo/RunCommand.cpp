@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -115,51 +114,50 @@ int superviseProgram(const Options& options, const Program& program) {
     return status;
 }
 
-CLI::Option* addSeconds(CLI::App& command, const std::string& name, double& value, double least,
-                        const std::string& text) {
-    return command.add_option(name, value, text)->type_name("SECONDS")->check(cli::number(least, kDay));
+cli::Option addSeconds(const cli::Command& command, const std::string& name, double& value, double least,
+                       const std::string& text) {
+    return command.addOption(name, value, text).takes("SECONDS").check(cli::number(least, kDay));
 }
 
 }  // namespace
 
-void addRun(CLI::App& app, Invocation& invocation) {
+void addRun(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* run = app.add_subcommand("run", "Supervise an application: tell a failed start from an orderly end");
-    takeProgram(*run, "run", invocation);
-    run->add_option("CONFIG.ini", options->config, "Configuration that the application is given");
-    run->add_flag("--check", options->check, "Check configuration and host first; do not start when one is fatal");
-    addSeconds(*run, "--watchdog", options->watchdog, 0.01,
+    const cli::Command run = app.addCommand("run", "Supervise an application: tell a failed start from an orderly end");
+    takeProgram(run, "run", invocation);
+    run.addOption("CONFIG.ini", options->config, "Configuration that the application is given");
+    run.addFlag("--check", options->check, "Check configuration and host first; do not start when one is fatal");
+    addSeconds(run, "--watchdog", options->watchdog, 0.01,
                "End the application when it stops polling an open stream for so long");
-    addSeconds(*run, "--kill-after", options->killAfter, 0, "Time from SIGTERM to SIGKILL of the watchdog")
-        ->capture_default_str();
-    run->add_flag("--restart", options->restart, "Start the application again until it ends in order");
-    addSeconds(*run, "--backoff", options->firstWait, 0, "Wait before the first restart; doubles each time")
-        ->capture_default_str();
-    addSeconds(*run, "--backoff-limit", options->longestWait, 0, "Longest wait before a restart")
-        ->capture_default_str();
-    run->add_flag("--json", options->json,
-                  "Write what happens as JSON on standard output, one object a line: {\"event\": ...}");
-    run->add_option("--keep", options->keep, "Starts whose output is kept")
-        ->type_name("N")
-        ->transform(cli::wholeNumber(1, 1000))
-        ->capture_default_str();
-    run->add_option("--directory", options->directory,
-                    "Directory of the kept output, CONFIG.out for the newest start (default: this one)")
-        ->type_name("DIR")
-        ->check(cli::directory());
-    run->footer(
+    addSeconds(run, "--kill-after", options->killAfter, 0, "Time from SIGTERM to SIGKILL of the watchdog")
+        .showsDefault();
+    run.addFlag("--restart", options->restart, "Start the application again until it ends in order");
+    addSeconds(run, "--backoff", options->firstWait, 0, "Wait before the first restart; doubles each time")
+        .showsDefault();
+    addSeconds(run, "--backoff-limit", options->longestWait, 0, "Longest wait before a restart").showsDefault();
+    run.addFlag("--json", options->json,
+                "Write what happens as JSON on standard output, one object a line: {\"event\": ...}");
+    run.addOption("--keep", options->keep, "Starts whose output is kept")
+        .takes("N")
+        .check(cli::wholeNumber(1, 1000))
+        .showsDefault();
+    run.addOption("--directory", options->directory,
+                  "Directory of the kept output, CONFIG.out for the newest start (default: this one)")
+        .takes("DIR")
+        .check(cli::directory());
+    run.footer(
         "Run it as:  vexo run [OPTIONS] CONFIG.ini -- PROGRAM [ARGUMENTS]\n"
         "Under systemd (Type=notify) it says READY=1 once the stream is open, and WATCHDOG=1 while the application "
         "polls.");
-    cli::tellStatuses(*run, {{cli::kFine, "the application ended in order or as asked"},
-                             {kFinding, "the start failed, or polls stood still"},
-                             {kUsage, "wrong usage"},
-                             {kNoCard, "the start failed: there is no card"},
-                             {vexo::run::kUseless, "the start failed, and another one would too, or do harm"},
-                             {kCannotRun, "the program cannot be run"},
-                             {kNotFound, "the program is not there"},
-                             {cli::kElse, "that of the program; 128 + N after signal N"}});
-    run->callback([options, &invocation] {
+    cli::tellStatuses(run, {{cli::kFine, "the application ended in order or as asked"},
+                            {kFinding, "the start failed, or polls stood still"},
+                            {kUsage, "wrong usage"},
+                            {kNoCard, "the start failed: there is no card"},
+                            {vexo::run::kUseless, "the start failed, and another one would too, or do harm"},
+                            {kCannotRun, "the program cannot be run"},
+                            {kNotFound, "the program is not there"},
+                            {cli::kElse, "that of the program; 128 + N after signal N"}});
+    run.whenChosen([options, &invocation] {
         invocation.run = [options, &invocation] { return superviseProgram(*options, invocation.program); };
     });
 }

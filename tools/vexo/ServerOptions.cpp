@@ -1,19 +1,18 @@
 #include "tools/vexo/ServerOptions.h"
 
-#include <CLI/CLI.hpp>
 #include <string>
 
 namespace vexo {
 namespace {
 
-void addFile(CLI::App& subcommand, const char* name, std::string& value, const char* variable,
+void addFile(const cli::Command& subcommand, const char* name, std::string& value, const char* variable,
              const std::string& text) {
-    subcommand.add_option(name, value, text + " (or $" + variable + ")")->type_name("FILE");
+    subcommand.addOption(name, value, text + " (or $" + variable + ")").takes("FILE");
 }
 
 }  // namespace
 
-void addServerFiles(CLI::App& subcommand, vexo_sim::remote::ConnectionSettings& connection) {
+void addServerFiles(const cli::Command& subcommand, vexo_sim::remote::ConnectionSettings& connection) {
     addFile(subcommand, "--creds", connection.credsFile, "VEXO_NATS_CREDS", "Credentials file of the user");
     addFile(subcommand, "--user-file", connection.userFile, "VEXO_NATS_USER_FILE",
             "File with a line of the user and a line of the password, or with a token alone");

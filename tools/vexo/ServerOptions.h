@@ -1,14 +1,11 @@
 #pragma once
 
 #include "sim/remote/nats/Connection.h"
-
-namespace CLI {
-class App;
-}
+#include "tools/cli/Command.h"
 
 namespace vexo {
 
 /// Adds the options that name the files of a connection. What is secret is in files alone, never on a command line.
-void addServerFiles(CLI::App& subcommand, vexo_sim::remote::ConnectionSettings& connection);
+void addServerFiles(const cli::Command& subcommand, vexo_sim::remote::ConnectionSettings& connection);
 
 }  // namespace vexo

@@ -1,5 +1,4 @@
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -70,33 +69,32 @@ int run(const Options& options, const Program& program) {
 
 }  // namespace
 
-void addSim(CLI::App& app, Invocation& invocation) {
+void addSim(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* sim = app.add_subcommand("sim", "The simulated card");
-    CLI::App* runIt = sim->add_subcommand("run", "Run a program on the simulated card instead of a real one");
+    const cli::Command sim = app.addCommand("sim", "The simulated card");
+    const cli::Command runIt = sim.addCommand("run", "Run a program on the simulated card instead of a real one");
     takeProgram(
-        *runIt, "sim run", invocation,
+        runIt, "sim run", invocation,
         "The program's day files lie in a private directory for each card; a line on standard error says where. "
         "So no start on a real card loads the map of a simulated one. The loader obeys neither this nor the "
         "choice of the card for programs that are static or run with the rights of another user (setuid).");
-    CLI::Option* scenario = runIt->add_option("--scenario", options->scenario,
-                                              "Scenario file for a card of the program's own");
-    scenario->type_name("SCENARIO.ini");
-    CLI::Option* setting = runIt->add_option("--set", options->settings.texts,
-                                             "Set one key of the scenario; may be given several times");
-    setting->type_name("SECTION.KEY=VALUE")->allow_extra_args(false);
-    CLI::Option* embedded = runIt->add_flag("--embedded", options->embedded,
-                                            "Use a card of the program's own, even when one is hosted");
-    CLI::Option* hosted = runIt->add_flag("--hosted", options->hosted,
-                                          "Use the card that vexo-simcard hosts, and no other");
-    hosted->excludes(embedded)->excludes(scenario)->excludes(setting);
-    runIt
-        ->add_option("--user", options->user, "With --hosted: whose card; they must share it with vexo-simcard --group")
-        ->type_name("USER")
-        ->needs(hosted);
-    runIt->add_flag("--shared-day-file", options->sharedDayFile,
-                    "Use the day file in /tmp, which a start on a real card would load too");
-    runIt->callback([options, &invocation] {
+    const cli::Option scenario = runIt.addOption("--scenario", options->scenario,
+                                                 "Scenario file for a card of the program's own");
+    scenario.takes("SCENARIO.ini");
+    const cli::Option setting = runIt.addOption("--set", options->settings.texts,
+                                                "Set one key of the scenario; may be given several times");
+    setting.takes("SECTION.KEY=VALUE").takesOneEach();
+    const cli::Option embedded = runIt.addFlag("--embedded", options->embedded,
+                                               "Use a card of the program's own, even when one is hosted");
+    const cli::Option hosted = runIt.addFlag("--hosted", options->hosted,
+                                             "Use the card that vexo-simcard hosts, and no other");
+    hosted.excludes(embedded).excludes(scenario).excludes(setting);
+    runIt.addOption("--user", options->user, "With --hosted: whose card; they must share it with vexo-simcard --group")
+        .takes("USER")
+        .needs(hosted);
+    runIt.addFlag("--shared-day-file", options->sharedDayFile,
+                  "Use the day file in /tmp, which a start on a real card would load too");
+    runIt.whenChosen([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });
 }

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -138,33 +137,34 @@ int run(const Options& options) {
 
 }  // namespace
 
-void addStat(CLI::App& app, Invocation& invocation) {
+void addStat(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* stat = app.add_subcommand("stat", "Show what running programs receive and lose");
-    stat->add_option("--dir", options->directory,
-                     "Directory of the pages; the default is $VEXO_STATS_DIR, or else those of all users")
-        ->type_name("DIR")
-        ->check(cli::directory());
-    stat->add_option("--pid", options->pid, "Show only this process")->type_name("PID")->transform(cli::processId());
-    CLI::Option* loss = stat->add_flag("--loss", options->loss, "Show one table: packets lost, by cause");
-    CLI::Option* json = stat->add_flag("--json", options->json, "Show one line of JSON for each process");
-    CLI::Option* prometheus = stat->add_option(
+    const cli::Command stat = app.addCommand("stat", "Show what running programs receive and lose");
+    stat.addOption("--dir", options->directory,
+                   "Directory of the pages; the default is $VEXO_STATS_DIR, or else those of all users")
+        .takes("DIR")
+        .check(cli::directory());
+    stat.addOption("--pid", options->pid, "Show only this process").takes("PID").check(cli::processId());
+    const cli::Option loss = stat.addFlag("--loss", options->loss, "Show one table: packets lost, by cause");
+    const cli::Option json = stat.addFlag("--json", options->json, "Show one line of JSON for each process");
+    const cli::Option prometheus = stat.addOption(
         "--prometheus", options->prometheus,
         "Write metrics of Prometheus into this file, for the node exporter's textfile directory; - is standard output");
-    prometheus->type_name("FILE");
-    CLI::Option* watch = stat->add_option("--watch", options->watch, "Show again after so many seconds, until Ctrl-C");
-    watch->type_name("SECONDS")->check(cli::number(0.1, kLongestWatch))->expected(0, 1)->default_str("1");
-    CLI::Option* listen = stat->add_option("--listen", options->port,
-                                           "Serve metrics over HTTP at this port of 127.0.0.1, until Ctrl-C; 0 is any");
-    listen->type_name("PORT")->transform(cli::wholeNumber(0, 65535));
-    json->excludes(loss)->excludes(prometheus)->excludes(listen);
-    prometheus->excludes(loss)->excludes(listen);
-    listen->excludes(loss)->excludes(watch);
-    cli::tellStatuses(*stat, {{cli::kFine, "there was a page, or metrics were written"},
-                              {kFinding, "no page, or a failure"},
-                              {kUsage, "wrong usage"}});
-    stat->callback([options, watch, &invocation] {
-        if (watch->count() > 0 && options->watch == 0) options->watch = kUsualWatch;
+    prometheus.takes("FILE");
+    const cli::Option watch = stat.addOption("--watch", options->watch,
+                                             "Show again after so many seconds, until Ctrl-C");
+    watch.takes("SECONDS").check(cli::number(0.1, kLongestWatch)).mayStandAlone("1");
+    const cli::Option listen = stat.addOption(
+        "--listen", options->port, "Serve metrics over HTTP at this port of 127.0.0.1, until Ctrl-C; 0 is any");
+    listen.takes("PORT").check(cli::wholeNumber(0, 65535));
+    json.excludes(loss).excludes(prometheus).excludes(listen);
+    prometheus.excludes(loss).excludes(listen);
+    listen.excludes(loss).excludes(watch);
+    cli::tellStatuses(stat, {{cli::kFine, "there was a page, or metrics were written"},
+                             {kFinding, "no page, or a failure"},
+                             {kUsage, "wrong usage"}});
+    stat.whenChosen([options, watch, &invocation] {
+        if (watch.isGiven() && options->watch == 0) options->watch = kUsualWatch;
         invocation.run = [options] { return run(*options); };
     });
 }

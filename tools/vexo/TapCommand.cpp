@@ -1,5 +1,4 @@
 #include <VexoZceMdStatsPage.h>
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -100,76 +99,76 @@ int run(const Options& options, const Program& program) {
 }
 
 // How large, how long and how many. All of them belong to a recording.
-std::vector<CLI::Option*> addLimits(CLI::App& tap, Options& options) {
-    CLI::Option* rotate = tap.add_option("--rotate", options.rotateMb,
-                                         "Start another file before one grows beyond so many megabytes")
-                              ->type_name("MB")
-                              ->transform(cli::wholeNumber(1, tap::kMaxRotateMb));
-    CLI::Option* rotateEvery =
-        tap.add_option("--rotate-every", options.rotateSeconds,
-                       "Start another file at each multiple of this time: 1h is at each full hour of UTC. TIME is "
-                       "seconds, or a number with s, m, h or d")
-            ->type_name("TIME")
-            ->transform(cli::duration(tap::kMaxSeconds));
-    CLI::Option* keep = tap.add_option("--keep", options.keep,
-                                       "Keep the newest N files of this and earlier recordings to --output, and "
-                                       "remove older ones. Their names then have number and time")
-                            ->type_name("N")
-                            ->transform(cli::wholeNumber(tap::kLeastKeptFiles, tap::kMostKeptFiles));
-    CLI::Option* keepSpace = tap.add_option("--keep-space", options.keepSpaceMb,
-                                            "Megabytes of the disk to leave free: older files are removed for it; "
-                                            "then nothing is recorded until there is space again")
-                                 ->type_name("MB")
-                                 ->transform(cli::wholeNumber(0, tap::kMaxKeepSpaceMb))
-                                 ->capture_default_str()
-                                 ->needs(keep);
-    CLI::Option* duration = tap.add_option("--duration", options.durationSeconds,
-                                           "End the recording after this time; the program goes on")
-                                ->type_name("TIME")
-                                ->transform(cli::duration(tap::kMaxSeconds));
+std::vector<cli::Option> addLimits(const cli::Command& tap, Options& options) {
+    const cli::Option rotate = tap.addOption("--rotate", options.rotateMb,
+                                             "Start another file before one grows beyond so many megabytes")
+                                   .takes("MB")
+                                   .check(cli::wholeNumber(1, tap::kMaxRotateMb));
+    const cli::Option rotateEvery =
+        tap.addOption("--rotate-every", options.rotateSeconds,
+                      "Start another file at each multiple of this time: 1h is at each full hour of UTC. TIME is "
+                      "seconds, or a number with s, m, h or d")
+            .takes("TIME")
+            .check(cli::duration(tap::kMaxSeconds));
+    const cli::Option keep = tap.addOption("--keep", options.keep,
+                                           "Keep the newest N files of this and earlier recordings to --output, and "
+                                           "remove older ones. Their names then have number and time")
+                                 .takes("N")
+                                 .check(cli::wholeNumber(tap::kLeastKeptFiles, tap::kMostKeptFiles));
+    const cli::Option keepSpace = tap.addOption("--keep-space", options.keepSpaceMb,
+                                                "Megabytes of the disk to leave free: older files are removed for it; "
+                                                "then nothing is recorded until there is space again")
+                                      .takes("MB")
+                                      .check(cli::wholeNumber(0, tap::kMaxKeepSpaceMb))
+                                      .showsDefault()
+                                      .needs(keep);
+    const cli::Option duration = tap.addOption("--duration", options.durationSeconds,
+                                               "End the recording after this time; the program goes on")
+                                     .takes("TIME")
+                                     .check(cli::duration(tap::kMaxSeconds));
     return {rotate, rotateEvery, keep, keepSpace, duration};
 }
 
 }  // namespace
 
-void addTap(CLI::App& app, Invocation& invocation) {
+void addTap(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* tap = app.add_subcommand("tap", "Run a program and record what its card delivers, as pcapng");
-    takeProgram(*tap, "tap", invocation);
-    CLI::Option* const output = tap->add_option("--output", options->output,
-                                                "File to write; if it exists, a free name with a number is used")
-                                    ->type_name("FILE")
-                                    ->capture_default_str();
-    CLI::Option* const registers = tap->add_flag("--registers", options->registers, "Record every register access too");
-    CLI::Option* const ring =
-        tap->add_option("--ring", options->ringMb,
-                        "Megabytes of memory for packets on their way to the file or the relay, for each stream")
-            ->type_name("MB")
-            ->transform(cli::wholeNumber(1, tap::kMaxRingMb))
-            ->capture_default_str();
-    CLI::Option* statsOnly = tap->add_flag("--stats-only", options->statsOnly,
-                                           "Record nothing; count for vexo stat what the program receives and loses");
-    CLI::Option* const share = tap->add_flag("--share", options->share,
-                                             "Record nothing; share the packets with vexo relay --beside");
-    CLI::Option* const ringLasts =
-        tap->add_option(
+    const cli::Command tap = app.addCommand("tap", "Run a program and record what its card delivers, as pcapng");
+    takeProgram(tap, "tap", invocation);
+    const cli::Option output = tap.addOption("--output", options->output,
+                                             "File to write; if it exists, a free name with a number is used")
+                                   .takes("FILE")
+                                   .showsDefault();
+    const cli::Option registers = tap.addFlag("--registers", options->registers, "Record every register access too");
+    const cli::Option ring =
+        tap.addOption("--ring", options->ringMb,
+                      "Megabytes of memory for packets on their way to the file or the relay, for each stream")
+            .takes("MB")
+            .check(cli::wholeNumber(1, tap::kMaxRingMb))
+            .showsDefault();
+    const cli::Option statsOnly = tap.addFlag(
+        "--stats-only", options->statsOnly, "Record nothing; count for vexo stat what the program receives and loses");
+    const cli::Option share = tap.addFlag("--share", options->share,
+                                          "Record nothing; share the packets with vexo relay --beside");
+    const cli::Option ringLasts =
+        tap.addOption(
                "--ring-lasts", options->ringLastsUs,
                "Microseconds until the ring of a stream is full when nobody polls: packets that a longer callback "
                "costs are lost by the application")
-            ->type_name("US")
-            ->transform(cli::wholeNumber(1, stats::kMaxRingLastsUs))
-            ->capture_default_str();
-    CLI::Option* const keepPage = tap->add_flag("--keep-page", options->keepPage,
-                                                "Keep the page of numbers for vexo stat when the program ends");
-    std::vector<CLI::Option*> recording = addLimits(*tap, *options);
+            .takes("US")
+            .check(cli::wholeNumber(1, stats::kMaxRingLastsUs))
+            .showsDefault();
+    const cli::Option keepPage = tap.addFlag("--keep-page", options->keepPage,
+                                             "Keep the page of numbers for vexo stat when the program ends");
+    std::vector<cli::Option> recording = addLimits(tap, *options);
     recording.insert(recording.end(), {output, registers});
-    statsOnly->excludes(ring);
-    for (CLI::Option* one : recording) statsOnly->excludes(one);
-    for (CLI::Option* one : recording) share->excludes(one);
-    for (CLI::Option* one : {statsOnly, ringLasts, keepPage}) share->excludes(one);
-    tap->add_flag("--json", options->json,
-                  "Write what the tap says on standard error as JSON, one object a line: {\"tap\": ...}");
-    tap->callback([options, &invocation] {
+    statsOnly.excludes(ring);
+    for (const cli::Option& one : recording) statsOnly.excludes(one);
+    for (const cli::Option& one : recording) share.excludes(one);
+    for (const cli::Option& one : {statsOnly, ringLasts, keepPage}) share.excludes(one);
+    tap.addFlag("--json", options->json,
+                "Write what the tap says on standard error as JSON, one object a line: {\"tap\": ...}");
+    tap.whenChosen([options, &invocation] {
         invocation.run = [options, &invocation] { return run(*options, invocation.program); };
     });
 }

@@ -1,5 +1,4 @@
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -195,42 +194,42 @@ int follow(const Options& options) {
 
 }  // namespace
 
-void addWatch(CLI::App& app, Invocation& invocation) {
+void addWatch(const cli::Command& app, Invocation& invocation) {
     const auto options = std::make_shared<Options>();
-    CLI::App* watch = app.add_subcommand("watch", "Show live what a channel or a process receives and loses");
-    CLI::Option* config = watch->add_option("CONFIG.ini", options->config,
-                                            "Receive on the channel of this configuration, and show it");
-    CLI::Option* pid = watch->add_option("--pid", options->pid, "Show a process that has a statistics page");
-    pid->type_name("PID")->transform(cli::processId())->excludes(config);
+    const cli::Command watch = app.addCommand("watch", "Show live what a channel or a process receives and loses");
+    const cli::Option config = watch.addOption("CONFIG.ini", options->config,
+                                               "Receive on the channel of this configuration, and show it");
+    const cli::Option pid = watch.addOption("--pid", options->pid, "Show a process that has a statistics page");
+    pid.takes("PID").check(cli::processId()).excludes(config);
     watch
-        ->add_option("--dir", options->directory,
-                     "Directory of the pages; the default is $VEXO_STATS_DIR, or else those of all users")
-        ->type_name("DIR");
+        .addOption("--dir", options->directory,
+                   "Directory of the pages; the default is $VEXO_STATS_DIR, or else those of all users")
+        .takes("DIR");
     watch
-        ->add_option("--layout", options->layouts,
-                     "Layout file of the payload, for the ids of instruments; may be given several times")
-        ->type_name("FILE")
-        ->allow_extra_args(false)
-        ->excludes(pid);
-    watch->add_option("--interval", options->interval, "Look again after so many seconds")
-        ->type_name("SECONDS")
-        ->check(cli::number(0.1, kDay))
-        ->capture_default_str();
-    watch->add_option("--seconds", options->seconds, "End after so many seconds; without it, on Ctrl-C")
-        ->type_name("SECONDS")
-        ->check(cli::number(0.1, 366 * kDay));
-    CLI::Option* plain = watch->add_flag("--plain", options->plain,
-                                         "Write lines, one for each look; so it does where there is no terminal");
-    watch->add_flag("--json", options->json, "Write one line of JSON for each look")->excludes(plain);
-    terminal::addColorOption(*watch, options->color);
-    watch->footer(
+        .addOption("--layout", options->layouts,
+                   "Layout file of the payload, for the ids of instruments; may be given several times")
+        .takes("FILE")
+        .takesOneEach()
+        .excludes(pid);
+    watch.addOption("--interval", options->interval, "Look again after so many seconds")
+        .takes("SECONDS")
+        .check(cli::number(0.1, kDay))
+        .showsDefault();
+    watch.addOption("--seconds", options->seconds, "End after so many seconds; without it, on Ctrl-C")
+        .takes("SECONDS")
+        .check(cli::number(0.1, 366 * kDay));
+    const cli::Option plain = watch.addFlag("--plain", options->plain,
+                                            "Write lines, one for each look; so it does where there is no terminal");
+    watch.addFlag("--json", options->json, "Write one line of JSON for each look").excludes(plain);
+    terminal::addColorOption(watch, options->color);
+    watch.footer(
         "The start of a master, channel 0, resets the card: while other processes use the card, watch them with "
         "--pid.");
-    cli::tellStatuses(*watch, {{cli::kFine, "the numbers were shown"},
-                               {kFinding, "no page, the channel is taken, or the start failed"},
-                               {kUsage, "wrong usage, or a file that cannot be read"},
-                               {kNoCard, "no card"}});
-    watch->callback([options, &invocation] { invocation.run = [options] { return follow(*options); }; });
+    cli::tellStatuses(watch, {{cli::kFine, "the numbers were shown"},
+                              {kFinding, "no page, the channel is taken, or the start failed"},
+                              {kUsage, "wrong usage, or a file that cannot be read"},
+                              {kNoCard, "no card"}});
+    watch.whenChosen([options, &invocation] { invocation.run = [options] { return follow(*options); }; });
 }
 
 }  // namespace vexo

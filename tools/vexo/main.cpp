@@ -1,6 +1,5 @@
 // vexo: the command-line tool. Words after "--" are a program: vexo sets its environment, then becomes it.
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <optional>
 
@@ -17,11 +16,11 @@ constexpr AddCommand kCommands[] = {addCheck,  addExport, addIndex, addInfo, add
                                     addRemote, addReport, addRun,   addSim,  addStat, addTap,  addWatch};
 
 // The usual cause of words without a place is a program without "--" before it.
-std::string adviceFor(const CLI::App& app, const Invocation& invocation, const std::vector<std::string>& words) {
-    const CLI::App& command = cli::chosen(app);
+std::string adviceFor(const cli::Command& app, const Invocation& invocation, const std::vector<std::string>& words) {
+    const cli::Command command = cli::chosen(app);
     const auto& commands = invocation.takeProgram;
     const bool forgotten = invocation.program.empty() && words.front().front() != '-' &&
-                           std::find(commands.begin(), commands.end(), &command) != commands.end();
+                           std::find(commands.begin(), commands.end(), command) != commands.end();
     return forgotten ? "Put -- before the program: " + cli::nameOf(command) + " [OPTIONS] -- " + cli::joined(words)
                      : "";
 }
@@ -33,11 +32,12 @@ int parseAndRun(int argc, char** argv) {
     if (dashes != words.end()) invocation.program.assign(dashes + 1, words.end());
     words.erase(dashes, words.end());
 
-    CLI::App app(
+    const cli::CommandLine line(
+        "vexo",
         "Checks and plans a configuration, supervises an application, runs programs on a simulated card or on the card "
         "of another machine, records, counts, exports and relays what a card delivers, and shows numbers, logs and day "
-        "files.",
-        "vexo");
+        "files.");
+    const cli::Command app = line.command();
     for (const AddCommand add : kCommands) add(app, invocation);
     cli::tellStatuses(app, {{cli::kFine, "fine"},
                             {cli::kFinding, "a finding, or a failure"},

@@ -75,12 +75,14 @@ TEST_F(WatchPage, HasTheNumbersOfVexoStat) {
 TEST_F(WatchPage, WritesALineForEachLookWhereThereIsNoTerminal) {
     Write(stats_page::Busy());
     Log("low \x1b[31mdisk");
+    const std::string losses = "1,005 packets; lost: before the card 20, by the card 18, by the ring 20, ";
+    // The log's line and two looks, however late the second one comes.
+    const std::string looks = runProgram(Words("--interval 0.1") + " | head -n 3").output;
+    EXPECT_THAT(looks, StartsWith("log 09:12:34 WARN low \\x1B[31mdisk\n"));
+    EXPECT_THAT(looks, HasSubstr(losses));
+    EXPECT_THAT(looks, HasSubstr(" 0 packets/s, 0.00 MB/s; " + losses));
     const ProgramResult watched = Watch("--interval 0.1 --seconds 0.3");
     EXPECT_EQ(watched.status, 0);
-    EXPECT_THAT(watched.output, StartsWith("log 09:12:34 WARN low \\x1B[31mdisk\n"));
-    const std::string losses = "1,005 packets; lost: before the card 20, by the card 18, by the ring 20, ";
-    EXPECT_THAT(watched.output, HasSubstr(losses));
-    EXPECT_THAT(watched.output, HasSubstr(" 0 packets/s, 0.00 MB/s; " + losses));
     EXPECT_THAT(watched.output, HasSubstr("\nwatched for "));
     EXPECT_THAT(watched.output, HasSubstr("    lost             before the card 20, "));
     EXPECT_THAT(watched.output, Not(HasSubstr("\x1b")));
@@ -246,10 +248,11 @@ TEST_F(WatchTerminal, UsesNoColorAndNoCommandWhereTheyAreNotWanted) {
         EXPECT_GT(colored.screen.colors(), 0U);
     }
     ::setenv("NO_COLOR", "1", 1);
-    Terminal plain(Words("--seconds 0.3 --interval 0.1"), 80, 24);
+    Terminal plain(Words("--interval 0.1"), 80, 24);
+    EXPECT_TRUE(plain.showsAnotherView());
+    plain.type("\x03");  // Ctrl-C
     EXPECT_EQ(plain.wait(), 0);
     EXPECT_EQ(plain.screen.colors(), 0U);
-    EXPECT_GT(plain.screen.highestMove(), 0U);
     ::setenv("TERM", "dumb", 1);
     Terminal dumb(Words("--seconds 0.3 --interval 0.1"), 80, 24);
     EXPECT_EQ(dumb.wait(), 0);

@@ -153,6 +153,16 @@ public:
             ::usleep(10000);
         }
     }
+    /// Waits until a view took the place of the one before. False when the program has ended instead.
+    bool showsAnotherView() {
+        while (screen.highestMove() == 0) {
+            const bool isOver = hasEnded();
+            take();
+            if (isOver) return screen.highestMove() > 0;
+            ::usleep(10000);
+        }
+        return true;
+    }
     std::size_t timesShown(const std::string& text) const {
         const std::string all = screen.text();
         std::size_t times = 0;
