@@ -24,7 +24,8 @@ sys.dont_write_bytecode = True
 import machine
 import many_page
 
-RATES = (100_000, 200_000, 400_000, 600_000, 800_000, 1_000_000, 1_250_000, 1_500_000, 2_000_000)
+RATES = (100_000, 200_000, 400_000, 600_000, 800_000, 1_000_000, 1_250_000, 1_500_000, 2_000_000, 3_000_000,
+         4_000_000)
 SUBSCRIBERS = (1, 3, 10)
 REST_US = 50  # of polling threads, where the cost of a part is measured: one that never rests uses its CPU up
 CALM_RATE, BUSY_RATE = 10_000, 100_000  # packets a second
