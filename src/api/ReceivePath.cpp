@@ -88,10 +88,10 @@ __attribute__((no_sanitize("null"))) void CVexoZceMdApiImpl::onPacket(const unsi
 // ---- the same packet on the slow path ----
 
 int CZceDmaChanImpl::HandleUpSubsResult(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {
-    if (len < packet::kTypeSize) return rejectShortPacket(len);
+    if (len < packet::kTypeSize) return rejectShortPacket(len, "HandleUpSubsResult");
     if (!packet::isMarketData(packet::typeOf(pkt))) return rejectUnknownPacket(pkt, len);
     registerSignalsOnce();
-    if (len < packet::kHeadSize) return rejectShortPacket(len);
+    if (len < packet::kHeadSize) return rejectShortPacket(len, "HandleUpSubsResult");
     int result = 0;
     callBack(m_pApi->m_pSpi, pkt, result);
     m_bRecvData = 1;

@@ -64,7 +64,7 @@ std::chrono::system_clock::time_point systemNow() {
 }  // namespace
 
 int CZceDmaChanImpl::HandleContMapPkt(const unsigned char* pkt, unsigned int len, void* /*ctx*/) {
-    if (len < kMapPacketMinSize) return rejectShortPacket(len);
+    if (len < kMapPacketMinSize) return rejectShortPacket(len, "HandleContMapPkt");
     if (m_pContractServ == nullptr) {
         ignoreContractMap();
         return 0;

@@ -104,7 +104,7 @@ private:
     int checkConfigOfChannel(std::uint32_t chan, bool& allReceived);
     Vexo2_U50::StoredRow storeQuoteSub(const std::string& instId, unsigned short index);
     static void registerSignalsOnce();
-    static int rejectShortPacket(unsigned int len);
+    static int rejectShortPacket(unsigned int len, const char* operation);
     static int rejectUnknownPacket(const unsigned char* pkt, unsigned int len);
     void ignoreContractMap();
 

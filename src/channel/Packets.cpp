@@ -33,7 +33,7 @@ __attribute__((no_sanitize("null"))) void CZceDmaChanImpl::DmaEntrance(const uns
     auto* self = static_cast<CZceDmaChanImpl*>(ctx);
     try {
         if (len < packet::kTypeSize) {
-            rejectShortPacket(len);
+            rejectShortPacket(len, "DmaEntrance");
             return;
         }
         const std::uint32_t type = packet::typeOf(pkt);
@@ -60,8 +60,8 @@ void CZceDmaChanImpl::rethrowCallbackError() {
     std::rethrow_exception(error);
 }
 
-int CZceDmaChanImpl::rejectShortPacket(unsigned int len) {
-    LOG_WARN("Unexpect dma size, size %u", len);
+int CZceDmaChanImpl::rejectShortPacket(unsigned int len, const char* operation) {
+    LOG_WARN_IN(operation, "Unexpect dma size, size %u", len);
     return 0;
 }
 

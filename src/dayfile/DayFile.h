@@ -65,6 +65,7 @@ private:
     void reportLostLines();
     bool loadDayLines(const std::string& content);
     bool openIntraday(int flags, const char* mode);
+    bool createIntraday(const char* operation);
     void closeIntraday();
 
     std::string m_strDayPath;            ///< path of the file that m_dayFile opened last

@@ -58,11 +58,13 @@ void CBrixBinFile::closeIntraday() {
     m_lpIntradeFile = nullptr;
 }
 
-int CBrixBinFile::Normal_FileInit() {
-    if (openIntraday(O_WRONLY | O_CREAT | O_TRUNC, "w")) return 0;
-    LOG_WARN("Fail! Unable to open file %s,msg:%s", kBinName, std::strerror(errno));
-    return -1;
+bool CBrixBinFile::createIntraday(const char* operation) {
+    if (openIntraday(O_WRONLY | O_CREAT | O_TRUNC, "w")) return true;
+    LOG_WARN_IN(operation, "Fail! Unable to open file %s,msg:%s", kBinName, std::strerror(errno));
+    return false;
 }
+
+int CBrixBinFile::Normal_FileInit() { return createIntraday("Normal_FileInit") ? 0 : -1; }
 
 int CBrixBinFile::Normal_WriteInstToBin(std::string id, unsigned short index) {
     char line[kInstLineSize];
@@ -75,7 +77,7 @@ int CBrixBinFile::Normal_WriteInstToBin(std::string id, unsigned short index) {
 }
 
 int CBrixBinFile::Intrade_WrInstFromFpga() {
-    if (Normal_FileInit() != 0) return -1;
+    if (!createIntraday("Intrade_WrInstFromFpga")) return -1;
     std::fprintf(m_lpIntradeFile, "%s%lu\n", kTimeKey, stamp(local_time::now()));
     for (const auto& [id, index] : m_Intrade_AllInstMap) std::fprintf(m_lpIntradeFile, "%u,%s\n", index, id.c_str());
     const int result = WriteEndToBin();

@@ -202,11 +202,15 @@ TEST_F(RunLoop, LinesNameTheirSourceAndFunction) {
         elog_set_fmt(level, ELOG_FMT_LVL | ELOG_FMT_TAG | ELOG_FMT_FILE | ELOG_FMT_FUNC);
     channel->InitDma(nullptr);
     Deliver(Packet(21, 64));
+    Deliver(std::vector<unsigned char>(3));
+    Deliver(Packet(2, 14));
     Deliver(Packet(17, 11));
 
     ExpectTimeline({"ERROR (VexoZceUpdmaImpl InitDma)Init dma null fail",
                     "ERROR (VexoZceUpdmaImpl DmaEntrance)Unsupported dma type 0x15",
-                    "WARN (VexoZceUpdmaImpl rejectShortPacket)Unexpect dma size, size 11"});
+                    "WARN (VexoZceUpdmaImpl DmaEntrance)Unexpect dma size, size 3",
+                    "WARN (VexoZceUpdmaImpl HandleContMapPkt)Unexpect dma size, size 14",
+                    "WARN (VexoZceUpdmaImpl HandleUpSubsResult)Unexpect dma size, size 11"});
 }
 
 // ---- subscription rules ----

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "src/channel/DmaChannel.h"
+#include "src/log/elog.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/dayfile/DayFileFixture.h"
 
@@ -149,6 +150,19 @@ TEST_F(IntradayFile, WritingTheWholeMapFailsWhereTheFileCannotBeOpened) {
 
     EXPECT_EQ(result, -1);
     EXPECT_THAT(log, ElementsAre("WARN Fail! Unable to open file bin,msg:Is a directory"));
+}
+
+TEST_F(IntradayFile, AFileThatCannotBeOpenedIsReportedByTheOperationThatWasCalled) {
+    fs::create_directory("bin");
+
+    log = LogOf([this] {
+        elog_set_fmt(ELOG_LVL_WARN, ELOG_FMT_FUNC);
+        bin->Normal_FileInit();
+        bin->Intrade_WrInstFromFpga();
+    });
+
+    EXPECT_THAT(log, ElementsAre("(Normal_FileInit)Fail! Unable to open file bin,msg:Is a directory",
+                                 "(Intrade_WrInstFromFpga)Fail! Unable to open file bin,msg:Is a directory"));
 }
 
 TEST_F(IntradayFile, TheEndStoresTheSettlementTimeWithItsDateBackIntoTheGlobal) {
