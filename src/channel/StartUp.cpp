@@ -70,8 +70,9 @@ int CZceDmaChanImpl::Init(Vexo2_U50::ZceDmaInitParms_t* /*parms*/) {
     m_pCfgFile->BindCpu();
     if (!m_pCfgFile->bIsMasterChannel()) return 0;
     if (ChkBinFileAuthority() != 0) return -1;
+    const bool isUser = m_uiChannel == 0;  // prepared before, and failed
     m_uiChannel = m_pCfgFile->GetDmaChannel();
-    users().add(m_pDrv);
+    if (!isUser) users().add(m_pDrv);
 
     if (createServices() != 0) return -1;
     ChkAndRst();

@@ -314,6 +314,21 @@ TEST_F(ChannelInit, DriverThatTwoChannel0ObjectsShareEndsWithTheLast) {
     EXPECT_EQ(value, 12U);
 }
 
+TEST_F(ChannelInit, Channel0ThatIsPreparedAgainAfterAFailureEndsTheRegisterDriver) {
+    MakeChannel();
+    drv->scripted[card_reg::kVerdictOrFibre] = {card_reg::kVerdictTooOld, card_reg::kVerdictAccepted};
+    ASSERT_EQ(channel->Init(&parms), -1);
+    delete channel->m_pContractServ;
+    delete channel->m_pBinFile;
+    delete channel->m_pFpgaServ;
+    ASSERT_EQ(channel->Init(&parms), 0);
+    const int before = FakeDrv::destroyed;
+
+    EndChannel();
+
+    EXPECT_EQ(FakeDrv::destroyed, before + 1);
+}
+
 TEST_F(ChannelInit, Channel0ThatNeverTookTheDriverOverEndsItAllTheSame) {
     MakeChannel();
     channel->m_uiChannel = 0;
