@@ -41,7 +41,8 @@ std::time_t g_settledSecond = kNoSecond;
 // What a full disk, or a new day's file that could not be opened, left behind. A handler reads and sets them, too.
 std::atomic<unsigned long> g_lostLines{0};  // since the last line that was written whole
 std::atomic<int> g_lossReason{0};
-std::atomic<bool> g_isMidLine{false};  // the file does not end with a newline
+std::atomic<bool> g_isMidLine{false};      // the file does not end with a newline
+std::atomic<bool> g_isNextMidLine{false};  // the same of the new day's file that a handler opened before the log did
 
 // Also counts down when the thread is cancelled in its write, because closing the log file waits for the count.
 struct HandlerWriting {
@@ -110,20 +111,22 @@ bool openFile(const char* path) {
         if (fd >= 0) ::close(fd);
         return false;
     }
+    g_isMidLine = g_isNextMidLine.exchange(false);
     elog_file_fd = fd;
     return true;
 }
 
 // Continues after a first write that was short, interrupted or failed. @return false when not all of the text was
 // written; the reason is kept
-__attribute__((noinline)) bool appendRest(int fd, const char* text, std::size_t size, ssize_t written) {
+__attribute__((noinline)) bool appendRest(int fd, std::atomic<bool>& isMidLine, const char* text, std::size_t size,
+                                          ssize_t written) {
     for (;;) {
         if (written == 0 || (written < 0 && errno != EINTR)) {
             g_lossReason = written < 0 ? errno : EIO;
             return false;
         }
         if (written > 0) {
-            g_isMidLine = text[written - 1] != '\n';
+            isMidLine = text[written - 1] != '\n';
             text += written;
             size -= static_cast<std::size_t>(written);
         }
@@ -132,24 +135,24 @@ __attribute__((noinline)) bool appendRest(int fd, const char* text, std::size_t 
     }
 }
 
-// Appends all of a text. @return false when that fails
-inline bool append(int fd, const char* text, std::size_t size) {
+// Appends all of a text, and notes in @p isMidLine how the file ends now. @return false when that fails
+inline bool append(int fd, std::atomic<bool>& isMidLine, const char* text, std::size_t size) {
     const ssize_t written = ::write(fd, text, size);
-    if (written != static_cast<ssize_t>(size)) return appendRest(fd, text, size, written);
-    if (size != 0) g_isMidLine.store(text[size - 1] != '\n', std::memory_order_relaxed);
+    if (written != static_cast<ssize_t>(size)) return appendRest(fd, isMidLine, text, size, written);
+    if (size != 0) isMidLine.store(text[size - 1] != '\n', std::memory_order_relaxed);
     return true;
 }
 
 // After lost lines: ends the line that was cut, and writes how many lines are missing. @return false when the disk does
 // not take that either
 bool endLoss(int fd) {
-    if (g_isMidLine && !append(fd, "\n", 1)) return false;
+    if (g_isMidLine && !append(fd, g_isMidLine, "\n", 1)) return false;
     char line[ELOG_LINE_SIZE];
     const unsigned long lost = g_lostLines;
     const std::size_t size = ownWarning(line, sizeof line, __func__, __LINE__,
                                         "Lines lost in the log file: %lu, errmsg:%s.", lost,
                                         std::strerror(g_lossReason));
-    if (!append(fd, line, size)) return false;
+    if (!append(fd, g_isMidLine, line, size)) return false;
     g_lostLines -= lost;
     return true;
 }
@@ -160,12 +163,12 @@ void appendLine(int fd, const char* buf, std::size_t size) {
         return;
     }
     const bool isReady = g_lostLines.load(std::memory_order_relaxed) == 0 || endLoss(fd);
-    if (!isReady || !append(fd, buf, size)) ++g_lostLines;
+    if (!isReady || !append(fd, g_isMidLine, buf, size)) ++g_lostLines;
 }
 
-void appendLineFromHandler(int fd, const char* buf, std::size_t size) {
-    const bool isReady = g_lostLines == 0 || !g_isMidLine || append(fd, "\n", 1);
-    if (!isReady || !append(fd, buf, size)) ++g_lostLines;
+void appendLineFromHandler(int fd, std::atomic<bool>& isMidLine, const char* buf, std::size_t size) {
+    const bool isReady = g_lostLines == 0 || !isMidLine || append(fd, isMidLine, "\n", 1);
+    if (!isReady || !append(fd, isMidLine, buf, size)) ++g_lostLines;
 }
 
 struct Rotating {
@@ -255,7 +258,7 @@ void elog_file_write_from_handler(const char* buf, std::size_t size, long date) 
     const HandlerWriting writing;
     const int fd = ofItsDay >= 0 ? ofItsDay : elog_file_fd.load();
     if (fd >= 0) {
-        appendLineFromHandler(fd, buf, size);
+        appendLineFromHandler(fd, ofItsDay >= 0 ? g_isNextMidLine : g_isMidLine, buf, size);
     } else {
         ++g_lostLines;
     }
@@ -287,6 +290,7 @@ void elog_file_rotate_day() {
 void elog_file_fini() {
     const LogLock lock;
     closeFile();
+    g_isNextMidLine = false;
     g_lostLines = 0;
     g_fileSecond.forget();
     g_settledSecond = kNoSecond;

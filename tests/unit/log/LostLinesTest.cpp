@@ -8,12 +8,11 @@ namespace {
 
 using testing::ElementsAre;
 
-/// A disk with room for so many bytes of the log file.
+/// A disk with room for so many bytes of the log files.
 class SmallDisk {
 public:
     explicit SmallDisk(std::size_t room)
         : m_room(room), m_hook([this](int fd, const void* buf, std::size_t size) -> ssize_t {
-              if (fd != elog_file_fd) return WriteHook::Real(fd, buf, size);
               if (m_room == 0) {
                   errno = ENOSPC;
                   return -1;
@@ -36,6 +35,10 @@ protected:
 
     static void Log(const char* text) {
         Printed([text] { elog_output(kInfo, "fpga", "file", "func", 1, "%s", text); });
+    }
+    static void LogFromHandler() {
+        elog_set_fmt(ELOG_LVL_WARN, 0);
+        Printed([] { elog_output_from_handler(ELOG_LVL_WARN, "fpga", "file", "func", 1, "signal %d", 15); });
     }
 };
 
@@ -111,14 +114,45 @@ TEST_F(LostLines, TheStopSignalsLineBeginsALineToo) {
     SmallDisk disk(3);
     Log("cut short");
     disk.SetRoom(1000);
-    elog_set_fmt(ELOG_LVL_WARN, 0);
 
-    Printed([] { elog_output_from_handler(ELOG_LVL_WARN, "fpga", "file", "func", 1, "signal %d", 15); });
+    LogFromHandler();
     Log("next");
 
     EXPECT_THAT(
         Lines(dir.Read(kToday)),
         ElementsAre("cut", "signal 15", "Lines lost in the log file: 1, errmsg:No space left on device.", "next"));
+}
+
+// The handler opens the file of a new day before the log does.
+TEST_F(LostLines, AStopSignalsLineThatWasCutInTheFileOfANewDayIsEnded) {
+    elog_set_fmt(kInfo, ELOG_FMT_TIME);
+    Log("old day");
+    clock.Advance(86400);
+    SmallDisk disk(3);
+    LogFromHandler();
+    disk.SetRoom(1000);
+
+    Log("next");
+
+    EXPECT_THAT(Lines(dir.Read(kTomorrow)),
+                ElementsAre("sig", "Lines lost in the log file: 1, errmsg:No space left on device.",
+                            "[20250304-10:00:00]next"));
+}
+
+TEST_F(LostLines, TheStopSignalsLineBeginsTheFileOfANewDayWithoutAnEmptyLine) {
+    elog_set_fmt(kInfo, ELOG_FMT_TIME);
+    SmallDisk disk(3);
+    Log("cut short");
+    clock.Advance(86400);
+    disk.SetRoom(1000);
+
+    LogFromHandler();
+    Log("next");
+
+    EXPECT_EQ(dir.Read(kToday), "[20");
+    EXPECT_THAT(Lines(dir.Read(kTomorrow)),
+                ElementsAre("signal 15", "Lines lost in the log file: 1, errmsg:No space left on device.",
+                            "[20250304-10:00:00]next"));
 }
 
 TEST_F(LostLines, AreNotToldWhereWarningsAreFilteredOut) {
