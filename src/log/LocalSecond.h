@@ -17,9 +17,10 @@ public:
     /// Breaks @p when down in the process's time zone. A changed TZ takes effect in the next second. If the application
     /// calls tzset(), it takes effect at once, except between zones of the same name and standard offset.
     /// @return false when the C library cannot tell the local time
-    bool set(std::time_t when) {
-        const bool isZoneAlike = m_zone.west == ::timezone && m_zone.name == ::tzname[0];
-        return (m_when == when && m_isKnown && isZoneAlike) || breakDown(when);
+    bool set(std::time_t when) { return holds(when) || breakDown(when); }
+    /// Whether set() has broken @p when down last, and the zone is still that one.
+    bool holds(std::time_t when) const {
+        return m_when == when && m_isKnown && m_zone.west == ::timezone && m_zone.name == ::tzname[0];
     }
     void forget() { m_isKnown = false; }
 

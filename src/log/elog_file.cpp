@@ -38,6 +38,10 @@ constexpr std::size_t kMaxDirPath = 512;  // longer paths are cut
 constexpr std::time_t kNoSecond = std::numeric_limits<std::time_t>::min();
 std::time_t g_settledSecond = kNoSecond;
 
+inline bool isSettled(std::time_t lastStamp) {
+    return lastStamp == g_settledSecond && g_fileSecond.holds(lastStamp);  // another zone may have another day
+}
+
 // What a full disk, or a new day's file that could not be opened, left behind. A handler reads and sets them, too.
 std::atomic<unsigned long> g_lostLines{0};  // since the last line that was written whole
 std::atomic<int> g_lossReason{0};
@@ -236,7 +240,7 @@ void elog_file_write(const char* buf, std::size_t size) {
     {
         const LogLock lock;
         if (!is_rotating) {
-            if (time_cache.load(std::memory_order_relaxed) != g_settledSecond) elog_file_rotate_day();
+            if (!isSettled(time_cache.load(std::memory_order_relaxed))) elog_file_rotate_day();
             appendLine(elog_file_fd, buf, size);
             return;
         }
@@ -274,7 +278,7 @@ void elog_file_rotate() {
 
 void elog_file_rotate_day() {
     const std::time_t lastStamp = time_cache.load(std::memory_order_relaxed);
-    if (lastStamp == g_settledSecond || !elog_file_init_ok || !g_fileSecond.set(lastStamp)) return;
+    if (isSettled(lastStamp) || !elog_file_init_ok || !g_fileSecond.set(lastStamp)) return;
     zone_offsets::learn(lastStamp, g_fileSecond.utcOffset(), g_fileSecond.isNewZone());
     const long day = g_fileSecond.date();
     if (last_rotate_day == 0) last_rotate_day = day;

@@ -106,6 +106,19 @@ TEST_F(DaySwitch, RotateSwitchesByTheTimeCacheWithoutALine) {
     EXPECT_EQ(last_rotate_day, 20250304);
 }
 
+TEST_F(DaySwitch, AZoneWhereItIsTomorrowSwitchesInTheSameSecond) {
+    const Zone zone("XST-9");
+
+    Printed([] {
+        Log("text");
+        elog_output_from_handler(kInfo, "fpga", "file", "func", 1, "signal", 0);
+    });
+
+    EXPECT_EQ(dir.Read(kToday), kEveningLine);
+    EXPECT_EQ(dir.Read(kTomorrow),
+              "[INFO   ][20250304-00:59:59][fpga]text\n[INFO   ][20250304-00:59:59][fpga]signal\n");
+}
+
 TEST_F(DaySwitch, ALineWhileTheFileIsBeingSwitchedGetsANoticeInstead) {
     is_rotating = true;
 
