@@ -23,6 +23,7 @@ targets=(
     "ini 1000000 2048"
     "packet 10000000 1024"
     "remote 1000000 2048"
+    "history 1000000 1024"
     "block 1000000 600"
 )
 seconds=$((${minutes:-0} * 60 / (${#targets[@]} + 1)))

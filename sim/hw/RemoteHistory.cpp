@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "sim/hw/RemoteCard.h"
+#include "sim/remote/HistoryAnswer.h"
 #include "sim/remote/Moment.h"
 #include "sim/remote/SignalsBlocked.h"
 
@@ -19,12 +20,6 @@ constexpr std::uint64_t kSilentNs = 10'000'000'000;  // so long an archive may b
 constexpr std::chrono::milliseconds kAskAgain{100};
 constexpr std::chrono::milliseconds kAskForMore{10};  // an archive stores what comes within milliseconds
 constexpr std::uint32_t kPullBytes = 2 << 20;
-
-using Messages = std::vector<std::vector<unsigned char>>;
-
-bool isFromArchive(const wire::Message& message) {
-    return message.problem == wire::Problem::kNone && (message.head.flags & wire::kHistory) != 0;
-}
 
 }  // namespace
 
@@ -100,34 +95,23 @@ void RemoteCard::followHistory(Past past) {
     }
 }
 
-// One question to the archive. An answer is put into the stream when all of it is there: a message that was lost on the
-// way would be a gap, and the archive has its packets.
+// One question to the archive. An answer is put into the stream when all of it is there.
 RemoteCard::Pulled RemoteCard::pull(Past& past) {
-    Messages messages;
-    bool isWhole = false;
-    const auto take = [&](const void* data, std::size_t size) {
-        const auto* const bytes = static_cast<const unsigned char*>(data);
-        wire::HistoryEnd end;
-        if (wire::decodeHistoryEnd(data, size, end)) {
-            isWhole = end.messages == messages.size();
-            past.end = end;
-            return true;
-        }
-        if (isFromArchive(wire::decode(data, size))) messages.emplace_back(bytes, bytes + size);
-        return false;
-    };
+    remote::HistoryAnswer got;
     const std::vector<unsigned char> request = wire::encodeHistoryRequest(past.request);
-    const remote::Answer answer = m_transport.ask({remote::historySubject(place(past.channel))}, request.data(),
-                                                  request.size(), kAnswerWait, take);
-    if (answer != remote::Answer::kTaken || !isWhole) {
+    const remote::Answer answer = m_transport.ask(
+        {remote::historySubject(place(past.channel))}, request.data(), request.size(), kAnswerWait,
+        [&](const void* data, std::size_t size) { return got.take(data, size); });
+    if (answer != remote::Answer::kTaken || !got.isWhole()) {
         if (!isWorthAsking(past, answer)) return Pulled::kOver;
         std::this_thread::sleep_for(kAskAgain);
         return Pulled::kNothing;
     }
     past.answeredNs = steadyNs();
     past.hasAnswer = true;
+    past.end = got.end();
     past.request.cursor = past.end.cursor;
-    for (const std::vector<unsigned char>& message : messages) {
+    for (const std::vector<unsigned char>& message : got.messages()) {
         const wire::Head head = wire::decode(message.data(), message.size()).head;
         if (past.beginNs == 0 && head.packets > 0) past.beginNs = head.timeNs;
         past.packets += head.packets;
