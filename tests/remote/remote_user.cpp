@@ -7,6 +7,7 @@
 //     idle CHANNEL          polls a thousand times; says how many packets came
 //     counters CHANNEL      "packets 5 lost 2 fifo 0 errors 0"
 //     account CHANNEL N     polls until packets received and lost are N together; "received 7 lost 3"
+//     numbers CHANNEL N     the same; says which numbers came, as receive does
 //     mtu CHANNEL
 //     registers             opens the register space
 //     fork CHANNEL          opens the stream in a child of fork(), which then ends
@@ -123,15 +124,27 @@ std::string Counters(std::uint32_t channel) {
     return text.str();
 }
 
-std::string Account(std::uint32_t channel, std::uint64_t packets) {
-    Received received;
+/// Polls until packets received and lost are @p packets together. @return those that are lost
+std::uint32_t PollForAll(std::uint32_t channel, std::uint64_t packets, Received& received) {
     std::uint32_t lost = 0;
     while (received.Count() + lost < packets) {
         if (enyx_hw_a2c_stream_poll_once(g_streams.at(channel), Received::Take, &received) == 1) continue;
         lost = Counter(channel, enyx_hw_a2c_stream_stats_get_backpressure);
         ::usleep(50);
     }
+    return lost;
+}
+
+std::string Account(std::uint32_t channel, std::uint64_t packets) {
+    Received received;
+    const std::uint32_t lost = PollForAll(channel, packets, received);
     return "received " + std::to_string(received.Count()) + " lost " + std::to_string(lost);
+}
+
+std::string Numbers(std::uint32_t channel, std::uint64_t packets) {
+    Received received;
+    PollForAll(channel, packets, received);
+    return received.Text();
 }
 
 std::string InChild(std::uint32_t channel) {
@@ -205,6 +218,7 @@ std::string Answer(const std::string& line) {
     if (command == "idle") return Idle(channel);
     if (command == "counters") return Counters(channel);
     if (command == "account") return Account(channel, packets);
+    if (command == "numbers") return Numbers(channel, packets);
     if (command == "mtu") return std::to_string(Counter(channel, enyx_hw_a2c_stream_get_mtu));
     if (command == "registers") return Outcome(hosted::OpenRegisters(g_bus) != nullptr);
     if (command == "fork") return InChild(channel);
