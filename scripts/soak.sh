@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Runs the long campaigns that prove the library: more of what the tests do in a small measure.
 #
-#     scripts/soak.sh [--minutes N] [CAMPAIGN...]
+#     scripts/soak.sh [--minutes N] [--binary FILE] [CAMPAIGN...]
 #
 # Without a campaign it runs all of them, one after the other. Each campaign is a file of scripts/soak/.
 # --minutes N  ends each campaign after about N minutes; without it each runs to the counts that docs/reliability.md states.
+# --binary FILE  a quote_printer that an earlier release built, which the campaign remote then runs unchanged, too.
 # Each campaign ends with one line of figures. The exit status is 0 when no campaign found anything, 1 otherwise.
 # What a campaign prints, and what led to a finding, is kept in build/soak.
 set -euo pipefail
@@ -12,12 +13,17 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 help_if_asked "$@"
 
 campaigns=()
-export VEXO_SOAK_MINUTES=
+export VEXO_SOAK_MINUTES= VEXO_SOAK_BINARY=
 while [ $# -gt 0 ]; do
     case $1 in
         --minutes)
             [[ ${2:-} =~ ^[1-9][0-9]*$ ]] || usage_error "--minutes needs a whole number above 0"
             VEXO_SOAK_MINUTES=$2
+            shift
+            ;;
+        --binary)
+            [ -x "${2:-}" ] && [ -f "$2" ] || usage_error "--binary needs a program's file"
+            VEXO_SOAK_BINARY=$(realpath "$2")
             shift
             ;;
         -*) usage_error "unknown option $1" ;;

@@ -27,6 +27,11 @@ protected:
     }
     inline static const std::uint32_t kQuotes = FromEnvironment("VEXO_END_TO_END_QUOTES", 30'000);
     inline static const std::uint64_t kEveryNs = FromEnvironment("VEXO_END_TO_END_EVERY_NS", 20'000);
+    /// The campaign may give the program of an earlier release.
+    static std::string PrinterProgram() {
+        const char* const given = std::getenv("VEXO_END_TO_END_PRINTER");
+        return given != nullptr ? given : VEXO_QUOTE_PRINTER;
+    }
 
     void SetUp() override {
         SKIP_WITHOUT_NATS_SERVER();
@@ -65,7 +70,7 @@ protected:
 
     /// Starts COMMAND -- quote_printer, which prints all quotes as JSON.
     hosted::Process Printer(std::vector<std::string> command, const std::string& name) {
-        command.insert(command.end(), {"--", VEXO_QUOTE_PRINTER, "third.ini", "--json", "--quotes", "1000000000"});
+        command.insert(command.end(), {"--", PrinterProgram(), "third.ini", "--json", "--quotes", "1000000000"});
         return hosted::Process(command, dir.Path(name + ".out"), dir.Path(name + ".err"));
     }
     /// The printer writes a line of totals each second, also when nothing comes any more.
