@@ -1,11 +1,15 @@
-// What the tap adds to a poll, with a packet ready and without one.
+// What a tap adds to a poll, with a packet ready and without one. Built once for each: VEXO_TAP is "tap", which
+// records, or "share", which copies for a relay.
 
 #include <dlfcn.h>
+#include <unistd.h>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "bench/support/BenchCard.h"
 #include "bench/support/CountInstructions.h"
+#include "tools/share/SharedRing.h"
 
 namespace {
 
@@ -38,13 +42,20 @@ void Count(enyx_hw_a2c_stream* stream, Poll* poll, enyx_hw_a2c_stream_handler ha
     CountInstructions(idleName, kTimes, once);
 }
 
+// Otherwise the cost of a poll that shares nothing was counted.
+bool IsShared() {
+    return ::access(("rings/0." + std::to_string(bench_card::kBareChannel) + ".ring").c_str(), F_OK) == 0;
+}
+
 }  // namespace
 
 int main() {
+    ::setenv(share::kDirectoryVariable, "rings", 1);  // in this program's own directory
     bench_card::PowerOn();
     const bench_card::Bare stream = bench_card::ReadBare();
     Poll* const bare = PollWithoutTap();
-    Count(stream.get(), bare, EmptyHandler, "tap/bare", "tap/bare/idle");
-    Count(stream.get(), bare, CopyingHandler, "tap/floor", "tap/floor/idle");
-    Count(stream.get(), enyx_hw_a2c_stream_poll_once, EmptyHandler, "tap/ours", "tap/ours/idle");
+    Count(stream.get(), bare, EmptyHandler, VEXO_TAP "/bare", VEXO_TAP "/bare/idle");
+    Count(stream.get(), bare, CopyingHandler, VEXO_TAP "/floor", VEXO_TAP "/floor/idle");
+    Count(stream.get(), enyx_hw_a2c_stream_poll_once, EmptyHandler, VEXO_TAP "/ours", VEXO_TAP "/ours/idle");
+    if (std::strcmp(VEXO_TAP, "share") == 0 && !IsShared()) std::exit(2);
 }
