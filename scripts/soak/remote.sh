@@ -58,7 +58,7 @@ cat "$work/stopped.log"
 stopped=$(tail -n 1 "$work/stopped.log")
 arrived=0 lost=0 finished=0
 for ((round = 1; round <= rounds; ++round)); do
-    [ "$SECONDS" -lt "$end" ] || break
+    [ "$round" -eq 1 ] || [ "$SECONDS" -lt "$end" ] || break
     run "cluster$round" "$tests/relay/vexo_relay_run_tests" 'Relay.AClusterWhoseServersDie*'
     arrived=$((arrived + $(property "cluster$round" arrived)))
     lost=$((lost + $(property "cluster$round" counted_as_lost)))
