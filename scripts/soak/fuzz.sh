@@ -2,9 +2,9 @@
 # Fuzzes the library and the simulated card with libFuzzer under AddressSanitizer and UndefinedBehaviorSanitizer, and the
 # dissector with captures that were made up. scripts/soak.sh calls it.
 #
-# VEXO_SOAK_MINUTES  minutes in all; empty: 10 million packets for the packet entry, 1 million inputs for each other target
-#                    and 1 million packets for the dissector; the spoiled cards take more than half an hour, because each
-#                    runs a whole card
+# VEXO_SOAK_MINUTES  minutes in all; empty: 10 million packets for the packet entry, 300,000 inputs for the archive, 1 million
+#                    for each other target and 1 million packets for the dissector; the archive and the spoiled cards take
+#                    more than half an hour each, because an input reads compressed files or runs a whole card
 # VEXO_SOAK_DIR      what the fuzzers leave: a log a target, the inputs found, and each input that is a finding
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/../common.sh"
@@ -23,7 +23,7 @@ targets=(
     "ini 1000000 2048"
     "packet 10000000 1024"
     "remote 1000000 2048"
-    "history 1000000 1024"
+    "history 300000 1024"
     "block 1000000 600"
 )
 seconds=$((${minutes:-0} * 60 / (${#targets[@]} + 1)))
