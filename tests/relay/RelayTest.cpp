@@ -360,7 +360,7 @@ TEST_F(Relay, EndsByItselfAfterItsTime) {
 }
 
 TEST_F(Relay, CredentialsComeFromFilesOnly) {
-    const NatsServer server("authorization { users = [ { user: \"desk\", password: \"s3cret\" } ] }");
+    const NatsServer server("authorization { users = [ { user: \"desk\", password: \"s3cret\" } ], timeout: 300 }");
     dir.Write("user", "desk\ns3cret\n", 0600);
     dir.Write("wrong", "desk\nwrong\n", 0600);
     WriteCapture(10, 140, 0);

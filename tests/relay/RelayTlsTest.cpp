@@ -30,7 +30,7 @@ protected:
         MakeCertificate("client", {"-CA", "authority.pem", "-CAkey", "authority.key"});
         server = std::make_unique<NatsServer>("tls { cert_file: \"" + dir.Path("server.pem") + "\", key_file: \"" +
                                               dir.Path("server.key") + "\", ca_file: \"" + dir.Path("authority.pem") +
-                                              "\", verify: true }");
+                                              "\", verify: true, timeout: 300 }");
         WriteCapture(100, 140, 0);
     }
 

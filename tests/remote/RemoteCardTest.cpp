@@ -390,7 +390,7 @@ class RemoteCardWithUsers : public ::testing::Test {
 protected:
     void SetUp() override {
         SKIP_WITHOUT_NATS_SERVER();
-        m_server = std::make_unique<NatsServer>("authorization { user: desk, password: \"good one\" }");
+        m_server = std::make_unique<NatsServer>("authorization { user: desk, password: \"good one\", timeout: 300 }");
     }
 
     std::unique_ptr<RemoteUser> User(const std::string& userFile) {
@@ -433,7 +433,7 @@ protected:
             {}, m_directory.Path("openssl"));
         ASSERT_EQ(openssl.Wait(), 0) << m_directory.Read("openssl");
         m_server = std::make_unique<NatsServer>("tls { cert_file: \"" + certificate + "\", key_file: \"" + key +
-                                                "\" }");
+                                                "\", timeout: 300 }");
     }
     std::unique_ptr<RemoteUser> User(const RemoteUser::Environment& more) {
         RemoteUser::Environment environment = {{"VEXO_SIM_CARD", "remote"}, {"VEXO_SIM_REMOTE", m_server->Url()}};

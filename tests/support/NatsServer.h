@@ -14,7 +14,8 @@ public:
     /// Whether nats-server is on this machine. A test without it skips.
     static bool isInstalled();
 
-    /// @param more  lines for the server's configuration
+    /// @param more  lines for the server's configuration. tls and authorization want a timeout: the server's own 2 s
+    ///              are too short on a busy machine
     explicit NatsServer(const std::string& more = {});
     ~NatsServer();
     NatsServer(const NatsServer&) = delete;
