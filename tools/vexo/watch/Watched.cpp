@@ -146,7 +146,8 @@ Look Watched::look(Scene& scene) {
         Page page;
         const std::string fault = m_page->read(page);
         if (!fault.empty()) throw Failure(kFinding, "the statistics page: " + fault);
-        m_hasEnded = page.life == Life::kEnded || page.life == Life::kDied;
+        // The own receiver has ended when its status is there, which comes after the end of its page.
+        if (!m_receiver) m_hasEnded = page.life == Life::kEnded || page.life == Life::kDied;
         look.totals = totalsOf(page);
         look.page = std::move(page);
     }
