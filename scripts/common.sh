@@ -139,7 +139,7 @@ build_packages=(g++ cmake ninja-build libiniparser-dev)
 # What the tools need on top, unless -DVEXO_BUILD_TOOLS=OFF, and what the tests do.
 tool_packages=(libcli11-dev libmicrohttpd-dev libnats-dev libsqlite3-dev libzstd-dev nlohmann-json3-dev)
 test_packages=(clang clang-format clang-tidy cppcheck pkg-config libgtest-dev libgmock-dev binutils tshark valgrind python3
-    python3-numpy man-db abigail-tools doxygen nats-server zstd)
+    python3-numpy man-db abigail-tools doxygen iproute2 nats-server openssl zstd)
 
 # Reads the output of a build, keeps it in LOG and shows the number of steps done.
 report_build() {

@@ -100,11 +100,16 @@ TEST_F(Sharing, TheHostShowsItsCardOnATerminalAndLeavesWhatItLastWas) {
         close(terminal);
         GTEST_SKIP() << "there are no terminals here: /dev/pts is not mounted";
     }
-    Process host({VEXO_SIMCARD, "--seconds", "2"}, name);
+    Process host({VEXO_SIMCARD}, name);
     std::string shown;
     char buffer[4096];
-    for (ssize_t length; (length = read(terminal, buffer, sizeof buffer)) > 0;)
+    bool isStopped = false;
+    for (ssize_t length; (length = read(terminal, buffer, sizeof buffer)) > 0;) {
         shown.append(buffer, static_cast<std::size_t>(length));
+        if (isStopped || shown.find("(Ctrl-C ends it)") == std::string::npos) continue;
+        host.Signal(SIGINT);
+        isStopped = true;
+    }
     close(terminal);
     EXPECT_EQ(host.Wait(), 0);
     EXPECT_THAT(shown, HasSubstr("Simulated card at bus 0: every quote is made up. Ctrl-C ends it.\r\n"));
