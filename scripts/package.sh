@@ -22,7 +22,8 @@ if [ "$try" = yes ] && [ "$(id -u)" -ne 0 ]; then
     exit 1
 fi
 
-need_packages "${build_packages[@]}" "${tool_packages[@]}" debhelper dpkg-dev fakeroot git lintian python3
+need_packages "${build_packages[@]}" "${tool_packages[@]}" build-essential debhelper dpkg-dev fakeroot git lintian \
+    python3
 packages=$vexo_root/build/packages
 rm -rf "$packages"
 mkdir -p "$packages"
