@@ -68,6 +68,23 @@ TEST_F(LostLines, ALineThatIsWrittenInPiecesIsNotLost) {
     EXPECT_THAT(Lines(dir.Read(kToday)), ElementsAre("in pieces", "next"));
 }
 
+TEST_F(LostLines, AreToldWithTheirReasonWhenThereWasNoLocalTimeForTheFilesName) {
+    elog_set_fmt(kInfo, ELOG_FMT_TIME);  // only such a line looks at the date
+    clock.FailLocaltime(true);
+    EXPECT_EQ(elog_file_config(&local_cfg), -1);
+    clock.FailLocaltime(false);
+    Log("lost");
+    clock.Advance(86400);
+
+    Log("first");
+
+    EXPECT_THAT(
+        Lines(dir.Read(kTomorrow)),
+        ElementsAre("[WARN   ][20250304-10:00:00][log]Lines lost in the log file: 1, errmsg:Value too large for "
+                    "defined data type.",
+                    "[20250304-10:00:00]first"));
+}
+
 TEST_F(LostLines, LeaveNoEmptyLineWhenNothingWasCutShort) {
     SmallDisk disk(0);
     Log("lost");

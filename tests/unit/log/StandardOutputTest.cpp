@@ -334,27 +334,56 @@ TEST_F(StandardOutput, AfterTheStopATerminalThatIsHeldDoesNotMakeALineWait) {
     EXPECT_EQ(dir.Read(kToday), "text\n");
 }
 
+/// Another thread that keeps standard output.
+class KeptByAnother {
+public:
+    KeptByAnother() {
+        while (!m_isKept) std::this_thread::yield();
+    }
+    ~KeptByAnother() {
+        m_isOver = true;
+        m_keeper.join();
+    }
+    KeptByAnother(const KeptByAnother&) = delete;
+    KeptByAnother& operator=(const KeptByAnother&) = delete;
+
+private:
+    std::atomic<bool> m_isKept{false};
+    std::atomic<bool> m_isOver{false};
+    std::thread m_keeper{[this] {
+        ::flockfile(stdout);
+        m_isKept = true;
+        while (!m_isOver) std::this_thread::yield();
+        ::funlockfile(stdout);
+    }};
+};
+
 TEST_F(StandardOutput, AfterTheStopALineDoesNotWaitForAThreadThatKeepsStandardOutput) {
     const std::string printed = Printed([] {
-        std::atomic<bool> held{false};
-        std::atomic<bool> logged{false};
-        std::thread keeper([&] {
-            ::flockfile(stdout);
-            held = true;
-            while (!logged) std::this_thread::yield();
-            ::funlockfile(stdout);
-        });
-        while (!held) std::this_thread::yield();
-        Stop();
-        Log();
-        elog_raw_huge("%s\n", "huge");
-        logged = true;
-        keeper.join();
+        {
+            const KeptByAnother kept;
+            Stop();
+            Log();
+            elog_raw_huge("%s\n", "huge");
+        }
         Log("later");
     });
 
     EXPECT_EQ(printed, "later\n");
     EXPECT_EQ(dir.Read(kToday), "text\nhuge\nlater\n");
+}
+
+TEST_F(StandardOutput, ALineThatIsInTheFileAloneHasItsWholePrefix) {
+    elog_set_fmt(kInfo, ELOG_FMT_LVL | ELOG_FMT_TAG | ELOG_FMT_FILE | ELOG_FMT_FUNC | ELOG_FMT_LINE);
+
+    const std::string printed = Printed([] {
+        const KeptByAnother kept;
+        Stop();
+        Log();
+    });
+
+    EXPECT_EQ(printed, "");
+    EXPECT_EQ(dir.Read(kToday), "[INFO   ][fpga](file func:1)text\n");
 }
 
 }  // namespace
