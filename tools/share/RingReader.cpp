@@ -105,6 +105,7 @@ void RingReader::skipToEnd() {
     Progress progress{};
     if (!readProgress(progress)) return static_cast<void>(damage());
     m_position = progress.end;
+    m_next = progress.packets;
     m_isNumberKnown = false;
     static_cast<void>(read(m_card, offsetof(Head, card)));
 }
@@ -147,14 +148,14 @@ bool RingReader::take(Item& item) {
     if (prefix.size > m_mtu) return damage();
     const std::uint64_t bytes = footprint(prefix.size);
     if (m_copied - m_taken < bytes) return false;  // the rest comes with the next copy
-    if (!m_isNumberKnown) m_next = prefix.number;
-    m_isNumberKnown = true;
-    item.lost = static_cast<std::uint32_t>(prefix.number - static_cast<std::uint32_t>(m_next));
-    if (item.lost >= kMostLost) return damage();
+    const std::int64_t ahead = static_cast<std::int32_t>(prefix.number - static_cast<std::uint32_t>(m_next));
+    if (m_isNumberKnown && ahead < 0) return damage();
+    item.lost = m_isNumberKnown ? static_cast<std::uint64_t>(ahead) : 0;
     item.ticks = prefix.ticks;
     item.data = m_copy.data() + m_taken + sizeof prefix;
     item.size = prefix.size;
-    m_next += item.lost + 1;
+    m_next += static_cast<std::uint64_t>(ahead + 1);
+    m_isNumberKnown = true;
     m_taken += bytes;
     m_position += bytes;
     return true;

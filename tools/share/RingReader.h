@@ -71,7 +71,7 @@ private:
 
     std::uint64_t m_position = 0;  // in the ring, of the first byte that no item has come from
     std::uint64_t m_next = 0;      // number of the next packet
-    bool m_isNumberKnown = true;
+    bool m_isNumberKnown = true;   // false: m_next is not exact, because it was not read together with m_position
     bool m_isDamaged = false;
     std::vector<unsigned char> m_copy;  // what lies at m_position
     std::size_t m_copied = 0;

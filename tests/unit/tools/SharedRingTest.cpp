@@ -175,6 +175,20 @@ TEST_F(SharedRing, WhoBeginsAtTheEndMissesNothingFromThereOn) {
     EXPECT_EQ(Read(), "lost 10000");
 }
 
+// A number in the ring is the lower half of the packet's; the count of packets is whole.
+TEST_F(SharedRing, WhoBeginsBehindFourBillionPacketsMissesNothingFromThereOn) {
+    constexpr std::uint64_t kBefore = std::uint64_t{1} << 32;
+    SpoilProgress(&share::Progress::packets, kBefore);
+    reader->skipToEnd();
+    Put(10);
+    SpoilProgress(&share::Progress::packets, kBefore + 10);
+    EXPECT_EQ(Read(), "0-9");
+    EXPECT_EQ(Read(), "");
+    EXPECT_FALSE(reader->isDamaged());
+    SpoilProgress(&share::Progress::packets, kBefore + 13);
+    EXPECT_EQ(Read(), "lost 3");
+}
+
 // Bursts that overtake the reader, each followed by single packets until the reader has got one.
 TEST_F(SharedRing, AFastWriterAndItsReaderAccountForEveryPacket) {
     std::atomic<std::uint64_t> packets{0};
