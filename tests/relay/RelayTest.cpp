@@ -9,7 +9,9 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "enyx-sim/enyx_sim.h"
 #include "sim/remote/Subjects.h"
+#include "tests/hosted/CardAccess.h"
 #include "tests/relay/Listener.h"
 #include "tests/relay/RelayFixture.h"
 #include "tests/remote/JumpingClock.h"
@@ -331,6 +333,28 @@ TEST_F(Relay, ASecondOneOnTheSameChannelIsRefusedByTheStreamWithItsHolder) {
     EXPECT_THAT(Errors("second"),
                 HasSubstr("vexo relay: channel 3 of card 0 is taken: only one program can have it\n"));
     End(first);
+}
+
+TEST_F(Relay, CountersOfTheCardThatBeginAgainAreNoLosses) {
+    const NatsServer server;
+    const Process host = hosted::StartHost({});
+    const Listener listener(server.Url(), kStream);
+    Process relay = Start({"--hosted"}, {"--channel", "3", "--to", server.Url()});
+    ASSERT_TRUE(IsRelaying(relay));
+    ::setenv("VEXO_SIM_CARD", "hosted", 1);
+    ASSERT_NE(hosted::FindCard(0), nullptr);
+    ::unsetenv("VEXO_SIM_CARD");
+    const auto lost = [](std::uint64_t packets) {
+        return [packets](const Listener::Account& account) { return account.head.counts.lostByRing >= packets; };
+    };
+    enyx_sim_counters counters{};
+    counters.back_pressure = 100;
+    ASSERT_EQ(enyx_sim_set_counters(0, 3, &counters), 0);
+    ASSERT_TRUE(listener.Until(lost(100)));
+    counters.back_pressure = 5;
+    ASSERT_EQ(enyx_sim_set_counters(0, 3, &counters), 0);
+    ASSERT_TRUE(listener.Until(lost(105)));
+    EXPECT_EQ(End(relay)["lost"]["ring"], 105);
 }
 
 TEST_F(Relay, AMasterLearnsItsMapAndRelaysItsQuotes) {

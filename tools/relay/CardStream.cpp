@@ -10,6 +10,7 @@
 #include "src/driver/DmaStream.h"
 #include "tools/relay/Failure.h"
 #include "tools/relay/Settings.h"
+#include "tools/stats/CardCounters.h"
 #include "tools/tap/TapClock.h"
 
 // Only a simulated card's library has it.
@@ -103,7 +104,7 @@ bool CardStream::readCounters(bool isFirst) {
     const auto read = [&](Counter& counter, int (*ask)(const enyx_hw_a2c_stream*, std::uint32_t*)) {
         std::uint32_t value = 0;
         if (ask(m_stream, &value) != 0) return false;
-        counter.total += isFirst ? 0 : value - counter.last;  // 32 bits that begin again at 0
+        counter.total += isFirst ? 0 : stats::gained(counter.last, value);
         counter.last = value;
         return true;
     };

@@ -7,12 +7,6 @@ using vexo_stats::kUnknown;
 
 std::uint64_t orZero(std::uint64_t number) { return number == kUnknown ? 0 : number; }
 
-// What a counter of 32 bits gained. It begins again at 0 when it passes its end, and when somebody resets the card.
-std::uint32_t gained(std::uint32_t last, std::uint32_t now) {
-    constexpr std::uint32_t kHalf = 1U << 31;
-    return now < last && last < kHalf ? now : now - last;
-}
-
 // @return what is new
 std::uint32_t take(std::optional<std::uint32_t>& last, const std::optional<std::uint32_t>& now, std::uint64_t& word) {
     if (!now) return 0;

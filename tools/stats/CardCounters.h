@@ -6,6 +6,12 @@
 
 namespace stats {
 
+/// What a counter of 32 bits gained. It begins again at 0 when it passes its end, and when somebody resets the card.
+constexpr std::uint32_t gained(std::uint32_t last, std::uint32_t now) {
+    constexpr std::uint32_t kHalf = 1U << 31;
+    return now < last && last < kHalf ? now : now - last;
+}
+
 /// The card's counters of a stream at one moment. Empty: the card did not tell.
 struct CardReading {
     std::optional<std::uint32_t> packets;
