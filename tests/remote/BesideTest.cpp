@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "tests/relay/Listener.h"
@@ -32,6 +33,10 @@ protected:
     Process BesideRelay(const NatsServer& server, const std::string& name = "relay") {
         return Process({VEXO_COMMAND, "relay", "--beside", "--json", "--channel", "3", "--to", server.Url()},
                        dir.Path(name + ".out"), dir.Path(name + ".err"));
+    }
+    bool HasTheWholeCaptureLast(const Listener& listener) const {
+        const std::vector<std::string> received = listener.Packets();
+        return received.size() >= packets.size() && std::equal(packets.rbegin(), packets.rend(), received.rbegin());
     }
     bool IsWaiting(Process& relay, const std::string& name = "relay") const {
         const auto waits = [&] { return Errors(name).find("waiting for: vexo tap --share") != std::string::npos; };
@@ -146,11 +151,27 @@ TEST_F(Beside, AKilledApplicationIsFollowedByTheNextOneAndTheNumbersGoOn) {
     EXPECT_EQ(account.missing, 0U);
     EXPECT_EQ(account.packets, result["packets"].get<std::uint64_t>());
     EXPECT_GE(account.packets, before + kQuotes);
-    std::vector<std::string> received = listener.Packets();
-    ASSERT_GE(received.size(), packets.size());
-    received.erase(received.begin(), received.end() - static_cast<std::ptrdiff_t>(packets.size()));
-    EXPECT_TRUE(received == packets);
+    EXPECT_TRUE(HasTheWholeCaptureLast(listener));
     EXPECT_THAT(Errors(), HasSubstr("comes from quote_printer (process " + std::to_string(second.Id()) + ")\n"));
+}
+
+TEST_F(Beside, ARelayThatComesLaterHasNoPacketBeforeItsBegin) {
+    WriteQuotes(200'000);
+    const NatsServer server;
+    Process application = Application();
+    ASSERT_TRUE(hosted::Eventually([&] { return !application.IsRunning() || !dir.Read("application.out").empty(); }));
+    ::setenv("VEXO_STATS_KEEP", "1", 1);
+    Process relay = BesideRelay(server);
+    ::unsetenv("VEXO_STATS_KEEP");
+    QuotesOf(application, "application");
+    const nlohmann::json result = End(relay);
+    const nlohmann::json page = nlohmann::json::parse(Shown({"stat", "--json"}));
+    const nlohmann::json& stream = page["streams"][0];
+    EXPECT_GE(page["steps"]["first_packet"], page["steps"]["stream_opened"]);
+    EXPECT_GE(stream["first_packet"], page["steps"]["stream_opened"]);
+    std::uint64_t gaps = 0;
+    for (const nlohmann::json& bucket : stream["gaps"]) gaps += bucket["count"].get<std::uint64_t>();
+    EXPECT_EQ(gaps + 1, result["packets"].get<std::uint64_t>());
 }
 
 TEST_F(Beside, AStoppedSubscriberCostsTheApplicationNothing) {

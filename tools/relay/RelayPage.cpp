@@ -1,5 +1,6 @@
 #include "tools/relay/RelayPage.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace relay {
@@ -37,9 +38,13 @@ bool RelayPage::make() {
 
 void RelayPage::begin(std::uint64_t now) {
     m_isFirst = false;
+    const bool isFirstOfAll = m_stream->firstPacket == 0;
     vexo_stats::expectFirst(*m_stream, now);
-    std::uint64_t& first = m_process->steps[vexo_stats::kFirstPacket];
-    if (first == 0) vexo_stats::set(first, now);
+    if (!isFirstOfAll) return;
+    // Beside an application, packets may have come to it before this page was there.
+    const std::uint64_t first = std::max(now, m_process->steps[vexo_stats::kStreamOpened]);
+    vexo_stats::set(m_stream->firstPacket, first);
+    vexo_stats::set(m_process->steps[vexo_stats::kFirstPacket], first);
 }
 
 void RelayPage::setCounts(const vexo_sim::wire::Counts& counts) {
