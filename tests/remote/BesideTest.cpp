@@ -30,9 +30,12 @@ protected:
         return Printer(command, name);
     }
     /// A relay that needs no card: its library is not even found.
-    Process BesideRelay(const NatsServer& server, const std::string& name = "relay") {
-        return Process({VEXO_COMMAND, "relay", "--beside", "--json", "--channel", "3", "--to", server.Url()},
-                       dir.Path(name + ".out"), dir.Path(name + ".err"));
+    Process BesideRelay(const NatsServer& server, const std::string& name = "relay",
+                        const std::vector<std::string>& options = {}) {
+        std::vector<std::string> command = {VEXO_COMMAND, "relay", "--beside", "--json",
+                                            "--channel",  "3",     "--to",     server.Url()};
+        command.insert(command.end(), options.begin(), options.end());
+        return Process(command, dir.Path(name + ".out"), dir.Path(name + ".err"));
     }
     bool HasTheWholeCaptureLast(const Listener& listener) const {
         const std::vector<std::string> received = listener.Packets();
@@ -172,6 +175,24 @@ TEST_F(Beside, ARelayThatComesLaterHasNoPacketBeforeItsBegin) {
     std::uint64_t gaps = 0;
     for (const nlohmann::json& bucket : stream["gaps"]) gaps += bucket["count"].get<std::uint64_t>();
     EXPECT_EQ(gaps + 1, result["packets"].get<std::uint64_t>());
+}
+
+TEST_F(Beside, WithoutAnApplicationItsTimeEndsIt) {
+    const NatsServer server;
+    Process relay = BesideRelay(server, "relay", {"--seconds", "0.2"});
+    EXPECT_EQ(relay.Wait(), 0) << Errors();
+    EXPECT_EQ(Result()["packets"], 0);
+    EXPECT_EQ(Result()["confirmed"], true);
+}
+
+TEST_F(Beside, WithoutAnApplicationASignalEndsItInOrder) {
+    const NatsServer server;
+    Process relay = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    relay.Signal(SIGTERM);
+    EXPECT_EQ(relay.Wait(), 0) << Errors();
+    EXPECT_EQ(Result()["packets"], 0);
+    EXPECT_EQ(Result()["confirmed"], true);
 }
 
 TEST_F(Beside, AStoppedSubscriberCostsTheApplicationNothing) {

@@ -32,13 +32,6 @@ BesideStream::BesideStream(const vexo_sim::remote::Place& place)
       m_path(share::directory() + "/" + share::fileName(place.bus, place.channel)) {
     refuseSecond(place.site);
     ::prctl(PR_SET_TIMERSLACK, 1);  // of the polling thread: a rest of 50 microseconds would take twice as long
-    if (attach()) {
-        m_ring->skipToEnd();
-        m_before = m_ring->card();
-        return;
-    }
-    tell("nobody shares " + m_channel + " yet; waiting for: vexo tap --share -- PROGRAM");
-    while (!attach()) std::this_thread::sleep_for(kBetweenLooks);
 }
 
 BesideStream::~BesideStream() { ::close(m_lock); }
@@ -57,6 +50,20 @@ void BesideStream::refuseSecond(const std::string& site) {
     if (isOurs) return;
     if (m_lock >= 0) ::close(m_lock);
     throw Failure(Failure::kFinding, m_channel + " of site " + site + ": " + why);
+}
+
+bool BesideStream::wait(const std::function<bool()>& isOver) {
+    if (attach()) {
+        m_ring->skipToEnd();
+        m_before = m_ring->card();
+        return true;
+    }
+    tell("nobody shares " + m_channel + " yet; waiting for: vexo tap --share -- PROGRAM");
+    while (!attach()) {
+        if (isOver()) return false;
+        std::this_thread::sleep_for(kBetweenLooks);
+    }
+    return true;
 }
 
 void BesideStream::tell(const std::string& what) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -15,11 +16,12 @@ namespace relay {
 /// numbers go on.
 class BesideStream : public PacketSource {
 public:
-    /// Waits until there is an application. Packets that it has received before are left out.
     /// Throws Failure when another relay of this machine does the same for this site.
     explicit BesideStream(const vexo_sim::remote::Place& place);
     ~BesideStream() override;
 
+    /// For an application. What one that is there already has received before is left out.
+    bool wait(const std::function<bool()>& isOver) override;
     std::uint32_t mtu() const override { return m_mtu; }
     bool isSimulated() const override { return (m_flags & share::kSimulated) != 0; }
     bool knowsPolls() const override { return false; }

@@ -4,6 +4,7 @@
 #include <enyx-hw-c/enyx_hw.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,7 @@ public:
     /// Closes the stream. The library logs its counters before.
     ~CardStream() override;
 
+    bool wait(const std::function<bool()>&) override { return true; }
     std::uint32_t mtu() const override { return m_mtu; }
     bool isSimulated() const override;
     bool knowsPolls() const override { return true; }

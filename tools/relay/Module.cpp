@@ -91,7 +91,6 @@ int relayIt(const Settings& settings) {
     {
         Relay relay(settings);
         catchSignals();  // until here a signal ends a hanging start-up at once
-        std::fprintf(stderr, "vexo relay: %s\n", relay.describe().c_str());
         result = relay.run(g_stop);
     }
     settings.json ? showJson(output.file(), settings, result) : showText(output.file(), result);

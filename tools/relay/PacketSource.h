@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -25,6 +26,9 @@ public:
     PacketSource(const PacketSource&) = delete;
     PacketSource& operator=(const PacketSource&) = delete;
 
+    /// Waits until there is somebody who delivers packets. The rest may only be called then.
+    /// @return false: @p isOver said so before
+    virtual bool wait(const std::function<bool()>& isOver) = 0;
     virtual std::uint32_t mtu() const = 0;
     virtual bool isSimulated() const = 0;
     /// Whether a poll that finds nothing means something to a user.

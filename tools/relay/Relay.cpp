@@ -23,9 +23,14 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kAskOthers = std::chrono::milliseconds(300);
 constexpr auto kSendAtEnd = std::chrono::seconds(3);
 constexpr auto kConfirmAtEnd = std::chrono::seconds(2);
-constexpr auto kForever = Clock::duration::max();
+constexpr auto kForever = Clock::duration::max() / 2;  // from now on is a moment that the clock has
 
 void say(const std::string& text) { std::fprintf(stderr, "vexo relay: %s\n", text.c_str()); }
+
+Clock::duration durationOf(double seconds) {
+    if (seconds == 0) return kForever;
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
 
 std::uint64_t randomEpoch() {
     std::uint64_t epoch = 0;
@@ -109,7 +114,8 @@ Relay::Relay(const Settings& settings)
     : m_settings(settings),
       m_servers(withName(settings.connection, settings.place)),
       m_queue(settings.queueBytes),
-      m_hello(std::make_shared<Hello>(m_servers)) {
+      m_hello(std::make_shared<Hello>(m_servers)),
+      m_left(durationOf(settings.seconds)) {
     CPU_ZERO(&m_cpus);
     ::sched_getaffinity(0, sizeof m_cpus, &m_cpus);
     if (!m_queue.isUsable())
@@ -117,7 +123,12 @@ Relay::Relay(const Settings& settings)
     refuseSecond();
     tap::clock_ticks::choose();
     m_stream = openSource(settings);
-    if (settings.beside) refuseSecond();  // it may have waited for an application, and another one did not
+}
+
+// What is told to others of the stream is known now.
+void Relay::begin() {
+    const Settings& settings = m_settings;
+    if (settings.beside) refuseSecond();  // this one may have waited for an application, and another one did not
     m_page = std::make_unique<RelayPage>(settings.place.bus, settings.place.channel, m_stream->knowsPolls());
     m_facts = {randomEpoch(), m_stream->mtu(), m_stream->isSimulated() ? wire::kSimulated : 0};
     makeBatcher();
@@ -126,6 +137,7 @@ Relay::Relay(const Settings& settings)
     if (!m_helloSubscription)
         throw Failure(Failure::kFinding,
                       "the server does not let this user subscribe to " + helloSubject(settings.place));
+    say(describe());
 }
 
 Relay::~Relay() {
@@ -212,9 +224,7 @@ void Relay::send() {
     ::pthread_setaffinity_np(::pthread_self(), sizeof m_cpus, &m_cpus);
     ::pthread_setname_np(::pthread_self(), "vexo-relay");
     ::prctl(PR_SET_TIMERSLACK, 1);  // a rest of 50 microseconds would take twice as long
-    const bool isEndless = m_settings.seconds == 0;
-    const auto duration = std::chrono::duration<double>(m_settings.seconds);
-    const auto end = Clock::now() + (isEndless ? kForever / 2 : std::chrono::duration_cast<Clock::duration>(duration));
+    const auto end = Clock::now() + m_left;
     Sender sender(m_queue, *m_batcher, [this] { return m_stream->counts(); });
     while (m_isPolled.load(std::memory_order_acquire)) {
         if (!sender.step()) sender.rest();
@@ -235,7 +245,20 @@ void Relay::watch(const Sender& sender, Clock::time_point end) {
 
 // ---- the polling thread ----
 
+// Nobody delivered packets.
+Result Relay::nothing() const {
+    Result result;
+    result.isFlushed = m_servers.connection().flush(kConfirmAtEnd);
+    result.timesLost = m_servers.timesLost();
+    return result;
+}
+
 Result Relay::run(const std::atomic<bool>& stop) {
+    const Clock::time_point end = Clock::now() + m_left;
+    const auto isOver = [&] { return stop.load() || m_servers.isRefused() || Clock::now() >= end; };
+    if (!m_stream->wait(isOver)) return nothing();
+    m_left = end - Clock::now();
+    begin();
     startSender();
     const timespec rest{static_cast<std::time_t>(m_settings.pollRestUs / 1'000'000),
                         static_cast<long>(m_settings.pollRestUs % 1'000'000 * 1000)};

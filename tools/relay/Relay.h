@@ -74,21 +74,23 @@ struct Result {
 /// One channel on its way to the network. The thread that runs it polls; a thread of its own sends.
 class Relay {
 public:
-    /// Connects, sees that no other relay publishes the same, opens the stream. Throws Failure.
+    /// Connects, sees that no other relay publishes the same, opens the source. Throws Failure.
     explicit Relay(const Settings& settings);
     ~Relay();
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
 
-    /// Polls until @p stop is set, the time is over, or the servers refuse.
+    /// Waits for packets, and polls until @p stop is set, the time is over, or the servers refuse. Throws Failure.
     Result run(const std::atomic<bool>& stop);
-    /// "channel 3 of card 0 to nats://..., subjects vexo.local.0.3.*"
-    std::string describe() const;
 
 private:
     void refuseSecond();
     void makeBatcher();
     Network& makeArchive(std::size_t messageBytes);
+    /// "channel 3 of card 0 to nats://..., subject vexo.local.0.3.stream"
+    std::string describe() const;
+    void begin();
+    Result nothing() const;
     void startSender();
     void endSender();
     void send();
@@ -108,6 +110,7 @@ private:
     vexo_sim::remote::Subscription m_helloSubscription;
     cpu_set_t m_cpus;  // before the library pinned the polling thread
     std::thread m_sender;
+    std::chrono::steady_clock::duration m_left;         // until the relay ends by itself
     std::chrono::steady_clock::time_point m_sendUntil;  // written before m_isPolled is cleared
     std::atomic<bool> m_isEnding{false};                // the polling thread is to stop
     std::atomic<bool> m_isPolled{true};                 // it has not stopped yet
