@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 #include "tests/relay/Listener.h"
 #include "tests/remote/EndToEndFixture.h"
@@ -36,6 +38,19 @@ protected:
                                             "--channel",  "3",     "--to",     server.Url()};
         command.insert(command.end(), options.begin(), options.end());
         return Process(command, dir.Path(name + ".out"), dir.Path(name + ".err"));
+    }
+    /// Somebody who may write to the ring fills it with bytes that mean nothing.
+    void SpoilRing() const {
+        const std::string path = dir.Path("VEXO_SHARE_DIR/0.3.ring");
+        const std::uintmax_t size = std::filesystem::file_size(path);
+        std::fstream(path, std::ios::in | std::ios::out | std::ios::binary) << std::string(size, '\xFF');
+    }
+    /// How often the relay has said it.
+    int Told(const std::string& text) const {
+        const std::string errors = Errors();
+        int times = 0;
+        for (std::size_t at = 0; (at = errors.find(text, at)) != std::string::npos; ++at) ++times;
+        return times;
     }
     bool HasTheWholeCaptureLast(const Listener& listener) const {
         const std::vector<std::string> received = listener.Packets();
@@ -156,6 +171,32 @@ TEST_F(Beside, AKilledApplicationIsFollowedByTheNextOneAndTheNumbersGoOn) {
     EXPECT_GE(account.packets, before + kQuotes);
     EXPECT_TRUE(HasTheWholeCaptureLast(listener));
     EXPECT_THAT(Errors(), HasSubstr("comes from quote_printer (process " + std::to_string(second.Id()) + ")\n"));
+}
+
+// The application is stopped meanwhile: otherwise it might write over the damage before the relay sees it.
+TEST_F(Beside, ADamagedRingIsToldOfAtOnceAndTheNextApplicationIsRelayed) {
+    const NatsServer server;
+    const Listener listener(server.Url(), kStream, true);
+    Process relay = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    Process first = Application("first");
+    ASSERT_TRUE(listener.Until(Has(1000)));
+    first.Signal(SIGSTOP);
+    SpoilRing();
+    const std::string damage = "quote_printer (process " + std::to_string(first.Id()) + "): its ring is damaged, ";
+    EXPECT_TRUE(hosted::Eventually([&] { return Told(damage) > 0; })) << Errors();
+    const std::string before = dir.Read("first.out");
+    first.Signal(SIGCONT);  // its ring is whole again from now on, but for what is written once
+    ASSERT_TRUE(hosted::Eventually([&] { return dir.Read("first.out") != before || !first.IsRunning(); }));
+    first.Signal(SIGKILL);
+    first.Wait();
+    Process second = Application("second");
+    EXPECT_EQ(QuotesOf(second, "second").size(), kQuotes);
+    const nlohmann::json result = End(relay);
+    EXPECT_EQ(result["lost"]["ring"], 0);
+    EXPECT_EQ(Told(damage), 1) << Errors();
+    EXPECT_EQ(Told("comes from quote_printer (process " + std::to_string(first.Id()) + ")\n"), 1) << Errors();
+    EXPECT_TRUE(HasTheWholeCaptureLast(listener));
 }
 
 TEST_F(Beside, ARelayThatComesLaterHasNoPacketBeforeItsBegin) {

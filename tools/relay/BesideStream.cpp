@@ -94,9 +94,7 @@ bool BesideStream::attach() {
 }
 
 void BesideStream::detach() {
-    const bool isDamaged = m_ring->isDamaged();
-    tell(m_ring->writer() + (isDamaged ? ": its ring is damaged" : " shares " + m_channel + " no more") +
-         "; waiting for the next one");
+    tell(m_ring->writer() + " shares " + m_channel + " no more; waiting for the next one");
     m_ring.reset();
 }
 
@@ -122,6 +120,10 @@ bool BesideStream::drain(Intake& intake) {
         if (item.data != nullptr) intake.take(std::min(item.ticks, tap::clock_ticks::now()), item.data, item.size);
     }
     addCounts();
+    // It stays open until its writer ends: so it is not found again, and no other file gets its number.
+    if (m_ring->isDamaged())
+        tell(m_ring->writer() +
+             ": its ring is damaged, and nobody can count what is lost; waiting for the next program");
     return taken > 0;
 }
 

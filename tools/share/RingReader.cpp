@@ -101,6 +101,16 @@ bool RingReader::readProgress(Progress& progress) const {
     return true;
 }
 
+// The counts grow. A value that no writer has written may be there for a moment only.
+bool RingReader::readCard() {
+    CardCounts now{};
+    if (!read(now, offsetof(Head, card))) return false;
+    const bool isPossible = now.backPressure - m_card.backPressure < kMostLost &&
+                            now.fifoErrors - m_card.fifoErrors < kMostLost && now.errors - m_card.errors < kMostLost;
+    if (isPossible) m_card = now;
+    return true;
+}
+
 void RingReader::skipToEnd() {
     Progress progress{};
     if (!readProgress(progress)) return static_cast<void>(damage());
@@ -163,7 +173,7 @@ bool RingReader::take(Item& item) {
 
 bool RingReader::refill(Item& item) {
     Progress progress{};
-    if (!readProgress(progress) || !read(m_card, offsetof(Head, card))) return damage();
+    if (!readProgress(progress) || !readCard()) return damage();
     if (progress.end < m_position || progress.end % sizeof(Prefix) != 0) return damage();
     const std::uint64_t there = progress.end - m_position;
     if (there == 0) return (progress.packets != m_next || !m_isNumberKnown) && settle(item);

@@ -54,6 +54,7 @@ private:
     template <typename What>
     bool read(What& what, std::uint64_t at) const;
     bool readProgress(Progress& progress) const;
+    bool readCard();
     bool refill(Item& item);
     bool take(Item& item);
     bool copy(std::uint64_t bytes);

@@ -349,6 +349,18 @@ TEST_F(SharedRing, AHostileRingEndsTheReadingAndNothingElse) {
     EXPECT_TRUE(isDamagedBy([&] { ASSERT_EQ(::truncate(path.c_str(), 0), 0); }));
 }
 
+TEST_F(SharedRing, CountsOfTheCardThatNoWriterWritesAreLeftOut) {
+    const auto backPressureAfter = [&](std::uint64_t count) {
+        writer.setCard({count, 2, 3});
+        Read();
+        return reader->card().backPressure;
+    };
+    EXPECT_EQ(backPressureAfter(7), 7U);
+    EXPECT_EQ(backPressureAfter(~std::uint64_t{0}), 7U);
+    EXPECT_EQ(backPressureAfter(0), 7U);
+    EXPECT_EQ(backPressureAfter(8), 8U);
+}
+
 // A ring of bytes that have no meaning, read to its end: there is no packet longer than the memory for it, and an end.
 TEST_F(SharedRing, RandomBytesAreReadWithoutHarm) {
     std::uint32_t random = 1;
