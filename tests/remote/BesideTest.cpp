@@ -200,14 +200,15 @@ TEST_F(Beside, ADamagedRingIsToldOfAtOnceAndTheNextApplicationIsRelayed) {
 }
 
 TEST_F(Beside, ARelayThatComesLaterHasNoPacketBeforeItsBegin) {
-    WriteQuotes(200'000);
+    WriteQuotes(1'000'000);  // half a minute: the relay has time to come
     const NatsServer server;
+    const Listener listener(server.Url(), kStream);
     Process application = Application();
     ASSERT_TRUE(hosted::Eventually([&] { return !application.IsRunning() || !dir.Read("application.out").empty(); }));
     ::setenv("VEXO_STATS_KEEP", "1", 1);
     Process relay = BesideRelay(server);
     ::unsetenv("VEXO_STATS_KEEP");
-    QuotesOf(application, "application");
+    ASSERT_TRUE(listener.Until(Has(100)));
     const nlohmann::json result = End(relay);
     const nlohmann::json page = nlohmann::json::parse(Shown({"stat", "--json"}));
     const nlohmann::json& stream = page["streams"][0];
@@ -234,6 +235,17 @@ TEST_F(Beside, WithoutAnApplicationASignalEndsItInOrder) {
     EXPECT_EQ(relay.Wait(), 0) << Errors();
     EXPECT_EQ(Result()["packets"], 0);
     EXPECT_EQ(Result()["confirmed"], true);
+}
+
+TEST_F(Beside, WithoutAnApplicationItEndsWhenTheServersRefuseIt) {
+    NatsServer server;
+    Process relay = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    server.Kill();
+    server.Start("authorization { user: desk, password: s3cret, timeout: 300 }");
+    EXPECT_EQ(relay.Wait(), 1);
+    EXPECT_EQ(Told("vexo relay: the servers refuse this user\n"), 1) << Errors();
+    EXPECT_EQ(Result()["confirmed"], false);
 }
 
 TEST_F(Beside, AStoppedSubscriberCostsTheApplicationNothing) {

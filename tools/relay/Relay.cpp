@@ -137,7 +137,6 @@ void Relay::begin() {
     if (!m_helloSubscription)
         throw Failure(Failure::kFinding,
                       "the server does not let this user subscribe to " + helloSubject(settings.place));
-    say(describe());
 }
 
 Relay::~Relay() {
@@ -248,7 +247,7 @@ void Relay::watch(const Sender& sender, Clock::time_point end) {
 // Nobody delivered packets.
 Result Relay::nothing() const {
     Result result;
-    result.isFlushed = m_servers.connection().flush(kConfirmAtEnd);
+    result.isFlushed = m_servers.connection().flush(kConfirmAtEnd) && !m_servers.isRefused();
     result.timesLost = m_servers.timesLost();
     return result;
 }
@@ -259,6 +258,7 @@ Result Relay::run(const std::atomic<bool>& stop) {
     if (!m_stream->wait(isOver)) return nothing();
     m_left = end - Clock::now();
     begin();
+    say(describe());
     startSender();
     const timespec rest{static_cast<std::time_t>(m_settings.pollRestUs / 1'000'000),
                         static_cast<long>(m_settings.pollRestUs % 1'000'000 * 1000)};
