@@ -66,7 +66,7 @@ private:
         wire::HistoryRequest request;
         wire::HistoryEnd end;  // of the last answer
         bool hasAnswer = false;
-        std::uint64_t answeredNs = 0;
+        std::uint64_t askedNs = 0;  // when the first question was asked that has no answer yet; 0: all have one
         std::uint64_t beginNs = 0;  // of the first packet; 0: none came
         std::uint64_t packets = 0;
     };

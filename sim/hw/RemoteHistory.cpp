@@ -72,7 +72,6 @@ void RemoteCard::end() {
 void RemoteCard::followHistory(Past past) {
     past.request.timeNs = *m_settings.sinceNs;
     past.request.mostBytes = kPullBytes;
-    past.answeredNs = steadyNs();
     while (!m_isEnding) {
         const Pulled pulled = pull(past);
         if (pulled == Pulled::kOver) {
@@ -97,6 +96,7 @@ void RemoteCard::followHistory(Past past) {
 
 // One question to the archive. An answer is put into the stream when all of it is there.
 RemoteCard::Pulled RemoteCard::pull(Past& past) {
+    if (past.askedNs == 0) past.askedNs = steadyNs();
     remote::HistoryAnswer got;
     const std::vector<unsigned char> request = wire::encodeHistoryRequest(past.request);
     const remote::Answer answer = m_transport.ask(
@@ -107,7 +107,7 @@ RemoteCard::Pulled RemoteCard::pull(Past& past) {
         std::this_thread::sleep_for(kAskAgain);
         return Pulled::kNothing;
     }
-    past.answeredNs = steadyNs();
+    past.askedNs = 0;
     past.hasAnswer = true;
     past.end = got.end();
     past.request.cursor = past.end.cursor;
@@ -126,7 +126,7 @@ bool RemoteCard::isWorthAsking(const Past& past, remote::Answer answer) const {
         tellOfChannel(past.channel, "its relay keeps no archive: the stream begins with live packets.");
         return false;
     }
-    if (m_isEnding || steadyNs() - past.answeredNs < kSilentNs) return true;
+    if (m_isEnding || steadyNs() - past.askedNs < kSilentNs) return true;
     tellOfChannel(past.channel, isFirst ? "no archive answers: the stream begins with live packets."
                                         : "the archive does not answer any more: live packets follow.");
     return false;

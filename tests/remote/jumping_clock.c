@@ -1,6 +1,6 @@
-// Preloaded by tests: the host's clock, as this process sees it, is wrong by as many nanoseconds as the file that
-// VEXO_TEST_CLOCK names says. A test writes there while the process runs; the clock then jumps, and so do the waits
-// that end at a time of it.
+// Preloaded by tests: the clocks, as this process sees them, are wrong by as many nanoseconds as the file that
+// VEXO_TEST_CLOCK names says: first the host's clock, then the steady one. A test writes there while the process runs.
+// The clock then jumps, and so do the waits that end at a time of the host's clock.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -16,21 +16,23 @@
 #include <unistd.h>
 
 static const int64_t kSecond = 1000000000;
-static const volatile int64_t* s_offset;
+enum { kHost, kSteady, kClocks };
+static const volatile int64_t* s_offsets;
 
 __attribute__((constructor)) static void FindOffset(void) {
     const char* const path = getenv("VEXO_TEST_CLOCK");
     const int file = path != NULL ? open(path, O_RDONLY | O_CLOEXEC) : -1;
     if (file < 0) return;
-    void* const memory = mmap(NULL, sizeof(int64_t), PROT_READ, MAP_SHARED, file, 0);
+    void* const memory = mmap(NULL, kClocks * sizeof(int64_t), PROT_READ, MAP_SHARED, file, 0);
     close(file);
-    if (memory != MAP_FAILED) s_offset = memory;
+    if (memory != MAP_FAILED) s_offsets = memory;
 }
 
 static int64_t NowOf(clockid_t clock) {
     struct timespec real;
     syscall(SYS_clock_gettime, clock, &real);
-    return real.tv_sec * kSecond + real.tv_nsec + (s_offset != NULL ? *s_offset : 0);
+    const int which = clock == CLOCK_MONOTONIC ? kSteady : kHost;
+    return real.tv_sec * kSecond + real.tv_nsec + (s_offsets != NULL ? s_offsets[which] : 0);
 }
 
 static struct timespec Split(int64_t ns) {
@@ -39,7 +41,8 @@ static struct timespec Split(int64_t ns) {
 }
 
 int clock_gettime(clockid_t clock, struct timespec* out) {
-    if (clock != CLOCK_REALTIME && clock != CLOCK_REALTIME_COARSE) return (int)syscall(SYS_clock_gettime, clock, out);
+    if (clock != CLOCK_REALTIME && clock != CLOCK_REALTIME_COARSE && clock != CLOCK_MONOTONIC)
+        return (int)syscall(SYS_clock_gettime, clock, out);
     *out = Split(NowOf(clock));
     return 0;
 }

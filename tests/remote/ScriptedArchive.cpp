@@ -1,0 +1,72 @@
+#include "tests/remote/ScriptedArchive.h"
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include "tests/unit/sim/remote/Messages.h"
+
+namespace remote_tests {
+
+using namespace vexo_sim;
+
+namespace {
+
+constexpr std::uint64_t kBatch = 1000;
+
+}  // namespace
+
+ScriptedArchive::ScriptedArchive(const std::string& server, std::uint64_t epoch) : m_epoch(epoch) {
+    remote::ConnectionSettings settings;
+    settings.servers = {server};
+    settings.wait = std::chrono::minutes(10);
+    std::string error;
+    m_connection = remote::Connection::open(settings, {}, error);
+    if (m_connection == nullptr) throw std::runtime_error(error);
+    m_subscription = m_connection->subscribe(remote::historySubject({"local", 0, 3}),
+                                             [this](const remote::MessageIn& message) { Answer(message); });
+    if (!m_connection->flush(std::chrono::minutes(10))) throw std::runtime_error("the server does not answer");
+}
+
+void ScriptedArchive::SetEnd(std::uint64_t end) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_end = end;
+}
+
+void ScriptedArchive::SpoilNext() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isNextSpoiled = true;
+}
+
+std::vector<wire::HistoryRequest> ScriptedArchive::Requests() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_requests;
+}
+
+void ScriptedArchive::Answer(const remote::MessageIn& message) {
+    wire::HistoryRequest request;
+    if (message.reply == nullptr || !wire::decodeHistoryRequest(message.data, message.size, request)) return;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_requests.push_back(request);
+    wire::HistoryEnd end;
+    end.head.epoch = m_epoch;
+    end.head.first = m_end;
+    end.cursor = 1;
+    end.messages = std::exchange(m_isNextSpoiled, false) ? 1 : 0;
+    end.isAll = true;
+    wire::Head head;
+    head.epoch = m_epoch;
+    head.timeNs = request.timeNs;
+    head.mtu = 8192;
+    head.flags = wire::kSimulated | wire::kHistory;
+    for (head.first = request.next; head.first < m_end; head.first += kBatch, ++end.messages) {
+        const auto packets = static_cast<std::uint32_t>(std::min(kBatch, m_end - head.first));
+        const wire::Packet part = wire::MessageOf(head, packets);
+        m_connection->publish(message.reply, part.data(), part.size());
+    }
+    const std::vector<unsigned char> last = wire::encodeHistoryEnd(end);
+    m_connection->publish(message.reply, last.data(), last.size());
+}
+
+}  // namespace remote_tests

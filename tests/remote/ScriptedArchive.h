@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sim/remote/Subjects.h"
+#include "sim/remote/Wire.h"
+#include "sim/remote/nats/Connection.h"
+
+namespace remote_tests {
+
+/// The archive of a relay, with as many packets as the test says: those of Messages.h, from the first one of the epoch
+/// on. Each answer has all that the request wants.
+class ScriptedArchive {
+public:
+    ScriptedArchive(const std::string& server, std::uint64_t epoch);
+
+    /// It has the packets up to the one before @p end from now on.
+    void SetEnd(std::uint64_t end);
+    /// Of the next answer a part is lost on its way.
+    void SpoilNext();
+    /// All that has come so far.
+    std::vector<vexo_sim::wire::HistoryRequest> Requests() const;
+
+private:
+    void Answer(const vexo_sim::remote::MessageIn& message);
+
+    const std::uint64_t m_epoch;
+    mutable std::mutex m_mutex;
+    std::uint64_t m_end = 0;
+    bool m_isNextSpoiled = false;
+    std::vector<vexo_sim::wire::HistoryRequest> m_requests;
+    std::unique_ptr<vexo_sim::remote::Connection> m_connection;
+    vexo_sim::remote::Subscription m_subscription;
+};
+
+}  // namespace remote_tests
