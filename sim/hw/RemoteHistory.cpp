@@ -79,23 +79,25 @@ void RemoteCard::followHistory(Past past) {
             return;
         }
         auto next = remote::Handover::Next::kPull;
-        std::optional<remote::Position> position;
         const bool isOpen = onChannel(past.channel, past.opening, [&](Channel& joined, Card) {
-            position = joined.receiver.position();
-            if (pulled == Pulled::kAnswer) next = joined.handover->judge(position, past.end);
+            if (pulled == Pulled::kAnswer) next = joined.handover->judge(joined.receiver.position(), past.end);
         });
         if (!isOpen) return;
-        if (position) {
-            past.request.epoch = position->epoch;
-            past.request.next = position->next;
-        }
         if (next == remote::Handover::Next::kLive && goLive(past, false)) return tellLive(past);
         if (next == remote::Handover::Next::kWait) std::this_thread::sleep_for(kAskForMore);
     }
 }
 
-// One question to the archive. An answer is put into the stream when all of it is there.
+// One question to the archive, for what follows the last packet, be it of the archive or live. An answer is put into
+// the stream when all of it is there.
 RemoteCard::Pulled RemoteCard::pull(Past& past) {
+    const bool isOpen = onChannel(past.channel, past.opening, [&](Channel& joined, Card) {
+        const std::optional<remote::Position> position = joined.receiver.position();
+        if (!position) return;
+        past.request.epoch = position->epoch;
+        past.request.next = position->next;
+    });
+    if (!isOpen) return Pulled::kNothing;
     if (past.askedNs == 0) past.askedNs = steadyNs();
     remote::HistoryAnswer got;
     const std::vector<unsigned char> request = wire::encodeHistoryRequest(past.request);

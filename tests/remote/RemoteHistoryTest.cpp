@@ -116,5 +116,17 @@ TEST_F(RemoteHistory, TheSameAfterLiveMessagesThatHadNoRoomForLong) {
     EXPECT_THAT(user->Errors(), Not(HasSubstr("does not answer any more")));
 }
 
+TEST_F(RemoteHistory, PacketsThatCameLiveAreNotCountedAsTheArchives) {
+    ASSERT_NO_FATAL_FAILURE(StartLate());
+    ASSERT_NO_FATAL_FAILURE(GoLive());
+    ASSERT_NO_FATAL_FAILURE(Overrun());
+    EXPECT_EQ(user->Ask("numbers 3 " + std::to_string(kAll - kPast - 1)), "30001-359999");
+    ASSERT_TRUE(hosted::Eventually([&] { return user->Errors().find("live from here") != std::string::npos; }));
+    // The archive gave the past, and what follows the live packets that had no successor.
+    const std::uint64_t again = archive->Requests().back().next;
+    EXPECT_GT(again, kPast) << "all live messages could wait, or they were asked for again";
+    EXPECT_THAT(user->Errors(), HasSubstr(": " + std::to_string(kPast + kAll - again) + " packets since "));
+}
+
 }  // namespace
 }  // namespace remote_tests
