@@ -15,7 +15,9 @@ constexpr int kApplication = 0x56584131;  // "VXA1"
 constexpr int kBusyMs = 2000;
 constexpr unsigned kMostNames = 1000;
 
-// One row a block. The views say the same of each file, and of each gap.
+// One row a block. The views say the same of each file, and of each gap. What is missing in front of a block counts as
+// well, unless blocks of its epoch were removed there: only the first file of all, or one behind another epoch, shows
+// that there were none.
 constexpr char kSchema[] = R"(
 PRAGMA journal_mode = WAL;
 PRAGMA synchronous = NORMAL;
@@ -29,26 +31,28 @@ CREATE TABLE IF NOT EXISTS blocks (
     lost_relay INTEGER NOT NULL, lost_archive INTEGER NOT NULL, delivered INTEGER NOT NULL,
     mtu INTEGER NOT NULL, flags INTEGER NOT NULL,
     PRIMARY KEY (site, bus, channel, number, place)) WITHOUT ROWID;
+CREATE VIEW IF NOT EXISTS counted AS SELECT *,
+    max(first - coalesce(lag("end") OVER run, CASE WHEN begins THEN 0 ELSE first END), 0) AS before_it,
+    "end" - first - packets AS inside,
+    lost_relay - coalesce(lag(lost_relay) OVER run, CASE WHEN begins THEN 0 ELSE lost_relay END) AS by_relay,
+    lost_archive - coalesce(lag(lost_archive) OVER run, CASE WHEN begins THEN 0 ELSE lost_archive END) AS by_archive
+    FROM (SELECT *, number = 1 OR first = 0 OR lag(number) OVER written IS NOT NULL AS begins
+        FROM blocks WINDOW written AS (PARTITION BY site, bus, channel ORDER BY number, place))
+    WINDOW run AS (PARTITION BY site, bus, channel, epoch ORDER BY number, place);
 CREATE VIEW IF NOT EXISTS files AS SELECT
     file, site, bus, channel, printf('%016x', epoch) AS epoch,
     strftime('%Y-%m-%d %H:%M:%f', min(first_ns) / 1e9, 'unixepoch', '+8 hours') AS begins,
     strftime('%Y-%m-%d %H:%M:%f', max(last_ns) / 1e9, 'unixepoch', '+8 hours') AS ends,
     min(first) AS first, max("end") - 1 AS last, sum(packets) AS packets,
-    max("end") - min(first) - sum(packets) AS missing, max(offset + bytes) AS bytes,
+    sum(before_it + inside) AS missing, max(offset + bytes) AS bytes,
     max(lost_ring) AS lost_ring, max(fifo_errors) AS fifo_errors, max(stream_errors) AS stream_errors,
     max(lost_relay) AS lost_relay, max(lost_archive) AS lost_archive, max(delivered) AS delivered
-    FROM blocks GROUP BY site, bus, channel, number;
+    FROM counted GROUP BY site, bus, channel, number;
 CREATE VIEW IF NOT EXISTS gaps AS SELECT
     file, site, bus, channel, printf('%016x', epoch) AS epoch,
     strftime('%Y-%m-%d %H:%M:%f', first_ns / 1e9, 'unixepoch', '+8 hours') AS before,
     CASE WHEN inside > 0 THEN 'in block' ELSE 'before block' END AS place, first, before_it + inside AS missing,
-    relay AS by_relay, archive AS by_archive
-    FROM (SELECT *, max(first - lag("end", 1, first) OVER run, 0) AS before_it,
-        "end" - first - packets AS inside,
-        lost_relay - lag(lost_relay, 1, 0) OVER run AS relay,
-        lost_archive - lag(lost_archive, 1, 0) OVER run AS archive
-        FROM blocks WINDOW run AS (PARTITION BY site, bus, channel, epoch ORDER BY number, place))
-    WHERE before_it + inside > 0;
+    by_relay, by_archive FROM counted WHERE before_it + inside > 0;
 )";
 constexpr char kInsert[] =
     "INSERT OR REPLACE INTO blocks VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16, "

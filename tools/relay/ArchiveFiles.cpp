@@ -115,8 +115,7 @@ void ArchiveFiles::tick(std::uint64_t nowNs) {
 
 // What the stream counted in the time of this file, as in any capture.
 capture::InterfaceCounts ArchiveFiles::counts(std::uint64_t nowNs) const {
-    const std::uint64_t begin = m_before.epoch == m_first.epoch ? m_before.end : m_first.first;
-    const std::uint64_t received = m_last.end - begin;
+    const std::uint64_t received = m_last.end - m_before.end;
     capture::InterfaceCounts counts{m_first.firstNs, nowNs, received, received - m_packets, {}};
     counts.card.emplace();
     counts.card->packets = received;

@@ -61,7 +61,7 @@ private:
     std::string m_path;
     std::uint64_t m_number = 0;
     std::uint64_t m_bytes = 0;  // of whole frames
-    BlockFacts m_before;        // what the last file of this run ended with
+    BlockFacts m_before;        // what the last file of this run ended with; its epoch begins with the run
     BlockFacts m_first;         // of the first block of the file
     BlockFacts m_last;
     std::uint64_t m_packets = 0;  // in the file

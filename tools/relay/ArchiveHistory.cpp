@@ -20,6 +20,23 @@ bool isInbox(const char* reply) {
 
 std::string receiverOf(const std::string& reply) { return reply.substr(0, sizeof kInbox - 1 + kReceiverBytes); }
 
+bool isOld(const wire::HistoryRequest& request, const BlockFacts& facts, const ArchiveBlock::Packet& packet) {
+    if (request.cursor == 0) return packet.timeNs < request.timeNs;
+    return facts.epoch == request.epoch && packet.number < request.next;
+}
+
+wire::Head headOf(const BlockFacts& facts, const wire::HistoryEnd& end) {
+    wire::Head head;
+    head.epoch = facts.epoch;
+    head.counts = facts.counts;
+    head.mtu = facts.mtu;
+    head.flags = facts.flags | wire::kHistory;
+    head.first = facts.end;
+    head.timeNs = facts.lastNs;
+    head.sentNs = end.head.sentNs;
+    return head;
+}
+
 }  // namespace
 
 ArchiveHistory::ArchiveHistory(ArchiveStore& store, Network& network, std::size_t messageBytes)
@@ -72,6 +89,7 @@ void ArchiveHistory::answer(const Waiting& waiting) {
         const auto found = m_store.find(request);
         end.isAll = !found;
         if (!found) break;
+        if (!sendBegin(waiting.reply, *found, request, end)) return;
         if (!send(waiting.reply, *found->block, request, end)) return;
         request.cursor = found->ordinal;
         request.epoch = found->block->facts().epoch;
@@ -82,27 +100,37 @@ void ArchiveHistory::answer(const Waiting& waiting) {
     if (m_network.publish(waiting.reply, last.data(), last.size())) ++m_answers;
 }
 
+// In front of the first packets, the numbers and the counts that the epoch had reached: what is lost from there on, the
+// receiver counts, and nothing that was lost before.
+bool ArchiveHistory::sendBegin(const std::string& reply, const ArchiveStore::Found& found,
+                               const wire::HistoryRequest& request, wire::HistoryEnd& end) {
+    if (request.cursor != 0 || !found.before) return true;
+    const BlockFacts& facts = found.block->facts();
+    wire::Head head = headOf(facts, end);
+    head.flags |= wire::kHeartbeat;
+    head.timeNs = facts.firstNs;
+    head.counts = found.before->counts;
+    head.first = found.before->end;
+    bool isPast = true;
+    found.block->forEachPacket([&](const ArchiveBlock::Packet& packet) {
+        isPast = isPast && isOld(request, facts, packet);
+        if (isPast) head.first = packet.number + 1;
+    });
+    return flush(reply, head, end);
+}
+
 // What the request wants of a block.
 bool ArchiveHistory::send(const std::string& reply, const ArchiveBlock& block, const wire::HistoryRequest& request,
                           wire::HistoryEnd& end) {
     const BlockFacts& facts = block.facts();
-    wire::Head head;
-    head.epoch = facts.epoch;
-    head.counts = facts.counts;
-    head.mtu = facts.mtu;
-    head.flags = facts.flags | wire::kHistory;
-    head.first = facts.end;
-    head.timeNs = facts.lastNs;
-    head.sentNs = end.head.sentNs;
+    wire::Head head = headOf(facts, end);
     if (block.isEmpty()) {
         head.flags |= wire::kHeartbeat;
         return flush(reply, head, end);
     }
     bool isSent = true;
     block.forEachPacket([&](const ArchiveBlock::Packet& packet) {
-        const bool isOld = request.cursor == 0 ? packet.timeNs < request.timeNs
-                                               : facts.epoch == request.epoch && packet.number < request.next;
-        if (isOld || !isSent) return;
+        if (!isSent || isOld(request, facts, packet)) return;
         const std::uint64_t spanNs = packet.timeNs - m_message.firstTimeNs();  // huge when the clock was set back
         const bool fits = m_message.hasRoomFor(packet.size) && packet.number == head.first + m_message.packets() &&
                           spanNs < kMostSpanNs;

@@ -40,6 +40,8 @@ private:
         std::string reply;
         wire::HistoryRequest request;
     };
+    bool sendBegin(const std::string& reply, const ArchiveStore::Found& found, const wire::HistoryRequest& request,
+                   wire::HistoryEnd& end);
     bool send(const std::string& reply, const ArchiveBlock& block, const wire::HistoryRequest& request,
               wire::HistoryEnd& end);
     bool flush(const std::string& reply, wire::Head head, wire::HistoryEnd& end);

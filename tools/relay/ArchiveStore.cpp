@@ -17,13 +17,20 @@ std::uint64_t ordinalOf(std::uint64_t file, std::uint64_t index) { return file <
 
 // Whether a request goes on with this block.
 bool wants(const wire::HistoryRequest& request, std::uint64_t ordinal, const BlockFacts& facts) {
-    if (facts.packets == 0) return request.cursor != 0 && ordinal > request.cursor;
     if (request.cursor == 0) return facts.lastNs >= request.timeNs;
+    if (facts.packets == 0) return ordinal > request.cursor;
     return facts.epoch != request.epoch || facts.end > request.next;
 }
 
 bool isSame(const BlockFacts& a, const BlockFacts& b) {
     return a.epoch == b.epoch && a.first == b.first && a.end == b.end && a.packets == b.packets;
+}
+
+// @param last  of the block that the archive has before this one; null when there is none
+std::optional<BlockFacts> before(const BlockFacts& facts, std::uint64_t ordinal, const BlockFacts* last) {
+    if (last != nullptr && last->epoch == facts.epoch) return *last;
+    const bool isFirst = last != nullptr || ordinal == kFirstOrdinal || facts.first == 0;
+    return isFirst ? std::make_optional<BlockFacts>() : std::nullopt;
 }
 
 // Whether the counts say something that was not written yet.
@@ -216,11 +223,11 @@ wire::Head ArchiveStore::live() const {
     return m_live;
 }
 
-const ArchiveStore::Entry* ArchiveStore::entryFor(const wire::HistoryRequest& request) const {
+std::deque<ArchiveStore::Entry>::const_iterator ArchiveStore::entryFor(const wire::HistoryRequest& request) const {
     const auto isBefore = [](const Entry& entry, std::uint64_t ordinal) { return entry.ordinal < ordinal; };
     auto entry = std::lower_bound(m_entries.begin(), m_entries.end(), request.cursor, isBefore);
     while (entry != m_entries.end() && !wants(request, entry->ordinal, entry->facts)) ++entry;
-    return entry != m_entries.end() ? &*entry : nullptr;
+    return entry;
 }
 
 // A block that is not in a file yet has no ordinal of its own. The next one will be as high, or higher; the packets'
@@ -229,28 +236,36 @@ std::optional<ArchiveStore::Found> ArchiveStore::unwrittenFor(const wire::Histor
     const auto isWanted = [&](const BlockFacts& facts) {
         return facts.packets > 0 && wants(request, m_nextOrdinal, facts);
     };
-    if (m_sealed != nullptr && isWanted(m_sealed->facts())) return Found{m_nextOrdinal, m_sealed};
-    if (isWanted(m_growing.facts())) return Found{m_nextOrdinal, std::make_shared<const ArchiveBlock>(m_growing)};
-    return std::nullopt;
+    const BlockFacts* last = m_entries.empty() ? nullptr : &m_entries.back().facts;
+    if (m_sealed != nullptr) {
+        const BlockFacts& facts = m_sealed->facts();
+        if (isWanted(facts)) return Found{m_nextOrdinal, m_sealed, before(facts, m_nextOrdinal, last)};
+        last = &facts;
+    }
+    const BlockFacts& facts = m_growing.facts();
+    if (!isWanted(facts)) return std::nullopt;
+    return Found{m_nextOrdinal, std::make_shared<const ArchiveBlock>(m_growing), before(facts, m_nextOrdinal, last)};
 }
 
 std::optional<ArchiveStore::Found> ArchiveStore::find(const wire::HistoryRequest& request) {
     for (;;) {
         Entry entry;
+        std::optional<BlockFacts> past;
         std::string path;
         std::shared_ptr<const ArchiveFile> file;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            const Entry* const wanted = entryFor(request);
-            if (wanted == nullptr) return unwrittenFor(request);
+            const auto wanted = entryFor(request);
+            if (wanted == m_entries.end()) return unwrittenFor(request);
             entry = *wanted;
+            past = before(entry.facts, entry.ordinal, wanted != m_entries.begin() ? &wanted[-1].facts : nullptr);
             path = m_paths[entry.file];
             if (entry.file == m_currentNumber) file = m_current;
         }
         if (file == nullptr) file = std::make_shared<const ArchiveFile>(path);
         const auto block = readBlock(*file, entry.place);
         if (block && isSame(block->facts(), entry.facts))
-            return Found{entry.ordinal, std::make_shared<const ArchiveBlock>(*block)};
+            return Found{entry.ordinal, std::make_shared<const ArchiveBlock>(*block), past};
         giveUp(entry, path, file->fd() < 0);
     }
 }

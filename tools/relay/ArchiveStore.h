@@ -45,6 +45,9 @@ public:
     struct Found {
         std::uint64_t ordinal = 0;
         Block block;
+        /// What came before it in its epoch: nothing at all when the epoch begins with it. Not known when that was
+        /// removed.
+        std::optional<BlockFacts> before;
     };
     /// The block that a request goes on with: it has packets that the request wants, or counts that are new.
     std::optional<Found> find(const wire::HistoryRequest& request);
@@ -68,7 +71,7 @@ private:
     void forgetRemoved();
     void forget(std::uint64_t file);
     std::vector<ArchiveCatalogue::File> all() const;
-    const Entry* entryFor(const wire::HistoryRequest& request) const;
+    std::deque<Entry>::const_iterator entryFor(const wire::HistoryRequest& request) const;
     std::optional<Found> unwrittenFor(const wire::HistoryRequest& request) const;
     void giveUp(const Entry& entry, const std::string& path, bool isGone);
 
