@@ -3,16 +3,19 @@
 #include <sqlite3.h>
 #include <unistd.h>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 #include <utility>
 
 namespace relay {
 namespace {
 
 constexpr int kApplication = 0x56584131;  // "VXA1"
-constexpr int kBusyMs = 2000;
+constexpr std::chrono::milliseconds kBusy{2000};
+constexpr std::chrono::milliseconds kBusyRest{5};
 constexpr unsigned kMostNames = 1000;
 
 // One row a block. The views say the same of each file, and of each gap. What is missing in front of a block counts as
@@ -102,8 +105,8 @@ bool ArchiveCatalogue::open() {
     const int status = sqlite3_open_v2(m_path.c_str(), &database, flags, nullptr);
     m_database.reset(database);
     if (status != SQLITE_OK) return false;
-    sqlite3_busy_timeout(database, kBusyMs);
-    if (!isOurs() || !run(kSchema)) {
+    sqlite3_busy_timeout(database, static_cast<int>(kBusy.count()));
+    if (!makeOurs()) {
         m_isWrong = m_isWrong || isDamaged();
         return false;
     }
@@ -112,23 +115,34 @@ bool ArchiveCatalogue::open() {
     return !m_isWrong;
 }
 
+// The database waits for another relay that writes, but not where it changes to WAL: it reads there first, and of two
+// that read and want to write none could.
+bool ArchiveCatalogue::makeOurs() {
+    const auto end = std::chrono::steady_clock::now() + kBusy;
+    while (!isOurs() || !run(kSchema)) {
+        if (sqlite3_errcode(m_database.get()) != SQLITE_BUSY || std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(kBusyRest);
+    }
+    return true;
+}
+
 // Not when it is only busy, or cannot be written.
 bool ArchiveCatalogue::isDamaged() const {
     const int error = sqlite3_errcode(m_database.get());
     return error == SQLITE_NOTADB || error == SQLITE_CORRUPT;
 }
 
-// A new one is empty. One of somebody else has another number, and must not be touched.
+// A new one is empty. One of somebody else has another number, and must not be touched. Both are read at one moment,
+// because another relay may just make it ours. The reading ends before the writing begins.
 bool ArchiveCatalogue::isOurs() {
-    const Statement id = prepare("PRAGMA application_id");
-    if (id == nullptr || sqlite3_step(id.get()) != SQLITE_ROW) return false;
-    const int found = sqlite3_column_int(id.get(), 0);
+    Statement facts = prepare("SELECT application_id, (SELECT count(*) FROM sqlite_master) FROM pragma_application_id");
+    if (facts == nullptr || sqlite3_step(facts.get()) != SQLITE_ROW) return false;
+    const int found = sqlite3_column_int(facts.get(), 0);
+    const bool isEmpty = sqlite3_column_int(facts.get(), 1) == 0;
+    facts.reset();
     if (found == kApplication) return true;
-    const Statement tables = prepare("SELECT count(*) FROM sqlite_master");
-    const bool isEmpty = found == 0 && tables != nullptr && sqlite3_step(tables.get()) == SQLITE_ROW &&
-                         sqlite3_column_int(tables.get(), 0) == 0;
-    m_isWrong = found != 0 || (tables != nullptr && !isEmpty);
-    return isEmpty && run(("PRAGMA application_id = " + std::to_string(kApplication)).c_str());
+    m_isWrong = found != 0 || !isEmpty;
+    return !m_isWrong && run(("PRAGMA application_id = " + std::to_string(kApplication)).c_str());
 }
 
 void ArchiveCatalogue::putAside() {

@@ -53,6 +53,7 @@ private:
     using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
     bool open();
+    bool makeOurs();
     bool isOurs();
     bool isDamaged() const;
     void putAside();

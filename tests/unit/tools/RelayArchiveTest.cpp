@@ -2,9 +2,11 @@
 
 #include <sqlite3.h>
 #include <sys/resource.h>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "capture/Reader.h"
 #include "tests/unit/sim/remote/Messages.h"
@@ -15,6 +17,8 @@ namespace relay {
 namespace {
 
 namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 /// No file grows beyond this many bytes, as on a full disk.
@@ -36,6 +40,29 @@ public:
 private:
     rlimit m_before{};
     void (*m_handler)(int) = nullptr;
+};
+
+/// Another relay, which writes into the catalogue for a moment.
+class OtherRelay {
+public:
+    explicit OtherRelay(const std::string& path) {
+        sqlite3_open(path.c_str(), &m_database);
+        EXPECT_EQ(sqlite3_exec(m_database, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+        m_thread = std::thread([this] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            EXPECT_EQ(sqlite3_exec(m_database, "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
+        });
+    }
+    ~OtherRelay() {
+        m_thread.join();
+        sqlite3_close(m_database);
+    }
+    OtherRelay(const OtherRelay&) = delete;
+    OtherRelay& operator=(const OtherRelay&) = delete;
+
+private:
+    sqlite3* m_database = nullptr;
+    std::thread m_thread;
 };
 
 /// A block with packets 5 to 7, and 9 behind a gap.
@@ -219,6 +246,28 @@ TEST_F(RelayArchive, ADatabaseOfSomebodyElseIsPutAsideAsItIs) {
     fs::remove(dir.Path(ArchiveCatalogue::kName));
     fs::rename(dir.Path("catalogue.sqlite.aside1"), dir.Path(ArchiveCatalogue::kName));
     EXPECT_EQ(Catalogued("SELECT name FROM recipes"), "soup");
+}
+
+TEST_F(RelayArchive, ANewCatalogueThatAnotherRelayMakesAtTheSameTimeIsWaitedFor) {
+    const OtherRelay other(dir.Path(ArchiveCatalogue::kName));
+    Start();
+    EXPECT_THAT(lines, IsEmpty());
+}
+
+TEST_F(RelayArchive, ACatalogueThatAnotherRelayChangesAtTheStartIsWaitedFor) {
+    Start();
+    Close();
+    Catalogued("PRAGMA journal_mode = DELETE");  // as it is until the first relay has made it
+    const OtherRelay other(dir.Path(ArchiveCatalogue::kName));
+    Start();
+    EXPECT_THAT(lines, IsEmpty());
+}
+
+TEST_F(RelayArchive, ACatalogueThatCannotBeMadeIsToldOfWithTheReason) {
+    const FullDisk full(0);
+    Start();
+    EXPECT_THAT(lines, ElementsAre(dir.Path(ArchiveCatalogue::kName) +
+                                   ": disk I/O error; the archive goes on without it and tries again"));
 }
 
 TEST_F(RelayArchive, ACatalogueThatLiesIsFoundOut) {
