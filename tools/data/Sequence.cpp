@@ -48,8 +48,32 @@ void NumberingFinder::look(const unsigned char* packet, std::size_t size) {
     m_isDecided = true;
 }
 
+SequenceWords wordsOf(const vexo_stats::Stream& counts) {
+    return {counts.sequenceGaps, counts.sequenceLost, counts.sequenceLate, counts.sequenceRestarts};
+}
+
+void setWords(vexo_stats::Stream& counts, const SequenceWords& words) {
+    vexo_stats::set(counts.sequenceGaps, words.gaps);
+    vexo_stats::set(counts.sequenceLost, words.lost);
+    vexo_stats::set(counts.sequenceLate, words.late);
+    vexo_stats::set(counts.sequenceRestarts, words.restarts);
+}
+
 void SequenceCounter::restart(const Layouts* layouts) {
     m_finder = NumberingFinder(layouts);
+    m_numbering = nullptr;
+    m_based = 0;
+    expected = Expected();
+}
+
+// Heads may have seemed to have a number until the layout of a payload told: what they counted is taken back.
+void SequenceCounter::change(vexo_stats::Stream& counts, const Numbering* found) {
+    if (m_numbering == nullptr) {
+        m_before = wordsOf(counts);
+    } else {
+        setWords(counts, m_before);
+    }
+    m_numbering = found;
     m_based = 0;
     expected = Expected();
 }
@@ -57,16 +81,10 @@ void SequenceCounter::restart(const Layouts* layouts) {
 void SequenceCounter::take(vexo_stats::Stream& counts, const unsigned char* packet, std::size_t size) {
     if (!m_finder.isDecided()) m_finder.look(packet, size);
     const Numbering* const found = m_finder.found();
+    if (found != m_numbering) change(counts, found);
     if (found == nullptr) {
         if (m_finder.isDecided()) counts.sequenceKnown = 0;
         return;
-    }
-    if (found != m_numbering) {  // heads had a number where the layout of the payload has none
-        if (m_numbering != nullptr) counts.sequenceGaps = counts.sequenceLost = counts.lostBeforeCard = 0;
-        if (m_numbering != nullptr) counts.sequenceLate = counts.sequenceRestarts = 0;
-        m_numbering = found;
-        m_based = 0;
-        expected = Expected();
     }
     counts.sequenceKnown = 1;
     if (found->place == Numbering::Place::kHead) {

@@ -30,6 +30,16 @@ private:
     bool m_isDecided = false;
 };
 
+/// The sequence words of a stream's block.
+struct SequenceWords {
+    std::uint64_t gaps = 0;
+    std::uint64_t lost = 0;
+    std::uint64_t late = 0;
+    std::uint64_t restarts = 0;
+};
+SequenceWords wordsOf(const vexo_stats::Stream& counts);
+void setWords(vexo_stats::Stream& counts, const SequenceWords& words);
+
 /// Counts the gaps in the numbers of a stream's packets.
 class SequenceCounter {
 public:
@@ -41,7 +51,7 @@ public:
     void take(vexo_stats::Stream& counts, const unsigned char* packet, std::size_t size);
     bool isDecided() const { return m_finder.isDecided(); }
     /// Null: nothing is counted.
-    const Numbering* numbering() const { return m_finder.found() != nullptr ? m_numbering : nullptr; }
+    const Numbering* numbering() const { return m_numbering; }
 
     /// What a faster take() compares. A packet that has the expected number only raises it; any other is for take().
     struct Expected {
@@ -52,10 +62,12 @@ public:
     Expected expected;
 
 private:
+    void change(vexo_stats::Stream& counts, const Numbering* found);
     void count(vexo_stats::Stream& counts, std::uint32_t slot, std::uint64_t number);
 
     NumberingFinder m_finder;
     const Numbering* m_numbering = nullptr;
+    SequenceWords m_before;     // what was counted before the stream was opened
     std::uint32_t m_based = 0;  // bit n: next[n] is a number that follows one
 };
 

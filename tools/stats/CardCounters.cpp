@@ -1,5 +1,7 @@
 #include "tools/stats/CardCounters.h"
 
+#include <algorithm>
+
 namespace stats {
 namespace {
 
@@ -60,10 +62,12 @@ void CardCounters::noteLostBeforeCard(vexo_stats::Stream& counts, std::uint64_t 
     if (counts.backPressure == kUnknown) return;
     // The card may have counted packets whose gap has not arrived yet.
     const std::uint64_t explained = counts.backPressure - m_backPressure + lostInTap - m_lostInTap;
-    const std::uint64_t missed = missing - m_missing;
-    if (missed <= explained) return;
-    const std::uint64_t lost = m_lostBeforeCard + missed - explained;
-    if (lost > counts.lostBeforeCard) vexo_stats::set(counts.lostBeforeCard, lost);
+    const std::uint64_t missed = missing > m_missing ? missing - m_missing : 0;
+    const std::uint64_t least = m_lostBeforeCard + (missed > explained ? missed - explained : 0);
+    // Numbers that turned out to be none are no longer missing.
+    const std::uint64_t most = std::min(m_lostBeforeCard + missed, missing);
+    const std::uint64_t lost = std::min(std::max(counts.lostBeforeCard, least), most);
+    if (lost != counts.lostBeforeCard) vexo_stats::set(counts.lostBeforeCard, lost);
 }
 
 std::uint64_t shortestAbsence(std::uint64_t ringLasts) {

@@ -6,37 +6,12 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/TempDir.h"
+#include "tests/unit/tools/NumberedSample.h"
 
 using namespace vexo::data;
+using namespace numbered;
 
 namespace {
-
-// Numbers in the payload: big-endian, 16 bits, in the whole stream.
-constexpr char kOfStream[] =
-    "[layout]\nname = one\nmeaning = One\nsequence_field = seq\n"
-    "[type 17]\nmeaning = A\nsize = 8\nfields = f\nfixed = mark 7\n"
-    "[type 18]\nmeaning = B\nsize = 12\nfields = f\nfixed = mark 7\n"
-    "[fields f]\nseq = 2, u16be, 1, Number\nmark = 4, u8, 1, Mark\n";
-
-std::string Little(std::uint64_t number, std::size_t bytes) {
-    return std::string(reinterpret_cast<const char*>(&number), bytes);
-}
-std::string Head(std::uint32_t type, std::uint32_t length = 0, std::uint32_t number = 0) {
-    return Little(type, 4) + Little(length, 4) + Little(number, 4);
-}
-std::string OfOne(std::uint32_t type, std::uint16_t number, char mark = 7) {
-    std::string payload(type == 17 ? 8 : 12, '\0');
-    payload[2] = static_cast<char>(number >> 8);
-    payload[3] = static_cast<char>(number & 0xFF);
-    payload[4] = mark;
-    return Head(type) + payload;
-}
-// A packet of the simulated card, with no more of a quote than its layout looks at.
-std::string Simulated(std::uint32_t type, std::uint32_t number) {
-    std::string payload(type == 2 ? 30 : 128, '\0');
-    if (type != 2) payload[43] = 1;  // the level
-    return Head(type, static_cast<std::uint32_t>(12 + payload.size()), number) + payload;
-}
 
 class Sequence : public ::testing::Test {
 protected:
@@ -149,12 +124,40 @@ TEST_F(Sequence, AHeadThatLooksKnownIsForgottenWhenTheQuotesAreAnothers) {
     Take(Simulated(2, 7));
     Take(Simulated(2, 9));
     EXPECT_EQ(counts.sequenceLost, 1U);
-    counts.lostBeforeCard = 1;
     Take(17, {100});
     EXPECT_EQ(counts.sequenceLost, 0U);
-    EXPECT_EQ(counts.lostBeforeCard, 0U);
     Take(17, {102});
     EXPECT_EQ(counts.sequenceLost, 1U);
+}
+
+// A program that starts twice gets contract maps twice.
+TEST_F(Sequence, ForgottenHeadsLeaveWhatAnEarlierOpeningCounted) {
+    Use({kSimulated, kOfStream});
+    Take(17, {10, 15, 14, 40000});
+    counter.restart(layouts.get());
+    Take(Simulated(2, 7));
+    EXPECT_EQ(counts.sequenceLost, 4U);
+    for (const std::uint32_t number : {9U, 8U, 5'000'000U}) Take(Simulated(2, number));
+    EXPECT_EQ(counts.sequenceLost, 5U);
+    Take(17, {100});
+    EXPECT_EQ(counts.sequenceGaps, 1U);
+    EXPECT_EQ(counts.sequenceLost, 4U);
+    EXPECT_EQ(counts.sequenceLate, 1U);
+    EXPECT_EQ(counts.sequenceRestarts, 1U);
+    Take(17, {102});
+    EXPECT_EQ(counts.sequenceLost, 5U);
+}
+
+TEST_F(Sequence, HeadsAreForgottenTooWhenTheQuotesHaveNoNumbers) {
+    std::string text = kOfStream;
+    text.erase(text.find("sequence_field"), std::string("sequence_field = seq\n").size());
+    Use({kSimulated, text});
+    Take(Simulated(2, 7));
+    Take(Simulated(2, 9));
+    Take(17, {1});
+    EXPECT_EQ(counts.sequenceKnown, 0U);
+    EXPECT_EQ(counts.sequenceLost, 0U);
+    EXPECT_EQ(counter.numbering(), nullptr);
 }
 
 TEST_F(Sequence, AFewDamagedQuotesAtTheStartDoNotDecide) {
