@@ -77,7 +77,9 @@ CardCounts operator-(const CardCounts& now, const CardCounts& before) {
     CardCounts added;
     for (const Key& key : kKeys) {
         const auto& number = now.*key.member;
-        if (number) added.*key.member = *number - (before.*key.member).value_or(0);
+        const std::uint64_t earlier = (before.*key.member).value_or(0);
+        // Numbers that were missing may have turned out to be none: that count falls.
+        if (number) added.*key.member = *number > earlier ? *number - earlier : 0;
     }
     return added;
 }
