@@ -49,6 +49,8 @@ public:
     void restart(const Layouts* layouts);
     /// Counts in the sequence words of @p counts.
     void take(vexo_stats::Stream& counts, const unsigned char* packet, std::size_t size);
+    /// The next number is a base, whatever it is. @param slot  of Expected::next
+    void expectAny(std::uint32_t slot) { m_based &= ~(std::uint32_t{1} << slot); }
     bool isDecided() const { return m_finder.isDecided(); }
     /// Null: nothing is counted.
     const Numbering* numbering() const { return m_numbering; }

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <numeric>
@@ -220,6 +221,132 @@ TEST(InfoCollector, ATimeThatRunsBackwardsIsCountedAndNoGap) {
     EXPECT_EQ(summary.lastNs, kNine + 5000);
     EXPECT_THAT(notesOf(summary), ElementsAre(HasSubstr("3 packets of type 17 have no layout"),
                                               "channel 0: 1 packets have an earlier time than the packet before"));
+}
+
+namespace {
+
+using Numbers = std::vector<std::uint32_t>;
+
+Numbers Span(std::uint32_t first, std::uint32_t last) {
+    Numbers numbers(last - first + 1);
+    std::iota(numbers.begin(), numbers.end(), first);
+    return numbers;
+}
+Numbers operator+(Numbers one, const Numbers& other) {
+    one.insert(one.end(), other.begin(), other.end());
+    return one;
+}
+
+/// Captures of one stream whose packets have numbers, a millisecond apart.
+class Captures {
+public:
+    void Take(const Numbers& numbers) {
+        for (const std::uint32_t number : numbers) {
+            std::string bytes = QuoteSample(17, "SR505").packet();
+            std::memcpy(bytes.data() + 8, &number, sizeof number);
+            m_timeNs += 1'000'000;
+            m_collector.take(m_file,
+                             {&m_interfaces.front(), m_timeNs, reinterpret_cast<const unsigned char*>(bytes.data()),
+                              static_cast<std::uint32_t>(bytes.size()), static_cast<std::uint32_t>(bytes.size()), 0});
+        }
+    }
+    void End() { EndOf(m_file++); }
+    /// The next capture begins while this one is open.
+    void Leave() { ++m_file; }
+    void EndOf(std::size_t file) {
+        m_interfaces.front().counts = capture::InterfaceCounts{m_startNs, m_timeNs, 0, 0, {}};
+        m_collector.end(file, m_interfaces, "");
+        m_startNs = m_timeNs;
+    }
+    /// The next capture is not one of the same rotation.
+    void Pause() { m_startNs = m_timeNs += 1'000'000; }
+    std::size_t Open() const { return m_file; }
+    std::uint64_t NowNs() const { return m_timeNs; }
+    Summary Finish() { return m_collector.finish(std::vector<std::string>(m_file)); }
+
+private:
+    data::Layouts m_layouts{{"simulated"}};
+    std::deque<capture::Interface> m_interfaces{{{capture::kStreamLink, "channel 0", ""}, kSecond, {}}};
+    Collector m_collector{m_layouts, 1000};
+    std::uint64_t m_timeNs = kNine;
+    std::uint64_t m_startNs = kNine;
+    std::size_t m_file = 0;
+};
+
+}  // namespace
+
+TEST(InfoCollector, AShortRecordingAfterAnotherHasItsOwnGapsAndIsNotLate) {
+    Captures captures;
+    captures.Take(Span(1, 300));
+    captures.End();
+    captures.Pause();
+    captures.Take(Span(1, 100) + Span(103, 103));
+    const std::uint64_t gapNs = captures.NowNs();
+    captures.Take(Span(104, 200));
+    captures.End();
+    captures.Pause();
+    captures.Take(Span(7, 9));
+    captures.End();
+    const Summary summary = captures.Finish();
+    const auto& sequence = summary.streams.at(0).sequence;
+    ASSERT_TRUE(sequence);
+    EXPECT_EQ(sequence->gaps, 1U);
+    EXPECT_EQ(sequence->lost, 2U);
+    EXPECT_EQ(sequence->late, 0U);
+    EXPECT_EQ(sequence->unrecorded, 2U);
+    const Timeline& timeline = summary.timeline;
+    EXPECT_THAT(timeline.lane(0), ElementsAre(Pair((gapNs - timeline.startNs()) / timeline.widthNs(), 2)));
+    EXPECT_THAT(notesOf(summary), ElementsAre(HasSubstr("the sequence jumps 2 times between captures")));
+}
+
+TEST(InfoCollector, WhatComesLateAtTheBeginningOfTheNextFileOfARotationIsLate) {
+    Captures captures;
+    captures.Take(Span(1, 300));
+    captures.End();
+    captures.Take({296, 298, 297, 302, 303});  // 301 is missing
+    const std::uint64_t gapNs = captures.NowNs();
+    captures.Take(Span(305, 400));
+    captures.End();
+    const Summary summary = captures.Finish();
+    const auto& sequence = summary.streams.at(0).sequence;
+    ASSERT_TRUE(sequence);
+    EXPECT_EQ(sequence->gaps, 2U);
+    EXPECT_EQ(sequence->lost, 2U);
+    EXPECT_EQ(sequence->late, 3U);
+    EXPECT_EQ(sequence->unrecorded, 0U);
+    std::uint64_t shown = 0;
+    for (const auto& [bin, lost] : summary.timeline.lane(0)) {
+        EXPECT_LE(bin, (gapNs + 1'000'000 - summary.timeline.startNs()) / summary.timeline.widthNs());
+        shown += lost;
+    }
+    EXPECT_EQ(shown, 2U);
+}
+
+// A file of many recordings: their ends come together.
+TEST(InfoCollector, AnyNumberOfRecordingsMayBeginBehindTheEndOfTheOneBefore) {
+    Captures captures;
+    captures.Take(Span(1, 300));
+    captures.End();
+    captures.Pause();
+    const std::size_t first = captures.Open();
+    constexpr std::size_t kRecordings = 200;
+    for (std::size_t i = 0; i < kRecordings; ++i) {
+        captures.Take({5, 6, 8});
+        captures.Leave();
+    }
+    for (std::size_t i = 0; i < kRecordings; ++i) {
+        captures.Pause();
+        captures.EndOf(first + i);
+    }
+    const Summary summary = captures.Finish();
+    const auto& sequence = summary.streams.at(0).sequence;
+    ASSERT_TRUE(sequence);
+    EXPECT_EQ(sequence->lost, kRecordings);
+    EXPECT_EQ(sequence->late, 0U);
+    EXPECT_EQ(sequence->unrecorded, kRecordings);
+    std::uint64_t shown = 0;
+    for (const auto& [bin, lost] : summary.timeline.lane(0)) shown += lost;
+    EXPECT_EQ(shown, kRecordings);
 }
 
 TEST(InfoCollector, BytesAreTheTrueLengthsAndCutPacketsAreCounted) {

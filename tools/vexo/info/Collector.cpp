@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 namespace vexo::info {
@@ -48,6 +49,13 @@ data::LossCounts lossCountsOf(const capture::Interface& interface) {
     return lost;
 }
 
+data::SequenceWords operator+(const data::SequenceWords& a, const data::SequenceWords& b) {
+    return {a.gaps + b.gaps, a.lost + b.lost, a.late + b.late, a.restarts + b.restarts};
+}
+data::SequenceWords operator-(const data::SequenceWords& a, const data::SequenceWords& b) {
+    return {a.gaps - b.gaps, a.lost - b.lost, a.late - b.late, a.restarts - b.restarts};
+}
+
 std::size_t bucketOf(std::uint64_t ns) { return ns < 2 ? 0 : static_cast<std::size_t>(63 - __builtin_clzll(ns)); }
 
 }  // namespace
@@ -68,6 +76,21 @@ struct Collector::Stream {
     std::optional<std::uint64_t> countedTo;  // end of the last capture's counts
 };
 
+/// A capture whose first number lies behind the expected one. If it follows on, its first packets came late. Otherwise
+/// it is a recording of its own, as which the stream's numbers count it. Its end tells.
+struct Collector::Doubt {
+    data::SequenceCounter sequence;  // as if it followed on
+    vexo_stats::Stream numbers{};    // what that one has counted
+    data::SequenceWords own;         // what the stream's numbers had counted then, of the same packets
+    bool isOpen = false;             // the next number may mean different things
+    std::uint64_t bases = 0;         // numbers that are the first of a recording of its own
+    std::size_t lane = 0;            // in the timeline: losses as a recording of its own
+    std::uint64_t lost = 0;          // losses as if it followed on, in the same time
+    std::uint64_t timeNs = 0;        // of the first packet
+
+    void take(const Stream& stream, const data::SequenceWords& before, const capture::Packet& packet, bool isJump);
+};
+
 /// An interface of an open capture.
 struct Collector::Source {
     Stream* stream = nullptr;  // null: it is no stream
@@ -77,7 +100,19 @@ struct Collector::Source {
     std::uint64_t jumps = 0;
     std::uint64_t jumped = 0;
     std::uint64_t jumpNs = 0;
+    std::unique_ptr<Doubt> doubt;
 };
+
+// @param before  the stream's numbers before this packet
+void Collector::Doubt::take(const Stream& stream, const data::SequenceWords& before, const capture::Packet& packet,
+                            bool isJump) {
+    const std::uint64_t lostBefore = numbers.sequenceLost;
+    sequence.take(numbers, packet.data, packet.size);
+    if (!isJump && numbers.sequenceLost > lostBefore) lost += numbers.sequenceLost - lostBefore;
+    own = own + (data::wordsOf(stream.numbers) - before);
+    const auto& next = stream.sequence.expected.next;
+    isOpen = !std::equal(std::begin(next), std::end(next), std::begin(sequence.expected.next));
+}
 
 Collector::Collector(const data::Layouts& layouts, std::uint64_t burstNs, std::function<void()> progress)
     : m_layouts(layouts), m_progress(std::move(progress)) {
@@ -216,26 +251,79 @@ void Collector::countInstrument(const capture::Packet& packet, const data::Field
 
 void Collector::countNumber(const capture::Packet& packet) {
     Stream& stream = *m_source->stream;
-    vexo_stats::Stream& numbers = stream.numbers;
-    const std::uint64_t lostBefore = numbers.sequenceLost;
-    const std::uint64_t restartsBefore = numbers.sequenceRestarts;
-    stream.sequence.take(numbers, packet.data, packet.size);
+    const data::SequenceWords before = data::wordsOf(stream.numbers);
+    stream.sequence.take(stream.numbers, packet.data, packet.size);
     const data::Numbering* const numbering = stream.sequence.numbering();
     const auto slot = numbering != nullptr ? numberSlotOf(*numbering, packet) : std::nullopt;
-    if (!slot) return;
+    Doubt* const doubt = m_source->doubt != nullptr && m_source->doubt->isOpen ? m_source->doubt.get() : nullptr;
+    if (!slot) {
+        if (doubt != nullptr) doubt->take(stream, before, packet, false);
+        return;
+    }
     const std::uint32_t bit = std::uint32_t{1} << *slot;
     const bool isFirst = (m_source->numbered & bit) == 0;
     m_source->numbered |= bit;
-    if (numbers.sequenceLost > lostBefore) {
-        const std::uint64_t lost = numbers.sequenceLost - lostBefore;
-        if (!isFirst) return m_summary.timeline.addLost(stream.number, packet.timeNs, lost);
+    const std::uint64_t now = stream.numbers.sequenceLost;
+    const std::uint64_t lost = now > before.lost ? now - before.lost : 0;
+    if (isFirst) {
+        countFirst(packet, *slot, before, lost);
+    } else if (lost > 0) {
+        m_summary.timeline.addLost(doubt != nullptr ? doubt->lane : stream.number, packet.timeNs, lost);
+    }
+    if (doubt != nullptr) doubt->take(stream, before, packet, isFirst);
+}
+
+// @param lost  between the last number of the capture before and this one
+void Collector::countFirst(const capture::Packet& packet, std::uint32_t slot, const data::SequenceWords& before,
+                           std::uint64_t lost) {
+    Stream& stream = *m_source->stream;
+    if (lost > 0) {
         ++m_source->jumps;
         m_source->jumped += lost;
         m_source->jumpNs = packet.timeNs;
-    } else if (isFirst && numbers.sequenceRestarts > restartsBefore) {
-        --numbers.sequenceRestarts;
+    } else if (stream.numbers.sequenceRestarts > before.restarts) {
+        --stream.numbers.sequenceRestarts;
         ++stream.unrecorded;
+    } else if (stream.numbers.sequenceLate > before.late) {
+        beginAnew(packet, slot);
     }
+}
+
+// The number that came late is the first one of a recording, unless the end of its capture tells otherwise.
+void Collector::beginAnew(const capture::Packet& packet, std::uint32_t slot) {
+    Stream& stream = *m_source->stream;
+    std::unique_ptr<Doubt>& doubt = m_source->doubt;
+    if (doubt == nullptr && m_doubts < kMostDoubts) {
+        ++m_doubts;
+        doubt = std::make_unique<Doubt>();
+        data::setWords(doubt->numbers, data::wordsOf(stream.numbers));
+        --doubt->numbers.sequenceLate;
+        doubt->own = data::wordsOf(doubt->numbers);
+        doubt->lane = m_nextLane++;
+        doubt->timeNs = packet.timeNs;
+    }
+    if (doubt != nullptr && !doubt->isOpen) {
+        doubt->isOpen = true;
+        doubt->sequence = stream.sequence;
+        ++doubt->numbers.sequenceLate;
+    }
+    ++(doubt != nullptr ? doubt->bases : stream.unrecorded);
+    --stream.numbers.sequenceLate;
+    stream.sequence.expectAny(slot);
+    stream.sequence.take(stream.numbers, packet.data, packet.size);
+}
+
+void Collector::settle(Stream& stream, const Doubt& doubt, bool followsOn) {
+    --m_doubts;
+    if (!followsOn) {
+        stream.unrecorded += doubt.bases;
+        m_summary.timeline.moveLane(doubt.lane, stream.number);
+        return;
+    }
+    data::setWords(stream.numbers, data::wordsOf(stream.numbers) - doubt.own + data::wordsOf(doubt.numbers));
+    if (doubt.isOpen) stream.sequence = doubt.sequence;
+    m_summary.timeline.dropLane(doubt.lane);
+    if (doubt.lost > 0) m_summary.timeline.addLost(stream.number, doubt.timeNs, doubt.lost);
 }
 
 void Collector::noteCounted(Stream& stream, const capture::InterfaceCounts& counts, const data::LossCounts& lost) {
@@ -263,6 +351,7 @@ void Collector::takeCounts(Source& source, const capture::Interface& interface) 
     // Nothing lies between this capture and the one before.
     const bool followsOn = interface.counts && stream.countedTo && *stream.countedTo == counts.startNs;
     stream.countedTo = interface.counts ? std::optional<std::uint64_t>(counts.endNs) : std::nullopt;
+    if (source.doubt != nullptr) settle(stream, *source.doubt, followsOn);
     if (source.jumps == 0) return;
     if (followsOn) {
         m_summary.timeline.addLost(stream.number, source.jumpNs, source.jumped);

@@ -68,6 +68,12 @@ void Timeline::addLost(std::size_t lane, std::uint64_t timeNs, std::uint64_t pac
     m_lanes[lane][timeNs / m_widthNs] += packets;
 }
 
+void Timeline::moveLane(std::size_t from, std::size_t to) {
+    const auto moved = m_lanes.extract(from);
+    if (moved.empty()) return;
+    for (const auto& [bin, lost] : moved.mapped()) m_lanes[to][bin] += lost;
+}
+
 Timeline::Lane Timeline::lane(std::size_t number) const {
     Lane counted;
     const auto found = m_lanes.find(number);

@@ -31,6 +31,9 @@ public:
     }
     /// Notes a loss. @param lane  any number, such as that of a stream
     void addLost(std::size_t lane, std::uint64_t timeNs, std::uint64_t packets);
+    /// Adds the losses of a lane to those of another one.
+    void moveLane(std::size_t from, std::size_t to);
+    void dropLane(std::size_t lane) { m_lanes.erase(lane); }
 
     /// Joins bins until they are so wide: those of two recordings can then be compared. @param widthNs  of a timeline
     void widenTo(std::uint64_t widthNs);
