@@ -1,9 +1,13 @@
 #include "tools/vexo/Launch.h"
 
+#include <VexoZceMdStatsPage.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
+#include "tools/data/LayoutFile.h"
+#include "tools/vexo/show/Harmless.h"
 
 namespace vexo {
 
@@ -47,6 +51,24 @@ void preload(const std::filesystem::path& library) {
 
 void set(const char* variable, const std::string& value) {
     if (::setenv(variable, value.c_str(), 1) != 0) throw Failure(kCannotRun, std::strerror(errno));
+}
+
+void keepPaths() {
+    namespace fs = std::filesystem;
+    const char* const named = std::getenv(data::kLayoutVariable);
+    std::string layouts;
+    for (std::string rest = named != nullptr ? named : ""; !rest.empty();) {
+        const std::string name = rest.substr(0, rest.find(':'));
+        rest.erase(0, name.size() + 1);
+        if (name.empty()) continue;
+        const std::string path = name == data::kSimulated ? name : fs::absolute(name).string();
+        if (path.find(':') != std::string::npos)
+            throw Failure(kUsage, harmless(path) + ": give a layout without a colon in its path");
+        layouts += (layouts.empty() ? "" : ":") + path;
+    }
+    if (!layouts.empty()) set(data::kLayoutVariable, layouts);
+    const char* const pages = std::getenv(vexo_stats::kDirectoryVariable);
+    if (pages != nullptr && *pages != '\0') set(vexo_stats::kDirectoryVariable, fs::absolute(pages).string());
 }
 
 void become(const Program& program) {

@@ -23,6 +23,10 @@ void prepend(const char* variable, const std::filesystem::path& path);
 void preload(const std::filesystem::path& library);
 void set(const char* variable, const std::string& value);
 
+/// Makes the names of layouts and of the directory for pages absolute: a program may change its directory before it
+/// opens a stream.
+void keepPaths();
+
 /// Replaces vexo with the program. Returns only by a Failure.
 [[noreturn]] void become(const Program& program);
 

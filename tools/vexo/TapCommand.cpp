@@ -6,7 +6,6 @@
 
 #include "tools/cli/Duration.h"
 #include "tools/cli/Values.h"
-#include "tools/data/LayoutFile.h"
 #include "tools/share/SharedRing.h"
 #include "tools/stats/Settings.h"
 #include "tools/tap/Settings.h"
@@ -48,19 +47,6 @@ fs::path absoluteOutput(const std::string& output) {
     return path;
 }
 
-// The program may change its directory before its first stream is opened.
-void keepLayouts() {
-    const char* const named = std::getenv(data::kLayoutVariable);
-    std::string all;
-    for (std::string rest = named != nullptr ? named : ""; !rest.empty();) {
-        const std::string name = rest.substr(0, rest.find(':'));
-        rest.erase(0, name.size() + 1);
-        if (name.empty()) continue;
-        all += (all.empty() ? "" : ":") + (name == data::kSimulated ? name : fs::absolute(name).string());
-    }
-    if (!all.empty()) set(data::kLayoutVariable, all);
-}
-
 [[noreturn]] void count(const Program& program) {
     preload(statsLibrary());
     become(program);
@@ -84,7 +70,7 @@ int run(const Options& options, const Program& program) {
     set(tap::kJsonVariable, options.json ? "1" : "0");
     set(stats::kRingLastsVariable, std::to_string(options.ringLastsUs));
     if (options.keepPage) set(vexo_stats::kKeepVariable, "1");
-    keepLayouts();
+    keepPaths();
     if (options.statsOnly) count(program);
     set(tap::kFileVariable, absoluteOutput(options.output).string());
     set(tap::kRegistersVariable, options.registers ? "1" : "0");

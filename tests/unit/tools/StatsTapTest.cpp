@@ -105,6 +105,16 @@ TEST_F(StatsTap, NotesTheStepsOfAStart) {
     EXPECT_THAT(accessed.streams, IsEmpty());
 }
 
+TEST_F(StatsTap, ThePageIsWhereItWasStartedWhereverTheProgramGoes) {
+    std::filesystem::create_directory("elsewhere");
+    const ProgramResult result = runProgram("VEXO_STATS_DIR=pages SCRIPTED_PACKETS=5 " + word(VEXO_COMMAND) +
+                                            " tap --stats-only --keep-page -- sh -c 'cd elsewhere && exec " +
+                                            word(VEXO_TAP_APP) + " receive'");
+    EXPECT_EQ(result.output, "received 5\n");
+    ASSERT_TRUE(std::filesystem::exists("pages"));
+    EXPECT_EQ(page().program(), "vexo_tap_app");
+}
+
 TEST_F(StatsTap, ChangesNothingThatTheProgramSees) {
     for (const char* way : {"throw", "twice", "no-handler", "ask-mtu", "registers", "other-name", "without-filter"}) {
         const ProgramResult plain = runProgram("SCRIPTED_PACKETS=10 " + word(VEXO_TAP_APP) + " " + way);

@@ -445,6 +445,29 @@ TEST_F(WatchChannel, WaitsForTheStatusOfAReceiverWhosePageHasEnded) {
     EXPECT_THAT(Errors(), HasSubstr("vexo: the receiver was ended by a signal: Killed\n"));
 }
 
+// The receiver has a working directory of its own.
+TEST_F(WatchChannel, FindsLayoutsAndPagesWhoseNamesAreRelative) {
+    ::setenv("VEXO_SIM_SCENARIO", VEXO_SCENARIO_DIR "/lossy_stream.ini", 1);
+    ::setenv("VEXO_STATS_DIR", "pages", 1);
+    std::filesystem::copy(VEXO_LAYOUT_FILE, "own.ini");
+    const std::vector<Words> ways = {{"demo.ini", "--json", "--interval", "0.1", "--layout", "own.ini"},
+                                     {"demo.ini", "--json", "--interval", "0.1"}};
+    for (const Words& options : ways) {
+        if (options.back() != "own.ini") ::setenv("VEXO_LAYOUT", "own.ini", 1);
+        std::filesystem::remove("said");
+        Process watch(Watch(options), "said", "errors");
+        const std::regex hasGap("\"sequence\":\\{\"gaps\":[1-9]");
+        const auto hasQuotes = [this] { return Said().find("\"17\":{") != std::string::npos; };
+        EXPECT_TRUE(Eventually([&] {
+            return std::regex_search(Said(), hasGap) || !watch.IsRunning() ||
+                   (hasQuotes() && Said().find("\"sequence\"") == std::string::npos);
+        }));
+        EXPECT_TRUE(std::regex_search(Said(), hasGap)) << Errors();
+        watch.Signal(SIGTERM);
+        EXPECT_EQ(watch.Wait(), 0) << Errors();
+    }
+}
+
 TEST_F(WatchChannel, AgreesWithVexoStatAboutAProgramWithLosses) {
     ::setenv("VEXO_SIM_SCENARIO", VEXO_SCENARIO_DIR "/lossy_stream.ini", 1);
     Process program(App("demo.ini", true), "app.out", "app.err");

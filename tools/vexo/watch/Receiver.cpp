@@ -80,6 +80,7 @@ Receiver::Receiver(const check::ConfigFacts& config, const run::Signals& signals
 void Receiver::start(const std::string& config, const run::Signals& signals, int page) {
     // This process has them, too, but does nothing with them.
     ::unsetenv(vexo_stats::kKeepVariable);
+    keepPaths();
     preload(statsLibrary());
     const std::string program = receiverProgram().string();
     const std::string output = (m_directory / kOutput).string();
