@@ -84,7 +84,6 @@ Scene Hostile() {
     for (int i = 0; i < 30; ++i) scene.instruments.push_back({"\x1b[2J\n" + std::string(60, 'x'), ~0ULL, ~0ULL});
     scene.unknown = scene.crowded = ~0ULL;
     scene.source = std::string(300, 's');
-    scene.notes = {"\x1b[31mnote\r"};
     scene.logName = "fpga\x07.log";
     for (int i = 0; i < 50; ++i)
         scene.log.push_back(

@@ -49,7 +49,6 @@ Block header(const Scene& scene) {
         lines.push_back(first);
     }
     if (!scene.source.empty()) lines.emplace_back(scene.source);
-    for (const std::string& note : scene.notes) lines.emplace_back(note, cli::kYellow);
     if (!scene.page) {
         lines.emplace_back("starting");
         return lines;

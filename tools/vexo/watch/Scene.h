@@ -48,7 +48,6 @@ struct Scene {
     Totals more;
     std::vector<std::uint64_t> streamMore;  // packets of each stream since the look before
     std::string source;                     // what is watched, in words; harmless
-    std::vector<std::string> notes;         // harmless, too
     bool countsInstruments = false;
     std::vector<BusyInstrument> instruments;  // the busiest first
     std::uint64_t unknown = 0;                // market-data packets that no layout describes

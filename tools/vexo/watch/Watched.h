@@ -4,7 +4,6 @@
 #include <deque>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "tools/vexo/run/Signals.h"
 #include "tools/vexo/stat/Pages.h"
@@ -35,7 +34,6 @@ public:
     std::string fault() const;
 
     const std::string& source() const { return m_source; }
-    const std::vector<std::string>& notes() const { return m_notes; }
     bool countsInstruments() const { return m_receiver != nullptr; }
 
 private:
@@ -45,7 +43,6 @@ private:
     void takeLog(Scene& scene);
 
     std::string m_source;
-    std::vector<std::string> m_notes;
     std::unique_ptr<Receiver> m_receiver;
     std::unique_ptr<stat::OpenPage> m_page;
     LogTail m_log;
