@@ -27,11 +27,14 @@ void guardStandardStreams() {
     }
 }
 
+std::string faultOfOutput(int error) {
+    return std::string("standard output: ") + (error == EBADF ? "it is closed" : std::strerror(error));
+}
+
 std::string faultOfOutput() {
     std::cout.flush();
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && std::cout.good()) return {};
-    const int cause = causeOfFault();
-    return std::string("standard output: ") + (cause == EBADF ? "it is closed" : std::strerror(cause));
+    return faultOfOutput(causeOfFault());
 }
 
 }  // namespace cli

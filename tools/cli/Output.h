@@ -8,7 +8,9 @@ namespace cli {
 /// later gets what the program prints. Called first in main(). Programs that are started from here find them closed.
 void guardStandardStreams();
 
-/// "standard output: No space left on device": why standard output did not take everything; empty when it did. Writes
+/// "standard output: No space left on device". @param error  an errno
+std::string faultOfOutput(int error);
+/// The same: why standard output did not take everything; empty when it did. Writes
 /// out what standard output still holds.
 std::string faultOfOutput();
 

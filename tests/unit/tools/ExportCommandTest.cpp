@@ -241,7 +241,7 @@ TEST_F(ExportCommand, StandardStreamsThatAreClosedGetNoRowsAndLoseNone) {
     EXPECT_EQ(Export("a.pcapng -o out.csv", "exec 0<&- 1>&-; ").status, 0) << dir.Read("err");
     EXPECT_EQ(LinesOf(dir.Read("out.csv")).size(), 6U);
     EXPECT_EQ(Export("a.pcapng", "exec 0<&- 1>&-; ").status, 1);
-    EXPECT_THAT(dir.Read("err"), HasSubstr("standard output: cannot be written: Bad file descriptor"));
+    EXPECT_THAT(dir.Read("err"), HasSubstr("vexo: standard output: it is closed\n"));
     EXPECT_EQ(Export("-", "exec 0<&-; ").status, 1);
     EXPECT_THAT(dir.Read("err"), HasSubstr("standard input: Bad file descriptor"));
     EXPECT_EQ(dir.Read("a.pcapng"), m_capture);
@@ -262,7 +262,7 @@ TEST_F(ExportCommand, ACaptureThatVanishesMeanwhileIsToldAndTheOthersAreExported
 TEST_F(ExportCommand, AFullOutputIsAFailure) {
     const ProgramResult result = Export("a.pcapng >/dev/full");
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(dir.Read("err"), HasSubstr("standard output: cannot be written: No space left on device"));
+    EXPECT_THAT(dir.Read("err"), HasSubstr("vexo: standard output: No space left on device\n"));
 }
 
 TEST_F(ExportCommand, TheNameOfTheOutputSaysTheFormat) {

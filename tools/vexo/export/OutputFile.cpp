@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "capture/StandardStreams.h"
+#include "tools/cli/Output.h"
 #include "tools/vexo/Failure.h"
 #include "tools/vexo/show/Harmless.h"
 
@@ -72,9 +73,9 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::fail(const char* what) const {
-    const std::string error = std::strerror(errno);
-    const std::string name = m_path == "-" ? "standard output" : harmless(m_path);
-    throw Failure(kFinding, name + ": " + what + ": " + error);
+    const int error = errno;
+    if (m_path == "-") throw Failure(kFinding, cli::faultOfOutput(error));
+    throw Failure(kFinding, harmless(m_path) + ": " + what + ": " + std::strerror(error));
 }
 
 void OutputFile::writeAll(const char* data, std::size_t size) {
