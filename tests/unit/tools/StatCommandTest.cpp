@@ -204,6 +204,24 @@ TEST_F(StatCommand, MetricsAreAsPrometheusWantsThem) {
     EXPECT_THAT(result.output, HasSubstr("vexo_callback_seconds_sum" + labels + "} 2\n"));
 }
 
+// The rate is worked out at each look, and never twice the same.
+TEST_F(StatCommand, SumsOfTimesDoNotFollowTheRateOfTheClock) {
+    const std::string file = dir.Write(busy().name(), busy().bytes());
+    vexo::stat::Page page;
+    ASSERT_EQ(vexo::stat::readPage(file, page), "");
+    const auto sums = [&page](double rate) {
+        page.rate = rate;
+        std::istringstream lines(asPrometheus({page}));
+        std::string found;
+        for (std::string line; std::getline(lines, line);)
+            if (line.find("_sum{") != std::string::npos) found += line + "\n";
+        return found;
+    };
+    const std::string first = sums(1.9999999e9);
+    EXPECT_THAT(first, AllOf(HasSubstr("vexo_callback_seconds_sum"), HasSubstr("vexo_packet_gap_seconds_sum")));
+    EXPECT_EQ(first, sums(2.0000001e9));
+}
+
 // The check itself.
 TEST(PrometheusCheck, FindsWhatPromtoolFinds) {
     const std::string good = "# HELP a_total Things.\n# TYPE a_total counter\na_total{b=\"c\"} 1\n";

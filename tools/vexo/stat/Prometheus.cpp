@@ -151,9 +151,15 @@ void losses(Metrics& metrics) {
                     [](const Stream& s) { return ifKnown(s, s.sequenceRestarts); });
 }
 
+// Divided by the page's own rate, as the bounds are. The rate of Page::seconds() is worked out at each look, and a sum
+// that falls by a digit of it would look like a process that started again.
+std::string sumOf(const Page& page, std::uint64_t clock) {
+    return number(static_cast<double>(clock) / static_cast<double>(page.process.clockPerSecond));
+}
+
 // Every second bucket: a factor of four from bound to bound, from some nanoseconds to some ten seconds.
 void histogram(Metrics& metrics, const Page& page, const std::string& labels,
-               const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, double sum) {
+               const std::uint64_t (&buckets)[vexo_stats::kBuckets], std::size_t used, std::uint64_t clock) {
     constexpr std::size_t kFirst = 5;
     constexpr std::size_t kLast = 37;
     std::uint64_t below = 0;
@@ -163,7 +169,7 @@ void histogram(Metrics& metrics, const Page& page, const std::string& labels,
         metrics.add(labels + ",le=\"" + bound(page.endOfBucket(b)) + "\"", std::to_string(below), "_bucket");
     }
     metrics.add(labels + ",le=\"+Inf\"", std::to_string(below), "_bucket");
-    metrics.add(labels, number(sum), "_sum");
+    metrics.add(labels, sumOf(page, clock), "_sum");
     metrics.add(labels, std::to_string(below), "_count");
 }
 
@@ -172,11 +178,11 @@ void times(Metrics& metrics) {
                   "Time from a packet's arrival until its callback has returned.");
     metrics.eachStream([&](const Page& page, const Stream& stream, const std::string& labels) {
         if (!knowsCallbacks(stream)) return;
-        histogram(metrics, page, labels, stream.callbacks, vexo_stats::kBuckets, page.seconds(stream.callbackClock));
+        histogram(metrics, page, labels, stream.callbacks, vexo_stats::kBuckets, stream.callbackClock);
     });
     metrics.begin("vexo_packet_gap_seconds", "histogram", "Time from one packet to the next.");
     metrics.eachStream([&](const Page& page, const Stream& stream, const std::string& labels) {
-        histogram(metrics, page, labels, stream.gaps, kGapBuckets, page.seconds(gapsOf(stream)));
+        histogram(metrics, page, labels, stream.gaps, kGapBuckets, gapsOf(stream));
     });
     metrics.begin("vexo_last_packet_timestamp_seconds", "gauge", "When the last packet came, since 1970.");
     metrics.eachStream([&](const Page& page, const Stream& stream, const std::string& labels) {
