@@ -87,12 +87,36 @@ void explainEmptyTable(const Options& options, const std::vector<Page>& pages) {
     std::puts("no stream has been opened yet: the table has a line for each");
 }
 
+// Again and again, a file that cannot be written is told once, and tried again. The first time it ends the program: a
+// wrong name is seen at once.
+class MetricsFile {
+public:
+    explicit MetricsFile(std::string path) : m_path(std::move(path)) {}
+
+    void write(const std::vector<Page>& pages) {
+        try {
+            writeFile(m_path, stat::asPrometheus(pages));
+            m_isWritten = true;
+            m_fault.clear();
+        } catch (const Failure& failure) {
+            if (!m_isWritten) throw;
+            if (m_fault != failure.what()) std::fprintf(stderr, "vexo: %s; it will be tried again\n", failure.what());
+            m_fault = failure.what();
+        }
+    }
+
+private:
+    const std::string m_path;
+    std::string m_fault;  // that was told
+    bool m_isWritten = false;
+};
+
 // @return whether there was a page
-bool showOnce(const Options& options, std::vector<Page>& before, bool isFirst) {
+bool showOnce(const Options& options, MetricsFile& metrics, std::vector<Page>& before, bool isFirst) {
     std::vector<Page> pages = look(options, isFirst);
     const bool isAny = !pages.empty();
     if (!options.prometheus.empty() && options.prometheus != "-") {
-        writeFile(options.prometheus, stat::asPrometheus(pages));
+        metrics.write(pages);
         return isAny;
     }
     const bool repaints = options.watch > 0 && !options.json && options.prometheus.empty() &&
@@ -124,11 +148,12 @@ int run(const Options& options) {
         stat::listen(*options.port, [&options] { return stat::asPrometheus(look(options, false)); });
         return 0;
     }
+    MetricsFile metrics(options.prometheus);
     std::vector<Page> before;
-    bool isAny = showOnce(options, before, true);
+    bool isAny = showOnce(options, metrics, before, true);
     while (options.watch > 0) {
         std::this_thread::sleep_for(std::chrono::duration<double>(options.watch));
-        isAny = showOnce(options, before, false);
+        isAny = showOnce(options, metrics, before, false);
     }
     if (isAny || !options.prometheus.empty()) return 0;
     return cli::fail("vexo", kFinding,

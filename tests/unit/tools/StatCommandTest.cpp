@@ -13,6 +13,7 @@
 #include <new>
 #include <nlohmann/json.hpp>
 
+#include "tests/hosted/HostProcess.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/tools/Program.h"
 #include "tests/unit/tools/PrometheusCheck.h"
@@ -23,6 +24,8 @@
 
 using namespace capture;
 using namespace vexo::stat;
+using hosted::Eventually;
+using hosted::Process;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -267,6 +270,25 @@ TEST_F(StatCommand, TheFileOfMetricsIsReplacedAsAWhole) {
     for ([[maybe_unused]] const auto& file : std::filesystem::directory_iterator(".")) ++files;
     EXPECT_EQ(files, 2U);
     EXPECT_EQ(stat("--prometheus none/m.prom").status, 2);
+}
+
+TEST_F(StatCommand, AFileThatCannotBeWrittenForAWhileIsWrittenAgain) {
+    const std::vector<std::string> words = {VEXO_COMMAND,   "stat",       "--dir",   ".",
+                                            "--prometheus", "out/m.prom", "--watch", "0.1"};
+    EXPECT_EQ(Process(words, "said", "wrong").Wait(), 2) << "a wrong name is told at once";
+    EXPECT_THAT(dir.Read("wrong"), HasSubstr("vexo: out/m.prom: "));
+    const auto exists = [](const char* name) { return std::filesystem::exists(name); };
+    std::filesystem::create_directory("out");
+    Process watch(words, "said", "errors");
+    ASSERT_TRUE(Eventually([&] { return exists("out/m.prom") || !watch.IsRunning(); }));
+    std::filesystem::rename("out", "away");
+    EXPECT_TRUE(Eventually([&] { return !dir.Read("errors").empty() || !watch.IsRunning(); }));
+    std::filesystem::create_directory("out");
+    EXPECT_TRUE(Eventually([&] { return exists("out/m.prom") || !watch.IsRunning(); }));
+    EXPECT_TRUE(watch.IsRunning());
+    EXPECT_EQ(dir.Read("errors"), "vexo: out/m.prom: there is no directory out; it will be tried again\n");
+    watch.Signal(SIGTERM);
+    EXPECT_EQ(watch.Wait(), 128 + SIGTERM);
 }
 
 TEST_F(StatCommand, MetricsReplaceNothingButAFile) {
