@@ -10,6 +10,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <new>
 #include <nlohmann/json.hpp>
 
@@ -417,15 +418,22 @@ TEST_F(StatCommand, WithoutAPageItSaysHowToGetOne) {
 
 namespace {
 
-std::string httpGet(std::uint16_t port, const std::string& request) {
+// A connection to the server; -1 without one.
+int connectTo(std::uint16_t port) {
     const int connection = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return connection;
+    ::close(connection);
+    return -1;
+}
+
+std::string httpGet(std::uint16_t port, const std::string& request) {
+    const int connection = connectTo(port);
     std::string answer;
-    if (::connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::send(connection, request.data(), request.size(), MSG_NOSIGNAL) > 0) {
+    if (::send(connection, request.data(), request.size(), MSG_NOSIGNAL) > 0) {
         char part[4096];
         for (ssize_t n; (n = ::recv(connection, part, sizeof part, 0)) > 0;)
             answer.append(part, static_cast<std::size_t>(n));
@@ -434,31 +442,72 @@ std::string httpGet(std::uint16_t port, const std::string& request) {
     return answer;
 }
 
+/// What --listen does, in a process of its own.
+class Server {
+public:
+    explicit Server(const std::function<std::string()>& text) {
+        int said[2];
+        EXPECT_EQ(::pipe(said), 0);
+        std::fflush(stdout);  // or the server says it again
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::dup2(said[1], STDOUT_FILENO);
+            listen(0, text);
+            ::_exit(0);
+        }
+        ::close(said[1]);
+        std::FILE* const lines = ::fdopen(said[0], "r");
+        unsigned port = 0;
+        EXPECT_EQ(std::fscanf(lines, "http://127.0.0.1:%u/metrics", &port), 1);
+        m_port = static_cast<std::uint16_t>(port);
+        std::fclose(lines);
+    }
+    ~Server() {
+        EXPECT_EQ(::kill(m_pid, SIGTERM), 0);
+        int status = -1;
+        EXPECT_EQ(::waitpid(m_pid, &status, 0), m_pid);
+        EXPECT_EQ(status, 0);
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    std::uint16_t Port() const { return m_port; }
+
+private:
+    pid_t m_pid;
+    std::uint16_t m_port = 0;
+};
+
 }  // namespace
 
 TEST_F(StatCommand, WithoutMemoryForAnAnswerItGoesOnServing) {
-    int said[2];
-    ASSERT_EQ(::pipe(said), 0);
-    const pid_t server = ::fork();
-    if (server == 0) {
-        ::dup2(said[1], STDOUT_FILENO);
-        listen(0, []() -> std::string { throw std::bad_alloc(); });
-        ::_exit(0);
-    }
-    ::close(said[1]);
-    std::FILE* const lines = ::fdopen(said[0], "r");
-    unsigned port = 0;
-    ASSERT_EQ(std::fscanf(lines, "http://127.0.0.1:%u/metrics", &port), 1);
+    const Server server([]() -> std::string { throw std::bad_alloc(); });
     for (int n = 0; n < 2; ++n) {
-        EXPECT_THAT(
-            httpGet(static_cast<std::uint16_t>(port), "GET /metrics HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"),
-            HasSubstr("HTTP/1.1 500 "));
+        EXPECT_THAT(httpGet(server.Port(), "GET /metrics HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"),
+                    HasSubstr("HTTP/1.1 500 "));
     }
-    EXPECT_EQ(::kill(server, SIGTERM), 0);
-    int status = -1;
-    EXPECT_EQ(::waitpid(server, &status, 0), server);
-    EXPECT_EQ(status, 0);
-    std::fclose(lines);
+}
+
+// As many as the server takes, each with a byte now and then.
+TEST_F(StatCommand, ClientsThatNeverFinishTheirRequestGiveWay) {
+    const Server server([] { return std::string("metrics\n"); });
+    std::vector<int> slow(16);
+    for (int& connection : slow) {
+        connection = connectTo(server.Port());
+        ASSERT_GE(connection, 0);
+    }
+    // So many bytes take far longer than a request may.
+    constexpr int kMostBytes = 300;
+    int sent = 0;
+    const auto sendsOne = [](int connection) { return ::send(connection, "G", 1, MSG_NOSIGNAL) == 1; };
+    for (bool isOpen = true; isOpen && sent < kMostBytes; ++sent) {
+        ::usleep(100'000);
+        isOpen = false;
+        for (const int connection : slow) isOpen = sendsOne(connection) || isOpen;
+    }
+    EXPECT_LT(sent, kMostBytes);
+    EXPECT_THAT(httpGet(server.Port(), "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n"),
+                AllOf(HasSubstr("HTTP/1.1 200 OK\r\n"), testing::EndsWith("\r\n\r\nmetrics\n")));
+    for (const int connection : slow) ::close(connection);
 }
 
 TEST_F(StatCommand, ServesMetricsOverHttp) {
