@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -39,10 +40,9 @@ void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, cons
                              std::uint32_t trueSize) {
     m_nowNs = timeNs;
     if (isOpen() && (wouldGrowTooBig(size) || isTimeOver(timeNs))) {
-        close(timeNs);
+        endFile(timeNs);
         openNext();
     } else if (m_waitsForPacket) {
-        m_waitsForPacket = false;
         openNext();
     }
     Known& known = m_interfaces[interface];
@@ -110,6 +110,7 @@ std::string CaptureFiles::createRecorded() {
 }
 
 void CaptureFiles::openNext() {
+    m_waitsForPacket = false;
     m_fileBytes = m_filePackets = 0;
     m_described = 0;
     const std::string problem = m_recorder ? createRecorded() : createFree();
@@ -149,7 +150,7 @@ void CaptureFiles::flush() {
 void CaptureFiles::tick(std::uint64_t nowNs) {
     m_nowNs = nowNs;
     if (isOpen() && isTimeOver(nowNs)) {
-        close(nowNs);
+        endFile(nowNs);
         m_waitsForPacket = true;
     }
     flush();
@@ -219,6 +220,20 @@ void CaptureFiles::cutUnwritten() {
 }
 
 void CaptureFiles::close(std::uint64_t nowNs) {
+    m_nowNs = nowNs;
+    if (m_waitsForPacket && hasUntoldCounts()) m_waitsForPacket = false;
+    endFile(nowNs);
+}
+
+// Whether something was lost that no file tells. A run that has written no file received nothing: its losses cost no
+// older file.
+bool CaptureFiles::hasUntoldCounts() const {
+    return m_files > 0 && std::any_of(m_interfaces.begin(), m_interfaces.end(), [](const Known& known) {
+               return known.lost > 0 || (known.card && hasCounts(*known.card - known.cardBefore));
+           });
+}
+
+void CaptureFiles::endFile(std::uint64_t nowNs) {
     flush();
     if (isOpen()) {
         appendCounts(nowNs);

@@ -49,7 +49,8 @@ public:
     void flush();
     /// Ends a file whose time is over, also if no packet comes. Writes all buffered packets.
     void tick(std::uint64_t nowNs);
-    /// Ends the file with its counts. Add nothing afterwards.
+    /// Ends the file with its counts. What was lost after the time of the last file gets one more. Add nothing
+    /// afterwards.
     void close(std::uint64_t nowNs);
 
     /// Totals of all files: packets written, and packets lost.
@@ -74,6 +75,8 @@ private:
 
     bool isOpen() const { return m_fd >= 0; }
     void openNext();
+    void endFile(std::uint64_t nowNs);
+    bool hasUntoldCounts() const;
     std::string createFree();
     std::string createRecorded();
     std::string nameOf(unsigned number) const;

@@ -1,6 +1,8 @@
 #include "capture/CardCounts.h"
 
+#include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <string_view>
 
 namespace capture {
@@ -71,6 +73,11 @@ std::optional<CardCounts> cardCountsOf(const std::string& text) {
         rest.remove_prefix(word.size());
     }
     return counts;
+}
+
+bool hasCounts(const CardCounts& counts) {
+    return std::any_of(std::begin(kKeys), std::end(kKeys),
+                       [&](const Key& key) { return (counts.*key.member).value_or(0) > 0; });
 }
 
 CardCounts operator-(const CardCounts& now, const CardCounts& before) {

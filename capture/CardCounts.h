@@ -28,6 +28,9 @@ std::string textOf(const CardCounts& counts);
 /// @return nothing for a text of another form. Keys may be missing, and unknown ones are left out.
 std::optional<CardCounts> cardCountsOf(const std::string& text);
 
+/// Whether any of them is known and not 0.
+bool hasCounts(const CardCounts& counts);
+
 /// What was added from @p before to @p now.
 CardCounts operator-(const CardCounts& now, const CardCounts& before);
 

@@ -200,6 +200,71 @@ TEST_F(Recorder, LosesNoCountBetweenTwoFiles) {
     EXPECT_EQ(counts.dropped, 7U);
 }
 
+// What comes after the last packet belongs to no packet's file.
+TEST_F(Recorder, LossesAfterTheTimeOfTheLastFileAreInOneMore) {
+    for (const std::size_t keep : {0, 10}) {
+        CaptureFiles::Settings s = settings(keep, 0);
+        s.rotateEveryNs = kHour;
+        CaptureFiles files(s);
+        const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, kMorning);
+        CardCounts counted;
+        counted.packets = 1;
+        counted.backPressure = 2;
+        files.addPacket(channel, kMorning, "x", 1);
+        files.setCard(channel, counted);
+        files.tick(kMorning + kHour);
+        counted.backPressure = 9;
+        files.setCard(channel, counted);
+        files.addLost(channel, 3);
+        files.close(kMorning + 2 * kHour);
+        ASSERT_THAT(names(), SizeIs(2));
+        std::uint64_t byCard = 0;
+        std::uint64_t received = 0;
+        std::uint64_t dropped = 0;
+        for (const std::string& name : names()) {
+            const ReadFile file = readPath(path(name));
+            EXPECT_FALSE(file.damage);
+            const InterfaceCounts counts = *file.interfaces[0].counts;
+            byCard += *counts.card->backPressure;
+            received += counts.received;
+            dropped += counts.dropped;
+        }
+        EXPECT_EQ(byCard, 9U);
+        EXPECT_EQ(received, 4U);
+        EXPECT_EQ(dropped, 3U);
+        fs::remove_all(dir.Path("run"));
+    }
+}
+
+TEST_F(Recorder, NothingNewAfterTheTimeOfTheLastFileMakesNoFile) {
+    CaptureFiles::Settings s = settings(10, 0);
+    s.rotateEveryNs = kHour;
+    CaptureFiles files(s);
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, kMorning);
+    files.addPacket(channel, kMorning, "x", 1);
+    files.tick(kMorning + kHour);
+    CardCounts counted;  // a card that begins to answer, and has nothing to tell
+    counted.packets = 0;
+    counted.backPressure = 0;
+    files.setCard(channel, counted);
+    files.close(kMorning + 2 * kHour);
+    EXPECT_THAT(names(), SizeIs(1));
+}
+
+// A program that fails at each start, while the card is busy, must not cost the files of better days.
+TEST_F(Recorder, LossesOfARunWithoutAPacketMakeNoFile) {
+    record(settings(2), 4);
+    for (int run = 0; run < 5; ++run) {
+        CaptureFiles files(settings(2));
+        const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, kMorning);
+        CardCounts counted;
+        counted.backPressure = 500;
+        files.setCard(channel, counted);
+        files.close(kMorning + kSecond);
+    }
+    EXPECT_THAT(names(), ElementsAre(StartsWith("a.00000001."), StartsWith("a.00000002.")));
+}
+
 TEST_F(Recorder, NeverRemovesWhatItDidNotMakeWhateverItsName) {
     record(settings(4), 8);
     const std::vector<std::string> own = names();
