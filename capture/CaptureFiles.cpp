@@ -26,10 +26,16 @@ CaptureFiles::~CaptureFiles() {
 }
 
 std::uint32_t CaptureFiles::addInterface(const InterfaceInfo& info, std::uint64_t startNs) {
-    m_interfaces.push_back({info, startNs});
     m_nowNs = startNs;
+    BlockBuffer block;
+    appendInterface(block, info);
+    if (isOpen() && wouldGrowTooBig(block.size() + statisticsBlockBytes())) {
+        endFile(startNs);
+        m_waitsForPacket = true;
+    }
+    m_interfaces.push_back({info, startNs});
     if (isOpen()) {
-        appendInterface(m_buffer, info);
+        m_buffer.insert(m_buffer.end(), block.begin(), block.end());
     } else if (!m_waitsForPacket) {
         openNext();  // the first interface opens the first file; later ones try again when the disk failed
     }
@@ -39,7 +45,7 @@ std::uint32_t CaptureFiles::addInterface(const InterfaceInfo& info, std::uint64_
 void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, const void* data, std::uint32_t size,
                              std::uint32_t trueSize) {
     m_nowNs = timeNs;
-    if (isOpen() && (wouldGrowTooBig(size) || isTimeOver(timeNs))) {
+    if (isOpen() && (wouldGrowTooBig(packetBlockBytes(size)) || isTimeOver(timeNs))) {
         endFile(timeNs);
         openNext();
     } else if (m_waitsForPacket) {
@@ -58,10 +64,10 @@ void CaptureFiles::addPacket(std::uint32_t interface, std::uint64_t timeNs, cons
 }
 
 // A file without a packet takes one of any size; otherwise a large packet could never be written.
-bool CaptureFiles::wouldGrowTooBig(std::uint32_t size) const {
+bool CaptureFiles::wouldGrowTooBig(std::uint64_t bytes) const {
     if (m_settings.rotateBytes == 0) return false;
     const std::uint64_t tail = std::uint64_t{statisticsBlockBytes()} * m_interfaces.size();
-    return m_filePackets > 0 && m_fileBytes + m_buffer.size() + packetBlockBytes(size) + tail > m_settings.rotateBytes;
+    return m_filePackets > 0 && m_fileBytes + m_buffer.size() + bytes + tail > m_settings.rotateBytes;
 }
 
 // Packets of several interfaces come a little out of order: one from before the file's beginning belongs to it. A clock

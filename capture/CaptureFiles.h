@@ -80,7 +80,7 @@ private:
     std::string createFree();
     std::string createRecorded();
     std::string nameOf(unsigned number) const;
-    bool wouldGrowTooBig(std::uint32_t size) const;
+    bool wouldGrowTooBig(std::uint64_t bytes) const;
     bool isTimeOver(std::uint64_t timeNs) const;
     void startBuffer();
     void appendCounts(std::uint64_t nowNs);

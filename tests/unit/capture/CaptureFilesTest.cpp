@@ -145,6 +145,30 @@ TEST_F(CaptureFilesTest, RotateSoThatNoneGrowsBeyondItsSizeAndEachStandsForItsel
     EXPECT_GT(files.files(), 5U);
 }
 
+TEST_F(CaptureFilesTest, StreamsThatAreOpenedNearTheLimitDoNotPushAFileBeyondIt) {
+    constexpr std::uint64_t kLimit = 10'000;
+    const std::string bytes(90, 'x');
+    for (std::uint64_t before = 55; before < 80; ++before) {  // packets: some files have room for a stream, others not
+        const std::string name = std::to_string(before);
+        CaptureFiles files(settings(name, kLimit));
+        std::uint32_t last = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+        for (std::uint64_t i = 0; i < before; ++i) files.addPacket(last, i, bytes.data(), 90);
+        for (int i = 1; i <= 5; ++i) last = files.addInterface({kStreamLink, "channel " + std::to_string(i), ""}, 100);
+        files.addPacket(last, 101, "of the last", 11);
+        files.close(102);
+        std::size_t packets = 0;
+        for (unsigned n = 0; n < files.files(); ++n) {
+            const std::string path = n == 0 ? name : name + "." + std::to_string(n);
+            EXPECT_LE(std::filesystem::file_size(dir.Path(path)), kLimit) << path;
+            const ReadFile file = read(path);
+            EXPECT_FALSE(file.damage) << path;
+            for (const Interface& interface : file.interfaces) EXPECT_TRUE(interface.counts) << path;
+            packets += file.packets.size();
+        }
+        EXPECT_EQ(packets, before + 1) << name;
+    }
+}
+
 TEST_F(CaptureFilesTest, APacketLargerThanTheLimitHasAFileOfItsOwn) {
     CaptureFiles files(settings("a.pcapng", 1000));
     const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
