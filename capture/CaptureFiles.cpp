@@ -1,6 +1,7 @@
 #include "capture/CaptureFiles.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
@@ -22,7 +23,7 @@ CaptureFiles::CaptureFiles(Settings settings) : m_settings(std::move(settings)) 
 }
 
 CaptureFiles::~CaptureFiles() {
-    if (isOpen()) ::close(m_fd);
+    if (isOpen() && isFileOurs()) ::close(m_fd);
 }
 
 std::uint32_t CaptureFiles::addInterface(const InterfaceInfo& info, std::uint64_t startNs) {
@@ -124,8 +125,34 @@ void CaptureFiles::openNext() {
         reportOnce(m_openFailureReported, "cannot create " + m_name + ": " + problem);
         return;
     }
+    struct stat state {};
+    ::fstat(m_fd, &state);
+    m_device = state.st_dev;
+    m_inode = state.st_ino;
     ++m_files;
     startBuffer();
+}
+
+// An application may close descriptors that it does not know, and open a file of its own under the same number.
+bool CaptureFiles::isFileOurs() const {
+    struct stat state {};
+    return ::fstat(m_fd, &state) == 0 && state.st_dev == m_device && state.st_ino == m_inode;
+}
+
+void CaptureFiles::leaveFile() {
+    reportOnce(m_writeFailureReported, "cannot write " + m_name +
+                                           " any more: the program has closed its descriptor; the next packet begins "
+                                           "another file");
+    loseBuffered();
+    reportLost();
+    forgetFile();
+    m_waitsForPacket = true;
+}
+
+// The next file takes the counts that this one does not get. The packets that are in this one it does not count.
+void CaptureFiles::forgetFile() {
+    m_fd = -1;
+    for (Known& known : m_interfaces) known.received = 0;
 }
 
 // Starts the buffer with what the file still lacks before its next packet: its head and interfaces.
@@ -145,6 +172,7 @@ void CaptureFiles::appendCounts(std::uint64_t nowNs) {
 }
 
 void CaptureFiles::flush() {
+    if (isOpen() && !isFileOurs()) leaveFile();
     if (!isOpen()) {
         if (!m_interfaces.empty() && !m_waitsForPacket) openNext();
         return;
@@ -222,11 +250,12 @@ void CaptureFiles::cutUnwritten() {
     const auto end = static_cast<off_t>(m_fileBytes);
     if (::ftruncate(m_fd, end) == 0 && ::lseek(m_fd, end, SEEK_SET) == end) return;
     ::close(m_fd);
-    m_fd = -1;
+    forgetFile();
 }
 
 void CaptureFiles::close(std::uint64_t nowNs) {
     m_nowNs = nowNs;
+    flush();
     if (m_waitsForPacket && hasUntoldCounts()) m_waitsForPacket = false;
     endFile(nowNs);
 }
@@ -241,7 +270,8 @@ bool CaptureFiles::hasUntoldCounts() const {
 
 void CaptureFiles::endFile(std::uint64_t nowNs) {
     flush();
-    if (isOpen()) {
+    const bool isTold = isOpen();
+    if (isTold) {
         appendCounts(nowNs);
         writeBuffer(false);
     }
@@ -251,6 +281,7 @@ void CaptureFiles::endFile(std::uint64_t nowNs) {
     m_fd = -1;
     if (m_recorder) m_recorder->closed();
     reportLost();
+    if (!isTold) return;
     for (Known& known : m_interfaces) {
         known.startNs = nowNs;
         known.lostBefore += known.lost;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/types.h>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -77,6 +78,8 @@ private:
     void openNext();
     void endFile(std::uint64_t nowNs);
     bool hasUntoldCounts() const;
+    bool isFileOurs() const;
+    void leaveFile();
     std::string createFree();
     std::string createRecorded();
     std::string nameOf(unsigned number) const;
@@ -88,6 +91,7 @@ private:
     void writeBuffer(bool needsRoom);
     bool writeAll(const unsigned char* data, std::size_t size);
     void cutUnwritten();
+    void forgetFile();
     void reportOnce(bool& reported, const std::string& what);
     void loseBuffered();
     void reportLost();
@@ -97,6 +101,8 @@ private:
     std::vector<Known> m_interfaces;
     BlockBuffer m_buffer;
     int m_fd = -1;
+    dev_t m_device = 0;  // of the open file, with its inode
+    ino_t m_inode = 0;
     std::string m_name;               // of the open file
     std::uint64_t m_fileBytes = 0;    // whole blocks on disk
     std::uint64_t m_filePackets = 0;  // in the file, and in m_buffer

@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 #include <csignal>
 #include <filesystem>
 
@@ -52,6 +54,15 @@ private:
     void (*m_handler)(int);
     rlimit m_before{};
 };
+
+// Under which number this process has the file open; -1 if it has not.
+int NumberOf(const std::string& path) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(entry, gone) == path) return std::stoi(entry.path().filename());
+    }
+    return -1;
+}
 
 }  // namespace
 
@@ -281,4 +292,74 @@ TEST_F(CaptureFilesTest, AFileThatCannotBeCreatedIsToldOnceAndTriedAgain) {
     EXPECT_EQ(file.interfaces[0].counts->dropped, 1U);
     EXPECT_THAT(reports, ElementsAre("cannot create " + dir.Path("later/a.pcapng") + ": No such file or directory",
                                      StartsWith("writing "), StartsWith("1 packets were lost while ")));
+}
+
+TEST_F(CaptureFilesTest, AFileThatTookTheNumberOfOursIsNotTouched) {
+    const std::string precious = dir.Write("own.txt", "precious");
+    int own = -1;
+    {
+        CaptureFiles files(settings("a.pcapng"));
+        const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+        files.addPacket(channel, 1, "first", 5);
+        files.flush();
+        own = NumberOf(dir.Path("a.pcapng"));
+        ASSERT_GE(own, 0);
+        const int opened = ::open(precious.c_str(), O_RDWR);
+        ASSERT_EQ(::dup2(opened, own), own);  // as after closefrom()
+        ::close(opened);
+        files.addPacket(channel, 2, "lost", 4);
+        files.flush();
+        files.addPacket(channel, 3, "kept", 4);
+        files.close(4);
+    }
+    EXPECT_EQ(dir.Read("own.txt"), "precious");
+    EXPECT_EQ(NumberOf(precious), own) << "it was closed";
+    ::close(own);
+    EXPECT_THAT(read("a.pcapng").packets, SizeIs(1));
+    const ReadFile file = read("a.1.pcapng");
+    ASSERT_THAT(file.packets, SizeIs(1));
+    EXPECT_EQ(file.packets[0].bytes, "kept");
+    EXPECT_EQ(file.interfaces[0].counts->received, 2U);
+    EXPECT_EQ(file.interfaces[0].counts->dropped, 1U);
+    EXPECT_THAT(reports, ElementsAre("writing " + dir.Path("a.pcapng"),
+                                     "cannot write " + dir.Path("a.pcapng") +
+                                         " any more: the program has closed its descriptor; the next packet begins "
+                                         "another file",
+                                     "1 packets were lost while " + dir.Path("a.pcapng") + " could not be written",
+                                     "writing " + dir.Path("a.1.pcapng")));
+}
+
+TEST_F(CaptureFilesTest, WhatIsLostWithTheDescriptorAtTheEndIsInOneMoreFile) {
+    CaptureFiles files(settings("a.pcapng"));
+    const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+    files.addPacket(channel, 1, "first", 5);
+    files.flush();
+    files.addPacket(channel, 2, "lost", 4);
+    ASSERT_EQ(::close(NumberOf(dir.Path("a.pcapng"))), 0);
+    files.close(3);
+    EXPECT_THAT(read("a.pcapng").packets, SizeIs(1));
+    ASSERT_THAT(read("a.1.pcapng").interfaces, SizeIs(1));
+    EXPECT_EQ(read("a.1.pcapng").interfaces[0].counts->received, 1U);
+    EXPECT_EQ(read("a.1.pcapng").interfaces[0].counts->dropped, 1U);
+}
+
+TEST_F(CaptureFilesTest, AFileThatTookTheNumberOfOursSurvivesTheEnd) {
+    for (const bool isClosed : {true, false}) {
+        const std::string precious = dir.Write("own.txt", "precious");
+        const std::string name = isClosed ? "closed" : "destroyed";
+        int own = -1;
+        {
+            CaptureFiles files(settings(name));
+            files.addPacket(files.addInterface({kStreamLink, "channel 0", ""}, 0), 1, "first", 5);
+            files.flush();
+            own = NumberOf(dir.Path(name));
+            const int opened = ::open(precious.c_str(), O_RDWR);
+            ASSERT_EQ(::dup2(opened, own), own);
+            ::close(opened);
+            if (isClosed) files.close(2);
+        }
+        EXPECT_EQ(dir.Read("own.txt"), "precious");
+        EXPECT_EQ(NumberOf(precious), own) << name;
+        ::close(own);
+    }
 }
