@@ -28,6 +28,8 @@ namespace {
 constexpr auto kIdle = std::chrono::milliseconds(1);
 constexpr auto kFlushEvery = std::chrono::milliseconds(100);
 
+using Clock = std::chrono::steady_clock;
+
 struct Capture {
     Capture(const Settings& s, capture::CaptureFiles::Settings files) : settings(s), writer(s, std::move(files)) {
         writer.countWith([this](const capture::InterfaceInfo& info) { return page.newStats(info); });
@@ -38,6 +40,7 @@ struct Capture {
     TapWriter writer;
     std::mutex registerMutex;  // register accesses come from any thread; they are rare
     Source* registers = nullptr;
+    std::atomic<Clock::rep> firstStream{0};  // when it was opened; 0 = no stream yet
     std::atomic<bool> ending{false};
     std::thread thread;
 };
@@ -145,18 +148,23 @@ void stopRecording(Capture& capture) {
     turnOff();
 }
 
+// Registers are accessed long before the first stream is opened: a start-up may take minutes.
+bool isDurationOver(const Capture& capture, Clock::time_point now) {
+    const Clock::duration first(capture.firstStream.load(std::memory_order_relaxed));
+    const std::chrono::seconds duration(capture.settings.durationSeconds);
+    return first.count() != 0 && duration.count() > 0 && now.time_since_epoch() - first >= duration;
+}
+
 void runWriter(Capture& capture) {
     if (g_cpusKnown) ::pthread_setaffinity_np(::pthread_self(), sizeof g_cpusAtStart, &g_cpusAtStart);
     ::pthread_setname_np(::pthread_self(), "vexo-tap");
     capture.writer.startClock();
-    const auto begun = std::chrono::steady_clock::now();
-    const std::chrono::seconds duration(capture.settings.durationSeconds);
-    auto flushed = begun;
+    auto flushed = Clock::now();
     bool isOver = false;
     while (!isOver && !capture.ending.load(std::memory_order_acquire)) {
         if (!capture.writer.drain()) std::this_thread::sleep_for(kIdle);
-        const auto now = std::chrono::steady_clock::now();
-        isOver = duration.count() > 0 && now - begun >= duration;
+        const auto now = Clock::now();
+        isOver = isDurationOver(capture, now);
         if (now - flushed < kFlushEvery) continue;
         readCards(capture);
         capture.writer.flush();
@@ -166,7 +174,8 @@ void runWriter(Capture& capture) {
     capture.writer.drainAll();
     readCards(capture);
     capture.writer.finish();
-    if (isOver) report("recorded for " + std::to_string(duration.count()) + " seconds: the recording ends");
+    if (isOver)
+        report("recorded for " + std::to_string(capture.settings.durationSeconds) + " seconds: the recording ends");
     tellResult(capture);
 }
 
@@ -244,6 +253,8 @@ void release(Source& source) {
 void openStream(const void* stream, const Origin& origin) {
     Capture* capture = running();
     if (capture == nullptr) return;
+    Clock::rep none = 0;
+    capture->firstStream.compare_exchange_strong(none, Clock::now().time_since_epoch().count());
     const capture::InterfaceInfo info = describeStream(origin);
     Source* source = capture->writer.add(info);
     const std::lock_guard<std::mutex> lock(g_streamsMutex);

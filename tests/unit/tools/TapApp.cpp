@@ -256,6 +256,14 @@ void lookAtWriter(const Wanted& wanted) {
     std::printf("%s\n", statusOf("vexo-tap", "SigBlk:").c_str());
 }
 
+std::atomic<unsigned> g_rests{0};  // of all threads
+
+// Waits until the tap's writer has looked at the clock again, or has ended.
+void letWriterLook() {
+    const unsigned before = g_rests;
+    while (g_rests < before + 3 && !statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
+}
+
 // Half of the packets come before the recording's duration has passed. Nobody waits: the clock is set forward.
 void receiveBeyondDuration(enyx_hw_a2c_stream* stream) {
     for (int i = 0; i < 5; ++i) enyx_hw_a2c_stream_poll_once(stream, count, &g_received);
@@ -264,6 +272,21 @@ void receiveBeyondDuration(enyx_hw_a2c_stream* stream) {
     while (!statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
     receiveAll(stream, count);
     openStream({"CUSTOM_CHAN4_DATA"});
+}
+
+// The start-up alone takes longer than the recording's duration.
+void receiveAfterLongStart(const Wanted& wanted) {
+    accessRegisters();
+    while (statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
+    letWriterLook();
+    g_aheadSeconds = 3600;
+    letWriterLook();
+    const Stream stream = openStream(wanted);
+    for (int i = 0; i < 5; ++i) enyx_hw_a2c_stream_poll_once(stream.get(), count, &g_received);
+    letWriterLook();
+    g_aheadSeconds = 7200;
+    while (!statusOf("vexo-tap", "SigBlk:").empty()) sched_yield();
+    receiveAll(stream.get(), count);
 }
 
 [[noreturn]] void receiveAndWait(enyx_hw_a2c_stream* stream) {
@@ -284,6 +307,7 @@ extern "C" ssize_t write(int fd, const void* bytes, std::size_t size) {
 
 // The same. Waits when the program wants it to.
 extern "C" int nanosleep(const timespec* time, timespec* rest) {
+    ++g_rests;
     if (g_stopsInRest.exchange(false)) {
         g_isResting = true;
         while (!g_hasForked) sched_yield();
@@ -323,6 +347,7 @@ int main(int argc, char** argv) {
     if (way == "registers") accessRegisters();
     if (way == "look-at-writer") lookAtWriter(third);
     if (way == "beyond-duration") receiveBeyondDuration(openStream(third).get());
+    if (way == "after-long-start") receiveAfterLongStart(third);
     if (way == "wait") receiveAndWait(openStream(third).get());
     std::printf("received %u\n", g_received);
     return 0;

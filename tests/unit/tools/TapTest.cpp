@@ -270,6 +270,18 @@ TEST_F(Tap, EndsTheRecordingAfterItsDurationAndTheProgramGoesOn) {
     EXPECT_EQ(file.interface("channel 3")->counts->received, 5U);
 }
 
+TEST_F(Tap, ItsDurationBeginsWithTheFirstStreamAndNotWithTheRegisters) {
+    const ProgramResult program = run("after-long-start",
+                                      "SCRIPTED_PACKETS=10 VEXO_TAP_REGISTERS=1 VEXO_TAP_DURATION_SECONDS=3600");
+    EXPECT_EQ(program.status, 0);
+    EXPECT_THAT(program.output, HasSubstr("received 10\n"));
+    EXPECT_THAT(program.output, HasSubstr("vexo tap: recorded for 3600 seconds: the recording ends\n"));
+    const ReadFile file = read();
+    EXPECT_FALSE(file.damage);
+    EXPECT_EQ(file.packetsOf("registers"), 4U);
+    EXPECT_EQ(file.packetsOf("channel 3"), 5U);
+}
+
 TEST_F(Tap, AWrongNumberInItsVariablesIsToldAndNotUsed) {
     const std::string output = run("receive", "SCRIPTED_PACKETS=1 VEXO_TAP_KEEP=1 VEXO_TAP_DURATION_SECONDS=1h").output;
     EXPECT_THAT(output, HasSubstr("vexo tap: VEXO_TAP_KEEP=1 is not a number from 2 to 100000: 0 is used\n"));
