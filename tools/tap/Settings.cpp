@@ -32,11 +32,13 @@ bool isOne(const char* variable) {
 
 }  // namespace
 
+bool wantsRegisters() { return isOne(kRegistersVariable); }
+
 Settings settingsFromEnvironment() {
     Settings settings;
     const char* file = std::getenv(kFileVariable);
     if (file != nullptr && *file != '\0') settings.file = file;
-    settings.registers = isOne(kRegistersVariable);
+    settings.registers = wantsRegisters();
     settings.rotateBytes = number(kRotateVariable, {0, kMaxRotateMb, 0}) * kMegabyte;
     settings.rotateSeconds = number(kRotateEveryVariable, {0, kMaxSeconds, 0});
     settings.keep = number(kKeepVariable, {kLeastKeptFiles, kMostKeptFiles, 0});

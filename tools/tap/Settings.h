@@ -44,5 +44,7 @@ struct Settings {
 
 /// Reports an invalid value on standard error and uses the default instead.
 Settings settingsFromEnvironment();
+/// The setting `registers` alone. Reports nothing.
+bool wantsRegisters();
 
 }  // namespace tap

@@ -282,7 +282,7 @@ void closeStream(const void* stream) {
 
 bool recordsRegisters() {
     if (g_state.load(std::memory_order_acquire) == State::kOff) return false;
-    static const bool wanted = settingsFromEnvironment().registers;
+    static const bool wanted = wantsRegisters();
     if (!wanted) return false;
     const Capture* capture = running();
     return capture != nullptr && capture->registers != nullptr;

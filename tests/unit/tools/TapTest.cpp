@@ -291,6 +291,13 @@ TEST_F(Tap, AWrongNumberInItsVariablesIsToldAndNotUsed) {
     EXPECT_THAT(read("a.1.pcapng").packets, SizeIs(1));
 }
 
+TEST_F(Tap, AWrongNumberIsToldOnceAlsoWithRegisters) {
+    const std::string told = "vexo tap: VEXO_TAP_RING_MB=x is not a number from ";
+    const std::string output = run("registers", "VEXO_TAP_REGISTERS=1 VEXO_TAP_RING_MB=x").output;
+    ASSERT_THAT(output, HasSubstr(told));
+    EXPECT_THAT(output.substr(output.find(told) + 1), Not(HasSubstr(told))) << output;
+}
+
 TEST_F(Tap, DoesNotTouchAFileThatExists) {
     dir.Write("a.pcapng", "precious");
     EXPECT_EQ(run("receive").status, 0);
