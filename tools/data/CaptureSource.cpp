@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zstd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <streambuf>
@@ -96,7 +97,10 @@ private:
 class CaptureSource::ZstdBuffer : public std::streambuf {
 public:
     ZstdBuffer(FileBuffer& file, std::string& failure)
-        : m_file(file), m_failure(failure), m_unpacker(ZSTD_createDCtx(), ZSTD_freeDCtx), m_bytes(kBufferBytes) {
+        : m_file(file),
+          m_failure(failure),
+          m_unpacker(ZSTD_createDCtx(), ZSTD_freeDCtx),
+          m_bytes(ZSTD_DStreamOutSize()) {
         if (m_unpacker == nullptr) throw SourceError("memory is short");
     }
 
@@ -109,16 +113,21 @@ protected:
                 if (m_isInFrame) fail("the compressed file is cut off");
                 return traits_type::eof();
             }
-            const std::size_t left = ZSTD_decompressStream(m_unpacker.get(), &out, &m_in);
+            ZSTD_inBuffer step = {m_in.src, std::min(m_in.size, m_in.pos + m_step), m_in.pos};
+            const std::size_t left = ZSTD_decompressStream(m_unpacker.get(), &out, &step);
+            m_in.pos = step.pos;
             if (ZSTD_isError(left) != 0)
                 fail(std::string("the compressed file is damaged: ") + ZSTD_getErrorName(left));
             m_isInFrame = left != 0;
+            m_step = left > kBlockHead ? left - kBlockHead : kBlockHead;
         }
         setg(m_bytes.data(), m_bytes.data(), m_bytes.data() + out.pos);
         return traits_type::to_int_type(*gptr());
     }
 
 private:
+    static constexpr std::size_t kBlockHead = 3;  // bytes
+
     [[noreturn]] void fail(const std::string& what) {
         m_failure = what;
         throw SourceError(what);
@@ -129,6 +138,9 @@ private:
     std::unique_ptr<ZSTD_DCtx, std::size_t (*)(ZSTD_DCtx*)> m_unpacker;
     std::vector<char> m_bytes;
     ZSTD_inBuffer m_in = {nullptr, 0, 0};
+    // A call that finds damage returns nothing of the blocks before it. So a call gets one block at most, or the head
+    // of one. The decoder asks for the rest of a block and the head of the next one together.
+    std::size_t m_step = kBlockHead;
     bool m_isInFrame = false;
 };
 
