@@ -376,6 +376,19 @@ TEST_F(ExportCommand, EachCaptureHasItsOwnChannels) {
     EXPECT_THAT(Rows("1.pcapng 2.pcapng 3.pcapng --channel 2 --columns channel"), ElementsAre("channel", "2"));
 }
 
+TEST_F(ExportCommand, ALargeNumberOfACardOrAChannelIsTheSameInTheArray) {
+    BlockBuffer blocks;
+    appendSection(blocks, {});
+    appendInterface(blocks, {kStreamLink, "card 40000 channel 99999", ""});
+    appendPacket(blocks, 0, NsAt(90000), At(90000, 17, "SR505").packet());
+    dir.Write("b.pcapng", text(blocks));
+    EXPECT_THAT(Rows("b.pcapng --columns card,channel"), ElementsAre("card,channel", "40000,99999"));
+    EXPECT_EQ(Export("b.pcapng --columns card,channel -o out.npy").status, 0);
+    const std::string array = dir.Read("out.npy");
+    EXPECT_THAT(array, HasSubstr("'descr': [('card', '<i4'), ('channel', '<i4'), ]"));
+    EXPECT_EQ(array.substr(array.size() - 8), std::string("\x40\x9C\0\0\x9F\x86\x01\0", 8));
+}
+
 TEST_F(ExportCommand, WrongUsageIsNamedBeforeAnythingIsWritten) {
     EXPECT_THAT(Fault(""), HasSubstr("nothing to export: name a capture"));
     EXPECT_THAT(Fault("."), HasSubstr(".: this is a directory, not a capture"));

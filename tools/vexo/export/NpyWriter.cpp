@@ -48,7 +48,7 @@ Slot slotOf(const Column& column) {
         case Source::kTime:
         case Source::kExchangeTime: return {Place::kTime, 'M', 8};
         case Source::kChannel:
-        case Source::kCard: return {Place::kNumber, 'i', 2, -1};
+        case Source::kCard: return {Place::kNumber, 'i', 4, -1};
         case Source::kYear: return {Place::kNumber, 'u', 2};
         case Source::kMonth: return {Place::kNumber, 'u', 1};
         case Source::kType:
