@@ -137,9 +137,10 @@ TEST_F(ExportAgreement, TheArrayOfNumpyIsTheCsv) {
     const std::string derived =
         "--columns time,channel,card,stream,layout,clock,exchange_time,natural_day,trading_day,session,key,kind,product,"
         "year,month,right,strike,bid_price_5,ask_volume_5 ";
-    for (const std::string& columns : {std::string(), derived}) {
+    for (const std::string& columns : {std::string(), derived, std::string("--columns bid_price_5 ")}) {
         Run("rm -f out.csv out.npy; " + vexo + columns + "-o out.csv; " + vexo + columns + "-o out.npy");
-        EXPECT_EQ(Run(word(VEXO_PYTHON) + " " + word(VEXO_NUMPY_CHECK) + " out.csv out.npy"), "600 rows agree\n");
+        EXPECT_EQ(Run(word(VEXO_PYTHON) + " " + word(VEXO_NUMPY_CHECK) + " out.csv out.npy"), "600 rows agree\n")
+            << columns;
     }
     Run(vexo + "--limit 1 -o one.npy");
     EXPECT_EQ(Run(word(VEXO_PYTHON) + " -c 'import numpy; print(numpy.load(\"one.npy\", mmap_mode=\"r\").shape)'"),

@@ -389,6 +389,13 @@ TEST_F(ExportCommand, ALargeNumberOfACardOrAChannelIsTheSameInTheArray) {
     EXPECT_EQ(array.substr(array.size() - 8), std::string("\x40\x9C\0\0\x9F\x86\x01\0", 8));
 }
 
+// Readers of CSV skip blank lines.
+TEST_F(ExportCommand, ASingleColumnThatIsEmptyIsARowAllTheSame) {
+    EXPECT_THAT(Rows("a.pcapng --columns strike"), ElementsAre("strike", "\"\"", "6000", "\"\"", "\"\"", "\"\""));
+    EXPECT_THAT(Rows("a.pcapng --columns key --type 17"), ElementsAre("key", "SR505", "\"\""));
+    EXPECT_THAT(Rows("a.pcapng --columns strike,right --limit 1"), ElementsAre("strike,right", ","));
+}
+
 TEST_F(ExportCommand, WrongUsageIsNamedBeforeAnythingIsWritten) {
     EXPECT_THAT(Fault(""), HasSubstr("nothing to export: name a capture"));
     EXPECT_THAT(Fault("."), HasSubstr(".: this is a directory, not a capture"));

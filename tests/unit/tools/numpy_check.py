@@ -27,13 +27,15 @@ def agrees(value, text):
 
 def main():
     with open(sys.argv[1], newline="", encoding="ascii") as file:
-        names, *rows = list(csv.reader(file))
+        table = csv.DictReader(file)
+        rows = list(table)
+        names = table.fieldnames
     array = numpy.load(sys.argv[2], mmap_mode="r")
     assert isinstance(array, numpy.memmap), type(array)
     assert list(array.dtype.names) == names, array.dtype.names
     assert array.shape == (len(rows),), array.shape
     for number, row in enumerate(rows):
-        for name, text in zip(names, row):
+        for name, text in row.items():
             assert agrees(array[number][name], text), (number, name, array[number][name], text)
     print(len(rows), "rows agree")
 

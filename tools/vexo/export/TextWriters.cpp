@@ -51,8 +51,9 @@ public:
     void add(const RowMaker& maker, const Row& row) override {
         for (std::size_t i = 0; i < m_columns; ++i) {
             const Value value = maker.valueOf(row, i);
-            char* at = m_out.room(roomFor(value));
-            at = value.kind == ValueKind::kText ? putText(at, value.text) : putPlain(at, value);
+            char* const begin = m_out.room(roomFor(value));
+            char* at = value.kind == ValueKind::kText ? putText(begin, value.text) : putPlain(begin, value);
+            if (at == begin && m_columns == 1) at = std::fill_n(at, 2, '"');  // readers skip a line that is blank
             *at++ = i + 1 < m_columns ? ',' : '\n';
             m_out.usedUntil(at);
         }
