@@ -63,8 +63,8 @@ std::optional<std::uint64_t> moment(const char* option, const std::string& text)
     const auto found = momentOf(text);
     if (!found) {
         throw Failure(kUsage, std::string(option) + " " + harmless(text) +
-                                  ": this is no time; write \"2026-11-22 21:30\", in the exchange's zone, or seconds "
-                                  "since 1970");
+                                  ": this is no time; write \"2026-11-22 21:30\" or 20261122, in the exchange's "
+                                  "zone, or seconds since 1970");
     }
     return found;
 }
@@ -184,8 +184,10 @@ void addFilters(const cli::Command& command, Options& options) {
         .takesList();
     command.addOption("--channel", options.filter.channels, "Only these channels").takes("N,...").takesList();
     command
-        .addOption("--from", options.from,
-                   "Only packets from this time on: \"2026-11-22 21:30\" of the exchange's zone, or seconds since 1970")
+        .addOption(
+            "--from", options.from,
+            "Only packets from this time on: \"2026-11-22 21:30\" or 20261122 of the exchange's zone, or seconds since "
+            "1970")
         .takes("TIME");
     command.addOption("--until", options.until, "Only packets before this time").takes("TIME");
     command

@@ -76,13 +76,21 @@ TEST(Filter, MomentsAreOfTheExchangesZoneOrSecondsSince1970) {
     EXPECT_EQ(momentOf("2025-01-15T09:00:00.5"), 1736902800 * kSecond + kSecond / 2);
     EXPECT_EQ(momentOf("2025-01-15"), 1736870400 * kSecond);
     EXPECT_EQ(momentOf("2025-01-15 23:59:59.999999999"), 1736956800 * kSecond - 1);
+    EXPECT_EQ(momentOf("20250115"), 1736870400 * kSecond);
+    EXPECT_EQ(momentOf("20250115 09:00"), 1736902800 * kSecond);
+    EXPECT_EQ(momentOf("20250115T09:00:00.5"), 1736902800 * kSecond + kSecond / 2);
     EXPECT_EQ(momentOf("1736902800"), 1736902800 * kSecond);
     EXPECT_EQ(momentOf("1736902800.000000001"), 1736902800 * kSecond + 1);
+    EXPECT_EQ(momentOf("0"), 0U);
+    EXPECT_EQ(momentOf("1234567"), 1234567 * kSecond);
+    EXPECT_EQ(momentOf("123456789"), 123456789 * kSecond);
     EXPECT_EQ(momentOf("1970-01-01 00:00"), 0U);  // before 1970 in UTC
     for (const char* text :
          {"", ".", "1.", "1.x", "1.1234567890", "09:00", "2025-1-15", "2025-02-29", "2025-01-15 ", "2025-01-15 0900",
           "2025-01-15 24:00", "2025-01-15 09:60", "2025-01-15 09:00:", "2025-01-15 09:00:0", "2025-01-15 09:00:60",
           "2025-01-15 09:00:00.", "2025-01-15 09:00:00x", "20250115-", "9000000001"})
+        EXPECT_FALSE(momentOf(text)) << text;
+    for (const char* text : {"20250229", "20250115.5", "20250115 0900", "2025011509:00"})  // no seconds either
         EXPECT_FALSE(momentOf(text)) << text;
 }
 

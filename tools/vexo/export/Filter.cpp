@@ -102,9 +102,11 @@ Rejection Filter::rejectsSession(const Row& row) const {
 }
 
 std::optional<std::uint64_t> momentOf(const std::string& text) {
-    if (text.find('-') == std::string::npos) return epochOf(text);
+    constexpr std::size_t kDateDigits = 8;  // YYYYMMDD: as seconds, such a number is of the year 1970
+    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+    if (digits != kDateDigits && text.find('-') == std::string::npos) return epochOf(text);
     const char* rest = text.c_str();
-    const std::uint32_t date = text.size() < 10 ? 0 : vexo_zce::detail::takeDate(rest);
+    const std::uint32_t date = vexo_zce::detail::takeDate(rest);
     if (date == 0) return std::nullopt;
     std::optional<std::uint64_t> time = 0;
     if (*rest == ' ' || *rest == 'T') {

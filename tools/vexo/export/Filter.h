@@ -33,8 +33,8 @@ struct Filter {
 /// Whether the whole text is what the pattern says.
 bool matches(const std::string& pattern, std::string_view text);
 
-/// A moment as a user writes it: 2026-11-22, 2026-11-22 21:30, 2026-11-22T21:30:00.5 in the exchange's zone, or seconds
-/// since 1970 with up to nine places. @return nothing for another text
+/// A moment as a user writes it: 2026-11-22, 20261122, 2026-11-22 21:30, 2026-11-22T21:30:00.5 in the exchange's zone,
+/// or seconds since 1970 with up to nine places. Eight digits are always a date. @return nothing for another text
 std::optional<std::uint64_t> momentOf(const std::string& text);
 
 /// Throws vexo::Failure for a name that the session table does not have.
