@@ -190,6 +190,8 @@ bool Reader::takeInterface() {
         if (option.code == format::kInterfaceTimeUnit && !takeTimeUnit(interface, option)) return false;
     }
     if (m_damage) return false;
+    m_interfaceBytes += sizeof interface + interface.info.name.size() + interface.info.description.size();
+    if (m_interfaceBytes > kMostInterfaceBytes) return fail("the interfaces take more than 64 MB of memory");
     m_interfaces.push_back(interface);
     return true;
 }

@@ -50,6 +50,10 @@ struct Damage {
 /// unknown kinds. It returns all packets before a damaged block and none behind it, whatever the bytes are.
 class Reader {
 public:
+    /// Memory that the interfaces of a file may take. One more counts as damage: a small compressed file can hold
+    /// millions of them.
+    static constexpr std::size_t kMostInterfaceBytes = 64U << 20;
+
     /// @param in  opened in binary mode, at the start of the file; must live as long as the reader
     explicit Reader(std::istream& in) : m_in(in) {}
     /// Begins with the block that another reader of the same file found at @p start: see startAt().
@@ -97,6 +101,7 @@ private:
     std::uint64_t m_nextOffset = 0;
     std::vector<unsigned char> m_block;  // whole, both lengths included
     std::deque<Interface> m_interfaces;  // a deque: packets point into it
+    std::size_t m_interfaceBytes = 0;    // that they take
     std::size_t m_firstOfSection = 0;
     bool m_inSection = false;
     std::optional<Damage> m_damage;

@@ -273,3 +273,39 @@ TEST(CaptureReader, AStepReadsOneBlock) {
     EXPECT_THAT(steps, ::testing::ElementsAre(S::kOther, S::kOther, S::kOther, S::kPacket, S::kPacket, S::kPacket,
                                               S::kOther, S::kEnd));
 }
+
+// A compressed file of a few kilobytes can hold millions of them.
+TEST(CaptureReader, MoreInterfacesThanItsMemoryTakesAreDamage) {
+    constexpr std::size_t kMost = Reader::kMostInterfaceBytes / sizeof(Interface);
+    BlockBuffer section;
+    appendSection(section, {});
+    BlockBuffer interface;
+    appendInterface(interface, {});
+    BlockBuffer packet;
+    appendPacket(packet, 0, kMorning, "hello", 5);
+    std::string bytes = text(section);
+    const std::string one = text(interface);
+    for (std::size_t count = 0; count < kMost; ++count) bytes += one;
+    append(bytes, packet);
+    const std::size_t end = bytes.size();
+    const ReadFile file = readBytes(bytes + one + text(packet));
+    EXPECT_EQ(file.interfaces.size(), kMost);
+    EXPECT_THAT(file.packets, SizeIs(1));
+    ASSERT_TRUE(file.damage);
+    EXPECT_EQ(file.damage->offset, end);
+    EXPECT_THAT(file.damage->text, HasSubstr("the interfaces take more than 64 MB of memory"));
+}
+
+TEST(CaptureReader, LongNamesOfInterfacesTakeMemoryToo) {
+    constexpr std::size_t kMost = Reader::kMostInterfaceBytes / (sizeof(Interface) + 8192);
+    BlockBuffer section;
+    appendSection(section, {});
+    BlockBuffer interface;
+    appendInterface(interface, {kStreamLink, std::string(4096, 'x'), std::string(4096, 'y')});
+    std::string bytes = text(section);
+    const std::string one = text(interface);
+    for (std::size_t count = 0; count <= kMost; ++count) bytes += one;
+    const ReadFile file = readBytes(bytes);
+    EXPECT_EQ(file.interfaces.size(), kMost);
+    EXPECT_TRUE(file.damage);
+}
