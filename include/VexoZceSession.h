@@ -182,9 +182,11 @@ inline HolidayFault loadHolidays(HolidayList& list, const char* path) {
         const bool isCut = length + 1 == sizeof line && line[length - 1] != '\n';
         fault.text = isCut ? "the line is longer than 254 characters" : addHolidayLine(list, line);
     }
-    if (fault.text == nullptr && std::ferror(file) != 0) fault.text = "the file cannot be read";
+    if (fault.text == nullptr) {
+        fault.line = 0;
+        if (std::ferror(file) != 0) fault.text = "the file cannot be read";
+    }
     std::fclose(file);
-    if (fault.text == nullptr) fault.line = 0;
     return fault;
 }
 

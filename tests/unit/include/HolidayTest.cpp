@@ -1,6 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "VexoZceSession.h"
@@ -9,6 +13,19 @@
 using namespace vexo_zce;
 
 namespace {
+
+constexpr char kBreaksOff[] = "a file whose disk fails after three lines";
+
+ssize_t ReadThreeLines(void* isOver, char* to, std::size_t) {
+    if (*static_cast<bool*>(isOver)) {
+        errno = EIO;
+        return -1;
+    }
+    *static_cast<bool*>(isOver) = true;
+    constexpr char kLines[] = "2027-01-01\n2027-01-02\n2027-01-03\n";
+    std::memcpy(to, kLines, sizeof kLines - 1);
+    return sizeof kLines - 1;
+}
 
 bool Has(const HolidayList& list, std::uint32_t date) { return list.has(dayNumber(date)); }
 
@@ -19,6 +36,17 @@ std::string FaultOfLine(const std::string& line) {
 }
 
 }  // namespace
+
+// Stands before the C library's.
+extern "C" std::FILE* fopen(const char* path, const char* mode) {
+    if (std::strcmp(path, kBreaksOff) == 0) {
+        static bool isOver;
+        isOver = false;
+        return ::fopencookie(&isOver, mode, {ReadThreeLines, nullptr, nullptr, nullptr});
+    }
+    static const auto next = reinterpret_cast<std::FILE* (*)(const char*, const char*)>(::dlsym(RTLD_NEXT, "fopen"));
+    return next(path, mode);
+}
 
 TEST(Dates, GoFromDayToDayThroughThreeCenturies) {
     std::uint32_t date = 19700101;
@@ -110,6 +138,14 @@ TEST(Holidays, AreReadFromAFileUntilItsFirstFault) {
     EXPECT_STREQ(loadHolidays(list, dir.Path("none").c_str()).text, "the file cannot be opened");
     EXPECT_STREQ(loadHolidays(list, dir.Path().c_str()).text, "the file cannot be read");
     EXPECT_EQ(loadHolidays(list, dir.Write("empty", "").c_str()).text, nullptr);
+}
+
+TEST(Holidays, AReadErrorIsAFaultOfTheFileAndOfNoLine) {
+    HolidayList list;
+    const HolidayFault fault = loadHolidays(list, kBreaksOff);
+    EXPECT_STREQ(fault.text, "the file cannot be read");
+    EXPECT_EQ(fault.line, 0U);
+    EXPECT_EQ(list.count(), 3U);
 }
 
 TEST(Holidays, ALineOfAFileHasItsEnd) {
