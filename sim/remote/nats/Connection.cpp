@@ -144,6 +144,20 @@ std::int64_t millisecondsUntil(Clock::time_point end) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
 }
 
+std::uint64_t timesReconnected(natsConnection* connection) {
+    natsStatistics* made = nullptr;
+    if (natsStatistics_Create(&made) != NATS_OK) return 0;
+    const std::unique_ptr<natsStatistics, decltype(&natsStatistics_Destroy)> statistics(made, natsStatistics_Destroy);
+    std::uint64_t times = 0;
+    natsConnection_GetStats(connection, made);
+    natsStatistics_GetCounts(made, nullptr, nullptr, nullptr, nullptr, &times);
+    return times;
+}
+
+bool isOfMessageAlone(natsStatus status) {
+    return status == NATS_INSUFFICIENT_BUFFER || status == NATS_MAX_PAYLOAD || status == NATS_INVALID_SUBJECT;
+}
+
 // The subscription that answers come to.
 class AnswerBox {
 public:
@@ -225,12 +239,17 @@ Connection::~Connection() {
 }
 
 bool Connection::publish(const std::string& subject, const void* data, std::size_t size) {
-    return natsConnection_Publish(m_connection, subject.c_str(), data, static_cast<int>(size)) == NATS_OK;
+    const natsStatus status = natsConnection_Publish(m_connection, subject.c_str(), data, static_cast<int>(size));
+    if (status != NATS_OK && !isOfMessageAlone(status)) m_brokenAfter = timesReconnected(m_connection);
+    return status == NATS_OK;
 }
 
+// When a connection breaks, the engine calls it good for a moment, and the flushes that wait for it done.
 bool Connection::flush(std::chrono::milliseconds wait) {
     const SignalsBlocked blocked;
-    return natsConnection_FlushTimeout(m_connection, wait.count()) == NATS_OK;
+    const std::uint64_t before = timesReconnected(m_connection);
+    if (natsConnection_FlushTimeout(m_connection, wait.count()) != NATS_OK) return false;
+    return isConnected() && timesReconnected(m_connection) == before && m_brokenAfter != before;
 }
 
 Subscription Connection::subscribe(const std::string& subject, TakeMessage take) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -78,7 +79,8 @@ public:
 
     /// False when the engine does not take it: it is reconnecting and its buffer is full, or the message is too large.
     bool publish(const std::string& subject, const void* data, std::size_t size);
-    /// Waits until the server has seen all that was published and subscribed.
+    /// Waits until the server has seen all that was published and subscribed. False also when the connection is lost
+    /// meanwhile, or after a publish() that failed because of it.
     bool flush(std::chrono::milliseconds wait);
     /// Messages go to @p take on a thread of their own.
     Subscription subscribe(const std::string& subject, TakeMessage take);
@@ -103,8 +105,11 @@ public:
 private:
     Connection(__natsConnection* connection, std::uint64_t number) : m_connection(connection), m_number(number) {}
 
+    static constexpr std::uint64_t kNever = ~std::uint64_t{0};
+
     __natsConnection* m_connection;
-    std::uint64_t m_number;  // under which its events are told
+    std::uint64_t m_number;                            // under which its events are told
+    std::atomic<std::uint64_t> m_brokenAfter{kNever};  // how often it had come back when a publish() failed
 };
 
 }  // namespace vexo_sim::remote
