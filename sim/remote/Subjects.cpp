@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
 
 namespace vexo_sim::remote {
 namespace {
 
 constexpr std::size_t kMaxSite = 32;
+constexpr std::string_view kFirstWord = "vexo.";
 
 bool isSiteLetter(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '-'; }
 
@@ -39,7 +41,7 @@ bool isSite(const std::string& text) {
 }
 
 std::string subjectOf(const Place& place) {
-    return "vexo." + place.site + "." + std::to_string(place.bus) + "." + std::to_string(place.channel);
+    return std::string(kFirstWord) + place.site + "." + std::to_string(place.bus) + "." + std::to_string(place.channel);
 }
 
 std::string streamSubject(const Place& place) { return subjectOf(place) + ".stream"; }
@@ -51,6 +53,8 @@ std::string historySubject(const Place& place) { return subjectOf(place) + ".his
 std::string contractSubject(const Place& place, std::uint32_t type, const std::string& key) {
     return subjectOf(place) + ".q." + std::to_string(type) + "." + key;
 }
+
+bool isOfRelays(const std::string& subject) { return subject.compare(0, kFirstWord.size(), kFirstWord) == 0; }
 
 std::vector<std::string> serversOf(const std::string& text, std::string& error) {
     std::vector<std::string> servers;

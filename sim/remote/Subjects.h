@@ -28,6 +28,9 @@ std::string historySubject(const Place& place);
 /// Packets of one contract. @p key must have no blank, '.', '*' or '>'.
 std::string contractSubject(const Place& place, std::uint32_t type, const std::string& key);
 
+/// Whether relays use such a subject, of whatever site.
+bool isOfRelays(const std::string& subject);
+
 /// Splits "nats://host:4222,tls://other:4222". A word without a scheme gets "nats://".
 /// @param error  one line when a word is no server, or carries a user or password, which every user of the machine
 ///               could read from the command line

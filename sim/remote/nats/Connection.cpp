@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "sim/remote/SignalsBlocked.h"
+#include "sim/remote/Subjects.h"
 #include "sim/remote/nats/ConnectionOptions.h"
 
 namespace vexo_sim::remote {
@@ -134,7 +135,10 @@ std::string inMilliseconds(std::chrono::milliseconds wait) { return std::to_stri
 void takeMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
     const auto& take = *static_cast<TakeMessage*>(closure);
     const int size = natsMsg_GetDataLength(message);
-    take({natsMsg_GetData(message), size > 0 ? static_cast<std::size_t>(size) : 0, natsMsg_GetReply(message)});
+    // Who asks chooses where the answer goes. That must not be where others expect a relay's own messages.
+    const char* const reply = natsMsg_GetReply(message);
+    const bool isOpenToAll = reply != nullptr && !isOfRelays(reply);
+    take({natsMsg_GetData(message), size > 0 ? static_cast<std::size_t>(size) : 0, isOpenToAll ? reply : nullptr});
     natsMsg_Destroy(message);
 }
 

@@ -43,7 +43,7 @@ using TellEvent = std::function<void(ConnectionEvent, const std::string& server)
 struct MessageIn {
     const void* data;
     std::size_t size;
-    const char* reply;  // null when no answer is wanted
+    const char* reply;  // null when no answer is wanted, or where relays alone send
 };
 using TakeMessage = std::function<void(const MessageIn&)>;
 

@@ -32,6 +32,13 @@ TEST(Subjects, AChannelOfASiteHasItsOwn) {
     EXPECT_EQ(streamSubject({}), "vexo.local.0.0.stream");
 }
 
+TEST(Subjects, AllOfRelaysHaveTheSameFirstWord) {
+    for (const char* subject : {"vexo.local.0.3.stream", "vexo.colo-1.2.13.q.17.SR505", "vexo."})
+        EXPECT_TRUE(isOfRelays(subject)) << subject;
+    for (const char* subject : {"", "vexo", "vexor.local", "_INBOX.vexo.local.0.3.stream"})
+        EXPECT_FALSE(isOfRelays(subject)) << subject;
+}
+
 TEST(Subjects, ASiteIsOneWordThatMeansNothingElse) {
     EXPECT_TRUE(isSite("a"));
     EXPECT_TRUE(isSite("Colo_1-b"));
