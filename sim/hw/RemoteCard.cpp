@@ -79,10 +79,12 @@ void RemoteCard::greetRelays() {
         const wire::Hello hello = wire::decodeHello(data, size);
         if (hello.message.problem != wire::Problem::kNone) return false;
         const bool isSimulated = (hello.message.head.flags & wire::kSimulated) != 0;
-        m_relay = {true, isSimulated, hello.user, hello.host, steadyNs() - start};
+        m_relay = {true, isSimulated, false, hello.user, hello.host, steadyNs() - start};
         m_mtu = hello.message.head.mtu;
         return true;
     });
+    m_relay.isRefused = m_refused > 0;
+    m_isGreeting = false;
 }
 
 void RemoteCard::powerOn(const scenario::Scenario& scenario) {
@@ -105,8 +107,8 @@ std::string RemoteCard::banner(std::uint32_t bus) {
     const std::string start = "SIMULATED CARD at bus " + std::to_string(bus) + ", a remote card";
     const std::string where = "(site " + m_settings.site + ", bus " + std::to_string(m_bus) + ")";
     if (!m_relay.isThere)
-        return start + " " + where + ": no relay answers at " + joined(m_settings.servers) +
-               " yet. Streams are idle until a relay sends their channel.";
+        return start + " " + where + ": no relay " + (m_relay.isRefused ? "that its user may ask " : "") +
+               "answers at " + joined(m_settings.servers) + " yet. Streams are idle until a relay sends their channel.";
     return start + " of " + m_relay.user + "@" + m_relay.host + " " + where + ", round trip " +
            inMilliseconds(m_relay.roundTripNs) + ": its packets come over the network" +
            (m_relay.isSimulated ? ", from a simulated card: every quote is made up." : ".");
@@ -177,6 +179,7 @@ void RemoteCard::join(std::uint32_t channel, std::uint32_t opening) {
         return;
     }
     const std::vector<unsigned char> request = wire::encodeHelloRequest();
+    const std::uint32_t refused = m_refused;
     remote::Notice notice;
     const remote::Answer answer = m_transport.ask(
         {remote::helloSubject(place(channel))}, request.data(), request.size(), kHelloWait,
@@ -190,7 +193,8 @@ void RemoteCard::join(std::uint32_t channel, std::uint32_t opening) {
     tellNotice(channel, notice);
     const bool isRelayThere = answer == remote::Answer::kTaken;
     if (m_settings.sinceNs) startHistory({channel, opening, isRelayThere, {}, {}, false, 0, 0, 0});
-    if (isRelayThere) return;
+    const bool mayAsk = answer == remote::Answer::kNobody || m_refused == refused;
+    if (isRelayThere || !mayAsk) return;
     capture::printError(
         "libenyx-hw-c: no relay answers for channel %u of site %s, bus %u%s: the stream is idle until "
         "one sends.\n",
@@ -267,8 +271,16 @@ void RemoteCard::tellNotice(std::uint32_t channel, const remote::Notice& notice)
     }
 }
 
-void RemoteCard::tell(remote::LineState line, const std::string& server) {
-    const char* const name = server.c_str();
+// When the card greets all relays, its user may be allowed to ask some of them alone. An opened stream asks for what it
+// needs itself.
+void RemoteCard::tellRefusal(const std::string& words) {
+    ++m_refused;
+    if (m_isGreeting || !m_refusals.isWorthTelling(words)) return;
+    capture::printError("libenyx-hw-c: the servers refuse what the remote card at bus %u needs: %s\n", m_bus,
+                        words.c_str());
+}
+
+void RemoteCard::tell(remote::LineState line, const std::string& words) {
     switch (line) {
         case remote::LineState::kLost:
             return capture::printError(
@@ -276,12 +288,13 @@ void RemoteCard::tell(remote::LineState line, const std::string& server) {
                 m_bus);
         case remote::LineState::kBack:
             return capture::printError("libenyx-hw-c: the remote card at bus %u is connected again, to %s.\n", m_bus,
-                                       name);
+                                       words.c_str());
         case remote::LineState::kClosed:
             return capture::printError(
                 "libenyx-hw-c: the remote card at bus %u lost its connection for good, because the servers refuse its "
                 "user: streams stay idle.\n",
                 m_bus);
+        case remote::LineState::kNotPermitted: return tellRefusal(words);
         case remote::LineState::kSlow:
             if (m_isSlowTold.exchange(true)) return;
             return capture::printError(

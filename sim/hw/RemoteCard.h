@@ -12,6 +12,7 @@
 #include "sim/hw/RemoteSettings.h"
 #include "sim/remote/Handover.h"
 #include "sim/remote/Receiver.h"
+#include "sim/remote/Refusals.h"
 #include "sim/remote/Transport.h"
 #include "sim/scenario/Scenario.h"
 
@@ -48,6 +49,7 @@ private:
     struct Relay {
         bool isThere = false;
         bool isSimulated = false;
+        bool isRefused = false;  // the servers did not let this card ask all that it asked
         std::string user;
         std::string host;
         std::uint64_t roundTripNs = 0;
@@ -75,7 +77,7 @@ private:
                remote::Transport& transport);
 
     void receive(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) override;
-    void tell(remote::LineState state, const std::string& server) override;
+    void tell(remote::LineState state, const std::string& words) override;
     void end() override;
 
     void powerOn(const scenario::Scenario& scenario);
@@ -95,6 +97,8 @@ private:
     bool keepForLater(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size);
     void tellNotice(std::uint32_t channel, const remote::Notice& notice) const;
     void tellOfChannel(std::uint32_t channel, const std::string& text) const;
+
+    void tellRefusal(const std::string& words);
 
     void startHistory(const Past& past);
     void followHistory(Past past);
@@ -117,6 +121,9 @@ private:
     std::atomic<std::uint64_t> m_nextAdvanceNs{0};
     std::atomic<bool> m_isRefusalTold{false};
     std::atomic<bool> m_isSlowTold{false};
+    std::atomic<bool> m_isGreeting{true};
+    std::atomic<std::uint32_t> m_refused{0};  // what the servers did not permit, times
+    remote::Refusals m_refusals;              // used where the transport tells its events, one at a time
     std::atomic<bool> m_isEnding{false};
     std::mutex m_historyMutex;
     std::condition_variable m_historyEnded;

@@ -12,18 +12,19 @@
 namespace vexo_sim::remote {
 
 /// Both sides must have the same; a change of this header is a new number.
-inline constexpr std::uint32_t kTransportVersion = 1;
+inline constexpr std::uint32_t kTransportVersion = 2;
 inline constexpr char kTransportLibrary[] = "libvexo-remote.so";
 inline constexpr char kTransportEntry[] = "vexo_remote_transport";
 
-enum class LineState { kLost, kBack, kClosed, kSlow };
+enum class LineState { kLost, kBack, kClosed, kSlow, kNotPermitted };
 
 /// Called on threads of the transport, which block all signals.
 class MessageSink {
 public:
     /// @param opening  as given to subscribe(): tells the messages of an earlier opening of the channel from this one's
     virtual void receive(std::uint32_t channel, std::uint32_t opening, const void* data, std::size_t size) = 0;
-    virtual void tell(LineState state, const std::string& server) = 0;
+    /// @param words  the server; with kNotPermitted what it says, which names the subject
+    virtual void tell(LineState state, const std::string& words) = 0;
     /// The process ends: receive() must not wait any longer.
     virtual void end() = 0;
 

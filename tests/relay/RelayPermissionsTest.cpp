@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -70,6 +71,44 @@ protected:
 };
 
 }  // namespace
+
+TEST_F(RelayWithPermissions, WithoutTheOneToPublishItsStreamItSaysSoAndEndsWithStatus1) {
+    StartServer(R"("vexo.local.0.3.hello")", R"(">")");
+    EXPECT_EQ(StartRelay().Wait(), 1);
+    EXPECT_THAT(Errors(), HasSubstr("vexo relay: the servers refuse what this relay needs: Permissions Violation for "
+                                    "Publish to \"vexo.local.0.3.stream\"\n"));
+    EXPECT_EQ(Result()["confirmed"], false);
+}
+
+TEST_F(RelayWithPermissions, WithoutTheOneToSubscribeItSaysSoAndEndsWithStatus1) {
+    StartServer(R"(">")", R"("_INBOX.>")");
+    EXPECT_EQ(StartRelay().Wait(), 1);
+    EXPECT_THAT(Errors(), HasSubstr("vexo relay: the servers refuse what this relay needs: Permissions Violation for "
+                                    "Subscription to \"vexo.local.0.3.hello\"\n"));
+}
+
+TEST_F(RelayWithPermissions, WithoutTheOneToAnswerFromItsArchiveItSaysSoAndEndsWithStatus1) {
+    StartServer(R"(">")", R"("_INBOX.>", "vexo.local.0.3.hello")");
+    std::filesystem::create_directory(dir.Path("archive"));
+    EXPECT_EQ(StartRelay({"--archive", dir.Path("archive")}).Wait(), 1);
+    EXPECT_THAT(Errors(), HasSubstr("vexo relay: the servers refuse what this relay needs: Permissions Violation for "
+                                    "Subscription to \"vexo.local.0.3.history\"\n"));
+}
+
+TEST_F(RelayWithPermissions, AStrangersSubjectForTheAnswerDoesNotEndIt) {
+    StartServer(R"("vexo.local.0.3.stream", "vexo.local.0.3.hello", "_INBOX.>")",
+                R"("vexo.local.0.3.hello", "_INBOX.>")");
+    Process relay = StartRelay();
+    ASSERT_TRUE(IsRelaying(relay)) << Errors();
+    AskAsStranger("x\"vexo.local.0.3.stream\"");
+    for (int subject = 0; subject < 100; ++subject) AskAsStranger("stranger" + std::to_string(subject));
+    EXPECT_TRUE(hosted::Eventually([&] { return Errors().find("stranger0") != std::string::npos; }));
+    End(relay);
+    EXPECT_THAT(Errors(),
+                HasSubstr("vexo relay: the servers refuse: Permissions Violation for Publish to \"stranger0\"\n"));
+    EXPECT_THAT(Errors(), Not(HasSubstr("needs")));
+    EXPECT_THAT(Errors(), Not(HasSubstr("stranger99")));
+}
 
 TEST_F(RelayWithPermissions, ItsAnswersDoNotGoWhereRelaysPublish) {
     StartServer(R"("vexo.local.0.3.>", "_INBOX.>")", R"(">")");

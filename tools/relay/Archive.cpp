@@ -44,7 +44,7 @@ std::unique_ptr<remote::Connection> Archive::connect(const Surroundings& around)
     settings.name = "vexo relay archive " + subjectOf(around.place);
     settings.sendsAtOnce = true;
     std::string error;
-    std::unique_ptr<remote::Connection> connection = remote::Connection::open(settings, {}, error);
+    std::unique_ptr<remote::Connection> connection = remote::Connection::open(settings, around.tell, error);
     if (connection == nullptr) throw Failure(Failure::kFinding, error);
     return connection;
 }
@@ -65,7 +65,7 @@ Archive::Archive(const ArchiveSettings& settings, const Surroundings& around, co
     m_subscription = m_connection->subscribe(subject, [history = m_history](const remote::MessageIn& request) {
         history->ask(request.data, request.size, request.reply);
     });
-    if (!m_subscription) throw Failure(Failure::kFinding, "the server does not let this user subscribe to " + subject);
+    if (!m_subscription) throw Failure(Failure::kFinding, "cannot subscribe to " + subject);
     start();
 }
 

@@ -25,6 +25,7 @@ public:
         std::size_t queueBytes = 0;
         std::size_t messageBytes = 0;
         cpu_set_t cpus;  // for its threads
+        vexo_sim::remote::TellEvent tell;
     };
     /// @param stream  the head of a message of the stream
     /// @param next    where the stream's messages go

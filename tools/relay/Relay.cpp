@@ -60,24 +60,34 @@ remote::ConnectionSettings withName(remote::ConnectionSettings settings, const r
 
 // ---- the servers ----
 
-Servers::Servers(const remote::ConnectionSettings& settings) {
+// A subject has no blank in it. So nobody can put this into a subject of his own.
+Servers::Servers(const remote::ConnectionSettings& settings, const remote::Place& place)
+    : m_ownSubjects(" \"" + subjectOf(place) + ".") {
     std::string error;
-    const auto tellEvent = [this](remote::ConnectionEvent event, const std::string& server) { tell(event, server); };
+    const auto tellEvent = [this](remote::ConnectionEvent event, const std::string& words) { tell(event, words); };
     m_connection = remote::Connection::open(settings, tellEvent, error);
     if (m_connection == nullptr) throw Failure(Failure::kFinding, error);
 }
 
-void Servers::tell(remote::ConnectionEvent event, const std::string& server) {
+// Any other subject may be one that somebody wants an answer at.
+void Servers::refuse(const std::string& words) {
+    const bool isOwn = words.find(m_ownSubjects) != std::string::npos;
+    if (isOwn && !m_isRefused.exchange(true)) say("the servers refuse what this relay needs: " + words);
+    if (!isOwn && m_refusals.isWorthTelling(words)) say("the servers refuse: " + words);
+}
+
+void Servers::tell(remote::ConnectionEvent event, const std::string& words) {
     switch (event) {
         case remote::ConnectionEvent::kLost:
             ++m_timesLost;
             say("the connection is lost; trying again");
             break;
-        case remote::ConnectionEvent::kBack: say("connected again, to " + server); break;
+        case remote::ConnectionEvent::kBack: say("connected again, to " + words); break;
         case remote::ConnectionEvent::kClosed:
             m_isRefused.store(true);
             say("the servers refuse this user");
             break;
+        case remote::ConnectionEvent::kNotPermitted: refuse(words); break;
         case remote::ConnectionEvent::kSlow: break;  // of subscriptions; who says hello too often gets no answer
     }
 }
@@ -112,7 +122,7 @@ void Hello::close() {
 
 Relay::Relay(const Settings& settings)
     : m_settings(settings),
-      m_servers(withName(settings.connection, settings.place)),
+      m_servers(withName(settings.connection, settings.place), settings.place),
       m_queue(settings.queueBytes),
       m_hello(std::make_shared<Hello>(m_servers)),
       m_left(durationOf(settings.seconds)) {
@@ -134,9 +144,7 @@ void Relay::begin() {
     makeBatcher();
     const auto answer = [hello = m_hello](const remote::MessageIn& request) { hello->answer(request); };
     m_helloSubscription = m_servers.connection().subscribe(helloSubject(settings.place), answer);
-    if (!m_helloSubscription)
-        throw Failure(Failure::kFinding,
-                      "the server does not let this user subscribe to " + helloSubject(settings.place));
+    if (!m_helloSubscription) throw Failure(Failure::kFinding, "cannot subscribe to " + helloSubject(settings.place));
 }
 
 Relay::~Relay() {
@@ -188,8 +196,11 @@ Network& Relay::makeArchive(std::size_t messageBytes) {
     stream.epoch = m_facts.epoch;
     stream.mtu = m_facts.mtu;
     stream.flags = m_facts.flags;
-    const Archive::Surroundings around{m_settings.place, m_settings.connection, m_settings.queueBytes, messageBytes,
-                                       m_cpus};
+    const auto tell = [this](remote::ConnectionEvent event, const std::string& words) {
+        if (event == remote::ConnectionEvent::kNotPermitted) m_servers.refuse(words);
+    };
+    const Archive::Surroundings around{
+        m_settings.place, m_settings.connection, m_settings.queueBytes, messageBytes, m_cpus, tell};
     m_archive = std::make_unique<Archive>(m_settings.archive, around, stream, m_servers);
     return *m_archive;
 }
@@ -268,7 +279,7 @@ Result Relay::run(const std::atomic<bool>& stop) {
     }
     endSender();
     Result result;
-    result.isFlushed = m_servers.connection().flush(kConfirmAtEnd);
+    result.isFlushed = m_servers.connection().flush(kConfirmAtEnd) && !m_servers.isRefused();
     if (m_archive != nullptr) result.archive = m_archive->end();
     result.delivered = m_queue.delivered();
     result.sent = m_batcher->sent();

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "sim/remote/Refusals.h"
 #include "tools/relay/Archive.h"
 #include "tools/relay/Batcher.h"
 #include "tools/relay/Contracts.h"
@@ -25,21 +26,25 @@ namespace relay {
 class Servers : public Network {
 public:
     /// Throws Failure when no server can be reached.
-    explicit Servers(const vexo_sim::remote::ConnectionSettings& settings);
+    Servers(const vexo_sim::remote::ConnectionSettings& settings, const vexo_sim::remote::Place& place);
 
     bool publish(const std::string& subject, const void* data, std::size_t size) override {
         return m_connection->publish(subject, data, size);
     }
     vexo_sim::remote::Connection& connection() const { return *m_connection; }
     unsigned timesLost() const { return m_timesLost.load(); }
-    /// The servers have refused this user; no message goes any more.
+    /// The servers have refused this user, or something that the relay needs.
     bool isRefused() const { return m_isRefused.load(); }
+    /// The servers have refused something, in these words. For who tells a connection's events.
+    void refuse(const std::string& words);
 
 private:
-    void tell(vexo_sim::remote::ConnectionEvent event, const std::string& server);
+    void tell(vexo_sim::remote::ConnectionEvent event, const std::string& words);
 
     std::atomic<unsigned> m_timesLost{0};
     std::atomic<bool> m_isRefused{false};
+    const std::string m_ownSubjects;        // how a server's words name one of them, up to its last part
+    vexo_sim::remote::Refusals m_refusals;  // used in events alone, which come one at a time
     std::unique_ptr<vexo_sim::remote::Connection> m_connection;
 };
 

@@ -1,6 +1,7 @@
 #include "sim/remote/nats/Connection.h"
 
 #include <nats/nats.h>
+#include <algorithm>
 #include <condition_variable>
 #include <csignal>
 #include <map>
@@ -30,22 +31,32 @@ public:
     }
     std::uint64_t add(TellEvent tell) {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_tell.emplace(++m_last, std::move(tell));
+        m_listeners[++m_last].tell = std::move(tell);
         return m_last;
     }
     void remove(std::uint64_t number) {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_tell.erase(number);
+        m_listeners.erase(number);
     }
-    void tell(std::uint64_t number, ConnectionEvent event, const std::string& server) {
+    void tell(std::uint64_t number, ConnectionEvent event, const std::string& words) {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        const auto found = m_tell.find(number);
-        if (found != m_tell.end() && found->second) found->second(event, server);
+        const auto found = m_listeners.find(number);
+        if (found == m_listeners.end()) return;
+        if (found->second.tell) found->second.tell(event, words);
+        if (event == ConnectionEvent::kNotPermitted) found->second.knowsRefusal = true;
+    }
+    bool knowsRefusal(std::uint64_t number) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_listeners.at(number).knowsRefusal;
     }
 
 private:
+    struct Listener {
+        TellEvent tell;
+        bool knowsRefusal = false;
+    };
     std::mutex m_mutex;  // held while an event is told: after remove() nobody is told any more
-    std::map<std::uint64_t, TellEvent> m_tell;
+    std::map<std::uint64_t, Listener> m_listeners;
     std::uint64_t m_last = 0;
 };
 
@@ -63,9 +74,23 @@ void onEvent(natsConnection* connection, void* closure) {
     Listeners::instance().tell(numberOf(closure), event, serverOf(connection));
 }
 
+// In the callback that tells of it. The words are a stranger's, and may go to a terminal.
+std::string wordsOfRefusal() {
+    natsStatus last = NATS_OK;
+    const char* const said = nats_GetLastError(&last);
+    const bool isOfThis = said != nullptr && last == NATS_NOT_PERMITTED;
+    std::string words = isOfThis ? said : natsStatus_GetText(NATS_NOT_PERMITTED);
+    std::replace_if(
+        words.begin(), words.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return words;
+}
+
 void onError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure) {
-    if (status != NATS_SLOW_CONSUMER) return;
-    Listeners::instance().tell(numberOf(closure), ConnectionEvent::kSlow, serverOf(connection));
+    Listeners& listeners = Listeners::instance();
+    if (status == NATS_SLOW_CONSUMER)
+        listeners.tell(numberOf(closure), ConnectionEvent::kSlow, serverOf(connection));
+    else if (status == NATS_NOT_PERMITTED)
+        listeners.tell(numberOf(closure), ConnectionEvent::kNotPermitted, wordsOfRefusal());
 }
 
 // Once a process. The engine's threads inherit the blocked signals of the caller, and its change of the process's
@@ -251,9 +276,20 @@ bool Connection::publish(const std::string& subject, const void* data, std::size
 // When a connection breaks, the engine calls it good for a moment, and the flushes that wait for it done.
 bool Connection::flush(std::chrono::milliseconds wait) {
     const SignalsBlocked blocked;
+    const Clock::time_point end = Clock::now() + wait;
     const std::uint64_t before = timesReconnected(m_connection);
     if (natsConnection_FlushTimeout(m_connection, wait.count()) != NATS_OK) return false;
-    return isConnected() && timesReconnected(m_connection) == before && m_brokenAfter != before;
+    if (!isConnected() || timesReconnected(m_connection) != before || m_brokenAfter == before) return false;
+    awaitRefusals(end);
+    return true;
+}
+
+// They come before the server's answer to a flush, but another thread tells of them.
+void Connection::awaitRefusals(Clock::time_point end) const {
+    const char* words = nullptr;
+    while (natsConnection_GetLastError(m_connection, &words) == NATS_NOT_PERMITTED &&
+           !Listeners::instance().knowsRefusal(m_number) && Clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 Subscription Connection::subscribe(const std::string& subject, TakeMessage take) {

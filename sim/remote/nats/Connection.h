@@ -33,12 +33,14 @@ struct ConnectionSettings {
 };
 
 enum class ConnectionEvent {
-    kLost,    // it comes back by itself
-    kBack,    // subscriptions are there again
-    kClosed,  // for good: the servers refuse this user
-    kSlow,    // a subscription lost messages because its handler did not take them in time
+    kLost,          // it comes back by itself
+    kBack,          // subscriptions are there again
+    kClosed,        // for good: the servers refuse this user
+    kSlow,          // a subscription lost messages because its handler did not take them in time
+    kNotPermitted,  // a message or a subscription, and each further time
 };
-using TellEvent = std::function<void(ConnectionEvent, const std::string& server)>;
+/// @p words is the server; with kNotPermitted its words, which name the subject, made printable.
+using TellEvent = std::function<void(ConnectionEvent, const std::string& words)>;
 
 struct MessageIn {
     const void* data;
@@ -79,8 +81,8 @@ public:
 
     /// False when the engine does not take it: it is reconnecting and its buffer is full, or the message is too large.
     bool publish(const std::string& subject, const void* data, std::size_t size);
-    /// Waits until the server has seen all that was published and subscribed. False also when the connection is lost
-    /// meanwhile, or after a publish() that failed because of it.
+    /// Waits until the server has seen all that was published and subscribed. What it did not permit of that has been
+    /// told then. False also when the connection is lost meanwhile, or after a publish() that failed because of it.
     bool flush(std::chrono::milliseconds wait);
     /// Messages go to @p take on a thread of their own.
     Subscription subscribe(const std::string& subject, TakeMessage take);
@@ -104,6 +106,7 @@ public:
 
 private:
     Connection(__natsConnection* connection, std::uint64_t number) : m_connection(connection), m_number(number) {}
+    void awaitRefusals(std::chrono::steady_clock::time_point end) const;
 
     static constexpr std::uint64_t kNever = ~std::uint64_t{0};
 

@@ -22,6 +22,7 @@ LineState stateOf(ConnectionEvent event) {
         case ConnectionEvent::kBack: return LineState::kBack;
         case ConnectionEvent::kClosed: return LineState::kClosed;
         case ConnectionEvent::kSlow: return LineState::kSlow;
+        case ConnectionEvent::kNotPermitted: return LineState::kNotPermitted;
     }
     return LineState::kLost;
 }
@@ -71,7 +72,7 @@ bool NatsTransport::open(const std::vector<std::string>& servers, MessageSink& s
     settings.servers = servers;
     settings.name = nameOfProgram();
     settings.readEnvironment();
-    const auto tell = [&sink](ConnectionEvent event, const std::string& server) { sink.tell(stateOf(event), server); };
+    const auto tell = [&sink](ConnectionEvent event, const std::string& words) { sink.tell(stateOf(event), words); };
     std::unique_ptr<Connection> made = Connection::open(settings, tell, error);
     if (made == nullptr) return false;
     const std::lock_guard<std::mutex> lock(m_mutex);
