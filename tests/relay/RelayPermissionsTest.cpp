@@ -120,3 +120,16 @@ TEST_F(RelayWithPermissions, ItsAnswersDoNotGoWhereRelaysPublish) {
     EXPECT_THAT(server->Log(), Not(HasSubstr("vexo.other.0.3.stream")));
     End(relay);
 }
+
+TEST_F(RelayWithPermissions, ThoseOfThePageLetItRelayAndRefuseASecondOne) {
+    server = std::make_unique<NatsServer>(test_support::AuthorizationOf(VEXO_MANY_MACHINES));
+    dir.Write("user", "relay\nchange this one\n", 0600);
+    std::filesystem::create_directory(dir.Path("archive"));
+    Process first = StartRelay({"--archive", dir.Path("archive"), "--by-contract"});
+    ASSERT_TRUE(IsRelaying(first)) << Errors();
+    Process second = StartRelay({}, "second");
+    EXPECT_EQ(second.Wait(), 1);
+    EXPECT_THAT(Errors("second"), HasSubstr("vexo relay: vexo.local.0.3 is taken: "));
+    EXPECT_EQ(End(first)["sent"], 10);
+    EXPECT_THAT(server->Log(), Not(HasSubstr("Violation")));
+}

@@ -85,5 +85,17 @@ TEST_F(RemoteCardWithPermissions, WithoutTheOneToGetAnswersItDoesNotSayThatNoRel
     EXPECT_THAT(user->Errors(), Not(HasSubstr("no relay answers")));
 }
 
+TEST_F(RemoteCardWithPermissions, ThoseOfThePageAreEnough) {
+    m_server = std::make_unique<NatsServer>(test_support::AuthorizationOf(VEXO_MANY_MACHINES));
+    StartRelay();
+    const auto user = User({{"VEXO_SIM_REMOTE_SINCE", "1"}});
+    ASSERT_EQ(user->Ask("open 3"), "ok");
+    m_relay->Send(0, 10);
+    EXPECT_EQ(user->Ask("receive 3 10"), "0-9");
+    EXPECT_THAT(user->Errors(), HasSubstr("a remote card of alice@colo-1"));
+    EXPECT_THAT(user->Errors(), HasSubstr("its relay keeps no archive"));
+    EXPECT_THAT(m_server->Log(), Not(HasSubstr("Violation")));
+}
+
 }  // namespace
 }  // namespace remote_tests

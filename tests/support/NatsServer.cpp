@@ -74,4 +74,14 @@ std::string NatsServer::readPorts(const std::string& kind) const {
     return {};
 }
 
+std::string AuthorizationOf(const std::string& page) {
+    const std::string text = hosted::ReadFile(page);
+    const std::string opening = "\nauthorization {";
+    const std::size_t begin = text.find(opening);
+    const std::size_t end = text.find("\n```", begin);
+    if (begin == std::string::npos || end == std::string::npos) throw std::runtime_error(page + " shows no users");
+    const std::size_t inside = begin + opening.size();
+    return "authorization {\n  timeout: 300" + text.substr(inside, end - inside);
+}
+
 }  // namespace test_support

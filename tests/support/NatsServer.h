@@ -48,6 +48,10 @@ private:
     std::unique_ptr<hosted::Process> m_process;
 };
 
+/// The users and permissions that a page shows, for a server's configuration. Its time for a client to say who it is
+/// does not pass on a busy machine.
+std::string AuthorizationOf(const std::string& page);
+
 /// Ends the test as skipped where there is no server.
 #define SKIP_WITHOUT_NATS_SERVER() \
     if (!test_support::NatsServer::isInstalled()) GTEST_SKIP() << "skipped: nats-server is not installed"
