@@ -126,6 +126,26 @@ TEST_F(RemoteCard, ARelayThatStartsAnewIsAGapWithACountAndALine) {
                                           "were lost meanwhile, counted as back-pressure."));
 }
 
+TEST_F(RemoteCard, OfTwoRelaysTheOneThatStartedLastIsUsedAndALineSaysSo) {
+    ScriptedRelay first(Server().Url(), kRun);
+    const auto user = User();
+    ASSERT_EQ(user->Ask("open 3"), "ok");
+    first.Send(0, 10);
+    EXPECT_EQ(user->Ask("receive 3 10"), "0-9");
+    ScriptedRelay second(Server().Url(), kNextRun);
+    second.Send(0, 5);
+    EXPECT_EQ(user->Ask("receive 3 5"), "0-4");
+    std::uint64_t sent = 5;
+    // Again and again: when a busy machine keeps the second one silent for long, the first one is used once more.
+    EXPECT_TRUE(hosted::Eventually([&] {
+        second.Send(sent, 1);
+        first.Send(5 + sent++, 1);
+        return Count(user->Errors(),
+                     "channel 3 of the remote card at bus 0: two relays send it. The one that started "
+                     "last is used, the other is ignored.\n") == 1;
+    }));
+}
+
 TEST_F(RemoteCard, AServerThatWasKilledIsFoundAgainAndTheGapIsCounted) {
     ScriptedRelay relay(Server().Url(), kRun);
     const auto user = User();
