@@ -155,7 +155,7 @@ void addRun(const cli::Command& app, Invocation& invocation) {
                             {kNoCard, "the start failed: there is no card"},
                             {vexo::run::kUseless, "the start failed, and another one would too, or do harm"},
                             {kCannotRun, "the program cannot be run"},
-                            {kNotFound, "the program is not there"},
+                            {kNotFound, "the program is not there, or a library that it needs"},
                             {cli::kElse, "that of the program; 128 + N after signal N"}});
     run.whenChosen([options, &invocation] {
         invocation.run = [options, &invocation] { return superviseProgram(*options, invocation.program); };

@@ -200,6 +200,17 @@ TEST_F(RunCommand, AProgramThatCannotRunEndsAsInAShell) {
     EXPECT_EQ(StatusOf({"c3.ini"}, {"./text"}), 126);
 }
 
+TEST_F(RunCommand, AProgramThatLacksALibraryIsExplainedByTheLoadersLine) {
+    const char* const before = std::getenv("LD_LIBRARY_PATH");
+    const std::string path = before != nullptr ? before : "";
+    ::unsetenv("LD_LIBRARY_PATH");
+    EXPECT_EQ(StatusOf({"c3.ini"}, {VEXO_RUN_APP_WITHOUT_PATH, "c3.ini", "end"}), 127);
+    if (before != nullptr) ::setenv("LD_LIBRARY_PATH", path.c_str(), 1);
+    EXPECT_THAT(Said(), AllOf(HasSubstr(": error while loading shared libraries: lib"),
+                              HasSubstr("; install the library, or name its directory in LD_LIBRARY_PATH"),
+                              HasSubstr("(c3.out:1)\n"), Not(HasSubstr("counts polls"))));
+}
+
 TEST_F(RunCommand, AWrongCommandLineEndsWithTwo) {
     EXPECT_EQ(StatusOf({}, App("end")), 2);
     EXPECT_EQ(StatusOf({"none.ini"}, App("end")), 2);

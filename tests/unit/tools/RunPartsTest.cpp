@@ -142,6 +142,23 @@ TEST_F(EndOfAStart, AStatusOfTheApplicationDoesNotHideAFailedStart) {
     EXPECT_TRUE(own.again);
 }
 
+TEST_F(EndOfAStart, TheLoadersLineIsTheCauseOfStatus127) {
+    const std::string line =
+        "./app: error while loading shared libraries: libenyx-hw-c.so.1: cannot open shared object file: No such file "
+        "or directory";
+    const Ending ending = Judge("starting\n" + line + "\n", false, 127);
+    EXPECT_EQ(ending.status, 127);
+    EXPECT_FALSE(ending.again);
+    EXPECT_FALSE(ending.loaded);
+    EXPECT_EQ(ending.text, line +
+                               "; install the library, or name its directory in LD_LIBRARY_PATH; for the simulated "
+                               "card, put vexo sim run -- before the program (app.out:2)");
+    EXPECT_THAT(Judge("./app: error while loading shared libraries: libc.so.9: no\n", false, 127).text,
+                testing::Not(HasSubstr("simulated")));
+    EXPECT_EQ(Judge(line + "\n", false, 7).text, "ended with status 7");
+    EXPECT_TRUE(Judge("hello\n", false, 127).again);
+}
+
 TEST_F(EndOfAStart, ASecondChannelThatFailedIsAFailedStart) {
     EXPECT_FALSE(Judge(std::string(kBegin) + kOpen + kTaken).orderly);
     EXPECT_TRUE(Judge(std::string(kBegin) + kTaken + kBegin + kOpen).orderly);

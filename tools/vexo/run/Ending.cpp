@@ -3,11 +3,13 @@
 #include <sys/wait.h>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 
 #include "tools/vexo/Failure.h"
 #include "tools/vexo/check/StartLog.h"
 #include "tools/vexo/run/Signals.h"
+#include "tools/vexo/show/Harmless.h"
 
 namespace vexo::run {
 namespace {
@@ -36,6 +38,33 @@ check::StartEnd readOutput(const std::string& file) {
     }
 }
 
+// The loader's last line, whichever program it is of: the application may be a script that starts others.
+struct LoaderLine {
+    std::size_t number = 0;  // 0: there is none
+    std::string text;
+};
+
+LoaderLine loaderLine(const std::string& file) {
+    std::ifstream output(file);
+    LoaderLine found;
+    std::size_t number = 0;
+    for (std::string text; std::getline(output, text);) {
+        ++number;
+        if (text.find(": error while loading shared libraries: ") != std::string::npos) found = {number, text};
+    }
+    return found;
+}
+
+Ending withoutLibrary(const LoaderLine& line, const std::string& output) {
+    const bool isCards = line.text.find(" libenyx-hw-c.so") != std::string::npos;
+    Ending ending{false, kNotFound, false, ""};
+    ending.loaded = false;
+    ending.text = harmless(line.text) + "; install the library, or name its directory in LD_LIBRARY_PATH" +
+                  (isCards ? "; for the simulated card, put vexo sim run -- before the program" : "") + " (" + output +
+                  ":" + std::to_string(line.number) + ")";
+    return ending;
+}
+
 Ending withStatusZero(const check::StartEnd& end, const Ended& ended) {
     if (ended.wasStopped) return {true, 0, false, "ended as asked"};
     if (ended.wasReady || end.opened) return {true, 0, false, "ended in order"};
@@ -62,6 +91,9 @@ Ending judge(const Ended& ended) {
     // Whatever the status: an application may have turned the library's 0 into another one.
     if (end.line != nullptr) return failedStart(end, ended);
     if (status == 0) return withStatusZero(end, ended);
+    if (status == kNotFound)
+        if (const LoaderLine line = loaderLine(ended.output); line.number != 0)
+            return withoutLibrary(line, ended.output);
     return {false, status, true, "ended with status " + std::to_string(status)};
 }
 

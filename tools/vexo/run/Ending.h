@@ -26,6 +26,7 @@ struct Ending {
     int status = 0;      ///< for who started the supervisor
     bool again = false;  ///< another start may end better
     std::string text;    ///< for people
+    bool loaded = true;  ///< false: the loader ended it, before any library of it could run
 };
 
 /// The library ends a failed start with status 0, as an orderly end does. The difference is whether the stream was

@@ -144,10 +144,6 @@ bool Supervisor::waitToRestart(double seconds) {
 }
 
 Ending Supervisor::endingOf(const Start& start) const {
-    if (!start.page.isAttached())
-        m_events.tell("notice",
-                      "the program did not load the library that counts polls (it is linked statically, runs with "
-                      "another user's rights, or was started by a program that clears the environment)");
     Ended ended;
     ended.waitStatus = *start.waitStatus;
     ended.output = m_plan.output.name();
@@ -157,7 +153,12 @@ Ending Supervisor::endingOf(const Start& start) const {
     ended.wasReady = start.page.isReady();
     ended.wasStopped = m_stopAsked;
     ended.wasStanding = start.wasStanding;
-    return judge(ended);
+    const Ending ending = judge(ended);
+    if (!start.page.isAttached() && ending.loaded)
+        m_events.tell("notice",
+                      "the program did not load the library that counts polls (it is linked statically, runs with "
+                      "another user's rights, or was started by a program that clears the environment)");
+    return ending;
 }
 
 }  // namespace vexo::run
