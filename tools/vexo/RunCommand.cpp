@@ -83,11 +83,21 @@ double managersWatchdog() {
     return static_cast<double>(std::strtoull(micros, nullptr, 10)) / 1e6;
 }
 
+// The file for the newest start. Status 1 would let a service manager start again what can never begin.
+std::string outputOf(const Options& options) {
+    const fs::path file = fs::path(options.directory) / (fs::path(options.config).stem().string() + ".out");
+    const std::string output = file.lexically_normal().string();
+    if (const std::string fault = cli::faultOfNewFile(output); !fault.empty())
+        throw Failure(kUsage, output + ": " + fault + "; use --directory DIR");
+    return output;
+}
+
 int superviseProgram(const Options& options, const Program& program) {
     if (options.config.empty())
         throw Failure(kUsage, "no configuration: name the one that the application is given\nSee vexo run --help");
     requireProgram(program);
     requireFile(options.config);
+    const std::string output = outputOf(options);
     const OnlyOne lock(options.config);
     const run::Events events(options.json);
     int status = 0;
@@ -96,8 +106,7 @@ int superviseProgram(const Options& options, const Program& program) {
         events.tell("refused", "not started: the start-up would end at what is fatal", {{"status", status}});
         return status;
     }
-    const fs::path output = fs::path(options.directory) / (fs::path(options.config).stem().string() + ".out");
-    run::Plan plan{program, run::KeptOutput(output.lexically_normal().string(), options.keep)};
+    run::Plan plan{program, run::KeptOutput(output, options.keep)};
     plan.isMaster = facts.device.valid && facts.device.channel == 0;
     if (facts.device.valid) plan.card = facts.device.card;
     plan.watchdog = options.watchdog;

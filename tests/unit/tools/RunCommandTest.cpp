@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
 
@@ -362,6 +363,25 @@ TEST_F(RunCommand, KeepsTheOutputWhereItIsTold) {
     EXPECT_EQ(StatusOf({"--directory", "kept", "c3.ini"}, App("end")), 0);
     EXPECT_THAT(dir.Read("kept/c3.out"), HasSubstr("Init dma channel"));
     EXPECT_NE(::access("c3.out", F_OK), 0);
+}
+
+TEST_F(RunCommand, ADirectoryThatTheUserCannotWriteIsWrongUsage) {
+    namespace fs = std::filesystem;
+    // Where a user without the rights of root gets to, whoever runs the test.
+    fs::permissions(dir.Path(), fs::perms(0755));
+    fs::create_directories("own/bin");
+    fs::copy_file(VEXO_COMMAND, "own/bin/vexo");
+    fs::create_directory("shut");
+    fs::permissions("shut", fs::perms(0555));
+    const std::string user = ::geteuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
+    const capture::ProgramResult here = capture::runProgram(
+        "cd shut; " + user + capture::word(dir.Path("own/bin/vexo")) + " run ../c3.ini -- /bin/true");
+    EXPECT_EQ(here.status, 2);
+    EXPECT_EQ(here.output, "vexo: c3.out: this user cannot write in the directory .; use --directory DIR\n");
+    const capture::ProgramResult there = capture::runProgram(user + capture::word(dir.Path("own/bin/vexo")) +
+                                                             " run --directory shut c3.ini -- /bin/true");
+    EXPECT_EQ(there.status, 2);
+    EXPECT_EQ(there.output, "vexo: shut/c3.out: this user cannot write in the directory shut; use --directory DIR\n");
 }
 
 // The counting library, started by something else than vexo run.
