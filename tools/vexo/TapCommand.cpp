@@ -36,15 +36,9 @@ struct Options {
 
 // The program may change its directory before the tap creates the first file.
 fs::path absoluteOutput(const std::string& output) {
-    const fs::path path = fs::absolute(output);
-    std::error_code error;
-    if (!fs::is_directory(path.parent_path(), error)) {
-        throw Failure(kUsage, "--output " + output + ": there is no directory " + path.parent_path().string());
-    }
-    if (path.filename().empty() || fs::is_directory(path, error)) {
-        throw Failure(kUsage, "--output " + output + ": this is a directory, not a file");
-    }
-    return path;
+    if (const std::string fault = cli::faultOfNewFile(output); !fault.empty())
+        throw Failure(kUsage, "--output " + output + ": " + fault);
+    return fs::absolute(output);
 }
 
 [[noreturn]] void count(const Program& program) {

@@ -263,6 +263,24 @@ TEST_F(Command, TapWritesWhereItWasStartedWhereverTheProgramGoes) {
     EXPECT_EQ(readPath(dir.Path("a.pcapng")).packetsOf("channel 3"), 4U);
 }
 
+TEST_F(Command, TapDoesNotStartAProgramThatItCannotRecord) {
+    namespace fs = std::filesystem;
+    // Where a user without the rights of root gets to, whoever runs the test.
+    fs::permissions(dir.Path(), fs::perms(0777));
+    fs::create_directories(dir.Path("own/bin"));
+    fs::create_directories(dir.Path("own/tools"));
+    fs::copy_file(VEXO_COMMAND, dir.Path("own/bin/vexo"));
+    fs::copy_file(VEXO_TAP_LIBRARY, dir.Path("own/tools/libvexo-tap.so"));
+    fs::create_directory(dir.Path("shut"));
+    fs::permissions(dir.Path("shut"), fs::perms(0555));
+    const std::string user = ::geteuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
+    const ProgramResult result = runProgram(user + word(dir.Path("own/bin/vexo")) +
+                                            " tap --output shut/a.pcapng -- touch started");
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.output, "vexo: --output shut/a.pcapng: this user cannot write in the directory shut\n");
+    EXPECT_NE(::access("started", F_OK), 0);
+}
+
 TEST_F(Command, TapIsLoadedFromADirectoryWithABlank) {
     namespace fs = std::filesystem;
     fs::create_directories(dir.Path("a b/bin"));
