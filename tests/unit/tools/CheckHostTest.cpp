@@ -116,6 +116,15 @@ TEST_F(CheckHost, ALogOfTheDayThatTheUserCannotWriteIsFatal) {
     EXPECT_TRUE(IsFatalForAUser(dir.Path()));
 }
 
+TEST_F(CheckHost, ADiskThatIsFullIsFound) {
+    Report report;
+    checkSpace(".", 1'000'000, report);
+    EXPECT_THAT(report.findings(), IsEmpty());
+    checkSpace(".", 999'999, report);
+    EXPECT_THAT(asText(report, false),
+                HasSubstr(".: error: 0 MB free; the log and the output are lost; make room\n1 finding\n"));
+}
+
 TEST_F(CheckHost, SaysWhatAMasterWouldMakeOfTheDayFile) {
     const std::string path = dir.Path("day");
     EXPECT_THAT(findingOf(stateOfDayFile(path), true).what, HasSubstr("there is no day file yet"));

@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <csignal>
+#include <filesystem>
 
 #include "tests/support/TempDir.h"
 #include "tools/vexo/Failure.h"
@@ -29,11 +31,13 @@ int Exited(int status) { return status << 8; }
 class EndOfAStart : public ::testing::Test {
 protected:
     std::optional<unsigned int> card;
+    std::string lost;
     Ending Judge(const std::string& output, bool isMaster = false, int status = 0) {
         dir.Write("app.out", output);
         Ended ended;
         ended.waitStatus = Exited(status);
         ended.output = "app.out";
+        ended.lost = lost;
         ended.isMaster = isMaster;
         ended.card = card;
         ended.isAttached = true;
@@ -164,6 +168,19 @@ TEST_F(EndOfAStart, ASecondChannelThatFailedIsAFailedStart) {
     EXPECT_TRUE(Judge(std::string(kBegin) + kTaken + kBegin + kOpen).orderly);
 }
 
+TEST_F(EndOfAStart, WithoutOutputNobodyKnowsWhetherAnotherOneDoesHarm) {
+    lost = "No space left on device";
+    for (const int status : {0, 1}) {
+        const Ending ending = Judge("hello\n", false, status);
+        EXPECT_EQ(ending.status, kUseless);
+        EXPECT_FALSE(ending.again);
+        EXPECT_EQ(ending.text, "its stream was never open, and nobody knows why: app.out could not be written");
+    }
+    EXPECT_EQ(Judge(std::string(kBegin) + kNoAccelerator).status, kNoCard);
+    EXPECT_TRUE(Judge(std::string(kBegin) + kOpen).orderly);
+    EXPECT_EQ(Judge(std::string(kBegin) + kOpen, false, 7).status, 7);
+}
+
 TEST_F(EndOfAStart, WithoutALineTheStreamDecides) {
     EXPECT_EQ(Judge("hello\n").status, kFinding);
     EXPECT_THAT(Judge("hello\n").text, HasSubstr("its stream was never open"));
@@ -199,6 +216,22 @@ TEST(KeptOutput, DoesNotWriteThroughALink) {
     ASSERT_EQ(::symlink("precious", "app.out"), 0);
     ::close(KeptOutput("app.out", 1).openNext());
     EXPECT_EQ(dir.Read("precious"), "data");
+}
+
+TEST(KeptOutput, SaysWhyADirectoryTakesNoMoreOutput) {
+    test_support::TempDir dir;
+    const KeptOutput output(dir.Path("app.out"), 1);
+    EXPECT_EQ(output.fault(), "");
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit full{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &full), 0);
+    EXPECT_EQ(output.fault(), "File too large");
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(output.fault(), "");
+    EXPECT_TRUE(std::filesystem::is_empty(dir.Path()));
 }
 
 TEST(KeptOutput, SaysWhichFileCannotBeMade) {

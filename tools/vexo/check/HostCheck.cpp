@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -21,6 +22,7 @@ namespace vexo::check {
 namespace {
 
 constexpr char kHost[] = "host";
+constexpr std::uintmax_t kMegabyte = 1'000'000;
 
 std::string firstLineOf(const std::string& path) {
     std::ifstream file(path);
@@ -137,6 +139,15 @@ void checkDirectory(const HostPlaces& places, Report& report) {
     if (isAllowed(log.c_str(), F_OK) && !isAllowed(log.c_str(), W_OK))
         add(Level::kFatal, todaysLog() + " is there, and this user cannot write it",
             "remove or move it, or start as its owner");
+    std::error_code error;
+    const std::filesystem::space_info space = std::filesystem::space(places.directory, error);
+    // Root may use what is reserved.
+    if (!error) checkSpace(places.directory, ::geteuid() == 0 ? space.free : space.available, report);
+}
+
+void checkSpace(const std::string& directory, std::uintmax_t bytes, Report& report) {
+    if (bytes < kMegabyte)
+        report.add({Level::kError, directory, 0, "0 MB free; the log and the output are lost", "make room"});
 }
 
 void checkSimulatedCards(const std::vector<ConfigFacts>& programs, Report& report) {

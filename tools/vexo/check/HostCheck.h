@@ -26,6 +26,8 @@ void checkHost(const std::vector<ConfigFacts>& programs, const HostPlaces& place
 bool checkBoard(Report& report);
 void checkCpu(const ConfigFacts& facts, const HostPlaces& places, Report& report);
 void checkDirectory(const HostPlaces& places, Report& report);
+/// @param bytes  that this user can still write in the directory
+void checkSpace(const std::string& directory, std::uintmax_t bytes, Report& report);
 void checkSimulatedCards(const std::vector<ConfigFacts>& programs, Report& report);
 /// @param cards    those that have a master
 /// @param hasCard  a real one

@@ -81,6 +81,12 @@ Ending bySignal(int signal, bool wasStopped) {
     return {false, 128 + signal, true, name};
 }
 
+// The line that names the cause may be lost, so nobody knows whether another start would do harm.
+Ending withoutOutput(const Ended& ended) {
+    return {false, kUseless, false,
+            "its stream was never open, and nobody knows why: " + ended.output + " could not be written"};
+}
+
 }  // namespace
 
 Ending judge(const Ended& ended) {
@@ -90,6 +96,8 @@ Ending judge(const Ended& ended) {
     const check::StartEnd end = readOutput(ended.output);
     // Whatever the status: an application may have turned the library's 0 into another one.
     if (end.line != nullptr) return failedStart(end, ended);
+    const bool hasFailed = ended.isAttached && !ended.wasReady && !end.opened && !ended.wasStopped;
+    if (hasFailed && !ended.lost.empty()) return withoutOutput(ended);
     if (status == 0) return withStatusZero(end, ended);
     if (status == kNotFound)
         if (const LoaderLine line = loaderLine(ended.output); line.number != 0)

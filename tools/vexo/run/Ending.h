@@ -12,6 +12,7 @@ inline constexpr int kUseless = 4;
 struct Ended {
     int waitStatus = 0;     ///< of waitpid
     std::string output;     ///< file with what it printed
+    std::string lost;       ///< why that file may not be whole; empty = it is
     bool isMaster = false;  ///< it uses channel 0
     std::optional<unsigned int> card;
     bool isAttached = false;   ///< it loaded the counting library

@@ -4,7 +4,9 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "tools/vexo/Failure.h"
 
@@ -19,6 +21,19 @@ Failure failure(const std::string& file) { return {kFinding, file + ": " + std::
 
 std::string KeptOutput::older(unsigned starts) const {
     return starts == 0 ? m_name : m_name + "." + std::to_string(starts);
+}
+
+// Tried with a file of its own: the output may still be open in what the application left behind.
+std::string KeptOutput::fault() const {
+    std::string trial = m_name + ".XXXXXX";
+    const int fd = ::mkostemp(trial.data(), O_CLOEXEC);
+    if (fd < 0) return std::strerror(errno);
+    ::unlink(trial.c_str());
+    const std::vector<char> block(4096);
+    const ssize_t written = ::write(fd, block.data(), block.size());
+    const std::string why = written < 0 ? std::strerror(errno) : "";
+    ::close(fd);
+    return why;
 }
 
 int KeptOutput::openNext() const {

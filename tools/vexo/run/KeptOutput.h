@@ -17,6 +17,8 @@ public:
     int openNext() const;
 
     const std::string& name() const { return m_name; }
+    /// Why the directory takes no more output, such as "No space left on device"; empty when it does.
+    std::string fault() const;
 
 private:
     std::string older(unsigned starts) const;

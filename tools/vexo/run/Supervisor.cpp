@@ -57,6 +57,7 @@ Ending Supervisor::superviseStart() {
                    {"program", m_plan.program.front()},
                    {"pid", start.child},
                    {"output", m_plan.output.name()}});
+    tellLostOutput(start);
     while (!start.waitStatus) {
         const double every = lookEvery(start);
         if (const std::optional<signalfd_siginfo> signal = m_signals.wait(every)) take(*signal, start.child);
@@ -67,6 +68,7 @@ Ending Supervisor::superviseStart() {
     while (const std::optional<signalfd_siginfo> signal = m_signals.wait(0))
         if (isStop(signal->ssi_signo)) m_stopAsked = m_isLast = true;
     m_lastRan = start.readySince ? secondsSince(*start.readySince) : 0;
+    tellLostOutput(start);
     const Ending ending = endingOf(start);
     m_events.tell(
         "end", ending.text,
@@ -143,10 +145,18 @@ bool Supervisor::waitToRestart(double seconds) {
     return true;
 }
 
+// Once a start: at its begin, or at its end when the disk became full meanwhile.
+void Supervisor::tellLostOutput(Start& start) const {
+    if (!start.lost.empty() || (start.lost = m_plan.output.fault()).empty()) return;
+    m_events.tell("notice", m_plan.output.name() + " cannot be written: " + start.lost +
+                                "; what the program prints, the library's log too, is lost; make room");
+}
+
 Ending Supervisor::endingOf(const Start& start) const {
     Ended ended;
     ended.waitStatus = *start.waitStatus;
     ended.output = m_plan.output.name();
+    ended.lost = start.lost;
     ended.isMaster = m_plan.isMaster;
     ended.card = m_plan.card;
     ended.isAttached = start.page.isAttached();

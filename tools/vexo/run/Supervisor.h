@@ -51,6 +51,7 @@ private:
         std::optional<Clock::time_point> readySince;
         bool managerKnows = false;  // that it is ready
         bool wasStanding = false;
+        std::string lost{};  // why the output may not be whole
         Clock::time_point began = Clock::now();
         Clock::time_point lastLook = began;
         Clock::time_point killAt{};
@@ -64,6 +65,7 @@ private:
     void tellManager(Start& start) const;
     void endStanding(Start& start) const;
     bool waitToRestart(double seconds);
+    void tellLostOutput(Start& start) const;
     Ending endingOf(const Start& start) const;
 
     const Plan& m_plan;
