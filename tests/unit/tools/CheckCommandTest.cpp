@@ -16,7 +16,8 @@ class CheckCommand : public ::testing::Test {
 protected:
     // With the commands that the library asks about the host, as the test wrote them.
     ProgramResult Check(const std::string& words, const std::string& settings = "") {
-        return runProgram(settings + " PATH=" + word(dir.Path()) + ":$PATH " + word(VEXO_COMMAND) + " check " + words);
+        return runProgram("TZ=Asia/Shanghai " + settings + " PATH=" + word(dir.Path()) + ":$PATH " +
+                          word(VEXO_COMMAND) + " check " + words);
     }
     void Host(const std::string& lspci, const std::string& lsmod) {
         dir.Write("lspci", "#!/bin/sh\necho '" + lspci + "'\n", 0755);
@@ -94,6 +95,15 @@ TEST_F(CheckCommand, FindsBoardAndDriverAsTheLibraryDoes) {
     EXPECT_THAT(Check("zce.ini").output, HasSubstr("host: error: lsmod shows no driver xdma"));
     Host("01:00.0 Xilinx card", "xdma 1");
     EXPECT_EQ(Check("zce.ini").status, 0) << Check("zce.ini").output;
+}
+
+TEST_F(CheckCommand, TheLocalTimeIsThatOfTheProgram) {
+    dir.Write("zce.ini", "[config]\ndevice = xilinx0:3\n");
+    Host("01:00.0 Xilinx card", "xdma 1");
+    const std::string text = "host: warning: the local time is UTC";
+    EXPECT_THAT(Check("zce.ini", "TZ=UTC").output, HasSubstr(text + "+0, the exchange's is UTC+8; "));
+    EXPECT_THAT(Check("zce.ini", "TZ=America/Lima").output, HasSubstr(text + "-5, "));
+    EXPECT_THAT(Check("zce.ini").output, Not(HasSubstr(text)));
 }
 
 TEST_F(CheckCommand, TheHintToTheSimulatedCardCanBeTyped) {

@@ -125,6 +125,20 @@ TEST_F(CheckHost, ADiskThatIsFullIsFound) {
                 HasSubstr(".: error: 0 MB free; the log and the output are lost; make room\n1 finding\n"));
 }
 
+TEST_F(CheckHost, ALocalTimeThatIsNotTheExchangesIsFound) {
+    const auto finding = [](long utcOffset) {
+        Report report;
+        checkTimeZone(utcOffset, report);
+        return asText(report, false);
+    };
+    EXPECT_EQ(finding(8 * 3600), "no findings\n");
+    EXPECT_EQ(finding(0),
+              "host: warning: the local time is UTC+0, the exchange's is UTC+8; the library decides reset, day file "
+              "and log by the local time; set the time zone of the host, or TZ=Asia/Shanghai for the program\n"
+              "1 finding\n");
+    EXPECT_THAT(finding(-12600), HasSubstr("the local time is UTC-3:30, "));
+}
+
 TEST_F(CheckHost, SaysWhatAMasterWouldMakeOfTheDayFile) {
     const std::string path = dir.Path("day");
     EXPECT_THAT(findingOf(stateOfDayFile(path), true).what, HasSubstr("there is no day file yet"));

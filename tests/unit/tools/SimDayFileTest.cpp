@@ -216,7 +216,7 @@ TEST_F(SimDayFile, CheckMissesTheCardThatAStartBehindSimRunWouldMiss) {
     EXPECT_THAT(result.output,
                 HasSubstr("zce.ini:2: fatal: vexo sim run has no simulated card with this number; correct "
                           "device, or start vexo-simcard --bus 2\n"));
-    EXPECT_THAT(result.output, Not(HasSubstr("day file")));
+    EXPECT_THAT(result.output, Not(HasSubstr(".zce_")));
     EXPECT_THAT(InSimRun("check zce.ini", "--set card.bus=2").output, Not(HasSubstr("fatal: vexo sim run has no")));
     EXPECT_EQ(InSimRun("check --card zce.ini").status, 3);
 }

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -12,6 +14,7 @@
 #include <set>
 #include <sstream>
 
+#include "VexoZceSession.h"
 #include "VexoZceUtil.h"
 #include "tools/vexo/check/DayFileState.h"
 #include "tools/vexo/check/Quiet.h"
@@ -40,6 +43,22 @@ std::string todaysLog() {
     char name[32];
     std::strftime(name, sizeof name, "fpga_%Y%m%d.log", &local);
     return name;
+}
+
+long utcOffsetNow() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    ::localtime_r(&now, &local);
+    return local.tm_gmtoff;
+}
+
+// UTC+8, UTC-3:30
+std::string zoneName(long utcOffset) {
+    const long minutes = std::labs(utcOffset) / 60;
+    char text[32];
+    std::snprintf(text, sizeof text, minutes % 60 == 0 ? "UTC%c%ld" : "UTC%c%ld:%02ld", utcOffset < 0 ? '-' : '+',
+                  minutes / 60, minutes % 60);
+    return text;
 }
 
 // Asks the kernel as the library does, then puts everything back. Empty when the thread can be pinned.
@@ -150,6 +169,15 @@ void checkSpace(const std::string& directory, std::uintmax_t bytes, Report& repo
         report.add({Level::kError, directory, 0, "0 MB free; the log and the output are lost", "make room"});
 }
 
+void checkTimeZone(long utcOffset, Report& report) {
+    constexpr long kExchange = vexo_zce::kExchangeUtcOffset;
+    if (utcOffset == kExchange) return;
+    report.add({Level::kWarning, kHost, 0,
+                "the local time is " + zoneName(utcOffset) + ", the exchange's is " + zoneName(kExchange) +
+                    "; the library decides reset, day file and log by the local time",
+                "set the time zone of the host, or TZ=Asia/Shanghai for the program"});
+}
+
 void checkSimulatedCards(const std::vector<ConfigFacts>& programs, Report& report) {
     if (simulatedLibrary().empty()) return;
     for (const ConfigFacts& program : programs)
@@ -172,6 +200,7 @@ void checkDayFiles(const std::set<std::uint32_t>& cards, bool hasCard, Report& r
 
 void checkHost(const std::vector<ConfigFacts>& programs, const HostPlaces& places, Report& report) {
     report.add({Level::kNote, kHost, 0, std::string("checked for user ") + GetCurUserName(), ""});
+    checkTimeZone(utcOffsetNow(), report);
     const bool hasCard = checkBoard(report);
     std::set<std::uint32_t> mastersCards;
     for (const ConfigFacts& facts : programs) {

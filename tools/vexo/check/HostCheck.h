@@ -28,6 +28,8 @@ void checkCpu(const ConfigFacts& facts, const HostPlaces& places, Report& report
 void checkDirectory(const HostPlaces& places, Report& report);
 /// @param bytes  that this user can still write in the directory
 void checkSpace(const std::string& directory, std::uintmax_t bytes, Report& report);
+/// @param utcOffset  of the local time, in seconds
+void checkTimeZone(long utcOffset, Report& report);
 void checkSimulatedCards(const std::vector<ConfigFacts>& programs, Report& report);
 /// @param cards    those that have a master
 /// @param hasCard  a real one
