@@ -35,7 +35,12 @@ const Option& Option::takesOneEach() const {
 }
 
 const Option& Option::takesList() const {
-    m_option->delimiter(',');
+    const auto withoutBlanks = [](std::string& text) {
+        const std::size_t begin = text.find_first_not_of(" \t");
+        if (begin != std::string::npos) text = text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
+        return std::string();
+    };
+    m_option->delimiter(',')->transform(CLI::Validator(withoutBlanks, ""));
     return takesOneEach();
 }
 

@@ -152,6 +152,23 @@ TEST_F(ExportCommand, FiltersTakeOnlyWhatAllOfThemTake) {
     EXPECT_THAT(Rows("--id SR505 --columns id --type 17 --id 'SPD*' --channel 0 a.pcapng"), ElementsAre("id", "SR505"));
 }
 
+TEST_F(ExportCommand, BlanksInAListDoNotCount) {
+    EXPECT_THAT(Rows("a.pcapng --columns 'id, type' --id 'SR505 , SPD*'"),
+                ElementsAre("id,type", "SR505,17", "SPD-SR505/SR509,19"));
+    EXPECT_THAT(Rows("a.pcapng --columns ' id' --session ' morning , night'"),
+                ElementsAre("id", "SR505", "IPS-SF505/SM505"));
+}
+
+TEST_F(ExportCommand, AnIdThatNoRowHasIsNamed) {
+    EXPECT_THAT(Rows("a.pcapng --columns id --type 17,18 --id 'SR505,SR50*,CF701,SPD*'"),
+                ElementsAre("id", "SR505", "SR505C6000"));
+    EXPECT_EQ(dir.Read("err"), "vexo: --id CF701: no row has this id\nvexo: --id SPD*: no row has this id\n");
+    Rows("a.pcapng --id SR505");
+    EXPECT_THAT(dir.Read("err"), Not(HasSubstr("--id")));
+    Rows("a.pcapng --id 'SR505*,CF701' --limit 1");  // the others were not looked at
+    EXPECT_THAT(dir.Read("err"), Not(HasSubstr("--id")));
+}
+
 TEST_F(ExportCommand, PacketsWithoutALayoutAreCountedAndNeverGuessed) {
     Rows("a.pcapng");
     EXPECT_THAT(dir.Read("err"), HasSubstr("no layout describes 1 packets of type 21: left out."));

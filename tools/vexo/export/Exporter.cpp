@@ -1,5 +1,6 @@
 #include "tools/vexo/export/Exporter.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "tools/vexo/show/Harmless.h"
@@ -57,6 +58,12 @@ bool Exporter::isRejected(Rejection why) {
     return true;
 }
 
+void Exporter::noteId(const Row& row) {
+    std::vector<std::string>& left = m_outcome.idsWithoutRow;
+    left.erase(std::remove_if(left.begin(), left.end(), [&](const std::string& one) { return matches(one, row.id); }),
+               left.end());
+}
+
 void Exporter::countUnknown(const Row& row) {
     if (row.type == kContractMap) {
         ++m_outcome.maps;
@@ -75,9 +82,11 @@ void Exporter::takePacket(const capture::Packet& packet, Row& row) {
     if (isRejected(m_filter.rejectsId(row))) return;
     m_maker.addQuoteTime(row);
     if (isRejected(m_filter.rejectsSession(row))) return;
+    noteId(row);
     m_maker.complete(row);
     m_writer.add(m_maker, row);
     ++m_outcome.rows;
+    if (isFull()) m_outcome.idsWithoutRow.clear();  // nobody looks at what follows
 }
 
 std::string whyNoRow(const Outcome& outcome) {
@@ -112,6 +121,9 @@ void sayWhatIsMissing(const Outcome& outcome, const RowMaker& maker) {
     if (maker.nonsenseTimes() > 0) {
         std::fprintf(stderr, "vexo: %llu quotes have an exchange time that is none: without day and session\n",
                      shown(maker.nonsenseTimes()));
+    }
+    for (const std::string& id : outcome.idsWithoutRow) {
+        if (outcome.rows > 0) std::fprintf(stderr, "vexo: --id %s: no row has this id\n", harmless(id).c_str());
     }
     if (outcome.rows == 0) {
         std::fprintf(stderr, "vexo: no packet became a row, so nothing is written: %s\n", whyNoRow(outcome).c_str());

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "capture/Reader.h"
 #include "tools/data/CaptureSource.h"
@@ -24,6 +25,7 @@ struct Outcome {
     std::uint64_t unknownOfOtherTypes = 0;
     std::array<std::uint64_t, kRejections> rejected{};  // by the filter that rejected them first
     bool isDamaged = false;
+    std::vector<std::string> idsWithoutRow;  // of --id; those that no row has
 };
 
 /// Reads captures, one after the other, into one output.
@@ -31,7 +33,9 @@ class Exporter {
 public:
     /// @param limit  ends after so many rows; 0 = no limit
     Exporter(const Filter& filter, std::uint64_t limit, RowMaker& maker, RowWriter& writer)
-        : m_filter(filter), m_limit(limit), m_maker(maker), m_writer(writer) {}
+        : m_filter(filter), m_limit(limit), m_maker(maker), m_writer(writer) {
+        m_outcome.idsWithoutRow = filter.ids;
+    }
 
     /// Says on standard error what is wrong with a capture, and exports what precedes it.
     /// @param bytesBefore  of all captures before this one, for the progress
@@ -45,6 +49,7 @@ private:
     void takePacket(const capture::Packet& packet, Row& row);
     void countUnknown(const Row& row);
     bool isRejected(Rejection why);
+    void noteId(const Row& row);
 
     const Filter& m_filter;
     const std::uint64_t m_limit;
