@@ -93,10 +93,30 @@ std::vector<std::string> subcommandsOf(const CLI::App& command) {
     return names;
 }
 
+const CLI::Option* findOption(const CLI::App& command, const std::string& name) {
+    for (const CLI::Option* option : command.get_options())
+        if (option->check_name(name)) return option;
+    return nullptr;
+}
+
+// What is wrong with the first word of @p words, an option that has no place where it stands; empty if nobody knows it.
+std::string explainPlace(const Command& command, const std::vector<std::string>& words) {
+    const std::string name = words.front().substr(0, words.front().find('='));
+    if (const CLI::Option* const option = findOption(command.app(), name)) {
+        const bool hasValue = words.size() > 1 && option->get_items_expected_max() > 0 && name == words.front();
+        return "put " + name + " behind the subcommand: " + nameOf(command) + " " + words.front() +
+               (hasValue ? " " + words[1] : "");
+    }
+    std::vector<std::string> owners;
+    for (CLI::App* below : command.app().get_subcommands([](const CLI::App*) { return true; }))
+        if (findOption(*below, name) != nullptr) owners.push_back(nameOf(Command(below)));
+    return owners.size() == 1 ? "is it " + owners.front() + "?" : "";
+}
+
 // An option that does not exist leaves its value behind, which then takes the place of another word. So the words after
 // it say nothing.
 std::string explainExtras(const Command& program, const std::string& help, const Advice& advice) {
-    const CLI::App& command = chosen(program).app();
+    const Command command = chosen(program);
     const std::vector<std::string> words = program.app().remaining(true);
     const std::string one = "unexpected argument: ";
     const std::string all = words.size() == 1 ? one : "unexpected arguments: ";
@@ -104,8 +124,10 @@ std::string explainExtras(const Command& program, const std::string& help, const
     const auto option = std::find_if(words.begin(), words.end(), isOption);
     const bool isOptionWrong = option != words.end();
     const std::string wrong = isOptionWrong ? *option : joined(words);
-    const std::string meant = isOptionWrong ? nearest(wrong.substr(0, wrong.find('=')), optionsOf(command))
-                                            : nearest(words.front(), subcommandsOf(command));
+    const std::string place = isOptionWrong ? explainPlace(command, {option, words.end()}) : "";
+    if (!place.empty()) return one + wrong + "; " + place + help;
+    const std::string meant = isOptionWrong ? nearest(wrong.substr(0, wrong.find('=')), optionsOf(command.app()))
+                                            : nearest(words.front(), subcommandsOf(command.app()));
     return (isOptionWrong ? one : all) + wrong + (meant.empty() ? "" : "; is it " + meant + "?") + help;
 }
 
