@@ -52,7 +52,8 @@ void showText(std::FILE* out, const Result& result) {
                  ", errors %" PRIu64 "), %" PRIu64 " by the relay\n",
                  result.counts.lostByRing, result.counts.fifoErrors + result.counts.streamErrors,
                  result.counts.fifoErrors, result.counts.streamErrors, result.counts.lostByRelay);
-    if (result.contracts > 0) std::fprintf(out, "%zu contracts with a subject of their own\n", result.contracts);
+    if (result.contracts > 0)
+        std::fprintf(out, "%zu subjects, one for each contract and packet type\n", result.contracts);
     if (result.archive)
         std::fprintf(out,
                      "archive: %" PRIu64 " packets in %u files, %" PRIu64 " packets lost to it, %" PRIu64
