@@ -1,6 +1,6 @@
-// Loaded into a program by `vexo sim run`: the program's day files, /tmp/.zce_*, lie in a private directory. So a start
-// on a real card never loads indexes of a simulated one. The library's path of the day file is fixed, and the library
-// reaches it through open() alone.
+// Loaded into a program by `vexo sim run` and `vexo remote run`: the program's day files, /tmp/.zce_*, lie in a private
+// directory. So a start on a real card never loads indexes of a simulated one. The library's path of the day file is
+// fixed, and the library reaches it through open() alone.
 //
 // Plain C without other libraries: it is loaded into programs of any kind, also into those that have no card.
 
@@ -25,6 +25,7 @@
 
 static const char kDayFiles[] = "/tmp/.zce_";
 static const char kDirectoryVariable[] = "VEXO_SIM_DAY_FILES";
+static const char kCommandVariable[] = "VEXO_SIM_COMMAND";  // that the user typed
 static const char kCardLibrary[] = "libenyx-hw-c.so.1";
 
 enum { kPathSize = 4096 };
@@ -67,8 +68,9 @@ static void tellOnce(const char* path) {
     sigaddset(&pipe, SIGPIPE);
     sigpending(&pending);
     pthread_sigmask(SIG_BLOCK, &pipe, &before);
-    fprintf(stderr, "vexo sim run: the day file of this simulated card is %s, not in /tmp (see --shared-day-file).\n",
-            path);
+    const char* const command = secure_getenv(kCommandVariable);
+    fprintf(stderr, "%s: the day file of this simulated card is %s, not in /tmp (see --shared-day-file).\n",
+            command != NULL ? command : "vexo sim run", path);
     const struct timespec atOnce = {0, 0};
     if (!sigismember(&pending, SIGPIPE)) sigtimedwait(&pipe, NULL, &atOnce);
     pthread_sigmask(SIG_SETMASK, &before, NULL);

@@ -19,9 +19,9 @@ namespace fs = std::filesystem;
 
 constexpr auto kKept = std::chrono::hours(48);  // a day file is loaded only in its own half-day
 
-[[noreturn]] void fail(const std::string& why) {
+[[noreturn]] void fail(const std::string& command, const std::string& why) {
     throw Failure(kCannotRun,
-                  "no place for the day file: " + why + "\nTo use the one in /tmp: vexo sim run --shared-day-file");
+                  "no place for the day file: " + why + "\nTo use the one in /tmp: " + command + " --shared-day-file");
 }
 
 // Whoever can write here decides which rows a simulated start subscribes.
@@ -49,14 +49,15 @@ void removeOld(const std::string& directory) {
 
 }  // namespace
 
-std::string privateDayFiles() {
+std::string privateDayFiles(const std::string& command) {
     // Where the user's hosted cards would lie: out of reach of other users, and gone after a restart of the machine.
     const vexo_sim::NewCardPlace place = vexo_sim::makeCardDirectory(std::nullopt);
-    if (place.directory.empty()) fail(place.error);
+    if (place.directory.empty()) fail(command, place.error);
     const std::string directory = fs::absolute(place.directory).string() + "/vexo-day-files-" +
                                   std::to_string(::geteuid());
-    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) fail(directory + ": " + std::strerror(errno));
-    if (!isPrivate(directory)) fail(directory + " is not a directory that only this user can use; remove it");
+    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
+        fail(command, directory + ": " + std::strerror(errno));
+    if (!isPrivate(directory)) fail(command, directory + " is not a directory that only this user can use; remove it");
     removeOld(directory);
     return directory;
 }

@@ -19,6 +19,7 @@ namespace vexo {
 namespace {
 
 constexpr int kLastBus = 4;
+constexpr char kCommand[] = "vexo remote run";
 
 struct Options {
     std::string servers;
@@ -76,7 +77,8 @@ int run(const Options& options, const Program& program) {
     set("VEXO_SIM_REMOTE_BUS", options.bus ? std::to_string(*options.bus) : "");
     set("VEXO_SIM_REMOTE_REGISTERS", options.ownRegisters ? "own" : "");
     set("VEXO_SIM_REMOTE_SINCE", sinceOf(options));
-    set("VEXO_SIM_DAY_FILES", options.sharedDayFile ? "" : privateDayFiles());
+    set("VEXO_SIM_COMMAND", kCommand);
+    set("VEXO_SIM_DAY_FILES", options.sharedDayFile ? "" : privateDayFiles(kCommand));
     if (!options.sharedDayFile) preload(dayFileLibrary());
     prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
     become(program);

@@ -21,6 +21,8 @@ constexpr char kScenarioVariable[] = "VEXO_SIM_SCENARIO";
 constexpr char kCardVariable[] = "VEXO_SIM_CARD";
 // The library that is loaded into the program reads this.
 constexpr char kDayFilesVariable[] = "VEXO_SIM_DAY_FILES";
+constexpr char kCommandVariable[] = "VEXO_SIM_COMMAND";
+constexpr char kCommand[] = "vexo sim run";
 
 struct Options {
     std::string scenario;
@@ -61,7 +63,8 @@ int run(const Options& options, const Program& program) {
     if (!options.scenario.empty() || !options.settings.texts.empty()) describeCard(options);
     if (options.embedded) set(kCardVariable, "embedded");
     if (options.hosted) set(kCardVariable, hostedCard(options.user));
-    set(kDayFilesVariable, options.sharedDayFile ? "" : privateDayFiles());
+    set(kCommandVariable, kCommand);
+    set(kDayFilesVariable, options.sharedDayFile ? "" : privateDayFiles(kCommand));
     if (!options.sharedDayFile) preload(dayFileLibrary());
     prepend("LD_LIBRARY_PATH", simulatedCardDirectory());
     become(program);

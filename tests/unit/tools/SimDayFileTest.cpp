@@ -85,6 +85,14 @@ TEST_F(SimDayFile, LiesApartAndIsFoundAgainByTheNextRunOnTheSameCard) {
     EXPECT_EQ(Run("", "read " + dayFile).output, "read map\n");
 }
 
+TEST_F(SimDayFile, TheLineNamesTheCommandThatWasTyped) {
+    EXPECT_EQ(runProgram("exec 2>err; " + word(VEXO_COMMAND) + " remote run --from nats://127.0.0.1:1 -- " +
+                         word(VEXO_DAY_FILE_APP) + " --no-card write " + dayFile + " map")
+                  .status,
+              0);
+    EXPECT_THAT(Errors(), HasSubstr("vexo remote run: the day file of this simulated card is " + PrivateDirectory()));
+}
+
 TEST_F(SimDayFile, IsNotThatOfAnotherCard) {
     Run("", "write " + dayFile + " map");
     EXPECT_EQ(Run("--set card.fibre_status=0xd", "read " + dayFile).output, "not read: No such file or directory\n");
