@@ -64,6 +64,18 @@ TEST_F(CheckCommand, EachFindingHasItsLineAndTheTotalFollows) {
     EXPECT_THAT(result.output, Not(HasSubstr("iniparser")));
 }
 
+TEST_F(CheckCommand, WhatTheLibraryRefusesIsNoListOfMissingKeys) {
+    const std::string refused =
+        ":1: fatal: this is neither a section nor a key nor a comment; the library refuses the file; write [section], "
+        "key = value, or put ; in front\n1 finding; the start-up ends at what is fatal\n";
+    dir.Write("broken.ini", "[config\ndevice = xilinx0:0\nL1_PORTA = 30015\n");
+    EXPECT_EQ(Check("--config-only broken.ini").output, "broken.ini" + refused);
+    dir.Write("binary.ini", std::string("\x7F"
+                                        "ELF\n",
+                                        5));
+    EXPECT_EQ(Check("--config-only binary.ini").output, "binary.ini" + refused);
+}
+
 TEST_F(CheckCommand, JsonHasTheSameFindings) {
     dir.Write("bad.ini", "[config]\ndevice = xilinx0:3\ncpucore = m\xffny\n");
     const ProgramResult result = Check("--json --config-only bad.ini");

@@ -35,8 +35,9 @@ private:
     void add(std::size_t line, Level level, const std::string& what, const std::string& todo) {
         m_report.add({level, m_path, line, what, todo});
     }
-    void checkForm();
+    bool checkForm();  // @return false when the library refuses the file
     void checkSwallowed(const IniLine& line);
+    void checkWhole();
     void collect();
     std::string openSection(const IniLine& line);
     void takeKey(const std::string& section, const IniLine& line);
@@ -76,7 +77,7 @@ private:
 
 ConfigFacts ConfigCheck::run() {
     const std::size_t before = m_report.findings().size();
-    checkForm();
+    const bool isRead = checkForm();
     collect();
     m_facts.file = m_path;
     for (const auto& [name, line] : m_keys) m_facts.lines.emplace(name.first + ":" + name.second, line->line);
@@ -92,19 +93,25 @@ ConfigFacts ConfigCheck::run() {
         m_facts.hardware = numberOf(hardware->value);
         m_facts.hardwareLine = hardware->line;
     }
-    checkUnknownSections();
-    checkUnknown();
     checkValues();
-    checkMissing();
-    checkOutputs();
-    checkFeeds();
-    checkChannels();
+    // What is unknown or missing may be so because of the line that the library refuses.
+    if (isRead) checkWhole();
     m_report.sortFrom(before);
     return m_facts;
 }
 
-void ConfigCheck::checkForm() {
-    if (m_text.lineThatIsTooLong() != 0)
+void ConfigCheck::checkWhole() {
+    checkUnknownSections();
+    checkUnknown();
+    checkMissing();
+    checkOutputs();
+    checkFeeds();
+    checkChannels();
+}
+
+bool ConfigCheck::checkForm() {
+    bool isRead = m_text.lineThatIsTooLong() == 0;
+    if (!isRead)
         add(m_text.lineThatIsTooLong(), Level::kFatal,
             "the line, with those that it continues, is too long; the library refuses the file",
             "keep it below 1,000 characters, without NUL");
@@ -120,8 +127,10 @@ void ConfigCheck::checkForm() {
             add(line.line, Level::kFatal,
                 "this is neither a section nor a key nor a comment; the library refuses the file",
                 "write [section], key = value, or put ; in front");
+        isRead = isRead && line.kind != IniLine::Kind::kNonsense;
         checkSwallowed(line);
     }
+    return isRead;
 }
 
 // A backslash at the end of a line joins the next line to it, also to a comment.
