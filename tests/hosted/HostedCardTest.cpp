@@ -305,6 +305,8 @@ TEST_F(HostedCard, AWrongCommandLineHostsNothing) {
         {{"--bus", "9"}, "--bus: 9 is not a whole number from 0 to 4\nSee vexo-simcard --help\n"},
         {{"--pace", "fast"}, "--pace: fast is none of real, x2 to x1000, max\nSee vexo-simcard --help\n"},
         {{"--seconds", "0"}, "--seconds: 0 is not a whole number from 1 to 31622400\nSee vexo-simcard --help\n"},
+        {{"--scenario", "x.ini"},
+         "unexpected argument: --scenario\nName the file without --scenario: vexo-simcard SCENARIO.ini\n"},
         {{"--record", "/none/a.pcapng"}, "--record /none/a.pcapng: there is no directory /none\n"},
     };
     for (const auto& one : wrong) {

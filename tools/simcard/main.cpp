@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "sim/host/CardHost.h"
 #include "sim/host/Status.h"
@@ -177,6 +178,12 @@ void addOptions(const cli::Command& app, Arguments& arguments) {
     cli::complete(app, kVexoVersion);
 }
 
+// vexo sim run has an option for it.
+std::string adviceFor(const std::vector<std::string>& words) {
+    const bool isOption = words.front().substr(0, words.front().find('=')) == "--scenario";
+    return isOption ? "Name the file without --scenario: vexo-simcard SCENARIO.ini" : "";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -186,7 +193,7 @@ int main(int argc, char** argv) {
     const cli::Command app = line.command();
     addOptions(app, arguments);
     if (cli::isDumpWanted(argc, argv)) return cli::dumpOptions(app, kVexoVersion);
-    if (const std::optional<int> ends = cli::parse(app, cli::wordsOf(argc, argv))) return *ends;
+    if (const std::optional<int> ends = cli::parse(app, cli::wordsOf(argc, argv), adviceFor)) return *ends;
     if (arguments.json || arguments.status) return showStatus(arguments);
     if (!arguments.user.empty())
         return fail(cli::kUsage, "--user: only --status and --json look at the card of another user");

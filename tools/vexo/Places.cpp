@@ -52,4 +52,13 @@ fs::path shareLibrary() { return find(layout::kShare, "what shares a program's p
 
 fs::path dayFileLibrary() { return find(layout::kDayFile, "what keeps day files apart"); }
 
+fs::path readyScenario(const std::string& name) {
+    if (name.find('/') != std::string::npos) return {};
+    const fs::path folder = ownDirectory() / layout::kScenarios;
+    std::error_code error;
+    for (const std::string& file : {name, name + ".ini"})
+        if (fs::is_regular_file(folder / file, error)) return (folder / file).lexically_normal();
+    return {};
+}
+
 }  // namespace vexo

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 
 namespace vexo {
 
@@ -28,5 +29,9 @@ std::filesystem::path shareLibrary();
 
 /// The library that `vexo sim run` loads into a program.
 std::filesystem::path dayFileLibrary();
+
+/// The file of a ready scenario, such as "lossy_stream" or "lossy_stream.ini". Empty when this installation has none of
+/// this name.
+std::filesystem::path readyScenario(const std::string& name);
 
 }  // namespace vexo

@@ -36,7 +36,11 @@ struct Options {
 void requireScenario(const std::string& file) {
     std::error_code error;
     if (fs::is_directory(file, error)) throw Failure(kUsage, "--scenario " + file + ": this is a directory");
-    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, "--scenario " + file + ": " + std::strerror(errno));
+    if (::access(file.c_str(), R_OK) == 0) return;
+    const int why = errno;
+    const fs::path ready = why == ENOENT ? readyScenario(file) : fs::path();
+    throw Failure(kUsage, "--scenario " + file + ": " + std::strerror(why) +
+                              (ready.empty() ? "" : "; the ready one is " + ready.string()));
 }
 
 // Describes the card of the program's own to the card's library. The library would find a mistake only when the program

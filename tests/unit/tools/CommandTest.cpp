@@ -13,6 +13,7 @@ using namespace capture;
 using ::testing::AllOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
@@ -240,6 +241,21 @@ TEST_F(Command, SimRunChecksTheScenarioBeforeTheProgramStarts) {
     EXPECT_EQ(result.status, 2);
     EXPECT_THAT(result.output, StartsWith("vexo: a.ini:3: [card] has no key verdikt; use bus, "));
     EXPECT_NE(::access("started", F_OK), 0);
+}
+
+TEST_F(Command, SimRunFindsTheReadyScenarioOfAName) {
+    namespace fs = std::filesystem;
+    fs::create_directories(dir.Path("bin"));
+    fs::create_directories(dir.Path("share/vexo-sim/scenarios"));
+    fs::copy_file(VEXO_COMMAND, dir.Path("bin/vexo"));
+    const std::string ready = dir.Write("share/vexo-sim/scenarios/lossy_stream.ini", "");
+    const std::string command = word(dir.Path("bin/vexo")) + " sim run --scenario ";
+    const std::string missing = ": No such file or directory; ";
+    for (const std::string name : {"lossy_stream", "lossy_stream.ini"})
+        EXPECT_EQ(runProgram(command + name + " -- true").output,
+                  "vexo: --scenario " + name + missing + "the ready one is " + ready + "\n");
+    EXPECT_THAT(runProgram(command + "./lossy_stream -- true").output, Not(HasSubstr("ready")));
+    EXPECT_THAT(runProgram(command + "lossy -- true").output, Not(HasSubstr("ready")));
 }
 
 TEST_F(Command, SimRunHandsOnSettingsOneALine) {
