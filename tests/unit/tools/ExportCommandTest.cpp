@@ -224,8 +224,11 @@ TEST_F(ExportCommand, WithoutARowThereIsNoFileAndEachFilterSaysWhatItLeftOut) {
             "--id\n");
     EXPECT_EQ(Fault("a.pcapng -o new.csv --type 18 --session night", 1),
               none + "of 7 packets, 6 left out by --type, 1 left out by --session\n");
-    EXPECT_EQ(Fault("a.pcapng -o new.csv --until 2025-01-15 --channel 7", 1),
-              none + "of 7 packets, 7 left out by --from or --until\n");
+    EXPECT_EQ(
+        Fault("a.pcapng -o new.csv --until 2025-01-15 --channel 7", 1),
+        none +
+            "of 7 packets, 7 left out by --from or --until; the packets are from 2025-01-15 08:59:00 to 2025-01-15 "
+            "21:30:01 (UTC+8)\n");
     EXPECT_EQ(Fault("a.pcapng --channel 7", 1), none + "of 7 packets, 7 left out by --channel\n");
     EXPECT_EQ(Export("a.pcapng --channel 7").output, "");
     BlockBuffer blocks = emptyCapture();

@@ -427,7 +427,7 @@ TEST_F(InfoCommand, TheTextIsForPeople) {
         Text("a.pcapng"),
         ::testing::StartsWith(
             "a.pcapng\n"
-            "  from              2025-01-15 09:00:00.001000000\n"
+            "  from              2025-01-15 09:00:00.001000000 (UTC+8)\n"
             "  to                2025-01-15 09:00:00.004000000\n"
             "  span              3.00 ms\n"
             "  packets           4, 560 bytes\n"

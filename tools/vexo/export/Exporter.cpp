@@ -14,6 +14,15 @@ constexpr const char* kFilterNames[kRejections] = {"--from or --until", "--type"
 
 std::string packetsText(std::uint64_t count) { return std::to_string(count) + (count == 1 ? " packet" : " packets"); }
 
+// As --from and --until take it.
+std::string momentText(std::uint64_t ns) {
+    const vexo_zce::HostTime time = vexo_zce::hostTimeOf(ns);
+    char text[48];
+    std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", time.date / 10000, time.date / 100 % 100,
+                  time.date % 100, time.second / 3600, time.second / 60 % 60, time.second % 60);
+    return text;
+}
+
 unsigned long long shown(std::uint64_t number) { return number; }
 
 }  // namespace
@@ -76,6 +85,8 @@ void Exporter::countUnknown(const Row& row) {
 
 void Exporter::takePacket(const capture::Packet& packet, Row& row) {
     if (!m_maker.begin(packet, row)) return;
+    m_outcome.firstNs = m_outcome.packets == 0 ? packet.timeNs : std::min(m_outcome.firstNs, packet.timeNs);
+    m_outcome.lastNs = std::max(m_outcome.lastNs, packet.timeNs);
     ++m_outcome.packets;
     if (isRejected(m_filter.rejects(row))) return;
     if (row.payload == nullptr && !m_filter.takesUnknown) return countUnknown(row);
@@ -104,6 +115,9 @@ std::string whyNoRow(const Outcome& outcome) {
     for (std::size_t i = 0; i < kRejections; ++i) {
         add(outcome.rejected[i], std::string(" left out by ") + kFilterNames[i]);
     }
+    if (outcome.rejected[static_cast<std::size_t>(Rejection::kTime)] > 0)
+        text += "; the packets are from " + momentText(outcome.firstNs) + " to " + momentText(outcome.lastNs) +
+                " (UTC+8)";
     return text;
 }
 

@@ -19,6 +19,8 @@ struct Outcome {
     static constexpr std::size_t kMostTypes = 16;  // a hostile capture may have any number of them
 
     std::uint64_t packets = 0;  // of streams
+    std::uint64_t firstNs = 0;  // the earliest of them, and the latest
+    std::uint64_t lastNs = 0;
     std::uint64_t rows = 0;
     std::uint64_t maps = 0;                          // contract maps, which have no quotes
     std::map<std::uint32_t, std::uint64_t> unknown;  // packets that no layout describes, by type

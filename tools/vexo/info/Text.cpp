@@ -48,7 +48,7 @@ std::string gapText(const Gap& gap) {
 std::string overview(const Summary& summary) {
     std::string text = captureNames(summary) + "\n";
     if (summary.packets == 0) return text + line("packets", "none");
-    text += line("from", momentText(summary.firstNs, 9));
+    text += line("from", momentText(summary.firstNs, 9) + " (UTC+8)");
     text += line("to", momentText(summary.lastNs, 9));
     text += line("span", durationText(summary.lastNs - summary.firstNs));
     text += line("packets", grouped(summary.packets) + ", " + bytesText(summary.bytes));
