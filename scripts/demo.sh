@@ -29,7 +29,11 @@ while [ $# -gt 0 ]; do
 done
 if [ "$built" = no ]; then
     need_packages "${build_packages[@]}"
-    echo "Building (a minute or two the first time); the whole output is in $build-build.log"
+    if [ -x "$build/bin/quote_printer" ]; then
+        echo "Building what has changed; the whole output is in $build-build.log"
+    else
+        echo "Building (a minute or two); the whole output is in $build-build.log"
+    fi
     build_preset "$build-build.log" demo -- quote_printer
 fi
 
