@@ -398,7 +398,7 @@ TEST_F(Relay, CredentialsComeFromFilesOnly) {
     EXPECT_EQ(with("wrong"), 1);
     EXPECT_THAT(Errors(), HasSubstr("vexo relay: cannot connect to " + server.Url()));
     EXPECT_EQ(with("none"), 2);
-    EXPECT_THAT(Errors(), HasSubstr("vexo: none: No such file or directory\n"));
+    EXPECT_THAT(Errors(), HasSubstr("vexo: none: No such file or directory; check the path\n"));
     ::setenv("VEXO_NATS_USER_FILE", dir.Path("user").c_str(), 1);
     Process named = Start(Replaying("max"), {"--channel", "3", "--to", server.Url(), "--seconds", "0.1"});
     ::unsetenv("VEXO_NATS_USER_FILE");

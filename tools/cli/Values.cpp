@@ -81,6 +81,12 @@ Check directory() {
     return {check};
 }
 
+std::string faultOfReading(int error) {
+    const std::string why = std::strerror(error);
+    if (error == ENOENT || error == ENOTDIR) return why + "; check the path";
+    return error == EACCES ? why + "; start as a user who may read it" : why;
+}
+
 std::string faultOfNewFile(const std::string& path) {
     std::error_code error;
     const fs::path whole(path);

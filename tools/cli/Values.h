@@ -25,6 +25,10 @@ Check oneOf(const std::vector<std::string>& words);
 /// A directory that is there.
 Check directory();
 
+/// Why a file that was named cannot be read, and what to do: "No such file or directory; check the path".
+/// @param error  errno
+std::string faultOfReading(int error);
+
 /// Why a new file of this name cannot be created; empty when it can, as far as that can be seen before.
 std::string faultOfNewFile(const std::string& path);
 

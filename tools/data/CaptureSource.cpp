@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "capture/StandardStreams.h"
+#include "tools/cli/Values.h"
 #include "tools/vexo/show/Harmless.h"
 
 namespace vexo::data {
@@ -148,18 +149,18 @@ std::uint64_t CaptureSource::check(const std::string& path) {
     struct stat state {};
     const bool isThere = path == kStandardInput ? ::fstat(STDIN_FILENO, &state) == 0
                                                 : ::stat(path.c_str(), &state) == 0;
-    if (!isThere) failFor(path, std::strerror(errno));
+    if (!isThere) failFor(path, cli::faultOfReading(errno));
     if (S_ISDIR(state.st_mode)) failFor(path, "this is a directory, not a capture");
     if (!S_ISREG(state.st_mode)) return 0;
     const int fd = openToRead(path);
-    if (fd < 0) failFor(path, std::strerror(errno));
+    if (fd < 0) failFor(path, cli::faultOfReading(errno));
     if (fd != STDIN_FILENO) ::close(fd);
     return static_cast<std::uint64_t>(state.st_size);
 }
 
 CaptureSource::CaptureSource(const std::string& path) {
     const int fd = openToRead(path);
-    if (fd < 0) failFor(path, std::strerror(errno));
+    if (fd < 0) failFor(path, cli::faultOfReading(errno));
     m_file = std::make_unique<FileBuffer>(fd, m_failure);
     struct stat state {};
     if (::fstat(fd, &state) == 0 && S_ISDIR(state.st_mode)) failFor(path, "this is a directory, not a capture");

@@ -2,12 +2,12 @@
 
 #include <unistd.h>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
+#include "tools/cli/Values.h"
 #include "tools/vexo/Failure.h"
 
 namespace vexo {
@@ -16,7 +16,7 @@ namespace vexo {
 inline void requireFile(const std::string& file) {
     std::error_code error;
     if (std::filesystem::is_directory(file, error)) throw Failure(kUsage, file + ": this is a directory, not a file");
-    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, file + ": " + std::strerror(errno));
+    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, file + ": " + cli::faultOfReading(errno));
 }
 
 /// What @p read returns. A file that cannot be read ends vexo with its name.

@@ -1,6 +1,3 @@
-#include <unistd.h>
-#include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <memory>
@@ -10,6 +7,7 @@
 #include "sim/remote/Subjects.h"
 #include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
+#include "tools/vexo/InputFile.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/Places.h"
 #include "tools/vexo/PrivateDayFiles.h"
@@ -55,7 +53,7 @@ std::string sinceOf(const Options& options) {
 // Without the option, the environment may name the file. The program may change its directory before it connects.
 void setFile(const char* variable, const std::string& file) {
     if (file.empty()) return;
-    if (::access(file.c_str(), R_OK) != 0) throw Failure(kUsage, file + ": " + std::strerror(errno));
+    requireFile(file);
     set(variable, std::filesystem::absolute(file).string());
 }
 

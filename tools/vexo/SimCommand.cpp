@@ -6,6 +6,7 @@
 
 #include "sim/scenario/Scenario.h"
 #include "sim/shm/CardPlaces.h"
+#include "tools/cli/Values.h"
 #include "tools/vexo/Command.h"
 #include "tools/vexo/Launch.h"
 #include "tools/vexo/Places.h"
@@ -39,8 +40,9 @@ void requireScenario(const std::string& file) {
     if (::access(file.c_str(), R_OK) == 0) return;
     const int why = errno;
     const fs::path ready = why == ENOENT ? readyScenario(file) : fs::path();
-    throw Failure(kUsage, "--scenario " + file + ": " + std::strerror(why) +
-                              (ready.empty() ? "" : "; the ready one is " + ready.string()));
+    throw Failure(kUsage, "--scenario " + file + ": " +
+                              (ready.empty() ? cli::faultOfReading(why)
+                                             : std::strerror(why) + ("; the ready one is " + ready.string())));
 }
 
 // Describes the card of the program's own to the card's library. The library would find a mistake only when the program

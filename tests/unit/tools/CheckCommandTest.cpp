@@ -39,7 +39,7 @@ TEST_F(CheckCommand, TheStatusTellsFindingsFromWrongUsage) {
         const char* text;
     } wrong[] = {
         {"", "vexo: nothing to check: name a configuration, such as vexo check zce.ini"},
-        {"none.ini", "vexo: none.ini: No such file or directory"},
+        {"none.ini", "vexo: none.ini: No such file or directory; check the path\n"},
         {".", "vexo: .: this is a directory, not a file"},
         {"--after none.log", "vexo: none.log: No such file or directory"},
         {"--color blue bad.ini", "--color"},

@@ -204,7 +204,8 @@ TEST_F(ExportCommand, AFileIsNeverOverwrittenAndHasItsNameOnlyWhenItIsComplete) 
     std::filesystem::create_symlink("nowhere", "link.csv");
     EXPECT_THAT(Fault("a.pcapng --output link.csv"), HasSubstr("it exists"));
     EXPECT_THAT(Fault("a.pcapng --output none/out.csv"), HasSubstr("--output none/out.csv: No such file or directory"));
-    EXPECT_THAT(Fault("a.pcapng none.pcapng --output new.csv"), HasSubstr("none.pcapng: No such file or directory"));
+    EXPECT_THAT(Fault("a.pcapng none.pcapng --output new.csv"),
+                HasSubstr("none.pcapng: No such file or directory; check the path\n"));
     EXPECT_FALSE(std::filesystem::exists("new.csv"));
     const ProgramResult full = runProgram("ulimit -f 1; trap '' XFSZ; " + word(VEXO_COMMAND) +
                                           " export a.pcapng a.pcapng a.pcapng a.pcapng --output new.csv 2>&1");
@@ -276,7 +277,8 @@ TEST_F(ExportCommand, ACaptureThatVanishesMeanwhileIsToldAndTheOthersAreExported
                                         "(exec 3>pipe; rm b.pcapng; cat a.pcapng >&3) & ");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(LinesOf(result.output).size(), 11U);
-    EXPECT_THAT(dir.Read("err"), HasSubstr("vexo: b.pcapng: No such file or directory; nothing of it is exported\n"));
+    EXPECT_THAT(dir.Read("err"),
+                HasSubstr("vexo: b.pcapng: No such file or directory; check the path; nothing of it is exported\n"));
 }
 
 TEST_F(ExportCommand, AFullOutputIsAFailure) {
@@ -427,7 +429,8 @@ TEST_F(ExportCommand, WrongUsageIsNamedBeforeAnythingIsWritten) {
         EXPECT_THAT(Fault("a.pcapng --from '" + time + "'"), HasSubstr("this is no time")) << time;
     EXPECT_THAT(
         Fault("a.pcapng --type 17 18"),
-        HasSubstr("vexo: 18: No such file or directory\nIf it belongs to a list, write the list with commas: "));
+        HasSubstr(
+            "vexo: 18: No such file or directory; check the path\nIf it belongs to a list, write the list with commas: "));
     EXPECT_THAT(Fault("a.pcapng --type 17,21"),
                 HasSubstr("--type 21: no layout describes this type; there are 17, 18, 19, 20. Give a layout "));
     EXPECT_THAT(Fault("a.pcapng --type 17,x"), HasSubstr("--type"));

@@ -134,8 +134,8 @@ TEST_F(LogCommand, ALogThatCannotBeReadDoesNotHideTheOthers) {
     std::filesystem::create_directory("empty");
     EXPECT_EQ(vexo("log a empty").status, 1);
     EXPECT_THAT(vexo("log a empty").output, HasSubstr("vexo: empty: no fpga_YYYYMMDD.log here\nName the working "));
-    EXPECT_THAT(result.output,
-                AllOf(HasSubstr("a: [INFO   ]"), HasSubstr("vexo: missing: No such file or directory\n")));
+    EXPECT_THAT(result.output, AllOf(HasSubstr("a: [INFO   ]"),
+                                     HasSubstr("vexo: missing: No such file or directory; check the path\n")));
 }
 
 TEST_F(LogCommand, ShowsTheLastLinesOnly) {
@@ -215,7 +215,7 @@ TEST_F(LogCommand, BytesThatCommandATerminalAreShownHarmless) {
     EXPECT_TRUE(IsPrintable(binary.output)) << binary.output;
     EXPECT_THAT(binary.output, HasSubstr("\\x00\\x01"));
     EXPECT_THAT(vexo("log --explain 'zzz\033[2J'").output, HasSubstr("zzz\\x1B[2J"));
-    EXPECT_EQ(vexo("log 'none\033[2J'").output, "vexo: none\\x1B[2J: No such file or directory\n");
+    EXPECT_EQ(vexo("log 'none\033[2J'").output, "vexo: none\\x1B[2J: No such file or directory; check the path\n");
     EXPECT_EQ(vexo("index 'none\033[2J'").output.find('\033'), std::string::npos);
 }
 

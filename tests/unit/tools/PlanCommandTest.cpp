@@ -263,7 +263,7 @@ TEST_F(PlanCommand, WrongUsageNamesWhatIsWrong) {
         const char* text;
     } wrong[] = {
         {"", "", "vexo: nothing to plan: name a configuration, such as vexo plan zce.ini"},
-        {"none.ini", "list", "vexo: none.ini: No such file or directory"},
+        {"none.ini", "list", "vexo: none.ini: No such file or directory; check the path\n"},
         {".", "list", "vexo: .: this is a directory, not a file"},
         {"zce.ini --against none.ini", "list", "vexo: none.ini: No such file or directory"},
         {"zce.ini", "none.txt", "vexo: none.txt: No such file or directory"},

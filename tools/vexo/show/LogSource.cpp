@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "tools/cli/Values.h"
 #include "tools/vexo/Failure.h"
 #include "tools/vexo/show/Harmless.h"
 #include "tools/vexo/show/LogLine.h"
@@ -97,7 +98,7 @@ void LogSource::open() {
     if (fs::is_directory(m_name, error)) {
         m_directory = m_name;
         if (::access(m_name.c_str(), R_OK | X_OK) != 0)
-            throw Failure(kUsage, harmless(m_name) + ": " + std::strerror(errno));
+            throw Failure(kUsage, harmless(m_name) + ": " + cli::faultOfReading(errno));
         const fs::path newest = newestLog();
         if (!newest.empty()) {
             openFile(newest, kFinding);
@@ -118,7 +119,7 @@ void LogSource::open() {
 void LogSource::openFile(const fs::path& file, int failed) {
     // A FIFO without a writer would block a plain open.
     const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) throw Failure(failed, harmless(file.string()) + ": " + std::strerror(errno));
+    if (fd < 0) throw Failure(failed, harmless(file.string()) + ": " + cli::faultOfReading(errno));
     struct stat status;
     if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         ::close(fd);
