@@ -222,7 +222,8 @@ def main():
         preload = work / "preload.so"  # LD_PRELOAD takes no path with a blank
         shutil.copy(arguments.preload, preload)
         environment = {k: v for k, v in os.environ.items() if not k.startswith("VEXO_")}
-        environment |= {"HOME": str(work / "home"), "VEXO_SIM_DIR": str(work / "cards"), "LD_PRELOAD": str(preload),
+        environment |= {"TZ": "Asia/Shanghai",  # vexo check finds another time zone
+                        "HOME": str(work / "home"), "VEXO_SIM_DIR": str(work / "cards"), "LD_PRELOAD": str(preload),
                         "VEXO_TEST_DAY_FILES": str(work / "day-files"), "VEXO_SHARE_DIR": str(work / "rings")}
         return subprocess.run(["bash", "-c", text], cwd=top, env=environment, check=False).returncode
 
