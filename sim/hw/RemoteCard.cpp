@@ -265,7 +265,8 @@ void RemoteCard::tellNotice(std::uint32_t channel, const remote::Notice& notice)
             return tell("two relays send it. The one that started last is used, the other is ignored.");
         case remote::Notice::kRestarted:
             return tell("the relay started anew; " + std::to_string(notice.lost) +
-                        " packets were lost meanwhile, counted as back-pressure.");
+                        " packets are counted as lost, as back-pressure. What the card sent while no relay ran is not "
+                        "counted.");
         case remote::Notice::kNothing:
         case remote::Notice::kEnd: return;
     }

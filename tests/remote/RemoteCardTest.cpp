@@ -123,7 +123,8 @@ TEST_F(RemoteCard, ARelayThatStartsAnewIsAGapWithACountAndALine) {
     EXPECT_EQ(user->Ask("receive 3 3"), "1-3");
     EXPECT_EQ(user->Ask("counters 3"), "packets 13 lost 3 fifo 0 errors 0");
     EXPECT_THAT(user->Errors(), HasSubstr("channel 3 of the remote card at bus 0: the relay started anew; 3 packets "
-                                          "were lost meanwhile, counted as back-pressure."));
+                                          "are counted as lost, as back-pressure. What the card sent while no relay "
+                                          "ran is not counted."));
 }
 
 TEST_F(RemoteCard, OfTwoRelaysTheOneThatStartedLastIsUsedAndALineSaysSo) {
