@@ -62,6 +62,16 @@ void ScriptedRelay::Send(std::uint64_t first, std::uint32_t packets) {
 }
 
 void ScriptedRelay::SendAll(std::uint64_t first, std::uint64_t end, std::uint32_t batch) {
+    PublishAll(first, end, batch);
+    Flush();
+}
+
+bool ScriptedRelay::TrySend(std::uint64_t number) {
+    PublishAll(number, number + 1, 1);
+    return m_connection->flush(std::chrono::seconds(1));  // a flush without a connection takes all the time it gets
+}
+
+void ScriptedRelay::PublishAll(std::uint64_t first, std::uint64_t end, std::uint32_t batch) {
     for (std::uint64_t next = first; next < end; next += batch) {
         const auto packets = static_cast<std::uint32_t>(std::min<std::uint64_t>(batch, end - next));
         wire::Packet message = wire::MessageOf(HeadFor(next), packets);
@@ -69,7 +79,6 @@ void ScriptedRelay::SendAll(std::uint64_t first, std::uint64_t end, std::uint32_
         std::memcpy(message.data() + offsetof(wire::HeadBytes, version), &version, sizeof version);
         m_connection->publish(remote::streamSubject(m_place), message.data(), message.size());
     }
-    Flush();
 }
 
 void ScriptedRelay::SendRaw(const void* data, std::size_t size) {

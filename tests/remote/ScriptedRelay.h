@@ -23,6 +23,9 @@ public:
     void Send(std::uint64_t first, std::uint32_t packets);
     /// Packets @p first to before @p end, @p batch a message.
     void SendAll(std::uint64_t first, std::uint64_t end, std::uint32_t batch = 100);
+    /// One packet. @return false when the server does not confirm it: it may be on its way nevertheless
+    bool TrySend(std::uint64_t number);
+    bool IsConnected() const { return m_connection->isConnected(); }
     /// Any bytes.
     void SendRaw(const void* data, std::size_t size);
     /// The same, but it only comes before what is sent next.
@@ -35,11 +38,11 @@ public:
     /// For the following hellos.
     void SetNext(std::uint64_t next) { m_next = next; }
     void SetVersion(std::uint16_t version) { m_version = version; }
-    bool IsConnected() const { return m_connection->isConnected(); }
 
 private:
     vexo_sim::wire::Head HeadFor(std::uint64_t first);
     void AnswerHello(const vexo_sim::remote::MessageIn& request);
+    void PublishAll(std::uint64_t first, std::uint64_t end, std::uint32_t batch);
     void Flush();
 
     vexo_sim::remote::Place m_place;
