@@ -71,7 +71,8 @@ void CardCounters::noteLostBeforeCard(vexo_stats::Stream& counts, std::uint64_t 
 }
 
 std::uint64_t shortestAbsence(std::uint64_t ringLasts) {
-    return std::uint64_t{1} << (vexo_stats::bucketOf((ringLasts - 1) | 1) + 1);
+    constexpr std::uint64_t kLongest = std::uint64_t{1} << 62;  // on the page's clock: decades
+    return std::uint64_t{1} << (vexo_stats::bucketOf(std::clamp<std::uint64_t>(ringLasts, 2, kLongest) - 1) + 1);
 }
 
 }  // namespace stats

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <utility>
+
 #include "tests/support/TempDir.h"
 #include "tests/unit/tools/NumberedSample.h"
 #include "tools/data/Sequence.h"
@@ -37,6 +40,22 @@ protected:
     stats::CardCounters card;
     vexo_stats::Stream counts{};
 };
+
+TEST(ShortestAbsence, IsThePowerOfTwoFromWhichOnACallbackIsLonger) {
+    constexpr std::uint64_t kLongest = std::uint64_t{1} << 62;
+    const std::pair<std::uint64_t, std::uint64_t> cases[] = {
+        {0, 2},
+        {1, 2},
+        {2, 2},
+        {3, 4},
+        {4, 4},
+        {5, 8},
+        {1000, 1024},
+        {kLongest, kLongest},
+        {~std::uint64_t{0}, kLongest},
+    };
+    for (const auto& [lasts, shortest] : cases) EXPECT_EQ(stats::shortestAbsence(lasts), shortest) << lasts;
+}
 
 }  // namespace
 
