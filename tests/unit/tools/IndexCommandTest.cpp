@@ -91,7 +91,10 @@ TEST_F(IndexCommand, FindsWhatAMasterDidNotWrite) {
               "7,D E\n"
               "bin_file_over_tag\n"
               "8,F");
-    EXPECT_EQ(vexo("index a").output.substr(vexo("index a").output.find("a:1:")),
+    const std::string output = vexo("index a").output;
+    const std::size_t first = output.find("a:1:");
+    ASSERT_NE(first, std::string::npos) << output;
+    EXPECT_EQ(output.substr(first),
               "a:1: the header \"inst_index,inst_id\" is missing\n"
               "a:2: the index \"x\" is no number; it counts as 0\n"
               "a:3: the index 70000 does not fit; it counts as 4464\n"
