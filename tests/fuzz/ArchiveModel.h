@@ -45,7 +45,7 @@ private:
     void Add(std::uint64_t first, std::uint32_t packets, const wire::Counts& counts = {});
     void Seal();
     void Check(const wire::HistoryRequest& request) const;
-    void CheckBegin(const wire::HistoryRequest& request, std::size_t begin) const;
+    void CheckBegin(const wire::HistoryRequest& request, std::size_t begin, bool isAll) const;
     /// Where the packets of the answer are among all: from @p begin to before @p end.
     void Find(std::size_t& begin, std::size_t& end) const;
     std::size_t IndexOf(std::uint64_t run, std::uint64_t number) const;
