@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -66,8 +67,8 @@ public:
         const std::uint64_t delivered = this->delivered();
         QueuedPacket packet;
         if (front(published(), packet)) return packet.number;
-        m_next = delivered;
-        return delivered;
+        m_next = std::max(m_next, delivered);  // a packet is there before it is counted
+        return m_next;
     }
 
 private:

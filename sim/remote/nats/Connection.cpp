@@ -268,8 +268,9 @@ Connection::~Connection() {
 }
 
 bool Connection::publish(const std::string& subject, const void* data, std::size_t size) {
+    const std::uint64_t before = timesReconnected(m_connection);  // it may be back by the time that this fails
     const natsStatus status = natsConnection_Publish(m_connection, subject.c_str(), data, static_cast<int>(size));
-    if (status != NATS_OK && !isOfMessageAlone(status)) m_brokenAfter = timesReconnected(m_connection);
+    if (status != NATS_OK && !isOfMessageAlone(status)) m_brokenAfter = before;
     return status == NATS_OK;
 }
 
