@@ -1,5 +1,6 @@
 #include "sim/remote/Moment.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace vexo_sim::remote {
@@ -102,6 +103,11 @@ std::optional<std::uint64_t> timeOfDay(const std::string& text, std::uint64_t no
     return last - kZoneNs;
 }
 
+// As files of holidays have it. As seconds it would be a day of the seventies.
+bool isDateOfDigits(const std::string& text) {
+    return text.size() == 8 && std::all_of(text.begin(), text.end(), isDigit);
+}
+
 std::optional<std::uint64_t> sinceEpoch(const std::string& text) {
     std::size_t digits = 0;
     std::uint64_t seconds = 0;
@@ -119,6 +125,8 @@ std::optional<std::uint64_t> sinceEpoch(const std::string& text) {
 }  // namespace
 
 std::optional<std::uint64_t> pastMomentOf(const std::string& text, std::uint64_t nowNs) {
+    if (isDateOfDigits(text))
+        return pastMomentOf(text.substr(0, 4) + '-' + text.substr(4, 2) + '-' + text.substr(6), nowNs);
     const bool isDated = text.find('-') != std::string::npos;
     const bool isTime = text.find(':') != std::string::npos;
     const auto moment = isDated ? datedMoment(text) : isTime ? timeOfDay(text, nowNs) : sinceEpoch(text);

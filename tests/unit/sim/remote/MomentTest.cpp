@@ -13,6 +13,7 @@ TEST(Moment, IsReadInTheExchangesZone) {
     EXPECT_EQ(pastMomentOf("2025-01-15 09:00", kNow), kMorning);
     EXPECT_EQ(pastMomentOf("2025-01-15T09:00:00.5", kNow), kMorning + kSecond / 2);
     EXPECT_EQ(pastMomentOf("2025-01-15", kNow), kMorning - 9 * 3600 * kSecond);
+    EXPECT_EQ(pastMomentOf("20250115", kNow), kMorning - 9 * 3600 * kSecond);
     EXPECT_EQ(pastMomentOf("2024-02-29 23:59:59.999999999", kNow), 1'709'222'400 * kSecond - 1);
     EXPECT_EQ(pastMomentOf("1736902800", kNow), kMorning);
     EXPECT_EQ(pastMomentOf("1736902800.000000001", kNow), kMorning + 1);
@@ -29,9 +30,26 @@ TEST(Moment, ATimeAloneIsTheLastOne) {
 }
 
 TEST(Moment, ThatIsNoneOrNotPastIsRefused) {
-    for (const char* text : {"", "now", "9:00", "09:60", "24:00", "09:00:", "09:00x", "2025-13-01", "2025-02-29",
-                             "2025-01-15 9", "2025-01-15 09:00 ", "-1", "1736902800.", "17369028000", "1e9",
-                             "2025-01-15 10:30:00.000000001", "1736908201"})
+    for (const char* text : {"",
+                             "now",
+                             "9:00",
+                             "09:60",
+                             "24:00",
+                             "09:00:",
+                             "09:00x",
+                             "2025-13-01",
+                             "2025-02-29",
+                             "20251301",
+                             "20250116",
+                             "10000000",
+                             "2025-01-15 9",
+                             "2025-01-15 09:00 ",
+                             "-1",
+                             "1736902800.",
+                             "17369028000",
+                             "1e9",
+                             "2025-01-15 10:30:00.000000001",
+                             "1736908201"})
         EXPECT_FALSE(pastMomentOf(text, kNow)) << text;
 }
 
