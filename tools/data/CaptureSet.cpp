@@ -36,11 +36,6 @@ void checkFiles(const std::vector<std::string>& paths) {
 struct CaptureSet::Open {
     Open(std::size_t number, const std::string& path) : file(number), source(path), reader(source.stream()) {}
 
-    std::string fault() const {
-        if (!reader.damage()) return "";
-        return reader.damage()->text + (source.failure().empty() ? "" : ": " + source.failure());
-    }
-
     std::size_t file;
     CaptureSource source;
     capture::Reader reader;
@@ -86,7 +81,7 @@ void CaptureSet::sortByTime(const std::vector<std::string>& paths) {
 void CaptureSet::advance(Open& open, CaptureSink& sink) {
     if (open.reader.next(open.packet)) return;
     open.hasEnded = true;
-    sink.end(open.file, open.reader.interfaces(), open.fault());
+    sink.end(open.file, open.reader.interfaces(), faultOf(open.reader, open.source));
 }
 
 void CaptureSet::openNext(CaptureSink& sink) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zstd.h>
+#include <zstd_errors.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -20,6 +21,8 @@ namespace {
 constexpr std::size_t kBufferBytes = 1U << 20;
 constexpr unsigned char kZstdMagic[] = {0x28, 0xB5, 0x2F, 0xFD};
 constexpr char kStandardInput[] = "-";
+constexpr char kDoubt[] =
+    "packets before this byte may be wrong, too, and nobody can tell which (use another copy of the file)";
 
 std::string shownName(const std::string& path) { return path == kStandardInput ? "standard input" : harmless(path); }
 
@@ -105,6 +108,10 @@ public:
         if (m_unpacker == nullptr) throw SourceError("memory is short");
     }
 
+    void readToChecksum() {
+        while (m_isInFrame) underflow();
+    }
+
 protected:
     int_type underflow() override {
         ZSTD_outBuffer out = {m_bytes.data(), m_bytes.size(), 0};
@@ -117,8 +124,7 @@ protected:
             ZSTD_inBuffer step = {m_in.src, std::min(m_in.size, m_in.pos + m_step), m_in.pos};
             const std::size_t left = ZSTD_decompressStream(m_unpacker.get(), &out, &step);
             m_in.pos = step.pos;
-            if (ZSTD_isError(left) != 0)
-                fail(std::string("the compressed file is damaged: ") + ZSTD_getErrorName(left));
+            if (ZSTD_isError(left) != 0) fail("the compressed file is damaged: " + faultOf(left));
             m_isInFrame = left != 0;
             m_step = left > kBlockHead ? left - kBlockHead : kBlockHead;
         }
@@ -129,6 +135,12 @@ protected:
 private:
     static constexpr std::size_t kBlockHead = 3;  // bytes
 
+    // Most wrong bytes decode without a complaint, and only the checksum at the end of the frame shows them. So nothing
+    // before is sure, whatever shows the damage.
+    static std::string faultOf(std::size_t result) {
+        const bool isChecksum = ZSTD_getErrorCode(result) == ZSTD_error_checksum_wrong;
+        return std::string(isChecksum ? "its checksum is wrong" : ZSTD_getErrorName(result)) + "; " + kDoubt;
+    }
     [[noreturn]] void fail(const std::string& what) {
         m_failure = what;
         throw SourceError(what);
@@ -170,11 +182,26 @@ CaptureSource::CaptureSource(const std::string& path) {
     } catch (const SourceError& error) {
         failFor(path, error.what());
     }
-    m_stream = std::make_unique<std::istream>(m_unpacked != nullptr ? m_unpacked.get() : m_file.get());
+    std::streambuf* const bytes = m_unpacked != nullptr ? static_cast<std::streambuf*>(m_unpacked.get()) : m_file.get();
+    m_stream = std::make_unique<std::istream>(bytes);
 }
 
 CaptureSource::~CaptureSource() = default;
 
 std::uint64_t CaptureSource::readBytes() const { return m_file->readBytes(); }
+
+void CaptureSource::readToChecksum() {
+    if (m_unpacked == nullptr || !m_failure.empty()) return;
+    try {
+        m_unpacked->readToChecksum();
+    } catch (const SourceError&) {  // failure() has it
+    }
+}
+
+std::string faultOf(const capture::Reader& reader, CaptureSource& source) {
+    if (!reader.damage()) return "";
+    source.readToChecksum();
+    return reader.damage()->text + (source.failure().empty() ? "" : ": " + source.failure());
+}
 
 }  // namespace vexo::data

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "capture/Reader.h"
+
 namespace vexo::data {
 
 /// A file cannot be opened, or not be read on. The text begins with its name.
@@ -33,6 +35,8 @@ public:
     std::uint64_t fileBytes() const { return m_fileBytes; }
     /// Why the stream went bad; empty if it did not.
     const std::string& failure() const { return m_failure; }
+    /// Reads a compressed file to the checksum of what has been read, for a reader that stops before: see failure().
+    void readToChecksum();
 
 private:
     class FileBuffer;
@@ -41,8 +45,12 @@ private:
     std::string m_failure;
     std::uint64_t m_fileBytes = 0;
     std::unique_ptr<FileBuffer> m_file;
-    std::unique_ptr<std::streambuf> m_unpacked;  // null for a plain file
+    std::unique_ptr<ZstdBuffer> m_unpacked;  // null for a plain file
     std::unique_ptr<std::istream> m_stream;
 };
+
+/// What a reader of this source found wrong, for messages: "at byte 1234: ..."; empty if nothing. It tells, too, if
+/// packets before that byte may be wrong.
+std::string faultOf(const capture::Reader& reader, CaptureSource& source);
 
 }  // namespace vexo::data

@@ -336,6 +336,16 @@ TEST_F(ExportCommand, ADamagedCaptureIsNamedAndWhatPrecedesTheDamageIsExported) 
         0);
     EXPECT_THAT(Fault("cut.zst", 1), HasSubstr("the file cannot be read: the compressed file is cut off"));
     EXPECT_THAT(Fault("bad.zst", 1), HasSubstr("the file cannot be read: the compressed file is damaged: "));
+    std::string wrong = dir.Read("b.zst");
+    wrong.back() = static_cast<char>(wrong.back() ^ 1);  // in the checksum
+    dir.Write("wrong.zst", wrong);
+    EXPECT_EQ(
+        Fault("wrong.zst", 1),
+        "vexo: wrong.zst: at byte " + std::to_string(m_capture.size()) +
+            ": the file cannot be read: the compressed file is damaged: its checksum is wrong; packets before "
+            "this byte may be wrong, too, and nobody can tell which (use another copy of the file); what precedes "
+            "it is exported\nvexo: no layout describes 1 packets of type 21: left out. Give a layout with "
+            "--layout, or their bytes with the column payload\n");
     dir.Write("text", "no capture");
     EXPECT_THAT(Fault("text", 1), AllOf(HasSubstr("text: at byte 0: "), HasSubstr("; no packet precedes it\n")));
     dir.Write("empty", "");

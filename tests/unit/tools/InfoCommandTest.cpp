@@ -488,6 +488,14 @@ TEST_F(InfoCommand, ADamagedCaptureIsNamedAndWhatPrecedesTheDamageIsCounted) {
     EXPECT_THAT(dir.Read("none.html"), HasSubstr("No packet."));
     ASSERT_EQ(runProgram("zstd -q a.pcapng -o b.zst && head -c -9 b.zst >cut.zst").status, 0);
     EXPECT_THAT(Fault("cut.zst", 1), HasSubstr("the file cannot be read: the compressed file is cut off"));
+    std::string wrong = dir.Read("b.zst");
+    wrong.back() = static_cast<char>(wrong.back() ^ 1);  // in the checksum
+    dir.Write("wrong.zst", wrong);
+    const std::string doubt = "its checksum is wrong; packets before this byte may be wrong, too, and nobody can tell";
+    EXPECT_THAT(Fault("wrong.zst", 1), HasSubstr(doubt));
+    const json doubtful = Json("wrong.zst", 1);
+    EXPECT_EQ(doubtful["packets"], 4);
+    EXPECT_THAT(doubtful["captures"][0]["damage"], HasSubstr(doubt));
     std::mt19937 random(20261122);
     for (int round = 0; round < 20; ++round) {
         std::string bytes = dir.Read("a.pcapng");

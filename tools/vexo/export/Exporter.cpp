@@ -55,9 +55,8 @@ void Exporter::takeAll(const std::string& path, data::CaptureSource& source, Pro
     if (!reader.damage()) return;
     m_outcome.isDamaged = true;
     progress.clear();
-    const std::string why = source.failure().empty() ? "" : ": " + source.failure();
-    std::fprintf(stderr, "vexo: %s: %s%s; %s\n", path == "-" ? "standard input" : harmless(path).c_str(),
-                 reader.damage()->text.c_str(), why.c_str(),
+    std::fprintf(stderr, "vexo: %s: %s; %s\n", path == "-" ? "standard input" : harmless(path).c_str(),
+                 data::faultOf(reader, source).c_str(),
                  isAny ? "what precedes it is exported" : "no packet precedes it");
 }
 
