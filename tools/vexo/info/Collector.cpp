@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 namespace vexo::info {
@@ -10,15 +9,6 @@ namespace {
 
 constexpr char kOtherStreams[] = "other streams";
 constexpr std::uint64_t kPacketsOfProgress = 1 << 16;
-
-// Which of the counters of a numbering a packet has its number in; nothing for a packet without one.
-std::optional<std::uint32_t> numberSlotOf(const data::Numbering& numbering, const capture::Packet& packet) {
-    if (packet.size < data::kHeadBytes) return std::nullopt;
-    if (numbering.place == data::Numbering::Place::kHead) return 0;
-    const std::uint64_t type = data::loadUnsigned(packet.data, 4, false);
-    if (type >= data::Numbering::kTypes || numbering.fields[type].size != packet.size) return std::nullopt;
-    return numbering.isByType ? static_cast<std::uint32_t>(type) : 0;
-}
 
 // A sum is known only if all its parts are.
 void add(data::Count& all, const data::Count& part, bool isFirst) {
@@ -49,70 +39,32 @@ data::LossCounts lossCountsOf(const capture::Interface& interface) {
     return lost;
 }
 
-data::SequenceWords operator+(const data::SequenceWords& a, const data::SequenceWords& b) {
-    return {a.gaps + b.gaps, a.lost + b.lost, a.late + b.late, a.restarts + b.restarts};
-}
-data::SequenceWords operator-(const data::SequenceWords& a, const data::SequenceWords& b) {
-    return {a.gaps - b.gaps, a.lost - b.lost, a.late - b.late, a.restarts - b.restarts};
-}
-
 std::size_t bucketOf(std::uint64_t ns) { return ns < 2 ? 0 : static_cast<std::size_t>(63 - __builtin_clzll(ns)); }
 
 }  // namespace
 
 /// A stream of the card, through all captures.
 struct Collector::Stream {
+    Stream(const data::Layouts& layouts, StreamNumbers::Shared& shared, std::size_t number)
+        : numbers(layouts, shared, number) {}
+
     StreamSummary summary;
-    std::size_t number = 0;
     std::size_t type = 0;  // of the last packet, in the summary
     std::uint64_t previousNs = 0;
     PeakRate<1'000'000'000> second;
     PeakRate<1'000'000> millisecond;
     LongestBurst burst;
-    data::SequenceCounter sequence;
-    vexo_stats::Stream numbers{};  // what it counts
-    std::uint64_t unrecorded = 0;
+    StreamNumbers numbers;
     bool hasCounts = false;                  // a capture of the stream has ended
     std::optional<std::uint64_t> countedTo;  // end of the last capture's counts
-};
-
-/// A capture whose first number lies behind the expected one. If it follows on, its first packets came late. Otherwise
-/// it is a recording of its own, as which the stream's numbers count it. Its end tells.
-struct Collector::Doubt {
-    data::SequenceCounter sequence;  // as if it followed on
-    vexo_stats::Stream numbers{};    // what that one has counted
-    data::SequenceWords own;         // what the stream's numbers had counted then, of the same packets
-    bool isOpen = false;             // the next number may mean different things
-    std::uint64_t bases = 0;         // numbers that are the first of a recording of its own
-    std::size_t lane = 0;            // in the timeline: losses as a recording of its own
-    std::uint64_t lost = 0;          // losses as if it followed on, in the same time
-    std::uint64_t timeNs = 0;        // of the first packet
-
-    void take(const Stream& stream, const data::SequenceWords& before, const capture::Packet& packet, bool isJump);
 };
 
 /// An interface of an open capture.
 struct Collector::Source {
     Stream* stream = nullptr;  // null: it is no stream
     bool isRegisters = false;
-    std::uint32_t numbered = 0;  // bit n: it had a packet with a number of slot n
-    // Jumps at the first of these numbers. Whether they are losses can be told at the end of the capture.
-    std::uint64_t jumps = 0;
-    std::uint64_t jumped = 0;
-    std::uint64_t jumpNs = 0;
-    std::unique_ptr<Doubt> doubt;
+    StreamNumbers::Part numbers;
 };
-
-// @param before  the stream's numbers before this packet
-void Collector::Doubt::take(const Stream& stream, const data::SequenceWords& before, const capture::Packet& packet,
-                            bool isJump) {
-    const std::uint64_t lostBefore = numbers.sequenceLost;
-    sequence.take(numbers, packet.data, packet.size);
-    if (!isJump && numbers.sequenceLost > lostBefore) lost += numbers.sequenceLost - lostBefore;
-    own = own + (data::wordsOf(stream.numbers) - before);
-    const auto& next = stream.sequence.expected.next;
-    isOpen = !std::equal(std::begin(next), std::end(next), std::begin(sequence.expected.next));
-}
 
 Collector::Collector(const data::Layouts& layouts, std::uint64_t burstNs, std::function<void()> progress)
     : m_layouts(layouts), m_progress(std::move(progress)) {
@@ -125,10 +77,8 @@ Collector::Stream& Collector::streamOf(const std::string& name) {
     const bool isFull = m_byName.size() >= kMostStreams && m_byName.count(name) == 0;
     Stream*& stream = m_byName[isFull ? kOtherStreams : name];
     if (stream == nullptr) {
-        m_streams.push_back(std::make_unique<Stream>());
+        m_streams.push_back(std::make_unique<Stream>(m_layouts, m_shared, m_streams.size()));
         stream = m_streams.back().get();
-        stream->number = m_streams.size() - 1;
-        stream->sequence = data::SequenceCounter(&m_layouts);
         stream->summary.name = isFull ? kOtherStreams : name;
         stream->summary.place = capture::placeOf(name);
     }
@@ -231,7 +181,7 @@ void Collector::take(std::size_t file, const capture::Packet& packet) {
         ++type.described;
         if (payload->id != data::kNoField) countInstrument(packet, payload->fields[payload->id]);
     }
-    countNumber(packet);
+    stream.numbers.take(m_source->numbers, packet);
     if (m_summary.packets % kPacketsOfProgress == 0 && m_progress) m_progress();
 }
 
@@ -247,83 +197,6 @@ void Collector::countInstrument(const capture::Packet& packet, const data::Field
     }
     ++found->second.packets;
     found->second.bytes += packet.trueSize;
-}
-
-void Collector::countNumber(const capture::Packet& packet) {
-    Stream& stream = *m_source->stream;
-    const data::SequenceWords before = data::wordsOf(stream.numbers);
-    stream.sequence.take(stream.numbers, packet.data, packet.size);
-    const data::Numbering* const numbering = stream.sequence.numbering();
-    const auto slot = numbering != nullptr ? numberSlotOf(*numbering, packet) : std::nullopt;
-    Doubt* const doubt = m_source->doubt != nullptr && m_source->doubt->isOpen ? m_source->doubt.get() : nullptr;
-    if (!slot) {
-        if (doubt != nullptr) doubt->take(stream, before, packet, false);
-        return;
-    }
-    const std::uint32_t bit = std::uint32_t{1} << *slot;
-    const bool isFirst = (m_source->numbered & bit) == 0;
-    m_source->numbered |= bit;
-    const std::uint64_t now = stream.numbers.sequenceLost;
-    const std::uint64_t lost = now > before.lost ? now - before.lost : 0;
-    if (isFirst) {
-        countFirst(packet, *slot, before, lost);
-    } else if (lost > 0) {
-        m_summary.timeline.addLost(doubt != nullptr ? doubt->lane : stream.number, packet.timeNs, lost);
-    }
-    if (doubt != nullptr) doubt->take(stream, before, packet, isFirst);
-}
-
-// @param lost  between the last number of the capture before and this one
-void Collector::countFirst(const capture::Packet& packet, std::uint32_t slot, const data::SequenceWords& before,
-                           std::uint64_t lost) {
-    Stream& stream = *m_source->stream;
-    if (lost > 0) {
-        ++m_source->jumps;
-        m_source->jumped += lost;
-        m_source->jumpNs = packet.timeNs;
-    } else if (stream.numbers.sequenceRestarts > before.restarts) {
-        --stream.numbers.sequenceRestarts;
-        ++stream.unrecorded;
-    } else if (stream.numbers.sequenceLate > before.late) {
-        beginAnew(packet, slot);
-    }
-}
-
-// The number that came late is the first one of a recording, unless the end of its capture tells otherwise.
-void Collector::beginAnew(const capture::Packet& packet, std::uint32_t slot) {
-    Stream& stream = *m_source->stream;
-    std::unique_ptr<Doubt>& doubt = m_source->doubt;
-    if (doubt == nullptr && m_doubts < kMostDoubts) {
-        ++m_doubts;
-        doubt = std::make_unique<Doubt>();
-        data::setWords(doubt->numbers, data::wordsOf(stream.numbers));
-        --doubt->numbers.sequenceLate;
-        doubt->own = data::wordsOf(doubt->numbers);
-        doubt->lane = m_nextLane++;
-        doubt->timeNs = packet.timeNs;
-    }
-    if (doubt != nullptr && !doubt->isOpen) {
-        doubt->isOpen = true;
-        doubt->sequence = stream.sequence;
-        ++doubt->numbers.sequenceLate;
-    }
-    ++(doubt != nullptr ? doubt->bases : stream.unrecorded);
-    --stream.numbers.sequenceLate;
-    stream.sequence.expectAny(slot);
-    stream.sequence.take(stream.numbers, packet.data, packet.size);
-}
-
-void Collector::settle(Stream& stream, const Doubt& doubt, bool followsOn) {
-    --m_doubts;
-    if (!followsOn) {
-        stream.unrecorded += doubt.bases;
-        m_summary.timeline.moveLane(doubt.lane, stream.number);
-        return;
-    }
-    data::setWords(stream.numbers, data::wordsOf(stream.numbers) - doubt.own + data::wordsOf(doubt.numbers));
-    if (doubt.isOpen) stream.sequence = doubt.sequence;
-    m_summary.timeline.dropLane(doubt.lane);
-    if (doubt.lost > 0) m_summary.timeline.addLost(stream.number, doubt.timeNs, doubt.lost);
 }
 
 void Collector::noteCounted(Stream& stream, const capture::InterfaceCounts& counts, const data::LossCounts& lost) {
@@ -351,15 +224,7 @@ void Collector::takeCounts(Source& source, const capture::Interface& interface) 
     // Nothing lies between this capture and the one before.
     const bool followsOn = interface.counts && stream.countedTo && *stream.countedTo == counts.startNs;
     stream.countedTo = interface.counts ? std::optional<std::uint64_t>(counts.endNs) : std::nullopt;
-    if (source.doubt != nullptr) settle(stream, *source.doubt, followsOn);
-    if (source.jumps == 0) return;
-    if (followsOn) {
-        m_summary.timeline.addLost(stream.number, source.jumpNs, source.jumped);
-    } else {
-        stream.unrecorded += source.jumps;
-        stream.numbers.sequenceGaps -= std::min(stream.numbers.sequenceGaps, source.jumps);
-        stream.numbers.sequenceLost -= std::min(stream.numbers.sequenceLost, source.jumped);
-    }
+    stream.numbers.end(source.numbers, followsOn);
 }
 
 void Collector::end(std::size_t file, const std::deque<capture::Interface>& interfaces, const std::string& fault) {
@@ -390,12 +255,8 @@ Summary Collector::finish(const std::vector<std::string>& paths) {
         summary.second = stream->second.peak();
         summary.millisecond = stream->millisecond.peak();
         summary.burst = stream->burst.longest();
-        const vexo_stats::Stream& numbers = stream->numbers;
-        if (stream->sequence.numbering() != nullptr) {
-            summary.sequence = {numbers.sequenceGaps, numbers.sequenceLost, numbers.sequenceLate,
-                                numbers.sequenceRestarts, stream->unrecorded};
-            summary.lost.sequenceLost = numbers.sequenceLost;
-        }
+        summary.sequence = stream->numbers.counts();
+        if (summary.sequence) summary.lost.sequenceLost = summary.sequence->lost;
         std::sort(summary.types.begin(), summary.types.end(),
                   [](const TypeCounts& a, const TypeCounts& b) { return a.type < b.type; });
         m_summary.streams.push_back(std::move(summary));

@@ -12,7 +12,7 @@
 
 #include "tools/data/CaptureSet.h"
 #include "tools/data/LayoutFile.h"
-#include "tools/data/Sequence.h"
+#include "tools/vexo/info/StreamNumbers.h"
 #include "tools/vexo/info/Summary.h"
 
 namespace vexo::info {
@@ -25,7 +25,6 @@ public:
     static constexpr std::size_t kMostTypes = 32;  // of a stream
     static constexpr std::size_t kMostInstruments = 65536;
     static constexpr std::size_t kMostIdBytes = 64;    // a longer id is cut
-    static constexpr std::size_t kMostDoubts = 64;     // captures at the same time
     static constexpr std::size_t kMostCounted = 1200;  // losses of captures; later ones are joined with the last one
 
     /// @param progress  called now and then
@@ -42,7 +41,6 @@ public:
 private:
     struct Stream;
     struct Source;
-    struct Doubt;
     struct Instrument {
         std::uint64_t packets = 0;
         std::uint64_t bytes = 0;
@@ -55,11 +53,6 @@ private:
     std::string meaningOf(std::uint64_t type) const;
     void countTimes(Stream& stream, std::uint64_t timeNs, std::uint64_t bytes);
     void countInstrument(const capture::Packet& packet, const data::Field& id);
-    void countNumber(const capture::Packet& packet);
-    void countFirst(const capture::Packet& packet, std::uint32_t slot, const data::SequenceWords& before,
-                    std::uint64_t lost);
-    void beginAnew(const capture::Packet& packet, std::uint32_t slot);
-    void settle(Stream& stream, const Doubt& doubt, bool followsOn);
     void takeCounts(Source& source, const capture::Interface& interface);
     static void noteCounted(Stream& stream, const capture::InterfaceCounts& counts, const data::LossCounts& lost);
     void addInstruments();
@@ -75,8 +68,7 @@ private:
     std::map<std::string, Stream*> m_byName;
     std::map<std::size_t, std::unordered_map<const capture::Interface*, Source>> m_sources;  // by open capture
     std::map<std::size_t, std::string> m_faults;
-    std::size_t m_doubts = 0;
-    std::size_t m_nextLane = kMostStreams + 1;  // of the timeline; those below are of the streams
+    StreamNumbers::Shared m_shared{m_summary.timeline, 0, kMostStreams + 1};  // lanes below are of the streams
     std::size_t m_lastFile = 0;
     const capture::Interface* m_lastInterface = nullptr;
     Source* m_source = nullptr;     // of both
