@@ -5,6 +5,8 @@
 #include <optional>
 #include <utility>
 
+#include "tools/cli/Values.h"
+
 namespace cli {
 
 Option::Option(CLI::Option* option) : m_option(option) {}
@@ -37,8 +39,8 @@ const Option& Option::takesOneEach() const {
 const Option& Option::takesList() const {
     const auto withoutBlanks = [](std::string& text) {
         const std::size_t begin = text.find_first_not_of(" \t");
-        if (begin != std::string::npos) text = text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
-        return std::string();
+        text = begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
+        return notEmpty().fault(text);
     };
     m_option->delimiter(',')->transform(CLI::Validator(withoutBlanks, ""));
     return takesOneEach();

@@ -36,7 +36,7 @@ public:
     const Option& mayStandAlone(const std::string& value) const;
     /// Takes one value each time that it is given, not all words up to the next option.
     const Option& takesOneEach() const;
-    /// Takes several values with commas between them; blanks around them do not count.
+    /// Takes several values with commas between them; blanks around them do not count. An empty list is refused.
     const Option& takesList() const;
     const Option& needs(const Option& other) const;
     const Option& excludes(const Option& other) const;

@@ -72,6 +72,12 @@ Check oneOf(const std::vector<std::string>& words) {
     return {check};
 }
 
+Check notEmpty() {
+    return {[](std::string& text) {
+        return text.empty() ? std::string("the value is empty; give one, or leave the option out") : std::string();
+    }};
+}
+
 Check directory() {
     const auto check = [](std::string& text) {
         std::error_code error;

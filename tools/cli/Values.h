@@ -22,6 +22,9 @@ Check number(double least, double most);
 /// One of some words.
 Check oneOf(const std::vector<std::string>& words);
 
+/// Any text but an empty one, which is what a variable of a script that is not set becomes.
+Check notEmpty();
+
 /// A directory that is there.
 Check directory();
 

@@ -188,8 +188,9 @@ void addFilters(const cli::Command& command, Options& options) {
             "--from", options.from,
             "Only packets from this time on: \"2026-11-22 21:30\" or 20261122 of the exchange's zone, or seconds since "
             "1970")
-        .takes("TIME");
-    command.addOption("--until", options.until, "Only packets before this time").takes("TIME");
+        .takes("TIME")
+        .check(cli::notEmpty());
+    command.addOption("--until", options.until, "Only packets before this time").takes("TIME").check(cli::notEmpty());
     command
         .addOption("--session", options.filter.sessions,
                    "Only quotes of these sessions: night, day, morning, afternoon; by the exchange's time")
@@ -219,6 +220,7 @@ void addExport(const cli::Command& app, Invocation& invocation) {
             "-o,--output", options->output,
             "File to write; compressed if it ends with .zst; - is standard output. A file that exists is never overwritten")
         .takes("FILE")
+        .check(cli::notEmpty())
         .showsDefault();
     command.addOption("--columns", options->columns, "Columns, in this order; see --list-columns")
         .takes("NAME,...")
@@ -228,9 +230,11 @@ void addExport(const cli::Command& app, Invocation& invocation) {
         .addOption("--layout", options->layouts,
                    "Layout of the payloads; the default is VEXO_LAYOUT, or simulated, the simulated card's")
         .takes("FILE")
+        .check(cli::notEmpty())
         .takesOneEach();
     command.addOption("--holidays", options->holidays, "File with the exchange's holidays, for day and session")
-        .takes("FILE");
+        .takes("FILE")
+        .check(cli::notEmpty());
     command.addFlag("--list-columns", options->listsColumns, "Show all columns, with those of the layouts");
     command.footer("Run it as:  vexo export [OPTIONS] CAPTURE...");
     cli::tellStatuses(command, {{cli::kFine, "rows written"},

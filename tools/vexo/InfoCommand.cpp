@@ -117,11 +117,13 @@ void addInfo(const cli::Command& app, Invocation& invocation) {
                    "Write a page for a browser into this file; a file that exists is never overwritten; - is standard "
                    "output")
         .takes("FILE")
+        .check(cli::notEmpty())
         .excludes(json);
     command
         .addOption("--compare", options->others,
                    "Compare with this capture; once for each capture of the other recording")
         .takes("FILE")
+        .check(cli::notEmpty())
         .takesOneEach();
     command.addOption("--top", options->top, "Show so many instruments, the busiest first")
         .takes("N")
@@ -137,6 +139,7 @@ void addInfo(const cli::Command& app, Invocation& invocation) {
         .addOption("--layout", options->layouts,
                    "Layout of the payloads; the default is VEXO_LAYOUT, or simulated, the simulated card's")
         .takes("FILE")
+        .check(cli::notEmpty())
         .takesOneEach();
     command.footer("Run it as:  vexo info [OPTIONS] CAPTURE...");
     cli::tellStatuses(command, {{cli::kFine, "shown"},

@@ -251,6 +251,16 @@ TEST_F(ExportCommand, AHostileNumberOfTypesIsToldInAFewLines) {
     EXPECT_EQ(lines[16], "vexo: no layout describes 84 packets of other types: left out");
 }
 
+TEST_F(ExportCommand, APacketThatIsTooShortToHaveATypeIsToldAsThat) {
+    BlockBuffer blocks = emptyCapture();
+    appendPacket(blocks, 0, NsAt(90000), std::string("\x11\0\0", 3));
+    appendPacket(blocks, 0, NsAt(90000), "");
+    dir.Write("b.pcapng", text(blocks));
+    EXPECT_EQ(Fault("b.pcapng", 1),
+              "vexo: 2 packets are too short to have a type: left out\n"
+              "vexo: no packet became a row, so nothing is written: of 2 packets, 2 too short to have a type\n");
+}
+
 TEST_F(ExportCommand, MoreCapturesThanAProcessMayOpenAreReadOneAfterTheOther) {
     for (int i = 0; i < 100; ++i) std::filesystem::create_symlink("a.pcapng", "b" + std::to_string(i) + ".pcapng");
     const ProgramResult result = Export("b*.pcapng --columns id", "ulimit -n 20; ");
@@ -454,6 +464,17 @@ TEST_F(ExportCommand, WrongUsageIsNamedBeforeAnythingIsWritten) {
     EXPECT_THAT(Fault("a.pcapng --holidays holidays"), HasSubstr("holidays:2: this is no date YYYY-MM-DD"));
     Fault("a.pcapng --to xml");
     EXPECT_FALSE(std::filesystem::exists("x.npy") || std::filesystem::exists("x.npy.zst"));
+}
+
+// A variable of a script that is not set: the whole capture would be no answer to --from "$START".
+TEST_F(ExportCommand, AnEmptyValueIsRefused) {
+    for (const std::string option : {"--from", "--until", "--holidays", "--layout", "--id", "--type", "--channel",
+                                     "--session", "--columns", "--to csv --output"}) {
+        const std::string name = option.substr(option.rfind("--"));
+        EXPECT_EQ(
+            Fault("a.pcapng " + option + " ''"),
+            "vexo: " + name + ": the value is empty; give one, or leave the option out\nSee vexo export --help\n");
+    }
 }
 
 TEST_F(ExportCommand, HelpNamesListsOnce) {

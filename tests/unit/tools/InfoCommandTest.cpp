@@ -530,5 +530,7 @@ TEST_F(InfoCommand, WrongUsageIsNamed) {
     EXPECT_THAT(Fault("a.pcapng --layout none.ini"), HasSubstr("none.ini: No such file or directory"));
     EXPECT_THAT(Fault("a.pcapng --burst 60000001"),
                 HasSubstr("--burst: 60000001 is not a whole number from 0 to 60000000"));
+    EXPECT_THAT(Fault("a.pcapng --html ''"), HasSubstr("vexo: --html: the value is empty; give one, or leave"));
+    EXPECT_THAT(Fault("a.pcapng --layout ''"), HasSubstr("vexo: --layout: the value is empty; give one, or leave"));
     EXPECT_THAT(Text("a.pcapng --top 0"), Not(HasSubstr("Busiest instruments")));
 }

@@ -73,7 +73,9 @@ void Exporter::noteId(const Row& row) {
 }
 
 void Exporter::countUnknown(const Row& row) {
-    if (row.type == kContractMap) {
+    if (!row.hasType) {
+        ++m_outcome.tooShort;
+    } else if (row.type == kContractMap) {
         ++m_outcome.maps;
     } else if (m_outcome.unknown.size() < Outcome::kMostTypes || m_outcome.unknown.count(row.type) > 0) {
         ++m_outcome.unknown[row.type];
@@ -106,6 +108,7 @@ std::string whyNoRow(const Outcome& outcome) {
     const auto add = [&](std::uint64_t count, const std::string& what) {
         if (count > 0) text += separator + std::to_string(count) + what;
     };
+    add(outcome.tooShort, " too short to have a type");
     add(outcome.maps, " of type 2 (contract maps, without quotes)");
     for (const auto& [type, count] : outcome.unknown) {
         add(count, " of type " + std::to_string(type) + " (not in the layout)");
@@ -121,6 +124,8 @@ std::string whyNoRow(const Outcome& outcome) {
 }
 
 void sayWhatIsMissing(const Outcome& outcome, const RowMaker& maker) {
+    if (outcome.tooShort > 0)
+        std::fprintf(stderr, "vexo: %llu packets are too short to have a type: left out\n", shown(outcome.tooShort));
     for (const auto& [type, count] : outcome.unknown) {
         std::fprintf(stderr,
                      "vexo: no layout describes %llu packets of type %u: left out. Give a layout with --layout, or "

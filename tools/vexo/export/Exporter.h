@@ -23,6 +23,7 @@ struct Outcome {
     std::uint64_t lastNs = 0;
     std::uint64_t rows = 0;
     std::uint64_t maps = 0;                          // contract maps, which have no quotes
+    std::uint64_t tooShort = 0;                      // packets without a type
     std::map<std::uint32_t, std::uint64_t> unknown;  // packets that no layout describes, by type
     std::uint64_t unknownOfOtherTypes = 0;
     std::array<std::uint64_t, kRejections> rejected{};  // by the filter that rejected them first
