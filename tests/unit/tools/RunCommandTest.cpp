@@ -65,6 +65,12 @@ protected:
         return Process(Run(options, program), "", "said").Wait();
     }
     std::string Said() const { return dir.Read("said"); }
+    // Says "up" after its first act, does the second one at SIGUSR1, and fails when there is a file "end".
+    static Words Script(const std::string& first, const std::string& atSignal) {
+        return {
+            "/bin/sh", "-c",
+            "trap '" + atSignal + "' USR1; " + first + "; echo >up; while [ ! -e end ]; do sleep 0.01; done; exit 1"};
+    }
     bool SaysAtLast(Process& vexo, const std::string& text) {
         return Eventually([&] { return Said().find(text) != std::string::npos || !vexo.IsRunning(); }) &&
                Said().find(text) != std::string::npos;
@@ -363,6 +369,48 @@ TEST_F(RunCommand, KeepsTheOutputWhereItIsTold) {
     EXPECT_EQ(StatusOf({"--directory", "kept", "c3.ini"}, App("end")), 0);
     EXPECT_THAT(dir.Read("kept/c3.out"), HasSubstr("Init dma channel"));
     EXPECT_NE(::access("c3.out", F_OK), 0);
+}
+
+// It passes a signal on in its loop only, after it has looked at the output for the first time.
+TEST_F(RunCommand, OutputThatIsLostWhileTheProgramRunsIsToldAtItsEnd) {
+    ASSERT_EQ(::mkdir("gone", 0755), 0);
+    Process vexo(Run({"--directory", "gone", "c3.ini"}, Script("true", "rm -r gone; exit 1")), "", "said");
+    ASSERT_TRUE(IsThereAtLast(vexo, "up")) << Said();
+    vexo.Signal(SIGUSR1);
+    EXPECT_EQ(vexo.Wait(), 4);
+    EXPECT_THAT(Said(), AllOf(HasSubstr("gone/c3.out cannot be written: No such file or directory; what the program "
+                                        "prints, the library's log too, is lost; make room\n"),
+                              HasSubstr("nobody knows why: gone/c3.out could not be written\n")));
+}
+
+// Nobody reads what it says of the start before the directory is gone.
+TEST_F(RunCommand, OutputThatIsLostFromTheBeginIsToldOnceWhileTheProgramRuns) {
+    ASSERT_EQ(::mkdir("gone", 0755), 0);
+    ASSERT_EQ(::mkfifo("told", 0600), 0);
+    const int pipe = ::open("told", O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    std::string told(4096, '-');
+    while (::write(pipe, told.data(), told.size()) > 0) {
+    }
+    const auto isToldAtLast = [&](Process& vexo, const std::string& what) {
+        return Eventually([&] {
+            char part[4096];
+            for (ssize_t n; (n = ::read(pipe, part, sizeof part)) > 0;) told.append(part, static_cast<std::size_t>(n));
+            return told.find(what) != std::string::npos || !vexo.IsRunning();
+        });
+    };
+    Process vexo(Run({"--directory", "gone", "c3.ini"}, Script("rm -r gone", "echo >signalled")), "", "told");
+    ASSERT_TRUE(IsThereAtLast(vexo, "up"));
+    EXPECT_TRUE(isToldAtLast(vexo, "started /bin/sh"));
+    vexo.Signal(SIGUSR1);
+    ASSERT_TRUE(IsThereAtLast(vexo, "signalled"));
+    isToldAtLast(vexo, "");
+    EXPECT_THAT(told, HasSubstr("gone/c3.out cannot be written: No such file or directory; "));
+    dir.Write("end", "");
+    EXPECT_EQ(vexo.Wait(), 4);
+    told.clear();
+    isToldAtLast(vexo, "");
+    EXPECT_THAT(told, AllOf(HasSubstr("gone/c3.out could not be written"), Not(HasSubstr("cannot be written"))));
+    ::close(pipe);
 }
 
 TEST_F(RunCommand, ADirectoryThatTheUserCannotWriteIsWrongUsage) {
