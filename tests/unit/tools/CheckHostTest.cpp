@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include <csignal>
 
@@ -59,6 +61,26 @@ protected:
         ::waitpid(child, &status, 0);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) <= 1);
         return WEXITSTATUS(status) == 1;
+    }
+
+    // The findings of a memory file system of this size; nothing when it cannot be mounted. The mount is a child's
+    // alone.
+    std::optional<std::string> FindingsOnADiskOf(const std::string& size) {
+        std::filesystem::create_directory("disk");
+        const pid_t child = ::fork();
+        if (child == 0) {
+            if (::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                ::mount("tmpfs", "disk", "tmpfs", 0, ("size=" + size).c_str()) == 0) {
+                Report report;
+                places.directory = "disk";
+                checkDirectory(places, report);
+                std::ofstream("findings") << asText(report, false);
+            }
+            ::_exit(0);
+        }
+        ::waitpid(child, nullptr, 0);
+        if (!std::filesystem::exists("findings")) return std::nullopt;
+        return dir.Read("findings");
     }
 
     test_support::TempDir dir;
@@ -123,6 +145,20 @@ TEST_F(CheckHost, ADiskThatIsFullIsFound) {
     checkSpace(".", 999'999, report);
     EXPECT_THAT(asText(report, false),
                 HasSubstr(".: error: 0 MB free; the log and the output are lost; make room\n1 finding\n"));
+}
+
+TEST_F(CheckHost, ADirectoryOnADiskThatIsFullIsFound) {
+    const std::optional<std::string> findings = FindingsOnADiskOf("64k");
+    if (!findings) GTEST_SKIP() << "skipped: only root can mount a small disk";
+    EXPECT_THAT(*findings,
+                HasSubstr("disk: error: 0 MB free; the log and the output are lost; make room\n1 finding\n"));
+}
+
+// Its size is no number: it takes what the memory takes.
+TEST_F(CheckHost, AFileSystemWithoutASizeIsNotFull) {
+    const std::optional<std::string> findings = FindingsOnADiskOf("0");
+    if (!findings) GTEST_SKIP() << "skipped: only root can mount a small disk";
+    EXPECT_EQ(*findings, "no findings\n");
 }
 
 TEST_F(CheckHost, ALocalTimeThatIsNotTheExchangesIsFound) {

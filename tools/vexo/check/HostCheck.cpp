@@ -160,8 +160,9 @@ void checkDirectory(const HostPlaces& places, Report& report) {
             "remove or move it, or start as its owner");
     std::error_code error;
     const std::filesystem::space_info space = std::filesystem::space(places.directory, error);
-    // Root may use what is reserved.
-    if (!error) checkSpace(places.directory, ::geteuid() == 0 ? space.free : space.available, report);
+    // Root may use what is reserved. What has no size, as memory without a limit, does not tell what is free either.
+    if (!error && space.capacity != 0)
+        checkSpace(places.directory, ::geteuid() == 0 ? space.free : space.available, report);
 }
 
 void checkSpace(const std::string& directory, std::uintmax_t bytes, Report& report) {
