@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <optional>
 
 #include "tests/support/TempDir.h"
 #include "tools/vexo/Failure.h"
@@ -32,6 +33,7 @@ class EndOfAStart : public ::testing::Test {
 protected:
     std::optional<unsigned int> card;
     std::string lost;
+    std::optional<bool> ready;  // nothing: as the output says
     Ending Judge(const std::string& output, bool isMaster = false, int status = 0) {
         dir.Write("app.out", output);
         Ended ended;
@@ -41,7 +43,7 @@ protected:
         ended.isMaster = isMaster;
         ended.card = card;
         ended.isAttached = true;
-        ended.wasReady = output.find("Init dma channel") != std::string::npos;
+        ended.wasReady = ready.value_or(output.find("Init dma channel") != std::string::npos);
         return judge(ended);
     }
     test_support::TempDir dir;
@@ -161,6 +163,24 @@ TEST_F(EndOfAStart, TheLoadersLineIsTheCauseOfStatus127) {
                 testing::Not(HasSubstr("simulated")));
     EXPECT_EQ(Judge(line + "\n", false, 7).text, "ended with status 7");
     EXPECT_TRUE(Judge("hello\n", false, 127).again);
+}
+
+// A script may start helpers that lack a library, then the application, then a command that is not there.
+TEST_F(EndOfAStart, TheLoadersLineIsNotTheCauseOnceTheStreamWasOpen) {
+    const std::string line = "./helper: error while loading shared libraries: libssl.so.9: no\n";
+    const auto expectOwnStatus = [&](const std::string& output) {
+        const Ending ending = Judge(output, false, 127);
+        EXPECT_EQ(ending.text, "ended with status 127");
+        EXPECT_TRUE(ending.again);
+        EXPECT_TRUE(ending.loaded);
+    };
+    expectOwnStatus(line + kBegin + kOpen);
+    ready = false;  // the polls were not seen
+    expectOwnStatus(line + kBegin + kOpen);
+    ready = true;  // the log does not tell
+    expectOwnStatus(line);
+    ready = false;
+    EXPECT_FALSE(Judge(line + kBegin, false, 127).again);
 }
 
 TEST_F(EndOfAStart, ASecondChannelThatFailedIsAFailedStart) {

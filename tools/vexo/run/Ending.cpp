@@ -96,10 +96,11 @@ Ending judge(const Ended& ended) {
     const check::StartEnd end = readOutput(ended.output);
     // Whatever the status: an application may have turned the library's 0 into another one.
     if (end.line != nullptr) return failedStart(end, ended);
-    const bool hasFailed = ended.isAttached && !ended.wasReady && !end.opened && !ended.wasStopped;
+    const bool wasOpen = ended.wasReady || end.opened;
+    const bool hasFailed = ended.isAttached && !wasOpen && !ended.wasStopped;
     if (hasFailed && !ended.lost.empty()) return withoutOutput(ended);
     if (status == 0) return withStatusZero(end, ended);
-    if (status == kNotFound)
+    if (status == kNotFound && !wasOpen)
         if (const LoaderLine line = loaderLine(ended.output); line.number != 0)
             return withoutLibrary(line, ended.output);
     return {false, status, true, "ended with status " + std::to_string(status)};
