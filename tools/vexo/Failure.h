@@ -14,7 +14,7 @@ struct Failure : std::runtime_error {
 };
 
 // Exit statuses of vexo itself. Once vexo has become the program, the status is the program's. 126 and 127 mean the
-// same as in a shell.
+// same as in a shell, but what fails for the moment only is kFinding: another start may help.
 inline constexpr int kFinding = cli::kFinding;
 inline constexpr int kUsage = cli::kUsage;
 inline constexpr int kNoCard = cli::kNoCard;

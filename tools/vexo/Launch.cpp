@@ -10,12 +10,21 @@
 #include "tools/vexo/show/Harmless.h"
 
 namespace vexo {
+namespace {
+
+// Memory, processes and files come back, and a program that somebody writes will be whole.
+bool isForTheMoment(int error) {
+    return error == EAGAIN || error == ENOMEM || error == EMFILE || error == ENFILE || error == ETXTBSY;
+}
+
+}  // namespace
 
 void takeProgram(const cli::Command& subcommand, const std::string& name, Invocation& invocation,
                  const std::string& notes) {
     subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]" +
                       (notes.empty() ? "" : "\n" + notes));
     cli::tellStatuses(subcommand, {{kUsage, "wrong usage, or a file that was named and cannot be read"},
+                                   {kFinding, "the program cannot be run for the moment"},
                                    {kCannotRun, "the program cannot be run"},
                                    {kNotFound, "the program is not there"},
                                    {cli::kElse, "that of the program"}});
@@ -78,7 +87,8 @@ void become(const Program& program) {
     words.push_back(nullptr);
     ::execvp(words[0], words.data());
     const int error = errno;
-    throw Failure(error == ENOENT ? kNotFound : kCannotRun, program[0] + ": " + std::strerror(error));
+    const int status = isForTheMoment(error) ? kFinding : error == ENOENT ? kNotFound : kCannotRun;
+    throw Failure(status, program[0] + ": " + std::strerror(error));
 }
 
 }  // namespace vexo

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -18,6 +19,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/hosted/HostProcess.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TempDir.h"
 #include "tests/unit/tools/Program.h"
 #include "tools/polls/PollPage.h"
@@ -65,6 +67,20 @@ protected:
         return Process(Run(options, program), "", "said").Wait();
     }
     std::string Said() const { return dir.Read("said"); }
+    // Before a command: as a user without the rights of root, whoever runs the test.
+    static std::string AsUser() {
+        return ::geteuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
+    }
+    // A word of a shell command: vexo, where that user gets to, as to the directory of the test.
+    std::string VexoForUser() const {
+        namespace fs = std::filesystem;
+        fs::permissions(dir.Path(), fs::perms(0777));
+        fs::create_directories("own/bin");
+        fs::create_directories("own/tools");
+        fs::copy_file(VEXO_COMMAND, "own/bin/vexo");
+        fs::copy_file(VEXO_POLLS_LIBRARY, "own/tools/libvexo-polls.so");
+        return capture::word(dir.Path("own/bin/vexo"));
+    }
     // Says "up" after its first act, does the second one at SIGUSR1, and fails when there is a file "end".
     static Words Script(const std::string& first, const std::string& atSignal) {
         return {
@@ -205,6 +221,46 @@ TEST_F(RunCommand, AProgramThatCannotRunEndsAsInAShell) {
     EXPECT_THAT(Said(), HasSubstr("vexo: ./none: No such file or directory\n"));
     dir.Write("text", "no program");
     EXPECT_EQ(StatusOf({"c3.ini"}, {"./text"}), 126);
+}
+
+// Status 126 would keep a service manager from starting it again.
+TEST_F(RunCommand, WhereNoProcessCanBeStartedForTheMomentALaterStartMayHelp) {
+    if (kWithThreadSanitizer) GTEST_SKIP() << "skipped: the thread sanitizer itself starts a thread";
+    // The address sanitizer would look for leaks in a process of its own.
+    const std::string limited = AsUser() + "env ASAN_OPTIONS=\"$ASAN_OPTIONS:detect_leaks=0\" prlimit --nproc=0: ";
+    if (capture::runProgram(limited + "true").status != 0 ||
+        capture::runProgram(limited + "sh -c '(:); :'").status == 0)
+        GTEST_SKIP() << "skipped: the processes of a user cannot be limited here";
+    const std::string vexo = limited + VexoForUser() + " run ";
+    const capture::ProgramResult once = capture::runProgram(vexo + "c3.ini -- /bin/true");
+    EXPECT_EQ(once.status, 1);
+    EXPECT_EQ(once.output, "vexo: no process can be started: Resource temporarily unavailable\n");
+
+    ::unlink("c3.out");
+    Process again({"/bin/sh", "-c", "exec " + vexo + "--restart --backoff 0.01 c3.ini -- /bin/sh -c 'exit 0'"}, "",
+                  "said");
+    ASSERT_TRUE(SaysAtLast(again, "starts it again in 0.02 s")) << Said();
+    EXPECT_THAT(Said(), HasSubstr("vexo run: no process can be started: Resource temporarily unavailable\n"));
+    EXPECT_NE(::access("c3.out.1", F_OK), 0) << "outputs of earlier starts give way to nothing";
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NPROC, &limit), 0);
+    const std::string most = limit.rlim_max == RLIM_INFINITY ? "unlimited" : std::to_string(limit.rlim_max);
+    const std::string raise = AsUser() + "prlimit --pid " + std::to_string(again.Id()) + " --nproc=" + most + ":";
+    ASSERT_EQ(capture::runProgram(raise).status, 0);
+    EXPECT_TRUE(SaysAtLast(again, "started /bin/sh")) << Said();
+    again.Signal(SIGTERM);
+    EXPECT_EQ(again.Wait(), 0);
+}
+
+// As while a new version is copied.
+TEST_F(RunCommand, AProgramThatIsBeingWrittenMayRunLater) {
+    std::filesystem::copy_file("/bin/true", "app");
+    const int writing = ::open("app", O_WRONLY | O_CLOEXEC);
+    if (capture::runProgram("./app").status == 0) GTEST_SKIP() << "skipped: this system runs what is being written";
+    EXPECT_EQ(StatusOf({"c3.ini"}, {"./app"}), 1);
+    EXPECT_EQ(Said(), "vexo: ./app: Text file busy\n");
+    EXPECT_EQ(Process({VEXO_COMMAND, "sim", "run", "--", "./app"}, "", "said").Wait(), 1);
+    ::close(writing);
 }
 
 TEST_F(RunCommand, AProgramThatLacksALibraryIsExplainedByTheLoadersLine) {
@@ -414,20 +470,12 @@ TEST_F(RunCommand, OutputThatIsLostFromTheBeginIsToldOnceWhileTheProgramRuns) {
 }
 
 TEST_F(RunCommand, ADirectoryThatTheUserCannotWriteIsWrongUsage) {
-    namespace fs = std::filesystem;
-    // Where a user without the rights of root gets to, whoever runs the test.
-    fs::permissions(dir.Path(), fs::perms(0755));
-    fs::create_directories("own/bin");
-    fs::copy_file(VEXO_COMMAND, "own/bin/vexo");
-    fs::create_directory("shut");
-    fs::permissions("shut", fs::perms(0555));
-    const std::string user = ::geteuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
-    const capture::ProgramResult here = capture::runProgram(
-        "cd shut; " + user + capture::word(dir.Path("own/bin/vexo")) + " run ../c3.ini -- /bin/true");
+    const std::string vexo = AsUser() + VexoForUser();
+    ASSERT_EQ(::mkdir("shut", 0555), 0);
+    const capture::ProgramResult here = capture::runProgram("cd shut; " + vexo + " run ../c3.ini -- /bin/true");
     EXPECT_EQ(here.status, 2);
     EXPECT_EQ(here.output, "vexo: c3.out: this user cannot write in the directory .; use --directory DIR\n");
-    const capture::ProgramResult there = capture::runProgram(user + capture::word(dir.Path("own/bin/vexo")) +
-                                                             " run --directory shut c3.ini -- /bin/true");
+    const capture::ProgramResult there = capture::runProgram(vexo + " run --directory shut c3.ini -- /bin/true");
     EXPECT_EQ(there.status, 2);
     EXPECT_EQ(there.output, "vexo: shut/c3.out: this user cannot write in the directory shut; use --directory DIR\n");
 }

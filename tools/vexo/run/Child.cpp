@@ -24,7 +24,8 @@ struct Pipe {
     int ends[2] = {-1, -1};
 };
 
-Failure noProcess() { return {kCannotRun, std::string("no process can be started: ") + std::strerror(errno)}; }
+// For the moment: no process, memory or descriptor is left.
+Failure noProcess() { return {kFinding, std::string("no process can be started: ") + std::strerror(errno)}; }
 
 // What the program finds at its start.
 void prepare(int output, int page, const Signals& signals) {

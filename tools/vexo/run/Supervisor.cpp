@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "tools/vexo/Failure.h"
+
 namespace vexo::run {
 namespace {
 
@@ -30,9 +32,13 @@ double secondsSince(std::chrono::time_point<Clock> then) {
 Supervisor::Supervisor(const Plan& plan, const Notifier& notifier, const Events& events)
     : m_plan(plan), m_notifier(notifier), m_events(events), m_backOff(plan.firstWait, plan.longestWait) {}
 
+Supervisor::~Supervisor() {
+    if (m_output >= 0) ::close(m_output);
+}
+
 int Supervisor::run() {
     for (;;) {
-        const Ending ending = superviseStart();
+        const Ending ending = tryStart();
         if (ending.orderly || !ending.again || !m_plan.restart || m_isLast) return ending.status;
         const double wait = m_backOff.next(m_lastRan);
         m_events.tell("restart", "starts it again in " + shortNumber(wait) + " s", {{"wait_seconds", wait}});
@@ -40,16 +46,24 @@ int Supervisor::run() {
     }
 }
 
+// Without --restart, whoever started this process may try again.
+Ending Supervisor::tryStart() {
+    try {
+        return superviseStart();
+    } catch (const Failure& failure) {
+        if (failure.status != kFinding || !m_plan.restart) throw;
+        m_lastRan = 0;
+        m_events.tell("notice", failure.what());
+        return {false, kFinding, true, failure.what()};
+    }
+}
+
 Ending Supervisor::superviseStart() {
     Start start;
-    const int output = m_plan.output.openNext();
-    try {
-        start.child = startChild(m_plan.program, output, start.page.descriptor(), m_signals);
-    } catch (...) {
-        ::close(output);
-        throw;
-    }
-    ::close(output);
+    if (m_output < 0) m_output = m_plan.output.openNext();
+    start.child = startChild(m_plan.program, m_output, start.page.descriptor(), m_signals);
+    ::close(m_output);
+    m_output = -1;
     m_events.tell("start",
                   "started " + m_plan.program.front() + " as process " + std::to_string(start.child) +
                       "; its output is in " + m_plan.output.name(),

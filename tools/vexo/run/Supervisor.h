@@ -35,6 +35,9 @@ struct Plan {
 class Supervisor {
 public:
     Supervisor(const Plan& plan, const Notifier& notifier, const Events& events);
+    ~Supervisor();
+    Supervisor(const Supervisor&) = delete;
+    Supervisor& operator=(const Supervisor&) = delete;
 
     /// @return the exit status. Throws Failure when the application cannot be started.
     int run();
@@ -57,6 +60,7 @@ private:
         Clock::time_point killAt{};
     };
 
+    Ending tryStart();
     Ending superviseStart();
     double lookEvery(const Start& start) const;
     void take(const signalfd_siginfo& signal, pid_t child);
@@ -73,6 +77,7 @@ private:
     const Events& m_events;
     Signals m_signals;
     BackOff m_backOff;
+    int m_output = -1;  // of the next start; a try that found no process leaves it empty, and it is used again
     unsigned m_starts = 0;
     double m_lastRan = 0;  // with its stream open
     bool m_stopAsked = false;
