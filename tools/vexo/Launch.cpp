@@ -23,8 +23,8 @@ void takeProgram(const cli::Command& subcommand, const std::string& name, Invoca
                  const std::string& notes) {
     subcommand.footer("Run it as:  vexo " + name + " [OPTIONS] -- PROGRAM [ARGUMENTS]" +
                       (notes.empty() ? "" : "\n" + notes));
-    cli::tellStatuses(subcommand, {{kUsage, "wrong usage, or a file that was named and cannot be read"},
-                                   {kFinding, "the program cannot be run for the moment"},
+    cli::tellStatuses(subcommand, {{kFinding, "the program cannot be run for the moment"},
+                                   {kUsage, "wrong usage, or a file that was named and cannot be read"},
                                    {kCannotRun, "the program cannot be run"},
                                    {kNotFound, "the program is not there"},
                                    {cli::kElse, "that of the program"}});

@@ -159,7 +159,7 @@ void addRun(const cli::Command& app, Invocation& invocation) {
         "Under systemd (Type=notify) it says READY=1 once the stream is open, and WATCHDOG=1 while the application "
         "polls.");
     cli::tellStatuses(run, {{cli::kFine, "the application ended in order or as asked"},
-                            {kFinding, "the start failed, also for the moment only, or polls stood still"},
+                            {kFinding, "the start failed, no process is left for it, or polls stood still"},
                             {kUsage, "wrong usage"},
                             {kNoCard, "the start failed: there is no card"},
                             {vexo::run::kUseless, "the start failed, and another one would too, or do harm"},
