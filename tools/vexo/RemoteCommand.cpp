@@ -106,7 +106,8 @@ void addRemote(const cli::Command& app, Invocation& invocation) {
         .addOption("--since", options->since,
                    "Receive the packets from this time on first, from the relay's archive: 09:00, 20261122 or "
                    "\"2026-11-22 09:00\" of the exchange's zone, or seconds since 1970")
-        .takes("TIME");
+        .takes("TIME")
+        .check(cli::notEmpty());
     runIt.addFlag("--own-registers", options->ownRegisters,
                   "Let a model in the program answer its registers, and send it a contract map");
     addServerFiles(runIt, options->connection);
