@@ -191,9 +191,10 @@ void CaptureFiles::tick(std::uint64_t nowNs) {
 }
 
 // @param needsRoom  a recorder leaves space free, but for the few bytes at the end of a file
-void CaptureFiles::writeBuffer(bool needsRoom) {
+bool CaptureFiles::writeBuffer(bool needsRoom) {
     const bool hasRoom = !needsRoom || !m_recorder || m_recorder->hasRoom(m_buffer.size(), m_nowNs);
-    if (hasRoom && writeAll(m_buffer.data(), m_buffer.size())) {
+    const bool isWritten = hasRoom && writeAll(m_buffer.data(), m_buffer.size());
+    if (isWritten) {
         m_fileBytes += m_buffer.size();
         m_described = m_interfaces.size();
         countWritten();
@@ -206,6 +207,7 @@ void CaptureFiles::writeBuffer(bool needsRoom) {
         loseBuffered();
     }
     startBuffer();
+    return isWritten;
 }
 
 void CaptureFiles::countWritten() {
@@ -270,10 +272,10 @@ bool CaptureFiles::hasUntoldCounts() const {
 
 void CaptureFiles::endFile(std::uint64_t nowNs) {
     flush();
-    const bool isTold = isOpen();
-    if (isTold) {
+    bool isTold = false;
+    if (isOpen()) {
         appendCounts(nowNs);
-        writeBuffer(false);
+        isTold = writeBuffer(false);
     }
     if (isOpen() && ::close(m_fd) != 0) {  // a network file system may report a failed write here
         reportOnce(m_writeFailureReported, "cannot write " + m_name + ": " + std::strerror(errno));
@@ -281,7 +283,7 @@ void CaptureFiles::endFile(std::uint64_t nowNs) {
     m_fd = -1;
     if (m_recorder) m_recorder->closed();
     reportLost();
-    if (!isTold) return;
+    if (!isTold) return forgetFile();
     for (Known& known : m_interfaces) {
         known.startNs = nowNs;
         known.lostBefore += known.lost;

@@ -88,7 +88,7 @@ private:
     void startBuffer();
     void appendCounts(std::uint64_t nowNs);
     void countWritten();
-    void writeBuffer(bool needsRoom);
+    bool writeBuffer(bool needsRoom);
     bool writeAll(const unsigned char* data, std::size_t size);
     void cutUnwritten();
     void forgetFile();

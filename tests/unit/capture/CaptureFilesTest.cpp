@@ -250,6 +250,43 @@ TEST_F(CaptureFilesTest, ADiskThatStaysFullUntilTheEndIsToldWithThePacketsThatIt
                                      "1 packets were lost while " + dir.Path("a.pcapng") + " could not be written"));
 }
 
+TEST_F(CaptureFilesTest, LossesForWhichTheDiskHasNoRoomAtTheEndOfAFileAreInTheNextOne) {
+    constexpr std::uint64_t kHour = 3'600'000'000'000;
+    for (const bool isAtTheEnd : {false, true}) {
+        const std::string name = isAtTheEnd ? "end" : "next";
+        CaptureFiles::Settings hourly = settings(name);
+        hourly.rotateEveryNs = kHour;
+        CaptureFiles files(hourly);
+        const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
+        files.addPacket(channel, 1, "first", 5);
+        files.flush();
+        CardCounts card;
+        card.backPressure = 5;
+        {
+            const FullDisk full(std::filesystem::file_size(dir.Path(name)));
+            for (std::uint64_t i = 2; i < 9; ++i) files.addPacket(channel, i, "lost", 4);
+            files.addLost(channel, 3);
+            files.setCard(channel, card);
+            files.tick(kHour);
+        }
+        if (!isAtTheEnd) files.addPacket(channel, kHour + 1, "kept", 4);
+        files.close(kHour + 2);
+        const ReadFile first = read(name);
+        EXPECT_FALSE(first.damage);
+        EXPECT_THAT(first.packets, SizeIs(1));
+        EXPECT_FALSE(first.interfaces[0].counts);
+        const ReadFile second = read(name + ".1");
+        ASSERT_THAT(second.interfaces, SizeIs(1)) << name;
+        ASSERT_TRUE(second.interfaces[0].counts);
+        EXPECT_EQ(second.interfaces[0].counts->startNs, 0U);
+        EXPECT_EQ(second.interfaces[0].counts->received, second.packets.size() + 10);
+        EXPECT_EQ(second.interfaces[0].counts->dropped, 10U);
+        EXPECT_EQ(second.interfaces[0].counts->card->backPressure, 5U);
+        EXPECT_EQ(files.lost(), 10U);
+        EXPECT_EQ(files.written(), first.packets.size() + second.packets.size());
+    }
+}
+
 TEST_F(CaptureFilesTest, APacketThatWasCutKeepsItsTrueSize) {
     CaptureFiles files(settings("a.pcapng"));
     const std::uint32_t channel = files.addInterface({kStreamLink, "channel 0", ""}, 0);
