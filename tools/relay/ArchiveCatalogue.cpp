@@ -18,12 +18,15 @@ constexpr std::chrono::milliseconds kBusy{2000};
 constexpr std::chrono::milliseconds kBusyRest{5};
 constexpr unsigned kMostNames = 1000;
 
+// One higher with each change of the views.
+constexpr int kSchemaVersion = 1;
+constexpr char kMode[] = "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL";
+constexpr char kDropViews[] = "DROP VIEW IF EXISTS gaps; DROP VIEW IF EXISTS files; DROP VIEW IF EXISTS counted";
+
 // One row a block. The views say the same of each file, and of each gap. What is missing in front of a block counts as
 // well, unless blocks of its epoch were removed there: only the first file of all, or one behind another epoch, shows
 // that there were none.
 constexpr char kSchema[] = R"(
-PRAGMA journal_mode = WAL;
-PRAGMA synchronous = NORMAL;
 CREATE TABLE IF NOT EXISTS blocks (
     site TEXT NOT NULL, bus INTEGER NOT NULL, channel INTEGER NOT NULL,
     number INTEGER NOT NULL, file TEXT NOT NULL, place INTEGER NOT NULL,
@@ -104,8 +107,14 @@ bool ArchiveCatalogue::open() {
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     const int status = sqlite3_open_v2(m_path.c_str(), &database, flags, nullptr);
     m_database.reset(database);
-    if (status != SQLITE_OK) return false;
-    sqlite3_busy_timeout(database, static_cast<int>(kBusy.count()));
+    if (status == SQLITE_OK && prepareOurs()) return true;
+    m_problem = database != nullptr ? sqlite3_errmsg(database) : "it cannot be opened";
+    m_database.reset();  // with the transaction that it may have begun
+    return false;
+}
+
+bool ArchiveCatalogue::prepareOurs() {
+    sqlite3_busy_timeout(m_database.get(), static_cast<int>(kBusy.count()));
     if (!makeOurs()) {
         m_isWrong = m_isWrong || isDamaged();
         return false;
@@ -119,11 +128,24 @@ bool ArchiveCatalogue::open() {
 // that read and want to write none could.
 bool ArchiveCatalogue::makeOurs() {
     const auto end = std::chrono::steady_clock::now() + kBusy;
-    while (!isOurs() || !run(kSchema)) {
+    while (!isOurs() || !run(kMode) || !makeSchema()) {
         if (sqlite3_errcode(m_database.get()) != SQLITE_BUSY || std::chrono::steady_clock::now() >= end) return false;
+        run("ROLLBACK");
         std::this_thread::sleep_for(kBusyRest);
     }
     return true;
+}
+
+// The views of an earlier version are made anew, and those of a later one stay. Another relay may do the same at this
+// moment: nobody sees a catalogue in between. What is there already is not written again.
+bool ArchiveCatalogue::makeSchema() {
+    Statement version = prepare("PRAGMA user_version");
+    if (version == nullptr || sqlite3_step(version.get()) != SQLITE_ROW) return false;
+    const bool isEarlier = sqlite3_column_int(version.get(), 0) < kSchemaVersion;
+    version.reset();
+    if (!isEarlier) return run(kSchema);
+    const std::string raise = "PRAGMA user_version = " + std::to_string(kSchemaVersion);
+    return run("BEGIN IMMEDIATE") && run(kDropViews) && run(kSchema) && run(raise.c_str()) && run("COMMIT");
 }
 
 // Not when it is only busy, or cannot be written.
@@ -185,7 +207,7 @@ bool ArchiveCatalogue::step(const Statement& statement) {
 }
 
 void ArchiveCatalogue::fail() {
-    const char* const words = m_database != nullptr ? sqlite3_errmsg(m_database.get()) : "it cannot be opened";
+    const std::string words = m_database != nullptr ? sqlite3_errmsg(m_database.get()) : m_problem;
     if (!m_isBehind) m_report(m_path + ": " + words + "; the archive goes on without it and tries again");
     m_isBehind = true;
 }

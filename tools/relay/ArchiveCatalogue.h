@@ -53,8 +53,10 @@ private:
     using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
     bool open();
+    bool prepareOurs();
     bool makeOurs();
     bool isOurs();
+    bool makeSchema();
     bool isDamaged() const;
     void putAside();
     bool read(std::vector<File>& files);
@@ -70,6 +72,7 @@ private:
     Report m_report;
     std::unique_ptr<sqlite3, Close> m_database;
     Statement m_insert;
+    std::string m_problem;   // why it is not open
     bool m_isWrong = false;  // what has its name is something else
     bool m_isBehind = false;
 };

@@ -263,6 +263,46 @@ TEST_F(RelayArchive, ACatalogueThatAnotherRelayChangesAtTheStartIsWaitedFor) {
     EXPECT_THAT(lines, IsEmpty());
 }
 
+TEST_F(RelayArchive, TheCatalogueOfAnEarlierVersionGetsThePresentViews) {
+    Start();
+    lost = 40;
+    counts.lostByRelay = 10;
+    Feed(50, 1050);
+    Close();
+    Catalogued(
+        "DROP VIEW files; DROP VIEW gaps; DROP VIEW counted; PRAGMA user_version = 0;"
+        "CREATE VIEW files AS SELECT max(\"end\") - min(first) - sum(packets) AS missing FROM blocks;"
+        "CREATE VIEW gaps AS SELECT \"end\" - first - packets AS missing FROM blocks WHERE missing > 0");
+    EXPECT_EQ(Catalogued("SELECT missing FROM files"), "0");
+    EXPECT_EQ(Catalogued("SELECT count(*) FROM gaps"), "0");
+    Start(kNextEpoch);
+    EXPECT_EQ(Catalogued("SELECT missing FROM files"), "50");
+    EXPECT_EQ(Catalogued("SELECT missing, by_relay, by_archive FROM gaps"), "50|10|40");
+    EXPECT_EQ(Catalogued("SELECT packets FROM files"), "1000");
+    EXPECT_THAT(lines, SizeIs(1)) << "which file it writes";
+}
+
+TEST_F(RelayArchive, TheViewsOfALaterVersionStay) {
+    Start();
+    Feed(0, 1000);
+    Close();
+    Catalogued("DROP VIEW files; CREATE VIEW files AS SELECT 'later' AS missing; PRAGMA user_version = 1000000");
+    Start(kNextEpoch);
+    EXPECT_EQ(Catalogued("SELECT missing FROM files"), "later");
+    EXPECT_EQ(Catalogued("PRAGMA user_version"), "1000000");
+}
+
+TEST_F(RelayArchive, ACatalogueThatCouldNotBeMadeIsMadeLater) {
+    {
+        const FullDisk full(0);
+        Start();
+        EXPECT_TRUE(IsTold("the archive goes on without it and tries again"));
+    }
+    Feed(0, 1000);
+    Close();
+    EXPECT_EQ(Catalogued("SELECT packets FROM files"), "1000");
+}
+
 TEST_F(RelayArchive, ACatalogueThatCannotBeMadeIsToldOfWithTheReason) {
     const FullDisk full(0);
     Start();
