@@ -113,9 +113,10 @@ void ArchiveFiles::tick(std::uint64_t nowNs) {
     if (isTimeOver(nowNs)) close(nowNs);
 }
 
-// What the stream counted in the time of this file, as in any capture.
+// What the stream counted in the time of this file, as in any capture. Also what was lost in the time of a file for
+// whose statistics the disk had no room.
 capture::InterfaceCounts ArchiveFiles::counts(std::uint64_t nowNs) const {
-    const std::uint64_t received = m_last.end - m_before.end;
+    const std::uint64_t received = m_last.end - m_before.end - m_untold;
     capture::InterfaceCounts counts{m_first.firstNs, nowNs, received, received - m_packets, {}};
     counts.card.emplace();
     counts.card->packets = received;
@@ -130,8 +131,12 @@ void ArchiveFiles::close(std::uint64_t nowNs) {
     if (m_packets > 0) {
         capture::BlockBuffer end;
         capture::appendStatistics(end, 0, counts(nowNs));
-        append(compress(end));
-        m_before = m_last;
+        if (append(compress(end))) {
+            m_before = m_last;
+            m_untold = 0;
+        } else {
+            m_untold += m_packets;
+        }
     }
     m_file.reset();
     m_recorder.closed();

@@ -61,10 +61,11 @@ private:
     std::string m_path;
     std::uint64_t m_number = 0;
     std::uint64_t m_bytes = 0;  // of whole frames
-    BlockFacts m_before;        // what the last file of this run ended with; its epoch begins with the run
+    BlockFacts m_before;        // what the last statistics of this run ended with; its epoch begins with the run
     BlockFacts m_first;         // of the first block of the file
     BlockFacts m_last;
     std::uint64_t m_packets = 0;  // in the file
+    std::uint64_t m_untold = 0;   // in earlier files, since the last statistics
     std::uint64_t m_lost = 0;     // since the last line about it
     bool m_isFailureTold = false;
     unsigned m_count = 0;

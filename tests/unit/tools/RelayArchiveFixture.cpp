@@ -48,12 +48,12 @@ void RelayArchive::Add(std::uint64_t first, std::uint32_t packets) {
     wire::MessageWriter writer(64 * 1024);
     for (std::uint64_t n = first; n < first + packets; ++n) {
         const wire::Packet packet = wire::PacketOf(n);
-        writer.add(TimeOf(n), packet.data(), static_cast<std::uint32_t>(packet.size()));
+        writer.add(TimeOf(n) - setBackNs, packet.data(), static_cast<std::uint32_t>(packet.size()));
     }
     wire::Head head;
     head.epoch = m_epoch;
     head.first = first;
-    head.timeNs = TimeOf(first);
+    head.timeNs = TimeOf(first) - setBackNs;
     head.mtu = 2048;
     head.counts = counts;
     head.counts.delivered = std::max(counts.delivered, first + packets);

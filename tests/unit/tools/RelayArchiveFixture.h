@@ -72,6 +72,7 @@ protected:
     std::uint64_t nowNs = kBegin;
     wire::Counts counts;
     std::uint64_t lost = 0;
+    std::uint64_t setBackNs = 0;  // so much the clock of further packets was set back
 
 private:
     void Add(std::uint64_t first, std::uint32_t packets);

@@ -89,6 +89,16 @@ std::uint64_t Walk(const ArchiveBlock& block, std::vector<std::uint64_t>& number
     return sum;
 }
 
+/// Of the stream, in a whole file of an archive.
+std::optional<capture::InterfaceCounts> StatisticsOf(const std::string& path) {
+    vexo::data::CaptureSource source(path);
+    capture::Reader reader(source.stream());
+    for (capture::Packet packet; reader.next(packet);) {
+    }
+    EXPECT_FALSE(reader.damage()) << reader.damage()->text;
+    return reader.interfaces()[0].counts;
+}
+
 void Overwrite(const std::string& path, std::uint64_t offset, const std::string& bytes) {
     std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(static_cast<std::streamoff>(offset));
@@ -376,6 +386,32 @@ TEST_F(RelayArchive, AFileBeginsAtEachFullHour) {
     Feed(0, 35'000);  // 0.35 s
     Close();
     EXPECT_EQ(Catalogued("SELECT first FROM files ORDER BY file"), "0|10000|20000|30000");
+}
+
+TEST_F(RelayArchive, LossesForWhichTheDiskHasNoRoomAtTheEndOfAFileAreInTheNextOne) {
+    settings.rotateEveryNs = 20 * kSecond;
+    Start();
+    Feed(0, 1000);
+    Tick();
+    counts.lostByRing = 4;
+    Heartbeat(1010);
+    Tick();
+    {
+        const FullDisk full(fs::file_size(Files()[0]));
+        nowNs += settings.rotateEveryNs;
+        store->tick(nowNs);
+    }
+    setBackNs -= settings.rotateEveryNs;
+    Feed(1010, 1020);
+    Close();
+    ASSERT_THAT(Files(), SizeIs(2));
+    EXPECT_FALSE(StatisticsOf(Files()[0]));
+    const auto statistics = StatisticsOf(Files()[1]);
+    ASSERT_TRUE(statistics);
+    EXPECT_EQ(statistics->received, 20U);
+    EXPECT_EQ(statistics->dropped, 10U);
+    EXPECT_EQ(statistics->card->packets, 20U);
+    EXPECT_EQ(statistics->card->backPressure, 4U);
 }
 
 TEST_F(RelayArchive, AFullDiskCostsTheArchiveAloneAndIsToldOnce) {
