@@ -119,7 +119,8 @@ bool ArchiveHistory::sendBegin(const std::string& reply, const ArchiveStore::Fou
     return flush(reply, head, end);
 }
 
-// What the request wants of a block.
+// What the request wants of a block: all from the first packet on that is not old. A clock that was set back may make
+// later ones look old; the receiver would count them as lost.
 bool ArchiveHistory::send(const std::string& reply, const ArchiveBlock& block, const wire::HistoryRequest& request,
                           wire::HistoryEnd& end) {
     const BlockFacts& facts = block.facts();
@@ -129,8 +130,10 @@ bool ArchiveHistory::send(const std::string& reply, const ArchiveBlock& block, c
         return flush(reply, head, end);
     }
     bool isSent = true;
+    bool isPast = true;
     block.forEachPacket([&](const ArchiveBlock::Packet& packet) {
-        if (!isSent || isOld(request, facts, packet)) return;
+        isPast = isPast && isOld(request, facts, packet);
+        if (!isSent || isPast) return;
         const std::uint64_t spanNs = packet.timeNs - m_message.firstTimeNs();  // huge when the clock was set back
         const bool fits = m_message.hasRoomFor(packet.size) && packet.number == head.first + m_message.packets() &&
                           spanNs < kMostSpanNs;

@@ -132,6 +132,18 @@ TEST_F(RelayHistoryLoss, BeforeTheMomentIsNotCounted) {
     EXPECT_EQ(Account(0), "received 2445 lost 667");
 }
 
+TEST_F(RelayHistoryLoss, IsNoneWhereTheClockWasSetBackInTheFirstBlock) {
+    Start();
+    Feed(0, 100);
+    setBackNs = 50 * kEvery;
+    Feed(100, 200);
+    EXPECT_EQ(Account(TimeOf(80)), "received 120 lost 0") << "the block is in no file";
+    Tick();
+    EXPECT_EQ(Account(TimeOf(80)), "received 120 lost 0") << "it is in a file";
+    Feed(200, 300);
+    EXPECT_EQ(Account(TimeOf(80)), "received 220 lost 0");
+}
+
 TEST_F(RelayHistoryLoss, WithoutAPacketIsCountedFromTheMomentOn) {
     Start();
     Feed(0, 1000);
