@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "capture/CaptureFiles.h"
 
@@ -73,6 +74,19 @@ hosted::Process RelayFixture::Start(const std::vector<std::string>& card, const 
 bool RelayFixture::IsRelaying(hosted::Process& relay, const std::string& name) const {
     const auto hasBegun = [&] { return Errors(name).find("vexo relay: channel ") != std::string::npos; };
     return hosted::Eventually([&] { return hasBegun() || !relay.IsRunning(); }) && hasBegun();
+}
+
+bool RelayFixture::HasOpened(hosted::Process& relay, const std::string& path) {
+    const auto hasOpened = [&] {
+        std::error_code gone;
+        std::filesystem::directory_iterator one("/proc/" + std::to_string(relay.Id()) + "/fd", gone);
+        for (; !gone && one != std::filesystem::directory_iterator(); one.increment(gone)) {
+            std::error_code closed;
+            if (std::filesystem::read_symlink(one->path(), closed) == path) return true;
+        }
+        return false;
+    };
+    return hosted::Eventually([&] { return hasOpened() || !relay.IsRunning(); }) && relay.IsRunning();
 }
 
 nlohmann::json RelayFixture::End(hosted::Process& relay, const std::string& name) {

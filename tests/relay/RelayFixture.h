@@ -26,6 +26,8 @@ protected:
                           const std::string& name = "relay");
     /// The first line on standard error is there: packets go.
     bool IsRelaying(hosted::Process& relay, const std::string& name = "relay") const;
+    /// It has opened this file, or opens it just now.
+    static bool HasOpened(hosted::Process& relay, const std::string& path);
     std::string Errors(const std::string& name = "relay") const { return dir.Read(name + ".err"); }
     /// Ends it as Ctrl-C does. @return what it shows at its end
     nlohmann::json End(hosted::Process& relay, const std::string& name = "relay");

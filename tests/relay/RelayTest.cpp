@@ -7,12 +7,14 @@
 
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "enyx-sim/enyx_sim.h"
 #include "sim/remote/Subjects.h"
 #include "tests/hosted/CardAccess.h"
 #include "tests/relay/Listener.h"
+#include "tests/relay/LockedCatalogue.h"
 #include "tests/relay/RelayFixture.h"
 #include "tests/remote/JumpingClock.h"
 
@@ -303,6 +305,17 @@ TEST_F(Relay, ARelayThatStartsAnewIsANewEpoch) {
         ASSERT_TRUE(listener.Until([&](const Listener::Account& a) { return a.epochs == epoch && a.packets == 100; }));
         End(relay);
     }
+}
+
+TEST_F(Relay, ASignalEndsItAtOnceWhileItsArchiveStarts) {
+    const NatsServer server;
+    WriteCapture(10, 140, 0);
+    std::filesystem::create_directory(dir.Path("archive"));
+    const LockedCatalogue locked(dir.Path("archive/catalogue.sqlite"), dir.Path("locked"));
+    Process relay = Start(Replaying("max"), {"--channel", "3", "--to", server.Url(), "--archive", dir.Path("archive")});
+    ASSERT_TRUE(HasOpened(relay, locked.Path())) << Errors();
+    relay.Signal(SIGTERM);
+    EXPECT_EQ(relay.Wait(), 128 + SIGTERM) << Errors();
 }
 
 TEST_F(Relay, ASecondOneOnTheSameSubjectIsRefusedWithTheFirstOnesName) {

@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "tests/relay/Listener.h"
+#include "tests/relay/LockedCatalogue.h"
 #include "tests/remote/EndToEndFixture.h"
 
 using hosted::Process;
@@ -235,6 +236,33 @@ TEST_F(Beside, WithoutAnApplicationASignalEndsItInOrder) {
     EXPECT_EQ(relay.Wait(), 0) << Errors();
     EXPECT_EQ(Result()["packets"], 0);
     EXPECT_EQ(Result()["confirmed"], true);
+}
+
+TEST_F(Beside, ASignalThatComesTogetherWithTheApplicationEndsItBeforeItBegins) {
+    const NatsServer server;
+    Process relay = BesideRelay(server);
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    relay.Signal(SIGSTOP);
+    Process application = Application();
+    ASSERT_TRUE(hosted::Eventually([&] { return !application.IsRunning() || !dir.Read("application.out").empty(); }));
+    relay.Signal(SIGTERM);
+    relay.Signal(SIGCONT);
+    EXPECT_EQ(relay.Wait(), 0) << Errors();
+    EXPECT_EQ(Result()["packets"], 0);
+    EXPECT_EQ(Told(", subject vexo.local.0.3.stream"), 0) << Errors();
+}
+
+TEST_F(Beside, ASignalEndsItAtOnceWhileItsArchiveStarts) {
+    const NatsServer server;
+    std::filesystem::create_directory(dir.Path("archive"));
+    const LockedCatalogue locked(dir.Path("archive/catalogue.sqlite"), dir.Path("locked"));
+    Process relay = BesideRelay(server, "relay", {"--archive", dir.Path("archive")});
+    ASSERT_TRUE(IsWaiting(relay)) << Errors();
+    Process application = Application();
+    ASSERT_TRUE(HasOpened(relay, locked.Path())) << Errors();
+    relay.Signal(SIGTERM);
+    EXPECT_EQ(relay.Wait(), 128 + SIGTERM) << Errors();
+    EXPECT_EQ(QuotesOf(application, "application").size(), kQuotes);
 }
 
 TEST_F(Beside, WithoutAnApplicationItEndsWhenTheServersRefuseIt) {

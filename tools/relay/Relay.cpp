@@ -49,6 +49,29 @@ std::string userName() {
     return user != nullptr ? user->pw_name : std::to_string(::geteuid());
 }
 
+/// While it lives, a signal ends the process at once, as in the start-up before the signals are caught: an archive may
+/// need long to read its files.
+class SignalsEndAtOnce {
+public:
+    SignalsEndAtOnce() {
+        struct sigaction action {};
+        action.sa_handler = SIG_DFL;
+        for (Caught& one : m_caught) ::sigaction(one.signal, &action, &one.before);
+    }
+    ~SignalsEndAtOnce() {
+        for (const Caught& one : m_caught) ::sigaction(one.signal, &one.before, nullptr);
+    }
+    SignalsEndAtOnce(const SignalsEndAtOnce&) = delete;
+    SignalsEndAtOnce& operator=(const SignalsEndAtOnce&) = delete;
+
+private:
+    struct Caught {
+        int signal;
+        struct sigaction before;
+    };
+    Caught m_caught[2] = {{SIGINT, {}}, {SIGTERM, {}}};
+};
+
 remote::ConnectionSettings withName(remote::ConnectionSettings settings, const remote::Place& place) {
     settings.readEnvironment();
     settings.name = "vexo relay " + subjectOf(place);
@@ -133,12 +156,12 @@ Relay::Relay(const Settings& settings)
     refuseSecond();
     tap::clock_ticks::choose();
     m_stream = openSource(settings);
+    if (!settings.beside) begin();
 }
 
 // What is told to others of the stream is known now.
 void Relay::begin() {
     const Settings& settings = m_settings;
-    if (settings.beside) refuseSecond();  // this one may have waited for an application, and another one did not
     m_page = std::make_unique<RelayPage>(settings.place.bus, settings.place.channel, m_stream->knowsPolls());
     m_facts = {randomEpoch(), m_stream->mtu(), m_stream->isSimulated() ? wire::kSimulated : 0};
     makeBatcher();
@@ -263,12 +286,20 @@ Result Relay::nothing() const {
     return result;
 }
 
+// This relay may have waited for an application while another one did not. @return false: it is over
+bool Relay::beginBeside(const std::function<bool()>& isOver) {
+    refuseSecond();
+    const SignalsEndAtOnce meanwhile;
+    if (isOver()) return false;
+    begin();
+    return true;
+}
+
 Result Relay::run(const std::atomic<bool>& stop) {
     const Clock::time_point end = Clock::now() + m_left;
     const auto isOver = [&] { return stop.load() || m_servers.isRefused() || Clock::now() >= end; };
-    if (!m_stream->wait(isOver)) return nothing();
+    if (!m_stream->wait(isOver) || (m_settings.beside && !beginBeside(isOver))) return nothing();
     m_left = end - Clock::now();
-    begin();
     say(describe());
     startSender();
     const timespec rest{static_cast<std::time_t>(m_settings.pollRestUs / 1'000'000),

@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -79,7 +80,8 @@ struct Result {
 /// One channel on its way to the network. The thread that runs it polls; a thread of its own sends.
 class Relay {
 public:
-    /// Connects, sees that no other relay publishes the same, opens the source. Throws Failure.
+    /// Connects, sees that no other relay publishes the same, opens the source. Begins, unless it must wait for an
+    /// application first. Throws Failure.
     explicit Relay(const Settings& settings);
     ~Relay();
     Relay(const Relay&) = delete;
@@ -95,6 +97,7 @@ private:
     /// "channel 3 of card 0 to nats://..., subject vexo.local.0.3.stream"
     std::string describe() const;
     void begin();
+    bool beginBeside(const std::function<bool()>& isOver);
     Result nothing() const;
     void startSender();
     void endSender();
