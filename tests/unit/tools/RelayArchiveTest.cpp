@@ -47,6 +47,7 @@ class OtherRelay {
 public:
     explicit OtherRelay(const std::string& path) {
         sqlite3_open(path.c_str(), &m_database);
+        sqlite3_busy_timeout(m_database, 2000);  // as a relay has it: somebody may read just when it ends
         EXPECT_EQ(sqlite3_exec(m_database, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
         m_thread = std::thread([this] {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
