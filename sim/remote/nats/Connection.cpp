@@ -43,17 +43,17 @@ public:
         const auto found = m_listeners.find(number);
         if (found == m_listeners.end()) return;
         if (found->second.tell) found->second.tell(event, words);
-        if (event == ConnectionEvent::kNotPermitted) found->second.knowsRefusal = true;
+        if (event == ConnectionEvent::kNotPermitted) found->second.lastRefusal = words;
     }
-    bool knowsRefusal(std::uint64_t number) {
+    std::string lastRefusal(std::uint64_t number) {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_listeners.at(number).knowsRefusal;
+        return m_listeners.at(number).lastRefusal;
     }
 
 private:
     struct Listener {
         TellEvent tell;
-        bool knowsRefusal = false;
+        std::string lastRefusal;  // that was told
     };
     std::mutex m_mutex;  // held while an event is told: after remove() nobody is told any more
     std::map<std::uint64_t, Listener> m_listeners;
@@ -74,15 +74,19 @@ void onEvent(natsConnection* connection, void* closure) {
     Listeners::instance().tell(numberOf(closure), event, serverOf(connection));
 }
 
-// In the callback that tells of it. The words are a stranger's, and may go to a terminal.
+// The servers' words are a stranger's, and may go to a terminal.
+std::string printable(std::string words) {
+    std::replace_if(
+        words.begin(), words.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return words;
+}
+
+// In the callback that tells of it.
 std::string wordsOfRefusal() {
     natsStatus last = NATS_OK;
     const char* const said = nats_GetLastError(&last);
     const bool isOfThis = said != nullptr && last == NATS_NOT_PERMITTED;
-    std::string words = isOfThis ? said : natsStatus_GetText(NATS_NOT_PERMITTED);
-    std::replace_if(
-        words.begin(), words.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return words;
+    return printable(isOfThis ? said : natsStatus_GetText(NATS_NOT_PERMITTED));
 }
 
 void onError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure) {
@@ -268,9 +272,8 @@ Connection::~Connection() {
 }
 
 bool Connection::publish(const std::string& subject, const void* data, std::size_t size) {
-    const std::uint64_t before = timesReconnected(m_connection);  // it may be back by the time that this fails
     const natsStatus status = natsConnection_Publish(m_connection, subject.c_str(), data, static_cast<int>(size));
-    if (status != NATS_OK && !isOfMessageAlone(status)) m_brokenAfter = before;
+    if (!isOfMessageAlone(status)) m_isLastUnsent = status != NATS_OK;
     return status == NATS_OK;
 }
 
@@ -280,16 +283,17 @@ bool Connection::flush(std::chrono::milliseconds wait) {
     const Clock::time_point end = Clock::now() + wait;
     const std::uint64_t before = timesReconnected(m_connection);
     if (natsConnection_FlushTimeout(m_connection, wait.count()) != NATS_OK) return false;
-    if (!isConnected() || timesReconnected(m_connection) != before || m_brokenAfter == before) return false;
+    if (!isConnected() || timesReconnected(m_connection) != before || m_isLastUnsent) return false;
     awaitRefusals(end);
     return true;
 }
 
-// They come before the server's answer to a flush, but another thread tells of them.
+// They come before the server's answer to a flush, but another thread tells of them. The engine knows the words of the
+// last one. Should it write new ones just now, they are looked at once more.
 void Connection::awaitRefusals(Clock::time_point end) const {
     const char* words = nullptr;
     while (natsConnection_GetLastError(m_connection, &words) == NATS_NOT_PERMITTED &&
-           !Listeners::instance().knowsRefusal(m_number) && Clock::now() < end)
+           Listeners::instance().lastRefusal(m_number) != printable(words) && Clock::now() < end)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 

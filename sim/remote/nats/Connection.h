@@ -82,7 +82,8 @@ public:
     /// False when the engine does not take it: it is reconnecting and its buffer is full, or the message is too large.
     bool publish(const std::string& subject, const void* data, std::size_t size);
     /// Waits until the server has seen all that was published and subscribed. What it did not permit of that has been
-    /// told then. False also when the connection is lost meanwhile, or after a publish() that failed because of it.
+    /// told then; a refusal in the same words as the last one may be told a little later. False also when the
+    /// connection is lost meanwhile, or when the last publish() failed because of it.
     bool flush(std::chrono::milliseconds wait);
     /// Messages go to @p take on a thread of their own.
     Subscription subscribe(const std::string& subject, TakeMessage take);
@@ -108,11 +109,9 @@ private:
     Connection(__natsConnection* connection, std::uint64_t number) : m_connection(connection), m_number(number) {}
     void awaitRefusals(std::chrono::steady_clock::time_point end) const;
 
-    static constexpr std::uint64_t kNever = ~std::uint64_t{0};
-
     __natsConnection* m_connection;
-    std::uint64_t m_number;                            // under which its events are told
-    std::atomic<std::uint64_t> m_brokenAfter{kNever};  // how often it had come back when a publish() failed
+    std::uint64_t m_number;                   // under which its events are told
+    std::atomic<bool> m_isLastUnsent{false};  // the last publish() failed because of the connection
 };
 
 }  // namespace vexo_sim::remote
