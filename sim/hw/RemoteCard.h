@@ -69,7 +69,7 @@ private:
         wire::HistoryEnd end;  // of the last answer
         bool hasAnswer = false;
         std::uint64_t askedNs = 0;  // when the first question was asked that has no answer yet; 0: all have one
-        std::uint64_t beginNs = 0;  // of the first packet; 0: none came
+        std::uint64_t beginNs = 0;  // time of the first packet
         std::uint64_t packets = 0;
     };
 
@@ -104,6 +104,7 @@ private:
     void followHistory(Past past);
     enum class Pulled { kAnswer, kNothing, kOver };
     Pulled pull(Past& past);
+    static void count(Past& past, const wire::Message& message);
     bool isWorthAsking(const Past& past, remote::Answer answer) const;
     bool goLive(const Past& past, bool isGivenUp);
     void tellLive(const Past& past) const;

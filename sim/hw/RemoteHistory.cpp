@@ -114,12 +114,19 @@ RemoteCard::Pulled RemoteCard::pull(Past& past) {
     past.end = got.end();
     past.request.cursor = past.end.cursor;
     for (const std::vector<unsigned char>& message : got.messages()) {
-        const wire::Head head = wire::decode(message.data(), message.size()).head;
-        if (past.beginNs == 0 && head.packets > 0) past.beginNs = head.timeNs;
-        past.packets += head.packets;
+        count(past, wire::decode(message.data(), message.size()));
         if (!put(past.channel, past.opening, message.data(), message.size())) return Pulled::kNothing;
     }
     return Pulled::kAnswer;
+}
+
+// The answer of an empty archive names no place to go on from. The next one begins at the moment again, also with
+// packets that have come live meanwhile.
+void RemoteCard::count(Past& past, const wire::Message& message) {
+    wire::forEachPacket(message, [&](const wire::PacketIn& packet) {
+        if (message.head.epoch == past.request.epoch && packet.number < past.request.next) return;
+        if (past.packets++ == 0) past.beginNs = packet.timeNs;
+    });
 }
 
 bool RemoteCard::isWorthAsking(const Past& past, remote::Answer answer) const {

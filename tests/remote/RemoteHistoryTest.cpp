@@ -42,13 +42,16 @@ protected:
     /// A program that has received the first packet. It does not poll on, so the rest of the archive's answer is on its
     /// way into the stream, and has no room there.
     void StartLate() {
+        ASSERT_NO_FATAL_FAILURE(Start());
+        ASSERT_EQ(user->Ask("receive 3 1"), "0") << user->Errors();
+    }
+    void Start() {
         user = std::make_unique<RemoteUser>(
             RemoteUser::Environment{{"VEXO_SIM_CARD", "remote"},
                                     {"VEXO_SIM_REMOTE", m_server->Url()},
                                     {"VEXO_SIM_REMOTE_SINCE", std::to_string(::time(nullptr) - 60)}},
             m_directory.Path("errors"));
         ASSERT_EQ(user->Ask("open 3"), "ok") << user->Errors();
-        ASSERT_EQ(user->Ask("receive 3 1"), "0") << user->Errors();
     }
     /// The program has received all of the archive and the first live packet. The others wait, and have no room in the
     /// stream.
@@ -126,6 +129,23 @@ TEST_F(RemoteHistory, PacketsThatCameLiveAreNotCountedAsTheArchives) {
     const std::uint64_t again = archive->Requests().back().next;
     EXPECT_GT(again, kPast) << "all live messages could wait, or they were asked for again";
     EXPECT_THAT(user->Errors(), HasSubstr(": " + std::to_string(kPast + kAll - again) + " packets since "));
+}
+
+TEST_F(RemoteHistory, TheSameWhenTheArchiveWasEmptyAtFirst) {
+    archive->SetEmpty(0);
+    ASSERT_NO_FATAL_FAILURE(Start());
+    relay->SendAll(1, kWaiting, kBatch);  // they wait for the archive, which may get packet 0
+    AwaitMessages();
+    archive->SetEmpty(1);
+    ASSERT_EQ(user->Ask("receive 3 1"), "1") << user->Errors();
+    archive->SetEnd(kAll);
+    relay->SendAll(kWaiting, kAll, kBatch);
+    AwaitMessages();
+    EXPECT_EQ(user->Ask("numbers 3 " + std::to_string(kAll - 2)), "2-359999");
+    ASSERT_TRUE(hosted::Eventually([&] { return user->Errors().find("live from here") != std::string::npos; }));
+    const std::uint64_t again = archive->Requests().back().next;
+    EXPECT_GT(again, 1U) << "all live messages could wait, or they were asked for again";
+    EXPECT_THAT(user->Errors(), HasSubstr(": " + std::to_string(kAll - again) + " packets since "));
 }
 
 }  // namespace

@@ -34,6 +34,11 @@ void ScriptedArchive::SetEnd(std::uint64_t end) {
     m_end = end;
 }
 
+void ScriptedArchive::SetEmpty(std::uint64_t next) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_begin = m_end = next;
+}
+
 void ScriptedArchive::SpoilNext() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_isNextSpoiled = true;
@@ -52,7 +57,7 @@ void ScriptedArchive::Answer(const remote::MessageIn& message) {
     wire::HistoryEnd end;
     end.head.epoch = m_epoch;
     end.head.first = m_end;
-    end.cursor = 1;
+    end.cursor = m_begin < m_end ? 1 : request.cursor;
     end.messages = std::exchange(m_isNextSpoiled, false) ? 1 : 0;
     end.isAll = true;
     wire::Head head;
@@ -60,7 +65,8 @@ void ScriptedArchive::Answer(const remote::MessageIn& message) {
     head.timeNs = request.timeNs;
     head.mtu = 8192;
     head.flags = wire::kSimulated | wire::kHistory;
-    for (head.first = request.next; head.first < m_end; head.first += kBatch, ++end.messages) {
+    for (head.first = request.cursor == 0 ? m_begin : request.next; head.first < m_end;
+         head.first += kBatch, ++end.messages) {
         const auto packets = static_cast<std::uint32_t>(std::min(kBatch, m_end - head.first));
         const wire::Packet part = wire::MessageOf(head, packets);
         m_connection->publish(message.reply, part.data(), part.size());

@@ -13,13 +13,15 @@
 namespace remote_tests {
 
 /// The archive of a relay, with as many packets as the test says: those of Messages.h, from the first one of the epoch
-/// on. Each answer has all that the request wants.
+/// on, or from where it was empty. Each answer has all that the request wants. All packets are later than its moment.
 class ScriptedArchive {
 public:
     ScriptedArchive(const std::string& server, std::uint64_t epoch);
 
     /// It has the packets up to the one before @p end from now on.
     void SetEnd(std::uint64_t end);
+    /// It has nothing, and waits for packet @p next.
+    void SetEmpty(std::uint64_t next);
     /// Of the next answer a part is lost on its way.
     void SpoilNext();
     /// All that has come so far.
@@ -30,6 +32,7 @@ private:
 
     const std::uint64_t m_epoch;
     mutable std::mutex m_mutex;
+    std::uint64_t m_begin = 0;
     std::uint64_t m_end = 0;
     bool m_isNextSpoiled = false;
     std::vector<vexo_sim::wire::HistoryRequest> m_requests;
