@@ -262,7 +262,7 @@ void RemoteCard::tellNotice(std::uint32_t channel, const remote::Notice& notice)
                         " of the format, this card reads version " + std::to_string(wire::kVersion) +
                         ": its packets are ignored. Install the same release at both ends.");
         case remote::Notice::kSecondRelay:
-            return tell("two relays send it. The one that started last is used, the other is ignored.");
+            return tell("two relays send it. One of them is used, the other is ignored.");
         case remote::Notice::kRestarted:
             return tell("the relay started anew; " + std::to_string(notice.lost) +
                         " packets are counted as lost, as back-pressure. What the card sent while no relay ran is not "

@@ -45,6 +45,11 @@ Notice Receiver::ignore(Notice notice) {
     return isTold ? Notice{} : notice;
 }
 
+// Two relays may run when the stream is opened. Within this time both have sent: what they sent before is not lost.
+bool Receiver::isBeginning(std::uint64_t nowNs) const {
+    return !m_hasBegun && (!m_firstHeardNs || nowNs - *m_firstHeardNs < kSilentNs);
+}
+
 // The run that the message belongs to becomes the present one, unless the message is to be ignored.
 bool Receiver::choose(const wire::Head& head, std::uint64_t nowNs, Notice& notice) {
     Run* const run = find(head.epoch);
@@ -57,7 +62,7 @@ bool Receiver::choose(const wire::Head& head, std::uint64_t nowNs, Notice& notic
         m_run = run;
         return true;
     }
-    if (m_run == nullptr) {
+    if (m_run == nullptr || isBeginning(nowNs)) {
         m_run = &add(head, false);
         return true;
     }
@@ -113,6 +118,8 @@ Notice Receiver::receive(Card& card, const void* data, std::size_t size, std::ui
     Notice notice;
     if (!choose(head, nowNs, notice)) return notice;
     m_heardNs = nowNs;
+    if (!m_firstHeardNs) m_firstHeardNs = nowNs;
+    m_hasBegun = m_hasBegun || head.packets > 0 || (head.flags & wire::kHistory) != 0;
 
     UpStreamState& stream = card.state().up[m_channel];
     if (notice.kind == Notice::kRestarted) remote::add(stream.backPressure, notice.lost - head.first);

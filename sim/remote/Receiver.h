@@ -73,6 +73,7 @@ private:
     Notice ignore(Notice notice);
     Run* find(std::uint64_t epoch);
     Run& add(const wire::Head& head, bool isNew);
+    bool isBeginning(std::uint64_t nowNs) const;
     bool choose(const wire::Head& head, std::uint64_t nowNs, Notice& notice);
     void count(UpStreamState& stream, const wire::Counts& counts);
     bool deliver(Card& card, const wire::PacketIn& packet);
@@ -83,7 +84,9 @@ private:
     std::size_t m_oldest = 0;  // run that the next new one replaces
     Run* m_run = nullptr;      // the present one
     wire::Message m_held;      // the message that is being delivered; no bytes when it is done
+    std::optional<std::uint64_t> m_firstHeardNs;
     std::uint64_t m_heardNs = 0;
+    bool m_hasBegun = false;  // packets came, or the archive's counts
     std::uint64_t m_ignored = 0;
     std::array<bool, Notice::kEnd> m_isTold{};
 };

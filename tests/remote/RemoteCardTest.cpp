@@ -127,7 +127,7 @@ TEST_F(RemoteCard, ARelayThatStartsAnewIsAGapWithACountAndALine) {
                                           "ran is not counted."));
 }
 
-TEST_F(RemoteCard, OfTwoRelaysTheOneThatStartedLastIsUsedAndALineSaysSo) {
+TEST_F(RemoteCard, ARelayThatStartsBesideAnotherIsUsedAndALineTellsOfTwo) {
     ScriptedRelay first(Server().Url(), kRun);
     const auto user = User();
     ASSERT_EQ(user->Ask("open 3"), "ok");
@@ -142,8 +142,8 @@ TEST_F(RemoteCard, OfTwoRelaysTheOneThatStartedLastIsUsedAndALineSaysSo) {
         second.Send(sent, 1);
         first.Send(5 + sent++, 1);
         return Count(user->Errors(),
-                     "channel 3 of the remote card at bus 0: two relays send it. The one that started "
-                     "last is used, the other is ignored.\n") == 1;
+                     "channel 3 of the remote card at bus 0: two relays send it. One of them is used, "
+                     "the other is ignored.\n") == 1;
     }));
 }
 

@@ -169,6 +169,46 @@ TEST_F(ReceiverTest, ASecondRelayOfTheSameChannelIsIgnoredAndToldOfOnce) {
     EXPECT_THAT(numbers(), ElementsAre(0, 0, 1));
 }
 
+TEST_F(ReceiverTest, OfTwoRelaysThatRunAtTheOpeningNoEarlierPacketIsLost) {
+    counts.delivered = 7;
+    greet(kSecondRun, 3);
+    counts.delivered = 5'000'001;
+    EXPECT_EQ(receive(kFirstRun, 5'000'000, 1).kind, Notice::kNothing);
+    EXPECT_EQ(receive(kSecondRun, 3, 1).kind, Notice::kSecondRelay);
+    EXPECT_THAT(numbers(), ElementsAre(5'000'000));
+    EXPECT_EQ(lost(), 0U);
+}
+
+TEST_F(ReceiverTest, TheSameWhenTheOtherOneOnlyHadAHeartbeat) {
+    greet(kSecondRun, 3);
+    receive(kSecondRun, 3, 0);
+    nowNs += kSecond / 10;
+    EXPECT_EQ(receive(kFirstRun, 5'000'000, 1).kind, Notice::kNothing);
+    EXPECT_EQ(lost(), 0U);
+}
+
+TEST_F(ReceiverTest, ARelayThatWasIdleForLongAndStartsAnewIsAGapWithACount) {
+    receive(kFirstRun, 0, 0);
+    nowNs += kSecond;
+    receive(kFirstRun, 0, 0);
+    const Notice notice = receive(kSecondRun, 2, 1);
+    EXPECT_EQ(notice.kind, Notice::kRestarted);
+    EXPECT_EQ(notice.lost, 2U);
+    EXPECT_EQ(lost(), 2U);
+}
+
+TEST_F(ReceiverTest, ARunOfWhichTheArchiveHasOnlyLossesIsNoSecondRelay) {
+    wire::Head losses = head(kFirstRun, 10);
+    losses.flags = wire::kHistory;
+    losses.counts.delivered = 14;
+    receive(wire::MessageOf(losses, 0));
+    wire::Head next = head(kSecondRun, 2);
+    next.flags = wire::kHistory;
+    const Notice notice = receive(wire::MessageOf(next, 1));
+    EXPECT_EQ(notice.kind, Notice::kRestarted);
+    EXPECT_EQ(notice.lost, 4U + 2U);
+}
+
 TEST_F(ReceiverTest, AnEarlierRelayGoesOnWhenTheLaterOneIsSilent) {
     receive(kFirstRun, 0, 1);
     receive(kSecondRun, 0, 1);
