@@ -171,6 +171,7 @@ int RemoteCard::take(CardPart stream) {
 
 // The subscription comes first: what the relay sends after its answer to the hello then arrives, or is missed.
 void RemoteCard::join(std::uint32_t channel, std::uint32_t opening) {
+    m_hasJoined[channel] = true;
     if (!m_transport.subscribe(remote::streamSubject(place(channel)), channel, opening)) {
         capture::printError(
             "libenyx-hw-c: the remote card at bus %u cannot subscribe to channel %u: its stream stays "
@@ -272,11 +273,21 @@ void RemoteCard::tellNotice(std::uint32_t channel, const remote::Notice& notice)
     }
 }
 
-// When the card greets all relays, its user may be allowed to ask some of them alone. An opened stream asks for what it
-// needs itself.
+// When the card greets all relays, its user may be allowed to ask some of them alone. The refusals of the others may
+// come long after the answer that ends the greeting.
+bool RemoteCard::isOfGreetingAlone(const std::string& words) const {
+    for (std::uint32_t channel = 0; channel < kStreams; ++channel) {
+        const std::string hello = '"' + remote::helloSubject(place(channel)) + '"';
+        if (!m_hasJoined[channel] && words.find(hello) != std::string::npos) return true;
+    }
+    return false;
+}
+
+// An opened stream asks for what it needs itself.
 void RemoteCard::tellRefusal(const std::string& words) {
-    ++m_refused;
-    if (m_isGreeting || !m_refusals.isWorthTelling(words)) return;
+    const bool isNeeded = !isOfGreetingAlone(words);
+    if (m_isGreeting || isNeeded) ++m_refused;
+    if (m_isGreeting || !isNeeded || !m_refusals.isWorthTelling(words)) return;
     capture::printError("libenyx-hw-c: the servers refuse what the remote card at bus %u needs: %s\n", m_bus,
                         words.c_str());
 }

@@ -99,6 +99,7 @@ private:
     void tellOfChannel(std::uint32_t channel, const std::string& text) const;
 
     void tellRefusal(const std::string& words);
+    bool isOfGreetingAlone(const std::string& words) const;
 
     void startHistory(const Past& past);
     void followHistory(Past past);
@@ -123,7 +124,8 @@ private:
     std::atomic<bool> m_isRefusalTold{false};
     std::atomic<bool> m_isSlowTold{false};
     std::atomic<bool> m_isGreeting{true};
-    std::atomic<std::uint32_t> m_refused{0};  // what the servers did not permit, times
+    std::array<std::atomic<bool>, kStreams> m_hasJoined{};
+    std::atomic<std::uint32_t> m_refused{0};  // times; of the greeting's hellos those that were told while it lasted
     remote::Refusals m_refusals;              // used where the transport tells its events, one at a time
     std::atomic<bool> m_isEnding{false};
     std::mutex m_historyMutex;

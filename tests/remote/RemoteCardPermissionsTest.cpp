@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -16,6 +17,7 @@ namespace {
 
 using test_support::NatsServer;
 using test_support::TempDir;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -95,6 +97,42 @@ TEST_F(RemoteCardWithPermissions, ThoseOfThePageAreEnough) {
     EXPECT_THAT(user->Errors(), HasSubstr("a remote card of alice@colo-1"));
     EXPECT_THAT(user->Errors(), HasSubstr("its relay keeps no archive"));
     EXPECT_THAT(m_server->Log(), Not(HasSubstr("Violation")));
+}
+
+/// The user of the card may ask the relays of channels 3 and 4 alone. That of channel 3 is there, and its answer comes
+/// before the refusals.
+class RemoteCardWithLateRefusals : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const std::string folder = m_directory.Path("card");
+        std::filesystem::create_directory(folder);
+        std::filesystem::copy(VEXO_CARD_LIBRARY, folder);
+        std::filesystem::copy(VEXO_LATE_REFUSALS, folder + "/libvexo-remote.so");
+        user = std::make_unique<RemoteUser>(
+            RemoteUser::Environment{
+                {"LD_LIBRARY_PATH", folder}, {"VEXO_SIM_CARD", "remote"}, {"VEXO_SIM_REMOTE", "nats://127.0.0.1:1"}},
+            m_directory.Path("errors"));
+    }
+
+    TempDir m_directory;
+    std::unique_ptr<RemoteUser> user;
+};
+
+TEST_F(RemoteCardWithLateRefusals, AreSilentAboutChannelsThatNobodyHasOpened) {
+    ASSERT_EQ(user->Ask("open 3"), "ok");
+    EXPECT_THAT(user->Errors(), HasSubstr("a remote card of alice@colo-1"));
+    EXPECT_THAT(user->Errors(), Not(HasSubstr("refuse")));
+    ASSERT_EQ(user->Ask("open 5"), "ok");
+    EXPECT_THAT(user->Errors(),
+                EndsWith("libenyx-hw-c: the servers refuse what the remote card at bus 0 needs: Permissions Violation "
+                         "for Publish to \"vexo.local.0.5.hello\"\n"));
+}
+
+TEST_F(RemoteCardWithLateRefusals, DoNotHideThatNoRelayAnswers) {
+    ASSERT_EQ(user->Ask("open 4"), "ok");
+    EXPECT_THAT(user->Errors(), EndsWith("no relay answers for channel 4 of site local, bus 0 within a second: the "
+                                         "stream is idle until one sends.\n"));
+    EXPECT_THAT(user->Errors(), Not(HasSubstr("refuse")));
 }
 
 }  // namespace
