@@ -126,9 +126,8 @@ TEST_F(RemoteHistory, PacketsThatCameLiveAreNotCountedAsTheArchives) {
     EXPECT_EQ(user->Ask("numbers 3 " + std::to_string(kAll - kPast - 1)), "30001-359999");
     ASSERT_TRUE(hosted::Eventually([&] { return user->Errors().find("live from here") != std::string::npos; }));
     // The archive gave the past, and what follows the live packets that had no successor.
-    const std::uint64_t again = archive->Requests().back().next;
-    EXPECT_GT(again, kPast) << "all live messages could wait, or they were asked for again";
-    EXPECT_THAT(user->Errors(), HasSubstr(": " + std::to_string(kPast + kAll - again) + " packets since "));
+    EXPECT_GT(archive->Requests().back().next, kPast) << "all live messages could wait, or they were asked for again";
+    EXPECT_THAT(user->Errors(), HasSubstr(": " + std::to_string(archive->Given()) + " packets since "));
 }
 
 TEST_F(RemoteHistory, TheSameWhenTheArchiveWasEmptyAtFirst) {
@@ -143,9 +142,8 @@ TEST_F(RemoteHistory, TheSameWhenTheArchiveWasEmptyAtFirst) {
     AwaitMessages();
     EXPECT_EQ(user->Ask("numbers 3 " + std::to_string(kAll - 2)), "2-359999");
     ASSERT_TRUE(hosted::Eventually([&] { return user->Errors().find("live from here") != std::string::npos; }));
-    const std::uint64_t again = archive->Requests().back().next;
-    EXPECT_GT(again, 1U) << "all live messages could wait, or they were asked for again";
-    EXPECT_THAT(user->Errors(), HasSubstr(": " + std::to_string(kAll - again) + " packets since "));
+    EXPECT_GT(archive->Requests().back().next, 1U) << "all live messages could wait, or they were asked for again";
+    EXPECT_THAT(user->Errors(), HasSubstr(": " + std::to_string(archive->Given()) + " packets since "));
 }
 
 }  // namespace

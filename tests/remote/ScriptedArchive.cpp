@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <numeric>
 #include <stdexcept>
 #include <utility>
 
@@ -49,6 +50,12 @@ std::vector<wire::HistoryRequest> ScriptedArchive::Requests() const {
     return m_requests;
 }
 
+std::uint64_t ScriptedArchive::Given() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto add = [](std::uint64_t sum, const auto& given) { return sum + given.second; };
+    return std::accumulate(m_given.begin(), m_given.end(), std::uint64_t{0}, add);
+}
+
 void ScriptedArchive::Answer(const remote::MessageIn& message) {
     wire::HistoryRequest request;
     if (message.reply == nullptr || !wire::decodeHistoryRequest(message.data, message.size, request)) return;
@@ -59,18 +66,22 @@ void ScriptedArchive::Answer(const remote::MessageIn& message) {
     end.head.first = m_end;
     end.cursor = m_begin < m_end ? 1 : request.cursor;
     end.messages = std::exchange(m_isNextSpoiled, false) ? 1 : 0;
-    end.isAll = true;
     wire::Head head;
     head.epoch = m_epoch;
     head.timeNs = request.timeNs;
     head.mtu = 8192;
     head.flags = wire::kSimulated | wire::kHistory;
-    for (head.first = request.cursor == 0 ? m_begin : request.next; head.first < m_end;
-         head.first += kBatch, ++end.messages) {
-        const auto packets = static_cast<std::uint32_t>(std::min(kBatch, m_end - head.first));
-        const wire::Packet part = wire::MessageOf(head, packets);
+    std::uint64_t next = request.cursor == 0 ? m_begin : request.next;
+    const std::uint64_t begin = std::max(next, request.next);
+    for (std::size_t bytes = 0; next < m_end && bytes <= request.mostBytes; ++end.messages) {
+        head.first = next;
+        next = std::min(next + kBatch, m_end);
+        const wire::Packet part = wire::MessageOf(head, static_cast<std::uint32_t>(next - head.first));
         m_connection->publish(message.reply, part.data(), part.size());
+        bytes += part.size();
     }
+    end.isAll = next >= m_end;
+    if (next > begin) m_given[begin] = next - begin;
     const std::vector<unsigned char> last = wire::encodeHistoryEnd(end);
     m_connection->publish(message.reply, last.data(), last.size());
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,7 +14,7 @@
 namespace remote_tests {
 
 /// The archive of a relay, with as many packets as the test says: those of Messages.h, from the first one of the epoch
-/// on, or from where it was empty. Each answer has all that the request wants. All packets are later than its moment.
+/// on, or from where it was empty. Each answer has as much as the request wants. All packets are later than its moment.
 class ScriptedArchive {
 public:
     ScriptedArchive(const std::string& server, std::uint64_t epoch);
@@ -27,6 +28,10 @@ public:
     /// All that has come so far.
     std::vector<vexo_sim::wire::HistoryRequest> Requests() const;
 
+    /// Packets that it has answered with, but for those that the questioner had. A question that came again because its
+    /// answer was late counts once.
+    std::uint64_t Given() const;
+
 private:
     void Answer(const vexo_sim::remote::MessageIn& message);
 
@@ -36,6 +41,7 @@ private:
     std::uint64_t m_end = 0;
     bool m_isNextSpoiled = false;
     std::vector<vexo_sim::wire::HistoryRequest> m_requests;
+    std::map<std::uint64_t, std::uint64_t> m_given;  // packets, by the number from which on they were asked for
     std::unique_ptr<vexo_sim::remote::Connection> m_connection;
     vexo_sim::remote::Subscription m_subscription;
 };
